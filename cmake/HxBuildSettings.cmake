@@ -1,0 +1,44 @@
+# Warnings and sanitizers: one place for every target of this project.
+
+option(HX_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
+set(HX_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them (address,undefined or thread)")
+option(HX_COVERAGE "Record test coverage" OFF)
+
+if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
+endif()
+
+find_package(Threads REQUIRED)
+
+function(hx_target_settings target)
+  target_compile_features(${target} PRIVATE cxx_std_20)
+  set_target_properties(${target} PROPERTIES
+    CXX_EXTENSIONS OFF
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    POSITION_INDEPENDENT_CODE ON)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+  if(HX_WARNINGS_AS_ERRORS)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+  if(HX_SANITIZE)
+    target_compile_options(${target} PRIVATE -fsanitize=${HX_SANITIZE} -fno-sanitize-recover=all
+                                             -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=${HX_SANITIZE})
+  endif()
+  if(HX_COVERAGE)
+    target_compile_options(${target} PRIVATE --coverage)
+    target_link_options(${target} PRIVATE --coverage)
+  endif()
+endfunction()
+
+# A shared library with an include folder that its users need as well. Its headers stay usable
+# from C++17.
+function(hx_shared_library target include_dir)
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${include_dir}>)
+  target_compile_features(${target} PUBLIC cxx_std_17)
+  hx_target_settings(${target})
+  set_target_properties(${target} PROPERTIES
+    VERSION ${HxCompactFile_VERSION}
+    SOVERSION ${HxCompactFile_VERSION_MAJOR})
+endfunction()

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include "HxPlatformExport.h"
+
+namespace Zarn {
+
+/// The system calls that the file classes make, each with the contract of the call it is named
+/// after. A test replaces entries to count calls or to make the n-th one fail; it does so while no
+/// other thread uses a file.
+struct FileSyscalls {
+  int (*open)(const char* path, int flags, mode_t mode);
+  int (*close)(int fd);
+  ssize_t (*pread)(int fd, void* buffer, size_t size, off_t position);
+  ssize_t (*pwrite)(int fd, const void* buffer, size_t size, off_t position);
+  ssize_t (*preadv)(int fd, const iovec* parts, int count, off_t position);
+  ssize_t (*pwritev)(int fd, const iovec* parts, int count, off_t position);
+  int (*fstat)(int fd, struct stat* status);
+  int (*stat)(const char* path, struct stat* status);
+  off_t (*lseek)(int fd, off_t position, int whence);
+  int (*ftruncate)(int fd, off_t length);
+  int (*fallocate)(int fd, int mode, off_t position, off_t length);
+  int (*fdatasync)(int fd);
+  int (*fsync)(int fd);
+  int (*mkdir)(const char* path, mode_t mode);
+  int (*unlink)(const char* path);
+  int (*link)(const char* from, const char* to);
+  int (*rename)(const char* from, const char* to);
+  /// renameat2 with RENAME_NOREPLACE, relative to the working directory.
+  int (*renameNoReplace)(const char* from, const char* to);
+};
+
+/// The table in use: at first the kernel's own calls.
+HX_PLATFORM_API FileSyscalls& GetFileSyscalls();
+
+}  // namespace Zarn

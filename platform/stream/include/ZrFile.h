@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+#include "HxPlatformExport.h"
+#include "PelmUnicodeString.h"
+
+namespace Zarn {
+
+/// Paths and what lies at them. Only '/' separates components. A path reaches the kernel as UTF-8;
+/// an empty one, or one with a NUL inside, names nothing.
+class HX_PLATFORM_API ZrFile {
+ public:
+  /// From the last dot of the last component on, dot included; empty if it has no dot.
+  static PelmUnicodeString GetExt(const PelmUnicodeString& path);
+  /// Everything up to and including the last '/'; empty for a bare name.
+  static PelmUnicodeString GetDir(const PelmUnicodeString& path);
+  /// The last component.
+  static PelmUnicodeString GetName(const PelmUnicodeString& path);
+
+  static bool IsExist(const PelmUnicodeString& path);
+  /// Makes a directory and its missing parents; what exists already is fine.
+  static bool MkDirEx(const PelmUnicodeString& path);
+  /// Removes a file of any kind but never a directory.
+  static bool Delete(const PelmUnicodeString& path);
+
+  /// The path as the kernel takes it; false for one that names nothing.
+  static bool ToNative(const PelmUnicodeString& path, std::string& native);
+};
+
+}  // namespace Zarn

@@ -1,0 +1,98 @@
+#pragma once
+
+#include <cstdint>
+
+#include "HxPlatformExport.h"
+#include "PelmUnicodeString.h"
+#include "ZrByteArray.h"
+
+namespace Zarn {
+
+/// An open regular file: what ZrFile32 and ZrFile64 have in common, which is everything.
+///
+/// Offsets are 64-bit. There is no buffer in this process: a successful write is in the kernel and
+/// survives the death of the process (not the loss of power; see Sync). Transfers are complete or
+/// fail: interrupted and short system calls are carried on. The calls with a position of their own
+/// (`...At`, `...Parts`) neither use nor move the stream's position, and several threads may make
+/// them at once; everything else is for one thread at a time.
+class HX_PLATFORM_API ZrFileStream {
+ public:
+  /// Directions of Open.
+  static constexpr unsigned int kRead = 2;
+  static constexpr unsigned int kReadWrite = 3;
+
+  ZrFileStream() = default;
+  ~ZrFileStream() { Close(); }
+  ZrFileStream(const ZrFileStream&) = delete;
+  ZrFileStream& operator=(const ZrFileStream&) = delete;
+
+  /// Opens an existing regular file; never creates, truncates or waits (a FIFO fails). Closes
+  /// what was open before, also when it fails.
+  bool Open(const PelmUnicodeString& path, unsigned int direction);
+  /// False if nothing was open.
+  bool Close();
+  bool IsOpen() const { return m_fd >= 0; }
+  /// True while open on a descriptor that cannot write.
+  bool IsReadOnly() const { return IsOpen() && m_readOnly; }
+  /// True if `path` names the very file that is open here.
+  bool IsSameFile(const PelmUnicodeString& path) const;
+
+  void Seek(std::uint64_t position) { m_position = position; }
+  std::uint64_t GetPosition() const { return m_position; }
+  /// Bytes from the position to the end of the file, at most `size`; returns how many, and
+  /// advances by as many.
+  std::uint64_t Read(void* buffer, std::uint64_t size);
+  /// Writes all bytes at the position and advances, or fails and stays.
+  bool Write(const void* buffer, std::uint64_t size);
+
+  /// Exactly `size` bytes, or false.
+  bool ReadAt(std::uint64_t position, void* buffer, std::uint64_t size) const;
+  bool WriteAt(std::uint64_t position, const void* buffer, std::uint64_t size);
+  /// Two buffers filled one after the other from one place, in one system call. Returns how many
+  /// bytes came: fewer than asked at the end of the file, or after an error.
+  std::uint64_t ReadParts(std::uint64_t position, void* head, std::uint64_t headSize, void* body,
+                          std::uint64_t bodySize) const;
+  /// The contents of two buffers, one after the other, in one system call.
+  bool WriteParts(std::uint64_t position, const void* head, std::uint64_t headSize,
+                  const void* body, std::uint64_t bodySize);
+
+  /// Length in bytes; false on a stream that is not open.
+  bool GetLength(std::uint64_t& length) const;
+  /// Truncates, or extends by bytes that read as zero.
+  bool SetLength(std::uint64_t length);
+  /// Makes `size` bytes from `position` on read as zero and takes the room for them, so that a
+  /// full disk shows here. What lies beyond the end of the file is reserved without being written
+  /// where the file system can do that.
+  bool ZeroFill(std::uint64_t position, std::uint64_t size);
+  /// The first position at or after `position` that does not lie in a hole; the length of the
+  /// file if only a hole follows. Without knowledge of holes, `position` itself.
+  std::uint64_t NextData(std::uint64_t position) const;
+
+  /// There is nothing to hand over; true while open.
+  bool Flush() { return IsOpen(); }
+  /// Waits until what was written would survive a loss of power.
+  bool Sync();
+
+  /// The whole file into `data`; false, too, if the file becomes shorter meanwhile.
+  bool Load(ZrByteArray& data) const;
+  /// Makes `data` the whole contents of the file.
+  bool Save(const ZrByteArray& data);
+
+  /// Reverse the bytes of one value of 2, 4 or 8 bytes in place.
+  static void Swap2Byte(void* value);
+  static void Swap4Byte(void* value);
+  static void Swap8Byte(void* value);
+
+ private:
+  friend class ZrNewFile;
+
+  /// Takes over a descriptor; false, and it is closed, if it is not a regular file's.
+  bool Attach(int fd, bool readOnly);
+  bool WriteZeros(std::uint64_t position, std::uint64_t size);
+
+  int m_fd = -1;
+  bool m_readOnly = false;
+  std::uint64_t m_position = 0;
+};
+
+}  // namespace Zarn

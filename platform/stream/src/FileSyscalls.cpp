@@ -1,0 +1,37 @@
+#include "FileSyscalls.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace Zarn {
+namespace {
+
+FileSyscalls g_syscalls = {
+    [](const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); },
+    ::close,
+    ::pread,
+    ::pwrite,
+    ::preadv,
+    ::pwritev,
+    ::fstat,
+    ::stat,
+    ::lseek,
+    ::ftruncate,
+    ::fallocate,
+    ::fdatasync,
+    ::fsync,
+    ::mkdir,
+    ::unlink,
+    ::link,
+    ::rename,
+    [](const char* from, const char* to) {
+      return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
+    },
+};
+
+}  // namespace
+
+FileSyscalls& GetFileSyscalls() { return g_syscalls; }
+
+}  // namespace Zarn

@@ -1,0 +1,69 @@
+#include "ZrFile.h"
+
+#include <cerrno>
+
+#include "FileSyscalls.h"
+
+namespace Zarn {
+namespace {
+
+std::size_t NameStart(std::u16string_view path) {
+  const std::size_t slash = path.rfind(u'/');
+  return slash == path.npos ? 0 : slash + 1;
+}
+
+PelmUnicodeString Piece(std::u16string_view units) { return {units.data(), units.size()}; }
+
+bool IsDirectory(const std::string& path) {
+  struct stat status;
+  return GetFileSyscalls().stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool MakeDirectories(const std::string& path) {
+  constexpr mode_t kMode = 0777;  // the process's umask narrows it
+  if (GetFileSyscalls().mkdir(path.c_str(), kMode) == 0) return true;
+  if (errno != ENOENT) return IsDirectory(path);
+  const std::size_t nameEnd = path.find_last_not_of('/');
+  const std::size_t slash = nameEnd == path.npos ? path.npos : path.rfind('/', nameEnd);
+  if (slash == path.npos || slash == 0 || !MakeDirectories(path.substr(0, slash))) return false;
+  return GetFileSyscalls().mkdir(path.c_str(), kMode) == 0 || IsDirectory(path);
+}
+
+}  // namespace
+
+PelmUnicodeString ZrFile::GetExt(const PelmUnicodeString& path) {
+  const std::u16string_view name = path.GetUnits().substr(NameStart(path.GetUnits()));
+  const std::size_t dot = name.rfind(u'.');
+  return dot == name.npos ? PelmUnicodeString() : Piece(name.substr(dot));
+}
+
+PelmUnicodeString ZrFile::GetDir(const PelmUnicodeString& path) {
+  return Piece(path.GetUnits().substr(0, NameStart(path.GetUnits())));
+}
+
+PelmUnicodeString ZrFile::GetName(const PelmUnicodeString& path) {
+  return Piece(path.GetUnits().substr(NameStart(path.GetUnits())));
+}
+
+bool ZrFile::IsExist(const PelmUnicodeString& path) {
+  std::string native;
+  struct stat status;
+  return ToNative(path, native) && GetFileSyscalls().stat(native.c_str(), &status) == 0;
+}
+
+bool ZrFile::MkDirEx(const PelmUnicodeString& path) {
+  std::string native;
+  return ToNative(path, native) && MakeDirectories(native);
+}
+
+bool ZrFile::Delete(const PelmUnicodeString& path) {
+  std::string native;
+  return ToNative(path, native) && GetFileSyscalls().unlink(native.c_str()) == 0;
+}
+
+bool ZrFile::ToNative(const PelmUnicodeString& path, std::string& native) {
+  native = path.ToUtf8();
+  return !native.empty() && native.find('\0') == native.npos;
+}
+
+}  // namespace Zarn

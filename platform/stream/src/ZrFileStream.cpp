@@ -1,0 +1,230 @@
+#include "ZrFileStream.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <string>
+
+#include "FileSyscalls.h"
+#include "ZrFile.h"
+
+namespace Zarn {
+namespace {
+
+// Repeats a system call while a signal interrupts it.
+template <typename Call>
+auto Uninterrupted(Call call) {
+  decltype(call()) result;
+  do result = call();
+  while (result < 0 && errno == EINTR);
+  return result;
+}
+
+// Descriptors 0 to 2 belong to the standard streams: a program that has closed one of them may
+// still print there, and must not print into a container.
+int AboveStandardStreams(int fd) {
+  constexpr int kFirstFree = 3;
+  if (fd < 0 || fd >= kFirstFree) return fd;
+  const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, kFirstFree);
+  GetFileSyscalls().close(fd);
+  return moved;
+}
+
+off_t Offset(std::uint64_t position) { return static_cast<off_t>(position); }
+
+// Moves all bytes of the parts with repeated calls of `transfer`. Returns how many were moved:
+// fewer than asked when a call fails or moves nothing. Positions beyond the largest offset are
+// refused here, so that none reaches the kernel as a negative number.
+template <typename Transfer>
+std::uint64_t TransferParts(std::uint64_t position, iovec first, iovec second, Transfer transfer) {
+  const std::uint64_t wanted = std::uint64_t{first.iov_len} + second.iov_len;
+  if (position > INT64_MAX || wanted > INT64_MAX - position) return 0;
+  std::uint64_t done = 0;
+  while (done < wanted) {
+    iovec rest[2] = {first, second};
+    const std::size_t fromFirst = std::min<std::uint64_t>(done, first.iov_len);
+    const std::size_t fromSecond = done - fromFirst;
+    rest[0].iov_base = static_cast<char*>(first.iov_base) + fromFirst;
+    rest[0].iov_len -= fromFirst;
+    rest[1].iov_base = static_cast<char*>(second.iov_base) + fromSecond;
+    rest[1].iov_len -= fromSecond;
+    const iovec* begin = rest[0].iov_len == 0 ? rest + 1 : rest;
+    const int count = static_cast<int>(rest + (rest[1].iov_len == 0 ? 1 : 2) - begin);
+    const ssize_t moved =
+        Uninterrupted([&] { return transfer(begin, count, Offset(position + done)); });
+    if (moved <= 0) break;
+    done += static_cast<std::uint64_t>(moved);
+  }
+  return done;
+}
+
+std::uint64_t ReadAll(int fd, std::uint64_t position, iovec first, iovec second) {
+  const FileSyscalls& calls = GetFileSyscalls();
+  return TransferParts(position, first, second, [&](const iovec* parts, int count, off_t offset) {
+    return count == 1 ? calls.pread(fd, parts->iov_base, parts->iov_len, offset)
+                      : calls.preadv(fd, parts, count, offset);
+  });
+}
+
+bool WriteAll(int fd, std::uint64_t position, iovec first, iovec second) {
+  const FileSyscalls& calls = GetFileSyscalls();
+  const std::uint64_t moved =
+      TransferParts(position, first, second, [&](const iovec* parts, int count, off_t offset) {
+        return count == 1 ? calls.pwrite(fd, parts->iov_base, parts->iov_len, offset)
+                          : calls.pwritev(fd, parts, count, offset);
+      });
+  return moved == std::uint64_t{first.iov_len} + second.iov_len;
+}
+
+iovec Part(const void* bytes, std::uint64_t size) { return {const_cast<void*>(bytes), size}; }
+
+constexpr iovec kNoPart = {nullptr, 0};
+
+}  // namespace
+
+bool ZrFileStream::Open(const PelmUnicodeString& path, unsigned int direction) {
+  Close();
+  std::string native;
+  if (!ZrFile::ToNative(path, native)) return false;
+  if (direction != kRead && direction != kReadWrite) return false;
+  // O_NONBLOCK: opening a FIFO must fail, not wait for its other end. Regular files ignore it.
+  const int flags =
+      (direction == kRead ? O_RDONLY : O_RDWR) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  const int fd = Uninterrupted([&] { return GetFileSyscalls().open(native.c_str(), flags, 0); });
+  return Attach(fd, direction == kRead);
+}
+
+bool ZrFileStream::Attach(int fd, bool readOnly) {
+  fd = AboveStandardStreams(fd);
+  if (fd < 0) return false;
+  struct stat status;
+  if (GetFileSyscalls().fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    GetFileSyscalls().close(fd);
+    return false;
+  }
+  m_fd = fd;
+  m_readOnly = readOnly;
+  m_position = 0;
+  return true;
+}
+
+bool ZrFileStream::Close() {
+  if (!IsOpen()) return false;
+  GetFileSyscalls().close(m_fd);  // Linux gives the descriptor up even when this reports an error
+  m_fd = -1;
+  return true;
+}
+
+bool ZrFileStream::IsSameFile(const PelmUnicodeString& path) const {
+  std::string native;
+  struct stat there;
+  struct stat here;
+  return IsOpen() && ZrFile::ToNative(path, native) &&
+         GetFileSyscalls().stat(native.c_str(), &there) == 0 &&
+         GetFileSyscalls().fstat(m_fd, &here) == 0 && here.st_dev == there.st_dev &&
+         here.st_ino == there.st_ino;
+}
+
+std::uint64_t ZrFileStream::Read(void* buffer, std::uint64_t size) {
+  const std::uint64_t done = ReadAll(m_fd, m_position, Part(buffer, size), kNoPart);
+  m_position += done;
+  return done;
+}
+
+bool ZrFileStream::Write(const void* buffer, std::uint64_t size) {
+  if (!WriteAt(m_position, buffer, size)) return false;
+  m_position += size;
+  return true;
+}
+
+bool ZrFileStream::ReadAt(std::uint64_t position, void* buffer, std::uint64_t size) const {
+  return ReadAll(m_fd, position, Part(buffer, size), kNoPart) == size;
+}
+
+bool ZrFileStream::WriteAt(std::uint64_t position, const void* buffer, std::uint64_t size) {
+  return WriteAll(m_fd, position, Part(buffer, size), kNoPart);
+}
+
+std::uint64_t ZrFileStream::ReadParts(std::uint64_t position, void* head, std::uint64_t headSize,
+                                      void* body, std::uint64_t bodySize) const {
+  return ReadAll(m_fd, position, Part(head, headSize), Part(body, bodySize));
+}
+
+bool ZrFileStream::WriteParts(std::uint64_t position, const void* head, std::uint64_t headSize,
+                              const void* body, std::uint64_t bodySize) {
+  return WriteAll(m_fd, position, Part(head, headSize), Part(body, bodySize));
+}
+
+bool ZrFileStream::GetLength(std::uint64_t& length) const {
+  struct stat status;
+  if (!IsOpen() || GetFileSyscalls().fstat(m_fd, &status) != 0) return false;
+  length = static_cast<std::uint64_t>(status.st_size);
+  return true;
+}
+
+bool ZrFileStream::SetLength(std::uint64_t length) {
+  return length <= INT64_MAX &&
+         Uninterrupted([&] { return GetFileSyscalls().ftruncate(m_fd, Offset(length)); }) == 0;
+}
+
+bool ZrFileStream::ZeroFill(std::uint64_t position, std::uint64_t size) {
+  std::uint64_t length;
+  if (!GetLength(length) || position > INT64_MAX || size > INT64_MAX - position) return false;
+  const std::uint64_t inside = position < length ? std::min(size, length - position) : 0;
+  if (!WriteZeros(position, inside)) return false;
+  const std::uint64_t outside = size - inside;
+  if (outside == 0) return true;
+  const int result = Uninterrupted([&] {
+    return GetFileSyscalls().fallocate(m_fd, 0, Offset(position + inside), Offset(outside));
+  });
+  if (result == 0) return true;
+  return (errno == EOPNOTSUPP || errno == ENOSYS) && WriteZeros(position + inside, outside);
+}
+
+bool ZrFileStream::WriteZeros(std::uint64_t position, std::uint64_t size) {
+  static constexpr char kZeros[65536] = {};
+  for (std::uint64_t done = 0; done < size;) {
+    const std::uint64_t piece = std::min<std::uint64_t>(size - done, sizeof kZeros);
+    if (!WriteAt(position + done, kZeros, piece)) return false;
+    done += piece;
+  }
+  return true;
+}
+
+std::uint64_t ZrFileStream::NextData(std::uint64_t position) const {
+  const off_t found = GetFileSyscalls().lseek(m_fd, Offset(position), SEEK_DATA);
+  if (found >= 0) return static_cast<std::uint64_t>(found);
+  std::uint64_t length;
+  if (errno == ENXIO && GetLength(length)) return std::max(position, length);
+  return position;
+}
+
+bool ZrFileStream::Sync() {
+  return IsOpen() && Uninterrupted([&] { return GetFileSyscalls().fdatasync(m_fd); }) == 0;
+}
+
+bool ZrFileStream::Load(ZrByteArray& data) const {
+  std::uint64_t length;
+  if (!GetLength(length) || !data.ResizeForOverwrite(length)) return false;
+  data.SetPosition(0);
+  return ReadAt(0, data.GetData(), length);
+}
+
+bool ZrFileStream::Save(const ZrByteArray& data) {
+  return IsOpen() && WriteAt(0, data.GetData(), data.GetSize()) && SetLength(data.GetSize());
+}
+
+void ZrFileStream::Swap2Byte(void* value) {
+  StoreScalar(value, LoadScalar<std::uint16_t>(value, true), false);
+}
+
+void ZrFileStream::Swap4Byte(void* value) {
+  StoreScalar(value, LoadScalar<std::uint32_t>(value, true), false);
+}
+
+void ZrFileStream::Swap8Byte(void* value) {
+  StoreScalar(value, LoadScalar<std::uint64_t>(value, true), false);
+}
+
+}  // namespace Zarn
