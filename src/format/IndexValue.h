@@ -1,0 +1,61 @@
+#pragma once
+
+#include <optional>
+
+#include "Layout.h"
+
+/// Index values (also the locators of version tables), and where index entries lie.
+namespace Zarn::Format {
+
+inline constexpr unsigned kStatusShift = 56;
+inline constexpr std::uint64_t kPositionMask = (std::uint64_t{1} << kStatusShift) - 1;
+
+/// Status in the top byte, file position of a record in the 56 bits below.
+constexpr std::uint64_t PackIndexValue(std::uint8_t status, std::uint64_t position) {
+  return std::uint64_t{status} << kStatusShift | position;
+}
+
+constexpr std::uint8_t StatusOf(std::uint64_t value) {
+  return static_cast<std::uint8_t>(value >> kStatusShift);
+}
+
+constexpr std::uint64_t PositionOf(std::uint64_t value) {
+  return value & kPositionMask;
+}
+
+/// Only these two statuses have a position to follow.
+constexpr bool HoldsRecord(std::uint8_t status) {
+  return status == kStatusComplete || status == kStatusPartial;
+}
+
+/// Entries that a grid has on disk. Rows times columns times the entry size is a 32-bit product:
+/// a grid of 65536 x 65536 has none. A cell numbered beyond them does not exist.
+constexpr std::uint32_t GridEntryCount(std::uint32_t rows, std::uint32_t cols) {
+  const std::uint32_t bytes = rows * cols * std::uint32_t{kGridEntrySize};
+  return bytes / std::uint32_t{kGridEntrySize};
+}
+
+/// Number of a cell, row by row; none for a cell outside the grid or without an entry.
+constexpr std::optional<std::uint32_t> GridCellNumber(std::uint32_t rows, std::uint32_t cols,
+                                                      std::uint32_t row, std::uint32_t col) {
+  if (row >= rows || col >= cols) return std::nullopt;
+  const std::uint64_t cell = std::uint64_t{row} * cols + col;
+  if (cell >= GridEntryCount(rows, cols)) return std::nullopt;
+  return static_cast<std::uint32_t>(cell);
+}
+
+constexpr std::uint64_t GridEntryOffset(std::uint64_t indexOffset, std::uint32_t cell) {
+  return indexOffset + kGridHeaderSize + std::uint64_t{cell} * kGridEntrySize;
+}
+
+/// First byte behind the index area of a grid, where records may begin.
+constexpr std::uint64_t GridDataStart(std::uint64_t indexOffset, std::uint32_t rows,
+                                      std::uint32_t cols) {
+  return GridEntryOffset(indexOffset, GridEntryCount(rows, cols));
+}
+
+constexpr std::uint64_t NamingSlotOffset(std::uint64_t indexOffset, std::uint64_t slot) {
+  return indexOffset + kNamingHeaderSize + slot * kNamingSlotSize;
+}
+
+}  // namespace Zarn::Format

@@ -1,0 +1,76 @@
+#include "RecordHead.h"
+
+#include <cstring>
+
+#include "IndexValue.h"
+#include "ZrByteOrder.h"
+
+namespace Zarn::Format {
+namespace {
+
+constexpr HeadParse kDamaged = {HeadParse::kDamaged};
+
+HeadParse NeedsMore(std::uint64_t needed) {
+  return {HeadParse::kNeedsMore, needed};
+}
+
+// Version count, the one table entry, capacity and filled length. Entry 0's position is 0: this
+// record, whose place is not known before it is appended.
+void EncodeVersionAndSizes(unsigned char* target, const NewRecord& record, bool swap) {
+  StoreScalar<std::uint32_t>(target, 1, swap);
+  unsigned char* entry = target + kVersionCountSize;
+  StoreScalar(entry, record.stamp, swap);
+  StoreScalar(entry + kWidth8, PackIndexValue(record.status, 0), swap);
+  unsigned char* sizes = entry + kVersionEntrySize;
+  StoreScalar(sizes, record.capacity, swap);
+  StoreScalar(sizes + kWidth8, record.filledLength, swap);
+}
+
+}  // namespace
+
+HeadParse ParseRecordHead(const unsigned char* bytes, std::uint64_t available,
+                          std::uint32_t fileKind, bool swap, RecordHead& head) {
+  const bool named = fileKind == kNamingFile;
+  if (available < kRecordLengthSize) return NeedsMore(kRecordLengthSize);
+  head.length = LoadScalar<std::uint64_t>(bytes, swap);
+  if (head.length < (named ? kMinNamingRecord : kMinGridRecord)) return kDamaged;
+
+  std::uint64_t countOffset = kRecordLengthSize;
+  if (named) {
+    if (available < kNameOffset) return NeedsMore(kNameOffset);
+    head.charset = LoadScalar<std::uint32_t>(bytes + kCharsetOffset, swap);
+    head.nameLength = LoadScalar<std::uint32_t>(bytes + kNameLengthOffset, swap);
+    if (head.nameLength > head.length - kMinNamingRecord) return kDamaged;
+    countOffset = kNameOffset + head.nameLength;
+  }
+
+  head.tableOffset = countOffset + kVersionCountSize;
+  if (available < head.tableOffset) return NeedsMore(head.tableOffset);
+  head.versionCount = LoadScalar<std::uint32_t>(bytes + countOffset, swap);
+  const std::uint64_t tableSize = std::uint64_t{head.versionCount} * kVersionEntrySize;
+  if (tableSize > head.length - head.tableOffset - kPayloadSizesSize) return kDamaged;
+
+  head.size = head.tableOffset + tableSize + kPayloadSizesSize;
+  if (available < head.size) return NeedsMore(head.size);
+  const unsigned char* sizes = bytes + head.tableOffset + tableSize;
+  head.capacity = LoadScalar<std::uint64_t>(sizes, swap);
+  head.filledLength = LoadScalar<std::uint64_t>(sizes + kWidth8, swap);
+  if (head.capacity > head.length - head.size) return kDamaged;
+  return {HeadParse::kComplete};
+}
+
+void EncodeGridRecordHead(unsigned char* target, const NewRecord& record, bool swap) {
+  StoreScalar<std::uint64_t>(target, kGridRecordHead + record.capacity, swap);
+  EncodeVersionAndSizes(target + kRecordLengthSize, record, swap);
+}
+
+void EncodeNamingRecordHead(unsigned char* target, std::uint32_t charset, std::string_view name,
+                            const NewRecord& record, bool swap) {
+  StoreScalar<std::uint64_t>(target, NamingRecordHeadSize(name.size()) + record.capacity, swap);
+  StoreScalar(target + kCharsetOffset, charset, swap);
+  StoreScalar(target + kNameLengthOffset, static_cast<std::uint32_t>(name.size()), swap);
+  std::memcpy(target + kNameOffset, name.data(), name.size());
+  EncodeVersionAndSizes(target + kNameOffset + name.size(), record, swap);
+}
+
+}  // namespace Zarn::Format

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <string_view>
+
+#include "Layout.h"
+#include "VersionTable.h"
+
+/// The head of a data record: everything before its payload area.
+namespace Zarn::Format {
+
+/// A parsed head. Every extent in it was found to lie within the stated record length.
+struct RecordHead {
+  std::uint64_t length = 0;      // of the whole record, as it states itself
+  std::uint32_t charset = 0;     // naming files only
+  std::uint32_t nameLength = 0;  // bytes at kNameOffset; naming files only
+  std::uint32_t versionCount = 0;
+  std::uint64_t tableOffset = 0;
+  std::uint64_t capacity = 0;  // bytes of payload area, which begin at `size`
+  std::uint64_t filledLength = 0;
+  std::uint64_t size = 0;
+
+  VersionTable Table(const unsigned char* record, bool swap) const {
+    return VersionTable(record + tableOffset, versionCount, swap);
+  }
+};
+
+struct HeadParse {
+  enum Outcome {
+    kComplete,
+    kNeedsMore,  ///< `needed` bytes from the start of the record must be there to go on
+    kDamaged,    ///< what the head says does not fit into the length that it states
+  };
+  Outcome outcome;
+  std::uint64_t needed = 0;
+};
+
+/// Parses the first `available` bytes of a record. `head` is meaningful as far as the parse came;
+/// the length, which is the first field, even in a damaged record of 8 bytes or more.
+HeadParse ParseRecordHead(const unsigned char* bytes, std::uint64_t available,
+                          std::uint32_t fileKind, bool swap, RecordHead& head);
+
+/// What the head of a new record with one version says.
+struct NewRecord {
+  std::uint64_t stamp = 0;
+  std::uint8_t status = kStatusComplete;
+  std::uint64_t capacity = 0;
+  std::uint64_t filledLength = 0;
+};
+
+constexpr std::uint64_t NamingRecordHeadSize(std::uint64_t nameLength) {
+  return kMinNamingRecord + kVersionEntrySize + nameLength;
+}
+
+/// Writes the kGridRecordHead bytes of a grid record's head to `target`.
+void EncodeGridRecordHead(unsigned char* target, const NewRecord& record, bool swap);
+
+/// Writes the NamingRecordHeadSize bytes of a naming record's head. `name` is stored as it is.
+void EncodeNamingRecordHead(unsigned char* target, std::uint32_t charset, std::string_view name,
+                            const NewRecord& record, bool swap);
+
+}  // namespace Zarn::Format
