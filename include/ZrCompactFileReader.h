@@ -1,0 +1,58 @@
+#pragma once
+
+#include "ZrByteArray.h"
+#include "ZrGridFile.h"
+
+namespace Zarn {
+
+namespace Format {
+struct RecordHead;
+}
+
+/// Reads the tiles of a grid file, without any lock.
+///
+/// One object belongs to one thread; several may be open on one file while one ZrCompactFileWriter
+/// appends to it. A tile that is being rewritten in place at that moment may be read half old, half
+/// new. Nothing is kept between calls but one buffer, so every call sees the file as it is.
+class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
+ public:
+  ZrCompactFileReader() = default;
+  ~ZrCompactFileReader() { Close(); }
+
+  /// Opens an existing grid file for reading. `mode` is only stored.
+  ///
+  /// kOk, also if this very path is open already (compared without regard to case, unless the
+  /// other spelling is a file of its own); kNotUsable for a ".sc" path; kNotFound if there is no
+  /// such file; kNotOpen if it cannot be opened, or is no regular file; kReadFailure for a damaged
+  /// header, another kind of file or a wrong password. After a failure the reader is closed.
+  unsigned int Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                    ZrCompactFile::ZrOpenMode mode);
+
+  /// Always true.
+  bool Close();
+
+  /// Reads the newest version of a tile.
+  ///
+  /// @param data    receives the whole payload area (the tile's capacity); its memory is exchanged
+  ///                for the reader's own, so a pointer from before is stale. Position 0.
+  /// @param nFilled receives how far the area is filled: the end of the last write into it.
+  /// @param nVersion a stamp. The stamp of an older version, exactly, selects that version, which
+  ///                this class does not follow: kOk, `data` untouched, `nFilled` 0. Any other
+  ///                stamp selects the newest version.
+  ///
+  /// kOk, with empty `data` for an empty cell; kNotOpen; kReadFailure for a cell outside the grid
+  /// or a damaged record, among them one that ends beyond the file; then `data` is untouched.
+  unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
+                      unsigned long long& nFilled, unsigned long long nVersion);
+
+ private:
+  bool FindRecord(unsigned int row, unsigned int col, unsigned long long& entry,
+                  unsigned long long& sizeHint) const;
+  bool LoadRecord(unsigned long long position, unsigned long long sizeHint,
+                  Format::RecordHead& head);
+
+  ZrByteArray m_head;     // head of the record read last
+  ZrByteArray m_payload;  // its payload area, until it is handed to the caller
+};
+
+}  // namespace Zarn

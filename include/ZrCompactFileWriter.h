@@ -1,0 +1,101 @@
+#pragma once
+
+#include "ZrByteArray.h"
+#include "ZrGridFile.h"
+
+namespace Zarn {
+
+/// Creates grid files and stores one record per cell, without any lock.
+///
+/// A tile is overwritten in place where the old record has the room, and appended otherwise; its
+/// index entry is written after it. Every successful write is in the kernel when the call returns:
+/// it survives the death of the process, not the loss of power.
+///
+/// One thread uses one object, and one writer at a time works on a file; readers may be open
+/// meanwhile.
+///
+/// Limits, kept for the files that exist:
+/// - The unused capacity of a tile is not written, so the file may end before its last record does.
+///   Such a record reads as damaged, and storing into its cell does nothing, until something
+///   follows it.
+/// - The data goes right behind the record's head, whatever the offset; the offset only counts into
+///   the filled length.
+/// - Records are written in this host's byte order. In a file of the other order, which a reader
+///   takes to be in that order throughout, such records cannot be read.
+class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
+ public:
+  ZrCompactFileWriter() = default;
+  ~ZrCompactFileWriter() { Close(); }
+
+  /// Creates a grid file, with its missing folders, and leaves it open. The file appears complete
+  /// or not at all.
+  ///
+  /// @param path     ".cf" is appended to a path without an extension.
+  /// @param rows,cols at least 1 each; their product, in 32 bits, at most 0x10000000.
+  /// @param password scrambles the header; empty for none.
+  /// @param mode     with ZrCompactFile::kReplace an existing file is deleted, and the answer is
+  ///                 kNotCreated all the same: a second call then creates the new one.
+  ///
+  /// kOk; kNotUsable for a ".sc" path, or when no file can be made there; kNotCreated for bad
+  /// sizes, an unusable path, an existing file (also one that somebody else made meanwhile), or a
+  /// full disk. After a failure the writer is closed.
+  unsigned int Create(const PelmUnicodeString& path, unsigned int rows, unsigned int cols,
+                      const PelmUnicodeString& password, ZrCompactFile::ZrOpenMode mode);
+
+  /// Opens an existing grid file for reading and writing; results as ZrCompactFileReader::Open.
+  unsigned int Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                    ZrCompactFile::ZrOpenMode mode);
+
+  /// Always true.
+  bool Close();
+
+  /// Stores a tile.
+  ///
+  /// @param nCapacity size of the tile's payload area in bytes, at most
+  ///                 ZrCompactFile::kMaxCapacity; 0 for the size of the data.
+  /// @param nOffset  where in that area the data is meant to go; `nOffset` plus the size must not
+  ///                 exceed the capacity, and becomes the filled length.
+  /// @param nVersion version stamp, only stored.
+  ///
+  /// kOk; kNotOpen; kReadFailure if the old record cannot be read; kWriteFailure for empty data,
+  /// invalid arguments, a cell outside the grid, or a failed write. An old record that ends beyond
+  /// the file makes the call do nothing and answer kOk. A tile rewritten in place keeps the
+  /// status of its cell.
+  unsigned int SetAt(unsigned int row, unsigned int col, const ZrByteArray& data,
+                     unsigned long long nCapacity, unsigned long long nOffset,
+                     unsigned long long nVersion);
+
+  /// Writes the index entry of a cell. False if not open, outside the grid, or not written.
+  bool WriteIndexValue(unsigned int row, unsigned int col, unsigned long long value);
+
+  /// Writes a record with one version at `position` and returns the position; 0 on failure and for
+  /// a position that no record can have. `status` receives kComplete or kPartial. The index is
+  /// not touched.
+  unsigned long long WriteDataToFile(ZrCompactFile::ZrStatus& status, const ZrByteArray& data,
+                                     unsigned long long capacity, unsigned long long nOffset,
+                                     unsigned long long nVersion, unsigned long long position);
+
+  /// @name Steps of Create
+  /// On an open file they begin the file anew. They refuse, with kWriteFailure, where a stored tile
+  /// would be lost.
+  /// @{
+
+  /// Writes a new file header. kOk, kNotUsable if not open, kWriteFailure.
+  unsigned int WriteHeader();
+  /// Writes rows, columns and flags, and an empty index behind them. kOk, kWriteFailure.
+  unsigned int WriteHeaderGrid(unsigned int rows, unsigned int cols);
+  /// @}
+
+ private:
+  enum class Place { kInPlace, kAppend, kBeyondFile, kUnreadable };
+
+  Place FindPlace(unsigned long long entry, unsigned long long capacity) const;
+  unsigned long long GetAppendPosition();
+  bool FindDataEnd();
+  bool FindHighestRecord(unsigned long long fileLength, unsigned long long& highest) const;
+  bool HoldsRecords() const;
+
+  unsigned long long m_nDataEnd = 0;  // where the last record says it ends; 0 until looked for
+};
+
+}  // namespace Zarn

@@ -1,0 +1,75 @@
+#pragma once
+
+#include <array>
+
+#include "HxCompactFileExport.h"
+#include "PelmUnicodeString.h"
+#include "ZrCompactFile.h"
+#include "ZrFile32.h"
+#include "ZrResult.h"
+
+namespace Zarn {
+
+/// What ZrCompactFileWriter and ZrCompactFileReader have in common: an open grid file whose index
+/// entries are read straight from the file. Use one of those two.
+///
+/// The object is itself the open file stream. It takes no lock of any kind: one thread at a time
+/// uses one object.
+class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
+ public:
+  /// True between a successful Create or Open and Close.
+  bool IsOpen() const { return m_bOpened; }
+  /// The path last created or opened (or tried), with ".cf" appended if it had no extension.
+  PelmUnicodeString GetFilePath() const { return m_strPath; }
+  /// True if tiles of this file keep versions. Every file made by this library says so.
+  bool IsVersionEnabled() const;
+
+  /// Reads and unscrambles the 64-byte file header. kReadFailure if it cannot be read,
+  /// kWrongFile if it is not one (also: a wrong password); then the object keeps the header it had.
+  unsigned int ReadHeader();
+  /// Reads rows, columns and flags. kWrongFile in a naming file, kReadFailure if they cannot be
+  /// read or do not lie inside the file.
+  unsigned int ReadHeaderGrid();
+
+  /// Reads the index entry of a cell: status in the top byte, record position in the 56 bits
+  /// below. False if not open, outside the grid, or unreadable.
+  bool ReadIndexValue(unsigned int row, unsigned int col, unsigned long long& value) const;
+  /// Status of a cell; kUnknown where ReadIndexValue fails.
+  ZrCompactFile::ZrStatus GetStatus(unsigned int row, unsigned int col) const;
+
+ protected:
+  ZrGridFile();
+  ~ZrGridFile() = default;
+
+  /// Opens an existing file with a direction of ZrFileStream; the results of both classes' Open.
+  unsigned int OpenExisting(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                            ZrCompactFile::ZrOpenMode mode, unsigned int direction);
+  /// Closes the stream whatever state the object is in.
+  void CloseStream();
+  /// Stores what Create and Open are given. `path` is a completed one.
+  void SetIdentity(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                   ZrCompactFile::ZrOpenMode mode);
+
+  /// Reads the entries of a cell and of those behind it, at most `count`; returns how many.
+  unsigned int ReadEntries(unsigned int row, unsigned int col, unsigned long long* entries,
+                           unsigned int count) const;
+  unsigned long long GetIndexOffset() const;
+  /// First byte behind the index area.
+  unsigned long long GetDataStart() const;
+
+  ZrCompactFile::ZrOpenMode m_nOpenMode = 0;  ///< stored, not interpreted
+  std::array<unsigned char, 64> m_header;     ///< unscrambled, in host order
+  std::uint32_t m_nRowCount = 0;
+  std::uint32_t m_nColCount = 0;
+  std::uint32_t m_nGridFlags = 0;
+  bool m_bSwap = false;  ///< the file is in the other byte order than this host
+  bool m_bOpened = false;
+  std::array<unsigned char, 256> m_xorString;  ///< the password's
+  PelmUnicodeString m_strPath;
+  PelmUnicodeString m_strPassword;
+
+ private:
+  bool IsOpenAt(const PelmUnicodeString& path) const;
+};
+
+}  // namespace Zarn

@@ -1,0 +1,227 @@
+#include "ZrCompactFileWriter.h"
+
+#include <algorithm>
+
+#include "Header.h"
+#include "IndexHeaders.h"
+#include "IndexValue.h"
+#include "PathRules.h"
+#include "PelmTime.h"
+#include "RecordHead.h"
+#include "Scramble.h"
+#include "StoreArguments.h"
+#include "ZrFile.h"
+#include "ZrNewFile.h"
+
+namespace Zarn {
+
+static_assert(ZrCompactFile::kMaxCapacity == Format::kMaxCapacity);
+
+namespace {
+
+// A record that a caller may have asked for states a length in this range.
+bool IsPlausibleLength(std::uint64_t length) {
+  return length >= Format::kGridRecordHead &&
+         length <= Format::kGridRecordHead + Format::kMaxCapacity;
+}
+
+}  // namespace
+
+unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned int rows,
+                                         unsigned int cols, const PelmUnicodeString& password,
+                                         ZrCompactFile::ZrOpenMode mode) {
+  Close();
+  if (Format::IsCachePath(path)) return ZrResult::kNotUsable;
+  // The product wraps at 32 bits before it is compared.
+  if (rows == 0 || cols == 0 || rows * cols > Format::kMaxGridCells) return ZrResult::kNotCreated;
+  if (!Format::IsUsablePath(path)) return ZrResult::kNotCreated;
+  const PelmUnicodeString completed = Format::CompletePath(path);
+  if (ZrFile::IsExist(completed)) {
+    if ((mode & ZrCompactFile::kReplace) != 0) ZrFile::Delete(completed);
+    return ZrResult::kNotCreated;  // deleted or not: a replacing create takes two calls
+  }
+
+  SetIdentity(completed, password, mode);
+  m_header = Format::PresetHeader();
+  m_nRowCount = m_nColCount = m_nGridFlags = 0;
+  const PelmUnicodeString directory = ZrFile::GetDir(completed);
+  if (!directory.IsEmpty()) ZrFile::MkDirEx(directory);
+  ZrNewFile file(*this);
+  if (!file.Begin(completed)) return ZrResult::kNotUsable;
+  m_bOpened = true;
+  if (WriteHeader() != ZrResult::kOk || WriteHeaderGrid(rows, cols) != ZrResult::kOk ||
+      file.Publish() != ZrNewFile::Outcome::kPublished) {
+    Close();
+    return ZrResult::kNotCreated;
+  }
+  m_nDataEnd = GetDataStart();
+  return ZrResult::kOk;
+}
+
+unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,
+                                       const PelmUnicodeString& password,
+                                       ZrCompactFile::ZrOpenMode mode) {
+  m_nDataEnd = 0;
+  return OpenExisting(path, password, mode, kReadWrite);
+}
+
+bool ZrCompactFileWriter::Close() {
+  Flush();
+  CloseStream();
+  m_nDataEnd = 0;
+  return true;
+}
+
+unsigned int ZrCompactFileWriter::WriteHeader() {
+  if (!IsOpen()) return ZrResult::kNotUsable;
+  if (m_bSwap || (HoldsRecords() && GetIndexOffset() != Format::kHeaderSize))
+    return ZrResult::kWriteFailure;
+  m_header = Format::NewHeader(Format::kGridFile, PelmTime().GetCurTime().GetTime());
+  Format::HeaderImage image = m_header;
+  Format::ReMakeStream(image.data(), static_cast<int>(image.size()), m_xorString.data());
+  if (!WriteAt(0, image.data(), image.size())) return ZrResult::kWriteFailure;
+  Flush();
+  return ZrResult::kOk;
+}
+
+unsigned int ZrCompactFileWriter::WriteHeaderGrid(unsigned int rows, unsigned int cols) {
+  if (m_bSwap || HoldsRecords()) return ZrResult::kWriteFailure;
+  m_nGridFlags |= Format::kVersionsEnabled;
+  m_nRowCount = rows;
+  m_nColCount = cols;
+  const auto image = Format::EncodeGridHeader({rows, cols, m_nGridFlags}, false);
+  if (!WriteAt(GetIndexOffset(), image.data(), image.size())) return ZrResult::kWriteFailure;
+  const std::uint64_t entries = Format::GridEntryOffset(GetIndexOffset(), 0);
+  if (!ZeroFill(entries, GetDataStart() - entries)) return ZrResult::kWriteFailure;
+  Flush();
+  return ZrResult::kOk;
+}
+
+bool ZrCompactFileWriter::HoldsRecords() const {
+  std::uint64_t length;
+  return !GetLength(length) || length > GetDataStart();
+}
+
+bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
+                                          unsigned long long value) {
+  const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
+  if (!IsOpen() || !cell) return false;
+  unsigned char entry[Format::kGridEntrySize];
+  StoreScalar<std::uint64_t>(entry, value, m_bSwap);
+  const bool written =
+      WriteAt(Format::GridEntryOffset(GetIndexOffset(), *cell), entry, sizeof entry);
+  Flush();
+  return written;
+}
+
+unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, const ZrByteArray& data,
+                                        unsigned long long nCapacity, unsigned long long nOffset,
+                                        unsigned long long nVersion) {
+  if (!IsOpen()) return ZrResult::kNotOpen;
+  const auto span = Format::ResolveStore(nCapacity, nOffset, data.GetSize());
+  unsigned long long entry;
+  if (!span || !ReadIndexValue(row, col, entry)) return ZrResult::kWriteFailure;
+
+  const Place place = FindPlace(entry, span->capacity);
+  if (place == Place::kUnreadable) return ZrResult::kReadFailure;
+  if (place == Place::kBeyondFile) return ZrResult::kOk;  // deliberately silent, nothing written
+
+  const unsigned long long target =
+      place == Place::kInPlace ? Format::PositionOf(entry) : GetAppendPosition();
+  ZrCompactFile::ZrStatus status;
+  const unsigned long long position =
+      WriteDataToFile(status, data, span->capacity, nOffset, nVersion, target);
+  if (position == 0) return ZrResult::kWriteFailure;
+  if (place == Place::kInPlace) return ZrResult::kOk;
+  if (!WriteIndexValue(row, col, Format::PackIndexValue(status, position)))
+    return ZrResult::kWriteFailure;
+  return ZrResult::kOk;
+}
+
+// Where a tile of this capacity goes, given its cell's entry. In place needs more than a length
+// that looks sufficient: the whole new record must fit into the old one, or the old one be the last
+// in the file, so that no neighbour is run over.
+ZrCompactFileWriter::Place ZrCompactFileWriter::FindPlace(unsigned long long entry,
+                                                          unsigned long long capacity) const {
+  const std::uint64_t position = Format::PositionOf(entry);
+  if (!Format::HoldsRecord(Format::StatusOf(entry)) || position < GetDataStart())
+    return Place::kAppend;
+  std::uint64_t length;
+  std::uint64_t fileLength;
+  if (!ReadAt(position, &length, sizeof length) || !GetLength(fileLength))
+    return Place::kUnreadable;
+  length = LoadScalar<std::uint64_t>(&length, m_bSwap);
+  if (length < Format::kGridRecordHead) return Place::kAppend;
+  if (fileLength < position || length > fileLength - position) return Place::kBeyondFile;
+
+  const bool allowed = !IsVersionEnabled() || length >= Format::kMinGridRecord + capacity;
+  const bool harmless =
+      length >= Format::kGridRecordHead + capacity || length == fileLength - position;
+  return allowed && harmless ? Place::kInPlace : Place::kAppend;
+}
+
+unsigned long long ZrCompactFileWriter::WriteDataToFile(
+    ZrCompactFile::ZrStatus& status, const ZrByteArray& data, unsigned long long capacity,
+    unsigned long long nOffset, unsigned long long nVersion, unsigned long long position) {
+  const auto span = Format::FitSpan(capacity, nOffset, data.GetSize());
+  if (!IsOpen() || !span || position < GetDataStart()) return 0;
+  status = static_cast<ZrCompactFile::ZrStatus>(span->Status());
+  unsigned char head[Format::kGridRecordHead];
+  // Host order even in a file of the other order, where only the index is swapped.
+  Format::EncodeGridRecordHead(head, {nVersion, span->Status(), capacity, span->filledLength},
+                               false);
+  if (!WriteParts(position, head, sizeof head, data.GetData(), data.GetSize())) return 0;
+  if (m_nDataEnd != 0) m_nDataEnd = std::max(m_nDataEnd, position + sizeof head + capacity);
+  Flush();
+  return position;
+}
+
+// Behind everything: the file's end, the index area, and the stated end of the last record, of
+// whose unused capacity nothing may be written yet. 0 if the index cannot be read.
+unsigned long long ZrCompactFileWriter::GetAppendPosition() {
+  std::uint64_t length;
+  if ((m_nDataEnd == 0 && !FindDataEnd()) || !GetLength(length)) return 0;
+  return std::max<unsigned long long>(m_nDataEnd, length);
+}
+
+bool ZrCompactFileWriter::FindDataEnd() {
+  std::uint64_t fileLength;
+  unsigned long long highest = 0;
+  if (!GetLength(fileLength) || !FindHighestRecord(fileLength, highest)) return false;
+  m_nDataEnd = GetDataStart();
+  std::uint64_t length;
+  if (highest == 0 || !ReadAt(highest, &length, sizeof length)) return true;
+  length = LoadScalar<std::uint64_t>(&length, m_bSwap);
+  if (IsPlausibleLength(length))
+    m_nDataEnd = std::max<unsigned long long>(m_nDataEnd, highest + length);
+  return true;
+}
+
+// The highest position inside the file that an entry points at; 0 if there is none. Holes of the
+// index are skipped, so a large and mostly empty grid costs little.
+bool ZrCompactFileWriter::FindHighestRecord(unsigned long long fileLength,
+                                            unsigned long long& highest) const {
+  constexpr std::uint64_t kEntrySize = Format::kGridEntrySize;
+  const std::uint64_t start = Format::GridEntryOffset(GetIndexOffset(), 0);
+  const std::uint64_t end = std::min<std::uint64_t>(GetDataStart(), fileLength);
+  ZrByteArray piece;
+  if (!piece.ResizeForOverwrite(64 * 1024)) return false;
+
+  for (std::uint64_t position = start; position < end;) {
+    position += (NextData(position) - position) / kEntrySize * kEntrySize;
+    if (position >= end) break;
+    const std::uint64_t size = std::min<std::uint64_t>(piece.GetSize(), end - position);
+    if (!ReadAt(position, piece.GetData(), size)) return false;
+    for (std::uint64_t i = 0; i + kEntrySize <= size; i += kEntrySize) {
+      const auto entry = LoadScalar<std::uint64_t>(piece.GetData() + i, m_bSwap);
+      const std::uint64_t record = Format::PositionOf(entry);
+      if (Format::HoldsRecord(Format::StatusOf(entry)) && record >= GetDataStart() &&
+          record < fileLength && record > highest)
+        highest = record;
+    }
+    position += size;
+  }
+  return true;
+}
+
+}  // namespace Zarn

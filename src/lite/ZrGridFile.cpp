@@ -1,0 +1,123 @@
+#include "ZrGridFile.h"
+
+#include <algorithm>
+
+#include "Header.h"
+#include "IndexHeaders.h"
+#include "IndexValue.h"
+#include "PathRules.h"
+#include "Scramble.h"
+#include "ZrFile.h"
+
+namespace Zarn {
+
+static_assert(ZrCompactFile::kComplete == Format::kStatusComplete &&
+              ZrCompactFile::kPartial == Format::kStatusPartial &&
+              ZrCompactFile::kUnknown == Format::kStatusUnknown);
+
+ZrGridFile::ZrGridFile() : m_header(Format::PresetHeader()), m_xorString{} {}
+
+bool ZrGridFile::IsVersionEnabled() const {
+  return Format::HeaderView(m_header).FileKind() == Format::kGridFile &&
+         (m_nGridFlags & Format::kVersionsEnabled) != 0;
+}
+
+unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
+                                      const PelmUnicodeString& password,
+                                      ZrCompactFile::ZrOpenMode mode, unsigned int direction) {
+  if (IsOpenAt(path)) return ZrResult::kOk;
+  CloseStream();
+  if (Format::IsCachePath(path)) return ZrResult::kNotUsable;
+  const PelmUnicodeString completed = Format::CompletePath(path);
+  if (!Format::IsUsablePath(path) || !ZrFile::IsExist(completed)) return ZrResult::kNotFound;
+
+  SetIdentity(completed, password, mode);
+  if (!ZrFile32::Open(completed, direction)) return ZrResult::kNotOpen;
+  if (ReadHeader() != ZrResult::kOk || ReadHeaderGrid() != ZrResult::kOk) {
+    CloseStream();
+    return ZrResult::kReadFailure;
+  }
+  m_bOpened = true;
+  return ZrResult::kOk;
+}
+
+bool ZrGridFile::IsOpenAt(const PelmUnicodeString& path) const {
+  if (!m_bOpened) return false;
+  if (path == m_strPath) return true;
+  if (path.CompareNoCase(m_strPath) != 0) return false;
+  // Two spellings of one path, unless the file system holds another file under the second.
+  return !ZrFile::IsExist(path) || IsSameFile(path);
+}
+
+void ZrGridFile::CloseStream() {
+  ZrFile32::Close();
+  m_bSwap = false;
+  m_bOpened = false;
+}
+
+void ZrGridFile::SetIdentity(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                             ZrCompactFile::ZrOpenMode mode) {
+  m_strPath = path;
+  m_strPassword = password;
+  m_nOpenMode = mode;
+  m_xorString = Format::MakeXorString(password.GetBuffer());
+}
+
+unsigned int ZrGridFile::ReadHeader() {
+  Format::HeaderImage image;
+  if (!ReadAt(0, image.data(), image.size())) return ZrResult::kReadFailure;
+  Format::ReMakeStream(image.data(), static_cast<int>(image.size()), m_xorString.data());
+  const Format::HeaderView header(image);
+  if (!header.HasMagic()) return ZrResult::kWrongFile;
+  if (header.IsForeignOrder()) m_bSwap = true;
+  if (m_bSwap) Format::SwapHeaderFields(image);
+  m_header = image;
+  return ZrResult::kOk;
+}
+
+unsigned int ZrGridFile::ReadHeaderGrid() {
+  if (Format::HeaderView(m_header).FileKind() != Format::kGridFile) return ZrResult::kWrongFile;
+  if (GetIndexOffset() < Format::kHeaderSize) return ZrResult::kReadFailure;
+  Format::GridHeaderImage image;
+  if (!ReadAt(GetIndexOffset(), image.data(), image.size())) return ZrResult::kReadFailure;
+  const Format::GridHeader header = Format::DecodeGridHeader(image, m_bSwap);
+  m_nRowCount = header.rowCount;
+  m_nColCount = header.colCount;
+  m_nGridFlags = header.flags;
+  return ZrResult::kOk;
+}
+
+bool ZrGridFile::ReadIndexValue(unsigned int row, unsigned int col,
+                                unsigned long long& value) const {
+  return ReadEntries(row, col, &value, 1) == 1;
+}
+
+unsigned int ZrGridFile::ReadEntries(unsigned int row, unsigned int col,
+                                     unsigned long long* entries, unsigned int count) const {
+  const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
+  if (!m_bOpened || !cell) return 0;
+  const unsigned int following = Format::GridEntryCount(m_nRowCount, m_nColCount) - *cell;
+  const std::uint64_t size = std::min(count, following) * std::uint64_t{Format::kGridEntrySize};
+  const std::uint64_t position = Format::GridEntryOffset(GetIndexOffset(), *cell);
+  const auto got = static_cast<unsigned int>(ReadParts(position, entries, size, nullptr, 0) /
+                                             Format::kGridEntrySize);
+  for (unsigned int i = 0; i < got; ++i)
+    entries[i] = LoadScalar<unsigned long long>(&entries[i], m_bSwap);
+  return got;
+}
+
+ZrCompactFile::ZrStatus ZrGridFile::GetStatus(unsigned int row, unsigned int col) const {
+  unsigned long long value;
+  if (!ReadIndexValue(row, col, value)) return ZrCompactFile::kUnknown;
+  return static_cast<ZrCompactFile::ZrStatus>(Format::StatusOf(value));
+}
+
+unsigned long long ZrGridFile::GetIndexOffset() const {
+  return Format::HeaderView(m_header).IndexOffset();
+}
+
+unsigned long long ZrGridFile::GetDataStart() const {
+  return Format::GridDataStart(GetIndexOffset(), m_nRowCount, m_nColCount);
+}
+
+}  // namespace Zarn
