@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Builds the library and runs all tests.
+#   scripts/test.sh [PRESET] [CTEST-OPTION...]   (preset: dev by default; asan, tsan, coverage)
+. "$(dirname "$0")/common.sh"
+
+preset=${1:-dev}
+shift || true
+need_compiler /usr/include/gmock/gmock.h=libgmock-dev python3=python3
+build "$preset"
+exec ctest --preset "$preset" "$@"

@@ -1,0 +1,74 @@
+#!/usr/bin/env python3
+"""Holds the layers of docs/design.md against the code: who may include whom.
+
+Every quoted include must name a header of this project, in a folder that the including file's
+layer may see, and every public and platform header must compile on its own. Usage:
+check_includes.py PROJECT COMPILER.
+"""
+
+import pathlib
+import re
+import subprocess
+import sys
+
+# Layer: the folders it is made of, and the layers that it may include besides itself.
+LAYERS = {
+    "base": (["platform/base"], []),
+    "stream": (["platform/stream"], ["base"]),
+    "toolkit": (["platform/toolkit"], ["base"]),
+    "format": (["src/format"], ["base", "stream", "toolkit"]),
+    "include": (["include"], ["base", "stream", "toolkit"]),
+    "lite": (["src/lite"], ["format", "include", "base", "stream", "toolkit"]),
+    "engine": (["src/engine"], ["format", "include", "base", "stream", "toolkit"]),
+    "access": (["src/access"], ["include", "base", "stream", "toolkit"]),
+    "tools": (["tools", "examples", "benchmarks"], ["include", "base", "stream", "toolkit"]),
+}
+QUOTED = re.compile(r'^\s*#include "([^"]+)"', re.MULTILINE)
+
+
+def sources(project, folders):
+    for folder in folders:
+        for path in sorted((project / folder).rglob("*")):
+            if path.suffix in (".h", ".cpp"):
+                yield path
+
+
+def layering_errors(project):
+    owner = {}
+    for layer, (folders, _) in LAYERS.items():
+        for path in sources(project, folders):
+            if path.suffix == ".h":
+                owner.setdefault(path.name, layer)
+    for layer, (folders, allowed) in LAYERS.items():
+        for path in sources(project, folders):
+            for name in QUOTED.findall(path.read_text()):
+                target = owner.get(pathlib.PurePath(name).name)
+                if target != layer and target not in allowed:
+                    yield f"{path.relative_to(project)} ({layer}) includes {name} ({target})"
+
+
+def standalone_errors(project, compiler):
+    folders = [project / "include", *sorted(project.glob("platform/*/include"))]
+    flags = [f"-I{folder}" for folder in folders]
+    for folder in folders:
+        for header in sorted(folder.glob("*.h")):
+            run = subprocess.run(
+                [compiler, "-std=c++17", "-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic",
+                 "-Wshadow", "-Wconversion", "-Werror", *flags, "-x", "c++", "-"],
+                input=f'#include "{header.name}"\n#include "{header.name}"\n',
+                text=True, capture_output=True, check=False)
+            if run.returncode != 0:
+                yield f"{header.relative_to(project)} does not compile on its own\n{run.stderr}"
+
+
+def main():
+    project = pathlib.Path(sys.argv[1]).resolve()
+    errors = [*layering_errors(project), *standalone_errors(project, sys.argv[2])]
+    for error in errors:
+        print(error)
+    print(f"{len(errors)} errors")
+    return 1 if errors else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

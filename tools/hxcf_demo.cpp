@@ -1,0 +1,189 @@
+// Packs the files of a folder into a grid file, one per cell, reads every one back and compares.
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "ZrCompactFileReader.h"
+#include "ZrCompactFileWriter.h"
+#include "ZrFile.h"
+#include "ZrFile64.h"
+
+namespace fs = std::filesystem;
+using Zarn::ZrByteArray;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Phase {
+  std::size_t tiles = 0;
+  unsigned long long bytes = 0;
+  Clock::duration busy{};  // inside the library; reading the folder's files does not count
+
+  double MegabytesPerSecond() const {
+    const double seconds = std::chrono::duration<double>(busy).count();
+    return seconds > 0 ? static_cast<double>(bytes) / 1e6 / seconds : 0;
+  }
+};
+
+struct Cell {
+  unsigned int row, col;
+};
+
+// The files in the order of their cells, and the smallest square grid that holds them.
+struct Plan {
+  std::vector<PelmUnicodeString> files;
+  unsigned int side = 1;
+
+  Cell CellOf(std::size_t file) const {
+    return {static_cast<unsigned int>(file / side), static_cast<unsigned int>(file % side)};
+  }
+};
+
+class ProgressBar {
+ public:
+  ProgressBar(const char* label, std::size_t total)
+      : m_label(label), m_total(total), m_shown(::isatty(STDERR_FILENO) == 1) {}
+  ~ProgressBar() {
+    if (m_shown) std::fprintf(stderr, "\r\033[K");
+  }
+  ProgressBar(const ProgressBar&) = delete;
+  ProgressBar& operator=(const ProgressBar&) = delete;
+
+  void Show(std::size_t done) {
+    const std::size_t percent = done * 100 / m_total;
+    if (!m_shown || percent == m_percent) return;
+    m_percent = percent;
+    const std::string bar(percent / 4, '#');
+    std::fprintf(stderr, "\r%s [%-25s] %3zu %%", m_label, bar.c_str(), percent);
+  }
+
+ private:
+  const char* m_label;
+  std::size_t m_total;
+  bool m_shown;
+  std::size_t m_percent = 101;
+};
+
+// Empty files are left out: a tile has at least one byte.
+Plan MakePlan(const fs::path& folder) {
+  Plan plan;
+  std::error_code error;
+  const auto options = fs::directory_options::skip_permission_denied;
+  for (fs::recursive_directory_iterator it(folder, options, error), end; !error && it != end;
+       it.increment(error)) {
+    std::error_code ignored;
+    if (it->is_regular_file(ignored) && it->file_size(ignored) > 0 && !ignored)
+      plan.files.push_back(PelmUnicodeString::FromUtf8(it->path().string()));
+  }
+  if (error) std::fprintf(stderr, "%s: %s\n", folder.c_str(), error.message().c_str());
+  while (std::size_t{plan.side} * plan.side < plan.files.size())
+    ++plan.side;
+  return plan;
+}
+
+bool LoadFile(const PelmUnicodeString& path, ZrByteArray& data) {
+  Zarn::ZrFile64 file;
+  return file.Open(path, Zarn::ZrFile64::kRead) && file.Load(data);
+}
+
+// False if a file could not be read or stored.
+bool StoreAll(const Plan& plan, Zarn::ZrCompactFileWriter& writer, Phase& phase) {
+  ProgressBar bar("storing", plan.files.size());
+  ZrByteArray data;
+  for (std::size_t i = 0; i < plan.files.size(); ++i) {
+    bar.Show(i);
+    const Cell cell = plan.CellOf(i);
+    if (!LoadFile(plan.files[i], data)) {
+      std::fprintf(stderr, "cannot read %s\n", plan.files[i].ToUtf8().c_str());
+      return false;
+    }
+    const auto start = Clock::now();
+    const unsigned int result = writer.SetAt(cell.row, cell.col, data, 0, 0, 1);
+    phase.busy += Clock::now() - start;
+    if (result != Zarn::ZrResult::kOk) {
+      std::fprintf(stderr, "storing %s answered %u\n", plan.files[i].ToUtf8().c_str(), result);
+      return false;
+    }
+    ++phase.tiles;
+    phase.bytes += data.GetSize();
+  }
+  return true;
+}
+
+// Returns the number of tiles that differ from their files.
+std::size_t CompareAll(const Plan& plan, Zarn::ZrCompactFileReader& reader, Phase& phase) {
+  ProgressBar bar("reading", plan.files.size());
+  ZrByteArray expected;
+  ZrByteArray tile;
+  std::size_t mismatches = 0;
+  for (std::size_t i = 0; i < plan.files.size(); ++i) {
+    bar.Show(i);
+    const Cell cell = plan.CellOf(i);
+    unsigned long long filled = 0;
+    const auto start = Clock::now();
+    const unsigned int result = reader.Lookup(cell.row, cell.col, tile, filled, 1);
+    phase.busy += Clock::now() - start;
+    ++phase.tiles;
+    phase.bytes += tile.GetSize();
+    const bool same = result == Zarn::ZrResult::kOk && LoadFile(plan.files[i], expected) &&
+                      filled == expected.GetSize() && tile.GetSize() == filled &&
+                      std::memcmp(tile.GetData(), expected.GetData(), filled) == 0;
+    if (same) continue;
+    ++mismatches;
+    std::fprintf(stderr, "differs: %s\n", plan.files[i].ToUtf8().c_str());
+  }
+  return mismatches;
+}
+
+int Run(const fs::path& folder, const PelmUnicodeString& target) {
+  const Plan plan = MakePlan(folder);
+  if (plan.files.empty()) {
+    std::fprintf(stderr, "no file to store under %s\n", folder.c_str());
+    return 1;
+  }
+  Zarn::ZrFile::Delete(target);
+  Zarn::ZrCompactFileWriter writer;
+  Zarn::ZrCompactFileReader reader;
+  unsigned int result =
+      writer.Create(target, plan.side, plan.side, u"", Zarn::ZrCompactFile::kCreateMissing);
+  if (result == Zarn::ZrResult::kOk)
+    result = reader.Open(target, u"", Zarn::ZrCompactFile::kReadOnly);
+  if (result != Zarn::ZrResult::kOk) {
+    std::fprintf(stderr, "creating %s answered %u\n", target.ToUtf8().c_str(), result);
+    return 1;
+  }
+
+  Phase stored;
+  Phase read;
+  if (!StoreAll(plan, writer, stored)) return 1;
+  const std::size_t mismatches = CompareAll(plan, reader, read);
+  std::uint64_t fileSize = 0;
+  writer.GetLength(fileSize);
+
+  std::printf("%-12s %u x %u, %s\n", "grid", plan.side, plan.side, target.ToUtf8().c_str());
+  std::printf("%-12s %14zu\n", "tiles", stored.tiles);
+  std::printf("%-12s %14llu\n", "bytes", stored.bytes);
+  std::printf("%-12s %14llu\n", "file size", static_cast<unsigned long long>(fileSize));
+  std::printf("%-12s %14.0f MB/s\n", "written", stored.MegabytesPerSecond());
+  std::printf("%-12s %14.0f MB/s\n", "read", read.MegabytesPerSecond());
+  std::printf("%-12s %14zu\n", "mismatches", mismatches);
+  return mismatches == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: %s FOLDER FILE\n", argv[0]);
+    return 2;
+  }
+  return Run(argv[1], PelmUnicodeString::FromUtf8(argv[2]));
+}
