@@ -5,10 +5,6 @@
 
 namespace Zarn {
 
-namespace Format {
-struct RecordHead;
-}
-
 /// Reads the tiles of a grid file, without any lock.
 ///
 /// One object belongs to one thread; several may be open on one file while one ZrCompactFileWriter
@@ -48,11 +44,8 @@ class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
  private:
   bool FindRecord(unsigned int row, unsigned int col, unsigned long long& entry,
                   unsigned long long& sizeHint) const;
-  bool LoadRecord(unsigned long long position, unsigned long long sizeHint,
-                  Format::RecordHead& head);
 
-  ZrByteArray m_head;     // head of the record read last
-  ZrByteArray m_payload;  // its payload area, until it is handed to the caller
+  ZrByteArray m_payload;  // of the record read last, until it is handed to the caller
 };
 
 }  // namespace Zarn

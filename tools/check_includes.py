@@ -17,9 +17,10 @@ LAYERS = {
     "stream": (["platform/stream"], ["base"]),
     "toolkit": (["platform/toolkit"], ["base"]),
     "format": (["src/format"], ["base", "stream", "toolkit"]),
+    "io": (["src/io"], ["format", "base", "stream", "toolkit"]),
     "include": (["include"], ["base", "stream", "toolkit"]),
-    "lite": (["src/lite"], ["format", "include", "base", "stream", "toolkit"]),
-    "engine": (["src/engine"], ["format", "include", "base", "stream", "toolkit"]),
+    "lite": (["src/lite"], ["io", "format", "include", "base", "stream", "toolkit"]),
+    "engine": (["src/engine"], ["io", "format", "include", "base", "stream", "toolkit"]),
     "access": (["src/access"], ["include", "base", "stream", "toolkit"]),
     "tools": (["tools", "examples", "benchmarks"], ["include", "base", "stream", "toolkit"]),
 }

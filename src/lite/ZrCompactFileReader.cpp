@@ -4,7 +4,7 @@
 
 #include "Header.h"
 #include "IndexValue.h"
-#include "RecordHead.h"
+#include "RecordReader.h"
 
 namespace Zarn {
 namespace {
@@ -38,12 +38,16 @@ unsigned int ZrCompactFileReader::Lookup(unsigned int row, unsigned int col, ZrB
     return ZrResult::kOk;
   }
 
-  Format::RecordHead head;
-  if (!LoadRecord(Format::PositionOf(entry), sizeHint, head)) return ZrResult::kReadFailure;
-  if (head.Table(m_head.GetData(), m_bSwap).SelectForLookup(nVersion) != 0)
+  const unsigned long long position = Format::PositionOf(entry);
+  Io::RecordReader record(*this, Format::kGridFile, m_bSwap);
+  if (position < GetDataStart() ||
+      !record.Read(position, {Format::kGridRecordHead, sizeHint}, m_payload) ||
+      record.Head().length < Format::kGridRecordHead)
+    return ZrResult::kReadFailure;
+  if (record.Versions().SelectForLookup(nVersion) != 0)
     return ZrResult::kOk;  // an older version, which this class deliberately does not follow
   data.SwapContents(m_payload);
-  nFilled = std::min(head.filledLength, head.capacity);
+  nFilled = std::min(record.Head().filledLength, record.Head().capacity);
   return ZrResult::kOk;
 }
 
@@ -63,40 +67,6 @@ bool ZrCompactFileReader::FindRecord(unsigned int row, unsigned int col, unsigne
     if (size <= kMaxSizeHint) sizeHint = size;
   }
   return true;
-}
-
-// Reads the record's head into m_head and its payload area into m_payload. In the usual case, one
-// version and a right hint, this is one system call: the full read proves that the record ends
-// inside the file.
-bool ZrCompactFileReader::LoadRecord(unsigned long long position, unsigned long long sizeHint,
-                                     Format::RecordHead& head) {
-  constexpr std::uint64_t kHead = Format::kGridRecordHead;
-  if (position < GetDataStart()) return false;
-  if (!m_head.ResizeForOverwrite(kHead) || !m_payload.ResizeForOverwrite(sizeHint)) return false;
-  const std::uint64_t got =
-      ReadParts(position, m_head.GetData(), kHead, m_payload.GetData(), sizeHint);
-  if (got < kHead) return false;
-
-  Format::HeadParse parse =
-      Format::ParseRecordHead(m_head.GetData(), kHead, Format::kGridFile, m_bSwap, head);
-  if (head.length < kHead) return false;
-  if (parse.outcome == Format::HeadParse::kComplete && head.size == kHead &&
-      head.length == kHead + head.capacity && head.capacity <= got - kHead)
-    return m_payload.Resize(head.capacity);
-
-  std::uint64_t fileLength;
-  if (!GetLength(fileLength) || fileLength < position || head.length > fileLength - position)
-    return false;
-  while (parse.outcome == Format::HeadParse::kNeedsMore) {
-    if (!m_head.ResizeForOverwrite(parse.needed) ||
-        !ReadAt(position, m_head.GetData(), parse.needed))
-      return false;
-    parse =
-        Format::ParseRecordHead(m_head.GetData(), parse.needed, Format::kGridFile, m_bSwap, head);
-  }
-  return parse.outcome == Format::HeadParse::kComplete &&
-         m_payload.ResizeForOverwrite(head.capacity) &&
-         ReadAt(position + head.size, m_payload.GetData(), head.capacity);
 }
 
 }  // namespace Zarn

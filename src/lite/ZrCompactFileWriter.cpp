@@ -2,13 +2,12 @@
 
 #include <algorithm>
 
-#include "Header.h"
+#include "HeaderIo.h"
 #include "IndexHeaders.h"
 #include "IndexValue.h"
 #include "PathRules.h"
 #include "PelmTime.h"
 #include "RecordHead.h"
-#include "Scramble.h"
 #include "StoreArguments.h"
 #include "ZrFile.h"
 #include "ZrNewFile.h"
@@ -77,9 +76,7 @@ unsigned int ZrCompactFileWriter::WriteHeader() {
   if (m_bSwap || (HoldsRecords() && GetIndexOffset() != Format::kHeaderSize))
     return ZrResult::kWriteFailure;
   m_header = Format::NewHeader(Format::kGridFile, PelmTime().GetCurTime().GetTime());
-  Format::HeaderImage image = m_header;
-  Format::ReMakeStream(image.data(), static_cast<int>(image.size()), m_xorString.data());
-  if (!WriteAt(0, image.data(), image.size())) return ZrResult::kWriteFailure;
+  if (!Io::WriteFileHeader(*this, m_xorString, m_header, false)) return ZrResult::kWriteFailure;
   Flush();
   return ZrResult::kOk;
 }

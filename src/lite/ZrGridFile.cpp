@@ -2,11 +2,10 @@
 
 #include <algorithm>
 
-#include "Header.h"
+#include "HeaderIo.h"
 #include "IndexHeaders.h"
 #include "IndexValue.h"
 #include "PathRules.h"
-#include "Scramble.h"
 #include "ZrFile.h"
 
 namespace Zarn {
@@ -64,15 +63,14 @@ void ZrGridFile::SetIdentity(const PelmUnicodeString& path, const PelmUnicodeStr
 }
 
 unsigned int ZrGridFile::ReadHeader() {
-  Format::HeaderImage image;
-  if (!ReadAt(0, image.data(), image.size())) return ZrResult::kReadFailure;
-  Format::ReMakeStream(image.data(), static_cast<int>(image.size()), m_xorString.data());
-  const Format::HeaderView header(image);
-  if (!header.HasMagic()) return ZrResult::kWrongFile;
-  if (header.IsForeignOrder()) m_bSwap = true;
-  if (m_bSwap) Format::SwapHeaderFields(image);
-  m_header = image;
-  return ZrResult::kOk;
+  switch (Io::ReadFileHeader(*this, m_xorString, m_header, m_bSwap)) {
+    case Io::HeaderRead::kOk:
+      return ZrResult::kOk;
+    case Io::HeaderRead::kBadMagic:
+      return ZrResult::kWrongFile;
+    default:
+      return ZrResult::kReadFailure;
+  }
 }
 
 unsigned int ZrGridFile::ReadHeaderGrid() {
