@@ -1,17 +1,67 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
 
 #include "HxCompactFileExport.h"
+#include "PelmUnicodeString.h"
+#include "ZrByteArray.h"
+#include "ZrCacheFile.h"
+#include "ZrFile64.h"
+#include "ZrMutex.h"
+#include "ZrProcess.h"
+#include "ZrResult.h"
 
 namespace Zarn {
 
-/// The vocabulary that all classes of a compact file share: the status of a tile, the mode of an
-/// open file, and the scrambling of a header by a password.
-class HX_COMPACTFILE_API ZrCompactFile {
- public:
-  ZrCompactFile() = delete;
+namespace Format {
+class RecordImage;
+}
+namespace Io {
+class RecordReader;
+struct RecordGuess;
+}  // namespace Io
+namespace Engine {
+class IndexPages;
+class OperationLock;
+struct FileState;
+struct TileEntry;
+struct TileStore;
+}  // namespace Engine
 
+/// One container file, for all threads of a process: tiles stored whole or in pieces, in versions,
+/// and read back while others write.
+///
+/// Use: Create or Open, then store and look up, then Close. A file is a grid file, whose tiles lie
+/// in cells, or a naming file; both are created, opened and reported here, and this version stores
+/// tiles in grid files.
+///
+/// Versions. Every store names a stamp, larger for newer. A lookup gives the newest version, or an
+/// older one asked for by its exact stamp. A tile stored in pieces names the same capacity and
+/// stamp with each, and the offset of the piece; lookups give the whole area and how far it is
+/// filled.
+///
+/// Threads. Any thread may use the object, without locks of its own. Each that opens it, or works
+/// on its tiles, counts as a user until it calls Close; the last one's Close closes the file. The
+/// accessors marked "lock-free" never wait for an operation that is under way.
+///
+/// Processes. Every process that uses a file at the same time must open it with kProcessLock. Then
+/// each operation sees all that others finished before, whether they changed tiles or replaced the
+/// file; an operation that cannot have the lock, or finds the file gone or damaged, fails and
+/// writes nothing. Among openers without that bit, or one with and one without, nothing is
+/// guaranteed. Two objects on one file within a process count as two processes.
+///
+/// Fork. A child must not use an object that its parent had open, except to destroy it.
+///
+/// Crash. What an operation has acknowledged survives the death of the process at any moment; an
+/// operation cut short leaves its tile as it was, except that a version being rewritten in its own
+/// place may be left half old, half new. Loss of power may cost whatever came after the last Flush.
+class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
+ public:
   /// State of a cell or of a version. It is stored in one byte, so a damaged file may hold any
   /// value; only kComplete and kPartial mean that a record is there.
   enum ZrStatus : std::uint8_t {
@@ -30,6 +80,112 @@ class HX_COMPACTFILE_API ZrCompactFile {
 
   /// Largest capacity that a store may ask for, in bytes: 2 GiB less 100 bytes.
   static constexpr unsigned long long kMaxCapacity = 0x7FFFFF9C;
+
+  ZrCompactFile();
+  /// Closes the file whatever threads still count as users; none may be inside a call.
+  ~ZrCompactFile() override;
+
+  /// @name Lifecycle
+  /// @{
+
+  /// Creates a grid file, with its missing folders, and opens it. The file appears complete or not
+  /// at all; with kReplace it takes the place of an existing one in one step.
+  ///
+  /// @param path      ".cf" is appended to a path without an extension.
+  /// @param rows,cols at least 1 each, their product at most 0x10000000.
+  /// @param password  scrambles the header; empty for none.
+  /// @param mode      bits of ZrOpenMode.
+  ///
+  /// kOk; kNotCreated for bad sizes, an unusable or a ".sc" path, an existing file without
+  /// kReplace, or if the file cannot be made, locked or opened. The calling thread has closed what
+  /// it had open before; what other threads still have open stays so if this fails.
+  unsigned int Create(const PelmUnicodeString& path, unsigned int rows, unsigned int cols,
+                      const PelmUnicodeString& password, ZrOpenMode mode);
+  /// The same for a naming file with room for `capacity` names at first, 1 to 0x8000000. The values
+  /// of SetMaxSize are stored in it.
+  unsigned int Create(const PelmUnicodeString& path, unsigned long long capacity,
+                      const PelmUnicodeString& password, ZrOpenMode mode);
+
+  /// Opens a file, joins it if it is open in this object, or makes it, as a naming file with 128
+  /// slots, if it is missing and the mode is not exactly kReadOnly.
+  ///
+  /// kOk; kNotUsable if the lock, memory or the index cannot be had; kNotCreated if a missing file
+  /// cannot be made; kWrongFile for no compact file or a wrong password; kNotFound; kNotOpen if the
+  /// file cannot be opened, or is no regular file. A file that cannot be opened for writing is
+  /// opened for reading. A ".sc" path gives the result of the registered ZrCacheFile, to which the
+  /// object then delegates.
+  unsigned int Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                    ZrOpenMode mode);
+
+  /// Ends the calling thread's use; closes the file if no other thread uses it. Always true, except
+  /// that a ".sc" file gives its own result.
+  bool Close();
+
+  /// Whether a file is open. Lock-free.
+  bool IsOpen() const;
+  /// Waits until all that was stored before would survive a loss of power. False if nothing is
+  /// open, or the system reports an error. Lock-free.
+  bool Flush();
+  /// The path as it was given, completed by ".cf". Lock-free.
+  PelmUnicodeString GetFullPath() const;
+  /// Two numbers of the host's that a naming file carries; they are written with the next naming
+  /// header. Lock-free.
+  void SetMaxSize(double first, double second);
+  /// Whether tiles of the open file keep versions. Lock-free.
+  bool IsVersionEnabled() const;
+  /// Whether this object holds the lock between processes now. Lock-free.
+  bool IsDeadLocked() const;
+  /// Size of the index: 0 for a grid file, with rows and columns; 1 for a naming file, with
+  /// capacity and count (their low 32 bits); 3 for a ".sc" file, with the first fields of its
+  /// status; else the kind that the file states, with nothing. Lock-free.
+  unsigned int GetIndexInfo(unsigned int& first, unsigned int& second) const;
+
+  /// Scrambles the header by another password, or by none. 1, or 0 if nothing was changed: not
+  /// open, opened for reading, or the header could not be read and written.
+  unsigned int SetPassword(const PelmUnicodeString& password);
+  /// @}
+
+  /// @name Tiles of a grid file
+  /// @{
+
+  /// Stores a tile, a piece of one, or a version.
+  ///
+  /// @param capacity size of the version's payload area, at most kMaxCapacity; 0 for the size of
+  ///                 the data.
+  /// @param offset   where in that area the data goes; the rest of the area keeps what it held, and
+  ///                 is unspecified in a new one.
+  /// @param version  stamp. The stamp of a version that is there replaces or completes it.
+  ///
+  /// kOk; kNotOpen; kWriteFailure for empty data, invalid numbers, a cell outside the grid, a file
+  /// opened for reading, or a record that could not be read or written; then the tile is as it was.
+  /// In a file without versions a tile that is there is not changed, which is also kOk.
+  unsigned int SetAt(unsigned int row, unsigned int col, const ZrByteArray& data,
+                     unsigned long long capacity, unsigned long long offset,
+                     unsigned long long version);
+
+  /// Reads a tile.
+  ///
+  /// @param data         receives the whole payload area; its memory is exchanged for the object's
+  ///                     own, so a pointer from before is stale. Position 0.
+  /// @param filledLength receives how far the area is filled: where the last write into it ended.
+  /// @param version      the exact stamp of an older version selects it, any other the newest.
+  ///
+  /// kOk; kNotFound for an empty cell, with empty data; kReadFailure if nothing is open, for a cell
+  /// outside the grid and for a damaged record; then `data` is untouched and `filledLength` 0.
+  unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
+                      unsigned long long& filledLength, unsigned long long version);
+
+  /// Removes the version with exactly this stamp. kOk, also if there is none, or if the file keeps
+  /// no versions; kWriteFailure if nothing is open, for a cell outside the grid, a file opened for
+  /// reading, and a record that could not be read or written.
+  unsigned int Remove(unsigned int row, unsigned int col, unsigned long long version);
+
+  /// Status of a cell; kUnknown if it cannot be read. The index is as it was when it was last
+  /// looked at under the lock. Lock-free.
+  ZrStatus GetStatus(unsigned int row, unsigned int col) const;
+  /// Index value of a cell: status in the top byte, record position below. Lock-free.
+  bool GetGridIdxValue(unsigned int row, unsigned int col, unsigned long long& value) const;
+  /// @}
 
   /// @name Header scrambling
   /// A header is scrambled, and unscrambled, by XOR with one byte of a key stream:
@@ -52,6 +208,115 @@ class HX_COMPACTFILE_API ZrCompactFile {
   /// `xorString` is null or `length` is not above 0.
   static void ReMakeStream(unsigned char* buffer, int length, unsigned char* xorString);
   /// @}
+
+ private:
+  friend class Engine::OperationLock;
+  friend HX_COMPACTFILE_API void RefeshIndexCallBack(void* owner);
+
+  // Lifecycle. Called with m_mutex held.
+  unsigned int OpenCacheFile(const PelmUnicodeString& path, const PelmUnicodeString& password);
+  unsigned int CreateGrid(const PelmUnicodeString& path, unsigned int rows, unsigned int cols,
+                          const PelmUnicodeString& password, ZrOpenMode mode);
+  unsigned int CreateNaming(const PelmUnicodeString& path, unsigned long long capacity,
+                            const PelmUnicodeString& password, ZrOpenMode mode);
+  unsigned int TakeNewFile(const ZrFile64& created, const PelmUnicodeString& path,
+                           const PelmUnicodeString& password, ZrOpenMode mode);
+  unsigned int Join();
+  unsigned int TakeIntoUse();
+  bool IsOpenAt(const PelmUnicodeString& path) const;
+  void CloseForThisThread();
+  void TearDown();
+  void SetIdentity(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                   ZrOpenMode mode);
+  bool ProcessLockInit();
+
+  // Index. Called with m_mutex held.
+  unsigned int RefreshIndex();
+  void Publish(Engine::FileState&& state);
+  bool HasVersions() const;
+  unsigned long long GetIndexEnd() const;
+  bool ReadGridSlot(unsigned int row, unsigned int col, Engine::TileEntry& entry) const;
+  bool WriteGridSlot(const Engine::TileEntry& entry);
+
+  // Records. Called with m_mutex and the lock between processes held.
+  ZrByteArray* GetSwapData();
+  bool IsReadOnly() const;
+  bool IsRecordPosition(unsigned long long position) const;
+  unsigned long long GetAppendPosition() const;
+  Io::RecordReader MakeReader() const;
+  Format::RecordImage MakeImage(ZrByteArray& buffer) const;
+  bool ReadHead(unsigned long long position, Io::RecordReader& record) const;
+  bool ReadDataFromDataFile(unsigned long long position, Format::RecordImage& image) const;
+  bool WriteHeadAndData(unsigned long long position, const Format::RecordImage& image,
+                        const Engine::TileStore& store);
+  unsigned long long WriteDataToDataFile(unsigned long long position, bool append,
+                                         const Format::RecordImage& image);
+  bool UpdateSwapData(Format::RecordImage& image, const Engine::TileStore& store);
+  unsigned long long AppendSwapData(Format::RecordImage& image, const Engine::TileStore& store);
+  unsigned long long AppendNewRecord(Format::RecordImage& image, const Engine::TileStore& store);
+
+  // Versions. Likewise.
+  bool StoreIntoTile(Engine::TileEntry& entry, const Engine::TileStore& store);
+  bool RemoveFromTile(Engine::TileEntry& entry, unsigned long long version);
+  unsigned int GetStatusAndVersionOrder(Format::RecordImage& image, unsigned int& index,
+                                        unsigned long long recordPosition,
+                                        unsigned long long version);
+  unsigned long long AddNewData(const Engine::TileStore& store, ZrByteArray& buffer);
+  unsigned long long AddMaxNewVersionData(unsigned long long recordPosition,
+                                          Format::RecordImage& image,
+                                          const Engine::TileStore& store);
+  unsigned long long AddOldVersionData(unsigned long long recordPosition,
+                                       Format::RecordImage& image, unsigned int index,
+                                       const Engine::TileStore& store);
+  unsigned long long ReplaceVersion(unsigned long long recordPosition, Format::RecordImage& image,
+                                    const Engine::TileStore& store);
+  bool UpdateOlderVersion(unsigned long long recordPosition, Format::RecordImage& image,
+                          unsigned int index, const Engine::TileStore& store);
+  bool ReadOlder(unsigned long long position, unsigned long long currentPosition,
+                 unsigned long long stamp, Io::RecordReader& record) const;
+  bool RemoveNewest(Engine::TileEntry& entry, const Io::RecordReader& record, ZrByteArray& buffer);
+  Io::RecordGuess GuessRecord(const Engine::TileEntry& entry) const;
+  bool LookUp_Inner(const Engine::TileEntry& entry, ZrByteArray& buffer, ZrByteArray& data,
+                    unsigned long long& filledLength, unsigned long long version) const;
+
+  bool m_bLockHeld = false;  ///< compaction holds the lock between processes for all operations
+
+  /// The published state of the open file. Changed with m_mutex and m_stateMutex both held, so
+  /// either of them is enough to read it.
+  mutable std::mutex m_stateMutex;
+  std::shared_ptr<ZrFile64> m_file;        ///< null while nothing is open
+  std::array<unsigned char, 64> m_header;  ///< unscrambled, in host order
+  std::uint32_t m_nRowCount = 0;           ///< grid files
+  std::uint32_t m_nColCount = 0;           ///< grid files
+  std::uint32_t m_nGridFlags = 0;          ///< grid files; bit 0: versions
+  std::uint64_t m_nNamingCapacity = 0;     ///< naming files: slots
+  std::uint64_t m_nNamingCount = 0;        ///< naming files: slots in use
+  double m_dMaxSize1 = 0;                  ///< the host's, see SetMaxSize
+  double m_dMaxSize2 = 0;
+  std::uint32_t m_nNamingFlags = 0;              ///< naming files; bit 0: versions
+  std::shared_ptr<Engine::IndexPages> m_pIndex;  ///< entries, in the file's order
+  bool m_bSwap = false;                          ///< the file is in the other byte order
+  bool m_bOpened = false;
+  bool m_bIndexValid = false;                 ///< the last refresh succeeded
+  std::shared_ptr<ZrCacheFile> m_pCacheFile;  ///< the ".sc" file that is in use instead
+  PelmUnicodeString m_strPath;                ///< as given, completed
+
+  /// Guarded by m_mutex.
+  std::map<std::uint32_t, std::unique_ptr<ZrByteArray>> m_mapSwapData;  ///< by thread: its users
+  std::array<unsigned char, 256> m_xorString{};                         ///< the password's
+  PelmUnicodeString m_strAbsolutePath;  ///< where the file is, whatever the working directory
+  PelmUnicodeString m_strPassword;
+  ZrOpenMode m_nOpenMode = 0;
+
+  /// The lock order: m_mutex, the lock between processes, m_readers, m_stateMutex, the index's own.
+  ZrMutex m_mutex{1};
+  /// Held shared by a lookup that has left m_mutex while it reads its record, and exclusively by
+  /// whoever changes records or closes the file.
+  std::shared_mutex m_readers;
 };
+
+/// What the lock between processes calls when another process has changed the file; `owner` is the
+/// ZrCompactFile, or null.
+HX_COMPACTFILE_API void RefeshIndexCallBack(void* owner);
 
 }  // namespace Zarn

@@ -14,14 +14,20 @@ namespace Zarn {
 /// One thread uses one object, and one writer at a time works on a file; readers may be open
 /// meanwhile.
 ///
+/// A process that is killed while it rewrites a tile in place may leave it half old, half new.
+///
 /// Limits, kept for the files that exist:
+/// - A tile has one version here. Storing into a cell whose tile has several, made by
+/// ZrCompactFile,
+///   leaves only the new one.
 /// - The unused capacity of a tile is not written, so the file may end before its last record does.
 ///   Such a record reads as damaged, and storing into its cell does nothing, until something
 ///   follows it.
 /// - The data goes right behind the record's head, whatever the offset; the offset only counts into
 ///   the filled length.
 /// - Records are written in this host's byte order. In a file of the other order, which a reader
-///   takes to be in that order throughout, such records cannot be read.
+///   takes to be in that order throughout, such records cannot be read; and storing into such a
+///   cell again does nothing, for the old record seems to end beyond the file.
 class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
  public:
   ZrCompactFileWriter() = default;
@@ -89,13 +95,15 @@ class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
  private:
   enum class Place { kInPlace, kAppend, kBeyondFile, kUnreadable };
 
-  Place FindPlace(unsigned long long entry, unsigned long long capacity) const;
-  unsigned long long GetAppendPosition();
-  bool FindDataEnd();
+  Place FindPlace(unsigned long long entry, unsigned long long capacity,
+                  unsigned long long fileLength) const;
+  unsigned long long GetAppendPosition(unsigned long long fileLength);
+  bool FindDataEnd(unsigned long long fileLength);
   bool FindHighestRecord(unsigned long long fileLength, unsigned long long& highest) const;
   bool HoldsRecords() const;
 
-  unsigned long long m_nDataEnd = 0;  // where the last record says it ends; 0 until looked for
+  unsigned long long m_nDataEnd = 0;  // the last record's stated end, of those known
+  bool m_bDataEndFound = false;       // the file was looked through for it
 };
 
 }  // namespace Zarn

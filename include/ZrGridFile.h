@@ -19,7 +19,8 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
  public:
   /// True between a successful Create or Open and Close.
   bool IsOpen() const { return m_bOpened; }
-  /// The path last created or opened (or tried), with ".cf" appended if it had no extension.
+  /// The path of the file that was last opened, or for which that was last tried, with ".cf"
+  /// appended if it had no extension.
   PelmUnicodeString GetFilePath() const { return m_strPath; }
   /// True if tiles of this file keep versions. Every file made by this library says so.
   bool IsVersionEnabled() const;

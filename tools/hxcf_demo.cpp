@@ -72,16 +72,24 @@ class ProgressBar {
   std::size_t m_percent = 101;
 };
 
-// Empty files are left out: a tile has at least one byte.
-Plan MakePlan(const fs::path& folder) {
+// Left out: empty files (a tile has at least one byte), names that are not UTF-8, files that may
+// not be read, and the container itself.
+bool CanBeStored(const fs::directory_entry& file, const PelmUnicodeString& path,
+                 const PelmUnicodeString& target) {
+  std::error_code error;
+  return file.is_regular_file(error) && file.file_size(error) > 0 && !error &&
+         path.ToUtf8() == file.path().string() && !fs::equivalent(file, target.ToUtf8(), error) &&
+         ::access(file.path().c_str(), R_OK) == 0;
+}
+
+Plan MakePlan(const fs::path& folder, const PelmUnicodeString& target) {
   Plan plan;
   std::error_code error;
   const auto options = fs::directory_options::skip_permission_denied;
   for (fs::recursive_directory_iterator it(folder, options, error), end; !error && it != end;
        it.increment(error)) {
-    std::error_code ignored;
-    if (it->is_regular_file(ignored) && it->file_size(ignored) > 0 && !ignored)
-      plan.files.push_back(PelmUnicodeString::FromUtf8(it->path().string()));
+    const PelmUnicodeString path = PelmUnicodeString::FromUtf8(it->path().string());
+    if (CanBeStored(*it, path, target)) plan.files.push_back(path);
   }
   if (error) std::fprintf(stderr, "%s: %s\n", folder.c_str(), error.message().c_str());
   while (std::size_t{plan.side} * plan.side < plan.files.size())
@@ -144,7 +152,7 @@ std::size_t CompareAll(const Plan& plan, Zarn::ZrCompactFileReader& reader, Phas
 }
 
 int Run(const fs::path& folder, const PelmUnicodeString& target) {
-  const Plan plan = MakePlan(folder);
+  const Plan plan = MakePlan(folder, target);
   if (plan.files.empty()) {
     std::fprintf(stderr, "no file to store under %s\n", folder.c_str());
     return 1;

@@ -19,9 +19,7 @@ constexpr std::uint8_t StatusOf(std::uint64_t value) {
   return static_cast<std::uint8_t>(value >> kStatusShift);
 }
 
-constexpr std::uint64_t PositionOf(std::uint64_t value) {
-  return value & kPositionMask;
-}
+constexpr std::uint64_t PositionOf(std::uint64_t value) { return value & kPositionMask; }
 
 /// Only these two statuses have a position to follow.
 constexpr bool HoldsRecord(std::uint8_t status) {

@@ -10,9 +10,7 @@ namespace {
 
 constexpr HeadParse kDamaged = {HeadParse::kDamaged};
 
-HeadParse NeedsMore(std::uint64_t needed) {
-  return {HeadParse::kNeedsMore, needed};
-}
+HeadParse NeedsMore(std::uint64_t needed) { return {HeadParse::kNeedsMore, needed}; }
 
 // Version count, the one table entry, capacity and filled length. Entry 0's position is 0: this
 // record, whose place is not known before it is appended.

@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "Layout.h"
+#include "IndexValue.h"
 
 /// The three numbers that every store names, and their rules.
 namespace Zarn::Format {
@@ -11,22 +11,24 @@ namespace Zarn::Format {
 inline constexpr std::uint64_t kMaxCapacity = 0x7FFFFF9C;
 
 struct StoreSpan {
-  std::uint64_t capacity;      // bytes of payload area
-  std::uint64_t filledLength;  // offset of the bytes plus their number, at most the capacity
+  std::uint64_t capacity;  // bytes of payload area
+  std::uint64_t offset;    // where in it the bytes go
+  std::uint64_t size;      // how many they are
 
+  std::uint64_t FilledLength() const { return offset + size; }
+  bool CoversAll() const { return size == capacity; }
   std::uint8_t Status() const {
-    return filledLength == capacity ? kStatusComplete : kStatusPartial;
+    return FilledLength() == capacity ? kStatusComplete : kStatusPartial;
   }
 };
 
 /// The span of `size` bytes at `offset` in a payload area of `capacity` bytes; none if they do not
-/// fit, or if a record with that area could not lie in any file.
+/// fit, or if no index value could point behind a record with that area.
 constexpr std::optional<StoreSpan> FitSpan(std::uint64_t capacity, std::uint64_t offset,
                                            std::uint64_t size) {
-  constexpr std::uint64_t kMaxFileLength = INT64_MAX;
-  if (capacity > kMaxFileLength - kGridRecordHead) return std::nullopt;
+  if (capacity > kPositionMask - kGridRecordHead) return std::nullopt;
   if (size > capacity || offset > capacity - size) return std::nullopt;
-  return StoreSpan{capacity, offset + size};
+  return StoreSpan{capacity, offset, size};
 }
 
 /// The span that a caller's store asks for. A capacity of 0 means the size. None for an invalid

@@ -6,7 +6,7 @@ namespace Zarn::Io {
 
 using Format::HeadParse;
 
-bool RecordReader::Read(std::uint64_t position, Guess guess, ZrByteArray& payload) {
+bool RecordReader::Read(std::uint64_t position, RecordGuess guess, ZrByteArray& payload) {
   guess.headSize = std::min<std::uint64_t>(guess.headSize, sizeof m_small);
   m_bytes = m_small;
   if (!payload.ResizeForOverwrite(guess.payloadSize)) return false;
@@ -33,16 +33,20 @@ bool RecordReader::ReadHead(std::uint64_t position, std::uint64_t guessedSize) {
   return CompleteHead(position, m_file.ReadParts(position, m_bytes, guessedSize, nullptr, 0));
 }
 
-// Reads on until the head is whole. The record is known to lie in the file before memory is had
-// for what it states.
+// Reads on until the head is whole. Before memory is had for what the record states, and again when
+// more of it was read, it is known to lie in the file.
 bool RecordReader::CompleteHead(std::uint64_t position, std::uint64_t available) {
-  HeadParse parse = Parse(available);
-  if (available < Format::kRecordLengthSize || !EndsInFile(position)) return false;
-  while (parse.outcome == HeadParse::kNeedsMore) {
+  std::uint64_t fileLength;
+  if (available < Format::kRecordLengthSize || !m_file.GetLength(fileLength)) return false;
+  for (;;) {
+    const HeadParse parse = Parse(available);
+    if (parse.outcome == HeadParse::kDamaged || fileLength < position ||
+        m_head.length > fileLength - position)
+      return false;
+    if (parse.outcome == HeadParse::kComplete) return true;
     if (!ProvideHead(parse.needed) || !m_file.ReadAt(position, m_bytes, parse.needed)) return false;
-    parse = Parse(parse.needed);
+    available = parse.needed;
   }
-  return parse.outcome == HeadParse::kComplete;
 }
 
 bool RecordReader::ProvideHead(std::uint64_t size) {
@@ -50,11 +54,6 @@ bool RecordReader::ProvideHead(std::uint64_t size) {
   if (!m_large.ResizeForOverwrite(size)) return false;
   m_bytes = m_large.GetData();
   return true;
-}
-
-bool RecordReader::EndsInFile(std::uint64_t position) const {
-  std::uint64_t length;
-  return m_file.GetLength(length) && position <= length && m_head.length <= length - position;
 }
 
 HeadParse RecordReader::Parse(std::uint64_t available) {

@@ -6,6 +6,12 @@
 
 namespace Zarn::Io {
 
+/// How large a record may be, before anything of it was read.
+struct RecordGuess {
+  std::uint64_t headSize = 0;
+  std::uint64_t payloadSize = 0;  // 0: unknown, the head is read first
+};
+
 /// Reads records from a file: the head into memory of its own, the payload area into a buffer of
 /// the caller's. A record that does not hold what it states, or that runs past the end of the
 /// file, is not read.
@@ -14,17 +20,15 @@ namespace Zarn::Io {
 /// when they are wrong.
 class RecordReader {
  public:
-  struct Guess {
-    std::uint64_t headSize = 0;
-    std::uint64_t payloadSize = 0;  // 0: unknown, the head is read first
-  };
-
   RecordReader(const ZrFileStream& file, std::uint32_t fileKind, bool swap)
       : m_file(file), m_fileKind(fileKind), m_swap(swap) {}
 
+  RecordReader(const RecordReader&) = delete;
+  RecordReader& operator=(const RecordReader&) = delete;
+
   /// Reads head and payload area. `payload` gets exactly the area, and its contents are
   /// unspecified on failure.
-  bool Read(std::uint64_t position, Guess guess, ZrByteArray& payload);
+  bool Read(std::uint64_t position, RecordGuess guess, ZrByteArray& payload);
   /// Reads the head only.
   bool ReadHead(std::uint64_t position, std::uint64_t guessedSize);
 
@@ -36,7 +40,6 @@ class RecordReader {
  private:
   bool CompleteHead(std::uint64_t position, std::uint64_t available);
   bool ProvideHead(std::uint64_t size);
-  bool EndsInFile(std::uint64_t position) const;
   Format::HeadParse Parse(std::uint64_t available);
 
   const ZrFileStream& m_file;

@@ -53,7 +53,7 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
     Close();
     return ZrResult::kNotCreated;
   }
-  m_nDataEnd = GetDataStart();
+  m_bDataEndFound = true;
   return ZrResult::kOk;
 }
 
@@ -61,6 +61,7 @@ unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,
                                        const PelmUnicodeString& password,
                                        ZrCompactFile::ZrOpenMode mode) {
   m_nDataEnd = 0;
+  m_bDataEndFound = false;
   return OpenExisting(path, password, mode, kReadWrite);
 }
 
@@ -68,6 +69,7 @@ bool ZrCompactFileWriter::Close() {
   Flush();
   CloseStream();
   m_nDataEnd = 0;
+  m_bDataEndFound = false;
   return true;
 }
 
@@ -75,21 +77,26 @@ unsigned int ZrCompactFileWriter::WriteHeader() {
   if (!IsOpen()) return ZrResult::kNotUsable;
   if (m_bSwap || (HoldsRecords() && GetIndexOffset() != Format::kHeaderSize))
     return ZrResult::kWriteFailure;
-  m_header = Format::NewHeader(Format::kGridFile, PelmTime().GetCurTime().GetTime());
-  if (!Io::WriteFileHeader(*this, m_xorString, m_header, false)) return ZrResult::kWriteFailure;
+  const Format::HeaderImage header =
+      Format::NewHeader(Format::kGridFile, PelmTime().GetCurTime().GetTime());
+  if (!Io::WriteFileHeader(*this, m_xorString, header, false)) return ZrResult::kWriteFailure;
+  m_header = header;
   Flush();
   return ZrResult::kOk;
 }
 
 unsigned int ZrCompactFileWriter::WriteHeaderGrid(unsigned int rows, unsigned int cols) {
   if (m_bSwap || HoldsRecords()) return ZrResult::kWriteFailure;
-  m_nGridFlags |= Format::kVersionsEnabled;
-  m_nRowCount = rows;
-  m_nColCount = cols;
-  const auto image = Format::EncodeGridHeader({rows, cols, m_nGridFlags}, false);
-  if (!WriteAt(GetIndexOffset(), image.data(), image.size())) return ZrResult::kWriteFailure;
+  const Format::GridHeader header = {rows, cols, m_nGridFlags | Format::kVersionsEnabled};
+  const auto image = Format::EncodeGridHeader(header, false);
   const std::uint64_t entries = Format::GridEntryOffset(GetIndexOffset(), 0);
-  if (!ZeroFill(entries, GetDataStart() - entries)) return ZrResult::kWriteFailure;
+  const std::uint64_t end = Format::GridDataStart(GetIndexOffset(), rows, cols);
+  if (!WriteAt(GetIndexOffset(), image.data(), image.size()) || !ZeroFill(entries, end - entries) ||
+      !SetLength(end))
+    return ZrResult::kWriteFailure;
+  m_nRowCount = header.rowCount;
+  m_nColCount = header.colCount;
+  m_nGridFlags = header.flags;
   Flush();
   return ZrResult::kOk;
 }
@@ -117,14 +124,16 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
   if (!IsOpen()) return ZrResult::kNotOpen;
   const auto span = Format::ResolveStore(nCapacity, nOffset, data.GetSize());
   unsigned long long entry;
-  if (!span || !ReadIndexValue(row, col, entry)) return ZrResult::kWriteFailure;
+  std::uint64_t fileLength;
+  if (!span || !ReadIndexValue(row, col, entry) || !GetLength(fileLength))
+    return ZrResult::kWriteFailure;
 
-  const Place place = FindPlace(entry, span->capacity);
+  const Place place = FindPlace(entry, span->capacity, fileLength);
   if (place == Place::kUnreadable) return ZrResult::kReadFailure;
   if (place == Place::kBeyondFile) return ZrResult::kOk;  // deliberately silent, nothing written
 
   const unsigned long long target =
-      place == Place::kInPlace ? Format::PositionOf(entry) : GetAppendPosition();
+      place == Place::kInPlace ? Format::PositionOf(entry) : GetAppendPosition(fileLength);
   ZrCompactFile::ZrStatus status;
   const unsigned long long position =
       WriteDataToFile(status, data, span->capacity, nOffset, nVersion, target);
@@ -139,14 +148,13 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
 // that looks sufficient: the whole new record must fit into the old one, or the old one be the last
 // in the file, so that no neighbour is run over.
 ZrCompactFileWriter::Place ZrCompactFileWriter::FindPlace(unsigned long long entry,
-                                                          unsigned long long capacity) const {
+                                                          unsigned long long capacity,
+                                                          unsigned long long fileLength) const {
   const std::uint64_t position = Format::PositionOf(entry);
   if (!Format::HoldsRecord(Format::StatusOf(entry)) || position < GetDataStart())
     return Place::kAppend;
   std::uint64_t length;
-  std::uint64_t fileLength;
-  if (!ReadAt(position, &length, sizeof length) || !GetLength(fileLength))
-    return Place::kUnreadable;
+  if (!ReadAt(position, &length, sizeof length)) return Place::kUnreadable;
   length = LoadScalar<std::uint64_t>(&length, m_bSwap);
   if (length < Format::kGridRecordHead) return Place::kAppend;
   if (fileLength < position || length > fileLength - position) return Place::kBeyondFile;
@@ -162,35 +170,38 @@ unsigned long long ZrCompactFileWriter::WriteDataToFile(
     unsigned long long nOffset, unsigned long long nVersion, unsigned long long position) {
   const auto span = Format::FitSpan(capacity, nOffset, data.GetSize());
   if (!IsOpen() || !span || position < GetDataStart()) return 0;
+  const std::uint64_t recordLength = Format::kGridRecordHead + capacity;
+  // Beyond what an index value can name, the position would run into the status.
+  if (position > Format::kPositionMask || recordLength > Format::kPositionMask - position) return 0;
   status = static_cast<ZrCompactFile::ZrStatus>(span->Status());
   unsigned char head[Format::kGridRecordHead];
   // Host order even in a file of the other order, where only the index is swapped.
-  Format::EncodeGridRecordHead(head, {nVersion, span->Status(), capacity, span->filledLength},
+  Format::EncodeGridRecordHead(head, {nVersion, span->Status(), capacity, span->FilledLength()},
                                false);
   if (!WriteParts(position, head, sizeof head, data.GetData(), data.GetSize())) return 0;
-  if (m_nDataEnd != 0) m_nDataEnd = std::max(m_nDataEnd, position + sizeof head + capacity);
+  m_nDataEnd = std::max<unsigned long long>(m_nDataEnd, position + recordLength);
   Flush();
   return position;
 }
 
 // Behind everything: the file's end, the index area, and the stated end of the last record, of
-// whose unused capacity nothing may be written yet. 0 if the index cannot be read.
-unsigned long long ZrCompactFileWriter::GetAppendPosition() {
-  std::uint64_t length;
-  if ((m_nDataEnd == 0 && !FindDataEnd()) || !GetLength(length)) return 0;
-  return std::max<unsigned long long>(m_nDataEnd, length);
+// whose unused capacity nothing may be written yet. 0 if the file cannot be read.
+unsigned long long ZrCompactFileWriter::GetAppendPosition(unsigned long long fileLength) {
+  if (!m_bDataEndFound && !FindDataEnd(fileLength)) return 0;
+  return std::max({m_nDataEnd, fileLength, GetDataStart()});
 }
 
-bool ZrCompactFileWriter::FindDataEnd() {
-  std::uint64_t fileLength;
+bool ZrCompactFileWriter::FindDataEnd(unsigned long long fileLength) {
   unsigned long long highest = 0;
-  if (!GetLength(fileLength) || !FindHighestRecord(fileLength, highest)) return false;
-  m_nDataEnd = GetDataStart();
-  std::uint64_t length;
-  if (highest == 0 || !ReadAt(highest, &length, sizeof length)) return true;
-  length = LoadScalar<std::uint64_t>(&length, m_bSwap);
+  if (!FindHighestRecord(fileLength, highest)) return false;
+  std::uint64_t length = 0;
+  if (highest != 0 && fileLength - highest >= sizeof length) {
+    if (!ReadAt(highest, &length, sizeof length)) return false;
+    length = LoadScalar<std::uint64_t>(&length, m_bSwap);
+  }
   if (IsPlausibleLength(length))
     m_nDataEnd = std::max<unsigned long long>(m_nDataEnd, highest + length);
+  m_bDataEndFound = true;
   return true;
 }
 

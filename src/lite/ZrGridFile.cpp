@@ -5,6 +5,7 @@
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
 #include "IndexValue.h"
+#include "OpenPath.h"
 #include "PathRules.h"
 #include "ZrFile.h"
 
@@ -41,11 +42,7 @@ unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
 }
 
 bool ZrGridFile::IsOpenAt(const PelmUnicodeString& path) const {
-  if (!m_bOpened) return false;
-  if (path == m_strPath) return true;
-  if (path.CompareNoCase(m_strPath) != 0) return false;
-  // Two spellings of one path, unless the file system holds another file under the second.
-  return !ZrFile::IsExist(path) || IsSameFile(path);
+  return m_bOpened && Io::IsPathOf(path, m_strPath, *this);
 }
 
 void ZrGridFile::CloseStream() {

@@ -261,7 +261,7 @@ TEST(StoreArguments, Limits) {
     ASSERT_EQ(span.has_value(), test.valid) << test.capacity << ' ' << test.offset;
     if (!span) continue;
     EXPECT_EQ(span->capacity, test.capacity == 0 ? test.size : test.capacity);
-    EXPECT_EQ(span->filledLength, test.offset + test.size);
+    EXPECT_EQ(span->FilledLength(), test.offset + test.size);
     EXPECT_EQ(span->Status(), test.status);
   }
   EXPECT_FALSE(FitSpan(UINT64_MAX, 0, 1)) << "no file could hold the record";

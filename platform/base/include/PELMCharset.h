@@ -4,8 +4,8 @@
 
 #include "HxPlatformExport.h"
 
-/// Charset numbers as they are stored in files: the font charset numbers of Windows, and three
-/// numbers for Unicode encodings above them.
+/// Charset numbers as they are stored in files: the usual numbers of font charsets, and three for
+/// Unicode encodings above them.
 class HX_PLATFORM_API PELMCharset {
  public:
   enum Charset : std::uint32_t {

@@ -41,7 +41,8 @@ class HX_PLATFORM_API ZrByteArray {
   /// Makes room for `size` bytes without changing the size.
   bool Reserve(Size size);
   Size GetReserve() const { return m_reserve; }
-  /// Replaces the contents by a copy of `size` bytes at `data`; the position becomes 0.
+  /// Replaces the contents by a copy of `size` bytes at `data`, which must not be this buffer's
+  /// own; the position becomes 0.
   bool Assign(const void* data, Size size);
   /// Exchanges bytes and sizes; both positions become 0, growth steps and switches stay.
   void SwapContents(ZrByteArray& other) noexcept;
@@ -78,7 +79,8 @@ class HX_PLATFORM_API ZrByteArray {
     return WriteBytes(bytes, sizeof bytes);
   }
 
-  /// The same for `size` plain bytes. A read of 0 bytes returns the position as it is.
+  /// The same for `size` plain bytes, which must not be this buffer's own. A read of 0 bytes
+  /// returns the position as it is.
   Size ReadBytes(void* target, Size size);
   Size WriteBytes(const void* source, Size size);
 

@@ -19,10 +19,10 @@ using BitsOf = std::conditional_t<
     std::conditional_t<sizeof(T) == 2, std::uint16_t,
                        std::conditional_t<sizeof(T) == 4, std::uint32_t, std::uint64_t>>>;
 
-/// Reads a scalar from `source`, which need not be aligned; `swap` reverses its bytes.
+/// Reads a number from `source`, which need not be aligned; `swap` reverses its bytes.
 template <typename T>
 T LoadScalar(const void* source, bool swap) {
-  static_assert(std::is_arithmetic_v<T> && sizeof(BitsOf<T>) == sizeof(T));
+  static_assert(std::is_arithmetic_v<T> && !std::is_same_v<T, bool>);
   BitsOf<T> bits;
   std::memcpy(&bits, source, sizeof bits);
   if (swap) bits = ReverseBytes(bits);
@@ -31,10 +31,10 @@ T LoadScalar(const void* source, bool swap) {
   return value;
 }
 
-/// Writes a scalar to `target`, which need not be aligned; `swap` reverses its bytes.
+/// Writes a number to `target`, which need not be aligned; `swap` reverses its bytes.
 template <typename T>
 void StoreScalar(void* target, T value, bool swap) {
-  static_assert(std::is_arithmetic_v<T> && sizeof(BitsOf<T>) == sizeof(T));
+  static_assert(std::is_arithmetic_v<T> && !std::is_same_v<T, bool>);
   BitsOf<T> bits;
   std::memcpy(&bits, &value, sizeof bits);
   if (swap) bits = ReverseBytes(bits);

@@ -2,8 +2,9 @@
 
 namespace Zarn {
 
-/// Holder of the single instance of T. The pointer is declared here and defined, as an explicit
-/// specialisation, in one source file of the library that owns T; so all users see one instance.
+/// Holder of the single instance of T. The pointer is declared here, declared once more as an
+/// explicit specialisation in T's header, and defined in one source file of the library that owns
+/// T; so all users see one instance.
 template <typename T>
 class ZrSingleton {
  protected:

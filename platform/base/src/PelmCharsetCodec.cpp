@@ -100,9 +100,8 @@ bool PelmCharsetCodec::Convert(Handle& handle, const char* to, const char* from,
     char* target = piece;
     std::size_t targetLeft = sizeof piece;
     flushed = sourceLeft == 0;
-    const std::size_t result = flushed
-                                   ? iconv(handle, nullptr, nullptr, &target, &targetLeft)
-                                   : iconv(handle, &source, &sourceLeft, &target, &targetLeft);
+    const std::size_t result = flushed ? iconv(handle, nullptr, nullptr, &target, &targetLeft)
+                                       : iconv(handle, &source, &sourceLeft, &target, &targetLeft);
     if (result == static_cast<std::size_t>(-1) && errno != E2BIG) return false;
     if (result != 0 && result != static_cast<std::size_t>(-1)) return false;  // not reversible
     output.append(piece, sizeof piece - targetLeft);

@@ -40,9 +40,9 @@ void AppendUnits(std::u16string& target, char32_t code) {
 }
 
 struct Sequence {
-  std::size_t length;   // bytes in the sequence; 0 for a byte that cannot lead one
-  char32_t leadBits;    // what the lead byte contributes
-  char32_t smallest;    // anything below is an over-long form
+  std::size_t length;  // bytes in the sequence; 0 for a byte that cannot lead one
+  char32_t leadBits;   // what the lead byte contributes
+  char32_t smallest;   // anything below is an over-long form
 };
 
 Sequence SequenceOf(unsigned char lead) {

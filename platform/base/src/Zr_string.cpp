@@ -5,7 +5,8 @@ namespace Zarn {
 int Zr_strlen(const char16_t* text) {
   if (text == nullptr) return 0;
   const char16_t* end = text;
-  while (*end != 0) ++end;
+  while (*end != 0)
+    ++end;
   return static_cast<int>(end - text);
 }
 

@@ -9,9 +9,9 @@
 
 namespace Zarn {
 
-/// The system calls that the file classes make, each with the contract of the call it is named
-/// after. A test replaces entries to count calls or to make the n-th one fail; it does so while no
-/// other thread uses a file.
+/// The system calls by which the file classes reach the file system, each with the contract of the
+/// call it is named after. A test replaces entries to count calls or to make the n-th one fail; it
+/// does so while no other thread uses a file.
 struct FileSyscalls {
   int (*open)(const char* path, int flags, mode_t mode);
   int (*close)(int fd);

@@ -18,6 +18,9 @@ class HX_PLATFORM_API ZrFile {
   /// The last component.
   static PelmUnicodeString GetName(const PelmUnicodeString& path);
 
+  /// The path from the root on; a relative one is taken from the working directory.
+  static PelmUnicodeString GetAbsolute(const PelmUnicodeString& path);
+
   static bool IsExist(const PelmUnicodeString& path);
   /// Makes a directory and its missing parents; what exists already is fine.
   static bool MkDirEx(const PelmUnicodeString& path);

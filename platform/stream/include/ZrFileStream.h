@@ -22,7 +22,6 @@ class HX_PLATFORM_API ZrFileStream {
   static constexpr unsigned int kReadWrite = 3;
 
   ZrFileStream() = default;
-  ~ZrFileStream() { Close(); }
   ZrFileStream(const ZrFileStream&) = delete;
   ZrFileStream& operator=(const ZrFileStream&) = delete;
 
@@ -82,6 +81,9 @@ class HX_PLATFORM_API ZrFileStream {
   static void Swap2Byte(void* value);
   static void Swap4Byte(void* value);
   static void Swap8Byte(void* value);
+
+ protected:
+  ~ZrFileStream() { Close(); }
 
  private:
   friend class ZrNewFile;

@@ -36,7 +36,7 @@ class HX_PLATFORM_API ZrNewFile {
   Outcome Replace();
 
  private:
-  Outcome Finish(int result);
+  void Abandon();
 
   ZrFileStream& m_stream;
   std::string m_path;

@@ -1,6 +1,7 @@
 #include "ZrFile.h"
 
 #include <cerrno>
+#include <filesystem>
 
 #include "FileSyscalls.h"
 
@@ -43,6 +44,13 @@ PelmUnicodeString ZrFile::GetDir(const PelmUnicodeString& path) {
 
 PelmUnicodeString ZrFile::GetName(const PelmUnicodeString& path) {
   return Piece(path.GetUnits().substr(NameStart(path.GetUnits())));
+}
+
+PelmUnicodeString ZrFile::GetAbsolute(const PelmUnicodeString& path) {
+  if (path.IsEmpty() || path.GetUnits().front() == u'/') return path;
+  std::error_code error;
+  const std::string folder = std::filesystem::current_path(error).string();
+  return error ? path : PelmUnicodeString::FromUtf8(folder + '/') + path;
 }
 
 bool ZrFile::IsExist(const PelmUnicodeString& path) {

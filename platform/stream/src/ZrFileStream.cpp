@@ -6,30 +6,12 @@
 #include <cerrno>
 #include <string>
 
+#include "Descriptors.h"
 #include "FileSyscalls.h"
 #include "ZrFile.h"
 
 namespace Zarn {
 namespace {
-
-// Repeats a system call while a signal interrupts it.
-template <typename Call>
-auto Uninterrupted(Call call) {
-  decltype(call()) result;
-  do result = call();
-  while (result < 0 && errno == EINTR);
-  return result;
-}
-
-// Descriptors 0 to 2 belong to the standard streams: a program that has closed one of them may
-// still print there, and must not print into a container.
-int AboveStandardStreams(int fd) {
-  constexpr int kFirstFree = 3;
-  if (fd < 0 || fd >= kFirstFree) return fd;
-  const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, kFirstFree);
-  GetFileSyscalls().close(fd);
-  return moved;
-}
 
 off_t Offset(std::uint64_t position) { return static_cast<off_t>(position); }
 
@@ -89,8 +71,7 @@ bool ZrFileStream::Open(const PelmUnicodeString& path, unsigned int direction) {
   if (!ZrFile::ToNative(path, native)) return false;
   if (direction != kRead && direction != kReadWrite) return false;
   // O_NONBLOCK: opening a FIFO must fail, not wait for its other end. Regular files ignore it.
-  const int flags =
-      (direction == kRead ? O_RDONLY : O_RDWR) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  const int flags = (direction == kRead ? O_RDONLY : O_RDWR) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   const int fd = Uninterrupted([&] { return GetFileSyscalls().open(native.c_str(), flags, 0); });
   return Attach(fd, direction == kRead);
 }

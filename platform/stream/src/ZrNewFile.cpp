@@ -29,17 +29,20 @@ int LinkIntoPlace(const char* from, const char* to) {
 
 }  // namespace
 
-ZrNewFile::~ZrNewFile() {
+ZrNewFile::~ZrNewFile() { Abandon(); }
+
+void ZrNewFile::Abandon() {
   if (m_temporary.empty()) return;
   m_stream.Close();
   GetFileSyscalls().unlink(m_temporary.c_str());
+  m_temporary.clear();
 }
 
 bool ZrNewFile::Begin(const PelmUnicodeString& path) {
-  std::string directory;
-  if (!ZrFile::ToNative(path, m_path)) return false;
+  Abandon();
   m_stream.Close();
-  directory = ZrFile::GetDir(path).ToUtf8();
+  if (!ZrFile::ToNative(path, m_path)) return false;
+  const std::string directory = ZrFile::GetDir(path).ToUtf8();
   constexpr int kAttempts = 16;  // a clash of random names even once is next to impossible
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     const std::string temporary = directory + PrivateName();
@@ -47,7 +50,9 @@ bool ZrNewFile::Begin(const PelmUnicodeString& path) {
                                           O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, 0666);
     if (fd >= 0) {
       m_temporary = temporary;
-      return m_stream.Attach(fd, false);
+      if (m_stream.Attach(fd, false)) return true;
+      Abandon();
+      return false;
     }
     if (errno != EEXIST && errno != EINTR) return false;
   }
@@ -59,16 +64,14 @@ ZrNewFile::Outcome ZrNewFile::Publish() {
   int result = GetFileSyscalls().renameNoReplace(m_temporary.c_str(), m_path.c_str());
   if (result != 0 && (errno == EINVAL || errno == ENOSYS))
     result = LinkIntoPlace(m_temporary.c_str(), m_path.c_str());
-  return Finish(result);
+  if (result != 0) return errno == EEXIST ? Outcome::kExists : Outcome::kFailed;
+  m_temporary.clear();
+  return Outcome::kPublished;
 }
 
 ZrNewFile::Outcome ZrNewFile::Replace() {
   if (m_temporary.empty()) return Outcome::kFailed;
-  return Finish(GetFileSyscalls().rename(m_temporary.c_str(), m_path.c_str()));
-}
-
-ZrNewFile::Outcome ZrNewFile::Finish(int result) {
-  if (result != 0) return errno == EEXIST ? Outcome::kExists : Outcome::kFailed;
+  if (GetFileSyscalls().rename(m_temporary.c_str(), m_path.c_str()) != 0) return Outcome::kFailed;
   m_temporary.clear();
   return Outcome::kPublished;
 }

@@ -18,7 +18,8 @@ struct ZrCacheFileStatus {
 
 /// An older cache file (extension ".sc"). Its format is not known here: a host that has such files
 /// derives a class and registers a function that makes its objects. The operations of this class
-/// itself all answer failure and touch no file.
+/// itself touch no file and answer failure: 1, but for Close (true: nothing is open) and
+/// SetPassword.
 ///
 /// Results are codes with 0 for success, unless they are bool.
 class HX_PLATFORM_API ZrCacheFile {
@@ -42,6 +43,7 @@ class HX_PLATFORM_API ZrCacheFile {
   virtual bool IsOpen() const;
   virtual PelmUnicodeString GetFullPath() const;
   virtual std::uint32_t GetStatus(ZrCacheFileStatus& status, std::uint32_t flag);
+  /// 1 for success, 0 for failure.
   virtual std::uint32_t SetPassword(const PelmUnicodeString& password);
   /// Rebuilds the file without its dead space.
   virtual std::uint32_t Reconstruction();

@@ -1,0 +1,138 @@
+#include "FileLock.h"
+
+#include <mutex>
+#include <vector>
+
+#include "Descriptors.h"
+#include "ZrMutex.h"
+
+namespace Zarn {
+namespace {
+
+struct Bytes {
+  off_t start;
+  off_t count;
+};
+
+constexpr off_t kLockOffset = off_t{1} << 62;
+constexpr Bytes kGate = {kLockOffset, 1};
+constexpr Bytes kMain = {kLockOffset + 1, 1};
+constexpr Bytes kBoth = {kLockOffset, 2};
+
+// F_OFD_SETLK: takes or frees a lock, or fails at once. F_OFD_SETLKW: waits for it. F_OFD_GETLK:
+// whether it could be taken.
+bool Ask(int fd, int command, short type, Bytes bytes) {
+  struct flock request = {};
+  request.l_type = type;
+  request.l_whence = SEEK_SET;
+  request.l_start = bytes.start;
+  request.l_len = bytes.count;
+  return Uninterrupted([&] { return ::fcntl(fd, command, &request); }) == 0 &&
+         (command != F_OFD_GETLK || request.l_type == F_UNLCK);
+}
+
+bool LockExclusive(int fd) {
+  if (Ask(fd, F_OFD_SETLK, F_WRLCK, kBoth)) return true;
+  if (!Ask(fd, F_OFD_SETLKW, F_WRLCK, kGate)) return false;
+  if (Ask(fd, F_OFD_SETLKW, F_WRLCK, kMain)) return true;
+  Ask(fd, F_OFD_SETLK, F_UNLCK, kGate);
+  return false;
+}
+
+bool LockShared(int fd) {
+  if (Ask(fd, F_OFD_GETLK, F_RDLCK, kGate) && Ask(fd, F_OFD_SETLK, F_RDLCK, kMain)) return true;
+  // Behind the gate nobody has MAIN exclusively, nor can: the second wait is none.
+  if (!Ask(fd, F_OFD_SETLKW, F_RDLCK, kGate)) return false;
+  const bool locked = Ask(fd, F_OFD_SETLKW, F_RDLCK, kMain);
+  Ask(fd, F_OFD_SETLK, F_UNLCK, kGate);
+  return locked;
+}
+
+int OpenFile(const std::string& path, int access) {
+  // O_NONBLOCK: opening a FIFO must not wait for its other end. Regular files ignore it.
+  const int flags = access | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  return AboveStandardStreams(
+      Uninterrupted([&] { return GetFileSyscalls().open(path.c_str(), flags, 0); }));
+}
+
+}  // namespace
+
+// All objects of the process.
+struct FileLock::Registry {
+  Registry() { HandleForkOf<Registry>(); }
+
+  static Registry& Get() {
+    static Registry& registry = *new Registry;  // outlives all static objects
+    return registry;
+  }
+
+  // Closes without unlocking: the locks are the parent's as well.
+  void DropInChild() {
+    for (FileLock* lock : m_locks)
+      lock->CloseDescriptor();
+  }
+
+  ZrMutex m_mutex;
+  std::vector<FileLock*> m_locks;
+};
+
+FileLock::FileLock() {
+  const std::lock_guard guard(Registry::Get().m_mutex);
+  Registry::Get().m_locks.push_back(this);
+}
+
+FileLock::~FileLock() {
+  Close();
+  const std::lock_guard guard(Registry::Get().m_mutex);
+  std::erase(Registry::Get().m_locks, this);
+}
+
+bool FileLock::Open(const std::string& path) {
+  const std::lock_guard guard(Registry::Get().m_mutex);
+  int fd = OpenFile(path, O_RDWR);
+  const bool readOnly = fd < 0 && (errno == EACCES || errno == EPERM || errno == EROFS);
+  if (readOnly) fd = OpenFile(path, O_RDONLY);
+  if (fd < 0) return false;
+  struct stat status;
+  if (GetFileSyscalls().fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    GetFileSyscalls().close(fd);
+    return false;
+  }
+  CloseDescriptor();
+  m_fd = fd;
+  m_readOnly = readOnly;
+  m_device = status.st_dev;
+  m_inode = status.st_ino;
+  return true;
+}
+
+void FileLock::Close() {
+  // Closing would not free the lock while a process that is being started still has a copy.
+  if (GetMode() != LockMode::kNone) Unlock();
+  const std::lock_guard guard(Registry::Get().m_mutex);
+  CloseDescriptor();
+}
+
+void FileLock::CloseDescriptor() {
+  m_mode = LockMode::kNone;
+  if (m_fd >= 0) GetFileSyscalls().close(m_fd);
+  m_fd = -1;
+}
+
+bool FileLock::Lock(LockMode mode) {
+  const bool exclusive = mode == LockMode::kExclusive && !m_readOnly;
+  if (!(exclusive ? LockExclusive(m_fd) : LockShared(m_fd))) return false;
+  m_mode = mode;
+  return true;
+}
+
+void FileLock::Unlock() {
+  m_mode = LockMode::kNone;  // first: what others read here must not outlast the lock
+  Ask(m_fd, F_OFD_SETLK, F_UNLCK, kBoth);
+}
+
+bool FileLock::IsOpenOn(const struct stat& status) const {
+  return m_device == status.st_dev && m_inode == status.st_ino;
+}
+
+}  // namespace Zarn

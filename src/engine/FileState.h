@@ -1,0 +1,37 @@
+#pragma once
+
+#include <memory>
+
+#include "HeaderIo.h"
+#include "IndexHeaders.h"
+#include "IndexPages.h"
+#include "ZrFile64.h"
+
+namespace Zarn::Engine {
+
+/// All that an object knows of its file. It is built on the side and taken over as a whole.
+struct FileState {
+  std::shared_ptr<ZrFile64> file;
+  Format::HeaderImage header{};  // in host order
+  bool swap = false;
+  Format::GridHeader grid;            // of a grid file
+  Format::NamingHeader naming;        // of a naming file
+  std::shared_ptr<IndexPages> index;  // null for a file of another kind
+};
+
+struct FileSource {
+  const PelmUnicodeString& path;
+  bool readOnly;
+  const Format::XorString& xorString;
+};
+
+/// Opens the file and reads its headers, in a number of calls that does not depend on its size. A
+/// stream and an index of `state` are kept if they are still the file's; what the index has loaded
+/// is forgotten then. A file that cannot be opened for writing is opened for reading; none is
+/// created.
+///
+/// kOk; kNotOpen; kWrongFile; kNotUsable for an index that does not lie in the file or whose memory
+/// cannot be had. After a failure `state` is of no use.
+unsigned int LoadFileState(const FileSource& source, FileState& state);
+
+}  // namespace Zarn::Engine

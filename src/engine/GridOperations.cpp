@@ -1,0 +1,58 @@
+#include "Header.h"
+#include "IndexPages.h"
+#include "OperationLock.h"
+#include "RecordReader.h"
+#include "StoreArguments.h"
+#include "Tile.h"
+#include "ZrCompactFile.h"
+
+namespace Zarn {
+
+using Engine::OperationLock;
+using Engine::TileEntry;
+
+unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col, const ZrByteArray& data,
+                                  unsigned long long capacity, unsigned long long offset,
+                                  unsigned long long version) {
+  OperationLock lock(*this, OperationLock::kWriter);
+  if (capacity > kMaxCapacity) return ZrResult::kWriteFailure;
+  if (!m_bOpened) return ZrResult::kNotOpen;
+  const auto span = Format::ResolveStore(capacity, offset, data.GetSize());
+  TileEntry entry;
+  if (!lock.IsUsable() || IsReadOnly() || !span || !ReadGridSlot(row, col, entry) ||
+      !StoreIntoTile(entry, {data, *span, version}))
+    return ZrResult::kWriteFailure;
+  entry.FollowCompleteness(*span);
+  if (entry.changed && !WriteGridSlot(entry)) return ZrResult::kWriteFailure;
+  return ZrResult::kOk;
+}
+
+unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
+                                   unsigned long long& filledLength, unsigned long long version) {
+  filledLength = 0;
+  OperationLock lock(*this, OperationLock::kReader);
+  TileEntry entry;
+  if (!lock.IsUsable() || !ReadGridSlot(row, col, entry)) return ZrResult::kReadFailure;
+  if (entry.status == Format::kStatusEmpty) {
+    data.Resize(0);
+    return ZrResult::kNotFound;
+  }
+  ZrByteArray* buffer = GetSwapData();
+  if (buffer == nullptr || !entry.HoldsRecord()) return ZrResult::kReadFailure;
+  lock.LeaveMutex();
+  return LookUp_Inner(entry, *buffer, data, filledLength, version) ? ZrResult::kOk
+                                                                   : ZrResult::kReadFailure;
+}
+
+unsigned int ZrCompactFile::Remove(unsigned int row, unsigned int col, unsigned long long version) {
+  OperationLock lock(*this, OperationLock::kWriter);
+  TileEntry entry;
+  if (!lock.IsUsable() || !ReadGridSlot(row, col, entry)) return ZrResult::kWriteFailure;
+  // Without versions there is nothing that could be removed.
+  if (!entry.HoldsRecord() || !HasVersions()) return ZrResult::kOk;
+  if (!RemoveFromTile(entry, version)) return ZrResult::kWriteFailure;
+  if (entry.changed && !WriteGridSlot(entry)) return ZrResult::kWriteFailure;
+  return ZrResult::kOk;
+}
+
+}  // namespace Zarn

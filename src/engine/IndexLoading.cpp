@@ -1,0 +1,152 @@
+#include "FileState.h"
+#include "IndexValue.h"
+#include "Tile.h"
+#include "ZrCompactFile.h"
+
+namespace Zarn {
+
+void RefeshIndexCallBack(void* owner) {
+  if (owner != nullptr) static_cast<ZrCompactFile*>(owner)->RefreshIndex();
+}
+
+// Without the mode's bit the lock is never touched: it would cost system calls and do nothing.
+bool ZrCompactFile::ProcessLockInit() {
+  m_bLockDisabled = (m_nOpenMode & kProcessLock) == 0;
+  if (m_bLockDisabled) return true;
+  constexpr unsigned int kLastUsable = 1;
+  if (ZrProcess::ProcessLockInit(m_strAbsolutePath) <= kLastUsable) return true;
+  ProcessLockRelease();
+  return false;
+}
+
+// Loads headers and index of the file that the members name, or of the file that has taken its
+// place. What was known stays until everything is loaded; if that fails, the index counts as
+// invalid, and every operation tries again before it does anything.
+unsigned int ZrCompactFile::RefreshIndex() {
+  const std::lock_guard lock(m_mutex);
+  Engine::FileState state;
+  state.file = m_file;
+  state.index = m_pIndex;
+  const unsigned int result =
+      LoadFileState({m_strAbsolutePath, (m_nOpenMode & kReadOnly) != 0, m_xorString}, state);
+  if (result == ZrResult::kOk) {
+    Publish(std::move(state));
+  } else {
+    const std::lock_guard guard(m_stateMutex);
+    m_bIndexValid = false;
+  }
+  SetStateLoaded(result == ZrResult::kOk);
+  return result;
+}
+
+void ZrCompactFile::Publish(Engine::FileState&& state) {
+  const std::lock_guard guard(m_stateMutex);
+  m_file = std::move(state.file);
+  m_pIndex = std::move(state.index);
+  m_header = state.header;
+  m_bSwap = state.swap;
+  m_nRowCount = state.grid.rowCount;
+  m_nColCount = state.grid.colCount;
+  m_nGridFlags = state.grid.flags;
+  m_nNamingCapacity = state.naming.capacity;
+  m_nNamingCount = state.naming.count;
+  m_nNamingFlags = state.naming.flags;
+  if (Format::HeaderView(m_header).FileKind() == Format::kNamingFile) {
+    m_dMaxSize1 = state.naming.maxSize1;
+    m_dMaxSize2 = state.naming.maxSize2;
+  }
+  m_bIndexValid = true;
+}
+
+bool ZrCompactFile::IsDeadLocked() const { return isLocked(); }
+
+unsigned int ZrCompactFile::GetIndexInfo(unsigned int& first, unsigned int& second) const {
+  std::unique_lock state(m_stateMutex);
+  const std::shared_ptr<ZrCacheFile> cache = m_pCacheFile;
+  if (cache != nullptr) {
+    state.unlock();
+    constexpr unsigned int kCacheFileKind = 3;
+    ZrCacheFileStatus status;
+    cache->GetStatus(status, 0);
+    first = status.first;
+    second = status.second;
+    return kCacheFileKind;
+  }
+  const std::uint32_t kind = Format::HeaderView(m_header).FileKind();
+  if (kind == Format::kGridFile) {
+    first = m_nRowCount;
+    second = m_nColCount;
+  } else if (kind == Format::kNamingFile) {
+    first = static_cast<unsigned int>(m_nNamingCapacity);
+    second = static_cast<unsigned int>(m_nNamingCount);
+  }
+  return kind;
+}
+
+bool ZrCompactFile::IsVersionEnabled() const {
+  const std::lock_guard state(m_stateMutex);
+  return HasVersions();
+}
+
+bool ZrCompactFile::HasVersions() const {
+  const std::uint32_t kind = Format::HeaderView(m_header).FileKind();
+  const std::uint32_t flags = kind == Format::kGridFile     ? m_nGridFlags
+                              : kind == Format::kNamingFile ? m_nNamingFlags
+                                                            : 0;
+  return (flags & Format::kVersionsEnabled) != 0;
+}
+
+// First byte behind the current index area.
+unsigned long long ZrCompactFile::GetIndexEnd() const {
+  const Format::HeaderView header(m_header);
+  if (header.FileKind() == Format::kGridFile)
+    return Format::GridDataStart(header.IndexOffset(), m_nRowCount, m_nColCount);
+  return Format::NamingSlotOffset(header.IndexOffset(), m_nNamingCapacity);
+}
+
+bool ZrCompactFile::GetGridIdxValue(unsigned int row, unsigned int col,
+                                    unsigned long long& value) const {
+  std::unique_lock state(m_stateMutex);
+  const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
+  if (!m_bIndexValid || !cell || Format::HeaderView(m_header).FileKind() != Format::kGridFile)
+    return false;
+  const std::shared_ptr<Engine::IndexPages> index = m_pIndex;
+  const bool swap = m_bSwap;
+  state.unlock();
+  std::uint64_t bytes;
+  if (!index->Read(std::uint64_t{*cell} * Format::kGridEntrySize, &bytes, sizeof bytes))
+    return false;
+  value = LoadScalar<std::uint64_t>(&bytes, swap);
+  return true;
+}
+
+ZrCompactFile::ZrStatus ZrCompactFile::GetStatus(unsigned int row, unsigned int col) const {
+  unsigned long long value;
+  if (!GetGridIdxValue(row, col, value)) return kUnknown;
+  return static_cast<ZrStatus>(Format::StatusOf(value));
+}
+
+bool ZrCompactFile::ReadGridSlot(unsigned int row, unsigned int col,
+                                 Engine::TileEntry& entry) const {
+  const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
+  std::uint64_t bytes;
+  if (!cell || Format::HeaderView(m_header).FileKind() != Format::kGridFile ||
+      !m_pIndex->Read(std::uint64_t{*cell} * Format::kGridEntrySize, &bytes, sizeof bytes))
+    return false;
+  const auto value = LoadScalar<std::uint64_t>(&bytes, m_bSwap);
+  entry = {*cell, Format::StatusOf(value), Format::PositionOf(value)};
+  return true;
+}
+
+// To the file first: what the kernel has not taken must not be believed in memory.
+bool ZrCompactFile::WriteGridSlot(const Engine::TileEntry& entry) {
+  std::uint64_t bytes;
+  StoreScalar(&bytes, entry.Value(), m_bSwap);
+  const std::uint64_t position =
+      Format::GridEntryOffset(Format::HeaderView(m_header).IndexOffset(), entry.number);
+  return m_file->WriteAt(position, &bytes, sizeof bytes) &&
+         m_pIndex->Write(std::uint64_t{entry.number} * Format::kGridEntrySize, &bytes,
+                         sizeof bytes);
+}
+
+}  // namespace Zarn

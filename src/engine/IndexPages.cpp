@@ -1,0 +1,95 @@
+#include "IndexPages.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Zarn::Engine {
+namespace {
+
+constexpr std::uint64_t kPageSize = 4096;
+
+std::uint64_t PageCount(std::uint64_t size) { return (size + kPageSize - 1) / kPageSize; }
+std::uint64_t BitmapSize(std::uint64_t size) { return (PageCount(size) + 7) / 8; }
+
+}  // namespace
+
+ZeroMemory::ZeroMemory(std::uint64_t size) : m_size(size) {
+  if (size == 0) return;
+  void* bytes = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (bytes != MAP_FAILED) m_bytes = static_cast<unsigned char*>(bytes);
+}
+
+ZeroMemory::~ZeroMemory() {
+  if (m_bytes != nullptr) ::munmap(m_bytes, m_size);
+}
+
+IndexPages::IndexPages(std::shared_ptr<const ZrFile64> file, std::uint64_t position,
+                       std::uint64_t size, std::uint64_t entrySize)
+    : m_file(std::move(file)),
+      m_position(position),
+      m_size(size),
+      m_bytes(size),
+      m_loaded(BitmapSize(size)),
+      m_hints(size / entrySize * sizeof(std::uint32_t)) {}
+
+bool IndexPages::IsUsable() const {
+  return m_bytes.IsUsable() && m_loaded.IsUsable() && m_hints.IsUsable();
+}
+
+bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size) {
+  if (offset > m_size || size > m_size - offset) return false;
+  const std::lock_guard guard(m_mutex);
+  if (!LoadPages(offset, size)) return false;
+  std::memcpy(target, m_bytes.Get() + offset, size);
+  return true;
+}
+
+bool IndexPages::Write(std::uint64_t offset, const void* source, std::uint64_t size) {
+  if (offset > m_size || size > m_size - offset) return false;
+  const std::lock_guard guard(m_mutex);
+  if (!LoadPages(offset, size)) return false;  // lest loading it later undoes the change
+  std::memcpy(m_bytes.Get() + offset, source, size);
+  return true;
+}
+
+void IndexPages::Forget() {
+  const std::lock_guard guard(m_mutex);
+  if (m_size != 0) std::memset(m_loaded.Get(), 0, BitmapSize(m_size));
+}
+
+bool IndexPages::LoadPages(std::uint64_t offset, std::uint64_t size) {
+  const std::uint64_t end = PageCount(offset + size);
+  for (std::uint64_t page = offset / kPageSize; page < end; ++page) {
+    const auto bit = static_cast<unsigned char>(1U << page % 8);
+    if ((m_loaded.Get()[page / 8] & bit) != 0) continue;
+    if (!LoadPage(page)) return false;
+    m_loaded.Get()[page / 8] |= bit;
+  }
+  return true;
+}
+
+bool IndexPages::LoadPage(std::uint64_t page) {
+  const std::uint64_t begin = page * kPageSize;
+  const std::uint64_t size = std::min(kPageSize, m_size - begin);
+  unsigned char* bytes = m_bytes.Get() + begin;
+  const std::uint64_t got = m_file->ReadParts(m_position + begin, bytes, size, nullptr, 0);
+  if (got == size) return true;
+  // Only the end of the file makes entries empty; an entry that cannot be read is not one.
+  std::uint64_t length;
+  if (!m_file->GetLength(length) || length > m_position + begin + got) return false;
+  std::memset(bytes + got, 0, size - got);
+  return true;
+}
+
+std::uint32_t IndexPages::GetHint(std::uint64_t entry) const {
+  auto* hints = reinterpret_cast<std::uint32_t*>(m_hints.Get());
+  return std::atomic_ref(hints[entry]).load(std::memory_order_relaxed);
+}
+
+void IndexPages::SetHint(std::uint64_t entry, std::uint32_t hint) {
+  auto* hints = reinterpret_cast<std::uint32_t*>(m_hints.Get());
+  std::atomic_ref(hints[entry]).store(hint, std::memory_order_relaxed);
+}
+
+}  // namespace Zarn::Engine

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "ZrFile64.h"
+
+namespace Zarn::Engine {
+
+/// Memory that reads as zero and is committed page by page when it is first touched.
+class ZeroMemory {
+ public:
+  explicit ZeroMemory(std::uint64_t size);
+  ~ZeroMemory();
+  ZeroMemory(const ZeroMemory&) = delete;
+  ZeroMemory& operator=(const ZeroMemory&) = delete;
+
+  /// Null if the memory could not be had, or none was asked for.
+  unsigned char* Get() const { return m_bytes; }
+  bool IsUsable() const { return m_bytes != nullptr || m_size == 0; }
+
+ private:
+  std::uint64_t m_size;
+  unsigned char* m_bytes = nullptr;
+};
+
+/// The entries of an index area in memory, as they lie in the file, read page by page when they
+/// are first asked for. So opening costs nothing per entry, and forgetting everything after
+/// another process's change costs next to nothing.
+///
+/// What lies beyond the end of the file reads as zero: an index cut short has empty entries.
+///
+/// Safe from any thread: a mutex of its own guards the pages, and is held no longer than it takes
+/// to read one.
+class IndexPages {
+ public:
+  /// `size` bytes of entries of `entrySize` at `position` in `file`, which is kept open as long as
+  /// this object lives.
+  IndexPages(std::shared_ptr<const ZrFile64> file, std::uint64_t position, std::uint64_t size,
+             std::uint64_t entrySize);
+
+  /// False if memory was short; then nothing else may be called.
+  bool IsUsable() const;
+  bool Covers(const ZrFile64* file, std::uint64_t position, std::uint64_t size) const {
+    return m_file.get() == file && m_position == position && m_size == size;
+  }
+  std::uint64_t GetSize() const { return m_size; }
+
+  /// Copies `size` bytes at `offset`. False if they lie outside, or the file cannot be read.
+  bool Read(std::uint64_t offset, void* target, std::uint64_t size);
+  /// Changes bytes in memory, for one whose caller has written them to the file.
+  bool Write(std::uint64_t offset, const void* source, std::uint64_t size);
+  /// Forgets all pages; they are read again when asked for.
+  void Forget();
+
+  /// A number that the owner remembers for an entry, to guess how large its record is; 0 at first.
+  /// A guess only: it survives Forget.
+  std::uint32_t GetHint(std::uint64_t entry) const;
+  void SetHint(std::uint64_t entry, std::uint32_t hint);
+
+ private:
+  bool LoadPages(std::uint64_t offset, std::uint64_t size);
+  bool LoadPage(std::uint64_t page);
+
+  const std::shared_ptr<const ZrFile64> m_file;
+  const std::uint64_t m_position;
+  const std::uint64_t m_size;
+  std::mutex m_mutex;
+  ZeroMemory m_bytes;   // guarded by m_mutex
+  ZeroMemory m_loaded;  // one bit per page; guarded by m_mutex
+  ZeroMemory m_hints;   // 32 bits per entry, atomic
+};
+
+}  // namespace Zarn::Engine

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <mutex>
+#include <shared_mutex>
+
+#include "ZrCompactFile.h"
+
+namespace Zarn::Engine {
+
+/// Holds an object's locks for one operation, in the one order that all operations follow: its
+/// mutex, the lock between processes (which brings the index up to date), and for a writer the
+/// right to change records while no lookup reads them. Released in reverse order.
+class OperationLock {
+ public:
+  enum Kind { kReader, kWriter };
+
+  OperationLock(ZrCompactFile& object, Kind kind);
+  ~OperationLock();
+  OperationLock(const OperationLock&) = delete;
+  OperationLock& operator=(const OperationLock&) = delete;
+
+  /// Whether a file is open, the lock was had, and the index is that of the file. If not, the
+  /// operation fails and writes nothing.
+  bool IsUsable() const { return m_usable; }
+
+  /// For a reader that has found its record and needs only the file from here on: lets other
+  /// threads work. Without effect while the lock between processes is in use, which is one per
+  /// object and must not be held by threads in turn without end.
+  void LeaveMutex();
+
+ private:
+  void Acquire(Kind kind);
+
+  ZrCompactFile& m_object;
+  Kind m_kind;
+  std::unique_lock<ZrMutex> m_mutex;
+  bool m_processLocked = false;
+  bool m_usable = false;
+  std::unique_lock<std::shared_mutex> m_exclusive;
+  std::shared_lock<std::shared_mutex> m_shared;
+};
+
+}  // namespace Zarn::Engine

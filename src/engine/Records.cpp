@@ -1,0 +1,126 @@
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "Header.h"
+#include "RecordImage.h"
+#include "RecordReader.h"
+#include "Tile.h"
+#include "ZrCompactFile.h"
+#include "ZrThread.h"
+
+namespace Zarn {
+
+// The calling thread's buffer, made on first use; the map of them is also the list of the object's
+// users. Null while nothing is open, or if memory is short.
+ZrByteArray* ZrCompactFile::GetSwapData() {
+  if (!m_bOpened) return nullptr;
+  try {
+    std::unique_ptr<ZrByteArray>& buffer = m_mapSwapData[ZrThread::GetCurrentThreadId()];
+    if (buffer == nullptr) buffer = std::make_unique<ZrByteArray>();
+    buffer->SetSwap(m_bSwap);
+    return buffer.get();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+bool ZrCompactFile::IsReadOnly() const {
+  return m_file->IsReadOnly() || (!m_bLockDisabled && IsLockReadOnly());
+}
+
+// Anywhere but in the header and the index.
+bool ZrCompactFile::IsRecordPosition(unsigned long long position) const {
+  const unsigned long long indexStart = Format::HeaderView(m_header).IndexOffset();
+  return position >= Format::kHeaderSize && (position < indexStart || position >= GetIndexEnd());
+}
+
+// Behind the last byte of the file, and behind the index, of which a damaged file may have lost
+// the end. 0 if the file does not tell its length.
+unsigned long long ZrCompactFile::GetAppendPosition() const {
+  std::uint64_t length;
+  if (!m_file->GetLength(length)) return 0;
+  return std::max<unsigned long long>(length, GetIndexEnd());
+}
+
+Io::RecordReader ZrCompactFile::MakeReader() const {
+  return Io::RecordReader(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap);
+}
+
+Format::RecordImage ZrCompactFile::MakeImage(ZrByteArray& buffer) const {
+  return Format::RecordImage(buffer, Format::HeaderView(m_header).FileKind(), m_bSwap);
+}
+
+bool ZrCompactFile::ReadHead(unsigned long long position, Io::RecordReader& record) const {
+  return IsRecordPosition(position) && record.ReadHead(position, Format::kGridRecordHead) &&
+         record.Head().versionCount > 0;
+}
+
+// Completes an image that holds only the head of the record at `position`.
+bool ZrCompactFile::ReadDataFromDataFile(unsigned long long position,
+                                         Format::RecordImage& image) const {
+  const Format::RecordHead& head = image.Head();
+  ZrByteArray& bytes = image.Bytes();
+  return bytes.Resize(head.length) &&
+         m_file->ReadAt(position + head.size, bytes.GetData() + head.size, head.length - head.size);
+}
+
+// Writes the head in the image and the data at its place behind it, and nothing else. The data
+// goes first if they are apart: until the head counts it in, it is not there.
+bool ZrCompactFile::WriteHeadAndData(unsigned long long position, const Format::RecordImage& image,
+                                     const Engine::TileStore& store) {
+  const unsigned char* head = image.Bytes().GetData();
+  const std::uint64_t headSize = image.Head().size;
+  const ZrByteArray& data = store.data;
+  if (store.span.offset == 0)
+    return m_file->WriteParts(position, head, headSize, data.GetData(), data.GetSize());
+  return m_file->WriteAt(position + headSize + store.span.offset, data.GetData(), data.GetSize()) &&
+         m_file->WriteAt(position, head, headSize);
+}
+
+// Writes the whole record in the image, at the end of the file or where it was. Returns where; 0 on
+// failure, or if the buffer holds less than the record states.
+unsigned long long ZrCompactFile::WriteDataToDataFile(unsigned long long position, bool append,
+                                                      const Format::RecordImage& image) {
+  const std::uint64_t length = image.Head().length;
+  if (append) position = GetAppendPosition();
+  const bool written = position != 0 && length <= image.Bytes().GetSize() &&
+                       m_file->WriteAt(position, image.Bytes().GetData(), length);
+  return written ? position : 0;
+}
+
+// Puts the data into the payload area of an image that holds the whole record. Where the area
+// grows beyond the record, it is zero.
+bool ZrCompactFile::UpdateSwapData(Format::RecordImage& image, const Engine::TileStore& store) {
+  image.SetPayload(store.span.capacity, store.span.FilledLength());
+  if (!image.Bytes().Resize(image.Head().length)) return false;
+  std::memcpy(image.Bytes().GetData() + image.Head().size + store.span.offset, store.data.GetData(),
+              store.data.GetSize());
+  return true;
+}
+
+// Appends the record in the image with the data in its payload area. Data that covers the whole
+// area is written from where it is, and only the head of the image counts.
+unsigned long long ZrCompactFile::AppendSwapData(Format::RecordImage& image,
+                                                 const Engine::TileStore& store) {
+  if (!store.span.CoversAll())
+    return UpdateSwapData(image, store) ? WriteDataToDataFile(0, true, image) : 0;
+  image.SetPayload(store.span.capacity, store.span.FilledLength());
+  const unsigned long long position = GetAppendPosition();
+  return position != 0 && WriteHeadAndData(position, image, store) ? position : 0;
+}
+
+// Appends a record that is new altogether. What the data leaves of its payload area reads as zero:
+// the file is extended over it.
+unsigned long long ZrCompactFile::AppendNewRecord(Format::RecordImage& image,
+                                                  const Engine::TileStore& store) {
+  const unsigned long long position = GetAppendPosition();
+  if (position == 0 || !WriteHeadAndData(position, image, store)) return 0;
+  const char zero = 0;
+  if (store.span.FilledLength() < store.span.capacity &&
+      !m_file->WriteAt(position + image.Head().length - sizeof zero, &zero, sizeof zero))
+    return 0;
+  return position;
+}
+
+}  // namespace Zarn

@@ -1,0 +1,251 @@
+#include <algorithm>
+
+#include "Header.h"
+#include "IndexPages.h"
+#include "RecordImage.h"
+#include "RecordReader.h"
+#include "Tile.h"
+#include "ZrCompactFile.h"
+
+namespace Zarn {
+
+using Engine::TileEntry;
+using Engine::TileStore;
+using StorePlace = Format::VersionTable::StorePlace;
+
+namespace {
+
+std::uint64_t LocatorOf(const TileStore& store, std::uint64_t position) {
+  return Format::PackIndexValue(store.span.Status(), position);
+}
+
+Format::NewRecord NewRecordOf(const TileStore& store) {
+  return {store.version, store.span.Status(), store.span.capacity, store.span.FilledLength()};
+}
+
+}  // namespace
+
+// Stores a version into a tile, whatever versions it has. `entry` then says where the tile's
+// current record is, and whether the index must be told; its status is changed only by a version
+// that is new and newest.
+bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
+  ZrByteArray* buffer = GetSwapData();
+  if (buffer == nullptr) {
+    // The caller will unlock once more, and the lock takes no harm from it.
+    WriterUnlock();
+    return false;
+  }
+  if (entry.status == Format::kStatusEmpty) {
+    entry.SetStatus(store.span.Status());
+    entry.MoveTo(AddNewData(store, *buffer));
+    m_pIndex->SetHint(entry.number, Engine::PackHint(1, store.span.capacity));
+    return entry.position != 0;
+  }
+  if (!entry.HoldsRecord()) return true;  // occupied by something unknown: deliberately left alone
+
+  Io::RecordReader record = MakeReader();
+  if (!ReadHead(entry.position, record)) return false;
+  if (!HasVersions()) return true;  // deliberately: a tile without versions is never rewritten
+  Format::RecordImage image = MakeImage(*buffer);
+  if (!buffer->Assign(record.HeadBytes(), record.Head().size) || !image.Parse()) return false;
+
+  unsigned int index = 0;
+  switch (GetStatusAndVersionOrder(image, index, entry.position, store.version)) {
+    case StorePlace::kNewest:
+      entry.SetStatus(store.span.Status());
+      entry.MoveTo(AddMaxNewVersionData(entry.position, image, store));
+      break;
+    case StorePlace::kReplaceNewest:
+      entry.MoveTo(ReplaceVersion(entry.position, image, store));
+      break;
+    case StorePlace::kInsertOlder:
+      entry.MoveTo(AddOldVersionData(entry.position, image, index, store));
+      break;
+    default:
+      return UpdateOlderVersion(entry.position, image, index, store);
+  }
+  m_pIndex->SetHint(entry.number,
+                    Engine::PackHint(image.Head().versionCount, image.Head().capacity));
+  return entry.position != 0;
+}
+
+// Tells where a store of `version` belongs among the versions in the image, and gives entry 0,
+// which may say "this record" by position 0, the record's position: it is about to be copied. The
+// newest version becomes an older one when a newer is stored, so there a stale position, left from
+// before the record moved, is corrected too.
+unsigned int ZrCompactFile::GetStatusAndVersionOrder(Format::RecordImage& image,
+                                                     unsigned int& index,
+                                                     unsigned long long recordPosition,
+                                                     unsigned long long version) {
+  const StorePlace place = image.Versions().PlaceForStore(version);
+  const std::uint64_t locator = image.Versions().Locator(0);
+  const std::uint8_t status = Format::StatusOf(locator);
+  const std::uint64_t position = Format::PositionOf(locator);
+  if (status != Format::kStatusEmpty && (position == 0 || place.order == StorePlace::kNewest))
+    image.SetLocator(0, Format::PackIndexValue(status, recordPosition));
+  index = place.index;
+  return place.order;
+}
+
+// The first record of a tile.
+unsigned long long ZrCompactFile::AddNewData(const TileStore& store, ZrByteArray& buffer) {
+  Format::RecordImage image = MakeImage(buffer);
+  return image.BeginGridRecord(NewRecordOf(store)) ? AppendNewRecord(image, store) : 0;
+}
+
+// A version newer than all: a new record with a longer table. What the data leaves of its payload
+// area is what lay at the same distance from the record's start before.
+unsigned long long ZrCompactFile::AddMaxNewVersionData(unsigned long long recordPosition,
+                                                       Format::RecordImage& image,
+                                                       const TileStore& store) {
+  if (!store.span.CoversAll() && !ReadDataFromDataFile(recordPosition, image)) return 0;
+  return image.PushVersion(store.version, LocatorOf(store, 0)) ? AppendSwapData(image, store) : 0;
+}
+
+// A version older than the newest: a record of its own, and a new current record that names it.
+unsigned long long ZrCompactFile::AddOldVersionData(unsigned long long recordPosition,
+                                                    Format::RecordImage& image, unsigned int index,
+                                                    const TileStore& store) {
+  ZrByteArray ownBuffer;
+  if (!ReadDataFromDataFile(recordPosition, image)) return 0;
+  const std::uint64_t ownPosition = AddNewData(store, ownBuffer);
+  if (ownPosition == 0 || !image.InsertVersion(index, store.version, LocatorOf(store, ownPosition)))
+    return 0;
+  return WriteDataToDataFile(0, true, image);
+}
+
+// New data for the version that the image's record holds. In place if the record does not grow;
+// then only head and data are written, and the rest of the payload area stays as it is.
+unsigned long long ZrCompactFile::ReplaceVersion(unsigned long long recordPosition,
+                                                 Format::RecordImage& image,
+                                                 const TileStore& store) {
+  if (image.Head().size + store.span.capacity <= image.Head().length) {
+    image.SetPayload(store.span.capacity, store.span.FilledLength());
+    return WriteHeadAndData(recordPosition, image, store) ? recordPosition : 0;
+  }
+  if (!store.span.CoversAll() && !ReadDataFromDataFile(recordPosition, image)) return 0;
+  return AppendSwapData(image, store);
+}
+
+// New data for an older version. If its record moves, the current one, whose head is in the image,
+// is told; its own position never changes.
+bool ZrCompactFile::UpdateOlderVersion(unsigned long long recordPosition,
+                                       Format::RecordImage& image, unsigned int index,
+                                       const TileStore& store) {
+  const std::uint64_t position = Format::PositionOf(image.Versions().Locator(index));
+  Io::RecordReader older = MakeReader();
+  ZrByteArray olderBuffer;
+  Format::RecordImage olderImage = MakeImage(olderBuffer);
+  if (!ReadOlder(position, recordPosition, store.version, older) ||
+      !olderBuffer.Assign(older.HeadBytes(), older.Head().size) || !olderImage.Parse())
+    return false;
+  const std::uint64_t newPosition = ReplaceVersion(position, olderImage, store);
+  if (newPosition == 0) return false;
+  if (newPosition == position) return true;  // the locator's status deliberately stays, too
+  image.SetLocator(index, LocatorOf(store, newPosition));
+  return m_file->WriteAt(recordPosition, image.Bytes().GetData(), image.Head().size);
+}
+
+// Reads the head of an older version's record. Only a record whose own newest version has the
+// stamp that it is named by, and which is not the current one, may be written to.
+bool ZrCompactFile::ReadOlder(unsigned long long position, unsigned long long currentPosition,
+                              unsigned long long stamp, Io::RecordReader& record) const {
+  return position != currentPosition && ReadHead(position, record) &&
+         record.Versions().Stamp(0) == stamp;
+}
+
+// Removes the version with exactly this stamp, if there is one. `entry` as in StoreIntoTile.
+bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version) {
+  ZrByteArray* buffer = GetSwapData();
+  Io::RecordReader record = MakeReader();
+  if (buffer == nullptr || !ReadHead(entry.position, record)) return false;
+  const std::uint32_t count = record.Head().versionCount;
+  const std::uint32_t index = record.Versions().Find(version, 0);
+  if (index == count) return true;
+  if (IsReadOnly()) return false;
+  if (count == 1) {
+    entry.SetStatus(Format::kStatusEmpty);
+    return true;
+  }
+  if (index == 0) return RemoveNewest(entry, record, *buffer);
+
+  Format::RecordImage image = MakeImage(*buffer);
+  if (!buffer->Assign(record.HeadBytes(), record.Head().size) || !image.Parse() ||
+      !ReadDataFromDataFile(entry.position, image))
+    return false;
+  image.RemoveVersion(index);
+  m_pIndex->SetHint(entry.number, Engine::PackHint(count - 1, image.Head().capacity));
+  return WriteDataToDataFile(entry.position, false, image) != 0;
+}
+
+// The next older version becomes the current one: its record gets the rest of the table.
+bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Io::RecordReader& record,
+                                 ZrByteArray& buffer) {
+  const Format::VersionTable versions = record.Versions();
+  const std::uint64_t locator = versions.Locator(1);
+  const std::uint64_t position = Format::PositionOf(locator);
+  Io::RecordReader older = MakeReader();
+  Format::RecordImage image = MakeImage(buffer);
+  if (!ReadOlder(position, entry.position, versions.Stamp(1), older) ||
+      !buffer.Assign(older.HeadBytes(), older.Head().size) || !image.Parse() ||
+      !ReadDataFromDataFile(position, image))
+    return false;
+
+  const std::uint64_t oldLength = image.Head().length;
+  const unsigned char* restOfTable =
+      record.HeadBytes() + record.Head().tableOffset + Format::kVersionEntrySize;
+  if (!image.ReplaceVersions(restOfTable, versions.Count() - 1)) return false;
+  entry.MoveTo(WriteDataToDataFile(position, image.Head().length > oldLength, image));
+  std::uint8_t status = Format::StatusOf(locator);
+  if (!Format::HoldsRecord(status))  // marked as removed, yet it is the newest that there is
+    status = image.Head().filledLength == image.Head().capacity ? Format::kStatusComplete
+                                                                : Format::kStatusPartial;
+  entry.SetStatus(status);
+  m_pIndex->SetHint(entry.number, Engine::PackHint(versions.Count() - 1, image.Head().capacity));
+  return entry.position != 0;
+}
+
+// What was seen of the tile last; else the distance to the record of the next tile, which is exact
+// where tiles of one version were stored in the order of their cells.
+Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry) const {
+  constexpr std::uint64_t kHead = Format::kGridRecordHead;
+  constexpr std::uint64_t kLargestGuess = 256 * 1024;  // a wrong one costs more than it may save
+  const std::uint32_t hint = m_pIndex->GetHint(entry.number);
+  if (hint != 0)
+    return {kHead + (Engine::HintedVersions(hint) - 1) * Format::kVersionEntrySize,
+            Engine::HintedCapacity(hint)};
+  std::uint64_t next;
+  const std::uint64_t nextOffset = (std::uint64_t{entry.number} + 1) * Format::kGridEntrySize;
+  if (!m_pIndex->Read(nextOffset, &next, sizeof next)) return {kHead, 0};
+  next = LoadScalar<std::uint64_t>(&next, m_bSwap);
+  const std::uint64_t size = Format::PositionOf(next) - entry.position - kHead;
+  const bool usable = Format::HoldsRecord(Format::StatusOf(next)) && size <= kLargestGuess;
+  return {kHead, usable ? size : 0};
+}
+
+// Reads the version that a lookup of `version` selects. Runs without m_mutex when it can; then
+// m_readers keeps file, index and records as they are.
+bool ZrCompactFile::LookUp_Inner(const TileEntry& entry, ZrByteArray& buffer, ZrByteArray& data,
+                                 unsigned long long& filledLength,
+                                 unsigned long long version) const {
+  Io::RecordReader record = MakeReader();
+  if (!IsRecordPosition(entry.position) ||
+      !record.Read(entry.position, GuessRecord(entry), buffer) || record.Head().versionCount == 0)
+    return false;
+  const std::uint32_t hint = Engine::PackHint(record.Head().versionCount, record.Head().capacity);
+  if (m_pIndex->GetHint(entry.number) != hint) m_pIndex->SetHint(entry.number, hint);
+
+  const std::uint32_t older = record.Versions().SelectForLookup(version);
+  if (older != 0) {
+    const std::uint64_t position = Format::PositionOf(record.Versions().Locator(older));
+    if (!IsRecordPosition(position) ||
+        !record.Read(position, {Format::kGridRecordHead, 0}, buffer) ||
+        record.Head().versionCount == 0)
+      return false;
+  }
+  data.SwapContents(buffer);
+  filledLength = std::min(record.Head().filledLength, record.Head().capacity);
+  return true;
+}
+
+}  // namespace Zarn

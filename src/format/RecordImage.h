@@ -1,0 +1,61 @@
+#pragma once
+
+#include "RecordHead.h"
+#include "ZrByteArray.h"
+
+namespace Zarn::Format {
+
+/// A record in a byte buffer, from its first byte on, and the changes that stores and removals
+/// make to it. The buffer holds the head at least; a change that moves the payload area moves as
+/// much of the record as is there.
+///
+/// Changes that need memory answer false, and change nothing, when it cannot be had.
+class RecordImage {
+ public:
+  RecordImage(ZrByteArray& bytes, std::uint32_t fileKind, bool swap)
+      : m_bytes(bytes), m_fileKind(fileKind), m_swap(swap) {}
+
+  /// Parses the buffer. False if it holds no whole head.
+  bool Parse();
+
+  const RecordHead& Head() const { return m_head; }
+  VersionTable Versions() const { return m_head.Table(m_bytes.GetData(), m_swap); }
+  ZrByteArray& Bytes() { return m_bytes; }
+  const ZrByteArray& Bytes() const { return m_bytes; }
+  /// Makes the buffer the head, in one version, of a new record for a grid.
+  bool BeginGridRecord(const NewRecord& record);
+
+  void SetLocator(std::uint32_t entry, std::uint64_t locator);
+  /// Capacity and filled length, and with them the record length: head plus capacity.
+  void SetPayload(std::uint64_t capacity, std::uint64_t filledLength);
+
+  /// Makes room for one more entry at the front by taking the 16 bytes behind the table; the head
+  /// grows into the payload area, of which nothing moves. Capacity and filled length are to be set
+  /// afterwards.
+  bool PushVersion(std::uint64_t stamp, std::uint64_t locator);
+  /// Inserts an entry; all that follows moves back by 16 bytes, and the record is longer by them.
+  bool InsertVersion(std::uint32_t index, std::uint64_t stamp, std::uint64_t locator);
+  /// Takes an entry out; all that follows moves forward. The record keeps its length, so its last
+  /// 16 bytes are slack.
+  void RemoveVersion(std::uint32_t index);
+  /// Replaces the table by `count` entries in the file's order; all that follows moves, and the
+  /// record length changes by as much.
+  bool ReplaceVersions(const unsigned char* entries, std::uint32_t count);
+
+ private:
+  void SetLength(std::uint64_t length);
+  void SetCount(std::uint32_t count);
+  void SetEntry(std::uint32_t index, std::uint64_t stamp, std::uint64_t locator);
+  /// Moves the bytes from `from` to the end of the buffer by `distance`, which resizes it.
+  bool MoveTail(std::uint64_t from, std::int64_t distance);
+  unsigned char* Entry(std::uint32_t index) {
+    return m_bytes.GetData() + m_head.tableOffset + std::uint64_t{index} * kVersionEntrySize;
+  }
+
+  ZrByteArray& m_bytes;
+  std::uint32_t m_fileKind;
+  bool m_swap;
+  RecordHead m_head;
+};
+
+}  // namespace Zarn::Format

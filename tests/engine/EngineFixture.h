@@ -1,0 +1,105 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "PELM.h"
+#include "ZrCompactFile.h"
+#include "support/FileChecker.h"
+#include "support/TemporaryFolder.h"
+
+namespace Zarn {
+
+/// What a lookup gave.
+struct Tile {
+  unsigned int result = 0;
+  std::string payload;
+  unsigned long long filled = 0;
+
+  friend bool operator==(const Tile& a, const Tile& b) {
+    return a.result == b.result && a.payload == b.payload && a.filled == b.filled;
+  }
+  friend std::ostream& operator<<(std::ostream& out, const Tile& tile) {
+    return out << tile.result << " \"" << tile.payload << "\" " << tile.filled;
+  }
+};
+
+inline ZrByteArray Data(std::string_view text) { return ZrByteArray(text.data(), text.size()); }
+
+inline std::string Content(const ZrByteArray& data) {
+  return data.IsEmpty() ? std::string()
+                        : std::string(reinterpret_cast<const char*>(data.GetData()),
+                                      static_cast<std::size_t>(data.GetSize()));
+}
+
+inline Tile ReadTile(ZrCompactFile& file, unsigned int row, unsigned int col,
+                     unsigned long long version) {
+  ZrByteArray data = Data("before");
+  Tile tile{0, "", 77};
+  tile.result = file.Lookup(row, col, data, tile.filled, version);
+  tile.payload = Content(data);
+  return tile;
+}
+
+/// A folder, an object, and a file in it.
+class EngineTest : public ::testing::Test {
+ public:
+  static constexpr ZrCompactFile::ZrOpenMode kMode = ZrCompactFile::kCreateMissing;
+
+  /// A new grid, open in the object; `foreign`: made by hand, in the other byte order.
+  void MakeGrid(unsigned int rows, unsigned int cols, bool foreign = false,
+                ZrCompactFile::ZrOpenMode mode = kMode) {
+    m_big = (PELM::un_bigendina != 1) != foreign;
+    if (!foreign) {
+      ASSERT_EQ(object.Create(path, rows, cols, u"", mode), 0U);
+      return;
+    }
+    using Support::operator+;
+    const auto number = [this](unsigned long long value, std::size_t width) {
+      return Support::Number(value, width, m_big);
+    };
+    Support::WriteFile(path, Support::Bytes{'C', 'F', static_cast<unsigned char>(m_big)} +
+                                 number(20120214, 4) + number(0, 4) + number(0, 8) + number(64, 8) +
+                                 Support::Bytes(37) + number(rows, 4) + number(cols, 4) +
+                                 number(1, 4) + Support::Bytes(std::size_t{8} * rows * cols));
+    ASSERT_EQ(object.Open(path, u"", mode), 0U);
+  }
+  void Reopen(ZrCompactFile::ZrOpenMode mode = kMode) {
+    object.Close();
+    ASSERT_EQ(object.Open(path, u"", mode), 0U);
+  }
+  unsigned int Store(unsigned int row, unsigned int col, std::string_view text,
+                     unsigned long long version, unsigned long long capacity = 0,
+                     unsigned long long offset = 0) {
+    return object.SetAt(row, col, Data(text), capacity, offset, version);
+  }
+  Tile Read(unsigned int row, unsigned int col, unsigned long long version) {
+    return ReadTile(object, row, col, version);
+  }
+  /// Walks the file and expects it to be well-formed.
+  Support::FileChecker Check() {
+    Support::FileChecker checker(path);
+    EXPECT_EQ(checker.errors, "");
+    return checker;
+  }
+  static std::string Describe(const Support::CheckedRecord& record) {
+    std::string text = std::to_string(record.length) + ",";
+    for (const Support::CheckedVersion& version : record.versions)
+      text += " " + std::to_string(version.stamp) + ":" + std::to_string(version.status) + "|" +
+              std::to_string(version.position);
+    return text + ", " + std::to_string(record.capacity) + "/" + std::to_string(record.filled);
+  }
+  bool IsBig() const { return m_big; }
+
+  TemporaryFolder folder;
+  PelmUnicodeString path = folder.GetPath("t.cf");
+  ZrCompactFile object;
+
+ private:
+  bool m_big = false;
+};
+
+}  // namespace Zarn

@@ -1,0 +1,90 @@
+#include <gtest/gtest.h>
+
+#include <new>
+#include <string>
+
+#include "PELM.h"
+#include "ZrByteArray.h"
+
+// A sanitizer ends the process at an allocation that can only fail; here null is what is wanted.
+#define SANITIZER_OPTIONS extern "C" __attribute__((visibility("default"))) const char*
+SANITIZER_OPTIONS __asan_default_options() {
+  return "allocator_may_return_null=1";
+}
+SANITIZER_OPTIONS __tsan_default_options() {
+  return "allocator_may_return_null=1";
+}
+
+namespace Zarn {
+namespace {
+
+std::string Bytes(const ZrByteArray& array) {
+  return {reinterpret_cast<const char*>(array.GetData()), array.GetSize()};
+}
+
+TEST(ByteArrayTest, SwapReversesScalarsOnly) {
+  const std::string expected("\x01\x02\x03\x04\xFE\x7F\xF0\0\0\0\0\0\x01hey", 16);
+  ZrByteArray array;
+  array.SetSwap(PELM::un_bigendina == 1);                          // big-endian bytes on any host
+  double real = LoadScalar<double>(&expected[5], array.IsSwap());  // signals if it is touched
+  std::int32_t number = 0;
+  EXPECT_EQ(array.Write(std::int32_t{0x01020304}), 4U);
+  EXPECT_EQ(array.Write(std::int8_t{-2}), 5U);
+  EXPECT_EQ(array.Write(real), 13U);
+  EXPECT_EQ(array.WriteBytes("hey", 3), 16U);
+  EXPECT_EQ(Bytes(array), expected);
+  array.SetPosition(5);
+  EXPECT_EQ(array.Read(real), 13U);
+  EXPECT_EQ(LoadScalar<std::uint64_t>(&real, false), 0x7FF0000000000001U);
+  array.SetPosition(0);
+  array.SetSwap(!array.IsSwap());
+  EXPECT_EQ(array.Read(number), 4U);
+  EXPECT_EQ(number, 0x04030201);
+}
+
+TEST(ByteArrayTest, ReadsPastTheEndFail) {
+  ZrByteArray array("\1\2\3", 3);
+  EXPECT_EQ(array.SetPosition(~0ULL), 3U);
+  EXPECT_EQ(array.SetPosition(2), 2U);
+  char text[] = "___";
+  for (const auto size : {2ULL, ~0ULL, ~0ULL - 1})
+    EXPECT_EQ(array.ReadBytes(text, size), 0U);
+  EXPECT_STREQ(text, "___");
+  std::uint16_t number = 7;
+  EXPECT_EQ(array.Read(number), 0U);
+  EXPECT_EQ(number, 0);
+  EXPECT_TRUE(array.GetPosition() == 2 && array.Resize(1) && array.GetPosition() == 1);
+  EXPECT_TRUE(array.Resize(9000) && Bytes(array) == "\1" + std::string(8999, '\0'));
+}
+
+TEST(ByteArrayTest, FailedAllocationsChangeNothing) {
+  ZrByteArray array("abc", 3);
+  array.SetPosition(2);
+  const auto reserve = array.GetReserve();
+  for (const auto size : {1ULL << 62, (1ULL << 63) - 1, 1ULL << 63, ~0ULL}) {
+    EXPECT_FALSE(array.Resize(size) || array.ResizeForOverwrite(size) || array.Reserve(size));
+    EXPECT_FALSE(array.Assign("xyz", size) || array.WriteBytes("xyz", size));
+    EXPECT_THROW(ZrByteArray("xyz", size), std::bad_alloc);
+    EXPECT_EQ(Bytes(array), "abc");
+    EXPECT_TRUE(array.GetPosition() == 2 && array.GetReserve() == reserve);
+  }
+}
+
+TEST(ByteArrayTest, ReserveGrowsBySteps) {
+  for (auto grow :
+       {&ZrByteArray::Reserve, &ZrByteArray::Resize, &ZrByteArray::ResizeForOverwrite}) {
+    ZrByteArray array;
+    array.SetGrowthStep(0);
+    EXPECT_TRUE((array.*grow)(7) && array.GetReserve() == 7);
+    array.SetGrowthStep(100);
+    for (const ZrByteArray::Size needed : {8U, 950U, 2000U}) {
+      EXPECT_TRUE((array.*grow)(needed) && array.GetReserve() % 100 == 7);
+      EXPECT_TRUE(array.GetReserve() >= needed && array.GetReserve() <= needed + 100) << needed;
+    }
+    array.SetGrowthStep((1ULL << 63) - 1);  // not even one step is possible
+    EXPECT_TRUE((array.*grow)(5000));
+  }
+}
+
+}  // namespace
+}  // namespace Zarn

@@ -1,0 +1,74 @@
+#include "SyscallFaults.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <map>
+
+// clang-format off
+#define FOR_EACH_CALL(DO)                                                          \
+  DO(open) DO(close) DO(pread) DO(pwrite) DO(preadv) DO(pwritev) DO(fstat) DO(stat) \
+  DO(lseek) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(mkdir) DO(unlink) \
+  DO(link) DO(rename) DO(renameNoReplace)
+// clang-format on
+
+namespace {
+
+Zarn::FileSyscalls g_saved;
+std::map<std::string_view, std::atomic<std::size_t>> g_counts;  // empty while none is installed
+std::atomic<std::size_t> g_total;
+std::size_t g_failing;  // the number of the call that fails, in the order of g_total
+int g_error;            // 0: none fails
+SyscallFaults::Extent g_extent;
+
+template <typename Call, typename... Arguments>
+auto Pass(std::string_view name, Call call, Arguments... arguments) {
+  ++g_counts.find(name)->second;
+  const std::size_t number = ++g_total;
+  const bool later = g_extent == SyscallFaults::kFromThenOn && number > g_failing;
+  const bool fails = g_error != 0 && (number == g_failing || later);
+  const auto result = fails && name != "close" ? -1 : call(arguments...);
+  if (fails) errno = g_error;
+  return fails ? -1 : result;
+}
+
+#define PLUS_ONE(name) +1
+static_assert(sizeof(g_saved) == sizeof(g_saved.open) * (FOR_EACH_CALL(PLUS_ONE)));
+
+}  // namespace
+
+SyscallFaults::SyscallFaults() {
+  if (!g_counts.empty()) std::abort();  // the calls would pass here for ever
+  g_saved = Zarn::GetFileSyscalls();
+  g_total = 0;
+  g_error = 0;
+#define INSTALL(name)                                    \
+  g_counts[#name] = 0;                                   \
+  Zarn::GetFileSyscalls().name = [](auto... arguments) { \
+    return Pass(#name, g_saved.name, arguments...);      \
+  };
+  FOR_EACH_CALL(INSTALL)
+}
+
+SyscallFaults::~SyscallFaults() {
+  Zarn::GetFileSyscalls() = g_saved;
+  g_counts.clear();
+}
+
+void SyscallFaults::FailCall(std::size_t n, int error, Extent extent) {
+  g_failing = g_total + n;
+  g_error = error;
+  g_extent = extent;
+}
+
+bool SyscallFaults::HasFailed() const {
+  return g_error != 0 && g_total >= g_failing;
+}
+
+std::size_t SyscallFaults::GetCount() const {
+  return g_total;
+}
+
+std::size_t SyscallFaults::GetCount(std::string_view name) const {
+  return g_counts.at(name);
+}

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include "PelmUnicodeString.h"
+
+/// An empty folder of its own for a test, removed with all contents at the end.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    std::string name = (std::filesystem::temp_directory_path() / "hxcf-test-XXXXXX").string();
+    if (::mkdtemp(name.data()) == nullptr) std::abort();
+    m_folder = name;
+  }
+  ~TemporaryFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_folder, ignored);
+  }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+  const std::filesystem::path& GetFolder() const { return m_folder; }
+  /// Path of the entry `name`, which need not exist.
+  PelmUnicodeString GetPath(const std::string& name) const {
+    return PelmUnicodeString::FromUtf8((m_folder / name).string());
+  }
+
+ private:
+  std::filesystem::path m_folder;
+};
