@@ -136,15 +136,17 @@ void Get(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kTiles);
 }
 
-BENCHMARK(PutBare)->Unit(benchmark::kMillisecond)->MinTime(0.2)->Repetitions(7);
-BENCHMARK(Put)->Unit(benchmark::kMillisecond)->MinTime(0.2)->Repetitions(7);
-BENCHMARK(GetBare)->Unit(benchmark::kMillisecond)->MinTime(0.2)->Repetitions(7);
-BENCHMARK(Get)->Unit(benchmark::kMillisecond)->MinTime(0.2)->Repetitions(7);
-
 }  // namespace
 
 int main(int argc, char** argv) {
   std::filesystem::create_directories(kFolder);
+  const std::pair<const char*, void (*)(benchmark::State&)> benchmarks[] = {
+      {"put/bare", PutBare}, {"put/writer", Put}, {"get/bare", GetBare}, {"get/reader", Get}};
+  for (const auto& [name, function] : benchmarks)
+    benchmark::RegisterBenchmark(name, function)
+        ->Unit(benchmark::kMillisecond)
+        ->MinTime(0.2)
+        ->Repetitions(7);
   benchmark::Initialize(&argc, argv);
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
