@@ -219,8 +219,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                           const PelmUnicodeString& password, ZrOpenMode mode);
   unsigned int CreateNaming(const PelmUnicodeString& path, unsigned long long capacity,
                             const PelmUnicodeString& password, ZrOpenMode mode);
-  unsigned int TakeNewFile(const ZrFile64& created, const PelmUnicodeString& path,
-                           const PelmUnicodeString& password, ZrOpenMode mode);
+  bool TakeNewFile(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                   ZrOpenMode mode);
   unsigned int Join();
   unsigned int TakeIntoUse();
   bool IsOpenAt(const PelmUnicodeString& path) const;

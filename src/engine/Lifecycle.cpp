@@ -2,6 +2,7 @@
 
 #include "FileState.h"
 #include "IndexHeaders.h"
+#include "IndexValue.h"
 #include "OpenPath.h"
 #include "PathRules.h"
 #include "PelmTime.h"
@@ -21,30 +22,44 @@ constexpr std::uint64_t kMissingFileCapacity = 128;  // slots of a naming file t
 
 /// Writes a whole new container and gives it its path. `indexHeader` stands at the start of an
 /// index area of `indexSize` bytes, whose entries need no writing: they lie in a hole.
-template <typename IndexHeaderImage>
-ZrNewFile::Outcome MakeContainer(ZrFile64& stream, const PelmUnicodeString& path, bool replace,
-                                 const PelmUnicodeString& password, std::uint32_t fileKind,
-                                 const IndexHeaderImage& indexHeader, std::uint64_t indexSize) {
-  const PelmUnicodeString folder = ZrFile::GetDir(path);
-  if (!folder.IsEmpty()) ZrFile::MkDirEx(folder);
-  ZrNewFile file(stream);
-  const bool written =
-      file.Begin(path) &&
-      Io::WriteFileHeader(stream, Format::MakeXorString(password.GetBuffer()),
-                          Format::NewHeader(fileKind, PelmTime().GetCurTime().GetTime()), false) &&
-      stream.WriteAt(Format::kHeaderSize, indexHeader.data(), indexHeader.size()) &&
-      stream.SetLength(Format::kHeaderSize + indexSize);
-  if (!written) return ZrNewFile::Outcome::kFailed;
-  return replace ? file.Replace() : file.Publish();
-}
+class NewContainer {
+ public:
+  NewContainer(const PelmUnicodeString& path, const PelmUnicodeString& password, bool replace)
+      : m_path(Format::CompletePath(path)), m_password(password), m_replace(replace) {}
 
-ZrNewFile::Outcome MakeNamingFile(ZrFile64& stream, const PelmUnicodeString& path, bool replace,
-                                  const PelmUnicodeString& password,
-                                  const Format::NamingHeader& header) {
-  return MakeContainer(stream, path, replace, password, Format::kNamingFile,
-                       Format::EncodeNamingHeader(header, false),
-                       Format::kNamingHeaderSize + header.capacity * Format::kNamingSlotSize);
-}
+  ZrNewFile::Outcome MakeGrid(const Format::GridHeader& header) {
+    return Make(Format::kGridFile, Format::EncodeGridHeader(header, false),
+                Format::GridDataStart(Format::kHeaderSize, header.rowCount, header.colCount));
+  }
+  ZrNewFile::Outcome MakeNaming(const Format::NamingHeader& header) {
+    return Make(Format::kNamingFile, Format::EncodeNamingHeader(header, false),
+                Format::NamingSlotOffset(Format::kHeaderSize, header.capacity));
+  }
+  /// Without this the file goes away again with this object.
+  void Commit() { m_file.Commit(); }
+
+ private:
+  template <typename IndexHeaderImage>
+  ZrNewFile::Outcome Make(std::uint32_t fileKind, const IndexHeaderImage& indexHeader,
+                          std::uint64_t fileLength) {
+    const PelmUnicodeString folder = ZrFile::GetDir(m_path);
+    if (!folder.IsEmpty()) ZrFile::MkDirEx(folder);
+    const Format::HeaderImage header =
+        Format::NewHeader(fileKind, PelmTime().GetCurTime().GetTime());
+    const Format::XorString xorString = Format::MakeXorString(m_password.GetBuffer());
+    if (!m_file.Begin(m_path) || !Io::WriteFileHeader(m_stream, xorString, header, false) ||
+        !m_stream.WriteAt(Format::kHeaderSize, indexHeader.data(), indexHeader.size()) ||
+        !m_stream.SetLength(fileLength))
+      return ZrNewFile::Outcome::kFailed;
+    return m_replace ? m_file.Replace() : m_file.Publish();
+  }
+
+  const PelmUnicodeString m_path;
+  const PelmUnicodeString& m_password;
+  const bool m_replace;
+  ZrFile64 m_stream;
+  ZrNewFile m_file{m_stream};
+};
 
 }  // namespace
 
@@ -80,13 +95,13 @@ unsigned int ZrCompactFile::CreateGrid(const PelmUnicodeString& path, unsigned i
   if (cells == 0 || cells > Format::kMaxGridCells || Format::IsCachePath(path) ||
       !Format::IsUsablePath(path))
     return ZrResult::kNotCreated;
-  ZrFile64 created;
-  const auto outcome = MakeContainer(
-      created, Format::CompletePath(path), (mode & kReplace) != 0, password, Format::kGridFile,
-      Format::EncodeGridHeader({rows, cols, Format::kVersionsEnabled}, false),
-      Format::kGridHeaderSize + cells * Format::kGridEntrySize);
-  if (outcome != ZrNewFile::Outcome::kPublished) return ZrResult::kNotCreated;
-  return TakeNewFile(created, path, password, mode);
+  NewContainer container(path, password, (mode & kReplace) != 0);
+  if (container.MakeGrid({rows, cols, Format::kVersionsEnabled}) !=
+          ZrNewFile::Outcome::kPublished ||
+      !TakeNewFile(path, password, mode))
+    return ZrResult::kNotCreated;
+  container.Commit();
+  return ZrResult::kOk;
 }
 
 unsigned int ZrCompactFile::CreateNaming(const PelmUnicodeString& path, unsigned long long capacity,
@@ -94,23 +109,21 @@ unsigned int ZrCompactFile::CreateNaming(const PelmUnicodeString& path, unsigned
   if (capacity == 0 || capacity > Format::kMaxNamingCapacity || Format::IsCachePath(path) ||
       !Format::IsUsablePath(path))
     return ZrResult::kNotCreated;
-  ZrFile64 created;
-  const auto outcome =
-      MakeNamingFile(created, Format::CompletePath(path), (mode & kReplace) != 0, password,
-                     {capacity, 0, m_dMaxSize1, m_dMaxSize2, Format::kVersionsEnabled});
-  if (outcome != ZrNewFile::Outcome::kPublished) return ZrResult::kNotCreated;
-  return TakeNewFile(created, path, password, mode);
+  NewContainer container(path, password, (mode & kReplace) != 0);
+  if (container.MakeNaming({capacity, 0, m_dMaxSize1, m_dMaxSize2, Format::kVersionsEnabled}) !=
+          ZrNewFile::Outcome::kPublished ||
+      !TakeNewFile(path, password, mode))
+    return ZrResult::kNotCreated;
+  container.Commit();
+  return ZrResult::kOk;
 }
 
-// Opens what was just created. A file that cannot even be opened is removed again, unless it is
-// somebody else's by now.
-unsigned int ZrCompactFile::TakeNewFile(const ZrFile64& created, const PelmUnicodeString& path,
-                                        const PelmUnicodeString& password, ZrOpenMode mode) {
+// Opens what was just created.
+bool ZrCompactFile::TakeNewFile(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                                ZrOpenMode mode) {
   TearDown();
   SetIdentity(Format::CompletePath(path), password, mode);
-  if (TakeIntoUse() == ZrResult::kOk) return ZrResult::kOk;
-  if (created.IsSameFile(m_strAbsolutePath)) ZrFile::Delete(m_strAbsolutePath);
-  return ZrResult::kNotCreated;
+  return TakeIntoUse() == ZrResult::kOk;
 }
 
 unsigned int ZrCompactFile::Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
@@ -125,12 +138,12 @@ unsigned int ZrCompactFile::Open(const PelmUnicodeString& path, const PelmUnicod
 
   if (!ZrFile::IsExist(completed)) {
     if (mode == kReadOnly) return ZrResult::kNotFound;
-    ZrFile64 created;
-    const Format::NamingHeader header = {kMissingFileCapacity, 0, m_dMaxSize1, m_dMaxSize2,
-                                         Format::kVersionsEnabled};
+    NewContainer container(completed, password, false);
     // Whoever made it meanwhile: the file is there.
-    if (MakeNamingFile(created, completed, false, password, header) == ZrNewFile::Outcome::kFailed)
+    if (container.MakeNaming({kMissingFileCapacity, 0, m_dMaxSize1, m_dMaxSize2,
+                              Format::kVersionsEnabled}) == ZrNewFile::Outcome::kFailed)
       return ZrResult::kNotCreated;
+    container.Commit();
   }
   if (m_bOpened) {
     // Other threads lose the file that they use only to one that can be opened.
@@ -180,6 +193,8 @@ unsigned int ZrCompactFile::TakeIntoUse() {
   if (m_bLockHeld || (ProcessLockInit() && WriterLock(0))) {
     result = RefreshIndex();
     if (!m_bLockHeld) WriterUnlock();
+  } else if (!ZrFile64().Open(m_strAbsolutePath, ZrFile64::kRead)) {
+    result = ZrResult::kNotOpen;  // what cannot be opened cannot be locked
   }
   if (result == ZrResult::kOk) {
     const std::lock_guard state(m_stateMutex);

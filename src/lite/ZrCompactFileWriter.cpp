@@ -53,6 +53,7 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
     Close();
     return ZrResult::kNotCreated;
   }
+  file.Commit();
   m_bDataEndFound = true;
   return ZrResult::kOk;
 }

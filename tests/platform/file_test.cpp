@@ -225,18 +225,19 @@ TEST_F(FileTest, NewFilesTouchNothingThatExistsUnlessTold) {
   fs::create_directory(m_folder.GetFolder() / "folder");
   fs::create_symlink("nowhere", m_folder.GetFolder() / "link");
   const SyscallFaults restore;
-  for (const int round : {0, 1, 2}) {  // publish, the same by the fallback, replace
+  for (const int round : {0, 1, 2, 3}) {  // publish, the same by the fallback, replace, for good
     if (round == 1) GetFileSyscalls().renameNoReplace = RefuseRename;
     for (const std::string name : {"file", "folder", "link"}) {
       ZrNewFile file(m_file);
       ASSERT_TRUE(file.Begin(m_folder.GetPath(name)) && m_file.Write("new", 3));
-      const bool published = round == 2 && name != "folder";
-      const Outcome refusal = round == 2 ? Outcome::kFailed : Outcome::kExists;
-      EXPECT_EQ(round == 2 ? file.Replace() : file.Publish(),
+      const bool published = round >= 2 && name != "folder";
+      const Outcome refusal = round >= 2 ? Outcome::kFailed : Outcome::kExists;
+      EXPECT_EQ(round >= 2 ? file.Replace() : file.Publish(),
                 published ? Outcome::kPublished : refusal);
+      if (round == 3) file.Commit();
       EXPECT_EQ(m_file.IsSameFile(m_folder.GetPath(name)), published) << name;
     }
-    EXPECT_EQ(ContentsOf("file") + ContentsOf("link"), round == 2 ? "newnew" : "old");
+    EXPECT_EQ(ContentsOf("file") + ContentsOf("link"), round == 3 ? "newnew" : "old");
     EXPECT_EQ(NamesInFolder(), (Names{"file", "folder", "link"}));
   }
 }
@@ -254,6 +255,7 @@ TEST_F(FileTest, NewFilesAppearWholeOrNotAtAll) {
                              NamesInFolder().count("file") == 0 &&
                              file->Publish() == Outcome::kPublished;
       failed = faults.HasFailed();
+      if (published) file->Commit();
       file.reset();
       EXPECT_TRUE(published || failed) << n;
       EXPECT_EQ(m_file.IsOpen(), published) << n;

@@ -28,17 +28,4 @@ inline void Poke(const PelmUnicodeString& path, std::size_t offset, const Bytes&
              static_cast<std::streamsize>(bytes.size()));
 }
 
-/// A number as bytes, independent of the code under test.
-inline Bytes Number(unsigned long long value, std::size_t width, bool bigEndian) {
-  Bytes bytes(width);
-  for (std::size_t i = 0; i < width; ++i)
-    bytes[bigEndian ? width - 1 - i : i] = static_cast<unsigned char>(value >> 8 * i);
-  return bytes;
-}
-
-inline Bytes operator+(Bytes head, const Bytes& tail) {
-  head.insert(head.end(), tail.begin(), tail.end());
-  return head;
-}
-
 }  // namespace Support

@@ -32,6 +32,8 @@ struct FileSyscalls {
   int (*rename)(const char* from, const char* to);
   /// renameat2 with RENAME_NOREPLACE, relative to the working directory.
   int (*renameNoReplace)(const char* from, const char* to);
+  /// The same with RENAME_EXCHANGE.
+  int (*renameExchange)(const char* from, const char* to);
 };
 
 /// The table in use: at first the kernel's own calls.

@@ -10,10 +10,10 @@ namespace Zarn {
 /// A file in the making, which appears under its path whole or not at all.
 ///
 /// Begin opens a stream on a private temporary file in the directory of the path; the owner writes
-/// through the stream; Publish gives the file its name, in one step. Unless that succeeded, the
-/// destructor closes the stream and removes the temporary file, and nothing else. A process that
-/// is killed meanwhile leaves a file named ".hxcf-" and 16 hexadecimal digits, which may be
-/// deleted.
+/// through the stream; Publish or Replace gives the file its name, in one step; Commit makes that
+/// final. Without Commit the destructor closes the stream and undoes everything: the file is gone,
+/// and what it has replaced is back. A process that is killed meanwhile leaves a file named
+/// ".hxcf-" and 16 hexadecimal digits, which may be deleted.
 class HX_PLATFORM_API ZrNewFile {
  public:
   enum class Outcome {
@@ -24,7 +24,7 @@ class HX_PLATFORM_API ZrNewFile {
 
   /// `stream` must outlive this object.
   explicit ZrNewFile(ZrFileStream& stream) : m_stream(stream) {}
-  ~ZrNewFile();
+  ~ZrNewFile() { Undo(); }
   ZrNewFile(const ZrNewFile&) = delete;
   ZrNewFile& operator=(const ZrNewFile&) = delete;
 
@@ -32,15 +32,22 @@ class HX_PLATFORM_API ZrNewFile {
   bool Begin(const PelmUnicodeString& path);
   /// Names the file; the stream stays open on it.
   Outcome Publish();
-  /// The same, replacing what has the path: never kExists.
+  /// The same, replacing a file that has the path: never kExists.
   Outcome Replace();
+  /// Keeps the file, and lets go of what it has replaced.
+  void Commit();
 
  private:
-  void Abandon();
+  enum class State { kNone, kBegun, kPublished, kExchanged, kReplaced };
+
+  void Undo();
+  bool Make(const std::string& temporary);
 
   ZrFileStream& m_stream;
-  std::string m_path;
-  std::string m_temporary;  // empty while there is none to remove
+  PelmUnicodeString m_path;
+  std::string m_nativePath;
+  std::string m_temporary;  // names the new file, or while exchanged what it has replaced
+  State m_state = State::kNone;
 };
 
 }  // namespace Zarn

@@ -28,6 +28,9 @@ FileSyscalls g_syscalls = {
     [](const char* from, const char* to) {
       return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
     },
+    [](const char* from, const char* to) {
+      return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_EXCHANGE);
+    },
 };
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <utility>
 
 #include "FileSyscalls.h"
 #include "ZrFile.h"
@@ -29,51 +30,80 @@ int LinkIntoPlace(const char* from, const char* to) {
 
 }  // namespace
 
-ZrNewFile::~ZrNewFile() { Abandon(); }
-
-void ZrNewFile::Abandon() {
-  if (m_temporary.empty()) return;
-  m_stream.Close();
-  GetFileSyscalls().unlink(m_temporary.c_str());
-  m_temporary.clear();
-}
-
 bool ZrNewFile::Begin(const PelmUnicodeString& path) {
-  Abandon();
+  Undo();
   m_stream.Close();
-  if (!ZrFile::ToNative(path, m_path)) return false;
+  if (!ZrFile::ToNative(path, m_nativePath)) return false;
+  m_path = path;
   const std::string directory = ZrFile::GetDir(path).ToUtf8();
   constexpr int kAttempts = 16;  // a clash of random names even once is next to impossible
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    const std::string temporary = directory + PrivateName();
-    const int fd = GetFileSyscalls().open(temporary.c_str(),
-                                          O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, 0666);
-    if (fd >= 0) {
-      m_temporary = temporary;
-      if (m_stream.Attach(fd, false)) return true;
-      Abandon();
-      return false;
-    }
+    if (Make(directory + PrivateName())) return true;
     if (errno != EEXIST && errno != EINTR) return false;
   }
   return false;
 }
 
+bool ZrNewFile::Make(const std::string& temporary) {
+  const int fd = GetFileSyscalls().open(temporary.c_str(),
+                                        O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, 0666);
+  if (fd < 0) return false;
+  m_temporary = temporary;
+  m_state = State::kBegun;
+  if (m_stream.Attach(fd, false)) return true;
+  Undo();
+  errno = EIO;
+  return false;
+}
+
 ZrNewFile::Outcome ZrNewFile::Publish() {
-  if (m_temporary.empty()) return Outcome::kFailed;
-  int result = GetFileSyscalls().renameNoReplace(m_temporary.c_str(), m_path.c_str());
+  if (m_state != State::kBegun) return Outcome::kFailed;
+  int result = GetFileSyscalls().renameNoReplace(m_temporary.c_str(), m_nativePath.c_str());
   if (result != 0 && (errno == EINVAL || errno == ENOSYS))
-    result = LinkIntoPlace(m_temporary.c_str(), m_path.c_str());
+    result = LinkIntoPlace(m_temporary.c_str(), m_nativePath.c_str());
   if (result != 0) return errno == EEXIST ? Outcome::kExists : Outcome::kFailed;
-  m_temporary.clear();
+  m_state = State::kPublished;
   return Outcome::kPublished;
 }
 
+// By an exchange of names, which can be undone; where the file system has none, for good.
 ZrNewFile::Outcome ZrNewFile::Replace() {
-  if (m_temporary.empty()) return Outcome::kFailed;
-  if (GetFileSyscalls().rename(m_temporary.c_str(), m_path.c_str()) != 0) return Outcome::kFailed;
-  m_temporary.clear();
+  if (m_state != State::kBegun) return Outcome::kFailed;
+  struct stat old;
+  const FileSyscalls& calls = GetFileSyscalls();
+  if (calls.stat(m_nativePath.c_str(), &old) == 0 && S_ISDIR(old.st_mode)) return Outcome::kFailed;
+  if (calls.renameExchange(m_temporary.c_str(), m_nativePath.c_str()) == 0) {
+    m_state = State::kExchanged;
+    return Outcome::kPublished;
+  }
+  if (errno == ENOENT) {
+    const Outcome outcome = Publish();
+    if (outcome != Outcome::kExists) return outcome;
+  } else if (errno != EINVAL && errno != ENOSYS) {
+    return Outcome::kFailed;
+  }
+  if (calls.rename(m_temporary.c_str(), m_nativePath.c_str()) != 0) return Outcome::kFailed;
+  m_state = State::kReplaced;
   return Outcome::kPublished;
+}
+
+void ZrNewFile::Commit() {
+  if (m_state == State::kExchanged) GetFileSyscalls().unlink(m_temporary.c_str());
+  m_state = State::kNone;
+}
+
+// Touches the path only while it still names the file that was made here.
+void ZrNewFile::Undo() {
+  const State state = std::exchange(m_state, State::kNone);
+  if (state == State::kNone) return;
+  const bool isOurs = m_stream.IsSameFile(m_path);
+  m_stream.Close();
+  const FileSyscalls& calls = GetFileSyscalls();
+  if (state == State::kPublished && isOurs) calls.unlink(m_nativePath.c_str());
+  if (state == State::kExchanged && isOurs &&
+      calls.renameExchange(m_temporary.c_str(), m_nativePath.c_str()) != 0)
+    calls.rename(m_temporary.c_str(), m_nativePath.c_str());  // the old one is back all the same
+  if (state == State::kBegun || state == State::kExchanged) calls.unlink(m_temporary.c_str());
 }
 
 }  // namespace Zarn

@@ -162,30 +162,22 @@ void ZrProcess::ReaderUnlock() {
   if (!m_bLockDisabled) m_impl->Unlock();
 }
 
-void ZrProcess::WriterUnlock() {
-  ReaderUnlock();
-}
+void ZrProcess::WriterUnlock() { ReaderUnlock(); }
 
 void ZrProcess::SetCallBack(void (*function)(void*), void* owner) {
   m_impl->m_function = function;
   m_impl->m_owner = owner;
 }
 
-bool ZrProcess::isLocked() const {
-  return m_impl->IsHeld();
-}
+bool ZrProcess::isLocked() const { return m_impl->IsHeld(); }
 
-void ZrProcess::SetStateLoaded(bool loaded) {
-  m_impl->m_isLoaded = loaded;
-}
+void ZrProcess::SetStateLoaded(bool loaded) { m_impl->m_isLoaded = loaded; }
 
 bool ZrProcess::IsStateLoaded() const {
   return m_bLockDisabled || (m_impl->IsHeld() && m_impl->m_isLoaded);
 }
 
-bool ZrProcess::IsLockReadOnly() const {
-  return m_impl->m_lock.IsReadOnly();
-}
+bool ZrProcess::IsLockReadOnly() const { return m_impl->m_lock.IsReadOnly(); }
 
 bool ZrProcess::IsPathDeleted() const {
   struct stat status;

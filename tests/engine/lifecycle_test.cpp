@@ -1,0 +1,389 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "ZrFile.h"
+#include "engine/EngineFixture.h"
+#include "support/SyscallFaults.h"
+
+namespace Zarn {
+namespace {
+
+using Support::Bytes;
+using Support::Poke;
+using Support::ReadFile;
+using Support::WriteFile;
+using Support::operator+;
+
+class Lifecycle : public EngineTest {
+ protected:
+  Bytes Number(unsigned long long value, std::size_t width = 8) {
+    return Support::Number(value, width, PELM::un_bigendina != 1);
+  }
+  void ExpectIndexInfo(unsigned int kind, unsigned int first, unsigned int second) {
+    unsigned int a = 77, b = 77;
+    EXPECT_EQ(object.GetIndexInfo(a, b), kind);
+    EXPECT_EQ(a, first);
+    EXPECT_EQ(b, second);
+  }
+  std::size_t FilesInFolder() {
+    using Walk = std::filesystem::recursive_directory_iterator;
+    return static_cast<std::size_t>(std::distance(Walk(folder.GetFolder()), Walk()));
+  }
+  static std::size_t OpenDescriptors() {
+    using Walk = std::filesystem::directory_iterator;
+    return static_cast<std::size_t>(std::distance(Walk("/proc/self/fd"), Walk()));
+  }
+};
+
+TEST_F(Lifecycle, OpenMakesAMissingFileUnlessTheModeIsExactlyReadOnly) {
+  EXPECT_EQ(object.Open(folder.GetPath("d/tiles"), u"", 2), 5U);
+  EXPECT_EQ(FilesInFolder(), 0U);
+  EXPECT_EQ(object.Open(folder.GetPath("d/tiles"), u"", 4), 0U);
+  EXPECT_EQ(object.GetFullPath(), folder.GetPath("d/tiles.cf"));
+  EXPECT_TRUE(object.IsVersionEnabled());
+  ExpectIndexInfo(1, 128, 0);
+  const Bytes file = ReadFile(folder.GetPath("d/tiles.cf"));
+  EXPECT_EQ(file.size(), 64U + 36 + 128 * 16);
+  EXPECT_EQ(Bytes(file.begin() + 3, file.begin() + 11), Number(20120214, 4) + Number(1, 4));
+  EXPECT_EQ(object.Open(folder.GetPath("ten"), u"", 10), 0U);
+  EXPECT_EQ(Store(0, 0, "x", 1), 10U) << "no grid, and opened for reading";
+  EXPECT_EQ(object.Open(u"", u"", 4), 5U);
+  EXPECT_EQ(object.Open(PelmUnicodeString(u"a\0b", 3), u"", 4), 5U);
+}
+
+TEST_F(Lifecycle, CreateAnswers) {
+  WriteFile(folder.GetPath("old.SC"), {1});
+  const auto grid = [&](const char* name, unsigned int rows, unsigned int cols,
+                        ZrCompactFile::ZrOpenMode mode) {
+    return object.Create(folder.GetPath(name), rows, cols, u"", mode);
+  };
+  EXPECT_EQ(grid("g", 0, 1, 4), 2U);
+  EXPECT_EQ(grid("g", 1, 0, 4), 2U);
+  EXPECT_EQ(grid("g", 0x10000001, 1, 4), 2U);
+  EXPECT_EQ(grid("g", 65536, 65536, 4), 2U) << "wraps in 32 bits, and is too large all the same";
+  EXPECT_EQ(grid("old.SC", 1, 1, 1), 2U);
+  EXPECT_EQ(object.Create(u"", 1, 1, u"", 4), 2U);
+  EXPECT_EQ(object.Create(folder.GetPath("n"), 0ULL, u"", 4), 2U);
+  EXPECT_EQ(object.Create(folder.GetPath("n"), 0x8000001ULL, u"", 4), 2U);
+  EXPECT_EQ(object.Create(folder.GetPath("n"), UINT64_MAX, u"", 4), 2U);
+  EXPECT_EQ(FilesInFolder(), 1U);
+  EXPECT_FALSE(object.IsOpen());
+
+  object.SetMaxSize(2.5, -1.0);
+  EXPECT_EQ(object.Create(folder.GetPath("n"), 4ULL, u"", 4), 0U);
+  const Bytes naming = ReadFile(folder.GetPath("n.cf"));
+  EXPECT_EQ(Bytes(naming.begin() + 64, naming.end()),
+            Number(4) + Number(0) + Number(0x4004000000000000) + Number(0xBFF0000000000000) +
+                Number(1, 4) + Bytes(64));
+  ExpectIndexInfo(1, 4, 0);
+
+  EXPECT_EQ(grid("g", 3, 5, 4), 0U);
+  ExpectIndexInfo(0, 3, 5);
+  ASSERT_EQ(Store(2, 4, "kept", 1), 0U);
+  EXPECT_EQ(grid("g", 3, 5, 4), 2U) << "exists";
+  ASSERT_EQ(object.Open(folder.GetPath("g"), u"", 4), 0U);
+  EXPECT_EQ(Read(2, 4, 1).payload, "kept");
+  EXPECT_EQ(grid("g", 1, 1, 1), 0U) << "replaced";
+  ExpectIndexInfo(0, 1, 1);
+  EXPECT_EQ(FilesInFolder(), 3U);
+}
+
+TEST_F(Lifecycle, AHugeGridTakesNoRoomUntilItIsUsed) {
+  MakeGrid(16384, 16384);
+  ASSERT_EQ(Store(16383, 16383, "far corner", 1), 0U);
+  struct stat status;
+  ASSERT_EQ(::stat(path.ToUtf8().c_str(), &status), 0);
+  EXPECT_GT(status.st_size, std::int64_t{16384} * 16384 * 8);
+  EXPECT_LT(status.st_blocks * 512, 1024 * 1024);
+  EXPECT_EQ(Read(16383, 16383, 1).payload, "far corner");
+  EXPECT_EQ(Read(0, 0, 1).result, 5U);
+}
+
+TEST_F(Lifecycle, WhatCannotBeOpened) {
+  MakeGrid(1, 1);
+  object.Close();
+  const Bytes good = ReadFile(path);
+  ASSERT_EQ(object.Create(folder.GetPath("n"), 2ULL, u"", 4), 0U);
+  object.Close();
+  const Bytes naming = ReadFile(folder.GetPath("n.cf"));
+  const auto with = [](Bytes file, std::size_t offset, const Bytes& bytes) {
+    std::copy(bytes.begin(), bytes.end(), file.begin() + static_cast<std::ptrdiff_t>(offset));
+    return file;
+  };
+  const auto cut = [](Bytes file, std::size_t size) {
+    file.resize(size);
+    return file;
+  };
+  const std::pair<Bytes, unsigned int> files[] = {
+      {good, 0},
+      {cut(good, 80), 0},  // an entry that is cut off is empty
+      {with(good, 7, Number(7, 4)), 0},
+      {cut({}, 0), 3},
+      {cut(good, 63), 3},
+      {with(good, 0, {'X'}), 3},
+      {cut(good, 75), 1},
+      {with(good, 19, Number(63)), 1},
+      {with(good, 19, Number(85)), 1},
+      {with(good, 19, Number(UINT64_MAX - 5)), 1},
+      {cut(naming, 99), 1},
+      {cut(naming, 110), 0},
+      {with(naming, 64, Number(0x8000001)), 1},
+      {with(naming, 72, Number(3)), 1},
+      {with(naming, 72, Number(UINT64_MAX)), 1},
+  };
+  for (const auto& [bytes, expected] : files) {
+    WriteFile(path, bytes);
+    EXPECT_EQ(object.Open(path, u"", 4), expected) << bytes.size();
+    EXPECT_EQ(object.IsOpen(), expected == 0);
+    object.Close();
+  }
+  WriteFile(path, with(good, 7, Number(7, 4)));
+  ASSERT_EQ(object.Open(path, u"", 4), 0U);
+  ExpectIndexInfo(7, 77, 77);
+  EXPECT_EQ(Read(0, 0, 1).result, 9U);
+
+  ZrFile::MkDirEx(folder.GetPath("dir.cf"));
+  EXPECT_EQ(object.Open(folder.GetPath("dir"), u"", 4), 6U);
+  ASSERT_EQ(::mkfifo(folder.GetPath("fifo.cf").ToUtf8().c_str(), 0600), 0);
+  EXPECT_EQ(object.Open(folder.GetPath("fifo"), u"", 12), 6U);
+  EXPECT_EQ(object.Open(folder.GetPath("fifo"), u"", 4), 6U);
+
+  const std::size_t before = OpenDescriptors();
+  WriteFile(path, cut(good, 63));
+  for (int i = 0; i < 500; ++i)
+    ASSERT_EQ(object.Open(path, u"", i % 2 == 0 ? 4 : 12), 3U);
+  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_EQ(object.Create(path, 1, 1, u"", 1), 0U);
+  EXPECT_EQ(Store(0, 0, "good", 1), 0U);
+  Check();
+}
+
+TEST_F(Lifecycle, AClosedObjectAnswers) {
+  ZrByteArray data;
+  unsigned long long filled = 7, value = 7;
+  EXPECT_EQ(Store(0, 0, "x", 1), 6U);
+  EXPECT_EQ(Store(0, 0, "", 1), 6U);
+  EXPECT_EQ(Store(0, 0, "x", 1, 0x7FFFFF9D), 10U);
+  EXPECT_EQ(object.Lookup(0, 0, data, filled, 1), 9U);
+  EXPECT_EQ(filled, 0U);
+  EXPECT_EQ(object.Remove(0, 0, 1), 10U);
+  EXPECT_EQ(object.GetStatus(0, 0), ZrCompactFile::kUnknown);
+  EXPECT_FALSE(object.GetGridIdxValue(0, 0, value));
+  EXPECT_EQ(object.SetPassword(u"x"), 0U);
+  EXPECT_TRUE(object.Close());
+  EXPECT_FALSE(object.Flush());
+  EXPECT_FALSE(object.IsOpen());
+}
+
+TEST_F(Lifecycle, StoreArguments) {
+  MakeGrid(2, 3);
+  const unsigned long long empty = Check().fileSize;
+  EXPECT_EQ(Store(0, 0, "", 1), 10U);
+  EXPECT_EQ(Store(0, 0, "x", 1, 0x7FFFFF9D), 10U);
+  EXPECT_EQ(Store(0, 0, "x", 1, 0, 1), 10U);
+  EXPECT_EQ(Store(0, 0, "xy", 1, 5, UINT64_MAX), 10U);
+  EXPECT_EQ(Store(2, 0, "x", 1), 10U);
+  EXPECT_EQ(Store(0, 3, "x", 1), 10U);
+  EXPECT_EQ(Read(2, 0, 1), (Tile{9, "before", 0}));
+  EXPECT_EQ(Check().fileSize, empty);
+  EXPECT_EQ(Store(1, 2, "x", 1, 0x7FFFFF9C), 0U);
+  EXPECT_EQ(object.GetStatus(1, 2), ZrCompactFile::kPartial);
+}
+
+TEST_F(Lifecycle, PasswordsScrambleOnlyTheHeader) {
+  for (const bool foreign : {false, true}) {
+    ZrFile::Delete(path);
+    MakeGrid(1, 1, foreign);
+    ASSERT_EQ(Store(0, 0, "tile", 1), 0U);
+    const Bytes plain = ReadFile(path);
+    EXPECT_EQ(object.SetPassword(u"secret"), 1U);
+    Bytes expected = plain;
+    for (std::size_t i = 0; i < 64; ++i)
+      expected[i] ^= 0x3B;
+    EXPECT_EQ(ReadFile(path), expected);
+    object.Close();
+    EXPECT_EQ(object.Open(path, u"", 4), 3U);
+    EXPECT_EQ(object.Open(path, u"wrong", 4), 3U);
+    EXPECT_EQ(object.Open(path, u"9", 4), 0U) << "the same scrambling";
+    EXPECT_EQ(object.SetPassword(u""), 1U);
+    EXPECT_EQ(ReadFile(path), plain);
+    object.Close();
+  }
+}
+
+TEST_F(Lifecycle, ForReadingOnly) {
+  MakeGrid(1, 2);
+  ASSERT_EQ(Store(0, 0, "tile", 1), 0U);
+  object.Close();
+  const Bytes before = ReadFile(path);
+  for (const ZrCompactFile::ZrOpenMode mode : {2U, 10U}) {
+    ASSERT_EQ(object.Open(path, u"", mode), 0U);
+    EXPECT_EQ(Read(0, 0, 1).payload, "tile");
+    EXPECT_EQ(Store(0, 1, "x", 1), 10U);
+    EXPECT_EQ(object.Remove(0, 0, 1), 10U);
+    EXPECT_EQ(object.Remove(0, 0, 2), 0U) << "nothing to remove";
+    EXPECT_EQ(object.SetPassword(u"x"), 0U);
+    EXPECT_EQ(object.GetStatus(0, 0), ZrCompactFile::kComplete);
+    object.Close();
+  }
+  EXPECT_EQ(ReadFile(path), before);
+}
+
+TEST_F(Lifecycle, ARelativePathOutlivesAChangeOfFolder) {
+  const auto start = std::filesystem::current_path();
+  std::filesystem::current_path(folder.GetFolder());
+  EXPECT_EQ(object.Create(u"t", 1, 1, u"", 12), 0U);
+  std::filesystem::current_path(start);
+  EXPECT_EQ(object.GetFullPath(), PelmUnicodeString(u"t.cf"));
+  ZrCompactFile other;
+  ASSERT_EQ(other.Open(path, u"", 12), 0U);
+  ASSERT_EQ(other.SetAt(0, 0, Data("new"), 0, 0, 1), 0U);
+  EXPECT_EQ(Read(0, 0, 1).payload, "new");
+  EXPECT_FALSE(ZrFile::IsExist(u"t.cf"));
+}
+
+// A host's class for older files, as far as it is asked here.
+class Cache : public ZrCacheFile {
+ public:
+  std::uint32_t Open(const PelmUnicodeString& file, const PelmUnicodeString&,
+                     unsigned int direction) override {
+    m_path = file;
+    return direction == 2 ? 0 : 99;
+  }
+  bool Close() override { return !std::exchange(m_path, u"").IsEmpty(); }
+  bool IsOpen() const override { return !m_path.IsEmpty(); }
+  PelmUnicodeString GetFullPath() const override { return m_path; }
+  std::uint32_t GetStatus(ZrCacheFileStatus& status, std::uint32_t) override {
+    status = {11, 22};
+    return 0;
+  }
+  std::uint32_t SetPassword(const PelmUnicodeString&) override { return 5; }
+
+ private:
+  PelmUnicodeString m_path;
+};
+
+TEST_F(Lifecycle, OlderCacheFilesAreHandedOn) {
+  EXPECT_EQ(object.Open(u"none.sc", u"", 4), 1U) << "nobody has registered";
+  EXPECT_FALSE(object.IsOpen());
+  ZrCacheFile::Register([]() -> std::unique_ptr<ZrCacheFile> { return std::make_unique<Cache>(); });
+  ZrCompactFile cached;
+  EXPECT_EQ(cached.Open(u"old.Sc", u"", 4), 0U);
+  ZrCacheFile::Register(nullptr);
+  EXPECT_TRUE(cached.IsOpen());
+  EXPECT_EQ(cached.GetFullPath(), PelmUnicodeString(u"old.Sc"));
+  unsigned int first = 0, second = 0;
+  EXPECT_EQ(cached.GetIndexInfo(first, second), 3U);
+  EXPECT_EQ(first * 100 + second, 1122U);
+  EXPECT_EQ(cached.SetPassword(u"x"), 5U);
+  EXPECT_EQ(cached.Open(folder.GetPath("none"), u"", 2), 5U) << "closes it and leaves it attached";
+  EXPECT_FALSE(cached.IsOpen());
+  EXPECT_EQ(cached.GetIndexInfo(first, second), 3U);
+  EXPECT_EQ(cached.Create(path, 2, 1, u"", 4), 0U);
+  EXPECT_EQ(cached.GetIndexInfo(first, second), 0U);
+  EXPECT_EQ(cached.GetFullPath(), path);
+}
+
+TEST_F(Lifecycle, AFailingCreateHarmsNothing) {
+  MakeGrid(1, 1);
+  ASSERT_EQ(Store(0, 0, "old", 1), 0U);
+  object.Close();
+  const Bytes before = ReadFile(path);
+  unsigned int result = 1;
+  SyscallFaults faults;
+  for (std::size_t n = 1; result != 0; ++n) {
+    ASSERT_LT(n, 60U);
+    faults.FailCall(n, ENOSPC);
+    result = object.Create(path, 2, 2, u"", 1 | 8);
+    faults.FailCall(1, 0);
+    if (result != 0) {
+      EXPECT_EQ(ReadFile(path), before) << n;
+    }
+    EXPECT_EQ(FilesInFolder(), 1U) << n;
+    EXPECT_EQ(object.IsOpen(), result == 0);
+  }
+  ExpectIndexInfo(0, 2, 2);
+}
+
+TEST_F(Lifecycle, AFailingCallOfAStoreKeepsTheTile) {
+  const std::string old(300, 'o'), fresh(500, 'n');
+  for (const unsigned long long stamp : {5, 7, 9, 3, 6}) {  // replace, replace newest, newest, ...
+    SCOPED_TRACE(stamp);
+    std::size_t failures = 0;
+    for (std::size_t n = 1;; ++n) {
+      ZrFile::Delete(path);
+      MakeGrid(1, 1);
+      ASSERT_EQ(Store(0, 0, old, 5), 0U);
+      ASSERT_EQ(Store(0, 0, old, 7), 0U);
+      bool failed;
+      unsigned int result;
+      {
+        SyscallFaults faults;
+        faults.FailCall(n, ENOSPC);
+        result = Store(0, 0, fresh, stamp);
+        failed = faults.HasFailed();
+      }
+      if (!failed) {
+        EXPECT_EQ(result, 0U);
+        break;
+      }
+      ++failures;
+      EXPECT_EQ(result, 10U) << n;
+      for (const bool reopened : {false, true}) {
+        if (reopened) Reopen();
+        EXPECT_EQ(Read(0, 0, 5).payload, old) << n;
+        EXPECT_EQ(Read(0, 0, 7).payload, old) << n;
+      }
+      Check();
+    }
+    EXPECT_GE(failures, 4U);
+  }
+}
+
+TEST_F(Lifecycle, SystemCallsPerOperation) {
+  const auto calls = [](auto operation) {
+    const SyscallFaults counter;
+    operation();
+    return counter.GetCount();
+  };
+  for (const unsigned int side : {8U, 2048U}) {
+    SCOPED_TRACE(side);
+    ZrFile::Delete(path);
+    MakeGrid(side, side);
+    ASSERT_EQ(Store(0, 0, "first", 1), 0U);  // loads the page of the index
+    EXPECT_EQ(calls([&] { EXPECT_EQ(Store(0, 1, "second", 1), 0U); }), 3U)
+        << "length of the file, record, entry";
+    EXPECT_EQ(calls([&] { EXPECT_EQ(Store(0, 2, "third", 1), 0U); }), 3U);
+    EXPECT_EQ(calls([&] { EXPECT_EQ(Store(0, 1, "2nd", 1), 0U); }), 4U)
+        << "head, length of the file, record, entry";
+    EXPECT_EQ(calls([&] { EXPECT_EQ(Store(0, 1, "newest", 2), 0U); }), 5U)
+        << "head, length of the file twice, record, entry";
+    EXPECT_EQ(calls([&] { EXPECT_EQ(Read(0, 1, 2).payload, "newest"); }), 1U) << "two versions";
+    EXPECT_EQ(calls([&] { EXPECT_EQ(Read(0, 1, 1).payload, "2nd"); }), 4U)
+        << "older: the newest, then head, length of the file, payload";
+    object.Close();
+    EXPECT_EQ(calls([&] { ASSERT_EQ(object.Open(path, u"", 4), 0U); }), 5U)
+        << "existence, open, kind of file, header, grid header";
+    EXPECT_EQ(calls([&] { EXPECT_EQ(Read(0, 0, 1).payload, "first"); }), 2U)
+        << "a page of the index, and the record, its size known from the next one";
+
+    Reopen(12);
+    EXPECT_EQ(Read(0, 2, 1).payload, "third");
+    ZrCompactFile other;
+    ASSERT_EQ(other.Open(path, u"", 12), 0U);
+    ASSERT_EQ(other.SetAt(0, 3, Data("from elsewhere"), 0, 0, 1), 0U);
+    EXPECT_EQ(calls([&] { EXPECT_EQ(Read(0, 3, 1).payload, "from elsewhere"); }), 8U)
+        << "same file (2), two headers, a page of the index, head, length of the file, payload";
+    EXPECT_EQ(calls([&] { EXPECT_EQ(Read(0, 3, 1).payload, "from elsewhere"); }), 1U);
+  }
+}
+
+}  // namespace
+}  // namespace Zarn
