@@ -238,7 +238,7 @@ TEST_F(FileTest, NewFilesTouchNothingThatExistsUnlessTold) {
       EXPECT_EQ(m_file.IsSameFile(m_folder.GetPath(name)), published) << name;
     }
     EXPECT_EQ(ContentsOf("file") + ContentsOf("link"), round == 3 ? "newnew" : "old");
-    EXPECT_EQ(NamesInFolder(), (Names{"file", "folder", "link"}));
+    EXPECT_EQ(NamesInFolder(), (Names{"file", "folder", "link"})) << round;
   }
 }
 

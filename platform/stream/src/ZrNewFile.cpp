@@ -88,6 +88,7 @@ ZrNewFile::Outcome ZrNewFile::Replace() {
 }
 
 void ZrNewFile::Commit() {
+  if (m_state == State::kBegun) return;  // it has no name yet
   if (m_state == State::kExchanged) GetFileSyscalls().unlink(m_temporary.c_str());
   m_state = State::kNone;
 }
