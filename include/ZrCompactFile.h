@@ -22,7 +22,6 @@ namespace Format {
 class RecordImage;
 }
 namespace Io {
-class RecordReader;
 struct RecordGuess;
 }  // namespace Io
 namespace Engine {
@@ -243,9 +242,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool IsReadOnly() const;
   bool IsRecordPosition(unsigned long long position) const;
   unsigned long long GetAppendPosition() const;
-  Io::RecordReader MakeReader() const;
   Format::RecordImage MakeImage(ZrByteArray& buffer) const;
-  bool ReadHead(unsigned long long position, Io::RecordReader& record) const;
+  bool ReadHead(unsigned long long position, unsigned long long guessedLength,
+                Format::RecordImage& image) const;
   bool ReadDataFromDataFile(unsigned long long position, Format::RecordImage& image) const;
   bool WriteHeadAndData(unsigned long long position, const Format::RecordImage& image,
                         const Engine::TileStore& store);
@@ -272,9 +271,10 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                                     const Engine::TileStore& store);
   bool UpdateOlderVersion(unsigned long long recordPosition, Format::RecordImage& image,
                           unsigned int index, const Engine::TileStore& store);
-  bool ReadOlder(unsigned long long position, unsigned long long currentPosition,
-                 unsigned long long stamp, Io::RecordReader& record) const;
-  bool RemoveNewest(Engine::TileEntry& entry, const Io::RecordReader& record, ZrByteArray& buffer);
+  bool ReadOlderHead(unsigned long long position, unsigned long long currentPosition,
+                     unsigned long long stamp, Format::RecordImage& image) const;
+  bool RemoveNewest(Engine::TileEntry& entry, const Format::RecordImage& current);
+  void Remember(const Engine::TileEntry& entry, unsigned long long recordLength) const;
   Io::RecordGuess GuessRecord(const Engine::TileEntry& entry) const;
   bool LookUp_Inner(const Engine::TileEntry& entry, ZrByteArray& buffer, ZrByteArray& data,
                     unsigned long long& filledLength, unsigned long long version) const;

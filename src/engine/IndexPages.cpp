@@ -73,7 +73,7 @@ bool IndexPages::LoadPage(std::uint64_t page) {
   const std::uint64_t begin = page * kPageSize;
   const std::uint64_t size = std::min(kPageSize, m_size - begin);
   unsigned char* bytes = m_bytes.Get() + begin;
-  const std::uint64_t got = m_file->ReadParts(m_position + begin, bytes, size, nullptr, 0);
+  const std::uint64_t got = m_file->ReadUpTo(m_position + begin, bytes, size);
   if (got == size) return true;
   // Only the end of the file makes entries empty; an entry that cannot be read is not one.
   std::uint64_t length;

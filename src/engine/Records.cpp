@@ -43,17 +43,16 @@ unsigned long long ZrCompactFile::GetAppendPosition() const {
   return std::max<unsigned long long>(length, GetIndexEnd());
 }
 
-Io::RecordReader ZrCompactFile::MakeReader() const {
-  return Io::RecordReader(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap);
-}
-
 Format::RecordImage ZrCompactFile::MakeImage(ZrByteArray& buffer) const {
   return Format::RecordImage(buffer, Format::HeaderView(m_header).FileKind(), m_bSwap);
 }
 
-bool ZrCompactFile::ReadHead(unsigned long long position, Io::RecordReader& record) const {
-  return IsRecordPosition(position) && record.ReadHead(position, Format::kGridRecordHead) &&
-         record.Head().versionCount > 0;
+// Reads the head of a record into an image. `guessedLength` is the record's; 0: unknown.
+bool ZrCompactFile::ReadHead(unsigned long long position, unsigned long long guessedLength,
+                             Format::RecordImage& image) const {
+  Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap);
+  return IsRecordPosition(position) && record.ReadHead(position, guessedLength, image.Bytes()) &&
+         record.Head().versionCount > 0 && image.Parse();
 }
 
 // Completes an image that holds only the head of the record at `position`.

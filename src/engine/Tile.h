@@ -41,17 +41,4 @@ struct TileStore {
   std::uint64_t version;
 };
 
-/// How large a tile's record was when it was last read or written, as 32 bits: versions in the
-/// upper 6, capacity in the lower 26. 0 for one that was not, or that does not fit.
-constexpr unsigned kHintCapacityBits = 26;
-
-constexpr std::uint32_t PackHint(std::uint32_t versions, std::uint64_t capacity) {
-  if (versions >= 1U << (32 - kHintCapacityBits) || capacity >= 1U << kHintCapacityBits) return 0;
-  return versions << kHintCapacityBits | static_cast<std::uint32_t>(capacity);
-}
-constexpr std::uint32_t HintedVersions(std::uint32_t hint) { return hint >> kHintCapacityBits; }
-constexpr std::uint32_t HintedCapacity(std::uint32_t hint) {
-  return hint & ((1U << kHintCapacityBits) - 1);
-}
-
 }  // namespace Zarn::Engine

@@ -38,16 +38,14 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
   if (entry.status == Format::kStatusEmpty) {
     entry.SetStatus(store.span.Status());
     entry.MoveTo(AddNewData(store, *buffer));
-    m_pIndex->SetHint(entry.number, Engine::PackHint(1, store.span.capacity));
+    Remember(entry, Format::kGridRecordHead + store.span.capacity);
     return entry.position != 0;
   }
   if (!entry.HoldsRecord()) return true;  // occupied by something unknown: deliberately left alone
 
-  Io::RecordReader record = MakeReader();
-  if (!ReadHead(entry.position, record)) return false;
-  if (!HasVersions()) return true;  // deliberately: a tile without versions is never rewritten
   Format::RecordImage image = MakeImage(*buffer);
-  if (!buffer->Assign(record.HeadBytes(), record.Head().size) || !image.Parse()) return false;
+  if (!ReadHead(entry.position, m_pIndex->GetHint(entry.number), image)) return false;
+  if (!HasVersions()) return true;  // deliberately: a tile without versions is never rewritten
 
   unsigned int index = 0;
   switch (GetStatusAndVersionOrder(image, index, entry.position, store.version)) {
@@ -64,8 +62,7 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
     default:
       return UpdateOlderVersion(entry.position, image, index, store);
   }
-  m_pIndex->SetHint(entry.number,
-                    Engine::PackHint(image.Head().versionCount, image.Head().capacity));
+  Remember(entry, image.Head().length);
   return entry.position != 0;
 }
 
@@ -133,87 +130,80 @@ bool ZrCompactFile::UpdateOlderVersion(unsigned long long recordPosition,
                                        Format::RecordImage& image, unsigned int index,
                                        const TileStore& store) {
   const std::uint64_t position = Format::PositionOf(image.Versions().Locator(index));
-  Io::RecordReader older = MakeReader();
   ZrByteArray olderBuffer;
-  Format::RecordImage olderImage = MakeImage(olderBuffer);
-  if (!ReadOlder(position, recordPosition, store.version, older) ||
-      !olderBuffer.Assign(older.HeadBytes(), older.Head().size) || !olderImage.Parse())
-    return false;
-  const std::uint64_t newPosition = ReplaceVersion(position, olderImage, store);
+  Format::RecordImage older = MakeImage(olderBuffer);
+  if (!ReadOlderHead(position, recordPosition, store.version, older)) return false;
+  const std::uint64_t newPosition = ReplaceVersion(position, older, store);
   if (newPosition == 0) return false;
   if (newPosition == position) return true;  // the locator's status deliberately stays, too
   image.SetLocator(index, LocatorOf(store, newPosition));
   return m_file->WriteAt(recordPosition, image.Bytes().GetData(), image.Head().size);
 }
 
-// Reads the head of an older version's record. Only a record whose own newest version has the
-// stamp that it is named by, and which is not the current one, may be written to.
-bool ZrCompactFile::ReadOlder(unsigned long long position, unsigned long long currentPosition,
-                              unsigned long long stamp, Io::RecordReader& record) const {
-  return position != currentPosition && ReadHead(position, record) &&
-         record.Versions().Stamp(0) == stamp;
+// Only a record whose own newest version has the stamp that it is named by, and which is not the
+// current one, may be written to as an older one.
+bool ZrCompactFile::ReadOlderHead(unsigned long long position, unsigned long long currentPosition,
+                                  unsigned long long stamp, Format::RecordImage& image) const {
+  return position != currentPosition && ReadHead(position, 0, image) &&
+         image.Versions().Stamp(0) == stamp;
 }
 
 // Removes the version with exactly this stamp, if there is one. `entry` as in StoreIntoTile.
 bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version) {
   ZrByteArray* buffer = GetSwapData();
-  Io::RecordReader record = MakeReader();
-  if (buffer == nullptr || !ReadHead(entry.position, record)) return false;
-  const std::uint32_t count = record.Head().versionCount;
-  const std::uint32_t index = record.Versions().Find(version, 0);
+  if (buffer == nullptr) return false;
+  Format::RecordImage image = MakeImage(*buffer);
+  if (!ReadHead(entry.position, m_pIndex->GetHint(entry.number), image)) return false;
+  const std::uint32_t count = image.Versions().Count();
+  const std::uint32_t index = image.Versions().Find(version, 0);
   if (index == count) return true;
   if (IsReadOnly()) return false;
   if (count == 1) {
     entry.SetStatus(Format::kStatusEmpty);
     return true;
   }
-  if (index == 0) return RemoveNewest(entry, record, *buffer);
-
-  Format::RecordImage image = MakeImage(*buffer);
-  if (!buffer->Assign(record.HeadBytes(), record.Head().size) || !image.Parse() ||
-      !ReadDataFromDataFile(entry.position, image))
-    return false;
+  if (index == 0) return RemoveNewest(entry, image);
+  if (!ReadDataFromDataFile(entry.position, image)) return false;
   image.RemoveVersion(index);
-  m_pIndex->SetHint(entry.number, Engine::PackHint(count - 1, image.Head().capacity));
   return WriteDataToDataFile(entry.position, false, image) != 0;
 }
 
 // The next older version becomes the current one: its record gets the rest of the table.
-bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Io::RecordReader& record,
-                                 ZrByteArray& buffer) {
-  const Format::VersionTable versions = record.Versions();
+bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Format::RecordImage& current) {
+  const Format::VersionTable versions = current.Versions();
   const std::uint64_t locator = versions.Locator(1);
   const std::uint64_t position = Format::PositionOf(locator);
-  Io::RecordReader older = MakeReader();
-  Format::RecordImage image = MakeImage(buffer);
-  if (!ReadOlder(position, entry.position, versions.Stamp(1), older) ||
-      !buffer.Assign(older.HeadBytes(), older.Head().size) || !image.Parse() ||
-      !ReadDataFromDataFile(position, image))
+  ZrByteArray olderBuffer;
+  Format::RecordImage older = MakeImage(olderBuffer);
+  if (!ReadOlderHead(position, entry.position, versions.Stamp(1), older) ||
+      !ReadDataFromDataFile(position, older))
     return false;
 
-  const std::uint64_t oldLength = image.Head().length;
-  const unsigned char* restOfTable =
-      record.HeadBytes() + record.Head().tableOffset + Format::kVersionEntrySize;
-  if (!image.ReplaceVersions(restOfTable, versions.Count() - 1)) return false;
-  entry.MoveTo(WriteDataToDataFile(position, image.Head().length > oldLength, image));
+  const std::uint64_t oldLength = older.Head().length;
+  if (!older.ReplaceVersions(versions, 1)) return false;
+  entry.MoveTo(WriteDataToDataFile(position, older.Head().length > oldLength, older));
   std::uint8_t status = Format::StatusOf(locator);
   if (!Format::HoldsRecord(status))  // marked as removed, yet it is the newest that there is
-    status = image.Head().filledLength == image.Head().capacity ? Format::kStatusComplete
+    status = older.Head().filledLength == older.Head().capacity ? Format::kStatusComplete
                                                                 : Format::kStatusPartial;
   entry.SetStatus(status);
-  m_pIndex->SetHint(entry.number, Engine::PackHint(versions.Count() - 1, image.Head().capacity));
+  Remember(entry, older.Head().length);
   return entry.position != 0;
 }
 
-// What was seen of the tile last; else the distance to the record of the next tile, which is exact
-// where tiles of one version were stored in the order of their cells.
+// How long a tile's record is, so that reading it takes one call.
+void ZrCompactFile::Remember(const TileEntry& entry, unsigned long long recordLength) const {
+  const auto hint = recordLength <= UINT32_MAX ? static_cast<std::uint32_t>(recordLength) : 0;
+  if (m_pIndex->GetHint(entry.number) != hint) m_pIndex->SetHint(entry.number, hint);
+}
+
+// What was remembered; else the distance to the record of the next tile, which is exact where tiles
+// were stored in the order of their cells.
 Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry) const {
   constexpr std::uint64_t kHead = Format::kGridRecordHead;
   constexpr std::uint64_t kLargestGuess = 256 * 1024;  // a wrong one costs more than it may save
   const std::uint32_t hint = m_pIndex->GetHint(entry.number);
-  if (hint != 0)
-    return {kHead + (Engine::HintedVersions(hint) - 1) * Format::kVersionEntrySize,
-            Engine::HintedCapacity(hint)};
+  if (hint > kHead) return {kHead, hint - kHead};
   std::uint64_t next;
   const std::uint64_t nextOffset = (std::uint64_t{entry.number} + 1) * Format::kGridEntrySize;
   if (!m_pIndex->Read(nextOffset, &next, sizeof next)) return {kHead, 0};
@@ -228,12 +218,11 @@ Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry) const {
 bool ZrCompactFile::LookUp_Inner(const TileEntry& entry, ZrByteArray& buffer, ZrByteArray& data,
                                  unsigned long long& filledLength,
                                  unsigned long long version) const {
-  Io::RecordReader record = MakeReader();
+  Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap);
   if (!IsRecordPosition(entry.position) ||
       !record.Read(entry.position, GuessRecord(entry), buffer) || record.Head().versionCount == 0)
     return false;
-  const std::uint32_t hint = Engine::PackHint(record.Head().versionCount, record.Head().capacity);
-  if (m_pIndex->GetHint(entry.number) != hint) m_pIndex->SetHint(entry.number, hint);
+  Remember(entry, record.Head().length);
 
   const std::uint32_t older = record.Versions().SelectForLookup(version);
   if (older != 0) {

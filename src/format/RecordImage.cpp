@@ -55,13 +55,15 @@ void RecordImage::RemoveVersion(std::uint32_t index) {
   SetCount(m_head.versionCount - 1);
 }
 
-bool RecordImage::ReplaceVersions(const unsigned char* entries, std::uint32_t count) {
+bool RecordImage::ReplaceVersions(const VersionTable& other, std::uint32_t first) {
+  const std::uint32_t count = other.Count() - first;
   const std::uint64_t oldSize = std::uint64_t{m_head.versionCount} * kVersionEntrySize;
   const std::uint64_t newSize = std::uint64_t{count} * kVersionEntrySize;
   const auto distance = static_cast<std::int64_t>(newSize - oldSize);
   if (!MoveTail(m_head.tableOffset + oldSize, distance)) return false;
   SetCount(count);
-  std::memcpy(Entry(0), entries, newSize);
+  for (std::uint32_t entry = 0; entry < count; ++entry)
+    SetEntry(entry, other.Stamp(first + entry), other.Locator(first + entry));
   SetLength(m_head.length + newSize - oldSize);
   return true;
 }

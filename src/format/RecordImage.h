@@ -38,9 +38,9 @@ class RecordImage {
   /// Takes an entry out; all that follows moves forward. The record keeps its length, so its last
   /// 16 bytes are slack.
   void RemoveVersion(std::uint32_t index);
-  /// Replaces the table by `count` entries in the file's order; all that follows moves, and the
-  /// record length changes by as much.
-  bool ReplaceVersions(const unsigned char* entries, std::uint32_t count);
+  /// Replaces the table by that of another record, from its entry `first` on; all that follows
+  /// moves, and the record length changes by as much.
+  bool ReplaceVersions(const VersionTable& other, std::uint32_t first);
 
  private:
   void SetLength(std::uint64_t length);

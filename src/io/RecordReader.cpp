@@ -6,58 +6,76 @@ namespace Zarn::Io {
 
 using Format::HeadParse;
 
-bool RecordReader::Read(std::uint64_t position, RecordGuess guess, ZrByteArray& payload) {
-  guess.headSize = std::min<std::uint64_t>(guess.headSize, sizeof m_small);
-  m_bytes = m_small;
-  if (!payload.ResizeForOverwrite(guess.payloadSize)) return false;
-  const std::uint64_t got =
-      m_file.ReadParts(position, m_bytes, guess.headSize, payload.GetData(), guess.payloadSize);
-  const std::uint64_t gotHead = std::min(got, guess.headSize);
-  const HeadParse parse = Parse(gotHead);
-  if (parse.outcome == HeadParse::kDamaged) return false;
+namespace {
 
-  const bool guessedRight = parse.outcome == HeadParse::kComplete &&
-                            m_head.size == guess.headSize && m_head.capacity <= got - gotHead;
-  // Having read it all proves that the record ends in the file, unless there is slack behind it.
-  if (guessedRight && m_head.length == m_head.size + m_head.capacity)
-    return payload.Resize(m_head.capacity);
-  if (!CompleteHead(position, gotHead)) return false;
-  if (guessedRight) return payload.Resize(m_head.capacity);
-  return payload.ResizeForOverwrite(m_head.capacity) &&
-         m_file.ReadAt(position + m_head.size, payload.GetData(), m_head.capacity);
+// Read first where nothing is known; holds most heads whole, a name and some versions included.
+constexpr std::uint64_t kUsualHead = 256;
+
+// The payload is handed out, so it is put where any type may lie.
+constexpr std::uint64_t kAlignment = 16;
+
+std::uint64_t PaddingBefore(std::uint64_t headSize) {
+  return (kAlignment - headSize % kAlignment) % kAlignment;
 }
 
-bool RecordReader::ReadHead(std::uint64_t position, std::uint64_t guessedSize) {
-  guessedSize = std::min<std::uint64_t>(guessedSize, sizeof m_small);
-  m_bytes = m_small;
-  return CompleteHead(position, m_file.ReadParts(position, m_bytes, guessedSize, nullptr, 0));
-}
+}  // namespace
 
-// Reads on until the head is whole. Before memory is had for what the record states, and again when
-// more of it was read, it is known to lie in the file.
-bool RecordReader::CompleteHead(std::uint64_t position, std::uint64_t available) {
-  std::uint64_t fileLength;
-  if (available < Format::kRecordLengthSize || !m_file.GetLength(fileLength)) return false;
-  for (;;) {
-    const HeadParse parse = Parse(available);
-    if (parse.outcome == HeadParse::kDamaged || fileLength < position ||
-        m_head.length > fileLength - position)
+bool RecordReader::Read(std::uint64_t position, RecordGuess guess, ZrByteArray& buffer) {
+  std::uint64_t padding = PaddingBefore(guess.headSize);
+  const std::uint64_t wanted =
+      guess.payloadSize == 0 ? kUsualHead : guess.headSize + guess.payloadSize;
+  if (!buffer.ResizeForOverwrite(padding + wanted)) return false;
+  const std::uint64_t got = m_file.ReadUpTo(position, buffer.GetData() + padding, wanted);
+  HeadParse parse = Parse(buffer.GetData() + padding, got);
+
+  if (parse.outcome != HeadParse::kComplete || m_head.capacity > got - m_head.size) {
+    if (!CompleteHead(position, got, parse, buffer)) return false;
+    padding = PaddingBefore(m_head.size);
+    const std::uint64_t size = m_head.size + m_head.capacity;
+    if (!buffer.ResizeForOverwrite(padding + size) ||
+        !m_file.ReadAt(position, buffer.GetData() + padding, size))
       return false;
+    m_bytes = buffer.GetData() + padding;
+  } else if (m_head.length > got && !EndsInFile(position)) {
+    return false;  // having read all of it proves that it does, unless there is slack behind it
+  }
+  buffer.DropFront(padding + m_head.size);
+  return buffer.Resize(m_head.capacity);
+}
+
+bool RecordReader::ReadHead(std::uint64_t position, std::uint64_t guessedLength,
+                            ZrByteArray& buffer) {
+  const std::uint64_t wanted =
+      guessedLength == 0 ? kUsualHead : std::min(kUsualHead, guessedLength);
+  if (!buffer.ResizeForOverwrite(wanted)) return false;
+  const std::uint64_t got = m_file.ReadUpTo(position, buffer.GetData(), wanted);
+  HeadParse parse = Parse(buffer.GetData(), got);
+  return CompleteHead(position, got, parse, buffer) && buffer.Resize(m_head.size);
+}
+
+// Reads on, from the start, until the head is whole. Before memory is had for what the record
+// states, and again when more of it was read, it is known to lie in the file.
+bool RecordReader::CompleteHead(std::uint64_t position, std::uint64_t available, HeadParse parse,
+                                ZrByteArray& buffer) {
+  if (available < Format::kRecordLengthSize) return false;
+  for (;;) {
+    if (parse.outcome == HeadParse::kDamaged || !EndsInFile(position)) return false;
     if (parse.outcome == HeadParse::kComplete) return true;
-    if (!ProvideHead(parse.needed) || !m_file.ReadAt(position, m_bytes, parse.needed)) return false;
-    available = parse.needed;
+    if (!buffer.ResizeForOverwrite(parse.needed) ||
+        !m_file.ReadAt(position, buffer.GetData(), parse.needed))
+      return false;
+    parse = Parse(buffer.GetData(), parse.needed);
   }
 }
 
-bool RecordReader::ProvideHead(std::uint64_t size) {
-  if (size <= sizeof m_small) return true;
-  if (!m_large.ResizeForOverwrite(size)) return false;
-  m_bytes = m_large.GetData();
-  return true;
+bool RecordReader::EndsInFile(std::uint64_t position) const {
+  std::uint64_t length;
+  return m_file.GetLength(length) && position <= length && m_head.length <= length - position;
 }
 
-HeadParse RecordReader::Parse(std::uint64_t available) {
-  return Format::ParseRecordHead(m_bytes, available, m_fileKind, m_swap, m_head);
+HeadParse RecordReader::Parse(const unsigned char* bytes, std::uint64_t available) {
+  m_bytes = bytes;
+  return Format::ParseRecordHead(bytes, available, m_fileKind, m_swap, m_head);
 }
 
 }  // namespace Zarn::Io

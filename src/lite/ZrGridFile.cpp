@@ -94,8 +94,8 @@ unsigned int ZrGridFile::ReadEntries(unsigned int row, unsigned int col,
   const unsigned int following = Format::GridEntryCount(m_nRowCount, m_nColCount) - *cell;
   const std::uint64_t size = std::min(count, following) * std::uint64_t{Format::kGridEntrySize};
   const std::uint64_t position = Format::GridEntryOffset(GetIndexOffset(), *cell);
-  const auto got = static_cast<unsigned int>(ReadParts(position, entries, size, nullptr, 0) /
-                                             Format::kGridEntrySize);
+  const auto got =
+      static_cast<unsigned int>(ReadUpTo(position, entries, size) / Format::kGridEntrySize);
   for (unsigned int i = 0; i < got; ++i)
     entries[i] = LoadScalar<unsigned long long>(&entries[i], m_bSwap);
   return got;

@@ -103,7 +103,7 @@ TEST_F(FileTest, PositionsBeyondFourGibibytes) {
   char text[16] = {};
   EXPECT_EQ(m_file.Read(text, sizeof text), 5U);  // from behind "abc" up to the end
   EXPECT_EQ(m_file.GetPosition(), kFar + 8);
-  EXPECT_EQ(m_file.ReadParts(kFar, text, 2, text + 2, 9), 8U);
+  EXPECT_EQ(m_file.ReadUpTo(kFar, text, 11), 8U);
   EXPECT_EQ(std::string(text, 8), std::string("a\0cdef\0\0", 8));
   EXPECT_FALSE(m_file.ReadAt(kFar + 7, text, 2));
   const std::uint64_t data = m_file.NextData(1ULL << 30);
@@ -151,13 +151,12 @@ TEST_F(FileTest, ShortTransfersAreCarriedOn) {
   const SyscallFaults restore;
   GetFileSyscalls().pread = MoveFew<::pread>;
   GetFileSyscalls().pwrite = MoveFew<::pwrite>;
-  GetFileSyscalls().preadv = MoveFewOfParts<::preadv>;
   GetFileSyscalls().pwritev = MoveFewOfParts<::pwritev>;
   EXPECT_TRUE(m_file.Write("0123456789", 10) && m_file.WriteParts(10, "hello", 5, "planet", 6));
   EXPECT_EQ(ContentsOf("file"), "0123456789helloplanet");
   char text[20] = {};
   EXPECT_TRUE(m_file.ReadAt(2, text, 8) && text == std::string("23456789"));
-  EXPECT_EQ(m_file.ReadParts(9, text, 5, text + 5, 15), 12U);
+  EXPECT_EQ(m_file.ReadUpTo(9, text, 20), 12U);
   EXPECT_STREQ(text, "9helloplanet");
 }
 
@@ -186,7 +185,7 @@ TEST_F(FileTest, EveryFailingCallIsReported) {
   } kOperations[] = {
       {"Of", [&] { return other.Open(path, kReadWrite); }},
       {"P", [&] { return m_file.WriteParts(0, "a", 1, "b", 1); }},
-      {"P", [&] { return m_file.ReadParts(0, data.GetData(), 1, data.GetData() + 1, 1) == 2; }},
+      {"P", [&] { return m_file.ReadUpTo(0, data.GetData(), 2) == 2; }},
       {"F", [&] { return m_file.Sync(); }},
       {"fPF", [&] { return m_file.ZeroFill(6, 4); }},
       {"PF", [&] { return m_file.Save(data); }},

@@ -7,7 +7,7 @@
 
 // clang-format off
 #define FOR_EACH_CALL(DO)                                                          \
-  DO(open) DO(close) DO(pread) DO(pwrite) DO(preadv) DO(pwritev) DO(fstat) DO(stat) \
+  DO(open) DO(close) DO(pread) DO(pwrite) DO(pwritev) DO(fstat) DO(stat) \
   DO(lseek) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(mkdir) DO(unlink) \
   DO(link) DO(rename) DO(renameNoReplace) DO(renameExchange)
 // clang-format on

@@ -29,8 +29,8 @@ class HX_PLATFORM_API ZrByteArray {
   ~ZrByteArray() = default;
 
   /// The bytes; null while no memory was ever needed.
-  unsigned char* GetData() { return m_bytes.get(); }
-  const unsigned char* GetData() const { return m_bytes.get(); }
+  unsigned char* GetData() { return m_bytes.get() + m_start; }
+  const unsigned char* GetData() const { return m_bytes.get() + m_start; }
   Size GetSize() const { return m_size; }
   bool IsEmpty() const { return m_size == 0; }
 
@@ -38,6 +38,8 @@ class HX_PLATFORM_API ZrByteArray {
   bool Resize(Size size);
   /// Sets the size; the contents are unspecified afterwards. For bytes about to be overwritten.
   bool ResizeForOverwrite(Size size);
+  /// Takes away the first `size` bytes, at most all, without moving the others. Position 0.
+  void DropFront(Size size);
   /// Makes room for `size` bytes without changing the size.
   bool Reserve(Size size);
   Size GetReserve() const { return m_reserve; }
@@ -66,7 +68,7 @@ class HX_PLATFORM_API ZrByteArray {
   Size Read(T& value) {
     value = T();
     if (m_size - m_position < sizeof(T)) return 0;
-    value = LoadScalar<T>(m_bytes.get() + m_position, m_swap);
+    value = LoadScalar<T>(GetData() + m_position, m_swap);
     return m_position += sizeof(T);
   }
 
@@ -93,8 +95,9 @@ class HX_PLATFORM_API ZrByteArray {
   Size GrownReserve(Size needed) const;
 
   std::unique_ptr<unsigned char[], Free> m_bytes;
+  Size m_start = 0;  // bytes before the first one, left by DropFront
   Size m_size = 0;
-  Size m_reserve = 0;
+  Size m_reserve = 0;  // from the first byte on
   Size m_position = 0;
   Size m_growthStep = 4096;
   bool m_swap = false;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace Zarn {
 
@@ -30,6 +31,7 @@ ZrByteArray& ZrByteArray::operator=(ZrByteArray&& other) noexcept {
 
 void ZrByteArray::Swap(ZrByteArray& other) noexcept {
   std::swap(m_bytes, other.m_bytes);
+  std::swap(m_start, other.m_start);
   std::swap(m_size, other.m_size);
   std::swap(m_reserve, other.m_reserve);
   std::swap(m_position, other.m_position);
@@ -39,6 +41,7 @@ void ZrByteArray::Swap(ZrByteArray& other) noexcept {
 
 void ZrByteArray::SwapContents(ZrByteArray& other) noexcept {
   std::swap(m_bytes, other.m_bytes);
+  std::swap(m_start, other.m_start);
   std::swap(m_size, other.m_size);
   std::swap(m_reserve, other.m_reserve);
   m_position = 0;
@@ -47,13 +50,14 @@ void ZrByteArray::SwapContents(ZrByteArray& other) noexcept {
 
 bool ZrByteArray::Resize(Size size) {
   if (!Reserve(size)) return false;
-  if (size > m_size) std::memset(m_bytes.get() + m_size, 0, size - m_size);
+  if (size > m_size) std::memset(GetData() + m_size, 0, size - m_size);
   m_size = size;
   m_position = std::min(m_position, size);
   return true;
 }
 
 bool ZrByteArray::ResizeForOverwrite(Size size) {
+  m_reserve += std::exchange(m_start, 0);
   if (size > m_reserve) {
     if (size > PTRDIFF_MAX) return false;
     const Size reserve = GrownReserve(size);
@@ -67,9 +71,22 @@ bool ZrByteArray::ResizeForOverwrite(Size size) {
   return true;
 }
 
+void ZrByteArray::DropFront(Size size) {
+  size = std::min(size, m_size);
+  m_start += size;
+  m_size -= size;
+  m_reserve -= size;
+  m_position = 0;
+}
+
 bool ZrByteArray::Reserve(Size size) {
   if (size <= m_reserve) return true;
   if (size > PTRDIFF_MAX) return false;
+  if (m_start != 0) {
+    std::memmove(m_bytes.get(), GetData(), m_size);
+    m_reserve += std::exchange(m_start, 0);
+    return Reserve(size);
+  }
   const Size reserve = GrownReserve(size);
   auto* bytes = static_cast<unsigned char*>(std::realloc(m_bytes.get(), reserve));
   if (bytes == nullptr) return false;
@@ -88,7 +105,7 @@ ZrByteArray::Size ZrByteArray::GrownReserve(Size needed) const {
 
 bool ZrByteArray::Assign(const void* data, Size size) {
   if (!ResizeForOverwrite(size)) return false;
-  if (size != 0) std::memcpy(m_bytes.get(), data, size);
+  if (size != 0) std::memcpy(GetData(), data, size);
   m_position = 0;
   return true;
 }
@@ -99,13 +116,13 @@ ZrByteArray::Size ZrByteArray::SetPosition(Size position) {
 
 ZrByteArray::Size ZrByteArray::ReadBytes(void* target, Size size) {
   if (m_size - m_position < size) return 0;
-  if (size != 0) std::memcpy(target, m_bytes.get() + m_position, size);
+  if (size != 0) std::memcpy(target, GetData() + m_position, size);
   return m_position += size;
 }
 
 ZrByteArray::Size ZrByteArray::WriteBytes(const void* source, Size size) {
   if (size > PTRDIFF_MAX - m_position || !Reserve(m_position + size)) return 0;
-  if (size != 0) std::memcpy(m_bytes.get() + m_position, source, size);
+  if (size != 0) std::memcpy(GetData() + m_position, source, size);
   m_position += size;
   m_size = std::max(m_size, m_position);
   return m_position;

@@ -17,7 +17,6 @@ struct FileSyscalls {
   int (*close)(int fd);
   ssize_t (*pread)(int fd, void* buffer, size_t size, off_t position);
   ssize_t (*pwrite)(int fd, const void* buffer, size_t size, off_t position);
-  ssize_t (*preadv)(int fd, const iovec* parts, int count, off_t position);
   ssize_t (*pwritev)(int fd, const iovec* parts, int count, off_t position);
   int (*fstat)(int fd, struct stat* status);
   int (*stat)(const char* path, struct stat* status);

@@ -13,8 +13,8 @@ namespace Zarn {
 /// Offsets are 64-bit. There is no buffer in this process: a successful write is in the kernel and
 /// survives the death of the process (not the loss of power; see Sync). Transfers are complete or
 /// fail: interrupted and short system calls are carried on. The calls with a position of their own
-/// (`...At`, `...Parts`) neither use nor move the stream's position, and several threads may make
-/// them at once; everything else is for one thread at a time.
+/// (`...At`, `ReadUpTo`, `WriteParts`) neither use nor move the stream's position, and several
+/// threads may make them at once; everything else is for one thread at a time.
 class HX_PLATFORM_API ZrFileStream {
  public:
   /// Directions of Open.
@@ -47,10 +47,8 @@ class HX_PLATFORM_API ZrFileStream {
   /// Exactly `size` bytes, or false.
   bool ReadAt(std::uint64_t position, void* buffer, std::uint64_t size) const;
   bool WriteAt(std::uint64_t position, const void* buffer, std::uint64_t size);
-  /// Two buffers filled one after the other from one place, in one system call. Returns how many
-  /// bytes came: fewer than asked at the end of the file, or after an error.
-  std::uint64_t ReadParts(std::uint64_t position, void* head, std::uint64_t headSize, void* body,
-                          std::uint64_t bodySize) const;
+  /// At most `size` bytes. Returns how many came: fewer at the end of the file, or after an error.
+  std::uint64_t ReadUpTo(std::uint64_t position, void* buffer, std::uint64_t size) const;
   /// The contents of two buffers, one after the other, in one system call.
   bool WriteParts(std::uint64_t position, const void* head, std::uint64_t headSize,
                   const void* body, std::uint64_t bodySize);

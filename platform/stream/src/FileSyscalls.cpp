@@ -12,7 +12,6 @@ FileSyscalls g_syscalls = {
     ::close,
     ::pread,
     ::pwrite,
-    ::preadv,
     ::pwritev,
     ::fstat,
     ::stat,

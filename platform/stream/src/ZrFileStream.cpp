@@ -15,6 +15,8 @@ namespace {
 
 off_t Offset(std::uint64_t position) { return static_cast<off_t>(position); }
 
+constexpr iovec kNoPart = {nullptr, 0};
+
 // Moves all bytes of the parts with repeated calls of `transfer`. Returns how many were moved:
 // fewer than asked when a call fails or moves nothing. Positions beyond the largest offset are
 // refused here, so that none reaches the kernel as a negative number.
@@ -41,12 +43,12 @@ std::uint64_t TransferParts(std::uint64_t position, iovec first, iovec second, T
   return done;
 }
 
-std::uint64_t ReadAll(int fd, std::uint64_t position, iovec first, iovec second) {
+std::uint64_t ReadAll(int fd, std::uint64_t position, void* buffer, std::uint64_t size) {
   const FileSyscalls& calls = GetFileSyscalls();
-  return TransferParts(position, first, second, [&](const iovec* parts, int count, off_t offset) {
-    return count == 1 ? calls.pread(fd, parts->iov_base, parts->iov_len, offset)
-                      : calls.preadv(fd, parts, count, offset);
-  });
+  return TransferParts(position, {buffer, size}, kNoPart,
+                       [&](const iovec* part, int, off_t offset) {
+                         return calls.pread(fd, part->iov_base, part->iov_len, offset);
+                       });
 }
 
 bool WriteAll(int fd, std::uint64_t position, iovec first, iovec second) {
@@ -60,8 +62,6 @@ bool WriteAll(int fd, std::uint64_t position, iovec first, iovec second) {
 }
 
 iovec Part(const void* bytes, std::uint64_t size) { return {const_cast<void*>(bytes), size}; }
-
-constexpr iovec kNoPart = {nullptr, 0};
 
 }  // namespace
 
@@ -108,7 +108,7 @@ bool ZrFileStream::IsSameFile(const PelmUnicodeString& path) const {
 }
 
 std::uint64_t ZrFileStream::Read(void* buffer, std::uint64_t size) {
-  const std::uint64_t done = ReadAll(m_fd, m_position, Part(buffer, size), kNoPart);
+  const std::uint64_t done = ReadAll(m_fd, m_position, buffer, size);
   m_position += done;
   return done;
 }
@@ -120,16 +120,16 @@ bool ZrFileStream::Write(const void* buffer, std::uint64_t size) {
 }
 
 bool ZrFileStream::ReadAt(std::uint64_t position, void* buffer, std::uint64_t size) const {
-  return ReadAll(m_fd, position, Part(buffer, size), kNoPart) == size;
+  return ReadAll(m_fd, position, buffer, size) == size;
 }
 
 bool ZrFileStream::WriteAt(std::uint64_t position, const void* buffer, std::uint64_t size) {
   return WriteAll(m_fd, position, Part(buffer, size), kNoPart);
 }
 
-std::uint64_t ZrFileStream::ReadParts(std::uint64_t position, void* head, std::uint64_t headSize,
-                                      void* body, std::uint64_t bodySize) const {
-  return ReadAll(m_fd, position, Part(head, headSize), Part(body, bodySize));
+std::uint64_t ZrFileStream::ReadUpTo(std::uint64_t position, void* buffer,
+                                     std::uint64_t size) const {
+  return ReadAll(m_fd, position, buffer, size);
 }
 
 bool ZrFileStream::WriteParts(std::uint64_t position, const void* head, std::uint64_t headSize,
