@@ -5,7 +5,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
+#include <utility>
 
 #include "HxCompactFileExport.h"
 #include "PelmUnicodeString.h"
@@ -54,11 +56,14 @@ struct TileStore;
 /// writes nothing. Among openers without that bit, or one with and one without, nothing is
 /// guaranteed. Two objects on one file within a process count as two processes.
 ///
-/// Fork. A child must not use an object that its parent had open, except to destroy it.
+/// Fork. A child must not touch an object that its parent had open.
 ///
-/// Crash. What an operation has acknowledged survives the death of the process at any moment; an
-/// operation cut short leaves its tile as it was, except that a version being rewritten in its own
-/// place may be left half old, half new. Loss of power may cost whatever came after the last Flush.
+/// Crash. What an operation has acknowledged survives the death of the process at any moment. An
+/// operation cut short, by a kill or by a disk that fails, leaves its tile as it was; except that a
+/// record being rewritten in its own place (the same stamp stored again with no more room than
+/// before, or an older version removed) may be left half old, half new. A full disk is noticed
+/// before anything is overwritten. Loss of power may cost whatever came after the last Flush. A
+/// process with a limit on file sizes should ignore SIGXFSZ, to see a result instead.
 class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
  public:
   /// State of a cell or of a version. It is stored in one byte, so a damaged file may hold any
@@ -218,29 +223,34 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                           const PelmUnicodeString& password, ZrOpenMode mode);
   unsigned int CreateNaming(const PelmUnicodeString& path, unsigned long long capacity,
                             const PelmUnicodeString& password, ZrOpenMode mode);
-  bool TakeNewFile(const PelmUnicodeString& path, const PelmUnicodeString& password,
+  bool TakeNewFile(std::shared_ptr<ZrFile64> stream, const PelmUnicodeString& absolutePath,
+                   const PelmUnicodeString& path, const PelmUnicodeString& password,
                    ZrOpenMode mode);
+  unsigned int OpenContainer(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                             ZrOpenMode mode);
   unsigned int Join();
   unsigned int TakeIntoUse();
   bool IsOpenAt(const PelmUnicodeString& path) const;
   void CloseForThisThread();
   void TearDown();
-  void SetIdentity(const PelmUnicodeString& path, const PelmUnicodeString& password,
-                   ZrOpenMode mode);
+  void SetIdentity(const PelmUnicodeString& path, const PelmUnicodeString& absolutePath,
+                   const PelmUnicodeString& password, ZrOpenMode mode);
+  std::pair<double, double> GetMaxSizes() const;
   bool ProcessLockInit();
 
   // Index. Called with m_mutex held.
   unsigned int RefreshIndex();
-  void Publish(Engine::FileState&& state);
+  void Publish(Engine::FileState& state);
   bool HasVersions() const;
   unsigned long long GetIndexEnd() const;
+  std::optional<std::uint32_t> FindCell(unsigned int row, unsigned int col) const;
   bool ReadGridSlot(unsigned int row, unsigned int col, Engine::TileEntry& entry) const;
   bool WriteGridSlot(const Engine::TileEntry& entry);
 
   // Records. Called with m_mutex and the lock between processes held.
   ZrByteArray* GetSwapData();
   bool IsReadOnly() const;
-  bool IsRecordPosition(unsigned long long position) const;
+  bool IsRecordPlace(unsigned long long position, unsigned long long length) const;
   unsigned long long GetAppendPosition() const;
   Format::RecordImage MakeImage(ZrByteArray& buffer) const;
   bool ReadHead(unsigned long long position, unsigned long long guessedLength,
@@ -282,7 +292,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool m_bLockHeld = false;  ///< compaction holds the lock between processes for all operations
 
   /// The published state of the open file. Changed with m_mutex and m_stateMutex both held, so
-  /// either of them is enough to read it.
+  /// either of them is enough to read it; but the two sizes, which SetMaxSize changes, need
+  /// m_stateMutex.
   mutable std::mutex m_stateMutex;
   std::shared_ptr<ZrFile64> m_file;        ///< null while nothing is open
   std::array<unsigned char, 64> m_header;  ///< unscrambled, in host order
@@ -305,7 +316,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   std::map<std::uint32_t, std::unique_ptr<ZrByteArray>> m_mapSwapData;  ///< by thread: its users
   std::array<unsigned char, 256> m_xorString{};                         ///< the password's
   PelmUnicodeString m_strAbsolutePath;  ///< where the file is, whatever the working directory
-  PelmUnicodeString m_strPassword;
+  PelmUnicodeString m_strPassword;      ///< for compaction, which opens the file anew
   ZrOpenMode m_nOpenMode = 0;
 
   /// The lock order: m_mutex, the lock between processes, m_readers, m_stateMutex, the index's own.

@@ -15,7 +15,7 @@ bool OpenStream(const FileSource& source, std::shared_ptr<ZrFile64>& file) {
 
 bool ProvideIndex(FileState& state, std::uint64_t position, std::uint64_t size,
                   std::uint64_t entrySize) {
-  if (state.index != nullptr && state.index->Covers(state.file.get(), position, size)) {
+  if (state.index != nullptr && state.index->Covers(state.file.get(), position, size, entrySize)) {
     state.index->Forget();
     return true;
   }
@@ -46,11 +46,13 @@ bool LoadNamingIndex(FileState& state, std::uint64_t indexOffset) {
 bool LoadIndex(FileState& state) {
   const Format::HeaderView header(state.header);
   const std::uint64_t indexOffset = header.IndexOffset();
+  const bool isGrid = header.FileKind() == Format::kGridFile;
+  if (!isGrid && header.FileKind() != Format::kNamingFile) {
+    state.index = nullptr;  // a kind without an index opens, and can be asked for its kind
+    return true;
+  }
   if (indexOffset < Format::kHeaderSize) return false;
-  if (header.FileKind() == Format::kGridFile) return LoadGridIndex(state, indexOffset);
-  if (header.FileKind() == Format::kNamingFile) return LoadNamingIndex(state, indexOffset);
-  state.index = nullptr;  // a kind without an index opens, and can be asked for its kind
-  return true;
+  return isGrid ? LoadGridIndex(state, indexOffset) : LoadNamingIndex(state, indexOffset);
 }
 
 }  // namespace

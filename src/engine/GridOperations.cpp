@@ -23,8 +23,7 @@ unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col, const ZrBy
       !StoreIntoTile(entry, {data, *span, version}))
     return ZrResult::kWriteFailure;
   entry.FollowCompleteness(*span);
-  if (entry.changed && !WriteGridSlot(entry)) return ZrResult::kWriteFailure;
-  return ZrResult::kOk;
+  return WriteGridSlot(entry) ? ZrResult::kOk : ZrResult::kWriteFailure;
 }
 
 unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
@@ -32,13 +31,13 @@ unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArr
   filledLength = 0;
   OperationLock lock(*this, OperationLock::kReader);
   TileEntry entry;
-  if (!lock.IsUsable() || !ReadGridSlot(row, col, entry)) return ZrResult::kReadFailure;
+  ZrByteArray* buffer = lock.IsUsable() ? GetSwapData() : nullptr;
+  if (buffer == nullptr || !ReadGridSlot(row, col, entry)) return ZrResult::kReadFailure;
   if (entry.status == Format::kStatusEmpty) {
     data.Resize(0);
     return ZrResult::kNotFound;
   }
-  ZrByteArray* buffer = GetSwapData();
-  if (buffer == nullptr || !entry.HoldsRecord()) return ZrResult::kReadFailure;
+  if (!entry.HoldsRecord()) return ZrResult::kReadFailure;
   lock.LeaveMutex();
   return LookUp_Inner(entry, *buffer, data, filledLength, version) ? ZrResult::kOk
                                                                    : ZrResult::kReadFailure;
@@ -47,12 +46,12 @@ unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArr
 unsigned int ZrCompactFile::Remove(unsigned int row, unsigned int col, unsigned long long version) {
   OperationLock lock(*this, OperationLock::kWriter);
   TileEntry entry;
-  if (!lock.IsUsable() || !ReadGridSlot(row, col, entry)) return ZrResult::kWriteFailure;
+  if (!lock.IsUsable() || GetSwapData() == nullptr || !ReadGridSlot(row, col, entry))
+    return ZrResult::kWriteFailure;
   // Without versions there is nothing that could be removed.
   if (!entry.HoldsRecord() || !HasVersions()) return ZrResult::kOk;
   if (!RemoveFromTile(entry, version)) return ZrResult::kWriteFailure;
-  if (entry.changed && !WriteGridSlot(entry)) return ZrResult::kWriteFailure;
-  return ZrResult::kOk;
+  return WriteGridSlot(entry) ? ZrResult::kOk : ZrResult::kWriteFailure;
 }
 
 }  // namespace Zarn

@@ -1,3 +1,5 @@
+#include <new>
+
 #include "FileState.h"
 #include "IndexValue.h"
 #include "Tile.h"
@@ -27,10 +29,16 @@ unsigned int ZrCompactFile::RefreshIndex() {
   Engine::FileState state;
   state.file = m_file;
   state.index = m_pIndex;
-  const unsigned int result =
-      LoadFileState({m_strAbsolutePath, (m_nOpenMode & kReadOnly) != 0, m_xorString}, state);
+  unsigned int result = ZrResult::kNotUsable;
+  try {
+    result = LoadFileState({m_strAbsolutePath, (m_nOpenMode & kReadOnly) != 0, m_xorString}, state);
+  } catch (const std::bad_alloc&) {
+  }
+  // The path may have come to name another file since the lock was taken, on which nobody waits.
+  if (result == ZrResult::kOk && isLocked() && !IsLockOn(*state.file))
+    result = ZrResult::kNotUsable;
   if (result == ZrResult::kOk) {
-    Publish(std::move(state));
+    Publish(state);
   } else {
     const std::lock_guard guard(m_stateMutex);
     m_bIndexValid = false;
@@ -39,10 +47,10 @@ unsigned int ZrCompactFile::RefreshIndex() {
   return result;
 }
 
-void ZrCompactFile::Publish(Engine::FileState&& state) {
+void ZrCompactFile::Publish(Engine::FileState& state) {
   const std::lock_guard guard(m_stateMutex);
-  m_file = std::move(state.file);
-  m_pIndex = std::move(state.index);
+  m_file.swap(state.file);  // the old ones go when the accessors can go on
+  m_pIndex.swap(state.index);
   m_header = state.header;
   m_bSwap = state.swap;
   m_nRowCount = state.grid.rowCount;
@@ -107,17 +115,20 @@ unsigned long long ZrCompactFile::GetIndexEnd() const {
 bool ZrCompactFile::GetGridIdxValue(unsigned int row, unsigned int col,
                                     unsigned long long& value) const {
   std::unique_lock state(m_stateMutex);
-  const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
-  if (!m_bIndexValid || !cell || Format::HeaderView(m_header).FileKind() != Format::kGridFile)
-    return false;
+  const auto cell = FindCell(row, col);
+  if (!m_bIndexValid || !cell) return false;
   const std::shared_ptr<Engine::IndexPages> index = m_pIndex;
   const bool swap = m_bSwap;
   state.unlock();
-  std::uint64_t bytes;
-  if (!index->Read(std::uint64_t{*cell} * Format::kGridEntrySize, &bytes, sizeof bytes))
-    return false;
-  value = LoadScalar<std::uint64_t>(&bytes, swap);
+  std::uint64_t stored;
+  if (!index->ReadWord(std::uint64_t{*cell} * Format::kGridEntrySize, swap, stored)) return false;
+  value = stored;
   return true;
+}
+
+std::optional<std::uint32_t> ZrCompactFile::FindCell(unsigned int row, unsigned int col) const {
+  if (Format::HeaderView(m_header).FileKind() != Format::kGridFile) return std::nullopt;
+  return Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
 }
 
 ZrCompactFile::ZrStatus ZrCompactFile::GetStatus(unsigned int row, unsigned int col) const {
@@ -128,25 +139,30 @@ ZrCompactFile::ZrStatus ZrCompactFile::GetStatus(unsigned int row, unsigned int 
 
 bool ZrCompactFile::ReadGridSlot(unsigned int row, unsigned int col,
                                  Engine::TileEntry& entry) const {
-  const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
-  std::uint64_t bytes;
-  if (!cell || Format::HeaderView(m_header).FileKind() != Format::kGridFile ||
-      !m_pIndex->Read(std::uint64_t{*cell} * Format::kGridEntrySize, &bytes, sizeof bytes))
+  const auto cell = FindCell(row, col);
+  std::uint64_t stored;
+  if (!cell || !m_pIndex->ReadWord(std::uint64_t{*cell} * Format::kGridEntrySize, m_bSwap, stored))
     return false;
-  const auto value = LoadScalar<std::uint64_t>(&bytes, m_bSwap);
-  entry = {*cell, Format::StatusOf(value), Format::PositionOf(value)};
+  entry = {*cell, stored};
   return true;
 }
 
-// To the file first: what the kernel has not taken must not be believed in memory.
+// Writes an entry that has changed, to the file first: what the kernel has not taken must not be
+// believed in memory. A failed write, which may have stopped half-way, is taken back.
 bool ZrCompactFile::WriteGridSlot(const Engine::TileEntry& entry) {
-  std::uint64_t bytes;
-  StoreScalar(&bytes, entry.Value(), m_bSwap);
+  if (entry.Value() == entry.stored) return true;
+  const std::uint64_t offset = std::uint64_t{entry.number} * Format::kGridEntrySize;
   const std::uint64_t position =
       Format::GridEntryOffset(Format::HeaderView(m_header).IndexOffset(), entry.number);
-  return m_file->WriteAt(position, &bytes, sizeof bytes) &&
-         m_pIndex->Write(std::uint64_t{entry.number} * Format::kGridEntrySize, &bytes,
-                         sizeof bytes);
+  std::uint64_t bytes;
+  StoreScalar(&bytes, entry.Value(), m_bSwap);
+  if (m_file->WriteAt(position, &bytes, sizeof bytes) &&
+      m_pIndex->Write(offset, &bytes, sizeof bytes))
+    return true;
+  StoreScalar(&bytes, entry.stored, m_bSwap);
+  m_file->WriteAt(position, &bytes, sizeof bytes);
+  m_pIndex->Forget();
+  return false;
 }
 
 }  // namespace Zarn

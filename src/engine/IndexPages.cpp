@@ -29,6 +29,7 @@ IndexPages::IndexPages(std::shared_ptr<const ZrFile64> file, std::uint64_t posit
     : m_file(std::move(file)),
       m_position(position),
       m_size(size),
+      m_entrySize(entrySize),
       m_bytes(size),
       m_loaded(BitmapSize(size)),
       m_hints(size / entrySize * sizeof(std::uint32_t)) {}
@@ -42,6 +43,12 @@ bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size) {
   const std::lock_guard guard(m_mutex);
   if (!LoadPages(offset, size)) return false;
   std::memcpy(target, m_bytes.Get() + offset, size);
+  return true;
+}
+
+bool IndexPages::ReadWord(std::uint64_t offset, bool swap, std::uint64_t& word) {
+  if (!Read(offset, &word, sizeof word)) return false;
+  word = LoadScalar<std::uint64_t>(&word, swap);
   return true;
 }
 

@@ -45,13 +45,16 @@ class IndexPages {
 
   /// False if memory was short; then nothing else may be called.
   bool IsUsable() const;
-  bool Covers(const ZrFile64* file, std::uint64_t position, std::uint64_t size) const {
-    return m_file.get() == file && m_position == position && m_size == size;
+  bool Covers(const ZrFile64* file, std::uint64_t position, std::uint64_t size,
+              std::uint64_t entrySize) const {
+    return m_file.get() == file && m_position == position && m_size == size &&
+           m_entrySize == entrySize;
   }
-  std::uint64_t GetSize() const { return m_size; }
 
   /// Copies `size` bytes at `offset`. False if they lie outside, or the file cannot be read.
   bool Read(std::uint64_t offset, void* target, std::uint64_t size);
+  /// The 8 bytes at `offset` as a number.
+  bool ReadWord(std::uint64_t offset, bool swap, std::uint64_t& word);
   /// Changes bytes in memory, for one whose caller has written them to the file.
   bool Write(std::uint64_t offset, const void* source, std::uint64_t size);
   /// Forgets all pages; they are read again when asked for.
@@ -69,6 +72,7 @@ class IndexPages {
   const std::shared_ptr<const ZrFile64> m_file;
   const std::uint64_t m_position;
   const std::uint64_t m_size;
+  const std::uint64_t m_entrySize;
   std::mutex m_mutex;
   ZeroMemory m_bytes;   // guarded by m_mutex
   ZeroMemory m_loaded;  // one bit per page; guarded by m_mutex

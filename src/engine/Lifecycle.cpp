@@ -1,4 +1,4 @@
-#include <vector>
+#include <new>
 
 #include "FileState.h"
 #include "IndexHeaders.h"
@@ -25,7 +25,13 @@ constexpr std::uint64_t kMissingFileCapacity = 128;  // slots of a naming file t
 class NewContainer {
  public:
   NewContainer(const PelmUnicodeString& path, const PelmUnicodeString& password, bool replace)
-      : m_path(Format::CompletePath(path)), m_password(password), m_replace(replace) {}
+      : m_path(ZrFile::GetAbsolute(Format::CompletePath(path))),
+        m_password(password),
+        m_replace(replace) {}
+
+  const PelmUnicodeString& Path() const { return m_path; }
+  /// Open for reading and writing once the file is made.
+  const std::shared_ptr<ZrFile64>& Stream() const { return m_stream; }
 
   ZrNewFile::Outcome MakeGrid(const Format::GridHeader& header) {
     return Make(Format::kGridFile, Format::EncodeGridHeader(header, false),
@@ -47,9 +53,9 @@ class NewContainer {
     const Format::HeaderImage header =
         Format::NewHeader(fileKind, PelmTime().GetCurTime().GetTime());
     const Format::XorString xorString = Format::MakeXorString(m_password.GetBuffer());
-    if (!m_file.Begin(m_path) || !Io::WriteFileHeader(m_stream, xorString, header, false) ||
-        !m_stream.WriteAt(Format::kHeaderSize, indexHeader.data(), indexHeader.size()) ||
-        !m_stream.SetLength(fileLength))
+    if (!m_file.Begin(m_path) || !Io::WriteFileHeader(*m_stream, xorString, header, false) ||
+        !m_stream->WriteAt(Format::kHeaderSize, indexHeader.data(), indexHeader.size()) ||
+        !m_stream->SetLength(fileLength))
       return ZrNewFile::Outcome::kFailed;
     return m_replace ? m_file.Replace() : m_file.Publish();
   }
@@ -57,8 +63,8 @@ class NewContainer {
   const PelmUnicodeString m_path;
   const PelmUnicodeString& m_password;
   const bool m_replace;
-  ZrFile64 m_stream;
-  ZrNewFile m_file{m_stream};
+  const std::shared_ptr<ZrFile64> m_stream = std::make_shared<ZrFile64>();
+  ZrNewFile m_file{*m_stream};
 };
 
 }  // namespace
@@ -76,15 +82,25 @@ unsigned int ZrCompactFile::Create(const PelmUnicodeString& path, unsigned int r
                                    unsigned int cols, const PelmUnicodeString& password,
                                    ZrOpenMode mode) {
   const std::lock_guard lock(m_mutex);
-  Close();
-  return CreateGrid(path, rows, cols, password, mode);
+  try {
+    Close();
+    return CreateGrid(path, rows, cols, password, mode);
+  } catch (const std::bad_alloc&) {
+    TearDown();
+    return ZrResult::kNotCreated;
+  }
 }
 
 unsigned int ZrCompactFile::Create(const PelmUnicodeString& path, unsigned long long capacity,
                                    const PelmUnicodeString& password, ZrOpenMode mode) {
   const std::lock_guard lock(m_mutex);
-  Close();
-  return CreateNaming(path, capacity, password, mode);
+  try {
+    Close();
+    return CreateNaming(path, capacity, password, mode);
+  } catch (const std::bad_alloc&) {
+    TearDown();
+    return ZrResult::kNotCreated;
+  }
 }
 
 unsigned int ZrCompactFile::CreateGrid(const PelmUnicodeString& path, unsigned int rows,
@@ -98,7 +114,7 @@ unsigned int ZrCompactFile::CreateGrid(const PelmUnicodeString& path, unsigned i
   NewContainer container(path, password, (mode & kReplace) != 0);
   if (container.MakeGrid({rows, cols, Format::kVersionsEnabled}) !=
           ZrNewFile::Outcome::kPublished ||
-      !TakeNewFile(path, password, mode))
+      !TakeNewFile(container.Stream(), container.Path(), path, password, mode))
     return ZrResult::kNotCreated;
   container.Commit();
   return ZrResult::kOk;
@@ -110,37 +126,54 @@ unsigned int ZrCompactFile::CreateNaming(const PelmUnicodeString& path, unsigned
       !Format::IsUsablePath(path))
     return ZrResult::kNotCreated;
   NewContainer container(path, password, (mode & kReplace) != 0);
-  if (container.MakeNaming({capacity, 0, m_dMaxSize1, m_dMaxSize2, Format::kVersionsEnabled}) !=
+  const auto [maxSize1, maxSize2] = GetMaxSizes();
+  if (container.MakeNaming({capacity, 0, maxSize1, maxSize2, Format::kVersionsEnabled}) !=
           ZrNewFile::Outcome::kPublished ||
-      !TakeNewFile(path, password, mode))
+      !TakeNewFile(container.Stream(), container.Path(), path, password, mode))
     return ZrResult::kNotCreated;
   container.Commit();
   return ZrResult::kOk;
 }
 
-// Opens what was just created.
-bool ZrCompactFile::TakeNewFile(const PelmUnicodeString& path, const PelmUnicodeString& password,
+// Goes on with what was just created, by the stream that it was created through.
+bool ZrCompactFile::TakeNewFile(std::shared_ptr<ZrFile64> stream,
+                                const PelmUnicodeString& absolutePath,
+                                const PelmUnicodeString& path, const PelmUnicodeString& password,
                                 ZrOpenMode mode) {
   TearDown();
-  SetIdentity(Format::CompletePath(path), password, mode);
+  SetIdentity(Format::CompletePath(path), absolutePath, password, mode);
+  std::unique_lock state(m_stateMutex);
+  m_file = std::move(stream);
+  state.unlock();
   return TakeIntoUse() == ZrResult::kOk;
 }
 
 unsigned int ZrCompactFile::Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
                                  ZrOpenMode mode) {
   const std::lock_guard lock(m_mutex);
-  if (Format::IsCachePath(path)) return OpenCacheFile(path, password);
-  if (m_pCacheFile == nullptr && IsOpenAt(path)) return Join();
-  Close();
+  try {
+    if (Format::IsCachePath(path)) return OpenCacheFile(path, password);
+    if (m_pCacheFile == nullptr && IsOpenAt(path)) return Join();
+    Close();
+    return OpenContainer(path, password, mode);
+  } catch (const std::bad_alloc&) {
+    TearDown();
+    return ZrResult::kNotUsable;
+  }
+}
+
+unsigned int ZrCompactFile::OpenContainer(const PelmUnicodeString& path,
+                                          const PelmUnicodeString& password, ZrOpenMode mode) {
   if (!Format::IsUsablePath(path)) return ZrResult::kNotFound;
   const PelmUnicodeString completed = Format::CompletePath(path);
   if (m_pCacheFile == nullptr && IsOpenAt(completed)) return Join();  // other threads use it
-
-  if (!ZrFile::IsExist(completed)) {
+  const PelmUnicodeString absolutePath = ZrFile::GetAbsolute(completed);
+  if (!ZrFile::IsExist(absolutePath)) {
     if (mode == kReadOnly) return ZrResult::kNotFound;
-    NewContainer container(completed, password, false);
+    NewContainer container(absolutePath, password, false);
+    const auto [maxSize1, maxSize2] = GetMaxSizes();
     // Whoever made it meanwhile: the file is there.
-    if (container.MakeNaming({kMissingFileCapacity, 0, m_dMaxSize1, m_dMaxSize2,
+    if (container.MakeNaming({kMissingFileCapacity, 0, maxSize1, maxSize2,
                               Format::kVersionsEnabled}) == ZrNewFile::Outcome::kFailed)
       return ZrResult::kNotCreated;
     container.Commit();
@@ -148,12 +181,13 @@ unsigned int ZrCompactFile::Open(const PelmUnicodeString& path, const PelmUnicod
   if (m_bOpened) {
     // Other threads lose the file that they use only to one that can be opened.
     Engine::FileState probe;
-    const unsigned int result = LoadFileState(
-        {completed, (mode & kReadOnly) != 0, Format::MakeXorString(password.GetBuffer())}, probe);
+    const Format::XorString xorString = Format::MakeXorString(password.GetBuffer());
+    const unsigned int result =
+        LoadFileState({absolutePath, (mode & kReadOnly) != 0, xorString}, probe);
     if (result != ZrResult::kOk) return result;
   }
   TearDown();
-  SetIdentity(completed, password, mode);
+  SetIdentity(completed, absolutePath, password, mode);
   return TakeIntoUse();
 }
 
@@ -173,13 +207,16 @@ unsigned int ZrCompactFile::Join() {
   return ZrResult::kNotUsable;
 }
 
+// One whose index cannot be brought up to date, perhaps for a password that has changed, is opened
+// anew rather than joined.
 bool ZrCompactFile::IsOpenAt(const PelmUnicodeString& path) const {
-  return m_bOpened && Io::IsPathOf(path, m_strPath, *m_file);
+  return m_bOpened && m_bIndexValid && Io::IsPathOf(path, m_strPath, *m_file);
 }
 
-void ZrCompactFile::SetIdentity(const PelmUnicodeString& path, const PelmUnicodeString& password,
-                                ZrOpenMode mode) {
-  m_strAbsolutePath = ZrFile::GetAbsolute(path);
+void ZrCompactFile::SetIdentity(const PelmUnicodeString& path,
+                                const PelmUnicodeString& absolutePath,
+                                const PelmUnicodeString& password, ZrOpenMode mode) {
+  m_strAbsolutePath = absolutePath;
   m_strPassword = password;
   m_xorString = Format::MakeXorString(password.GetBuffer());
   m_nOpenMode = mode;
@@ -196,10 +233,11 @@ unsigned int ZrCompactFile::TakeIntoUse() {
   } else if (!ZrFile64().Open(m_strAbsolutePath, ZrFile64::kRead)) {
     result = ZrResult::kNotOpen;  // what cannot be opened cannot be locked
   }
+  std::shared_ptr<ZrCacheFile> detached;
   if (result == ZrResult::kOk) {
     const std::lock_guard state(m_stateMutex);
     m_bOpened = true;
-    m_pCacheFile = nullptr;
+    detached.swap(m_pCacheFile);
   }
   if (result == ZrResult::kOk && GetSwapData() == nullptr) result = ZrResult::kNotUsable;
   if (result != ZrResult::kOk) TearDown();
@@ -223,10 +261,13 @@ void ZrCompactFile::TearDown() {
     ProcessLockRelease();
     m_mapSwapData.clear();
   }
+  // Closed and freed only when the accessors can go on.
+  std::shared_ptr<ZrFile64> file;
+  std::shared_ptr<Engine::IndexPages> index;
   const std::lock_guard state(m_stateMutex);
   if (m_bOpened) m_dMaxSize1 = m_dMaxSize2 = 0;
-  m_file = nullptr;
-  m_pIndex = nullptr;
+  file.swap(m_file);
+  index.swap(m_pIndex);
   m_header = Format::PresetHeader();
   m_nRowCount = m_nColCount = m_nGridFlags = m_nNamingFlags = 0;
   m_nNamingCapacity = m_nNamingCount = 0;
@@ -254,6 +295,11 @@ PelmUnicodeString ZrCompactFile::GetFullPath() const {
   if (cache == nullptr) return m_strPath;
   state.unlock();
   return cache->GetFullPath();
+}
+
+std::pair<double, double> ZrCompactFile::GetMaxSizes() const {
+  const std::lock_guard state(m_stateMutex);
+  return {m_dMaxSize1, m_dMaxSize2};
 }
 
 void ZrCompactFile::SetMaxSize(double first, double second) {

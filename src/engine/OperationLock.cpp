@@ -1,10 +1,16 @@
 #include "OperationLock.h"
 
+#include <new>
+
 namespace Zarn::Engine {
 
 OperationLock::OperationLock(ZrCompactFile& object, Kind kind)
     : m_object(object), m_kind(kind), m_mutex(object.m_mutex) {
-  if (object.m_bOpened) Acquire(kind);
+  try {
+    if (object.m_bOpened) Acquire(kind);
+  } catch (const std::bad_alloc&) {
+    m_usable = false;
+  }
 }
 
 void OperationLock::Acquire(Kind kind) {

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "Header.h"
+#include "IndexValue.h"
 #include "RecordImage.h"
 #include "RecordReader.h"
 #include "Tile.h"
@@ -29,18 +30,20 @@ bool ZrCompactFile::IsReadOnly() const {
   return m_file->IsReadOnly() || (!m_bLockDisabled && IsLockReadOnly());
 }
 
-// Anywhere but in the header and the index.
-bool ZrCompactFile::IsRecordPosition(unsigned long long position) const {
+// Whether a record may lie there: outside header and index.
+bool ZrCompactFile::IsRecordPlace(unsigned long long position, unsigned long long length) const {
   const unsigned long long indexStart = Format::HeaderView(m_header).IndexOffset();
-  return position >= Format::kHeaderSize && (position < indexStart || position >= GetIndexEnd());
+  if (position < Format::kHeaderSize) return false;
+  return position >= GetIndexEnd() || (position < indexStart && length <= indexStart - position);
 }
 
 // Behind the last byte of the file, and behind the index, of which a damaged file may have lost
-// the end. 0 if the file does not tell its length.
+// the end. 0 if the file does not tell its length, or an index value could not name the position.
 unsigned long long ZrCompactFile::GetAppendPosition() const {
   std::uint64_t length;
   if (!m_file->GetLength(length)) return 0;
-  return std::max<unsigned long long>(length, GetIndexEnd());
+  const unsigned long long end = std::max<unsigned long long>(length, GetIndexEnd());
+  return end <= Format::kPositionMask - Format::kGridRecordHead - kMaxCapacity ? end : 0;
 }
 
 Format::RecordImage ZrCompactFile::MakeImage(ZrByteArray& buffer) const {
@@ -51,8 +54,9 @@ Format::RecordImage ZrCompactFile::MakeImage(ZrByteArray& buffer) const {
 bool ZrCompactFile::ReadHead(unsigned long long position, unsigned long long guessedLength,
                              Format::RecordImage& image) const {
   Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap);
-  return IsRecordPosition(position) && record.ReadHead(position, guessedLength, image.Bytes()) &&
-         record.Head().versionCount > 0 && image.Parse();
+  return record.ReadHead(position, guessedLength, image.Bytes()) &&
+         record.Head().versionCount > 0 && IsRecordPlace(position, record.Head().length) &&
+         image.Parse();
 }
 
 // Completes an image that holds only the head of the record at `position`.
@@ -64,8 +68,7 @@ bool ZrCompactFile::ReadDataFromDataFile(unsigned long long position,
          m_file->ReadAt(position + head.size, bytes.GetData() + head.size, head.length - head.size);
 }
 
-// Writes the head in the image and the data at its place behind it, and nothing else. The data
-// goes first if they are apart: until the head counts it in, it is not there.
+// Writes the head in the image and the data at its place behind it, and nothing else.
 bool ZrCompactFile::WriteHeadAndData(unsigned long long position, const Format::RecordImage& image,
                                      const Engine::TileStore& store) {
   const unsigned char* head = image.Bytes().GetData();
@@ -109,17 +112,18 @@ unsigned long long ZrCompactFile::AppendSwapData(Format::RecordImage& image,
   return position != 0 && WriteHeadAndData(position, image, store) ? position : 0;
 }
 
-// Appends a record that is new altogether. What the data leaves of its payload area reads as zero:
-// the file is extended over it.
+// Appends a record that is new altogether. What the data leaves of its payload area reads as zero,
+// and has its room on the disk: a later piece must not fail for want of it.
 unsigned long long ZrCompactFile::AppendNewRecord(Format::RecordImage& image,
                                                   const Engine::TileStore& store) {
   const unsigned long long position = GetAppendPosition();
   if (position == 0 || !WriteHeadAndData(position, image, store)) return 0;
-  const char zero = 0;
-  if (store.span.FilledLength() < store.span.capacity &&
-      !m_file->WriteAt(position + image.Head().length - sizeof zero, &zero, sizeof zero))
-    return 0;
-  return position;
+  if (store.span.CoversAll()) return position;
+  const std::uint64_t payload = position + image.Head().size;
+  const std::uint64_t filled = store.span.FilledLength();
+  const bool hasRoom = m_file->ZeroFill(payload, store.span.offset) &&
+                       m_file->ZeroFill(payload + filled, store.span.capacity - filled);
+  return hasRoom ? position : 0;
 }
 
 }  // namespace Zarn

@@ -10,27 +10,19 @@ namespace Zarn::Engine {
 /// A tile's index entry while an operation works on it.
 struct TileEntry {
   std::uint32_t number = 0;  // cell of a grid
-  std::uint8_t status = 0;
-  std::uint64_t position = 0;
-  bool changed = false;  // to be written
+  std::uint64_t stored = 0;  // the index value in the file
+  std::uint8_t status = Format::StatusOf(stored);
+  std::uint64_t position = Format::PositionOf(stored);
 
   std::uint64_t Value() const { return Format::PackIndexValue(status, position); }
   bool HoldsRecord() const { return Format::HoldsRecord(status); }
-  void MoveTo(std::uint64_t newPosition) {
-    position = newPosition;
-    changed = true;
-  }
-  void SetStatus(std::uint8_t newStatus) {
-    status = newStatus;
-    changed = true;
-  }
   /// The status follows the completeness of the write just made, deliberately also when that went
   /// to an older version, or nowhere.
   void FollowCompleteness(const Format::StoreSpan& span) {
     if (span.Status() == Format::kStatusPartial)
-      SetStatus(Format::kStatusPartial);
+      status = Format::kStatusPartial;
     else if (status == Format::kStatusPartial)
-      SetStatus(Format::kStatusComplete);
+      status = Format::kStatusComplete;
   }
 };
 

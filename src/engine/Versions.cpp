@@ -36,8 +36,8 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
     return false;
   }
   if (entry.status == Format::kStatusEmpty) {
-    entry.SetStatus(store.span.Status());
-    entry.MoveTo(AddNewData(store, *buffer));
+    entry.status = store.span.Status();
+    entry.position = AddNewData(store, *buffer);
     Remember(entry, Format::kGridRecordHead + store.span.capacity);
     return entry.position != 0;
   }
@@ -50,14 +50,14 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
   unsigned int index = 0;
   switch (GetStatusAndVersionOrder(image, index, entry.position, store.version)) {
     case StorePlace::kNewest:
-      entry.SetStatus(store.span.Status());
-      entry.MoveTo(AddMaxNewVersionData(entry.position, image, store));
+      entry.status = store.span.Status();
+      entry.position = AddMaxNewVersionData(entry.position, image, store);
       break;
     case StorePlace::kReplaceNewest:
-      entry.MoveTo(ReplaceVersion(entry.position, image, store));
+      entry.position = ReplaceVersion(entry.position, image, store);
       break;
     case StorePlace::kInsertOlder:
-      entry.MoveTo(AddOldVersionData(entry.position, image, index, store));
+      entry.position = AddOldVersionData(entry.position, image, index, store);
       break;
     default:
       return UpdateOlderVersion(entry.position, image, index, store);
@@ -159,7 +159,7 @@ bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version)
   if (index == count) return true;
   if (IsReadOnly()) return false;
   if (count == 1) {
-    entry.SetStatus(Format::kStatusEmpty);
+    entry.status = Format::kStatusEmpty;
     return true;
   }
   if (index == 0) return RemoveNewest(entry, image);
@@ -181,12 +181,12 @@ bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Format::RecordImage& cu
 
   const std::uint64_t oldLength = older.Head().length;
   if (!older.ReplaceVersions(versions, 1)) return false;
-  entry.MoveTo(WriteDataToDataFile(position, older.Head().length > oldLength, older));
+  entry.position = WriteDataToDataFile(position, older.Head().length > oldLength, older);
   std::uint8_t status = Format::StatusOf(locator);
   if (!Format::HoldsRecord(status))  // marked as removed, yet it is the newest that there is
     status = older.Head().filledLength == older.Head().capacity ? Format::kStatusComplete
                                                                 : Format::kStatusPartial;
-  entry.SetStatus(status);
+  entry.status = status;
   Remember(entry, older.Head().length);
   return entry.position != 0;
 }
@@ -206,8 +206,7 @@ Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry) const {
   if (hint > kHead) return {kHead, hint - kHead};
   std::uint64_t next;
   const std::uint64_t nextOffset = (std::uint64_t{entry.number} + 1) * Format::kGridEntrySize;
-  if (!m_pIndex->Read(nextOffset, &next, sizeof next)) return {kHead, 0};
-  next = LoadScalar<std::uint64_t>(&next, m_bSwap);
+  if (!m_pIndex->ReadWord(nextOffset, m_bSwap, next)) return {kHead, 0};
   const std::uint64_t size = Format::PositionOf(next) - entry.position - kHead;
   const bool usable = Format::HoldsRecord(Format::StatusOf(next)) && size <= kLargestGuess;
   return {kHead, usable ? size : 0};
@@ -219,19 +218,16 @@ bool ZrCompactFile::LookUp_Inner(const TileEntry& entry, ZrByteArray& buffer, Zr
                                  unsigned long long& filledLength,
                                  unsigned long long version) const {
   Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap);
-  if (!IsRecordPosition(entry.position) ||
-      !record.Read(entry.position, GuessRecord(entry), buffer) || record.Head().versionCount == 0)
-    return false;
+  const auto read = [&](std::uint64_t position, Io::RecordGuess guess) {
+    return record.Read(position, guess, buffer) && record.Head().versionCount > 0 &&
+           IsRecordPlace(position, record.Head().length);
+  };
+  if (!read(entry.position, GuessRecord(entry))) return false;
   Remember(entry, record.Head().length);
-
   const std::uint32_t older = record.Versions().SelectForLookup(version);
-  if (older != 0) {
-    const std::uint64_t position = Format::PositionOf(record.Versions().Locator(older));
-    if (!IsRecordPosition(position) ||
-        !record.Read(position, {Format::kGridRecordHead, 0}, buffer) ||
-        record.Head().versionCount == 0)
-      return false;
-  }
+  if (older != 0 &&
+      !read(Format::PositionOf(record.Versions().Locator(older)), {Format::kGridRecordHead, 0}))
+    return false;
   data.SwapContents(buffer);
   filledLength = std::min(record.Head().filledLength, record.Head().capacity);
   return true;

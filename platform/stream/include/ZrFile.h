@@ -18,7 +18,8 @@ class HX_PLATFORM_API ZrFile {
   /// The last component.
   static PelmUnicodeString GetName(const PelmUnicodeString& path);
 
-  /// The path from the root on; a relative one is taken from the working directory.
+  /// The path from the root on; a relative one is taken from the working directory, and stays as it
+  /// is if the name of that is not UTF-8.
   static PelmUnicodeString GetAbsolute(const PelmUnicodeString& path);
 
   static bool IsExist(const PelmUnicodeString& path);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 
 #include "HxPlatformExport.h"
@@ -35,6 +37,8 @@ class HX_PLATFORM_API ZrFileStream {
   bool IsReadOnly() const { return IsOpen() && m_readOnly; }
   /// True if `path` names the very file that is open here.
   bool IsSameFile(const PelmUnicodeString& path) const;
+  /// What the system knows of the open file.
+  bool GetStatus(struct stat& status) const;
 
   void Seek(std::uint64_t position) { m_position = position; }
   std::uint64_t GetPosition() const { return m_position; }

@@ -5,6 +5,7 @@
 
 #include "HxPlatformExport.h"
 #include "PelmUnicodeString.h"
+#include "ZrFileStream.h"
 
 namespace Zarn {
 
@@ -79,6 +80,8 @@ class HX_PLATFORM_API ZrProcess {
   /// The process may not write the file, so the writer lock does not keep readers out. May differ
   /// after each lock call, since the file may.
   bool IsLockReadOnly() const;
+  /// Whether the file open in `stream` is the one that the lock is on.
+  bool IsLockOn(const ZrFileStream& stream) const;
   /// Whether nothing is at the path, looked up now. For after a lock or a callback has failed.
   bool IsPathDeleted() const;
 

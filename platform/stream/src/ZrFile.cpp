@@ -49,8 +49,9 @@ PelmUnicodeString ZrFile::GetName(const PelmUnicodeString& path) {
 PelmUnicodeString ZrFile::GetAbsolute(const PelmUnicodeString& path) {
   if (path.IsEmpty() || path.GetUnits().front() == u'/') return path;
   std::error_code error;
-  const std::string folder = std::filesystem::current_path(error).string();
-  return error ? path : PelmUnicodeString::FromUtf8(folder + '/') + path;
+  const std::string folder = std::filesystem::current_path(error).string() + '/';
+  const PelmUnicodeString start = PelmUnicodeString::FromUtf8(folder);
+  return error || start.ToUtf8() != folder ? path : start + path;
 }
 
 bool ZrFile::IsExist(const PelmUnicodeString& path) {

@@ -101,10 +101,12 @@ bool ZrFileStream::IsSameFile(const PelmUnicodeString& path) const {
   std::string native;
   struct stat there;
   struct stat here;
-  return IsOpen() && ZrFile::ToNative(path, native) &&
-         GetFileSyscalls().stat(native.c_str(), &there) == 0 &&
-         GetFileSyscalls().fstat(m_fd, &here) == 0 && here.st_dev == there.st_dev &&
-         here.st_ino == there.st_ino;
+  return ZrFile::ToNative(path, native) && GetFileSyscalls().stat(native.c_str(), &there) == 0 &&
+         GetStatus(here) && here.st_dev == there.st_dev && here.st_ino == there.st_ino;
+}
+
+bool ZrFileStream::GetStatus(struct stat& status) const {
+  return IsOpen() && GetFileSyscalls().fstat(m_fd, &status) == 0;
 }
 
 std::uint64_t ZrFileStream::Read(void* buffer, std::uint64_t size) {
@@ -139,7 +141,7 @@ bool ZrFileStream::WriteParts(std::uint64_t position, const void* head, std::uin
 
 bool ZrFileStream::GetLength(std::uint64_t& length) const {
   struct stat status;
-  if (!IsOpen() || GetFileSyscalls().fstat(m_fd, &status) != 0) return false;
+  if (!GetStatus(status)) return false;
   length = static_cast<std::uint64_t>(status.st_size);
   return true;
 }

@@ -179,6 +179,11 @@ bool ZrProcess::IsStateLoaded() const {
 
 bool ZrProcess::IsLockReadOnly() const { return m_impl->m_lock.IsReadOnly(); }
 
+bool ZrProcess::IsLockOn(const ZrFileStream& stream) const {
+  struct stat status;
+  return stream.GetStatus(status) && m_impl->m_lock.IsOpenOn(status);
+}
+
 bool ZrProcess::IsPathDeleted() const {
   struct stat status;
   return !m_impl->m_path.empty() && GetFileSyscalls().stat(m_impl->m_path.c_str(), &status) != 0 &&

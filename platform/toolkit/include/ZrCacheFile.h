@@ -33,7 +33,7 @@ class HX_PLATFORM_API ZrCacheFile {
 
   /// Sets the function that Make calls; null takes it back. Safe from any thread.
   static void Register(Factory factory);
-  /// A new object of the registered kind; of this class if none is registered.
+  /// A new object of the registered kind; of this class if none is registered or none was made.
   static std::unique_ptr<ZrCacheFile> Make();
 
   /// `direction`: 2 read, 3 read and write.

@@ -15,7 +15,8 @@ void ZrCacheFile::Register(Factory factory) { g_factory.store(factory); }
 
 std::unique_ptr<ZrCacheFile> ZrCacheFile::Make() {
   const Factory factory = g_factory.load();
-  return factory != nullptr ? factory() : std::make_unique<ZrCacheFile>();
+  std::unique_ptr<ZrCacheFile> made = factory != nullptr ? factory() : nullptr;
+  return made != nullptr ? std::move(made) : std::make_unique<ZrCacheFile>();
 }
 
 std::uint32_t ZrCacheFile::Open(const PelmUnicodeString&, const PelmUnicodeString&, unsigned int) {
