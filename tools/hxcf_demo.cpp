@@ -1,4 +1,5 @@
 // Packs the files of a folder into a grid file, one per cell, reads every one back and compares.
+// Some tiles are stored in pieces, and some get a second version.
 
 #include <unistd.h>
 
@@ -10,13 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "ZrCompactFileReader.h"
-#include "ZrCompactFileWriter.h"
-#include "ZrFile.h"
+#include "ZrCompactFile.h"
 #include "ZrFile64.h"
 
 namespace fs = std::filesystem;
 using Zarn::ZrByteArray;
+using Zarn::ZrCompactFile;
 
 namespace {
 
@@ -102,51 +102,100 @@ bool LoadFile(const PelmUnicodeString& path, ZrByteArray& data) {
   return file.Open(path, Zarn::ZrFile64::kRead) && file.Load(data);
 }
 
+constexpr unsigned long long kFileVersion = 1;
+constexpr unsigned long long kPathVersion = 2;  // a newer one that holds the file's path
+
+bool IsStoredInPieces(std::size_t file) { return file % 50 == 0; }
+bool HasSecondVersion(std::size_t file) { return file % 50 == 25; }
+
+ZrByteArray PathTile(const PelmUnicodeString& path) {
+  const std::string text = path.ToUtf8();
+  return ZrByteArray(text.data(), text.size());
+}
+
+/// Stores and looks up one tile, and measures what the library takes for it.
+class TileAccess {
+ public:
+  TileAccess(ZrCompactFile& file, Cell cell, Phase& phase)
+      : m_file(file), m_cell(cell), m_phase(phase) {}
+
+  unsigned int Store(const ZrByteArray& data, unsigned long long version) {
+    return StorePiece(data, data.GetSize(), 0, version);
+  }
+  unsigned int StoreInTwoPieces(const ZrByteArray& data, unsigned long long version) {
+    const auto half = (data.GetSize() + 1) / 2;
+    const unsigned int result =
+        StorePiece(ZrByteArray(data.GetData(), half), data.GetSize(), 0, version);
+    if (result != Zarn::ZrResult::kOk || half == data.GetSize()) return result;
+    return StorePiece(ZrByteArray(data.GetData() + half, data.GetSize() - half), data.GetSize(),
+                      half, version);
+  }
+  bool Holds(const ZrByteArray& expected, unsigned long long version, ZrByteArray& tile) {
+    unsigned long long filled = 0;
+    const auto start = Clock::now();
+    const unsigned int result = m_file.Lookup(m_cell.row, m_cell.col, tile, filled, version);
+    m_phase.busy += Clock::now() - start;
+    m_phase.bytes += tile.GetSize();
+    return result == Zarn::ZrResult::kOk && filled == expected.GetSize() &&
+           tile.GetSize() == filled && std::memcmp(tile.GetData(), expected.GetData(), filled) == 0;
+  }
+
+ private:
+  unsigned int StorePiece(const ZrByteArray& data, unsigned long long capacity,
+                          unsigned long long offset, unsigned long long version) {
+    const auto start = Clock::now();
+    const unsigned int result =
+        m_file.SetAt(m_cell.row, m_cell.col, data, capacity, offset, version);
+    m_phase.busy += Clock::now() - start;
+    m_phase.bytes += data.GetSize();
+    return result;
+  }
+
+  ZrCompactFile& m_file;
+  Cell m_cell;
+  Phase& m_phase;
+};
+
 // False if a file could not be read or stored.
-bool StoreAll(const Plan& plan, Zarn::ZrCompactFileWriter& writer, Phase& phase) {
+bool StoreAll(const Plan& plan, ZrCompactFile& container, Phase& phase) {
   ProgressBar bar("storing", plan.files.size());
   ZrByteArray data;
   for (std::size_t i = 0; i < plan.files.size(); ++i) {
     bar.Show(i);
-    const Cell cell = plan.CellOf(i);
-    if (!LoadFile(plan.files[i], data)) {
-      std::fprintf(stderr, "cannot read %s\n", plan.files[i].ToUtf8().c_str());
+    const PelmUnicodeString& path = plan.files[i];
+    TileAccess tile(container, plan.CellOf(i), phase);
+    if (!LoadFile(path, data)) {
+      std::fprintf(stderr, "cannot read %s\n", path.ToUtf8().c_str());
       return false;
     }
-    const auto start = Clock::now();
-    const unsigned int result = writer.SetAt(cell.row, cell.col, data, 0, 0, 1);
-    phase.busy += Clock::now() - start;
+    unsigned int result = IsStoredInPieces(i) ? tile.StoreInTwoPieces(data, kFileVersion)
+                                              : tile.Store(data, kFileVersion);
+    if (result == Zarn::ZrResult::kOk && HasSecondVersion(i))
+      result = tile.Store(PathTile(path), kPathVersion);
     if (result != Zarn::ZrResult::kOk) {
-      std::fprintf(stderr, "storing %s answered %u\n", plan.files[i].ToUtf8().c_str(), result);
+      std::fprintf(stderr, "storing %s answered %u\n", path.ToUtf8().c_str(), result);
       return false;
     }
     ++phase.tiles;
-    phase.bytes += data.GetSize();
   }
   return true;
 }
 
 // Returns the number of tiles that differ from their files.
-std::size_t CompareAll(const Plan& plan, Zarn::ZrCompactFileReader& reader, Phase& phase) {
+std::size_t CompareAll(const Plan& plan, ZrCompactFile& container, Phase& phase) {
   ProgressBar bar("reading", plan.files.size());
   ZrByteArray expected;
-  ZrByteArray tile;
+  ZrByteArray buffer;
   std::size_t mismatches = 0;
   for (std::size_t i = 0; i < plan.files.size(); ++i) {
     bar.Show(i);
-    const Cell cell = plan.CellOf(i);
-    unsigned long long filled = 0;
-    const auto start = Clock::now();
-    const unsigned int result = reader.Lookup(cell.row, cell.col, tile, filled, 1);
-    phase.busy += Clock::now() - start;
+    const PelmUnicodeString& path = plan.files[i];
+    TileAccess tile(container, plan.CellOf(i), phase);
+    bool same = LoadFile(path, expected) && tile.Holds(expected, kFileVersion, buffer);
+    if (HasSecondVersion(i)) same = same && tile.Holds(PathTile(path), kPathVersion, buffer);
+    if (!same) std::fprintf(stderr, "differs: %s\n", path.ToUtf8().c_str());
+    mismatches += same ? 0 : 1;
     ++phase.tiles;
-    phase.bytes += tile.GetSize();
-    const bool same = result == Zarn::ZrResult::kOk && LoadFile(plan.files[i], expected) &&
-                      filled == expected.GetSize() && tile.GetSize() == filled &&
-                      std::memcmp(tile.GetData(), expected.GetData(), filled) == 0;
-    if (same) continue;
-    ++mismatches;
-    std::fprintf(stderr, "differs: %s\n", plan.files[i].ToUtf8().c_str());
   }
   return mismatches;
 }
@@ -157,13 +206,9 @@ int Run(const fs::path& folder, const PelmUnicodeString& target) {
     std::fprintf(stderr, "no file to store under %s\n", folder.c_str());
     return 1;
   }
-  Zarn::ZrFile::Delete(target);
-  Zarn::ZrCompactFileWriter writer;
-  Zarn::ZrCompactFileReader reader;
-  unsigned int result =
-      writer.Create(target, plan.side, plan.side, u"", Zarn::ZrCompactFile::kCreateMissing);
-  if (result == Zarn::ZrResult::kOk)
-    result = reader.Open(target, u"", Zarn::ZrCompactFile::kReadOnly);
+  ZrCompactFile container;
+  const unsigned int result =
+      container.Create(target, plan.side, plan.side, u"", ZrCompactFile::kReplace);
   if (result != Zarn::ZrResult::kOk) {
     std::fprintf(stderr, "creating %s answered %u\n", target.ToUtf8().c_str(), result);
     return 1;
@@ -171,10 +216,11 @@ int Run(const fs::path& folder, const PelmUnicodeString& target) {
 
   Phase stored;
   Phase read;
-  if (!StoreAll(plan, writer, stored)) return 1;
-  const std::size_t mismatches = CompareAll(plan, reader, read);
-  std::uint64_t fileSize = 0;
-  writer.GetLength(fileSize);
+  if (!StoreAll(plan, container, stored)) return 1;
+  container.Close();
+  if (container.Open(target, u"", ZrCompactFile::kReadOnly) != Zarn::ZrResult::kOk) return 1;
+  const std::size_t mismatches = CompareAll(plan, container, read);
+  const std::uintmax_t fileSize = fs::file_size(target.ToUtf8());
 
   std::printf("%-12s %u x %u, %s\n", "grid", plan.side, plan.side, target.ToUtf8().c_str());
   std::printf("%-12s %14zu\n", "tiles", stored.tiles);
