@@ -313,7 +313,7 @@ void Get(benchmark::State& state, const Tiles& tiles) {
 // The older of two versions.
 void GetOlder(benchmark::State& state) {
   Engine<4> store(EmptyFolder(), kEqual);
-  for (const unsigned long long version : {5, 9})
+  for (const unsigned long long version : {5ULL, 9ULL})
     for (unsigned int i = 0; i < kEqual.Count(); ++i)
       store.Put(i, version);
   Engine<4>::Reader reader(store);
