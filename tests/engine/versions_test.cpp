@@ -75,7 +75,7 @@ TEST_P(Versions, EveryKindOfStoreAndRemoval) {
 }
 
 TEST_P(Versions, OnlyAnExactStampSelectsAnOlderVersion) {
-  for (unsigned long long stamp : {5, 9, 7})
+  for (unsigned long long stamp : {5ULL, 9ULL, 7ULL})
     ASSERT_EQ(Store("v" + std::to_string(stamp), stamp), 0U);
   for (const auto& [stamp, found] : std::initializer_list<std::pair<int, const char*>>{
            {100, "v9"}, {9, "v9"}, {8, "v9"}, {7, "v7"}, {6, "v9"}, {5, "v5"}, {1, "v9"}})
