@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "HxCompactFileExport.h"
+#include "PelmArray.h"
 #include "PelmUnicodeString.h"
 #include "ZrByteArray.h"
 #include "ZrCacheFile.h"
@@ -22,14 +23,18 @@ namespace Zarn {
 
 namespace Format {
 class RecordImage;
-}
+struct StoredName;
+}  // namespace Format
 namespace Io {
 struct RecordGuess;
 }  // namespace Io
 namespace Engine {
 class IndexPages;
+class NameKey;
+class NameTable;
 class OperationLock;
 struct FileState;
+struct NameSlot;
 struct TileEntry;
 struct TileStore;
 }  // namespace Engine
@@ -38,8 +43,7 @@ struct TileStore;
 /// and read back while others write.
 ///
 /// Use: Create or Open, then store and look up, then Close. A file is a grid file, whose tiles lie
-/// in cells, or a naming file; both are created, opened and reported here, and this version stores
-/// tiles in grid files.
+/// in cells, or a naming file, whose tiles have names.
 ///
 /// Versions. Every store names a stamp, larger for newer. A lookup gives the newest version, or an
 /// older one asked for by its exact stamp. A tile stored in pieces names the same capacity and
@@ -191,6 +195,40 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool GetGridIdxValue(unsigned int row, unsigned int col, unsigned long long& value) const;
   /// @}
 
+  /// @name Tiles of a naming file
+  /// As the operations on cells, with a name of 1 to 128 16-bit units instead of a cell. Names are
+  /// compared exactly. A ".sc" file answers what its ZrCacheFile answers.
+  /// @{
+
+  /// Stores a tile under a name. The index grows as needed. kOk; kNotOpen; kWriteFailure also for
+  /// an empty or too long name and in a file that is no naming file.
+  unsigned int SetAt(const PelmUnicodeString& name, const ZrByteArray& data,
+                     unsigned long long capacity, unsigned long long offset,
+                     unsigned long long version);
+  /// Stores the contents of the file at `filePath`, which must not be empty. kWriteFailure also if
+  /// it cannot be read whole.
+  unsigned int SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,
+                     unsigned long long version);
+  /// The same for a cell of a grid file.
+  unsigned int SetAt(unsigned int row, unsigned int col, const PelmUnicodeString& filePath,
+                     unsigned long long version);
+  /// kOk; kNotFound for an unknown name, with empty data; kReadFailure for an empty name, if
+  /// nothing is open, in a file that is no naming file, and for a damaged record; then `data` is
+  /// untouched.
+  unsigned int Lookup(const PelmUnicodeString& name, ZrByteArray& data,
+                      unsigned long long& filledLength, unsigned long long version);
+  /// Removes the version with exactly this stamp. kOk, also if the name has no such version;
+  /// kWriteFailure for a name that was never stored, and as for cells.
+  unsigned int Remove(const PelmUnicodeString& name, unsigned long long version);
+  /// Status of a name, kEmpty if it is not there; kUnknown for an empty name, or if it cannot be
+  /// looked up. Takes the locks of a lookup.
+  ZrStatus GetStatus(const PelmUnicodeString& name);
+  /// Appends the names to `names`, also those whose tiles were removed, in the order of their hash
+  /// codes; in an older file, an empty string for each. False if nothing is open, in a file that is
+  /// no naming file, or if memory is short.
+  bool GetValidNamingList(PelmArray<PelmUnicodeString>& names);
+  /// @}
+
   /// @name Header scrambling
   /// A header is scrambled, and unscrambled, by XOR with one byte of a key stream:
   /// GenerateStream(state, GenerateKey(password)), GenerateXorString(xorString, state), then
@@ -245,7 +283,22 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned long long GetIndexEnd() const;
   std::optional<std::uint32_t> FindCell(unsigned int row, unsigned int col) const;
   bool ReadGridSlot(unsigned int row, unsigned int col, Engine::TileEntry& entry) const;
-  bool WriteGridSlot(const Engine::TileEntry& entry);
+  bool WriteIndexValue(const Engine::TileEntry& entry);
+
+  // Naming index. Called with m_mutex and the lock between processes held.
+  bool IsNaming() const;
+  bool GetNamingIdxValue(const Engine::NameKey& key, Engine::NameSlot& slot) const;
+  bool GetKeyString(unsigned long long recordPosition, ZrByteArray& key) const;
+  bool HasName(const Engine::TileEntry& entry, const Engine::NameKey& key) const;
+  bool UpdateNamingIndex(const Engine::NameSlot& slot);
+  bool WriteNamingHeader(unsigned long long indexOffset, unsigned long long capacity,
+                         unsigned long long count);
+  bool IncreaseNamingIndexCapacity();
+  bool CopySlots(unsigned long long from, unsigned long long to, unsigned long long size);
+  unsigned int LookupName(const Engine::NameKey& key, Engine::OperationLock& lock,
+                          ZrByteArray& data, unsigned long long& filledLength,
+                          unsigned long long version);
+  std::shared_ptr<ZrCacheFile> GetCacheFile() const;
 
   // Records. Called with m_mutex and the lock between processes held.
   ZrByteArray* GetSwapData();
@@ -270,7 +323,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned int GetStatusAndVersionOrder(Format::RecordImage& image, unsigned int& index,
                                         unsigned long long recordPosition,
                                         unsigned long long version);
-  unsigned long long AddNewData(const Engine::TileStore& store, ZrByteArray& buffer);
+  unsigned long long AddNewData(Format::RecordImage& image, const Engine::TileStore& store,
+                                const Format::StoredName& name);
   unsigned long long AddMaxNewVersionData(unsigned long long recordPosition,
                                           Format::RecordImage& image,
                                           const Engine::TileStore& store);
@@ -285,9 +339,10 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                      unsigned long long stamp, Format::RecordImage& image) const;
   bool RemoveNewest(Engine::TileEntry& entry, const Format::RecordImage& current);
   void Remember(const Engine::TileEntry& entry, unsigned long long recordLength) const;
-  Io::RecordGuess GuessRecord(const Engine::TileEntry& entry) const;
-  bool LookUp_Inner(const Engine::TileEntry& entry, ZrByteArray& buffer, ZrByteArray& data,
-                    unsigned long long& filledLength, unsigned long long version) const;
+  Io::RecordGuess GuessRecord(const Engine::TileEntry& entry, unsigned long long headSize) const;
+  unsigned int LookUp_Inner(const Engine::TileEntry& entry, const Engine::NameKey* key,
+                            ZrByteArray& buffer, ZrByteArray& data,
+                            unsigned long long& filledLength, unsigned long long version) const;
 
   bool m_bLockHeld = false;  ///< compaction holds the lock between processes for all operations
 
@@ -313,6 +368,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   PelmUnicodeString m_strPath;                ///< as given, completed
 
   /// Guarded by m_mutex.
+  std::shared_ptr<Engine::NameTable> m_mapHashCode;  ///< naming files: slots by hash code
   std::map<std::uint32_t, std::unique_ptr<ZrByteArray>> m_mapSwapData;  ///< by thread: its users
   std::array<unsigned char, 256> m_xorString{};                         ///< the password's
   PelmUnicodeString m_strAbsolutePath;  ///< where the file is, whatever the working directory

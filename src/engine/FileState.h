@@ -5,6 +5,7 @@
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
 #include "IndexPages.h"
+#include "NameTable.h"
 #include "ZrFile64.h"
 
 namespace Zarn::Engine {
@@ -17,6 +18,7 @@ struct FileState {
   Format::GridHeader grid;            // of a grid file
   Format::NamingHeader naming;        // of a naming file
   std::shared_ptr<IndexPages> index;  // null for a file of another kind
+  std::shared_ptr<NameTable> names;   // of a naming file
 };
 
 struct FileSource {
@@ -25,10 +27,11 @@ struct FileSource {
   const Format::XorString& xorString;
 };
 
-/// Opens the file and reads its headers, in a number of calls that does not depend on its size. A
-/// stream and an index of `state` are kept if they are still the file's; what the index has loaded
-/// is forgotten then. A file that cannot be opened for writing is opened for reading; none is
-/// created.
+/// Opens the file and reads its headers, in a number of calls that does not depend on its size.
+/// What `state` holds is kept as far as it is still the file's: the stream; the index, which
+/// forgets what it has loaded; and the names, to which only those are added that are new. Names
+/// that are not known are read all. A file that cannot be opened for writing is opened for reading;
+/// none is created.
 ///
 /// kOk; kNotOpen; kWrongFile; kNotUsable for an index that does not lie in the file or whose memory
 /// cannot be had. After a failure `state` is of no use.

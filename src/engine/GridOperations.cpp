@@ -20,10 +20,10 @@ unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col, const ZrBy
   const auto span = Format::ResolveStore(capacity, offset, data.GetSize());
   TileEntry entry;
   if (!lock.IsUsable() || IsReadOnly() || !span || !ReadGridSlot(row, col, entry) ||
-      !StoreIntoTile(entry, {data, *span, version}))
+      !StoreIntoTile(entry, {data, *span, version, {}}))
     return ZrResult::kWriteFailure;
   entry.FollowCompleteness(*span);
-  return WriteGridSlot(entry) ? ZrResult::kOk : ZrResult::kWriteFailure;
+  return WriteIndexValue(entry) ? ZrResult::kOk : ZrResult::kWriteFailure;
 }
 
 unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
@@ -39,8 +39,7 @@ unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArr
   }
   if (!entry.HoldsRecord()) return ZrResult::kReadFailure;
   lock.LeaveMutex();
-  return LookUp_Inner(entry, *buffer, data, filledLength, version) ? ZrResult::kOk
-                                                                   : ZrResult::kReadFailure;
+  return LookUp_Inner(entry, nullptr, *buffer, data, filledLength, version);
 }
 
 unsigned int ZrCompactFile::Remove(unsigned int row, unsigned int col, unsigned long long version) {
@@ -51,7 +50,7 @@ unsigned int ZrCompactFile::Remove(unsigned int row, unsigned int col, unsigned 
   // Without versions there is nothing that could be removed.
   if (!entry.HoldsRecord() || !HasVersions()) return ZrResult::kOk;
   if (!RemoveFromTile(entry, version)) return ZrResult::kWriteFailure;
-  return WriteGridSlot(entry) ? ZrResult::kOk : ZrResult::kWriteFailure;
+  return WriteIndexValue(entry) ? ZrResult::kOk : ZrResult::kWriteFailure;
 }
 
 }  // namespace Zarn

@@ -29,6 +29,9 @@ unsigned int ZrCompactFile::RefreshIndex() {
   Engine::FileState state;
   state.file = m_file;
   state.index = m_pIndex;
+  state.names = m_mapHashCode;
+  state.header = m_header;
+  state.naming.count = m_nNamingCount;
   unsigned int result = ZrResult::kNotUsable;
   try {
     result = LoadFileState({m_strAbsolutePath, (m_nOpenMode & kReadOnly) != 0, m_xorString}, state);
@@ -51,6 +54,7 @@ void ZrCompactFile::Publish(Engine::FileState& state) {
   const std::lock_guard guard(m_stateMutex);
   m_file.swap(state.file);  // the old ones go when the accessors can go on
   m_pIndex.swap(state.index);
+  m_mapHashCode.swap(state.names);
   m_header = state.header;
   m_bSwap = state.swap;
   m_nRowCount = state.grid.rowCount;
@@ -121,7 +125,7 @@ bool ZrCompactFile::GetGridIdxValue(unsigned int row, unsigned int col,
   const bool swap = m_bSwap;
   state.unlock();
   std::uint64_t stored;
-  if (!index->ReadWord(std::uint64_t{*cell} * Format::kGridEntrySize, swap, stored)) return false;
+  if (!index->ReadValue(*cell, swap, stored)) return false;
   value = stored;
   return true;
 }
@@ -141,26 +145,28 @@ bool ZrCompactFile::ReadGridSlot(unsigned int row, unsigned int col,
                                  Engine::TileEntry& entry) const {
   const auto cell = FindCell(row, col);
   std::uint64_t stored;
-  if (!cell || !m_pIndex->ReadWord(std::uint64_t{*cell} * Format::kGridEntrySize, m_bSwap, stored))
-    return false;
+  if (!cell || !m_pIndex->ReadValue(*cell, m_bSwap, stored)) return false;
   entry = {*cell, stored};
   return true;
 }
 
-// Writes an entry that has changed, to the file first: what the kernel has not taken must not be
-// believed in memory. A failed write, which may have stopped half-way, is taken back.
-bool ZrCompactFile::WriteGridSlot(const Engine::TileEntry& entry) {
+// Writes an index value that has changed, to the file first: what the kernel has not taken must not
+// be believed in memory. A failed write, which may have stopped half-way, is taken back.
+bool ZrCompactFile::WriteIndexValue(const Engine::TileEntry& entry) {
   if (entry.Value() == entry.stored) return true;
-  const std::uint64_t offset = std::uint64_t{entry.number} * Format::kGridEntrySize;
-  const std::uint64_t position =
-      Format::GridEntryOffset(Format::HeaderView(m_header).IndexOffset(), entry.number);
+  const Format::HeaderView header(m_header);
+  const bool isGrid = header.FileKind() == Format::kGridFile;
+  const std::uint64_t start = isGrid ? Format::GridEntryOffset(header.IndexOffset(), 0)
+                                     : Format::NamingSlotOffset(header.IndexOffset(), 0);
+  const std::uint64_t offset =
+      entry.number * std::uint64_t{isGrid ? Format::kGridEntrySize : Format::kNamingSlotSize};
   std::uint64_t bytes;
   StoreScalar(&bytes, entry.Value(), m_bSwap);
-  if (m_file->WriteAt(position, &bytes, sizeof bytes) &&
+  if (m_file->WriteAt(start + offset, &bytes, sizeof bytes) &&
       m_pIndex->Write(offset, &bytes, sizeof bytes))
     return true;
   StoreScalar(&bytes, entry.stored, m_bSwap);
-  m_file->WriteAt(position, &bytes, sizeof bytes);
+  m_file->WriteAt(start + offset, &bytes, sizeof bytes);
   m_pIndex->Forget();
   return false;
 }

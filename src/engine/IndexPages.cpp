@@ -46,9 +46,9 @@ bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size) {
   return true;
 }
 
-bool IndexPages::ReadWord(std::uint64_t offset, bool swap, std::uint64_t& word) {
-  if (!Read(offset, &word, sizeof word)) return false;
-  word = LoadScalar<std::uint64_t>(&word, swap);
+bool IndexPages::ReadValue(std::uint64_t entry, bool swap, std::uint64_t& value) {
+  if (!Read(entry * m_entrySize, &value, sizeof value)) return false;
+  value = LoadScalar<std::uint64_t>(&value, swap);
   return true;
 }
 

@@ -53,8 +53,8 @@ class IndexPages {
 
   /// Copies `size` bytes at `offset`. False if they lie outside, or the file cannot be read.
   bool Read(std::uint64_t offset, void* target, std::uint64_t size);
-  /// The 8 bytes at `offset` as a number.
-  bool ReadWord(std::uint64_t offset, bool swap, std::uint64_t& word);
+  /// The index value of an entry: its first 8 bytes as a number.
+  bool ReadValue(std::uint64_t entry, bool swap, std::uint64_t& value);
   /// Changes bytes in memory, for one whose caller has written them to the file.
   bool Write(std::uint64_t offset, const void* source, std::uint64_t size);
   /// Forgets all pages; they are read again when asked for.

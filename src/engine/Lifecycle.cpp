@@ -268,6 +268,7 @@ void ZrCompactFile::TearDown() {
   if (m_bOpened) m_dMaxSize1 = m_dMaxSize2 = 0;
   file.swap(m_file);
   index.swap(m_pIndex);
+  m_mapHashCode = nullptr;
   m_header = Format::PresetHeader();
   m_nRowCount = m_nColCount = m_nGridFlags = m_nNamingFlags = 0;
   m_nNamingCapacity = m_nNamingCount = 0;

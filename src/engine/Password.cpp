@@ -12,10 +12,7 @@ namespace Zarn {
 unsigned int ZrCompactFile::SetPassword(const PelmUnicodeString& password) {
   constexpr unsigned int kDone = 1;
   constexpr unsigned int kFailed = 0;
-  std::unique_lock state(m_stateMutex);
-  const std::shared_ptr<ZrCacheFile> cache = m_pCacheFile;
-  state.unlock();
-  if (cache != nullptr) return cache->SetPassword(password);
+  if (const auto cache = GetCacheFile()) return cache->SetPassword(password);
 
   const Engine::OperationLock lock(*this, Engine::OperationLock::kWriter);
   if (!lock.IsUsable() || IsReadOnly()) return kFailed;

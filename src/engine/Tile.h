@@ -1,6 +1,7 @@
 #pragma once
 
 #include "IndexValue.h"
+#include "RecordHead.h"
 #include "StoreArguments.h"
 #include "ZrByteArray.h"
 
@@ -9,7 +10,7 @@ namespace Zarn::Engine {
 
 /// A tile's index entry while an operation works on it.
 struct TileEntry {
-  std::uint32_t number = 0;  // cell of a grid
+  std::uint32_t number = 0;  // cell of a grid, slot of a naming index
   std::uint64_t stored = 0;  // the index value in the file
   std::uint8_t status = Format::StatusOf(stored);
   std::uint64_t position = Format::PositionOf(stored);
@@ -31,6 +32,14 @@ struct TileStore {
   const ZrByteArray& data;
   Format::StoreSpan span;
   std::uint64_t version;
+  Format::StoredName name;  // for the record of a new name
+};
+
+/// Where a name is in the naming index, or would go.
+struct NameSlot {
+  TileEntry entry;
+  std::uint64_t code = 0;  // with the ordinal under which the name is found
+  bool isNew = false;      // no slot has this code yet
 };
 
 }  // namespace Zarn::Engine

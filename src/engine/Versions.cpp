@@ -2,6 +2,7 @@
 
 #include "Header.h"
 #include "IndexPages.h"
+#include "NameKey.h"
 #include "RecordImage.h"
 #include "RecordReader.h"
 #include "Tile.h"
@@ -35,15 +36,15 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
     WriterUnlock();
     return false;
   }
+  Format::RecordImage image = MakeImage(*buffer);
   if (entry.status == Format::kStatusEmpty) {
     entry.status = store.span.Status();
-    entry.position = AddNewData(store, *buffer);
-    Remember(entry, Format::kGridRecordHead + store.span.capacity);
+    entry.position = AddNewData(image, store, store.name);
+    Remember(entry, image.Head().length);
     return entry.position != 0;
   }
   if (!entry.HoldsRecord()) return true;  // occupied by something unknown: deliberately left alone
 
-  Format::RecordImage image = MakeImage(*buffer);
   if (!ReadHead(entry.position, m_pIndex->GetHint(entry.number), image)) return false;
   if (!HasVersions()) return true;  // deliberately: a tile without versions is never rewritten
 
@@ -85,9 +86,9 @@ unsigned int ZrCompactFile::GetStatusAndVersionOrder(Format::RecordImage& image,
 }
 
 // The first record of a tile.
-unsigned long long ZrCompactFile::AddNewData(const TileStore& store, ZrByteArray& buffer) {
-  Format::RecordImage image = MakeImage(buffer);
-  return image.BeginGridRecord(NewRecordOf(store)) ? AppendNewRecord(image, store) : 0;
+unsigned long long ZrCompactFile::AddNewData(Format::RecordImage& image, const TileStore& store,
+                                             const Format::StoredName& name) {
+  return image.Begin(NewRecordOf(store), name) ? AppendNewRecord(image, store) : 0;
 }
 
 // A version newer than all: a new record with a longer table. What the data leaves of its payload
@@ -104,8 +105,9 @@ unsigned long long ZrCompactFile::AddOldVersionData(unsigned long long recordPos
                                                     Format::RecordImage& image, unsigned int index,
                                                     const TileStore& store) {
   ZrByteArray ownBuffer;
+  Format::RecordImage own = MakeImage(ownBuffer);
   if (!ReadDataFromDataFile(recordPosition, image)) return 0;
-  const std::uint64_t ownPosition = AddNewData(store, ownBuffer);
+  const std::uint64_t ownPosition = AddNewData(own, store, image.Name());
   if (ownPosition == 0 || !image.InsertVersion(index, store.version, LocatorOf(store, ownPosition)))
     return 0;
   return WriteDataToDataFile(0, true, image);
@@ -197,40 +199,47 @@ void ZrCompactFile::Remember(const TileEntry& entry, unsigned long long recordLe
   if (m_pIndex->GetHint(entry.number) != hint) m_pIndex->SetHint(entry.number, hint);
 }
 
-// What was remembered; else the distance to the record of the next tile, which is exact where tiles
-// were stored in the order of their cells.
-Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry) const {
-  constexpr std::uint64_t kHead = Format::kGridRecordHead;
+// What was remembered; else the distance to the record of the next entry, which is exact where
+// tiles were stored in the order of the index.
+Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry,
+                                           unsigned long long headSize) const {
   constexpr std::uint64_t kLargestGuess = 256 * 1024;  // a wrong one costs more than it may save
   const std::uint32_t hint = m_pIndex->GetHint(entry.number);
-  if (hint > kHead) return {kHead, hint - kHead};
+  if (hint > headSize) return {headSize, hint - headSize};
   std::uint64_t next;
-  const std::uint64_t nextOffset = (std::uint64_t{entry.number} + 1) * Format::kGridEntrySize;
-  if (!m_pIndex->ReadWord(nextOffset, m_bSwap, next)) return {kHead, 0};
-  const std::uint64_t size = Format::PositionOf(next) - entry.position - kHead;
+  if (!m_pIndex->ReadValue(std::uint64_t{entry.number} + 1, m_bSwap, next)) return {headSize, 0};
+  const std::uint64_t size = Format::PositionOf(next) - entry.position - headSize;
   const bool usable = Format::HoldsRecord(Format::StatusOf(next)) && size <= kLargestGuess;
-  return {kHead, usable ? size : 0};
+  return {headSize, usable ? size : 0};
 }
 
-// Reads the version that a lookup of `version` selects. Runs without m_mutex when it can; then
-// m_readers keeps file, index and records as they are.
-bool ZrCompactFile::LookUp_Inner(const TileEntry& entry, ZrByteArray& buffer, ZrByteArray& data,
-                                 unsigned long long& filledLength,
-                                 unsigned long long version) const {
+// Reads the version that a lookup of `version` selects, of the name `key` if there is one: the
+// stored name lies in what is read anyway. Runs without m_mutex when it can; then m_readers keeps
+// file, index and records as they are.
+//
+// kOk; kNotFound for the record of another name; kReadFailure.
+unsigned int ZrCompactFile::LookUp_Inner(const TileEntry& entry, const Engine::NameKey* key,
+                                         ZrByteArray& buffer, ZrByteArray& data,
+                                         unsigned long long& filledLength,
+                                         unsigned long long version) const {
+  const std::uint64_t headSize = key == nullptr
+                                     ? Format::kGridRecordHead
+                                     : Format::NamingRecordHeadSize(key->GetStoredLength());
   Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap);
   const auto read = [&](std::uint64_t position, Io::RecordGuess guess) {
     return record.Read(position, guess, buffer) && record.Head().versionCount > 0 &&
            IsRecordPlace(position, record.Head().length);
   };
-  if (!read(entry.position, GuessRecord(entry))) return false;
+  if (!read(entry.position, GuessRecord(entry, headSize))) return ZrResult::kReadFailure;
   Remember(entry, record.Head().length);
+  if (key != nullptr && !key->Matches(record.NameBytes(), record.Head().nameLength))
+    return ZrResult::kNotFound;
   const std::uint32_t older = record.Versions().SelectForLookup(version);
-  if (older != 0 &&
-      !read(Format::PositionOf(record.Versions().Locator(older)), {Format::kGridRecordHead, 0}))
-    return false;
+  if (older != 0 && !read(Format::PositionOf(record.Versions().Locator(older)), {headSize, 0}))
+    return ZrResult::kReadFailure;
   data.SwapContents(buffer);
   filledLength = std::min(record.Head().filledLength, record.Head().capacity);
-  return true;
+  return ZrResult::kOk;
 }
 
 }  // namespace Zarn

@@ -42,8 +42,12 @@ HeaderImage NewHeader(std::uint32_t fileKind, double createTime) {
   SetField(image, kFormatVersionOffset, kCurrentVersion);
   SetField(image, kFileKindOffset, fileKind);
   SetField(image, kCreateTimeOffset, createTime);
-  SetField(image, kIndexOffsetOffset, std::uint64_t{kHeaderSize});
+  SetIndexOffset(image, kHeaderSize);
   return image;
+}
+
+void SetIndexOffset(HeaderImage& image, std::uint64_t indexOffset) {
+  SetField(image, kIndexOffsetOffset, indexOffset);
 }
 
 void SwapHeaderFields(HeaderImage& image) {

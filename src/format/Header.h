@@ -38,6 +38,9 @@ HeaderImage PresetHeader();
 /// The header of a new file of this host, its index right behind it. `createTime`: PelmTime's days.
 HeaderImage NewHeader(std::uint32_t fileKind, double createTime);
 
+/// Changes the field of an image in host order.
+void SetIndexOffset(HeaderImage& image, std::uint64_t indexOffset);
+
 /// Reverses the bytes of every multi-byte field: between the file's order and the host's.
 void SwapHeaderFields(HeaderImage& image);
 

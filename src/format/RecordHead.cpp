@@ -62,13 +62,14 @@ void EncodeGridRecordHead(unsigned char* target, const NewRecord& record, bool s
   EncodeVersionAndSizes(target + kRecordLengthSize, record, swap);
 }
 
-void EncodeNamingRecordHead(unsigned char* target, std::uint32_t charset, std::string_view name,
-                            const NewRecord& record, bool swap) {
-  StoreScalar<std::uint64_t>(target, NamingRecordHeadSize(name.size()) + record.capacity, swap);
-  StoreScalar(target + kCharsetOffset, charset, swap);
-  StoreScalar(target + kNameLengthOffset, static_cast<std::uint32_t>(name.size()), swap);
-  std::memcpy(target + kNameOffset, name.data(), name.size());
-  EncodeVersionAndSizes(target + kNameOffset + name.size(), record, swap);
+void EncodeNamingRecordHead(unsigned char* target, const StoredName& name, const NewRecord& record,
+                            bool swap) {
+  const std::uint64_t headSize = NamingRecordHeadSize(name.bytes.size());
+  StoreScalar<std::uint64_t>(target, headSize + record.capacity, swap);
+  StoreScalar(target + kCharsetOffset, name.charset, swap);
+  StoreScalar(target + kNameLengthOffset, static_cast<std::uint32_t>(name.bytes.size()), swap);
+  std::memcpy(target + kNameOffset, name.bytes.data(), name.bytes.size());
+  EncodeVersionAndSizes(target + kNameOffset + name.bytes.size(), record, swap);
 }
 
 }  // namespace Zarn::Format

@@ -54,8 +54,14 @@ constexpr std::uint64_t NamingRecordHeadSize(std::uint64_t nameLength) {
 /// Writes the kGridRecordHead bytes of a grid record's head to `target`.
 void EncodeGridRecordHead(unsigned char* target, const NewRecord& record, bool swap);
 
-/// Writes the NamingRecordHeadSize bytes of a naming record's head. `name` is stored as it is.
-void EncodeNamingRecordHead(unsigned char* target, std::uint32_t charset, std::string_view name,
-                            const NewRecord& record, bool swap);
+/// A name as a record holds it. Owns nothing.
+struct StoredName {
+  std::uint32_t charset = 0;
+  std::string_view bytes;
+};
+
+/// Writes the NamingRecordHeadSize bytes of a naming record's head. The name is stored as it is.
+void EncodeNamingRecordHead(unsigned char* target, const StoredName& name, const NewRecord& record,
+                            bool swap);
 
 }  // namespace Zarn::Format

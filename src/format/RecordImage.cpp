@@ -9,9 +9,15 @@ bool RecordImage::Parse() {
              .outcome == HeadParse::kComplete;
 }
 
-bool RecordImage::BeginGridRecord(const NewRecord& record) {
-  if (!m_bytes.ResizeForOverwrite(kGridRecordHead)) return false;
-  EncodeGridRecordHead(m_bytes.GetData(), record, m_swap);
+bool RecordImage::Begin(const NewRecord& record, const StoredName& name) {
+  const bool named = m_fileKind == kNamingFile;
+  if (!m_bytes.ResizeForOverwrite(named ? NamingRecordHeadSize(name.bytes.size())
+                                        : kGridRecordHead))
+    return false;
+  if (named)
+    EncodeNamingRecordHead(m_bytes.GetData(), name, record, m_swap);
+  else
+    EncodeGridRecordHead(m_bytes.GetData(), record, m_swap);
   return Parse();
 }
 

@@ -19,11 +19,16 @@ class RecordImage {
   bool Parse();
 
   const RecordHead& Head() const { return m_head; }
+  /// Of a naming file's record.
+  StoredName Name() const {
+    return {m_head.charset,
+            {reinterpret_cast<const char*>(m_bytes.GetData()) + kNameOffset, m_head.nameLength}};
+  }
   VersionTable Versions() const { return m_head.Table(m_bytes.GetData(), m_swap); }
   ZrByteArray& Bytes() { return m_bytes; }
   const ZrByteArray& Bytes() const { return m_bytes; }
-  /// Makes the buffer the head, in one version, of a new record for a grid.
-  bool BeginGridRecord(const NewRecord& record);
+  /// Makes the buffer the head, in one version, of a new record. Only a naming file's has the name.
+  bool Begin(const NewRecord& record, const StoredName& name);
 
   void SetLocator(std::uint32_t entry, std::uint64_t locator);
   /// Capacity and filled length, and with them the record length: head plus capacity.

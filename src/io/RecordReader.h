@@ -30,6 +30,8 @@ class RecordReader {
 
   /// What was read last; valid after a success.
   const Format::RecordHead& Head() const { return m_head; }
+  /// The name in it, in a naming file; valid as long as the version table.
+  const unsigned char* NameBytes() const { return m_bytes + Format::kNameOffset; }
   /// Its version table; valid until the buffer is read into again or changed.
   Format::VersionTable Versions() const { return m_head.Table(m_bytes, m_swap); }
 

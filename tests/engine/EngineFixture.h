@@ -44,6 +44,15 @@ inline Tile ReadTile(ZrCompactFile& file, unsigned int row, unsigned int col,
   return tile;
 }
 
+inline Tile ReadTile(ZrCompactFile& file, const PelmUnicodeString& name,
+                     unsigned long long version) {
+  ZrByteArray data = Data("before");
+  Tile tile{0, "", 77};
+  tile.result = file.Lookup(name, data, tile.filled, version);
+  tile.payload = Content(data);
+  return tile;
+}
+
 /// A folder, an object, and a file in it.
 class EngineTest : public ::testing::Test {
  public:
@@ -66,6 +75,21 @@ class EngineTest : public ::testing::Test {
                                  Support::Bytes(37) + number(rows, 4) + number(cols, 4) +
                                  number(1, 4) + Support::Bytes(std::size_t{8} * rows * cols));
     ASSERT_EQ(object.Open(path, u"", mode), 0U);
+  }
+  /// The same for a naming file.
+  void MakeNaming(unsigned long long capacity, bool foreign = false,
+                  unsigned int formatVersion = 20120214) {
+    m_big = (PELM::un_bigendina != 1) != foreign;
+    using Support::operator+;
+    const auto number = [this](unsigned long long value, std::size_t width) {
+      return Support::Number(value, width, m_big);
+    };
+    Support::WriteFile(path, Support::Bytes{'C', 'F', static_cast<unsigned char>(m_big)} +
+                                 number(formatVersion, 4) + number(1, 4) + number(0, 8) +
+                                 number(64, 8) + Support::Bytes(37) + number(capacity, 8) +
+                                 Support::Bytes(24) + number(1, 4) +
+                                 Support::Bytes(std::size_t{16} * capacity));
+    ASSERT_EQ(object.Open(path, u"", kMode), 0U);
   }
   void Reopen(ZrCompactFile::ZrOpenMode mode = kMode) {
     object.Close();

@@ -11,6 +11,7 @@
 #include "Header.h"
 #include "IndexHeaders.h"
 #include "IndexValue.h"
+#include "NameHash.h"
 #include "PELM.h"
 #include "PathRules.h"
 #include "RecordHead.h"
@@ -110,7 +111,7 @@ TEST_P(BothOrders, RecordHeads) {
   const Bytes expected = Hex(kNamingHead[GetParam()]);
   const std::string name(expected.begin() + kNameOffset, expected.begin() + kNameOffset + 6);
   Bytes naming(NamingRecordHeadSize(name.size()));
-  EncodeNamingRecordHead(naming.data(), kNameCharsetUtf16, name, kRecord, swap);
+  EncodeNamingRecordHead(naming.data(), {kNameCharsetUtf16, name}, kRecord, swap);
   EXPECT_EQ(naming, expected);
 
   for (const auto& [bytes, kind] : {std::pair{grid, kGridFile}, std::pair{naming, kNamingFile}}) {
@@ -209,6 +210,19 @@ TEST(Scramble, OneByteOfTheStreamMasksAll) {
   ReMakeStream(buffer, 4, nullptr);
   ReMakeStream(buffer, 4, stream.data());
   EXPECT_THAT(buffer, ElementsAreArray({1, 2, 3, 4}));
+}
+
+TEST(NameHash, KnownValues) {
+  EXPECT_EQ(HashUnits(u""), 0x002816FE2D2816FEU);
+  EXPECT_EQ(HashBytes(""), 0x002816FE2D2816FEU);
+  EXPECT_EQ(HashUnits(u"A"), 0x00DC0D8A8CDC0DC9U);
+  EXPECT_EQ(HashUnits(u"ab"), 0x00651DB882E8506FU);
+  EXPECT_EQ(HashBytes("\xE9\x41\x7F"), 0x0095E70A65603A26U);
+  EXPECT_EQ(HashBytes("\xE9"), 0x007B4C47627B4C47U);
+  EXPECT_EQ(HashUnits(u"1yeg98dgy"), 0x000077B24DCCC90DU);
+  EXPECT_EQ(HashUnits(u"sm38f3s71"), 0x000077B24DCCC90DU);
+  EXPECT_EQ(NextHashCode(0x00ABCDEF01234567), 0x01ABCDEF01234567U);
+  EXPECT_EQ(NextHashCode(0xFFABCDEF01234567), 0xFFABCDEF01234567U) << "saturates";
 }
 
 TEST(IndexValue, StatusAboveA56BitPosition) {

@@ -1,0 +1,65 @@
+#include "NameKey.h"
+
+#include <cstring>
+#include <vector>
+
+#include "Layout.h"
+#include "NameHash.h"
+#include "ZrByteOrder.h"
+
+namespace Zarn::Engine {
+
+NameKey::NameKey(const PelmUnicodeString& name, std::uint32_t formatVersion, bool swap)
+    : m_name(name),
+      m_swap(swap),
+      m_isUtf16(formatVersion == Format::kCurrentVersion),
+      m_code(Format::kHashOfNothing),
+      m_charset(Format::kNameCharsetUtf16) {
+  if (m_isUtf16) {
+    m_code = Format::HashUnits(name.GetUnits());
+  } else if (formatVersion == Format::kOlderVersion) {
+    PelmMBString text;
+    PelmUnicodeString back;
+    m_storable = name.ToStd(text) && PelmUnicodeString::FromMBString(text, back) && back == name;
+    m_bytes = text.GetBytes();
+    m_code = Format::HashBytes(m_bytes);
+    m_charset = text.GetCharset();
+  } else {
+    m_storable = false;
+  }
+}
+
+std::uint64_t NameKey::GetStoredLength() const {
+  return m_isUtf16 ? 2 * m_name.GetLength() : m_bytes.size();
+}
+
+bool NameKey::Matches(const unsigned char* stored, std::uint64_t length) const {
+  if (!m_storable) return false;
+  if (!m_isUtf16) {
+    // Decoded, not compared byte by byte: two spellings in bytes may be one name.
+    std::vector<char16_t> units(length);
+    const std::ptrdiff_t count = PelmUnicodeString::AcharToWchar(
+        units.data(), units.size(), reinterpret_cast<const char*>(stored), length);
+    return count >= 0 &&
+           std::u16string_view(units.data(), static_cast<std::size_t>(count)) == m_name.GetUnits();
+  }
+  if (length != GetStoredLength()) return false;
+  for (const char16_t unit : m_name.GetUnits()) {
+    if (LoadScalar<std::uint16_t>(stored, m_swap) != unit) return false;
+    stored += sizeof unit;
+  }
+  return true;
+}
+
+std::string NameKey::GetStoredBytes() const {
+  if (!m_isUtf16) return m_bytes;
+  std::string bytes(GetStoredLength(), '\0');
+  std::size_t at = 0;
+  for (const char16_t unit : m_name.GetUnits()) {
+    StoreScalar<std::uint16_t>(&bytes[at], unit, m_swap);
+    at += sizeof unit;
+  }
+  return bytes;
+}
+
+}  // namespace Zarn::Engine

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "PelmUnicodeString.h"
+
+namespace Zarn::Engine {
+
+/// A name as a file of some format version stores it and finds it.
+class NameKey {
+ public:
+  /// Longest name that is stored, in units.
+  static constexpr std::size_t kMaxUnits = 128;
+
+  /// `name` must outlive this object.
+  NameKey(const PelmUnicodeString& name, std::uint32_t formatVersion, bool swap);
+
+  /// Whether the file can hold the name: not in a file of an unknown version, and in an older file
+  /// only if it survives the way into the current charset and back.
+  bool IsStorable() const { return m_storable; }
+  /// The code with ordinal 0.
+  std::uint64_t GetHashCode() const { return m_code; }
+  /// Whether these bytes of a record are this name.
+  bool Matches(const unsigned char* stored, std::uint64_t length) const;
+  std::uint64_t GetStoredLength() const;
+
+  std::uint32_t GetCharset() const { return m_charset; }
+  /// The bytes for a record.
+  std::string GetStoredBytes() const;
+
+ private:
+  const PelmUnicodeString& m_name;
+  bool m_swap;
+  bool m_isUtf16;
+  bool m_storable = true;
+  std::uint64_t m_code;
+  std::uint32_t m_charset;
+  std::string m_bytes;  // of an older file's name, in the current charset
+};
+
+}  // namespace Zarn::Engine

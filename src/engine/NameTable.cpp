@@ -1,0 +1,93 @@
+#include "NameTable.h"
+
+#include <algorithm>
+#include <bit>
+#include <new>
+
+#include "NameHash.h"
+
+namespace Zarn::Engine {
+
+std::size_t NameTable::Home(std::uint64_t code) const {
+  constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15;  // 2^64 divided by the golden ratio
+  return static_cast<std::size_t>(code * kSpread >> m_shift);
+}
+
+// Where the code is, or where it would go.
+std::size_t NameTable::PlaceOf(std::uint64_t code) const {
+  std::size_t place = Home(code);
+  while (m_places[place].slotPlusOne != 0 && m_places[place].code != code)
+    place = Next(place);
+  return place;
+}
+
+std::optional<std::uint32_t> NameTable::Find(std::uint64_t code) const {
+  if (m_places.empty()) return std::nullopt;
+  const Place& place = m_places[PlaceOf(code)];
+  if (place.slotPlusOne == 0) return std::nullopt;
+  return place.slotPlusOne - 1;
+}
+
+std::uint32_t NameTable::CountSame(std::uint64_t code) const {
+  std::uint32_t count = 0;
+  while (Find(code)) {
+    ++count;
+    const std::uint64_t next = Format::NextHashCode(code);
+    if (next == code) break;
+    code = next;
+  }
+  return count;
+}
+
+bool NameTable::Reserve(std::size_t size) {
+  const std::size_t needed = std::bit_ceil(std::max<std::size_t>(2 * size, 16));
+  if (needed <= m_places.size()) return true;
+  std::vector<Place> old;
+  try {
+    std::vector<Place> larger(needed);
+    old.swap(m_places);
+    m_places.swap(larger);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  m_shift = 64 - static_cast<unsigned>(std::countr_zero(needed));
+  for (const Place& place : old)
+    if (place.slotPlusOne != 0) m_places[PlaceOf(place.code)] = place;
+  return true;
+}
+
+bool NameTable::Insert(std::uint64_t code, std::uint32_t slot) {
+  if (!Reserve(m_size + 1)) return false;
+  Place& place = m_places[PlaceOf(code)];
+  if (place.slotPlusOne == 0) ++m_size;
+  place = {code, slot + 1};
+  return true;
+}
+
+// Closes the gap: an entry behind it moves up unless that would put it before its home.
+void NameTable::Erase(std::uint64_t code) {
+  if (m_places.empty()) return;
+  std::size_t gap = PlaceOf(code);
+  if (m_places[gap].slotPlusOne == 0) return;
+  --m_size;
+  const std::size_t mask = m_places.size() - 1;
+  for (std::size_t place = Next(gap); m_places[place].slotPlusOne != 0; place = Next(place)) {
+    const std::size_t distance = (place - Home(m_places[place].code)) & mask;
+    if (distance < ((place - gap) & mask)) continue;
+    m_places[gap] = m_places[place];
+    gap = place;
+  }
+  m_places[gap] = {};
+}
+
+std::vector<NameTable::Entry> NameTable::Sorted() const {
+  std::vector<Entry> entries;
+  entries.reserve(m_size);
+  for (const Place& place : m_places)
+    if (place.slotPlusOne != 0) entries.push_back({place.code, place.slotPlusOne - 1});
+  std::sort(entries.begin(), entries.end(),
+            [](const Entry& a, const Entry& b) { return a.code < b.code; });
+  return entries;
+}
+
+}  // namespace Zarn::Engine

@@ -1,0 +1,151 @@
+#include <new>
+
+#include "Header.h"
+#include "IndexPages.h"
+#include "NameKey.h"
+#include "NameTable.h"
+#include "OperationLock.h"
+#include "StoreArguments.h"
+#include "Tile.h"
+#include "ZrCompactFile.h"
+
+namespace Zarn {
+
+using Engine::NameKey;
+using Engine::NameSlot;
+using Engine::OperationLock;
+
+namespace {
+
+bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data) {
+  ZrFile64 file;
+  return file.Open(path, ZrFile64::kRead) && file.Load(data);
+}
+
+}  // namespace
+
+std::shared_ptr<ZrCacheFile> ZrCompactFile::GetCacheFile() const {
+  const std::lock_guard state(m_stateMutex);
+  return m_pCacheFile;
+}
+
+unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const ZrByteArray& data,
+                                  unsigned long long capacity, unsigned long long offset,
+                                  unsigned long long version) {
+  if (const auto cache = GetCacheFile()) return cache->AddFile(data, name);
+  const auto span = Format::ResolveStore(capacity, offset, data.GetSize());
+  if (!span || name.IsEmpty() || name.GetLength() > NameKey::kMaxUnits)
+    return ZrResult::kWriteFailure;
+  const OperationLock lock(*this, OperationLock::kWriter);
+  if (!m_bOpened) return ZrResult::kNotOpen;
+  // The index grows before the name is looked up, deliberately also for one that is there.
+  if (!lock.IsUsable() || IsReadOnly() || !IsNaming() || !IncreaseNamingIndexCapacity())
+    return ZrResult::kWriteFailure;
+  try {
+    const NameKey key(name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
+    NameSlot slot;
+    if (!key.IsStorable() || !GetNamingIdxValue(key, slot)) return ZrResult::kWriteFailure;
+    if (!slot.entry.HoldsRecord()) slot.entry.status = Format::kStatusEmpty;
+    const std::string stored = key.GetStoredBytes();
+    if (!StoreIntoTile(slot.entry, {data, *span, version, {key.GetCharset(), stored}}))
+      return ZrResult::kWriteFailure;
+    slot.entry.FollowCompleteness(*span);
+    return UpdateNamingIndex(slot) ? ZrResult::kOk : ZrResult::kWriteFailure;
+  } catch (const std::bad_alloc&) {
+    return ZrResult::kWriteFailure;
+  }
+}
+
+unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,
+                                  unsigned long long version) {
+  if (const auto cache = GetCacheFile()) return cache->AddFile(filePath, name);
+  ZrByteArray data;
+  if (!LoadDiskFile(filePath, data)) return ZrResult::kWriteFailure;
+  return SetAt(name, data, 0, 0, version);
+}
+
+unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col,
+                                  const PelmUnicodeString& filePath, unsigned long long version) {
+  ZrByteArray data;
+  if (!LoadDiskFile(filePath, data)) return ZrResult::kWriteFailure;
+  return SetAt(row, col, data, 0, 0, version);
+}
+
+unsigned int ZrCompactFile::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
+                                   unsigned long long& filledLength, unsigned long long version) {
+  filledLength = 0;
+  if (const auto cache = GetCacheFile()) return cache->ReadFile(name, data);
+  if (name.IsEmpty()) return ZrResult::kReadFailure;
+  OperationLock lock(*this, OperationLock::kReader);
+  if (!lock.IsUsable() || !IsNaming()) return ZrResult::kReadFailure;
+  unsigned int result = ZrResult::kReadFailure;
+  try {
+    const NameKey key(name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
+    result = LookupName(key, lock, data, filledLength, version);
+  } catch (const std::bad_alloc&) {
+  }
+  if (result == ZrResult::kNotFound) data.Resize(0);
+  return result;
+}
+
+// A hash that only one name has needs no look at that name beforehand: it is compared in the record
+// that is read anyway.
+unsigned int ZrCompactFile::LookupName(const NameKey& key, OperationLock& lock, ZrByteArray& data,
+                                       unsigned long long& filledLength,
+                                       unsigned long long version) {
+  ZrByteArray* buffer = GetSwapData();
+  if (buffer == nullptr) return ZrResult::kReadFailure;
+  NameSlot slot;
+  const std::uint32_t candidates = m_mapHashCode->CountSame(key.GetHashCode());
+  if (candidates == 0) return ZrResult::kNotFound;
+  if (candidates == 1) {
+    const std::uint32_t number = *m_mapHashCode->Find(key.GetHashCode());
+    std::uint64_t value;
+    if (!m_pIndex->ReadValue(number, m_bSwap, value)) return ZrResult::kReadFailure;
+    slot = {{number, value}, key.GetHashCode(), false};
+  } else if (!GetNamingIdxValue(key, slot)) {
+    return slot.isNew ? ZrResult::kNotFound : ZrResult::kReadFailure;
+  }
+  if (slot.entry.status == Format::kStatusEmpty) return ZrResult::kNotFound;
+
+  lock.LeaveMutex();
+  if (slot.entry.HoldsRecord()) {
+    const unsigned int result =
+        LookUp_Inner(slot.entry, &key, *buffer, data, filledLength, version);
+    if (result != ZrResult::kReadFailure) return result;
+  }
+  // What cannot be read is a failure for its own name only.
+  return HasName(slot.entry, key) ? ZrResult::kReadFailure : ZrResult::kNotFound;
+}
+
+unsigned int ZrCompactFile::Remove(const PelmUnicodeString& name, unsigned long long version) {
+  if (const auto cache = GetCacheFile()) return cache->RemoveFile(name, 0, 0);
+  const OperationLock lock(*this, OperationLock::kWriter);
+  if (!lock.IsUsable() || !IsNaming() || GetSwapData() == nullptr) return ZrResult::kWriteFailure;
+  try {
+    const NameKey key(name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
+    NameSlot slot;
+    if (!GetNamingIdxValue(key, slot) || slot.isNew) return ZrResult::kWriteFailure;
+    if (!slot.entry.HoldsRecord() || !HasVersions()) return ZrResult::kOk;
+    if (!RemoveFromTile(slot.entry, version)) return ZrResult::kWriteFailure;
+    return UpdateNamingIndex(slot) ? ZrResult::kOk : ZrResult::kWriteFailure;
+  } catch (const std::bad_alloc&) {
+    return ZrResult::kWriteFailure;
+  }
+}
+
+ZrCompactFile::ZrStatus ZrCompactFile::GetStatus(const PelmUnicodeString& name) {
+  if (name.IsEmpty()) return kUnknown;
+  const OperationLock lock(*this, OperationLock::kReader);
+  if (!lock.IsUsable() || !IsNaming() || GetSwapData() == nullptr) return kUnknown;
+  try {
+    const NameKey key(name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
+    NameSlot slot;
+    if (!GetNamingIdxValue(key, slot)) return slot.isNew ? kEmpty : kUnknown;
+    return static_cast<ZrStatus>(slot.entry.status);
+  } catch (const std::bad_alloc&) {
+    return kUnknown;
+  }
+}
+
+}  // namespace Zarn

@@ -1,0 +1,172 @@
+#include <new>
+
+#include "FileState.h"
+#include "IndexValue.h"
+#include "NameHash.h"
+#include "NameKey.h"
+#include "OperationLock.h"
+#include "Tile.h"
+#include "ZrCompactFile.h"
+
+namespace Zarn {
+
+using Engine::NameKey;
+using Engine::NameSlot;
+using Engine::TileEntry;
+
+bool ZrCompactFile::IsNaming() const {
+  return Format::HeaderView(m_header).FileKind() == Format::kNamingFile;
+}
+
+// Finds the slot of a name, or the code under which it would get one. The walk through the names of
+// one hash deliberately stops at the first slot whose tile is gone, even if the name follows
+// further on: that slot is then taken for the name. False if the index cannot be read, or all
+// ordinals are taken by other names.
+bool ZrCompactFile::GetNamingIdxValue(const NameKey& key, NameSlot& slot) const {
+  std::uint64_t probe = key.GetHashCode();
+  const std::uint32_t run = m_mapHashCode->CountSame(probe);
+  for (std::uint32_t i = 0; i < run; ++i) {
+    const std::uint32_t number = *m_mapHashCode->Find(probe);
+    std::uint64_t value;
+    if (!m_pIndex->ReadValue(number, m_bSwap, value)) return false;
+    slot = {{number, value}, probe, false};
+    if (slot.entry.status == Format::kStatusEmpty || HasName(slot.entry, key)) return true;
+    probe = Format::NextHashCode(probe);
+  }
+  slot = {{static_cast<std::uint32_t>(m_nNamingCount), 0}, probe, true};
+  return run <= Format::kLastOrdinal;
+}
+
+// The name stored in a record. False if it does not lie in the record, or cannot be read whole.
+bool ZrCompactFile::GetKeyString(unsigned long long recordPosition, ZrByteArray& key) const {
+  unsigned char head[Format::kNameOffset];
+  if (!IsRecordPlace(recordPosition, sizeof head) ||
+      !m_file->ReadAt(recordPosition, head, sizeof head))
+    return false;
+  const auto recordLength = LoadScalar<std::uint64_t>(head, m_bSwap);
+  const auto length = LoadScalar<std::uint32_t>(head + Format::kNameLengthOffset, m_bSwap);
+  std::uint64_t fileLength;
+  return recordLength >= Format::kMinNamingRecord &&
+         length <= recordLength - Format::kMinNamingRecord && m_file->GetLength(fileLength) &&
+         length <= fileLength && key.ResizeForOverwrite(length) &&
+         m_file->ReadAt(recordPosition + Format::kNameOffset, key.GetData(), length);
+}
+
+bool ZrCompactFile::HasName(const TileEntry& entry, const NameKey& key) const {
+  ZrByteArray stored;
+  return GetKeyString(entry.position, stored) && key.Matches(stored.GetData(), stored.GetSize());
+}
+
+// Writes the slot of a name. A new one is written before it is counted in, so that an operation cut
+// short leaves no trace.
+bool ZrCompactFile::UpdateNamingIndex(const NameSlot& slot) {
+  if (!slot.isNew) return WriteIndexValue(slot.entry);
+  if (m_nNamingCount >= m_nNamingCapacity || !m_mapHashCode->Reserve(m_nNamingCount + 1))
+    return false;
+  unsigned char bytes[Format::kNamingSlotSize];
+  StoreScalar(bytes, slot.entry.Value(), m_bSwap);
+  StoreScalar(bytes + Format::kWidth8, slot.code, m_bSwap);
+  const std::uint64_t indexOffset = Format::HeaderView(m_header).IndexOffset();
+  const std::uint64_t position = Format::NamingSlotOffset(indexOffset, slot.entry.number);
+  const bool written =
+      m_file->WriteAt(position, bytes, sizeof bytes) &&
+      WriteNamingHeader(indexOffset, m_nNamingCapacity, m_nNamingCount + 1) &&
+      m_pIndex->Write(slot.entry.number * Format::kNamingSlotSize, bytes, sizeof bytes);
+  if (!written) {
+    constexpr unsigned char kNothing[Format::kNamingSlotSize] = {};
+    WriteNamingHeader(indexOffset, m_nNamingCapacity, m_nNamingCount);
+    m_file->WriteAt(position, kNothing, sizeof kNothing);
+    m_pIndex->Forget();
+    return false;
+  }
+  m_mapHashCode->Insert(slot.code, slot.entry.number);
+  const std::lock_guard state(m_stateMutex);
+  ++m_nNamingCount;
+  return true;
+}
+
+bool ZrCompactFile::WriteNamingHeader(unsigned long long indexOffset, unsigned long long capacity,
+                                      unsigned long long count) {
+  const auto [maxSize1, maxSize2] = GetMaxSizes();
+  const auto image =
+      Format::EncodeNamingHeader({capacity, count, maxSize1, maxSize2, m_nNamingFlags}, m_bSwap);
+  return m_file->WriteAt(indexOffset, image.data(), image.size());
+}
+
+// Doubles a full index: a new area at the end of the file, to which the header then points. Until
+// the header is written the file is as it was; the area counts only once it is on the disk.
+bool ZrCompactFile::IncreaseNamingIndexCapacity() {
+  if (m_nNamingCount < m_nNamingCapacity) return true;
+  const std::uint64_t capacity = 2 * m_nNamingCapacity;
+  if (m_nNamingCapacity == 0 || capacity > Format::kMaxNamingCapacity) return false;
+  const std::uint64_t oldStart =
+      Format::NamingSlotOffset(Format::HeaderView(m_header).IndexOffset(), 0);
+  const std::uint64_t oldSize = m_nNamingCapacity * Format::kNamingSlotSize;
+  const std::uint64_t newOffset = GetAppendPosition();
+  const std::uint64_t newStart = Format::NamingSlotOffset(newOffset, 0);
+
+  std::shared_ptr<Engine::IndexPages> index;
+  try {
+    index = std::make_shared<Engine::IndexPages>(m_file, newStart, 2 * oldSize,
+                                                 Format::kNamingSlotSize);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  if (newOffset == 0 || !index->IsUsable() ||
+      !WriteNamingHeader(newOffset, capacity, m_nNamingCount) ||
+      !CopySlots(oldStart, newStart, oldSize) || !m_file->ZeroFill(newStart + oldSize, oldSize) ||
+      !m_file->Sync())
+    return false;
+  Format::HeaderImage header = m_header;
+  Format::SetIndexOffset(header, newOffset);
+  if (!Io::WriteFileHeader(*m_file, m_xorString, header, m_bSwap)) {
+    Io::WriteFileHeader(*m_file, m_xorString, m_header, m_bSwap);
+    return false;
+  }
+  const std::lock_guard state(m_stateMutex);
+  m_header = header;
+  m_nNamingCapacity = capacity;
+  m_pIndex.swap(index);
+  return true;
+}
+
+bool ZrCompactFile::CopySlots(unsigned long long from, unsigned long long to,
+                              unsigned long long size) {
+  constexpr unsigned long long kPiece = 1 << 20;
+  ZrByteArray piece;
+  if (!piece.ResizeForOverwrite(std::min(kPiece, size))) return false;
+  for (unsigned long long done = 0; done < size;) {
+    const unsigned long long now = std::min(piece.GetSize(), size - done);
+    if (!m_file->ReadAt(from + done, piece.GetData(), now) ||
+        !m_file->WriteAt(to + done, piece.GetData(), now))
+      return false;
+    done += now;
+  }
+  return true;
+}
+
+// The writer's lock, deliberately, although nothing is written.
+bool ZrCompactFile::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
+  if (const auto cache = GetCacheFile()) return cache->ListFiles(names) == 0;
+  const Engine::OperationLock lock(*this, Engine::OperationLock::kWriter);
+  if (!lock.IsUsable() || !IsNaming()) return false;
+  const bool hasUnits = Format::HeaderView(m_header).FormatVersion() == Format::kCurrentVersion;
+  try {
+    ZrByteArray key;
+    for (const Engine::NameTable::Entry& place : m_mapHashCode->Sorted()) {
+      std::uint64_t value;
+      if (!m_pIndex->ReadValue(place.slot, m_bSwap, value) ||
+          !GetKeyString(Format::PositionOf(value), key))
+        continue;
+      std::u16string units;  // stays empty in an older file
+      for (std::uint64_t i = 0; hasUnits && i + 1 < key.GetSize(); i += 2)
+        units.push_back(LoadScalar<std::uint16_t>(key.GetData() + i, m_bSwap));
+      names.Add(PelmUnicodeString(std::move(units)));
+    }
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace Zarn

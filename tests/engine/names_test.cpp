@@ -1,0 +1,292 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <set>
+#include <string>
+
+#include "ZrFile.h"
+#include "engine/EngineFixture.h"
+#include "support/RawFile.h"
+#include "support/SyscallFaults.h"
+
+namespace Zarn {
+namespace {
+
+using Name = PelmUnicodeString;
+using Support::operator+;
+
+Name Numbered(unsigned int number) { return Name::FromUtf8("14/" + std::to_string(number)); }
+
+// In both byte orders.
+class Names : public EngineTest, public ::testing::WithParamInterface<bool> {
+ public:
+  unsigned int Put(const Name& name, std::string_view text, unsigned long long version = 1,
+                   unsigned long long capacity = 0, unsigned long long offset = 0) {
+    return object.SetAt(name, Data(text), capacity, offset, version);
+  }
+  Tile Get(const Name& name, unsigned long long version = 1) {
+    return ReadTile(object, name, version);
+  }
+  std::multiset<std::string> List() {
+    PelmArray<Name> names;
+    EXPECT_TRUE(object.GetValidNamingList(names));
+    std::multiset<std::string> list;
+    for (const Name& name : names)
+      list.insert(name.ToUtf8());
+    return list;
+  }
+};
+INSTANTIATE_TEST_SUITE_P(Engine, Names, ::testing::Bool(),
+                         [](const auto& param) { return param.param ? "Foreign" : "Native"; });
+
+// The same operations as on a cell leave the same records, longer by the name.
+TEST_P(Names, EveryKindOfStoreAndRemoval) {
+  MakeNaming(4, GetParam());
+  const auto step = [&](unsigned int result, unsigned long long fileSize, unsigned long long status,
+                        unsigned long long position) {
+    SCOPED_TRACE(fileSize);
+    EXPECT_EQ(result, 0U);
+    const Support::FileChecker file = Check();
+    EXPECT_EQ(file.fileSize, fileSize);
+    EXPECT_EQ(file.entries[0], status << 56 | position);
+  };
+  step(Put(u"ab", "AAAA", 5), 224, 1, 164);
+  step(Put(u"ab", "BBBBBB", 9), 302, 1, 224);
+  step(Put(u"ab", "CC", 7), 454, 1, 360);
+  step(Put(u"ab", "ZZ", 2), 622, 1, 512);
+  step(Put(u"ab", "DDDD", 9), 622, 1, 512);
+  step(Put(u"ab", "EE", 5, 4, 2), 622, 1, 512);
+  EXPECT_EQ(Get(u"ab", 5), (Tile{0, "AAEE", 4}));
+  step(Put(u"ab", "FFFFFFFF", 5), 686, 1, 512);
+  step(Put(u"ab", "GG", 12), 808, 1, 686);
+  step(object.Remove(u"ab", 7), 808, 1, 686);
+  step(Put(u"ab", "HHHHHH", 12), 808, 1, 686);
+  step(object.Remove(u"ab", 12), 808, 1, 512);
+  step(object.Remove(u"ab", 2), 808, 1, 512);
+  step(Put(u"ab", "I", 11, 6, 3), 902, 2, 808);
+  EXPECT_EQ(Get(u"ab", 9), (Tile{0, "DDDD", 4}));
+  EXPECT_EQ(List(), std::multiset<std::string>{"ab"});
+}
+
+TEST_P(Names, Answers) {
+  MakeNaming(4, GetParam());
+  const Name longest(std::u16string(128, u'x'));
+  const Name tooLong(std::u16string(129, u'x'));
+  EXPECT_EQ(Put(u"", "x"), 10U);
+  EXPECT_EQ(Put(tooLong, "x"), 10U);
+  EXPECT_EQ(Put(u"a", ""), 10U);
+  EXPECT_EQ(Put(u"a", "x", 1, 0x7FFFFF9D), 10U);
+  EXPECT_EQ(Put(u"a", "xy", 1, 5, UINT64_MAX), 10U);
+  EXPECT_EQ(Get(u""), (Tile{9, "before", 0}));
+  EXPECT_EQ(Get(u"a"), (Tile{5, "", 0}));
+  EXPECT_EQ(object.Remove(u"a", 1), 10U) << "never stored";
+  EXPECT_EQ(object.GetStatus(u"a"), ZrCompactFile::kEmpty);
+  EXPECT_EQ(object.GetStatus(u""), ZrCompactFile::kUnknown);
+  ASSERT_EQ(Put(longest, "longest"), 0U);
+  ASSERT_EQ(Put(u"a", "piece", 1, 9), 0U);
+  EXPECT_EQ(object.GetStatus(u"a"), ZrCompactFile::kPartial);
+  EXPECT_EQ(Get(longest), (Tile{0, "longest", 7}));
+  EXPECT_EQ(Get(tooLong).result, 5U);
+  EXPECT_EQ(Get(u"A").result, 5U) << "names are compared exactly";
+  const Name lone(u"\xD800", 1), other(u"\xDC00", 1);
+  ASSERT_EQ(Put(lone, "high"), 0U);
+  ASSERT_EQ(Put(other, "low"), 0U);
+  EXPECT_EQ(Get(lone).payload, "high");
+  EXPECT_EQ(object.Remove(u"a", 7), 0U) << "no such stamp";
+  EXPECT_EQ(object.Remove(u"a", 1), 0U);
+  EXPECT_EQ(Get(u"a"), (Tile{5, "", 0}));
+  EXPECT_EQ(List().count("a"), 1U) << "removed names are listed";
+  Check();
+
+  // On disk files, and on a grid.
+  Support::WriteFile(folder.GetPath("disk"), {'d', 'i', 's', 'k'});
+  Support::WriteFile(folder.GetPath("empty"), {});
+  EXPECT_EQ(object.SetAt(u"disk", folder.GetPath("disk"), 3), 0U);
+  EXPECT_EQ(Get(u"disk"), (Tile{0, "disk", 4}));
+  EXPECT_EQ(object.SetAt(u"e", folder.GetPath("empty"), 3), 10U);
+  EXPECT_EQ(object.SetAt(u"n", folder.GetPath("none"), 3), 10U);
+  object.Close();
+  EXPECT_EQ(Put(u"a", "x"), 6U);
+  EXPECT_EQ(Get(u"a").result, 9U);
+  ZrFile::Delete(path);
+  MakeGrid(1, 1, GetParam());
+  const Support::Bytes grid = Support::ReadFile(path);
+  EXPECT_EQ(Put(u"a", "x"), 10U);
+  EXPECT_EQ(Get(u"a").result, 9U);
+  EXPECT_EQ(object.Remove(u"a", 1), 10U);
+  EXPECT_EQ(object.GetStatus(u"a"), ZrCompactFile::kUnknown);
+  PelmArray<Name> names;
+  EXPECT_FALSE(object.GetValidNamingList(names));
+  EXPECT_EQ(Support::ReadFile(path), grid);
+  EXPECT_EQ(object.SetAt(0, 0, folder.GetPath("disk"), 3), 0U);
+  EXPECT_EQ(Read(0, 0, 3).payload, "disk");
+}
+
+TEST_P(Names, NamesOfOneHashAreToldApart) {
+  MakeNaming(1, GetParam());
+  ASSERT_EQ(Put(u"1yeg98dgy", "first"), 0U);
+  EXPECT_EQ(Get(u"sm38f3s71").result, 5U);
+  EXPECT_EQ(object.Remove(u"sm38f3s71", 1), 10U);
+  ASSERT_EQ(Put(u"sm38f3s71", "second"), 0U);
+  for (const bool reopened : {false, true}) {
+    if (reopened) Reopen();
+    EXPECT_EQ(Get(u"1yeg98dgy").payload, "first");
+    EXPECT_EQ(Get(u"sm38f3s71").payload, "second");
+  }
+  EXPECT_EQ(List(), (std::multiset<std::string>{"1yeg98dgy", "sm38f3s71"}));
+  // The walk stops at a slot whose tile is gone; the next store takes that slot.
+  ASSERT_EQ(object.Remove(u"1yeg98dgy", 1), 0U);
+  EXPECT_EQ(Get(u"sm38f3s71").result, 5U);
+  EXPECT_EQ(object.GetStatus(u"sm38f3s71"), ZrCompactFile::kEmpty);
+  ASSERT_EQ(Put(u"sm38f3s71", "again"), 0U);
+  EXPECT_EQ(Get(u"sm38f3s71").payload, "again");
+}
+
+TEST_P(Names, TheIndexGrowsByDoubling) {
+  MakeNaming(1, GetParam());
+  for (unsigned int i = 0; i < 300; ++i) {
+    ASSERT_EQ(Put(Numbered(i), "tile " + std::to_string(i)), 0U);
+    if (i % 70 == 0) Reopen();
+  }
+  unsigned int capacity = 0, count = 0;
+  EXPECT_EQ(object.GetIndexInfo(capacity, count), 1U);
+  EXPECT_EQ(capacity, 512U);
+  EXPECT_EQ(count, 300U);
+  for (unsigned int i = 0; i < 300; ++i)
+    EXPECT_EQ(Get(Numbered(i)).payload, "tile " + std::to_string(i));
+  EXPECT_EQ(List().size(), 300U);
+  Check();
+}
+
+TEST_P(Names, AFailingCallOfAStoreKeepsTheIndex) {
+  for (std::size_t n = 1;; ++n) {
+    SCOPED_TRACE(n);
+    MakeNaming(2, GetParam());
+    ASSERT_EQ(Put(u"one", "1"), 0U);
+    ASSERT_EQ(Put(u"two", "2"), 0U);
+    bool failed;
+    unsigned int result;
+    {
+      SyscallFaults faults;
+      faults.FailCall(n, ENOSPC);
+      result = Put(u"three", "3");  // the index has to grow
+      failed = faults.HasFailed();
+    }
+    EXPECT_EQ(result, failed ? 10U : 0U);
+    for (const bool reopened : {false, true}) {
+      if (reopened) Reopen();
+      EXPECT_EQ(Get(u"one").payload, "1");
+      EXPECT_EQ(Get(u"two").payload, "2");
+      EXPECT_EQ(Get(u"three").payload, failed ? "" : "3");
+    }
+    Check();
+    EXPECT_EQ(Put(u"three", "3"), 0U);
+    EXPECT_EQ(List().size(), 3U);
+    object.Close();
+    if (!failed) break;
+  }
+}
+
+// Names as bytes of the current charset.
+TEST_P(Names, OfAnOlderFile) {
+  MakeNaming(4, GetParam(), 20111111);
+  const Name name(u"caf\u00E9");
+  ASSERT_EQ(Put(name, "tile"), 0U);
+  const Support::Bytes file = Support::ReadFile(path);
+  const Support::Bytes expected = Support::Number(250, 4, IsBig()) +
+                                  Support::Number(5, 4, IsBig()) +
+                                  Support::Bytes{'c', 'a', 'f', 0xC3, 0xA9};
+  EXPECT_EQ(Support::Bytes(file.begin() + 164 + 8, file.begin() + 164 + 21), expected);
+  Reopen();
+  EXPECT_EQ(Get(name).payload, "tile");
+  EXPECT_EQ(List(), std::multiset<std::string>{""});
+  object.Close();
+  MakeNaming(4, GetParam(), 20111112);
+  EXPECT_EQ(Put(name, "tile"), 10U) << "an unknown version: nobody could find it again";
+  EXPECT_EQ(Get(name).result, 5U);
+}
+
+TEST_P(Names, DamagedRecordsFailForTheirOwnNameOnly) {
+  MakeNaming(4, GetParam());
+  ASSERT_EQ(Put(u"1yeg98dgy", "first"), 0U);   // record at 164
+  ASSERT_EQ(Put(u"sm38f3s71", "second"), 0U);  // the same hash
+  object.Close();
+  const Support::Bytes good = Support::ReadFile(path);
+  struct Case {
+    std::size_t offset;
+    Support::Bytes bytes;
+    unsigned int first, second;
+  };
+  const auto number = [this](unsigned long long value, std::size_t width = 8) {
+    return Support::Number(value, width, IsBig());
+  };
+  for (const Case& test : std::initializer_list<Case>{
+           {164, number(10000), 9, 0},          // runs over the end; the name is readable
+           {164, number(20), 5, 0},             // too short for its name
+           {176, number(UINT32_MAX, 4), 5, 0},  // name over the end
+           {100, number(3ULL << 56 | 164), 9, 0},
+           {100, number(1ULL << 56 | 99), 5, 0}}) {
+    Support::WriteFile(path, good);
+    Support::Poke(path, test.offset, test.bytes);
+    Reopen();
+    EXPECT_EQ(Get(u"1yeg98dgy").result, test.first) << test.offset;
+    EXPECT_EQ(Get(u"sm38f3s71").result, test.second) << test.offset;
+  }
+}
+
+TEST_P(Names, ALookupIsOneCall) {
+  MakeNaming(64, GetParam());
+  for (unsigned int i = 0; i < 40; ++i)
+    ASSERT_EQ(Put(Numbered(i), std::string(500, 'x')), 0U);
+  Reopen();
+  EXPECT_EQ(Get(Numbered(0)).result, 0U);  // loads a page of the index
+  const SyscallFaults calls;
+  EXPECT_EQ(Get(Numbered(1)).filled, 500U);
+  EXPECT_EQ(calls.GetCount(), 1U) << "the size is known from the next slot";
+  EXPECT_EQ(Get(u"unknown").result, 5U);
+  EXPECT_EQ(calls.GetCount(), 1U);
+  ASSERT_EQ(Put(u"new", "tile"), 0U);
+  EXPECT_EQ(calls.GetCount(), 1U + 4U) << "length of the file, record, slot, count";
+}
+
+// Another process stores names; what it has finished is found, at a cost that does not grow.
+TEST_F(EngineTest, NamesOfAnotherProcessAreFound) {
+  constexpr unsigned int kCount = 20000;
+  int done[2];
+  ASSERT_EQ(::pipe(done), 0);
+  MakeNaming(1);
+  object.Close();
+  const pid_t writer = ::fork();
+  if (writer == 0) {
+    ZrCompactFile file;
+    bool ok = file.Open(path, u"", 12) == 0;
+    for (unsigned int i = 0; ok && i < kCount; ++i)
+      ok = file.SetAt(Numbered(i), Data("tile"), 0, 0, 1) == 0 &&
+           ::write(done[1], &i, sizeof i) == sizeof i;
+    ::_exit(ok ? 0 : 1);
+  }
+  ::close(done[1]);
+  ASSERT_EQ(object.Open(path, u"", 12), 0U);
+  unsigned int newest;
+  unsigned int missed = 0;
+  std::size_t calls[2] = {0, 0};  // for the first 1,000 names and for the last
+  while (::read(done[0], &newest, sizeof newest) == sizeof newest) {
+    const SyscallFaults counter;
+    missed += ReadTile(object, Numbered(newest * 7919U % (newest + 1)), 1).result != 0;
+    if (newest < 1000) calls[0] += counter.GetCount();
+    if (newest >= kCount - 1000) calls[1] += counter.GetCount();
+  }
+  ::close(done[0]);
+  int status = -1;
+  ::waitpid(writer, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(missed, 0U);
+  EXPECT_LE(calls[1], 20 * 1000U);
+  EXPECT_GT(calls[0], 0U);
+  Check();
+}
+
+}  // namespace
+}  // namespace Zarn
