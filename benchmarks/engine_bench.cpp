@@ -63,6 +63,12 @@ struct Tiles {
 
 Tiles EqualTiles(std::size_t count) { return Tiles(std::vector<std::size_t>(count, 8192)); }
 
+/// The name of a tile in a map of zoom level 8.
+PelmUnicodeString NameOf(unsigned int tile) {
+  return PelmUnicodeString::FromUtf8("8/" + std::to_string(tile % 256) + "/" +
+                                     std::to_string(tile / 256));
+}
+
 /// Sizes as a web map has them: log-normal, median 6 KiB, 200 bytes to 100 KiB.
 Tiles MapTiles(std::size_t count) {
   std::mt19937 random(2);
@@ -113,6 +119,11 @@ class Bare {
     std::vector<unsigned char> m_buffer;
   };
 
+ protected:
+  void Write(const void* bytes, std::size_t size, off_t position) {
+    Check(::pwrite(m_fd, bytes, size, position) > 0);
+  }
+
  private:
   const Tiles& m_tiles;
   int m_fd;
@@ -153,23 +164,72 @@ class Engine {
   ZrByteArray m_data;
 };
 
+/// The same tiles by their names.
+class Names {
+ public:
+  Names(const fs::path& folder, const Tiles& tiles) : m_tiles(tiles) {
+    const auto path = PelmUnicodeString::FromUtf8((folder / "names.cf").string());
+    Check(m_file.Create(path, tiles.Count(), u"", 4) == 0);
+    for (unsigned int i = 0; i < tiles.Count(); ++i)
+      m_names.push_back(NameOf(i));
+  }
+  void Put(unsigned int i) {
+    m_data.Assign(m_tiles.Bytes(), m_tiles.sizes[i]);
+    Check(m_file.SetAt(m_names[i], m_data, 0, 0, 5) == 0);
+  }
+  class Reader {
+   public:
+    explicit Reader(Names& store) : m_store(store) {}
+    void Get(unsigned int i) {
+      unsigned long long filled = 0;
+      Check(m_store.m_file.Lookup(m_store.m_names[i], m_data, filled, 5) == 0 &&
+            filled == m_store.m_tiles.sizes[i]);
+    }
+
+   private:
+    Names& m_store;
+    ZrByteArray m_data;
+  };
+
+ private:
+  const Tiles& m_tiles;
+  ZrCompactFile m_file;
+  ZrByteArray m_data;
+  std::vector<PelmUnicodeString> m_names;
+};
+
+/// What a new name makes the engine write: record, slot and count.
+class BareNames : public Bare {
+ public:
+  using Bare::Bare;
+  void Put(unsigned int i) {
+    constexpr char kHeader[36] = {};
+    Bare::Put(i);
+    Write(kHeader, sizeof kHeader, 64);
+  }
+};
+
+/// Keys: the number of a tile, or its name.
+template <bool kNamed>
 class Lmdb {
  public:
   Lmdb(const fs::path& folder, const Tiles& tiles) : m_tiles(tiles) {
+    for (unsigned int i = 0; kNamed && i < tiles.Count(); ++i)
+      m_names.push_back(NameOf(i).ToUtf8());
     MDB_txn* transaction = nullptr;
     Check(mdb_env_create(&m_environment) == 0 &&
           mdb_env_set_mapsize(m_environment, std::size_t{8} << 30) == 0 &&
           mdb_env_open(m_environment, (folder / "lmdb").c_str(), MDB_NOSYNC | MDB_NOSUBDIR, 0600) ==
               0 &&
           mdb_txn_begin(m_environment, nullptr, 0, &transaction) == 0 &&
-          mdb_dbi_open(transaction, nullptr, MDB_INTEGERKEY, &m_database) == 0 &&
+          mdb_dbi_open(transaction, nullptr, kNamed ? 0 : MDB_INTEGERKEY, &m_database) == 0 &&
           mdb_txn_commit(transaction) == 0);
   }
   ~Lmdb() { mdb_env_close(m_environment); }
 
   void Put(unsigned int i) {
     MDB_txn* transaction = nullptr;
-    MDB_val key = {sizeof i, &i};
+    MDB_val key = KeyOf(i);
     MDB_val value = {m_tiles.sizes[i], const_cast<unsigned char*>(m_tiles.Bytes())};
     Check(mdb_txn_begin(m_environment, nullptr, 0, &transaction) == 0 &&
           mdb_put(transaction, m_database, &key, &value, 0) == 0 &&
@@ -183,7 +243,7 @@ class Lmdb {
     }
     ~Reader() { mdb_txn_abort(m_transaction); }
     void Get(unsigned int i) {
-      MDB_val key = {sizeof i, &i};
+      MDB_val key = m_store.KeyOf(i);
       MDB_val value;
       Check(mdb_txn_renew(m_transaction) == 0 &&
             mdb_get(m_transaction, m_store.m_database, &key, &value) == 0);
@@ -198,16 +258,26 @@ class Lmdb {
   };
 
  private:
+  MDB_val KeyOf(unsigned int& i) {
+    if (kNamed) return {m_names[i].size(), m_names[i].data()};
+    return {sizeof i, &i};
+  }
+
   const Tiles& m_tiles;
+  std::vector<std::string> m_names;
   MDB_env* m_environment = nullptr;
   MDB_dbi m_database = 0;
 };
 
+template <bool kNamed>
 class Sqlite {
  public:
   Sqlite(const fs::path& folder, const Tiles& tiles) : m_tiles(tiles), m_path(folder / "sqlite") {
+    for (unsigned int i = 0; kNamed && i < tiles.Count(); ++i)
+      m_names.push_back(NameOf(i).ToUtf8());
     m_connection = Connect();
-    Run("CREATE TABLE tiles (id INTEGER PRIMARY KEY, data BLOB)");
+    Run(kNamed ? "CREATE TABLE tiles (id TEXT PRIMARY KEY, data BLOB)"
+               : "CREATE TABLE tiles (id INTEGER PRIMARY KEY, data BLOB)");
     m_insert = Prepare(m_connection, "INSERT OR REPLACE INTO tiles VALUES (?, ?)");
   }
   ~Sqlite() {
@@ -216,7 +286,7 @@ class Sqlite {
   }
 
   void Put(unsigned int i) {
-    sqlite3_bind_int64(m_insert, 1, i);
+    BindKey(m_insert, i);
     sqlite3_bind_blob64(m_insert, 2, m_tiles.Bytes(), m_tiles.sizes[i], SQLITE_STATIC);
     Check(sqlite3_step(m_insert) == SQLITE_DONE);
     sqlite3_reset(m_insert);
@@ -224,7 +294,8 @@ class Sqlite {
   class Reader {
    public:
     explicit Reader(Sqlite& store)
-        : m_connection(store.Connect()),
+        : m_store(store),
+          m_connection(store.Connect()),
           m_select(Prepare(m_connection, "SELECT data FROM tiles WHERE id = ?")),
           m_buffer(store.m_tiles.largest.GetSize()) {}
     ~Reader() {
@@ -232,7 +303,7 @@ class Sqlite {
       sqlite3_close(m_connection);
     }
     void Get(unsigned int i) {
-      sqlite3_bind_int64(m_select, 1, i);
+      m_store.BindKey(m_select, i);
       Check(sqlite3_step(m_select) == SQLITE_ROW);
       const void* blob = sqlite3_column_blob(m_select, 0);
       std::memcpy(m_buffer.data(), blob,
@@ -241,12 +312,20 @@ class Sqlite {
     }
 
    private:
+    Sqlite& m_store;
     sqlite3* m_connection;
     sqlite3_stmt* m_select;
     std::vector<unsigned char> m_buffer;
   };
 
  private:
+  void BindKey(sqlite3_stmt* statement, unsigned int i) {
+    if (kNamed)
+      sqlite3_bind_text(statement, 1, m_names[i].data(), static_cast<int>(m_names[i].size()),
+                        SQLITE_STATIC);
+    else
+      sqlite3_bind_int64(statement, 1, i);
+  }
   sqlite3* Connect() {
     sqlite3* connection = nullptr;
     Check(sqlite3_open(m_path.c_str(), &connection) == SQLITE_OK);
@@ -264,6 +343,7 @@ class Sqlite {
   }
 
   const Tiles& m_tiles;
+  std::vector<std::string> m_names;
   fs::path m_path;
   sqlite3* m_connection;
   sqlite3_stmt* m_insert;
@@ -340,6 +420,23 @@ void Open(benchmark::State& state) {
   }
 }
 
+// Opens a naming file of a million names, and looks one up.
+void OpenNames(benchmark::State& state) {
+  constexpr unsigned int kCount = 1000000;
+  const auto path = PelmUnicodeString::FromUtf8((EmptyFolder() / "open.cf").string());
+  ZrByteArray data("tile", 4);
+  unsigned long long filled = 0;
+  ZrCompactFile file;
+  Check(file.Create(path, kCount, u"", 4) == 0);
+  for (unsigned int i = 0; i < kCount; ++i)
+    Check(file.SetAt(NameOf(i), data, 0, 0, 1) == 0);
+  file.Close();
+  for (auto _ : state) {
+    Check(file.Open(path, u"", 4) == 0 && file.Lookup(NameOf(777777), data, filled, 1) == 0);
+    file.Close();
+  }
+}
+
 template <typename... Arguments>
 benchmark::internal::Benchmark* Register(const char* name, Arguments&&... arguments) {
   return benchmark::RegisterBenchmark(name, std::forward<Arguments>(arguments)...)
@@ -352,24 +449,33 @@ void RegisterAll() {
   Register("put 8 KiB/bare", Put<Bare>, kEqual);
   Register("put 8 KiB/engine", Put<Engine<4>>, kEqual);
   Register("put 8 KiB/engine with process lock", Put<Engine<12>>, kEqual);
-  Register("put 8 KiB/LMDB", Put<Lmdb>, kEqual);
-  Register("put 8 KiB/SQLite", Put<Sqlite>, kEqual);
+  Register("put 8 KiB/LMDB", Put<Lmdb<false>>, kEqual);
+  Register("put 8 KiB/SQLite", Put<Sqlite<false>>, kEqual);
   for (const int threads : {1, 2}) {
     Register("get 8 KiB/bare", Get<Bare>, kEqual)->Threads(threads);
     Register("get 8 KiB/engine", Get<Engine<4>>, kEqual)->Threads(threads);
     Register("get 8 KiB/engine with process lock", Get<Engine<12>>, kEqual)->Threads(threads);
-    Register("get 8 KiB/LMDB", Get<Lmdb>, kEqual)->Threads(threads);
-    Register("get 8 KiB/SQLite", Get<Sqlite>, kEqual)->Threads(threads);
+    Register("get 8 KiB/LMDB", Get<Lmdb<false>>, kEqual)->Threads(threads);
+    Register("get 8 KiB/SQLite", Get<Sqlite<false>>, kEqual)->Threads(threads);
   }
   Register("get 8 KiB/engine, older version", GetOlder)->Threads(1);
   Register("put map/bare", Put<Bare>, kMapPut);
   Register("put map/engine", Put<Engine<4>>, kMapPut);
-  Register("put map/LMDB", Put<Lmdb>, kMapPut);
-  Register("put map/SQLite", Put<Sqlite>, kMapPut);
+  Register("put map/LMDB", Put<Lmdb<false>>, kMapPut);
+  Register("put map/SQLite", Put<Sqlite<false>>, kMapPut);
   Register("get map/bare", Get<Bare>, kMapGet);
   Register("get map/engine", Get<Engine<4>>, kMapGet);
-  Register("get map/LMDB", Get<Lmdb>, kMapGet);
-  Register("get map/SQLite", Get<Sqlite>, kMapGet);
+  Register("get map/LMDB", Get<Lmdb<false>>, kMapGet);
+  Register("get map/SQLite", Get<Sqlite<false>>, kMapGet);
+  Register("put map by name/bare", Put<BareNames>, kMapPut);
+  Register("put map by name/engine", Put<Names>, kMapPut);
+  Register("put map by name/LMDB", Put<Lmdb<true>>, kMapPut);
+  Register("put map by name/SQLite", Put<Sqlite<true>>, kMapPut);
+  Register("get map by name/bare", Get<Bare>, kMapGet);
+  Register("get map by name/engine", Get<Names>, kMapGet);
+  Register("get map by name/LMDB", Get<Lmdb<true>>, kMapGet);
+  Register("get map by name/SQLite", Get<Sqlite<true>>, kMapGet);
+  Register("open 1,000,000 names", OpenNames);
   Register("open grid", Open)->Arg(8)->Arg(16384)->Unit(benchmark::kMicrosecond);
 }
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds the library and packs the files of a folder into a compact file, reads them back and
-# compares.   scripts/demo.sh [FOLDER]   (default: /usr/include)
+# Builds the library and packs the files of a folder into two compact files, one by cells and one
+# by names, reads them back and compares.   scripts/demo.sh [FOLDER]   (default: /usr/include)
 . "$(dirname "$0")/common.sh"
 
 folder=$(cd "${OLDPWD:-.}" && realpath -- "${1:-/usr/include}")
@@ -8,4 +8,4 @@ folder=$(cd "${OLDPWD:-.}" && realpath -- "${1:-/usr/include}")
 need_compiler
 build release
 mkdir -p out
-exec build/release/tools/hxcf_demo "$folder" "$PWD/out/demo.cf"
+exec build/release/tools/hxcf_demo "$folder" "$PWD/out/grid.cf" "$PWD/out/names.cf"

@@ -1,8 +1,10 @@
-// Packs the files of a folder into a grid file, one per cell, reads every one back and compares.
-// Some tiles are stored in pieces, and some get a second version.
+// Packs the files of a folder into a grid file, one per cell, and into a naming file, by their
+// paths; reads every one back from both and compares. Some tiles are stored in pieces, and some get
+// a second version.
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -33,18 +35,10 @@ struct Phase {
   }
 };
 
-struct Cell {
-  unsigned int row, col;
-};
-
-// The files in the order of their cells, and the smallest square grid that holds them.
+// The files, and the smallest square grid that has a cell for each.
 struct Plan {
   std::vector<PelmUnicodeString> files;
   unsigned int side = 1;
-
-  Cell CellOf(std::size_t file) const {
-    return {static_cast<unsigned int>(file / side), static_cast<unsigned int>(file % side)};
-  }
 };
 
 class ProgressBar {
@@ -72,24 +66,26 @@ class ProgressBar {
   std::size_t m_percent = 101;
 };
 
-// Left out: empty files (a tile has at least one byte), names that are not UTF-8, files that may
-// not be read, and the container itself.
+// Left out: empty files (a tile has at least one byte), names that are not UTF-8 or longer than the
+// library takes, files that may not be read, and the containers themselves.
 bool CanBeStored(const fs::directory_entry& file, const PelmUnicodeString& path,
-                 const PelmUnicodeString& target) {
+                 const std::vector<PelmUnicodeString>& targets) {
+  constexpr std::size_t kMaxName = 128;
   std::error_code error;
   return file.is_regular_file(error) && file.file_size(error) > 0 && !error &&
-         path.ToUtf8() == file.path().string() && !fs::equivalent(file, target.ToUtf8(), error) &&
+         path.ToUtf8() == file.path().string() && path.GetLength() <= kMaxName &&
+         std::find(targets.begin(), targets.end(), path) == targets.end() &&
          ::access(file.path().c_str(), R_OK) == 0;
 }
 
-Plan MakePlan(const fs::path& folder, const PelmUnicodeString& target) {
+Plan MakePlan(const fs::path& folder, const std::vector<PelmUnicodeString>& targets) {
   Plan plan;
   std::error_code error;
   const auto options = fs::directory_options::skip_permission_denied;
   for (fs::recursive_directory_iterator it(folder, options, error), end; !error && it != end;
        it.increment(error)) {
     const PelmUnicodeString path = PelmUnicodeString::FromUtf8(it->path().string());
-    if (CanBeStored(*it, path, target)) plan.files.push_back(path);
+    if (CanBeStored(*it, path, targets)) plan.files.push_back(path);
   }
   if (error) std::fprintf(stderr, "%s: %s\n", folder.c_str(), error.message().c_str());
   while (std::size_t{plan.side} * plan.side < plan.files.size())
@@ -113,65 +109,90 @@ ZrByteArray PathTile(const PelmUnicodeString& path) {
   return ZrByteArray(text.data(), text.size());
 }
 
-/// Stores and looks up one tile, and measures what the library takes for it.
-class TileAccess {
+/// The container of a run, whose tiles are the files of the plan: each in the cell of its number,
+/// or under its path. Measures what the library takes.
+class Container {
  public:
-  TileAccess(ZrCompactFile& file, Cell cell, Phase& phase)
-      : m_file(file), m_cell(cell), m_phase(phase) {}
+  Container(const Plan& plan, bool named, const PelmUnicodeString& path)
+      : m_plan(plan), m_named(named), m_path(path) {}
 
-  unsigned int Store(const ZrByteArray& data, unsigned long long version) {
-    return StorePiece(data, data.GetSize(), 0, version);
+  unsigned int Create() {
+    if (m_named) return m_file.Create(m_path, kFirstCapacity, u"", ZrCompactFile::kReplace);
+    return m_file.Create(m_path, m_plan.side, m_plan.side, u"", ZrCompactFile::kReplace);
   }
-  unsigned int StoreInTwoPieces(const ZrByteArray& data, unsigned long long version) {
+  unsigned int OpenForReading() {
+    m_file.Close();
+    return m_file.Open(m_path, u"", ZrCompactFile::kReadOnly);
+  }
+  unsigned int Store(std::size_t tile, const ZrByteArray& data, unsigned long long version,
+                     Phase& phase) {
+    return StorePiece(tile, data, data.GetSize(), 0, version, phase);
+  }
+  unsigned int StoreInTwoPieces(std::size_t tile, const ZrByteArray& data,
+                                unsigned long long version, Phase& phase) {
     const auto half = (data.GetSize() + 1) / 2;
     const unsigned int result =
-        StorePiece(ZrByteArray(data.GetData(), half), data.GetSize(), 0, version);
+        StorePiece(tile, ZrByteArray(data.GetData(), half), data.GetSize(), 0, version, phase);
     if (result != Zarn::ZrResult::kOk || half == data.GetSize()) return result;
-    return StorePiece(ZrByteArray(data.GetData() + half, data.GetSize() - half), data.GetSize(),
-                      half, version);
+    const ZrByteArray rest(data.GetData() + half, data.GetSize() - half);
+    return StorePiece(tile, rest, data.GetSize(), half, version, phase);
   }
-  bool Holds(const ZrByteArray& expected, unsigned long long version, ZrByteArray& tile) {
+  bool Holds(std::size_t tile, const ZrByteArray& expected, unsigned long long version,
+             ZrByteArray& buffer, Phase& phase) {
     unsigned long long filled = 0;
     const auto start = Clock::now();
-    const unsigned int result = m_file.Lookup(m_cell.row, m_cell.col, tile, filled, version);
-    m_phase.busy += Clock::now() - start;
-    m_phase.bytes += tile.GetSize();
+    const unsigned int result =
+        m_named ? m_file.Lookup(m_plan.files[tile], buffer, filled, version)
+                : m_file.Lookup(RowOf(tile), ColOf(tile), buffer, filled, version);
+    phase.busy += Clock::now() - start;
+    phase.bytes += buffer.GetSize();
     return result == Zarn::ZrResult::kOk && filled == expected.GetSize() &&
-           tile.GetSize() == filled && std::memcmp(tile.GetData(), expected.GetData(), filled) == 0;
+           buffer.GetSize() == filled &&
+           std::memcmp(buffer.GetData(), expected.GetData(), filled) == 0;
   }
 
  private:
-  unsigned int StorePiece(const ZrByteArray& data, unsigned long long capacity,
-                          unsigned long long offset, unsigned long long version) {
+  static constexpr unsigned long long kFirstCapacity = 128;  // it grows
+
+  unsigned int RowOf(std::size_t tile) const {
+    return static_cast<unsigned int>(tile / m_plan.side);
+  }
+  unsigned int ColOf(std::size_t tile) const {
+    return static_cast<unsigned int>(tile % m_plan.side);
+  }
+  unsigned int StorePiece(std::size_t tile, const ZrByteArray& data, unsigned long long capacity,
+                          unsigned long long offset, unsigned long long version, Phase& phase) {
     const auto start = Clock::now();
     const unsigned int result =
-        m_file.SetAt(m_cell.row, m_cell.col, data, capacity, offset, version);
-    m_phase.busy += Clock::now() - start;
-    m_phase.bytes += data.GetSize();
+        m_named ? m_file.SetAt(m_plan.files[tile], data, capacity, offset, version)
+                : m_file.SetAt(RowOf(tile), ColOf(tile), data, capacity, offset, version);
+    phase.busy += Clock::now() - start;
+    phase.bytes += data.GetSize();
     return result;
   }
 
-  ZrCompactFile& m_file;
-  Cell m_cell;
-  Phase& m_phase;
+  const Plan& m_plan;
+  bool m_named;
+  PelmUnicodeString m_path;
+  ZrCompactFile m_file;
 };
 
 // False if a file could not be read or stored.
-bool StoreAll(const Plan& plan, ZrCompactFile& container, Phase& phase) {
+bool StoreAll(const Plan& plan, Container& container, Phase& phase) {
   ProgressBar bar("storing", plan.files.size());
   ZrByteArray data;
   for (std::size_t i = 0; i < plan.files.size(); ++i) {
     bar.Show(i);
     const PelmUnicodeString& path = plan.files[i];
-    TileAccess tile(container, plan.CellOf(i), phase);
     if (!LoadFile(path, data)) {
       std::fprintf(stderr, "cannot read %s\n", path.ToUtf8().c_str());
       return false;
     }
-    unsigned int result = IsStoredInPieces(i) ? tile.StoreInTwoPieces(data, kFileVersion)
-                                              : tile.Store(data, kFileVersion);
+    unsigned int result = IsStoredInPieces(i)
+                              ? container.StoreInTwoPieces(i, data, kFileVersion, phase)
+                              : container.Store(i, data, kFileVersion, phase);
     if (result == Zarn::ZrResult::kOk && HasSecondVersion(i))
-      result = tile.Store(PathTile(path), kPathVersion);
+      result = container.Store(i, PathTile(path), kPathVersion, phase);
     if (result != Zarn::ZrResult::kOk) {
       std::fprintf(stderr, "storing %s answered %u\n", path.ToUtf8().c_str(), result);
       return false;
@@ -182,7 +203,7 @@ bool StoreAll(const Plan& plan, ZrCompactFile& container, Phase& phase) {
 }
 
 // Returns the number of tiles that differ from their files.
-std::size_t CompareAll(const Plan& plan, ZrCompactFile& container, Phase& phase) {
+std::size_t CompareAll(const Plan& plan, Container& container, Phase& phase) {
   ProgressBar bar("reading", plan.files.size());
   ZrByteArray expected;
   ZrByteArray buffer;
@@ -190,9 +211,10 @@ std::size_t CompareAll(const Plan& plan, ZrCompactFile& container, Phase& phase)
   for (std::size_t i = 0; i < plan.files.size(); ++i) {
     bar.Show(i);
     const PelmUnicodeString& path = plan.files[i];
-    TileAccess tile(container, plan.CellOf(i), phase);
-    bool same = LoadFile(path, expected) && tile.Holds(expected, kFileVersion, buffer);
-    if (HasSecondVersion(i)) same = same && tile.Holds(PathTile(path), kPathVersion, buffer);
+    bool same =
+        LoadFile(path, expected) && container.Holds(i, expected, kFileVersion, buffer, phase);
+    if (HasSecondVersion(i))
+      same = same && container.Holds(i, PathTile(path), kPathVersion, buffer, phase);
     if (!same) std::fprintf(stderr, "differs: %s\n", path.ToUtf8().c_str());
     mismatches += same ? 0 : 1;
     ++phase.tiles;
@@ -200,44 +222,43 @@ std::size_t CompareAll(const Plan& plan, ZrCompactFile& container, Phase& phase)
   return mismatches;
 }
 
-int Run(const fs::path& folder, const PelmUnicodeString& target) {
-  const Plan plan = MakePlan(folder, target);
-  if (plan.files.empty()) {
-    std::fprintf(stderr, "no file to store under %s\n", folder.c_str());
-    return 1;
-  }
-  ZrCompactFile container;
-  const unsigned int result =
-      container.Create(target, plan.side, plan.side, u"", ZrCompactFile::kReplace);
-  if (result != Zarn::ZrResult::kOk) {
-    std::fprintf(stderr, "creating %s answered %u\n", target.ToUtf8().c_str(), result);
-    return 1;
-  }
-
+// One line of the table. False if anything went wrong.
+bool RunOne(const Plan& plan, bool named, const PelmUnicodeString& target) {
+  Container container(plan, named, target);
   Phase stored;
   Phase read;
-  if (!StoreAll(plan, container, stored)) return 1;
-  container.Close();
-  if (container.Open(target, u"", ZrCompactFile::kReadOnly) != Zarn::ZrResult::kOk) return 1;
+  const unsigned int created = container.Create();
+  if (created != Zarn::ZrResult::kOk) {
+    std::fprintf(stderr, "creating %s answered %u\n", target.ToUtf8().c_str(), created);
+    return false;
+  }
+  if (!StoreAll(plan, container, stored) || container.OpenForReading() != Zarn::ZrResult::kOk)
+    return false;
   const std::size_t mismatches = CompareAll(plan, container, read);
-  const std::uintmax_t fileSize = fs::file_size(target.ToUtf8());
-
-  std::printf("%-12s %u x %u, %s\n", "grid", plan.side, plan.side, target.ToUtf8().c_str());
-  std::printf("%-12s %14zu\n", "tiles", stored.tiles);
-  std::printf("%-12s %14llu\n", "bytes", stored.bytes);
-  std::printf("%-12s %14llu\n", "file size", static_cast<unsigned long long>(fileSize));
-  std::printf("%-12s %14.0f MB/s\n", "written", stored.MegabytesPerSecond());
-  std::printf("%-12s %14.0f MB/s\n", "read", read.MegabytesPerSecond());
-  std::printf("%-12s %14zu\n", "mismatches", mismatches);
-  return mismatches == 0 ? 0 : 1;
+  std::printf("%-6s %7zu %11llu %11ju %8.0f %8.0f %10zu  %s\n", named ? "names" : "grid",
+              stored.tiles, stored.bytes, fs::file_size(target.ToUtf8()),
+              stored.MegabytesPerSecond(), read.MegabytesPerSecond(), mismatches,
+              target.ToUtf8().c_str());
+  return mismatches == 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: %s FOLDER FILE\n", argv[0]);
+  if (argc != 4) {
+    std::fprintf(stderr, "usage: %s FOLDER GRID-FILE NAMING-FILE\n", argv[0]);
     return 2;
   }
-  return Run(argv[1], PelmUnicodeString::FromUtf8(argv[2]));
+  const auto gridFile = PelmUnicodeString::FromUtf8(argv[2]);
+  const auto namingFile = PelmUnicodeString::FromUtf8(argv[3]);
+  const Plan plan = MakePlan(argv[1], {gridFile, namingFile});
+  if (plan.files.empty()) {
+    std::fprintf(stderr, "no file to store under %s\n", argv[1]);
+    return 1;
+  }
+  std::printf("%-6s %7s %11s %11s %8s %8s %10s\n", "", "tiles", "bytes", "file size", "MB/s in",
+              "MB/s out", "mismatches");
+  const bool gridIsFine = RunOne(plan, false, gridFile);
+  const bool namesAreFine = RunOne(plan, true, namingFile);
+  return gridIsFine && namesAreFine ? 0 : 1;
 }
