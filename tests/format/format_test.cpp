@@ -24,14 +24,13 @@ namespace {
 
 using Support::Bytes;
 using Support::Hex;
+using Support::operator+;
 using ::testing::Each;
 using ::testing::ElementsAreArray;
 
 enum Order { kLittle, kBig };
 
-bool Swap(Order order) {
-  return (order == kBig) == (PELM::un_bigendina == 1);
-}
+bool Swap(Order order) { return (order == kBig) == (PELM::un_bigendina == 1); }
 
 template <std::size_t N>
 std::array<unsigned char, N> Image(const Bytes& bytes) {
@@ -135,37 +134,26 @@ TEST_P(BothOrders, RecordHeads) {
 }
 
 TEST_P(BothOrders, DamagedRecordHeadsAreRecognised) {
-  struct Case {
-    const char* what;
-    std::uint32_t kind;
-    std::size_t offset;  // of a field that is overwritten
-    std::uint64_t value;
-    std::size_t width;
-  };
-  const Case cases[] = {
-      {"length 0", kGridFile, 0, 0, 8},
-      {"length below the smallest grid head", kGridFile, 0, 27, 8},
-      {"length below the smallest naming head", kNamingFile, 0, 35, 8},
-      {"table over the end", kGridFile, 8, 2, 4},
-      {"largest table", kGridFile, 8, UINT32_MAX, 4},
-      {"capacity one too large", kGridFile, 28, 7, 8},
-      {"largest capacity", kGridFile, 28, UINT64_MAX, 8},
-      {"name over the end", kNamingFile, 12, 29, 4},
-      {"name over the sizes", kNamingFile, 12, 28, 4},
-      {"largest name", kNamingFile, 12, UINT32_MAX, 4},
-  };
-  const bool swap = Swap(GetParam());
-  for (const Case& test : cases) {
-    Bytes bytes = Hex((test.kind == kGridFile ? kGridHead : kNamingHead)[GetParam()]);
-    bytes.resize(bytes.size() + 6);
-    if (test.width == 8)
-      StoreScalar<std::uint64_t>(&bytes[test.offset], test.value, swap);
-    else
-      StoreScalar(&bytes[test.offset], static_cast<std::uint32_t>(test.value), swap);
+  // A field, by its offset and width, and what is put there.
+  const std::tuple<const char*, std::uint32_t, std::ptrdiff_t, std::size_t, std::uint64_t> cases[] =
+      {{"length 0", kGridFile, 0, 8, 0},
+       {"length below the smallest grid head", kGridFile, 0, 8, 27},
+       {"length below the smallest naming head", kNamingFile, 0, 8, 35},
+       {"table over the end", kGridFile, 8, 4, 2},
+       {"largest table", kGridFile, 8, 4, UINT32_MAX},
+       {"capacity one too large", kGridFile, 28, 8, 7},
+       {"largest capacity", kGridFile, 28, 8, UINT64_MAX},
+       {"name over the end", kNamingFile, 12, 4, 29},
+       {"name over the sizes", kNamingFile, 12, 4, 28},
+       {"largest name", kNamingFile, 12, 4, UINT32_MAX}};
+  for (const auto& [what, kind, offset, width, value] : cases) {
+    Bytes bytes = Hex((kind == kGridFile ? kGridHead : kNamingHead)[GetParam()]) + Bytes(6);
+    const Bytes field = Support::Number(value, width, GetParam() == kBig);
+    std::copy(field.begin(), field.end(), bytes.begin() + offset);
     RecordHead head;
-    EXPECT_EQ(ParseRecordHead(bytes.data(), bytes.size(), test.kind, swap, head).outcome,
+    EXPECT_EQ(ParseRecordHead(bytes.data(), bytes.size(), kind, Swap(GetParam()), head).outcome,
               HeadParse::kDamaged)
-        << test.what;
+        << what;
   }
 }
 
@@ -199,7 +187,7 @@ TEST(Scramble, OneByteOfTheStreamMasksAll) {
   GenerateStream(state, GenerateKey(u"secret"));
   GenerateXorString(stream.data(), state);
   EXPECT_EQ(stream[255], 0xA5) << "the last byte is not written";
-  EXPECT_EQ(std::count(stream.begin(), stream.end(), stream[64]) < 200, true) << "a real stream";
+  EXPECT_LT(std::count(stream.begin(), stream.end(), stream[64]), 200) << "a real stream";
 
   unsigned char buffer[4] = {1, 2, 3, 4};
   ReMakeStream(buffer, 4, stream.data());
@@ -252,12 +240,7 @@ TEST(IndexValue, WrappedGridsHaveNoEntriesBeyondTheWrappedProduct) {
 
 TEST(StoreArguments, Limits) {
   constexpr std::uint64_t kLimit = 0x7FFFFF9C;
-  struct Case {
-    std::uint64_t capacity, offset, size;
-    bool valid;
-    std::uint8_t status;
-  };
-  const Case cases[] = {
+  const std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, bool, std::uint8_t> cases[] = {
       {0, 0, 5, true, kStatusComplete},
       {10, 0, 5, true, kStatusPartial},
       {10, 5, 5, true, kStatusComplete},
@@ -268,17 +251,18 @@ TEST(StoreArguments, Limits) {
       {kLimit + 1, 0, 1, false, 0},
       {10, UINT64_MAX, 5, false, 0},
       {10, UINT64_MAX - 4, 5, false, 0},
-      {0, 0, kLimit + 1, true, kStatusComplete},
-  };
-  for (const Case& test : cases) {
-    const auto span = ResolveStore(test.capacity, test.offset, test.size);
-    ASSERT_EQ(span.has_value(), test.valid) << test.capacity << ' ' << test.offset;
+      {0, 0, kLimit + 1, true, kStatusComplete}};
+  for (const auto& [capacity, offset, size, valid, status] : cases) {
+    const auto span = ResolveStore(capacity, offset, size);
+    ASSERT_EQ(span.has_value(), valid) << capacity << ' ' << offset;
     if (!span) continue;
-    EXPECT_EQ(span->capacity, test.capacity == 0 ? test.size : test.capacity);
-    EXPECT_EQ(span->FilledLength(), test.offset + test.size);
-    EXPECT_EQ(span->Status(), test.status);
+    EXPECT_EQ(span->capacity, capacity == 0 ? size : capacity);
+    EXPECT_EQ(span->FilledLength(), offset + size);
+    EXPECT_EQ(span->Status(), status);
   }
-  EXPECT_FALSE(FitSpan(UINT64_MAX, 0, 1)) << "no file could hold the record";
+  EXPECT_TRUE(FitSpan(kPositionMask - kGridRecordHead, 0, 1));
+  EXPECT_FALSE(FitSpan(kPositionMask - kGridRecordHead + 1, 0, 1)) << "nothing could follow it";
+  EXPECT_FALSE(FitSpan(UINT64_MAX, 0, 1));
 }
 
 TEST(PathRules, Extensions) {
