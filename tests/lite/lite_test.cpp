@@ -291,7 +291,7 @@ TEST_F(Lite, RewritesInPlaceOnlyWhereNobodyIsRunOver) {
   const auto first = Put(0, std::string(100, 'A'));
   Put(1, "neighbour");
   // One to 16 bytes more would still pass for a fit by the length alone.
-  for (std::size_t size : {101, 116, 117}) {
+  for (std::size_t size : {101U, 116U, 117U}) {
     EXPECT_NE(Put(0, std::string(size, 'A')), first) << size;
     EXPECT_EQ(Read(1), (Tile{0, "neighbour", 9})) << size;
     EXPECT_EQ(Read(0), (Tile{0, std::string(size, 'A'), size}));
@@ -406,9 +406,9 @@ TEST_F(Lite, ReadsTheNewestOfSeveralVersions) {
        Native(12 + 3 * 16 + 16 + 4 + 16) + Native(3, 4) + Native(9) + Native(kCompleteAt) +
            Native(7) + Native(kCompleteAt | 92) + Native(5) + Native(kCompleteAt | 92) + Native(4) +
            Native(4) + Text("nine") + Hex("00x16"));
-  for (unsigned long long stamp : {100, 9, 8, 6, 1})
+  for (unsigned long long stamp : {100U, 9U, 8U, 6U, 1U})
     EXPECT_EQ(Read(0, stamp), (Tile{0, "nine", 4}));
-  for (unsigned long long stamp : {7, 5})
+  for (unsigned long long stamp : {7U, 5U})
     EXPECT_EQ(Read(0, stamp), (Tile{0, "before", 0})) << "older versions are not followed";
   Poke(path, 92, Native(84) + Native(0, 4) + Native(4) + Native(3) + Text("none"));
   EXPECT_EQ(Read(0, 0), (Tile{0, "none", 3})) << "a record without a table";

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <iterator>
 #include <string>
+#include <tuple>
 #include <utility>
 
 #include "PelmCharsetCodec.h"
@@ -15,116 +15,73 @@ namespace {
 
 using namespace std::string_view_literals;  // NOLINT: for the suffix
 
-PELMCharset::Charset Charset(std::uint32_t number) {
-  return static_cast<PELMCharset::Charset>(number);
-}
+PELMCharset::Charset Charset(std::uint32_t n) { return static_cast<PELMCharset::Charset>(n); }
 
-// From the code pages; each sample has bytes that tell its charset from related ones. The ones of
-// 163 and 177 end in a letter that a mark could follow, which a decoder may hold back.
+// Bytes that tell charsets from related ones. 163 and 177 end in a letter that awaits a mark.
 TEST(CharsetTest, EveryNumberHasItsEncoding) {
-  const struct {
-    std::uint32_t charset;
-    std::string_view bytes;
-    std::u16string_view units;
-  } kSamples[] = {
-      {0, "\x80\xE9\x9F", u"\u20AC\u00E9\u0178"},
-      {1, "\xC3\xA9", u"\u00E9"},
-      {77, "\x8E\xD5\xA5", u"\u00E9\u2019\u2022"},
+  // clang-format off
+  const std::tuple<std::uint32_t, std::string_view, std::u16string_view> kSamples[] = {
+      {0, "\x80\xE9\x9F", u"\u20AC\u00E9\u0178"}, {1, "\xC3\xA9", u"\u00E9"},
+      {77, "\x8E\xD5\xA5", u"\u00E9\u2019\u2022"}, {134, "\xC4\xE3\x81@\x80", u"\u4F60\u4E02\u20AC"},
       {128, "\x82\xA0\xB1\x87\x40\x81\x60\x5C", u"\u3042\uFF71\u2460\uFF5E\\"},
-      {129, "\xB0\xA1\x81\x41", u"\uAC00\uAC02"},
-      {130, "\x88\x61\xD0\x65", u"\uAC00\uD55C"},
-      {134, "\xC4\xE3\x81\x40\x80", u"\u4F60\u4E02\u20AC"},
-      {136, "\xA4\xA4\xA3\xE1\xF9\xD6", u"\u4E2D\u20AC\u7881"},
-      {161, "\xA2\xE1", u"\u0386\u03B1"},
-      {162, "\xDE\xD0\xFD", u"\u015E\u011E\u0131"},
-      {163, "\xFE\xD0t\xEA", u"\u20AB\u0110t\u00EA"},
-      {177, "\xA4\xE0\xF9", u"\u20AA\u05D0\u05E9"},
-      {178, "\xC7\x81\xFD", u"\u0627\u067E\u200E"},
-      {186, "\xE0\xFE", u"\u0105\u017E"},
-      {204, "\xCF\xA8", u"\u041F\u0401"},
-      {222, "\xA1\x80\x85", u"\u0E01\u20AC\u2026"},
-      {238, "\xB9\xF8\x9C", u"\u0105\u0159\u015B"},
+      {129, "\xB0\xA1\x81\x41", u"\uAC00\uAC02"}, {130, "\x88\x61\xD0\x65", u"\uAC00\uD55C"},
+      {136, "\xA4\xA4\xA3\xE1\xF9\xD6", u"\u4E2D\u20AC\u7881"}, {161, "\xA2\xE1", u"\u0386\u03B1"},
+      {162, "\xDE\xD0\xFD", u"\u015E\u011E\u0131"}, {163, "\xFE\xD0t\xEA", u"\u20AB\u0110t\u00EA"},
+      {177, "\xA4\xE0\xF9", u"\u20AA\u05D0\u05E9"}, {178, "\xC7\x81\xFD", u"\u0627\u067E\u200E"},
+      {186, "\xE0\xFE", u"\u0105\u017E"}, {204, "\xCF\xA8", u"\u041F\u0401"},
+      {222, "\xA1\x80\x85", u"\u0E01\u20AC\u2026"}, {238, "\xB9\xF8\x9C", u"\u0105\u0159\u015B"},
       {250, "a\xF0\x9F\x98\x80\0"sv, u"a\xD83D\xDE00\0"sv},
-      {251, "A\0\xFF\xFE\0\xD8"sv, u"A\xFEFF\xD800"},
-      {252, "\0A\xFF\xFE\xD8\0"sv, u"A\xFFFE\xD800"},
-  };
-  for (const auto& sample : kSamples) {
-    SCOPED_TRACE(sample.charset);
-    std::string bytes;
-    std::u16string units;
-    PelmCharsetCodec codec(Charset(sample.charset));
+      {251, "A\0\xFF\xFE\0\xD8"sv, u"A\xFEFF\xD800"}, {252, "\0A\xFF\xFE"sv, u"A\xFFFE"}};
+  // clang-format on
+  for (const auto& [number, bytes, units] : kSamples) {
+    PelmCharsetCodec codec(Charset(number));
+    std::string allBytes, encoded = "?";
+    std::u16string allUnits, decoded = u"?";
     for (int times = 0; times < 300; ++times) {
-      std::string encoded = "?";
-      std::u16string decoded = u"?";
-      ASSERT_TRUE(codec.Decode(bytes, decoded) && codec.Encode(units, encoded)) << times;
-      ASSERT_TRUE(decoded == units && encoded == bytes) << times;
-      bytes += sample.bytes;
-      units += sample.units;
+      ASSERT_TRUE(codec.Decode(allBytes, decoded) && codec.Encode(allUnits, encoded)) << number;
+      ASSERT_TRUE(decoded == allUnits && encoded == allBytes) << number << " " << times;
+      allBytes += bytes;
+      allUnits += units;
     }
-    std::string utf8;
-    ZrTextCodec toUtf8;
-    ASSERT_TRUE(toUtf8.Open(codec.GetCharset(), PELMCharset::kUtf8) && toUtf8.Convert(bytes, utf8));
-    EXPECT_EQ(utf8, PelmUnicodeString(units).ToUtf8());
   }
-}
-
-TEST(CodecTest, MarksStayWithTheirLetters) {
-  std::u16string units;
-  std::string again;
-  for (const auto& [charset, bytes] : {std::pair{PELMCharset::kHebrew, "\xF9\xD1\xE0\xC8"},
-                                       std::pair{PELMCharset::kVietnamese, "Vi\xEA\xF2t"}}) {
-    PelmCharsetCodec codec(charset);
-    EXPECT_TRUE(codec.Decode(bytes, units) && codec.Encode(units, again) && again == bytes);
-  }
-  PelmCharsetCodec codec(PELMCharset::kVietnamese);
-  EXPECT_FALSE(codec.Decode("a\x90", units));  // fails while the letter waits for a mark,
-  EXPECT_TRUE(codec.Decode("\xEC", units) && units == u"\u0301");  // which it does not get here
 }
 
 TEST(CodecTest, FailsAsAWholeAndLeavesTheTarget) {
   using Bad = std::pair<std::uint32_t, std::string_view>;  // undefined, cut short or malformed
   std::u16string units = u"kept";
+  const std::string aaa(600, 'a');
   for (const auto& [number, text] :
-       {Bad{0, "\x81"}, Bad{0, "\x81 and more"}, Bad{222, "\xDB"}, Bad{128, "\x82"},
-        Bad{130, "\x88"}, Bad{134, "\xC4"}, Bad{251, "abc"}, Bad{252, "a"}, Bad{253, "a"},
-        Bad{250, "\x80"}, Bad{250, "\xE2\x82"}, Bad{250, "\xC0\x80"}, Bad{250, "\xE0\x9F\xBF"},
+       {Bad{0, "\x81 and more"}, Bad{222, "\xDB"}, Bad{128, "\x82"}, Bad{130, "\x88"},
+        Bad{134, "\xC4"}, Bad{251, "abc"}, Bad{252, "a"}, Bad{253, "a"}, Bad{250, "\x80"},
+        Bad{250, "\xE2\x82"}, Bad{250, "\xC0\x80"}, Bad{250, "\xE0\x9F\xBF"},
         Bad{250, "\xF0\x8F\xBF\xBF"}, Bad{250, "\xF4\x90\x80\x80"}, Bad{250, "\xC3("},
-        Bad{250, "\xC3\xC3"}}) {
-    PelmCharsetCodec codec(Charset(number));
-    EXPECT_FALSE(codec.Decode(text, units)) << number << " " << text;
-    EXPECT_FALSE(codec.Decode(std::string(600, 'a').append(text), units)) << number;
-  }
+        Bad{250, "\xC3\xC3"}})
+    EXPECT_FALSE(PelmCharsetCodec(Charset(number)).Decode(aaa + std::string(text), units)) << text;
   EXPECT_TRUE(units == u"kept");
-
-  PelmMBString target("kept", PELMCharset::kAnsi);
-  EXPECT_FALSE(PelmUnicodeString(u"\u0416").ToStd(target));
-  std::string bytes(target.GetBytes());
+  std::string bytes = "kept";
   for (const std::uint32_t number : {0U, 77U, 128U, 130U, 163U, 222U, 253U})
     for (const std::u16string_view text : {u"a\u0920", u"\xD800", u"\xDC00z"})
       EXPECT_FALSE(PelmCharsetCodec(Charset(number)).Encode(text, bytes)) << number;
   ZrTextCodec codec;
-  EXPECT_FALSE(codec.Convert("a", bytes));  // not open
-  EXPECT_FALSE(codec.Open(PELMCharset::kGreek, Charset(253)) || codec.Open(Charset(2), Charset(0)));
-  EXPECT_TRUE(codec.Open(PELMCharset::kGreek, PELMCharset::kThai));
-  EXPECT_FALSE(codec.Convert("a\xE1", bytes));
-  EXPECT_EQ(bytes, "kept");
+  EXPECT_TRUE(!codec.Convert("a", bytes) && codec.Open(PELMCharset::kGreek, PELMCharset::kThai));
+  EXPECT_TRUE(!codec.Convert("a\xE1", bytes) && bytes == "kept");
+  EXPECT_TRUE(codec.Open(PELMCharset::kGreek, PELMCharset::kUtf8) && codec.Convert("\xE1", bytes));
+  PelmCharsetCodec vietnamese(PELMCharset::kVietnamese);
+  EXPECT_FALSE(vietnamese.Decode("a\x90", units));  // fails while the letter waits for a mark,
+  EXPECT_TRUE(vietnamese.Decode("\xEC", units) && units == u"\u0301");  // not got here
 }
 
 TEST(CharsetTest, CurrentOneIsResolvedWhenTextIsMade) {
-  EXPECT_EQ(ZrToolkit::GetCurCharset(), PELMCharset::kUtf8);
   EXPECT_TRUE(ZrToolkit::SetCurCharset(PELMCharset::kRussian));
   const PelmMBString russian("\xCF");
   EXPECT_TRUE(ZrToolkit::SetCurCharset(PELMCharset::kGreek));
-  for (const std::uint32_t number : {1U, 2U, 249U, 253U, 0xFFFFFFFFU})
-    EXPECT_FALSE(ZrToolkit::SetCurCharset(Charset(number))) << number;
+  EXPECT_FALSE(ZrToolkit::SetCurCharset(Charset(1)) || ZrToolkit::SetCurCharset(Charset(253)));
   PelmUnicodeString text;
   EXPECT_TRUE(PelmUnicodeString::FromMBString(russian, text) && text == u"\u041F");
   char16_t units[] = u"__";
   EXPECT_EQ(PelmUnicodeString::AcharToWchar(units, 1, "\xE1\xE2", 2), -1);
-  EXPECT_EQ(PelmUnicodeString::AcharToWchar(units, 2, "\xE1\xFF", 2), -1);
-  EXPECT_TRUE(units == PelmUnicodeString(u"__"));
-  EXPECT_EQ(PelmUnicodeString::AcharToWchar(units, 1, "\xE1", 1), 1);
-  EXPECT_TRUE(units == PelmUnicodeString(u"\u03B1_"));
+  EXPECT_EQ(PelmUnicodeString::AcharToWchar(units + 1, 1, "\xE1", 1), 1);
+  EXPECT_TRUE(units == PelmUnicodeString(u"_\u03B1"));
   EXPECT_TRUE(ZrToolkit::SetCurCharset(PELMCharset::kUtf8));
 }
 
@@ -137,33 +94,26 @@ TEST(UnicodeStringTest, Utf8CarriesLoneSurrogates) {
         Text{u"\xD83D\xD83D\xDE00\xDE00", "\xED\xA0\xBD\xF0\x9F\x98\x80\xED\xB8\x80"}}) {
     const PelmUnicodeString string(units.data(), units.size());
     PelmUnicodeString strict;
-    EXPECT_EQ(string.ToUtf8(), bytes);
-    EXPECT_TRUE(PelmUnicodeString::FromUtf8(bytes) == string);
+    EXPECT_TRUE(string.ToUtf8() == bytes && PelmUnicodeString::FromUtf8(bytes) == string);
     EXPECT_TRUE(PelmUnicodeString::FromMBString(PelmMBString(bytes), strict) && strict == string);
   }
   EXPECT_TRUE(PelmUnicodeString::FromUtf8("a\xFF\xE2\x82z\xC0\x80\xC3") ==
               u"a\xDCFF\xDCE2\xDC82z\xDCC0\xDC80\xDCC3");
 }
 
-TEST(UnicodeStringTest, OrderIsByUnsignedUnit) {
+TEST(UnicodeStringTest, OrderIsByUnsignedUnitAndFoldsAsciiLettersOnly) {
   const char16_t* const kAscending[] = {
       u"", u"A", u"Ab", u"B", u"a", u"\u00E9", u"\xD83D\xDE00", u"\xE000", u"\xFFFF"};
   for (std::size_t i = 1; i < std::size(kAscending); ++i) {
-    const PelmUnicodeString a = kAscending[i - 1];
-    const PelmUnicodeString b = kAscending[i];
-    EXPECT_TRUE(a < b && a.Compare(b) < 0 && b.Compare(a) > 0 && a.Compare(a) == 0) << i;
-    EXPECT_TRUE(Zr_strcmp(a.GetBuffer(), b.GetBuffer()) < 0) << i;
-    EXPECT_TRUE(Zr_strcmp(b.GetBuffer(), a.GetBuffer()) > 0) << i;
+    const PelmUnicodeString a = kAscending[i - 1], b = kAscending[i];
+    EXPECT_TRUE(a < b && b.Compare(a) > 0 && Zr_strcmp(a.GetBuffer(), b.GetBuffer()) < 0) << i;
   }
   EXPECT_GT(PelmUnicodeString(u"a\0b", 3).Compare(u"a"), 0);
-  EXPECT_EQ(Zr_strlen(u"a\xD83D\xDE00") + Zr_strlen(nullptr), 3);
-}
-
-TEST(UnicodeStringTest, CaseIsThatOfAsciiLetters) {
   EXPECT_EQ(PelmUnicodeString(u"azAZ09").CompareNoCase(u"AZaz09"), 0);
-  EXPECT_GT(PelmUnicodeString(u"azAZ09").CompareNoCase(u"AZAZ0"), 0);
-  for (const auto& [a, b] : {std::pair{u"\u00C9", u"\u00E9"}, std::pair{u"K", u"\u212A"},
-                             std::pair{u"@", u"`"}, std::pair{u"[", u"{"}, std::pair{u"A", u"b"}})
+  const char16_t* const kFolded[][2] = {{u"\u00C9", u"\u00E9"}, {u"K", u"\u212A"},
+                                        {u"@", u"`"},           {u"[", u"{"},
+                                        {u"A", u"b"},           {u"AZAZ0", u"azAZ09"}};
+  for (const auto& [a, b] : kFolded)
     EXPECT_LT(PelmUnicodeString(a).CompareNoCase(b), 0);
 }
 

@@ -1,0 +1,368 @@
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FileSyscalls.h"
+#include "engine/EngineFixture.h"
+
+namespace Zarn {
+namespace {
+
+constexpr unsigned int kSide = 91;
+constexpr unsigned int kShared = 8;         // the first cells: all workers add versions to them
+constexpr unsigned int kOwn = kShared + 4;  // those before: one worker each, rewritten in place
+constexpr ZrCompactFile::ZrOpenMode kLocked = 12;
+
+// A tile names its cell and its value all over, so any piece of it tells where it belongs.
+std::string Payload(unsigned int cell, unsigned int value) {
+  std::string payload = std::to_string(cell) + ":" + std::to_string(value) + ";";
+  while (payload.size() < 9000)
+    payload += payload;
+  const bool large = cell >= kShared && cell < kOwn;
+  return payload.substr(0, large ? 9000 : 20 + (cell + value) * 397 % 2000);
+}
+
+bool Put(ZrCompactFile& file, unsigned int cell, unsigned int stamp, unsigned int value) {
+  return file.SetAt(cell / kSide, cell % kSide, Data(Payload(cell, value)), 0, 0, stamp) == 0;
+}
+Tile Get(ZrCompactFile& file, unsigned int cell, unsigned int stamp = 1 << 30) {
+  return ReadTile(file, cell / kSide, cell % kSide, stamp);
+}
+
+// What is known about the file, in memory that all threads and processes share.
+struct Ledger {
+  std::atomic<unsigned int> stamps, arrived, reported;
+  std::array<std::atomic<ino_t>, 200> files;
+  std::array<std::atomic<bool>, 40000> acknowledged;            // by stamp
+  std::array<std::atomic<unsigned int>, kSide * kSide> newest;  // values stored or seen, by cell
+
+  bool Note(unsigned int cell, unsigned int value) {
+    unsigned int known = newest[cell];
+    while (known < value && !newest[cell].compare_exchange_weak(known, value)) {
+    }
+    return true;
+  }
+  // A lookup gives all of one store, and none older than what was known before.
+  bool Verify(ZrCompactFile& file, unsigned int cell) {
+    const unsigned int known = newest[cell];
+    const Tile tile = Get(file, cell);
+    unsigned int value = 0;
+    std::sscanf(tile.payload.c_str(), "%*u:%u;", &value);
+    const std::string expected = Payload(cell, value);
+    if (value >= known &&
+        tile == (value == 0 ? Tile{5, "", 0} : Tile{0, expected, expected.size()}))
+      return Note(cell, value);
+    if (reported++ == 0)
+      std::fprintf(stderr, "%u: %u known, but %u:%.9s\n", cell, known, tile.result,
+                   tile.payload.c_str());
+    return false;
+  }
+  // Stores cells of its own, rewrites the shared ones, looks up anybody's. Returns the faults.
+  int Work(ZrCompactFile& file, unsigned int worker, unsigned int stores) {
+    int faults = 0;
+    const auto put = [&](unsigned int cell, unsigned int stamp, unsigned int value) {
+      faults += !(Put(file, cell, stamp, value) && Note(cell, value));
+    };
+    for (unsigned int i = 0; i < stores; ++i) {
+      put(kOwn + worker * stores + i, 1, 1);
+      faults += !Verify(file, i % 2 == 0 ? i / 2 % kOwn : i * 7919 % (kSide * kSide));
+      put(kShared + worker, 1, newest[kShared + worker] + 1);
+      if (i % 8 != 0) continue;
+      const unsigned int stamp = ++stamps;
+      put(stamp % kShared, stamp, stamp);
+    }
+    return faults;
+  }
+};
+
+// Forks processes that end with 0 if `body` returns 0; those that hang are ended by the alarm.
+template <typename Body>
+std::vector<pid_t> Fork(unsigned int count, Body body) {
+  std::vector<pid_t> children(count);
+  for (unsigned int i = 0; i < count; ++i) {
+    children[i] = ::fork();
+    if (children[i] != 0) continue;
+    ::alarm(120);
+    ::_exit(body(i) == 0 ? 0 : 1);
+  }
+  return children;
+}
+
+void ExpectEnd(const std::vector<pid_t>& children, int expected) {
+  for (const pid_t child : children) {
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, expected);
+  }
+}
+
+void Pause() {
+  static std::atomic<unsigned int> calls = 0;
+  if (++calls % 16 == 0) std::this_thread::yield();
+}
+
+class Sharing : public EngineTest {
+ public:
+  // Files are written bit by bit, and now and then somebody else goes first: who does not keep
+  // others out, or does not wait for them, will notice.
+  Sharing() {
+    GetFileSyscalls().pread = [](int fd, void* bytes, std::size_t size, off_t position) {
+      Pause();
+      return ::pread(fd, bytes, size, position);
+    };
+    GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
+      Pause();
+      return ::pwrite(fd, bytes, std::min<std::size_t>(size, 1000), position);
+    };
+    GetFileSyscalls().pwritev = [](int fd, const iovec* parts, int, off_t position) {
+      return GetFileSyscalls().pwrite(fd, parts->iov_base, parts->iov_len, position);
+    };
+  }
+  ~Sharing() override {
+    GetFileSyscalls() = m_syscalls;
+    ::munmap(&ledger, sizeof ledger);
+  }
+
+  void ExpectAll(unsigned int cells) {
+    ASSERT_EQ(fresh.Open(path, u"", kLocked), 0U);
+    for (unsigned int cell = 0; cell < cells; ++cell)
+      ASSERT_EQ(Get(fresh, cell).payload, Payload(cell, ledger.newest[cell]));
+    for (unsigned int stamp = 1; stamp <= ledger.stamps; ++stamp)
+      ASSERT_EQ(Get(fresh, stamp % kShared, stamp).payload, Payload(stamp % kShared, stamp));
+    Check();
+  }
+  // Four threads that work and two that look, on the objects in turn.
+  void RunThreads(const std::vector<ZrCompactFile*>& objects) {
+    std::atomic<int> faults = 0, working = 4;
+    std::vector<std::thread> threads;
+    for (unsigned int i = 0; i < 6; ++i)
+      threads.emplace_back([&, i, &file = *objects[i % objects.size()]] {
+        if (i < 4) faults += ledger.Work(file, i, 400);
+        if (i < 4) --working;
+        for (unsigned int cell = 0; working > 0; cell = (cell + 1) % kOwn)
+          faults += !ledger.Verify(file, cell);
+        file.Close();
+      });
+    for (std::thread& thread : threads)
+      thread.join();
+    EXPECT_EQ(faults, 0);
+    ExpectAll(kOwn + 1600);
+  }
+
+ private:
+  const FileSyscalls m_syscalls = GetFileSyscalls();
+
+ protected:
+  Ledger& ledger = *new (::mmap(nullptr, sizeof(Ledger), PROT_READ | PROT_WRITE,
+                                MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Ledger();
+  ZrCompactFile fresh;
+};
+
+TEST_F(Sharing, Processes) {
+  MakeGrid(kSide, kSide, false, kLocked);
+  const auto children = Fork(4, [&](unsigned int i) {
+    return fresh.Open(path, u"", kLocked) == 0 ? ledger.Work(fresh, i, 2000) : 1;
+  });
+  ZrProcess lock;
+  EXPECT_EQ(lock.ProcessLockInit(path), 0U);
+  for (int i = 0; i < 10; ++i) {  // between any two operations the file is well-formed
+    EXPECT_TRUE(lock.ReaderLock(0));
+    Check();
+    lock.ReaderUnlock();
+  }
+  ExpectEnd(children, 0);
+  ExpectAll(kOwn + 8000);
+}
+
+TEST_F(Sharing, OpenersOfAMissingFileMakeOne) {
+  constexpr unsigned int kProcesses = 8;
+  const auto children = Fork(kProcesses, [&](unsigned int) {
+    std::array<ZrCompactFile, 200> files;
+    int faults = 0;
+    for (unsigned int round = 0; round < files.size(); ++round) {
+      const PelmUnicodeString name = folder.GetPath(std::to_string(round) + ".cf");
+      for (++ledger.arrived; ledger.arrived < kProcesses * (round + 1);)
+        std::this_thread::yield();
+      unsigned int capacity = 0, count = 1;
+      struct stat status = {};
+      faults += files[round].Open(name, u"", kLocked) != 0 ||
+                files[round].GetIndexInfo(capacity, count) != 1 || capacity != 128 || count != 0 ||
+                ::stat(name.ToUtf8().c_str(), &status) != 0;
+      const ino_t other = ledger.files[round].exchange(status.st_ino);
+      faults += other != 0 && other != status.st_ino;
+    }
+    return faults;
+  });
+  ExpectEnd(children, 0);
+  std::size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder.GetFolder())) {
+    const Support::FileChecker file(PelmUnicodeString::FromUtf8(entry.path().string()));
+    EXPECT_EQ(file.errors + std::to_string(file.entries.size()), "128");
+    ++files;
+  }
+  EXPECT_EQ(files, ledger.files.size());
+}
+
+TEST_F(Sharing, WhatAKilledProcessAcknowledgedIsThere) {
+  constexpr unsigned int kCells = 1000;
+  MakeGrid(kSide, kSide, false, kLocked);
+  std::minstd_rand random;
+  for (int round = 0; round < 40; ++round) {
+    const auto children = Fork(2, [&](unsigned int) {
+      bool stored = fresh.Open(path, u"", kLocked) == 0;
+      while (stored) {
+        const unsigned int stamp = ++ledger.stamps;
+        stored = Put(fresh, stamp % kCells, stamp, stamp);
+        if (stamp < ledger.acknowledged.size()) ledger.acknowledged[stamp] = stored;
+      }
+      ledger.stamps += 100;  // nobody is to wait for it
+      return 1;
+    });
+    for (const unsigned long stamp = ledger.stamps + random() % 50; ledger.stamps < stamp;)
+      std::this_thread::yield();
+    for (std::atomic<unsigned long> i = random() % 20000; i < 20000;)  // to any moment of a store
+      ++i;
+    for (const pid_t child : children)
+      ::kill(child, SIGKILL);
+    ExpectEnd(children, SIGKILL);
+    EXPECT_TRUE(Put(object, kCells, 1, 1)) << "nobody is in the way";
+  }
+  std::size_t acknowledged = 0;
+  for (unsigned int stamp = 0; stamp < ledger.acknowledged.size(); ++stamp) {
+    if (!ledger.acknowledged[stamp]) continue;
+    ++acknowledged;
+    ASSERT_EQ(Get(object, stamp % kCells, stamp).payload, Payload(stamp % kCells, stamp));
+  }
+  EXPECT_GE(acknowledged, 100U);
+  Check();
+}
+
+TEST_F(Sharing, FollowsThePath) {
+  const std::string here = path.ToUtf8(), there = folder.GetPath("there.cf").ToUtf8();
+  const auto expectNothing = [&] {
+    EXPECT_EQ(Read(0, 0, 1), (Tile{9, "before", 0}));
+    EXPECT_EQ(Store(0, 0, "lost", 1), 10U);
+    EXPECT_EQ(object.SetPassword(u"lost"), 0U);
+    EXPECT_FALSE(std::filesystem::exists(here));
+  };
+  ASSERT_EQ(fresh.Create(folder.GetPath("there"), 3, 3, u"", kLocked), 0U);
+  ASSERT_EQ(fresh.SetAt(2, 2, Data("new"), 0, 0, 1), 0U);
+  MakeGrid(2, 2, false, ZrCompactFile::kProcessLock);
+  std::filesystem::rename(there, here);
+  EXPECT_EQ(Read(2, 2, 1).payload, "new");
+  EXPECT_EQ(Store(1, 1, "kept", 1), 0U);
+  std::filesystem::rename(here, there);
+  expectNothing();
+  std::filesystem::rename(there, here);
+  EXPECT_EQ(Read(1, 1, 1).payload, "kept");
+  std::filesystem::remove(here);
+  expectNothing();
+  ASSERT_EQ(fresh.Create(path, 1, 1, u"", kLocked), 0U);
+  EXPECT_EQ(Store(0, 0, "again", 1), 0U);
+  EXPECT_EQ(ReadTile(fresh, 0, 0, 1).payload, "again");
+}
+
+TEST_F(Sharing, AnotherPasswordShutsOut) {
+  MakeGrid(1, 2, false, kLocked);
+  ASSERT_EQ(Store(0, 0, "tile", 1), 0U);
+  const auto change = [&](const PelmUnicodeString& from, const PelmUnicodeString& to) {
+    return fresh.Open(path, from, kLocked) == 0 ? fresh.SetPassword(to) : 0;
+  };
+  ExpectEnd(Fork(1, [&](unsigned int) { return change(u"", u"secret") - 1; }), 0);
+  const Support::Bytes scrambled = Support::ReadFile(path);
+  EXPECT_EQ(Read(0, 0, 1), (Tile{9, "before", 0}));
+  EXPECT_EQ(Store(0, 1, "x", 1), 10U);
+  EXPECT_EQ(object.GetStatus(0, 0), ZrCompactFile::kUnknown);
+  EXPECT_EQ(object.SetPassword(u"mine"), 0U);
+  EXPECT_EQ(Support::ReadFile(path), scrambled);
+  EXPECT_EQ(change(u"secret", u""), 1U);
+  EXPECT_EQ(Read(0, 0, 1).payload, "tile");
+  EXPECT_EQ(Store(0, 1, "x", 1), 0U);
+  EXPECT_EQ(object.GetStatus(0, 1), ZrCompactFile::kComplete);
+}
+
+TEST_F(Sharing, ThreadsOnOneAndOnTwoObjects) {
+  MakeGrid(kSide, kSide);
+  RunThreads({&object});
+  Reopen(kLocked);
+  RunThreads({&object});
+  RunThreads({&object, &fresh});
+}
+
+TEST_F(Sharing, AccessorsGoOnAndNeverMixTwoFiles) {
+  using Info = std::array<unsigned int, 3>;
+  const PelmUnicodeString naming = folder.GetPath("n.cf");
+  MakeGrid(3, 5, false, kLocked);
+  ASSERT_EQ(Store(0, 1, "ours", 1), 0U);
+  ASSERT_EQ(fresh.Open(path, u"", kLocked), 0U);
+  std::atomic<int> faults = 0, working = 1;
+  std::thread asking([&] {
+    for (unsigned int i = 0; working > 0; ++i) {
+      Info info = {};
+      info[0] = object.GetIndexInfo(info[1], info[2]);
+      faults += info != Info{} && info != Info{0, 3, 5} && info != Info{1, 16, 0};
+      const PelmUnicodeString name = object.GetFullPath();
+      faults += name != path && name != naming;
+      unsigned long long value = std::uint64_t{ZrCompactFile::kComplete} << 56;
+      object.GetGridIdxValue(0, 1, value);
+      faults += value >> 56 != ZrCompactFile::kComplete;
+      const auto status = object.GetStatus(0, 1);
+      faults += status != ZrCompactFile::kComplete && status != ZrCompactFile::kUnknown;
+      if (object.IsOpen() && object.IsVersionEnabled() && object.IsDeadLocked()) object.Flush();
+      object.SetMaxSize(i, i);
+    }
+  });
+  std::thread storing([&] {
+    for (unsigned int stamp = 2; working > 0; ++stamp)
+      faults += fresh.SetAt(0, 1, Data("theirs"), 0, 0, stamp % 100) != 0;
+  });
+  for (int i = 0; i < 100; ++i) {
+    faults += object.Open(path, u"", kLocked) != 0 || Store(0, 2, "ours", 1) != 0;
+    faults += Read(0, 2, 1).payload != "ours" || !object.Close();
+    faults += object.Create(naming, 16ULL, u"", ZrCompactFile::kReplace | kLocked) != 0;
+  }
+  --working;
+  asking.join();
+  storing.join();
+  EXPECT_EQ(faults, 0);
+}
+
+TEST_F(Sharing, TheLastUserClosesTheFile) {
+  ASSERT_EQ(fresh.Create(folder.GetPath("other"), 1, 1, u"", kMode), 0U);
+  ASSERT_EQ(fresh.SetAt(0, 0, Data("other"), 0, 0, 1), 0U);
+  Support::WriteFile(folder.GetPath("bad.cf"), {});
+  MakeGrid(1, 1);
+  const auto inThread = [](auto body) { std::thread(body).join(); };
+  inThread([&] {
+    EXPECT_EQ(object.Open(path, u"", kMode), 0U);
+    EXPECT_TRUE(object.Close());
+    EXPECT_TRUE(object.IsOpen()) << "the first thread has it open";
+  });
+  EXPECT_TRUE(object.Close());
+  EXPECT_FALSE(object.IsOpen());
+  Reopen();
+  inThread([&] {
+    EXPECT_EQ(object.Open(folder.GetPath("bad"), u"", kMode), 3U);
+    EXPECT_EQ(Read(0, 0, 1).result, 5U) << "taken away only for one that can be opened";
+    EXPECT_EQ(object.Open(folder.GetPath("other"), u"", kMode), 0U);
+  });
+  EXPECT_EQ(Read(0, 0, 1).payload, "other");
+  EXPECT_TRUE(object.Close());
+  EXPECT_TRUE(object.IsOpen()) << "the second thread has not closed it";
+}
+
+}  // namespace
+}  // namespace Zarn
