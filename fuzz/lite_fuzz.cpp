@@ -140,6 +140,8 @@ void Store(unsigned int row, unsigned int col, const std::string& text, Number c
 
   const Tile now = Look(row, col, stamp);
   const bool inPlace = now.entry == old.entry;
+  const bool isTile = now.entry >> 56 == 1 || now.entry >> 56 == 2;
+  CHECK(!stored || (isTile && (inPlace || now.position >= length)));
   if (stored && inPlace && old.length > length - old.position) {
     CHECK(FileLength() == length);           // it ended beyond the file: silently nothing
   } else if (stored && !g_reader.m_bSwap) {  // records are written in host order

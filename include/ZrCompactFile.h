@@ -26,6 +26,7 @@ class RecordImage;
 struct StoredName;
 }  // namespace Format
 namespace Io {
+enum class NameRead;
 struct RecordGuess;
 }  // namespace Io
 namespace Engine {
@@ -287,9 +288,11 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
 
   // Naming index. Called with m_mutex and the lock between processes held.
   bool IsNaming() const;
-  bool GetNamingIdxValue(const Engine::NameKey& key, Engine::NameSlot& slot) const;
-  bool GetKeyString(unsigned long long recordPosition, ZrByteArray& key) const;
-  bool HasName(const Engine::TileEntry& entry, const Engine::NameKey& key) const;
+  bool GetNamingIdxValue(const Engine::NameKey& key, ZrByteArray& buffer,
+                         Engine::NameSlot& slot) const;
+  Io::NameRead GetKeyString(unsigned long long recordPosition, ZrByteArray& key) const;
+  std::optional<bool> HasName(const Engine::TileEntry& entry, const Engine::NameKey& key,
+                              ZrByteArray& buffer) const;
   bool UpdateNamingIndex(const Engine::NameSlot& slot);
   bool WriteNamingHeader(unsigned long long indexOffset, unsigned long long capacity,
                          unsigned long long count);

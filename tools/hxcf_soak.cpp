@@ -243,6 +243,7 @@ class Soak {
       new (&cell) Cell();
     for (std::uint32_t slot = 0; slot < g_processes; ++slot)
       Start(slot);
+    ::alarm(kHangSeconds);
     while (Clock::now() < end && std::filesystem::file_size(m_native) < kMostBytes) {
       const auto pause = 2000 + m_random() % (1000 * m_mostPause - 1999);
       std::this_thread::sleep_for(std::chrono::microseconds(pause));
@@ -383,7 +384,8 @@ int main(int argc, char** argv) {
   const auto seconds = argument(2, 0);
   const auto mostPause = argument(5, 20);
   g_processes = static_cast<std::uint32_t>(argument(3, 4));
-  if (argc < 3 || argc > 6 || g_processes < 1 || g_processes > kMostProcesses || mostPause < 2) {
+  if (argc < 3 || argc > 6 || g_processes < 1 || g_processes > kMostProcesses || mostPause < 2 ||
+      mostPause > 1000) {
     std::fprintf(stderr, "usage: %s FOLDER SECONDS [PROCESSES [SEED [MOST_MS_BETWEEN_KILLS]]]\n",
                  argv[0]);
     return 2;
@@ -397,7 +399,7 @@ int main(int argc, char** argv) {
   Soak soak(argv[1], argument(4, std::random_device()()), static_cast<unsigned int>(mostPause));
   do
     soak.Run(end);
-  while (Clock::now() < end && g_ledger->errors == 0);
+  while (Clock::now() < end && g_ledger->errors < 100);
   soak.Report(true);
   return g_ledger->errors == 0 ? 0 : 1;
 }

@@ -34,30 +34,48 @@ bool LoadGridIndex(FileState& state, std::uint64_t indexOffset) {
                       count * Format::kGridEntrySize, Format::kGridEntrySize);
 }
 
-// Reads the hash codes of the slots from `first` on into the table. What lies beyond the end of the
-// file is empty.
+// Reads the hash codes of the slots from `first` on into the table. Those beyond the end of the
+// file are empty, all with the code 0, of which the last counts.
 bool AddNames(const FileState& state, std::uint64_t indexOffset, std::uint64_t first) {
   constexpr std::uint64_t kSlotsAtOnce = 16384;
+  constexpr std::uint64_t kSlotSize = Format::kNamingSlotSize;
+  const std::uint64_t start = Format::NamingSlotOffset(indexOffset, 0);
   const std::uint64_t count = state.naming.count;
+  std::uint64_t fileLength;
+  if (!state.file->GetLength(fileLength)) return false;
+  const std::uint64_t inFile = fileLength > start ? (fileLength - start) / kSlotSize : 0;
+  const std::uint64_t present = std::min(count, inFile);
   ZrByteArray slots;
-  if (!state.names->Reserve(count)) return false;
-  for (std::uint64_t slot = first; slot < count; slot += kSlotsAtOnce) {
-    const std::uint64_t now = std::min(kSlotsAtOnce, count - slot);
-    const std::uint64_t position = Format::NamingSlotOffset(indexOffset, slot);
-    slots.Resize(0);
-    if (!slots.Resize(now * Format::kNamingSlotSize)) return false;
-    const std::uint64_t got = state.file->ReadUpTo(position, slots.GetData(), slots.GetSize());
-    std::uint64_t length;
-    if (got < slots.GetSize() && (!state.file->GetLength(length) || length > position + got))
+  if (!state.names->Reserve(present + 1)) return false;
+  for (std::uint64_t slot = first; slot < present; slot += kSlotsAtOnce) {
+    const std::uint64_t now = std::min(kSlotsAtOnce, present - slot);
+    if (!slots.ResizeForOverwrite(now * kSlotSize) ||
+        !state.file->ReadAt(start + slot * kSlotSize, slots.GetData(), slots.GetSize()))
       return false;
-    for (std::uint64_t i = 0; i < now; ++i) {
-      const unsigned char* code = slots.GetData() + i * Format::kNamingSlotSize + Format::kWidth8;
-      if (!state.names->Insert(LoadScalar<std::uint64_t>(code, state.swap),
+    for (std::uint64_t i = 0; i < now; ++i)
+      if (!state.names->Insert(LoadScalar<std::uint64_t>(
+                                   slots.GetData() + i * kSlotSize + Format::kWidth8, state.swap),
                                static_cast<std::uint32_t>(slot + i)))
         return false;
-    }
   }
-  return true;
+  return present == count || state.names->Insert(0, static_cast<std::uint32_t>(count - 1));
+}
+
+// Whether the index has only grown since `previous` was loaded. Slots are never taken back, so it
+// then has the names that it had. One that was made anew, by compaction, has another time of
+// creation; and the last slot that was known must still be the same.
+bool HasOnlyGrown(const FileState& state, const FileState& previous, std::uint64_t indexOffset) {
+  if (previous.names == nullptr || previous.file != state.file ||
+      Format::HeaderView(previous.header).CreateTime() !=
+          Format::HeaderView(state.header).CreateTime() ||
+      previous.naming.count > state.naming.count)
+    return false;
+  if (previous.naming.count == 0) return true;
+  const std::uint64_t last = previous.naming.count - 1;
+  std::uint64_t code;
+  return state.file->ReadAt(Format::NamingSlotOffset(indexOffset, last) + Format::kWidth8, &code,
+                            sizeof code) &&
+         previous.names->Find(LoadScalar<std::uint64_t>(&code, state.swap)) == last;
 }
 
 bool LoadNamingIndex(FileState& state, const FileState& previous, std::uint64_t indexOffset) {
@@ -70,12 +88,7 @@ bool LoadNamingIndex(FileState& state, const FileState& previous, std::uint64_t 
   if (!ProvideIndex(state, Format::NamingSlotOffset(indexOffset, 0),
                     state.naming.capacity * Format::kNamingSlotSize, Format::kNamingSlotSize))
     return false;
-  // Slots are never taken back, so an index that has only grown has the names that it had. One that
-  // was made anew, by compaction, has another time of creation.
-  const bool hasGrown = previous.names != nullptr && previous.file == state.file &&
-                        Format::HeaderView(previous.header).CreateTime() ==
-                            Format::HeaderView(state.header).CreateTime() &&
-                        previous.naming.count <= state.naming.count;
+  const bool hasGrown = HasOnlyGrown(state, previous, indexOffset);
   state.names = hasGrown ? previous.names : std::make_shared<NameTable>();
   return AddNames(state, indexOffset, hasGrown ? previous.naming.count : 0);
 }

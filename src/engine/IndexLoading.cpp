@@ -43,6 +43,7 @@ unsigned int ZrCompactFile::RefreshIndex() {
   if (result == ZrResult::kOk) {
     Publish(state);
   } else {
+    m_mapHashCode = nullptr;  // it may have been added to
     const std::lock_guard guard(m_stateMutex);
     m_bIndexValid = false;
   }

@@ -64,22 +64,6 @@ bool NameTable::Insert(std::uint64_t code, std::uint32_t slot) {
   return true;
 }
 
-// Closes the gap: an entry behind it moves up unless that would put it before its home.
-void NameTable::Erase(std::uint64_t code) {
-  if (m_places.empty()) return;
-  std::size_t gap = PlaceOf(code);
-  if (m_places[gap].slotPlusOne == 0) return;
-  --m_size;
-  const std::size_t mask = m_places.size() - 1;
-  for (std::size_t place = Next(gap); m_places[place].slotPlusOne != 0; place = Next(place)) {
-    const std::size_t distance = (place - Home(m_places[place].code)) & mask;
-    if (distance < ((place - gap) & mask)) continue;
-    m_places[gap] = m_places[place];
-    gap = place;
-  }
-  m_places[gap] = {};
-}
-
 std::vector<NameTable::Entry> NameTable::Sorted() const {
   std::vector<Entry> entries;
   entries.reserve(m_size);

@@ -26,8 +26,6 @@ class NameTable {
   bool Reserve(std::size_t size);
   /// Of two slots with one code the later insertion counts. False if memory is short.
   bool Insert(std::uint64_t code, std::uint32_t slot);
-  /// Takes a code out.
-  void Erase(std::uint64_t code);
 
   /// All entries in ascending order of their codes.
   std::vector<Entry> Sorted() const;

@@ -5,6 +5,7 @@
 #include "NameKey.h"
 #include "NameTable.h"
 #include "OperationLock.h"
+#include "RecordReader.h"
 #include "StoreArguments.h"
 #include "Tile.h"
 #include "ZrCompactFile.h"
@@ -18,8 +19,12 @@ using Engine::OperationLock;
 namespace {
 
 bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data) {
-  ZrFile64 file;
-  return file.Open(path, ZrFile64::kRead) && file.Load(data);
+  try {
+    ZrFile64 file;
+    return file.Open(path, ZrFile64::kRead) && file.Load(data);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 }  // namespace
@@ -38,15 +43,20 @@ unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const ZrByteArr
     return ZrResult::kWriteFailure;
   const OperationLock lock(*this, OperationLock::kWriter);
   if (!m_bOpened) return ZrResult::kNotOpen;
-  // The index grows before the name is looked up, deliberately also for one that is there.
-  if (!lock.IsUsable() || IsReadOnly() || !IsNaming() || !IncreaseNamingIndexCapacity())
-    return ZrResult::kWriteFailure;
+  ZrByteArray* buffer = lock.IsUsable() ? GetSwapData() : nullptr;
+  if (buffer == nullptr || IsReadOnly() || !IsNaming()) return ZrResult::kWriteFailure;
   try {
     const NameKey key(name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
     NameSlot slot;
-    if (!key.IsStorable() || !GetNamingIdxValue(key, slot)) return ZrResult::kWriteFailure;
-    if (!slot.entry.HoldsRecord()) slot.entry.status = Format::kStatusEmpty;
-    const std::string stored = key.GetStoredBytes();
+    // The index grows before the name is looked up, deliberately also for one that is there.
+    if (!key.IsStorable() || !IncreaseNamingIndexCapacity() ||
+        !GetNamingIdxValue(key, *buffer, slot))
+      return ZrResult::kWriteFailure;
+    std::string stored;
+    if (!slot.entry.HoldsRecord()) {
+      slot.entry.status = Format::kStatusEmpty;
+      stored = key.GetStoredBytes();
+    }
     if (!StoreIntoTile(slot.entry, {data, *span, version, {key.GetCharset(), stored}}))
       return ZrResult::kWriteFailure;
     slot.entry.FollowCompleteness(*span);
@@ -103,7 +113,7 @@ unsigned int ZrCompactFile::LookupName(const NameKey& key, OperationLock& lock, 
     std::uint64_t value;
     if (!m_pIndex->ReadValue(number, m_bSwap, value)) return ZrResult::kReadFailure;
     slot = {{number, value}, key.GetHashCode(), false};
-  } else if (!GetNamingIdxValue(key, slot)) {
+  } else if (!GetNamingIdxValue(key, *buffer, slot)) {
     return slot.isNew ? ZrResult::kNotFound : ZrResult::kReadFailure;
   }
   if (slot.entry.status == Format::kStatusEmpty) return ZrResult::kNotFound;
@@ -115,17 +125,18 @@ unsigned int ZrCompactFile::LookupName(const NameKey& key, OperationLock& lock, 
     if (result != ZrResult::kReadFailure) return result;
   }
   // What cannot be read is a failure for its own name only.
-  return HasName(slot.entry, key) ? ZrResult::kReadFailure : ZrResult::kNotFound;
+  return HasName(slot.entry, key, *buffer) == false ? ZrResult::kNotFound : ZrResult::kReadFailure;
 }
 
 unsigned int ZrCompactFile::Remove(const PelmUnicodeString& name, unsigned long long version) {
   if (const auto cache = GetCacheFile()) return cache->RemoveFile(name, 0, 0);
   const OperationLock lock(*this, OperationLock::kWriter);
-  if (!lock.IsUsable() || !IsNaming() || GetSwapData() == nullptr) return ZrResult::kWriteFailure;
+  ZrByteArray* buffer = lock.IsUsable() ? GetSwapData() : nullptr;
+  if (buffer == nullptr || !IsNaming()) return ZrResult::kWriteFailure;
   try {
     const NameKey key(name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
     NameSlot slot;
-    if (!GetNamingIdxValue(key, slot) || slot.isNew) return ZrResult::kWriteFailure;
+    if (!GetNamingIdxValue(key, *buffer, slot) || slot.isNew) return ZrResult::kWriteFailure;
     if (!slot.entry.HoldsRecord() || !HasVersions()) return ZrResult::kOk;
     if (!RemoveFromTile(slot.entry, version)) return ZrResult::kWriteFailure;
     return UpdateNamingIndex(slot) ? ZrResult::kOk : ZrResult::kWriteFailure;
@@ -137,11 +148,12 @@ unsigned int ZrCompactFile::Remove(const PelmUnicodeString& name, unsigned long 
 ZrCompactFile::ZrStatus ZrCompactFile::GetStatus(const PelmUnicodeString& name) {
   if (name.IsEmpty()) return kUnknown;
   const OperationLock lock(*this, OperationLock::kReader);
-  if (!lock.IsUsable() || !IsNaming() || GetSwapData() == nullptr) return kUnknown;
+  ZrByteArray* buffer = lock.IsUsable() ? GetSwapData() : nullptr;
+  if (buffer == nullptr || !IsNaming()) return kUnknown;
   try {
     const NameKey key(name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
     NameSlot slot;
-    if (!GetNamingIdxValue(key, slot)) return slot.isNew ? kEmpty : kUnknown;
+    if (!GetNamingIdxValue(key, *buffer, slot)) return slot.isNew ? kEmpty : kUnknown;
     return static_cast<ZrStatus>(slot.entry.status);
   } catch (const std::bad_alloc&) {
     return kUnknown;

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <new>
 
 #include "FileState.h"
@@ -5,6 +6,7 @@
 #include "NameHash.h"
 #include "NameKey.h"
 #include "OperationLock.h"
+#include "RecordReader.h"
 #include "Tile.h"
 #include "ZrCompactFile.h"
 
@@ -20,41 +22,47 @@ bool ZrCompactFile::IsNaming() const {
 
 // Finds the slot of a name, or the code under which it would get one. The walk through the names of
 // one hash deliberately stops at the first slot whose tile is gone, even if the name follows
-// further on: that slot is then taken for the name. False if the index cannot be read, or all
-// ordinals are taken by other names.
-bool ZrCompactFile::GetNamingIdxValue(const NameKey& key, NameSlot& slot) const {
+// further on: that slot is then taken for the name.
+//
+// False, with `slot.isNew`, if all ordinals are taken by other names; false without, if the index
+// or a name that had to be compared could not be read.
+bool ZrCompactFile::GetNamingIdxValue(const NameKey& key, ZrByteArray& buffer,
+                                      NameSlot& slot) const {
   std::uint64_t probe = key.GetHashCode();
   const std::uint32_t run = m_mapHashCode->CountSame(probe);
   for (std::uint32_t i = 0; i < run; ++i) {
     const std::uint32_t number = *m_mapHashCode->Find(probe);
     std::uint64_t value;
+    slot = {};
     if (!m_pIndex->ReadValue(number, m_bSwap, value)) return false;
     slot = {{number, value}, probe, false};
-    if (slot.entry.status == Format::kStatusEmpty || HasName(slot.entry, key)) return true;
+    if (slot.entry.status == Format::kStatusEmpty) return true;
+    const auto matches = HasName(slot.entry, key, buffer);
+    if (!matches || *matches) return matches.has_value();
     probe = Format::NextHashCode(probe);
   }
   slot = {{static_cast<std::uint32_t>(m_nNamingCount), 0}, probe, true};
   return run <= Format::kLastOrdinal;
 }
 
-// The name stored in a record. False if it does not lie in the record, or cannot be read whole.
-bool ZrCompactFile::GetKeyString(unsigned long long recordPosition, ZrByteArray& key) const {
-  unsigned char head[Format::kNameOffset];
-  if (!IsRecordPlace(recordPosition, sizeof head) ||
-      !m_file->ReadAt(recordPosition, head, sizeof head))
-    return false;
-  const auto recordLength = LoadScalar<std::uint64_t>(head, m_bSwap);
-  const auto length = LoadScalar<std::uint32_t>(head + Format::kNameLengthOffset, m_bSwap);
-  std::uint64_t fileLength;
-  return recordLength >= Format::kMinNamingRecord &&
-         length <= recordLength - Format::kMinNamingRecord && m_file->GetLength(fileLength) &&
-         length <= fileLength && key.ResizeForOverwrite(length) &&
-         m_file->ReadAt(recordPosition + Format::kNameOffset, key.GetData(), length);
+// Whether the record of an entry has this name; nothing if that cannot be told. A record whose name
+// is damaged has another one.
+std::optional<bool> ZrCompactFile::HasName(const TileEntry& entry, const NameKey& key,
+                                           ZrByteArray& buffer) const {
+  switch (GetKeyString(entry.position, buffer)) {
+    case Io::NameRead::kRead:
+      return key.Matches(buffer.GetData(), buffer.GetSize());
+    case Io::NameRead::kNone:
+      return false;
+    default:
+      return std::nullopt;
+  }
 }
 
-bool ZrCompactFile::HasName(const TileEntry& entry, const NameKey& key) const {
-  ZrByteArray stored;
-  return GetKeyString(entry.position, stored) && key.Matches(stored.GetData(), stored.GetSize());
+Io::NameRead ZrCompactFile::GetKeyString(unsigned long long recordPosition,
+                                         ZrByteArray& key) const {
+  if (!IsRecordPlace(recordPosition, Format::kNameOffset)) return Io::NameRead::kNone;
+  return Io::RecordReader(*m_file, Format::kNamingFile, m_bSwap).ReadName(recordPosition, key);
 }
 
 // Writes the slot of a name. A new one is written before it is counted in, so that an operation cut
@@ -112,10 +120,11 @@ bool ZrCompactFile::IncreaseNamingIndexCapacity() {
   } catch (const std::bad_alloc&) {
     return false;
   }
+  // All the room first: a full disk shows before anything is copied.
   if (newOffset == 0 || !index->IsUsable() ||
+      !m_file->ZeroFill(newOffset, Format::kNamingHeaderSize + 2 * oldSize) ||
       !WriteNamingHeader(newOffset, capacity, m_nNamingCount) ||
-      !CopySlots(oldStart, newStart, oldSize) || !m_file->ZeroFill(newStart + oldSize, oldSize) ||
-      !m_file->Sync())
+      !CopySlots(oldStart, newStart, oldSize) || !m_file->Sync())
     return false;
   Format::HeaderImage header = m_header;
   Format::SetIndexOffset(header, newOffset);
@@ -150,16 +159,18 @@ bool ZrCompactFile::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
   if (const auto cache = GetCacheFile()) return cache->ListFiles(names) == 0;
   const Engine::OperationLock lock(*this, Engine::OperationLock::kWriter);
   if (!lock.IsUsable() || !IsNaming()) return false;
-  const bool hasUnits = Format::HeaderView(m_header).FormatVersion() == Format::kCurrentVersion;
+  const std::uint32_t version = Format::HeaderView(m_header).FormatVersion();
+  if (version != Format::kCurrentVersion && version != Format::kOlderVersion) return true;
   try {
     ZrByteArray key;
     for (const Engine::NameTable::Entry& place : m_mapHashCode->Sorted()) {
       std::uint64_t value;
-      if (!m_pIndex->ReadValue(place.slot, m_bSwap, value) ||
-          !GetKeyString(Format::PositionOf(value), key))
-        continue;
+      if (!m_pIndex->ReadValue(place.slot, m_bSwap, value)) return false;
+      const auto read = GetKeyString(Format::PositionOf(value), key);
+      if (read == Io::NameRead::kFailed) return false;
+      if (read == Io::NameRead::kNone) continue;
       std::u16string units;  // stays empty in an older file
-      for (std::uint64_t i = 0; hasUnits && i + 1 < key.GetSize(); i += 2)
+      for (std::uint64_t i = 0; version == Format::kCurrentVersion && i + 1 < key.GetSize(); i += 2)
         units.push_back(LoadScalar<std::uint16_t>(key.GetData() + i, m_bSwap));
       names.Add(PelmUnicodeString(std::move(units)));
     }

@@ -53,6 +53,32 @@ bool RecordReader::ReadHead(std::uint64_t position, std::uint64_t guessedLength,
   return CompleteHead(position, got, parse, buffer) && buffer.Resize(m_head.size);
 }
 
+NameRead RecordReader::ReadName(std::uint64_t position, ZrByteArray& buffer) {
+  if (!buffer.ResizeForOverwrite(kUsualHead)) return NameRead::kFailed;
+  const std::uint64_t got = m_file.ReadUpTo(position, buffer.GetData(), kUsualHead);
+  if (got < Format::kNameOffset) return MissingName(position + Format::kNameOffset);
+  const auto length = LoadScalar<std::uint64_t>(buffer.GetData(), m_swap);
+  const auto nameLength =
+      LoadScalar<std::uint32_t>(buffer.GetData() + Format::kNameLengthOffset, m_swap);
+  if (length < Format::kMinNamingRecord || nameLength > length - Format::kMinNamingRecord)
+    return NameRead::kNone;
+  const std::uint64_t end = Format::kNameOffset + nameLength;
+  if (end > got) {
+    if (MissingName(position + end) == NameRead::kNone) return NameRead::kNone;
+    if (!buffer.ResizeForOverwrite(end) || !m_file.ReadAt(position, buffer.GetData(), end))
+      return NameRead::kFailed;
+  }
+  buffer.DropFront(Format::kNameOffset);
+  return buffer.Resize(nameLength) ? NameRead::kRead : NameRead::kFailed;
+}
+
+// What it means that a name which ends at `end` was not read: there is none if the file ends
+// before.
+NameRead RecordReader::MissingName(std::uint64_t end) const {
+  std::uint64_t length;
+  return m_file.GetLength(length) && length < end ? NameRead::kNone : NameRead::kFailed;
+}
+
 // Reads on, from the start, until the head is whole. Before memory is had for what the record
 // states, and again when more of it was read, it is known to lie in the file.
 bool RecordReader::CompleteHead(std::uint64_t position, std::uint64_t available, HeadParse parse,

@@ -12,6 +12,12 @@ struct RecordGuess {
   std::uint64_t payloadSize = 0;  // 0: unknown, the head is read first
 };
 
+enum class NameRead {
+  kRead,
+  kNone,    ///< no name lies there, or not wholly in its record and in the file
+  kFailed,  ///< it could not be told: the file could not be read, or memory is short
+};
+
 /// Reads records of a file into buffers of the caller's. A record that does not hold what it
 /// states, or that runs past the end of the file, is not read.
 ///
@@ -28,6 +34,10 @@ class RecordReader {
   /// Reads a head; `buffer` gets exactly that. `guessedLength` is the whole record's; 0: unknown.
   bool ReadHead(std::uint64_t position, std::uint64_t guessedLength, ZrByteArray& buffer);
 
+  /// Reads the name in a record of a naming file, of which nothing else need be sound; `buffer`
+  /// gets exactly its bytes.
+  NameRead ReadName(std::uint64_t position, ZrByteArray& buffer);
+
   /// What was read last; valid after a success.
   const Format::RecordHead& Head() const { return m_head; }
   /// The name in it, in a naming file; valid as long as the version table.
@@ -39,6 +49,7 @@ class RecordReader {
   bool CompleteHead(std::uint64_t position, std::uint64_t available, Format::HeadParse parse,
                     ZrByteArray& buffer);
   bool EndsInFile(std::uint64_t position) const;
+  NameRead MissingName(std::uint64_t end) const;
   Format::HeadParse Parse(const unsigned char* bytes, std::uint64_t available);
 
   const ZrFileStream& m_file;

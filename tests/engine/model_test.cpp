@@ -159,7 +159,7 @@ INSTANTIATE_TEST_SUITE_P(Engine, Model, ::testing::Combine(::testing::Bool(), ::
                          });
 
 TEST_P(Model, RandomOperations) {
-  for (unsigned int seed = 0; seed < 150 && !HasFailure(); ++seed) {
+  for (unsigned int seed = 0; seed < 500 && !HasFailure(); ++seed) {
     SCOPED_TRACE(seed);
     Run(seed);
   }
