@@ -46,7 +46,11 @@ Reader g_reader;
 struct Input {
   const unsigned char* bytes;
   std::size_t size;
-  unsigned char Next() { return size == 0 ? '\0' : (--size, *bytes++); }
+  unsigned char Next() {
+    if (size == 0) return 0;
+    --size;
+    return *bytes++;
+  }
   Number NextNumber() {  // small, or near a limit
     constexpr Number kMax = ZrCompactFile::kMaxCapacity;
     constexpr Number kLarge[] = {1000, 60000, kMax, kMax + 1, UINT32_MAX, UINT64_MAX};
@@ -95,7 +99,8 @@ struct Tile {
 Tile Look(unsigned int row, unsigned int col, Number stamp) {
   Tile tile;
   const bool open = g_reader.IsOpen(), exists = g_reader.ReadIndexValue(row, col, tile.entry);
-  CHECK(g_writer.GetStatus(row, col) == (exists ? tile.entry >> 56 : ZrCompactFile::kUnknown));
+  CHECK(g_writer.GetStatus(row, col) ==
+        (exists ? tile.entry >> 56 : Number{ZrCompactFile::kUnknown}));
   tile.position = tile.entry << 8 >> 8;
   if (::pread(g_file, &tile.length, 8, static_cast<off_t>(tile.position)) != 8) tile.length = 0;
   if (g_reader.m_bSwap) tile.length = __builtin_bswap64(tile.length);

@@ -65,8 +65,8 @@ struct TileStore;
 ///
 /// Crash. What an operation has acknowledged survives the death of the process at any moment. An
 /// operation cut short, by a kill or by a disk that fails, leaves its tile as it was; except that a
-/// record being rewritten in its own place (the same stamp stored again with no more room than
-/// before, or an older version removed) may be left half old, half new. A full disk is noticed
+/// version being rewritten in its own place (the same stamp stored again with no more room than
+/// before) may be left half old, half new. A full disk is noticed
 /// before anything is overwritten. Loss of power may cost whatever came after the last Flush. A
 /// process with a limit on file sizes should ignore SIGXFSZ, to see a result instead.
 class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
@@ -284,7 +284,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned long long GetIndexEnd() const;
   std::optional<std::uint32_t> FindCell(unsigned int row, unsigned int col) const;
   bool ReadGridSlot(unsigned int row, unsigned int col, Engine::TileEntry& entry) const;
-  bool WriteIndexValue(const Engine::TileEntry& entry);
+  bool WriteIndexValue(Engine::TileEntry& entry);
 
   // Naming index. Called with m_mutex and the lock between processes held.
   bool IsNaming() const;
@@ -293,7 +293,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   Io::NameRead GetKeyString(unsigned long long recordPosition, ZrByteArray& key) const;
   std::optional<bool> HasName(const Engine::TileEntry& entry, const Engine::NameKey& key,
                               ZrByteArray& buffer) const;
-  bool UpdateNamingIndex(const Engine::NameSlot& slot);
+  bool UpdateNamingIndex(Engine::NameSlot& slot);
   bool WriteNamingHeader(unsigned long long indexOffset, unsigned long long capacity,
                          unsigned long long count);
   bool IncreaseNamingIndexCapacity();
@@ -316,6 +316,10 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                         const Engine::TileStore& store);
   unsigned long long WriteDataToDataFile(unsigned long long position, bool append,
                                          const Format::RecordImage& image);
+  bool RewriteRecord(Engine::TileEntry& entry, unsigned long long position,
+                     const Format::RecordImage& image);
+  bool WriteHeadAndDataInPlace(unsigned long long position, const Format::RecordImage& image,
+                               const Engine::TileStore& store);
   bool UpdateSwapData(Format::RecordImage& image, const Engine::TileStore& store);
   unsigned long long AppendSwapData(Format::RecordImage& image, const Engine::TileStore& store);
   unsigned long long AppendNewRecord(Format::RecordImage& image, const Engine::TileStore& store);

@@ -368,7 +368,7 @@ class Soak {
   ZrCompactFile m_file;
 };
 
-extern "C" void ReportHang(int) {
+extern "C" void ReportHang(int /*signal*/) {
   const char text[] = "hang: no operation has ended for 20 seconds\n";
   if (::write(STDERR_FILENO, text, sizeof text - 1) > 0) {
   }

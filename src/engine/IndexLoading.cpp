@@ -153,7 +153,7 @@ bool ZrCompactFile::ReadGridSlot(unsigned int row, unsigned int col,
 
 // Writes an index value that has changed, to the file first: what the kernel has not taken must not
 // be believed in memory. A failed write, which may have stopped half-way, is taken back.
-bool ZrCompactFile::WriteIndexValue(const Engine::TileEntry& entry) {
+bool ZrCompactFile::WriteIndexValue(Engine::TileEntry& entry) {
   if (entry.Value() == entry.stored) return true;
   const Format::HeaderView header(m_header);
   const bool isGrid = header.FileKind() == Format::kGridFile;
@@ -164,8 +164,10 @@ bool ZrCompactFile::WriteIndexValue(const Engine::TileEntry& entry) {
   std::uint64_t bytes;
   StoreScalar(&bytes, entry.Value(), m_bSwap);
   if (m_file->WriteAt(start + offset, &bytes, sizeof bytes) &&
-      m_pIndex->Write(offset, &bytes, sizeof bytes))
+      m_pIndex->Write(offset, &bytes, sizeof bytes)) {
+    entry.stored = entry.Value();
     return true;
+  }
   StoreScalar(&bytes, entry.stored, m_bSwap);
   m_file->WriteAt(start + offset, &bytes, sizeof bytes);
   m_pIndex->Forget();

@@ -67,7 +67,7 @@ Io::NameRead ZrCompactFile::GetKeyString(unsigned long long recordPosition,
 
 // Writes the slot of a name. A new one is written before it is counted in, so that an operation cut
 // short leaves no trace.
-bool ZrCompactFile::UpdateNamingIndex(const NameSlot& slot) {
+bool ZrCompactFile::UpdateNamingIndex(NameSlot& slot) {
   if (!slot.isNew) return WriteIndexValue(slot.entry);
   if (m_nNamingCount >= m_nNamingCapacity || !m_mapHashCode->Reserve(m_nNamingCount + 1))
     return false;

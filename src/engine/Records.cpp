@@ -11,6 +11,14 @@
 #include "ZrThread.h"
 
 namespace Zarn {
+namespace {
+
+bool SpansPages(std::uint64_t position, std::uint64_t size) {
+  constexpr std::uint64_t kPageSize = 4096;
+  return position / kPageSize != (position + size - 1) / kPageSize;
+}
+
+}  // namespace
 
 // The calling thread's buffer, made on first use; the map of them is also the list of the object's
 // users. Null while nothing is open, or if memory is short.
@@ -89,6 +97,46 @@ unsigned long long ZrCompactFile::WriteDataToDataFile(unsigned long long positio
   const bool written = position != 0 && length <= image.Bytes().GetSize() &&
                        m_file->WriteAt(position, image.Bytes().GetData(), length);
   return written ? position : 0;
+}
+
+// Replaces a record by the one in the image, which is no longer, in its place, and makes it the
+// tile's current one. The kernel stops a write of a killed process between two pages, so a record
+// that spans pages is written to the end of the file first, and is the current one there while its
+// place is overwritten; then it is, again, of no use there.
+bool ZrCompactFile::RewriteRecord(Engine::TileEntry& entry, unsigned long long position,
+                                  const Format::RecordImage& image) {
+  const std::uint64_t length = image.Head().length;
+  entry.position = position;
+  if (!SpansPages(position, length)) return WriteDataToDataFile(position, false, image) != 0;
+
+  const unsigned long long copy = WriteDataToDataFile(0, true, image);
+  entry.position = copy;
+  if (copy == 0 || !WriteIndexValue(entry)) return false;
+  if (WriteDataToDataFile(position, false, image) == 0) return true;  // the copy stays
+  entry.position = position;
+  if (!WriteIndexValue(entry)) {
+    entry.position = copy;
+    return true;
+  }
+  std::uint64_t fileLength;
+  if (m_file->GetLength(fileLength) && fileLength == copy + length) m_file->SetLength(copy);
+  return true;
+}
+
+// The same head and data over those that are there, whose record is no shorter. Where a write may
+// stop within the head, the data goes first, for it counts only through the head; and the length
+// last, so that the record holds more than it states meanwhile, and never less.
+bool ZrCompactFile::WriteHeadAndDataInPlace(unsigned long long position,
+                                            const Format::RecordImage& image,
+                                            const Engine::TileStore& store) {
+  const std::uint64_t headSize = image.Head().size;
+  if (!SpansPages(position, headSize)) return WriteHeadAndData(position, image, store);
+  const unsigned char* head = image.Bytes().GetData();
+  constexpr std::uint64_t kLength = Format::kRecordLengthSize;
+  return m_file->WriteAt(position + headSize + store.span.offset, store.data.GetData(),
+                         store.data.GetSize()) &&
+         m_file->WriteAt(position + kLength, head + kLength, headSize - kLength) &&
+         m_file->WriteAt(position, head, kLength);
 }
 
 // Puts the data into the payload area of an image that holds the whole record. Where the area

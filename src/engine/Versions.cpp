@@ -120,7 +120,7 @@ unsigned long long ZrCompactFile::ReplaceVersion(unsigned long long recordPositi
                                                  const TileStore& store) {
   if (image.Head().size + store.span.capacity <= image.Head().length) {
     image.SetPayload(store.span.capacity, store.span.FilledLength());
-    return WriteHeadAndData(recordPosition, image, store) ? recordPosition : 0;
+    return WriteHeadAndDataInPlace(recordPosition, image, store) ? recordPosition : 0;
   }
   if (!store.span.CoversAll() && !ReadDataFromDataFile(recordPosition, image)) return 0;
   return AppendSwapData(image, store);
@@ -167,7 +167,7 @@ bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version)
   if (index == 0) return RemoveNewest(entry, image);
   if (!ReadDataFromDataFile(entry.position, image)) return false;
   image.RemoveVersion(index);
-  return WriteDataToDataFile(entry.position, false, image) != 0;
+  return RewriteRecord(entry, entry.position, image);
 }
 
 // The next older version becomes the current one: its record gets the rest of the table.
@@ -183,13 +183,14 @@ bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Format::RecordImage& cu
 
   const std::uint64_t oldLength = older.Head().length;
   if (!older.ReplaceVersions(versions, 1)) return false;
-  entry.position = WriteDataToDataFile(position, older.Head().length > oldLength, older);
   std::uint8_t status = Format::StatusOf(locator);
   if (!Format::HoldsRecord(status))  // marked as removed, yet it is the newest that there is
     status = older.Head().filledLength == older.Head().capacity ? Format::kStatusComplete
                                                                 : Format::kStatusPartial;
   entry.status = status;
   Remember(entry, older.Head().length);
+  if (older.Head().length <= oldLength) return RewriteRecord(entry, position, older);
+  entry.position = WriteDataToDataFile(position, true, older);
   return entry.position != 0;
 }
 

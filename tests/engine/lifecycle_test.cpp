@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "FileSyscalls.h"
 #include "ZrFile.h"
 #include "engine/EngineFixture.h"
 #include "support/SyscallFaults.h"
@@ -345,6 +346,48 @@ TEST_F(Lifecycle, AFailingCallOfAStoreKeepsTheTile) {
       Check();
     }
     EXPECT_GE(failures, 4U);
+  }
+}
+
+// The n-th write stops half-way, and none follows: what a kill between two pages leaves.
+int g_writesLeft;
+
+ssize_t WriteHalf(int fd, const void* bytes, std::size_t size, off_t position) {
+  if (g_writesLeft == 0) return errno = EIO, -1;
+  if (--g_writesLeft > 0) return ::pwrite(fd, bytes, size, position);
+  return ::pwrite(fd, bytes, size / 2, position) < 0 ? -1 : (errno = EIO, -1);
+}
+
+TEST_F(Lifecycle, ARemovalCutShortLosesNoOtherVersion) {
+  const std::string tile(8000, 't'), older(5000, 'o');
+  for (const unsigned long long removed : {1ULL, 3ULL}) {
+    int writes = 0;
+    for (bool cut = true; cut;) {
+      SCOPED_TRACE(++writes);
+      ZrFile::Delete(path);
+      MakeGrid(1, 1);
+      ASSERT_EQ(Store(0, 0, "oldest", 1), 0U);
+      ASSERT_EQ(Store(0, 0, older, 2), 0U);
+      ASSERT_EQ(Store(0, 0, tile, 3), 0U);
+      const unsigned long long size = Check().fileSize;
+      {
+        const SyscallFaults restore;
+        g_writesLeft = writes;
+        GetFileSyscalls().pwrite = WriteHalf;
+        object.Remove(0, 0, removed);
+        cut = g_writesLeft == 0;
+      }
+      Reopen();
+      EXPECT_EQ(Read(0, 0, 2).payload, older);
+      if (removed == 1) {
+        EXPECT_EQ(Read(0, 0, 3).payload, tile);
+      }
+      if (!cut) {
+        EXPECT_EQ(Check().fileSize, size) << "nothing is left of the copy";
+      }
+      object.Close();
+    }
+    EXPECT_GE(writes, 4);
   }
 }
 

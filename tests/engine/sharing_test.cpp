@@ -46,8 +46,9 @@ Tile Get(ZrCompactFile& file, unsigned int cell, unsigned int stamp = 1 << 30) {
 struct Ledger {
   std::atomic<unsigned int> stamps, arrived, reported;
   std::array<std::atomic<ino_t>, 200> files;
-  std::array<std::atomic<bool>, 40000> acknowledged;            // by stamp
-  std::array<std::atomic<unsigned int>, kSide * kSide> newest;  // values stored or seen, by cell
+  std::array<std::atomic<bool>, 40000> acknowledged;  // by stamp
+  // By cell, the highest value that was stored or seen.
+  std::array<std::atomic<unsigned int>, std::size_t{kSide} * kSide> newest;
 
   bool Note(unsigned int cell, unsigned int value) {
     unsigned int known = newest[cell];
@@ -111,7 +112,7 @@ void ExpectEnd(const std::vector<pid_t>& children, int expected) {
 
 void Pause() {
   static std::atomic<unsigned int> calls = 0;
-  if (++calls % 16 == 0) std::this_thread::yield();
+  if (++calls % 64 == 0) std::this_thread::yield();
 }
 
 class Sharing : public EngineTest {
