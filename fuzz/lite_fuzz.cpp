@@ -112,7 +112,7 @@ Tile Look(unsigned int row, unsigned int col, Number stamp) {
     CHECK(open && tile.filled <= payload.size());
   } else {
     CHECK(tile.result == (open ? ZrResult::kReadFailure : ZrResult::kNotOpen));
-    CHECK(payload == tile.payload && tile.filled == (open ? 0 : 77));
+    CHECK(payload == tile.payload && tile.filled == (exists ? 0 : 77));
   }
   tile.payload = payload;
   return tile;
