@@ -43,7 +43,7 @@ constexpr ZrCompactFile::ZrOpenMode kMode =
     ZrCompactFile::kCreateMissing | ZrCompactFile::kProcessLock;
 
 /// Each store that begins a version anew, and each removal, is a generation of its own.
-struct Version {
+struct alignas(8) Version {
   std::uint32_t generation = 0;
   std::uint32_t filled = 0;  // 0: it is not there
 };

@@ -59,12 +59,12 @@ struct ModelTile {
 /// ends every walk and is taken by the next name.
 struct ModelNames {
   struct Slot {
-    int name;
+    unsigned int name;
     ModelTile tile;
   };
-  std::map<int, std::vector<Slot>> groups;
+  std::map<unsigned int, std::vector<Slot>> groups;
 
-  Slot* Find(int group, int name) {
+  Slot* Find(unsigned int group, unsigned int name) {
     for (Slot& slot : groups[group])
       if (slot.tile.status == 0 || slot.name == name) return &slot;
     return nullptr;
@@ -73,7 +73,7 @@ struct ModelNames {
 
 const PelmUnicodeString kNames[] = {u"1yeg98dgy", u"sm38f3s71", u"f1qe6747c", u"fqecng9yn",
                                     u"k9fzdqzdp", u"urp901231", u"alone",     u"a"};
-int GroupOf(int name) { return name < 6 ? name / 2 : name; }
+unsigned int GroupOf(unsigned int name) { return name < 6 ? name / 2 : name; }
 
 class Model : public EngineTest, public ::testing::WithParamInterface<std::tuple<bool, bool>> {
  protected:
@@ -87,7 +87,7 @@ class Model : public EngineTest, public ::testing::WithParamInterface<std::tuple
       MakeGrid(2, 4, foreign);
     ModelNames model;
     for (int step = 0; step < 60 && !HasFailure(); ++step) {
-      const int tile = static_cast<int>(below(8));
+      const unsigned int tile = below(8);
       const unsigned long long stamp = below(7);
       ModelNames::Slot* slot = model.Find(named ? GroupOf(tile) : tile, tile);
       switch (below(8)) {
@@ -95,8 +95,8 @@ class Model : public EngineTest, public ::testing::WithParamInterface<std::tuple
           Reopen();
           break;
         case 1: {
-          const unsigned int removed = named ? object.Remove(kNames[tile], stamp)
-                                             : object.Remove(0U + tile / 4, tile % 4U, stamp);
+          const unsigned int removed =
+              named ? object.Remove(kNames[tile], stamp) : object.Remove(tile / 4, tile % 4, stamp);
           ASSERT_EQ(removed, named && slot == nullptr ? 10U : 0U);
           if (slot != nullptr) ForgetVersion(*slot, tile, stamp);
           break;
@@ -110,7 +110,7 @@ class Model : public EngineTest, public ::testing::WithParamInterface<std::tuple
               offset + text.size() + (below(2) == 0 ? below(40) : 0);
           const unsigned int stored =
               named ? object.SetAt(kNames[tile], Data(text), capacity, offset, stamp)
-                    : object.SetAt(0U + tile / 4, tile % 4U, Data(text), capacity, offset, stamp);
+                    : object.SetAt(tile / 4, tile % 4, Data(text), capacity, offset, stamp);
           ASSERT_EQ(stored, 0U);
           if (slot == nullptr) {
             auto& group = model.groups[named ? GroupOf(tile) : tile];
@@ -132,15 +132,15 @@ class Model : public EngineTest, public ::testing::WithParamInterface<std::tuple
   }
 
  private:
-  Tile Get(int tile, unsigned long long stamp) {
+  Tile Get(unsigned int tile, unsigned long long stamp) {
     return std::get<0>(GetParam()) ? ReadTile(object, kNames[tile], stamp)
-                                   : Read(0U + tile / 4, tile % 4U, stamp);
+                                   : Read(tile / 4, tile % 4, stamp);
   }
-  unsigned int Status(int tile) {
+  unsigned int Status(unsigned int tile) {
     return std::get<0>(GetParam()) ? object.GetStatus(kNames[tile])
-                                   : object.GetStatus(0U + tile / 4, tile % 4U);
+                                   : object.GetStatus(tile / 4, tile % 4);
   }
-  void ForgetVersion(ModelNames::Slot& slot, int tile, unsigned long long stamp) {
+  void ForgetVersion(ModelNames::Slot& slot, unsigned int tile, unsigned long long stamp) {
     if (slot.tile.status == 0 || slot.tile.versions.erase(stamp) == 0) return;
     if (slot.tile.versions.empty()) {
       slot.tile.status = 0;
