@@ -42,8 +42,12 @@ unsigned int ZrCompactFileReader::Lookup(unsigned int row, unsigned int col, ZrB
   Io::RecordReader record(*this, Format::kGridFile, m_bSwap);
   if (position < GetDataStart() ||
       !record.Read(position, {Format::kGridRecordHead, sizeHint}, m_payload) ||
-      record.Head().length < Format::kGridRecordHead)
-    return ZrResult::kReadFailure;
+      record.Head().length < Format::kGridRecordHead) {
+    // An entry that was being written at that moment may have been read half old, half new.
+    unsigned long long now;
+    const bool hasChanged = ReadIndexValue(row, col, now) && now != entry;
+    return hasChanged ? Lookup(row, col, data, nFilled, nVersion) : ZrResult::kReadFailure;
+  }
   if (record.Versions().SelectForLookup(nVersion) != 0)
     return ZrResult::kOk;  // an older version, which this class deliberately does not follow
   data.SwapContents(m_payload);

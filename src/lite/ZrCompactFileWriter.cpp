@@ -135,6 +135,10 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
 
   const unsigned long long target =
       place == Place::kInPlace ? Format::PositionOf(entry) : GetAppendPosition(fileLength);
+  // A last record that grows in its place gets the room first: a full disk must not cost the tile.
+  const std::uint64_t end = target + Format::kGridRecordHead + data.GetSize();
+  if (place == Place::kInPlace && end > fileLength && !ZeroFill(fileLength, end - fileLength))
+    return ZrResult::kWriteFailure;
   ZrCompactFile::ZrStatus status;
   const unsigned long long position =
       WriteDataToFile(status, data, span->capacity, nOffset, nVersion, target);

@@ -80,7 +80,9 @@ class Model : public EngineTest, public ::testing::WithParamInterface<std::tuple
   void Run(unsigned int seed) {
     const auto [named, foreign] = GetParam();
     std::mt19937 random(seed);
-    const auto below = [&random](unsigned int limit) { return random() % limit; };
+    const auto below = [&random](unsigned int limit) -> unsigned int {
+      return static_cast<unsigned int>(random() % limit);
+    };
     if (named)
       MakeNaming(1, foreign);
     else

@@ -8,6 +8,7 @@
 #include <tuple>
 #include <vector>
 
+#include "FileSyscalls.h"
 #include "ZrCompactFileReader.h"
 #include "ZrCompactFileWriter.h"
 #include "ZrFile.h"
@@ -511,6 +512,20 @@ TEST_F(Lite, EveryFailingCallOfAStoreIsReportedAndKeepsTheOldTile) {
       EXPECT_GE(Put(4, "next"), end) << "behind the last record, once it can be read " << text << n;
     }
   }
+}
+
+// The last record may grow in its place, but only into room that is there.
+TEST_F(Lite, AFullDiskDoesNotCostTheLastTile) {
+  Create(1, 2);
+  ASSERT_EQ(Store(0, "acknowledged"), 0U);
+  {
+    SyscallFaults restore;
+    GetFileSyscalls().fallocate = [](int, int, off_t, off_t) { return errno = ENOSPC, -1; };
+    EXPECT_EQ(Store(0, "a little too long"), 10U);
+  }
+  EXPECT_EQ(Read(0), (Tile{0, "acknowledged", 12}));
+  EXPECT_EQ(Store(0, "a little too long"), 0U);
+  EXPECT_EQ(std::get<1>(Read(0)), "a little too long");
 }
 
 }  // namespace
