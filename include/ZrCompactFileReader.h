@@ -37,7 +37,8 @@ class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
   ///                stamp selects the newest version.
   ///
   /// kOk, with empty `data` for an empty cell; kNotOpen; kReadFailure for a cell outside the grid
-  /// or a damaged record, among them one that ends beyond the file; then `data` is untouched.
+  /// or a damaged record, among them one that ends beyond the file; then `data` is untouched, and
+  /// `nFilled` too, unless the cell's entry could be read (then 0).
   unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                       unsigned long long& nFilled, unsigned long long nVersion);
 

@@ -102,7 +102,7 @@ unsigned long long ZrCompactFile::WriteDataToDataFile(unsigned long long positio
 // Replaces a record by the one in the image, which is no longer, in its place, and makes it the
 // tile's current one. The kernel stops a write of a killed process between two pages, so a record
 // that spans pages is written to the end of the file first, and is the current one there while its
-// place is overwritten; then it is, again, of no use there.
+// place is overwritten. Then its place is current again, and the copy is cut off.
 bool ZrCompactFile::RewriteRecord(Engine::TileEntry& entry, unsigned long long position,
                                   const Format::RecordImage& image) {
   const std::uint64_t length = image.Head().length;
