@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -18,6 +19,7 @@
 #include "ZrMutex.h"
 #include "ZrProcess.h"
 #include "ZrResult.h"
+#include "ZrTextCodec.h"
 
 namespace Zarn {
 
@@ -27,6 +29,7 @@ struct StoredName;
 }  // namespace Format
 namespace Io {
 enum class NameRead;
+class RedoFile;
 struct RecordGuess;
 }  // namespace Io
 namespace Engine {
@@ -152,6 +155,40 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// Scrambles the header by another password, or by none. 1, or 0 if nothing was changed: not
   /// open, opened for reading, or the header could not be read and written.
   unsigned int SetPassword(const PelmUnicodeString& password);
+
+  /// Told how far a compaction has come: `done` of `total` bytes, which is twice the length of the
+  /// file before, once for collecting what is alive and once for putting it back. `done` never goes
+  /// down, and ends at `total`. False ends a compaction that is still collecting, and has no effect
+  /// later. Called in the compacting thread, which may look up tiles of the object meanwhile, but
+  /// not change, open, close or destroy it. An exception counts as false.
+  using CompactProgress = std::function<bool(unsigned long long done, unsigned long long total)>;
+
+  /// Rewrites the file without the space that replaced and removed tiles and versions have left.
+  ///
+  /// What is alive is collected in a file beside it, which needs as much room: ".$" and the name,
+  /// in the same folder. That then takes the place of the old contents, byte by byte; path and
+  /// inode stay. All versions stay, with their stamps and with how far they are filled, and so does
+  /// the size of the index; the time of creation is a new one. Names of an older file become
+  /// UTF-16, and a file of the other byte order becomes one of this host's.
+  ///
+  /// The object works as before afterwards, for all its threads. Other threads and, with
+  /// kProcessLock, other processes wait meanwhile; those must not use the file without.
+  ///
+  /// A crash, a kill or a loss of power at any moment costs nothing: the file is as before, or the
+  /// next Open finishes what was begun, for which it needs the right to write the file and the file
+  /// beside it. Until then the light classes answer kReadFailure. A file beside it that is not
+  /// needed any more is replaced by the next compaction, and may be deleted once the file opens.
+  ///
+  /// kOk; kNotOpen; kUnknownKind; kNotCreated for a file opened for reading, one that has lost its
+  /// path, a naming file whose index cannot be brought up to date, and if the file beside it cannot
+  /// be made or another compaction is at work; kReadFailure for a grid whose index cannot be
+  /// brought up to date, and for a tile that cannot be read; kWriteFailure if there is no room, for
+  /// a name that cannot be converted or that two names would become, and if the progress answered
+  /// false. After all of these the file is as it was. kNotUsable if the compacted file could not be
+  /// opened again, or if it could not be put in its place, where both files are then left for the
+  /// next Open. A ".sc" file gives the result of its ZrCacheFile's Reconstruction.
+  unsigned int Compact();
+  unsigned int Compact(const CompactProgress& progress);
   /// @}
 
   /// @name Tiles of a grid file
@@ -190,9 +227,10 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned int Remove(unsigned int row, unsigned int col, unsigned long long version);
 
   /// Status of a cell; kUnknown if it cannot be read. The index is as it was when it was last
-  /// looked at under the lock. Lock-free.
+  /// looked at under the lock, or newer. Lock-free, unless another process is compacting the file
+  /// at that moment, or has done so since: then it may wait as a lookup would.
   ZrStatus GetStatus(unsigned int row, unsigned int col) const;
-  /// Index value of a cell: status in the top byte, record position below. Lock-free.
+  /// Index value of a cell: status in the top byte, record position below. As GetStatus.
   bool GetGridIdxValue(unsigned int row, unsigned int col, unsigned long long& value) const;
   /// @}
 
@@ -280,9 +318,11 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   // Index. Called with m_mutex held.
   unsigned int RefreshIndex();
   void Publish(Engine::FileState& state);
+  Engine::FileState GetState() const;
   bool HasVersions() const;
   unsigned long long GetIndexEnd() const;
   std::optional<std::uint32_t> FindCell(unsigned int row, unsigned int col) const;
+  bool ReadGridIdxValueLocked(unsigned int row, unsigned int col, unsigned long long& value) const;
   bool ReadGridSlot(unsigned int row, unsigned int col, Engine::TileEntry& entry) const;
   bool WriteIndexValue(Engine::TileEntry& entry);
 
@@ -302,6 +342,15 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                           ZrByteArray& data, unsigned long long& filledLength,
                           unsigned long long version);
   std::shared_ptr<ZrCacheFile> GetCacheFile() const;
+
+  ZrTextCodec* GetTextCodec(PELMCharset::Charset from, PELMCharset::Charset to);
+  bool DecodeOlderName(const Format::StoredName& stored, std::u16string& name);
+
+  // Compaction. Called with m_mutex and the lock between processes held, until Replace.
+  unsigned int BuildImage(const Engine::FileState& source, Io::RedoFile& image,
+                          const CompactProgress& progress);
+  unsigned int ReplaceByImage(const Engine::FileState& source, Io::RedoFile& image,
+                              Engine::OperationLock& lock, const CompactProgress& progress);
 
   // Records. Called with m_mutex and the lock between processes held.
   ZrByteArray* GetSwapData();
@@ -357,14 +406,15 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// either of them is enough to read it; but the two sizes, which SetMaxSize changes, need
   /// m_stateMutex.
   mutable std::mutex m_stateMutex;
-  std::shared_ptr<ZrFile64> m_file;        ///< null while nothing is open
-  std::array<unsigned char, 64> m_header;  ///< unscrambled, in host order
-  std::uint32_t m_nRowCount = 0;           ///< grid files
-  std::uint32_t m_nColCount = 0;           ///< grid files
-  std::uint32_t m_nGridFlags = 0;          ///< grid files; bit 0: versions
-  std::uint64_t m_nNamingCapacity = 0;     ///< naming files: slots
-  std::uint64_t m_nNamingCount = 0;        ///< naming files: slots in use
-  double m_dMaxSize1 = 0;                  ///< the host's, see SetMaxSize
+  std::shared_ptr<ZrFile64> m_file;                ///< null while nothing is open
+  std::array<unsigned char, 64> m_header;          ///< unscrambled, in host order
+  std::array<unsigned char, 64> m_headerOnDisk{};  ///< the same as it was in the file when loaded
+  std::uint32_t m_nRowCount = 0;                   ///< grid files
+  std::uint32_t m_nColCount = 0;                   ///< grid files
+  std::uint32_t m_nGridFlags = 0;                  ///< grid files; bit 0: versions
+  std::uint64_t m_nNamingCapacity = 0;             ///< naming files: slots
+  std::uint64_t m_nNamingCount = 0;                ///< naming files: slots in use
+  double m_dMaxSize1 = 0;                          ///< the host's, see SetMaxSize
   double m_dMaxSize2 = 0;
   std::uint32_t m_nNamingFlags = 0;              ///< naming files; bit 0: versions
   std::shared_ptr<Engine::IndexPages> m_pIndex;  ///< entries, in the file's order
@@ -376,10 +426,11 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
 
   /// Guarded by m_mutex.
   std::shared_ptr<Engine::NameTable> m_mapHashCode;  ///< naming files: slots by hash code
-  std::map<std::uint32_t, std::unique_ptr<ZrByteArray>> m_mapSwapData;  ///< by thread: its users
-  std::array<unsigned char, 256> m_xorString{};                         ///< the password's
+  std::map<std::uint64_t, std::unique_ptr<ZrTextCodec>> m_mapTextCodec;  ///< by both charsets
+  std::map<std::uint32_t, std::unique_ptr<ZrByteArray>> m_mapSwapData;   ///< by thread: its users
+  std::array<unsigned char, 256> m_xorString{};                          ///< the password's
   PelmUnicodeString m_strAbsolutePath;  ///< where the file is, whatever the working directory
-  PelmUnicodeString m_strPassword;      ///< for compaction, which opens the file anew
+  PelmUnicodeString m_strPassword;
   ZrOpenMode m_nOpenMode = 0;
 
   /// The lock order: m_mutex, the lock between processes, m_readers, m_stateMutex, the index's own.

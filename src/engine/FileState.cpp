@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "IndexValue.h"
+#include "RedoFile.h"
 #include "ZrResult.h"
 
 namespace Zarn::Engine {
@@ -113,9 +114,15 @@ unsigned int LoadFileState(const FileSource& source, FileState& state) {
   state.naming = {};
   state.names = nullptr;
   if (!OpenStream(source, state.file)) return ZrResult::kNotOpen;
-  if (Io::ReadFileHeader(*state.file, source.xorString, state.header, state.swap) !=
-      Io::HeaderRead::kOk)
-    return ZrResult::kWrongFile;
+  const auto readHeader = [&] {
+    return Io::ReadFileHeader(*state.file, source.xorString, state.header, state.swap) ==
+           Io::HeaderRead::kOk;
+  };
+  if (!readHeader()) {
+    // Perhaps a compaction was cut short. Finishing it may give the path to another file.
+    if (!Io::FinishReplacement(source.path) || !OpenStream(source, state.file) || !readHeader())
+      return ZrResult::kWrongFile;
+  }
   return LoadIndex(state, previous) ? ZrResult::kOk : ZrResult::kNotUsable;
 }
 

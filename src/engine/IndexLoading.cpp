@@ -2,6 +2,7 @@
 
 #include "FileState.h"
 #include "IndexValue.h"
+#include "OperationLock.h"
 #include "Tile.h"
 #include "ZrCompactFile.h"
 
@@ -26,12 +27,7 @@ bool ZrCompactFile::ProcessLockInit() {
 // invalid, and every operation tries again before it does anything.
 unsigned int ZrCompactFile::RefreshIndex() {
   const std::lock_guard lock(m_mutex);
-  Engine::FileState state;
-  state.file = m_file;
-  state.index = m_pIndex;
-  state.names = m_mapHashCode;
-  state.header = m_header;
-  state.naming.count = m_nNamingCount;
+  Engine::FileState state = GetState();
   unsigned int result = ZrResult::kNotUsable;
   try {
     result = LoadFileState({m_strAbsolutePath, (m_nOpenMode & kReadOnly) != 0, m_xorString}, state);
@@ -51,12 +47,24 @@ unsigned int ZrCompactFile::RefreshIndex() {
   return result;
 }
 
+Engine::FileState ZrCompactFile::GetState() const {
+  const auto [maxSize1, maxSize2] = GetMaxSizes();
+  return {m_file,
+          m_header,
+          m_bSwap,
+          {m_nRowCount, m_nColCount, m_nGridFlags},
+          {m_nNamingCapacity, m_nNamingCount, maxSize1, maxSize2, m_nNamingFlags},
+          m_pIndex,
+          m_mapHashCode};
+}
+
 void ZrCompactFile::Publish(Engine::FileState& state) {
   const std::lock_guard guard(m_stateMutex);
   m_file.swap(state.file);  // the old ones go when the accessors can go on
   m_pIndex.swap(state.index);
   m_mapHashCode.swap(state.names);
   m_header = state.header;
+  m_headerOnDisk = Io::EncodeFileHeader(state.header, state.swap, m_xorString);
   m_bSwap = state.swap;
   m_nRowCount = state.grid.rowCount;
   m_nColCount = state.grid.colCount;
@@ -124,10 +132,24 @@ bool ZrCompactFile::GetGridIdxValue(unsigned int row, unsigned int col,
   if (!m_bIndexValid || !cell) return false;
   const std::shared_ptr<Engine::IndexPages> index = m_pIndex;
   const bool swap = m_bSwap;
+  const Format::HeaderImage header = m_headerOnDisk;
   state.unlock();
   std::uint64_t stored;
-  if (!index->ReadValue(*cell, swap, stored)) return false;
-  value = stored;
+  const bool read = m_bLockDisabled ? index->ReadValue(*cell, swap, stored)
+                                    : index->ReadValueUnlocked(*cell, swap, header, stored);
+  if (read) value = stored;
+  return read || (!m_bLockDisabled && ReadGridIdxValueLocked(row, col, value));
+}
+
+// Another process has compacted the file, or is doing so: what is not in memory is gone, and the
+// answer is that of the new file, once it is there.
+bool ZrCompactFile::ReadGridIdxValueLocked(unsigned int row, unsigned int col,
+                                           unsigned long long& value) const {
+  const Engine::OperationLock lock(const_cast<ZrCompactFile&>(*this),
+                                   Engine::OperationLock::kReader);
+  Engine::TileEntry entry;
+  if (!lock.IsUsable() || !ReadGridSlot(row, col, entry)) return false;
+  value = entry.stored;
   return true;
 }
 

@@ -39,9 +39,14 @@ bool IndexPages::IsUsable() const {
 }
 
 bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size) {
+  return Read(offset, target, size, nullptr);
+}
+
+bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size,
+                      const Format::HeaderImage* header) {
   if (offset > m_size || size > m_size - offset) return false;
   const std::lock_guard guard(m_mutex);
-  if (!LoadPages(offset, size)) return false;
+  if (!LoadPages(offset, size, header)) return false;
   std::memcpy(target, m_bytes.Get() + offset, size);
   return true;
 }
@@ -52,10 +57,17 @@ bool IndexPages::ReadValue(std::uint64_t entry, bool swap, std::uint64_t& value)
   return true;
 }
 
+bool IndexPages::ReadValueUnlocked(std::uint64_t entry, bool swap,
+                                   const Format::HeaderImage& header, std::uint64_t& value) {
+  if (!Read(entry * m_entrySize, &value, sizeof value, &header)) return false;
+  value = LoadScalar<std::uint64_t>(&value, swap);
+  return true;
+}
+
 bool IndexPages::Write(std::uint64_t offset, const void* source, std::uint64_t size) {
   if (offset > m_size || size > m_size - offset) return false;
   const std::lock_guard guard(m_mutex);
-  if (!LoadPages(offset, size)) return false;  // lest loading it later undoes the change
+  if (!LoadPages(offset, size, nullptr)) return false;  // lest loading it later undoes the change
   std::memcpy(m_bytes.Get() + offset, source, size);
   return true;
 }
@@ -65,15 +77,23 @@ void IndexPages::Forget() {
   if (m_size != 0) std::memset(m_loaded.Get(), 0, BitmapSize(m_size));
 }
 
-bool IndexPages::LoadPages(std::uint64_t offset, std::uint64_t size) {
+bool IndexPages::LoadPages(std::uint64_t offset, std::uint64_t size,
+                           const Format::HeaderImage* header) {
   const std::uint64_t end = PageCount(offset + size);
   for (std::uint64_t page = offset / kPageSize; page < end; ++page) {
     const auto bit = static_cast<unsigned char>(1U << page % 8);
     if ((m_loaded.Get()[page / 8] & bit) != 0) continue;
-    if (!LoadPage(page)) return false;
+    if (!LoadPage(page) || (header != nullptr && !HasHeader(*header))) return false;
     m_loaded.Get()[page / 8] |= bit;
   }
   return true;
+}
+
+// Whoever replaces the file changes the header first. So what was read before the header was found
+// unchanged is not yet the new file's.
+bool IndexPages::HasHeader(const Format::HeaderImage& header) const {
+  Format::HeaderImage now;
+  return m_file->ReadAt(0, now.data(), now.size()) && now == header;
 }
 
 bool IndexPages::LoadPage(std::uint64_t page) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 
+#include "Header.h"
 #include "ZrFile64.h"
 
 namespace Zarn::Engine {
@@ -55,6 +56,11 @@ class IndexPages {
   bool Read(std::uint64_t offset, void* target, std::uint64_t size);
   /// The index value of an entry: its first 8 bytes as a number.
   bool ReadValue(std::uint64_t entry, bool swap, std::uint64_t& value);
+  /// The same for a caller without the lock between processes, while another process may be
+  /// replacing the whole file: false also if the file's header is no longer `header`, as it was on
+  /// disk when this index was loaded, and the page of the entry had to be read.
+  bool ReadValueUnlocked(std::uint64_t entry, bool swap, const Format::HeaderImage& header,
+                         std::uint64_t& value);
   /// Changes bytes in memory, for one whose caller has written them to the file.
   bool Write(std::uint64_t offset, const void* source, std::uint64_t size);
   /// Forgets all pages; they are read again when asked for.
@@ -66,7 +72,10 @@ class IndexPages {
   void SetHint(std::uint64_t entry, std::uint32_t hint);
 
  private:
-  bool LoadPages(std::uint64_t offset, std::uint64_t size);
+  bool Read(std::uint64_t offset, void* target, std::uint64_t size,
+            const Format::HeaderImage* header);
+  bool LoadPages(std::uint64_t offset, std::uint64_t size, const Format::HeaderImage* header);
+  bool HasHeader(const Format::HeaderImage& header) const;
   bool LoadPage(std::uint64_t page);
 
   const std::shared_ptr<const ZrFile64> m_file;

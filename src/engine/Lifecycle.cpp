@@ -1,11 +1,9 @@
 #include <new>
 
+#include "EmptyContainer.h"
 #include "FileState.h"
-#include "IndexHeaders.h"
-#include "IndexValue.h"
 #include "OpenPath.h"
 #include "PathRules.h"
-#include "PelmTime.h"
 #include "StoreArguments.h"
 #include "ZrCompactFile.h"
 #include "ZrFile.h"
@@ -20,8 +18,7 @@ namespace {
 
 constexpr std::uint64_t kMissingFileCapacity = 128;  // slots of a naming file that Open makes
 
-/// Writes a whole new container and gives it its path. `indexHeader` stands at the start of an
-/// index area of `indexSize` bytes, whose entries need no writing: they lie in a hole.
+/// Writes a whole new container and gives it its path.
 class NewContainer {
  public:
   NewContainer(const PelmUnicodeString& path, const PelmUnicodeString& password, bool replace)
@@ -33,33 +30,20 @@ class NewContainer {
   /// Open for reading and writing once the file is made.
   const std::shared_ptr<ZrFile64>& Stream() const { return m_stream; }
 
-  ZrNewFile::Outcome MakeGrid(const Format::GridHeader& header) {
-    return Make(Format::kGridFile, Format::EncodeGridHeader(header, false),
-                Format::GridDataStart(Format::kHeaderSize, header.rowCount, header.colCount));
-  }
-  ZrNewFile::Outcome MakeNaming(const Format::NamingHeader& header) {
-    return Make(Format::kNamingFile, Format::EncodeNamingHeader(header, false),
-                Format::NamingSlotOffset(Format::kHeaderSize, header.capacity));
+  /// With a grid's header, or a naming file's.
+  template <typename IndexHeader>
+  ZrNewFile::Outcome Make(const IndexHeader& header) {
+    const PelmUnicodeString folder = ZrFile::GetDir(m_path);
+    if (!folder.IsEmpty()) ZrFile::MkDirEx(folder);
+    const Format::XorString xorString = Format::MakeXorString(m_password.GetBuffer());
+    if (!m_file.Begin(m_path) || !Engine::WriteEmptyContainer(*m_stream, xorString, header))
+      return ZrNewFile::Outcome::kFailed;
+    return m_replace ? m_file.Replace() : m_file.Publish();
   }
   /// Without this the file goes away again with this object.
   void Commit() { m_file.Commit(); }
 
  private:
-  template <typename IndexHeaderImage>
-  ZrNewFile::Outcome Make(std::uint32_t fileKind, const IndexHeaderImage& indexHeader,
-                          std::uint64_t fileLength) {
-    const PelmUnicodeString folder = ZrFile::GetDir(m_path);
-    if (!folder.IsEmpty()) ZrFile::MkDirEx(folder);
-    const Format::HeaderImage header =
-        Format::NewHeader(fileKind, PelmTime().GetCurTime().GetTime());
-    const Format::XorString xorString = Format::MakeXorString(m_password.GetBuffer());
-    if (!m_file.Begin(m_path) || !Io::WriteFileHeader(*m_stream, xorString, header, false) ||
-        !m_stream->WriteAt(Format::kHeaderSize, indexHeader.data(), indexHeader.size()) ||
-        !m_stream->SetLength(fileLength))
-      return ZrNewFile::Outcome::kFailed;
-    return m_replace ? m_file.Replace() : m_file.Publish();
-  }
-
   const PelmUnicodeString m_path;
   const PelmUnicodeString& m_password;
   const bool m_replace;
@@ -112,7 +96,7 @@ unsigned int ZrCompactFile::CreateGrid(const PelmUnicodeString& path, unsigned i
       !Format::IsUsablePath(path))
     return ZrResult::kNotCreated;
   NewContainer container(path, password, (mode & kReplace) != 0);
-  if (container.MakeGrid({rows, cols, Format::kVersionsEnabled}) !=
+  if (container.Make(Format::GridHeader{rows, cols, Format::kVersionsEnabled}) !=
           ZrNewFile::Outcome::kPublished ||
       !TakeNewFile(container.Stream(), container.Path(), path, password, mode))
     return ZrResult::kNotCreated;
@@ -127,7 +111,8 @@ unsigned int ZrCompactFile::CreateNaming(const PelmUnicodeString& path, unsigned
     return ZrResult::kNotCreated;
   NewContainer container(path, password, (mode & kReplace) != 0);
   const auto [maxSize1, maxSize2] = GetMaxSizes();
-  if (container.MakeNaming({capacity, 0, maxSize1, maxSize2, Format::kVersionsEnabled}) !=
+  if (container.Make(
+          Format::NamingHeader{capacity, 0, maxSize1, maxSize2, Format::kVersionsEnabled}) !=
           ZrNewFile::Outcome::kPublished ||
       !TakeNewFile(container.Stream(), container.Path(), path, password, mode))
     return ZrResult::kNotCreated;
@@ -173,8 +158,9 @@ unsigned int ZrCompactFile::OpenContainer(const PelmUnicodeString& path,
     NewContainer container(absolutePath, password, false);
     const auto [maxSize1, maxSize2] = GetMaxSizes();
     // Whoever made it meanwhile: the file is there.
-    if (container.MakeNaming({kMissingFileCapacity, 0, maxSize1, maxSize2,
-                              Format::kVersionsEnabled}) == ZrNewFile::Outcome::kFailed)
+    if (container.Make(Format::NamingHeader{kMissingFileCapacity, 0, maxSize1, maxSize2,
+                                            Format::kVersionsEnabled}) ==
+        ZrNewFile::Outcome::kFailed)
       return ZrResult::kNotCreated;
     container.Commit();
   }
@@ -269,6 +255,7 @@ void ZrCompactFile::TearDown() {
   file.swap(m_file);
   index.swap(m_pIndex);
   m_mapHashCode = nullptr;
+  m_mapTextCodec.clear();
   m_header = Format::PresetHeader();
   m_nRowCount = m_nColCount = m_nGridFlags = m_nNamingFlags = 0;
   m_nNamingCapacity = m_nNamingCount = 0;

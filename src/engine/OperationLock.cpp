@@ -1,6 +1,7 @@
 #include "OperationLock.h"
 
 #include <new>
+#include <utility>
 
 namespace Zarn::Engine {
 
@@ -14,17 +15,25 @@ OperationLock::OperationLock(ZrCompactFile& object, Kind kind)
 }
 
 void OperationLock::Acquire(Kind kind) {
-  if (!m_object.m_bLockHeld) {
+  if (m_object.m_bLockHeld) {
+    if (kind != kReader) return;
+  } else {
     m_processLocked = kind == kReader ? m_object.ReaderLock(1) : m_object.WriterLock(1);
     if (!m_processLocked) return;
   }
   if (kind == kWriter) m_exclusive = std::unique_lock(m_object.m_readers);
+  if (kind == kCompaction) m_object.m_bLockHeld = true;
   m_usable = m_object.m_bIndexValid;
 }
 
 OperationLock::~OperationLock() {
   if (m_exclusive.owns_lock()) m_exclusive.unlock();
-  if (!m_processLocked || !m_mutex.owns_lock()) return;
+  if (m_mutex.owns_lock()) LeaveProcessLock();
+}
+
+void OperationLock::LeaveProcessLock() {
+  if (!std::exchange(m_processLocked, false)) return;
+  if (m_kind == kCompaction) m_object.m_bLockHeld = false;
   if (m_kind == kReader)
     m_object.ReaderUnlock();
   else

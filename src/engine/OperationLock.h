@@ -12,7 +12,9 @@ namespace Zarn::Engine {
 /// right to change records while no lookup reads them. Released in reverse order.
 class OperationLock {
  public:
-  enum Kind { kReader, kWriter };
+  /// kCompaction: as kWriter, but lookups go on until the file is closed; and until the end, the
+  /// object's own operations run under this lock: lookups only, while others fail.
+  enum Kind { kReader, kWriter, kCompaction };
 
   OperationLock(ZrCompactFile& object, Kind kind);
   ~OperationLock();
@@ -27,6 +29,9 @@ class OperationLock {
   /// threads work. Without effect while the lock between processes is in use, which is one per
   /// object and must not be held by threads in turn without end.
   void LeaveMutex();
+
+  /// Gives back the lock between processes before the end.
+  void LeaveProcessLock();
 
  private:
   void Acquire(Kind kind);

@@ -38,11 +38,9 @@ bool ZrCompactFile::IsReadOnly() const {
   return m_file->IsReadOnly() || (!m_bLockDisabled && IsLockReadOnly());
 }
 
-// Whether a record may lie there: outside header and index.
 bool ZrCompactFile::IsRecordPlace(unsigned long long position, unsigned long long length) const {
-  const unsigned long long indexStart = Format::HeaderView(m_header).IndexOffset();
-  if (position < Format::kHeaderSize) return false;
-  return position >= GetIndexEnd() || (position < indexStart && length <= indexStart - position);
+  const Format::IndexArea index = {Format::HeaderView(m_header).IndexOffset(), GetIndexEnd()};
+  return index.LeavesRoom(position, length);
 }
 
 // Behind the last byte of the file, and behind the index, of which a damaged file may have lost

@@ -185,8 +185,7 @@ bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Format::RecordImage& cu
   if (!older.ReplaceVersions(versions, 1)) return false;
   std::uint8_t status = Format::StatusOf(locator);
   if (!Format::HoldsRecord(status))  // marked as removed, yet it is the newest that there is
-    status = older.Head().filledLength == older.Head().capacity ? Format::kStatusComplete
-                                                                : Format::kStatusPartial;
+    status = older.Head().StatusByFilling();
   entry.status = status;
   Remember(entry, older.Head().length);
   if (older.Head().length <= oldLength) return RewriteRecord(entry, position, older);
@@ -200,18 +199,14 @@ void ZrCompactFile::Remember(const TileEntry& entry, unsigned long long recordLe
   if (m_pIndex->GetHint(entry.number) != hint) m_pIndex->SetHint(entry.number, hint);
 }
 
-// What was remembered; else the distance to the record of the next entry, which is exact where
-// tiles were stored in the order of the index.
+// What was remembered, or what the next entry suggests.
 Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry,
                                            unsigned long long headSize) const {
-  constexpr std::uint64_t kLargestGuess = 256 * 1024;  // a wrong one costs more than it may save
-  const std::uint32_t hint = m_pIndex->GetHint(entry.number);
-  if (hint > headSize) return {headSize, hint - headSize};
+  std::uint64_t length = m_pIndex->GetHint(entry.number);
   std::uint64_t next;
-  if (!m_pIndex->ReadValue(std::uint64_t{entry.number} + 1, m_bSwap, next)) return {headSize, 0};
-  const std::uint64_t size = Format::PositionOf(next) - entry.position - headSize;
-  const bool usable = Format::HoldsRecord(Format::StatusOf(next)) && size <= kLargestGuess;
-  return {headSize, usable ? size : 0};
+  if (length == 0 && m_pIndex->ReadValue(std::uint64_t{entry.number} + 1, m_bSwap, next))
+    length = Format::DistanceToNext(entry.position, next);
+  return {headSize, length > headSize ? length - headSize : 0};
 }
 
 // Reads the version that a lookup of `version` selects, of the name `key` if there is one: the

@@ -26,6 +26,16 @@ constexpr bool HoldsRecord(std::uint8_t status) {
   return status == kStatusComplete || status == kStatusPartial;
 }
 
+/// How long the record of an index value may be, judging by the next entry's: tiles are mostly
+/// stored in the order of the index, so the next record mostly begins where this one ends. 0 if
+/// that tells nothing, or if acting on a wrong guess would cost more than a right one may save.
+constexpr std::uint64_t DistanceToNext(std::uint64_t value, std::uint64_t next) {
+  constexpr std::uint64_t kLargestGuess = 256 * 1024;
+  // Of a next record that lies before this one, a huge number.
+  const std::uint64_t distance = PositionOf(next) - PositionOf(value);
+  return HoldsRecord(StatusOf(next)) && distance <= kLargestGuess ? distance : 0;
+}
+
 /// Entries that a grid has on disk. Rows times columns times the entry size is a 32-bit product:
 /// a grid of 65536 x 65536 has none. A cell numbered beyond them does not exist.
 constexpr std::uint32_t GridEntryCount(std::uint32_t rows, std::uint32_t cols) {
@@ -55,5 +65,17 @@ constexpr std::uint64_t GridDataStart(std::uint64_t indexOffset, std::uint32_t r
 constexpr std::uint64_t NamingSlotOffset(std::uint64_t indexOffset, std::uint64_t slot) {
   return indexOffset + kNamingHeaderSize + slot * kNamingSlotSize;
 }
+
+/// Where the index lies, header included.
+struct IndexArea {
+  std::uint64_t begin = 0;
+  std::uint64_t end = 0;
+
+  /// Whether a record may lie there: behind the file's header, and outside this.
+  constexpr bool LeavesRoom(std::uint64_t position, std::uint64_t length) const {
+    if (position < kHeaderSize) return false;
+    return position >= end || (position < begin && length <= begin - position);
+  }
+};
 
 }  // namespace Zarn::Format

@@ -19,6 +19,10 @@ struct RecordHead {
   std::uint64_t filledLength = 0;
   std::uint64_t size = 0;
 
+  /// The status of a version of which only the record tells.
+  std::uint8_t StatusByFilling() const {
+    return filledLength == capacity ? kStatusComplete : kStatusPartial;
+  }
   VersionTable Table(const unsigned char* record, bool swap) const {
     return VersionTable(record + tableOffset, versionCount, swap);
   }

@@ -22,11 +22,17 @@ HeaderRead ReadFileHeader(const ZrFileStream& file, const Format::XorString& xor
   return HeaderRead::kOk;
 }
 
-bool WriteFileHeader(ZrFileStream& file, const Format::XorString& xorString,
-                     Format::HeaderImage header, bool swap) {
+Format::HeaderImage EncodeFileHeader(Format::HeaderImage header, bool swap,
+                                     const Format::XorString& xorString) {
   if (swap) Format::SwapHeaderFields(header);
   Scramble(header, xorString);
-  return file.WriteAt(0, header.data(), header.size());
+  return header;
+}
+
+bool WriteFileHeader(ZrFileStream& file, const Format::XorString& xorString,
+                     const Format::HeaderImage& header, bool swap) {
+  const Format::HeaderImage image = EncodeFileHeader(header, swap, xorString);
+  return file.WriteAt(0, image.data(), image.size());
 }
 
 }  // namespace Zarn::Io

@@ -18,8 +18,13 @@ enum class HeaderRead {
 HeaderRead ReadFileHeader(const ZrFileStream& file, const Format::XorString& xorString,
                           Format::HeaderImage& header, bool& swap);
 
+/// The bytes by which a file holds a header, given in host order: in the file's order and
+/// scrambled.
+Format::HeaderImage EncodeFileHeader(Format::HeaderImage header, bool swap,
+                                     const Format::XorString& xorString);
+
 /// Writes a header, given in host order, in the file's order and scrambled.
 bool WriteFileHeader(ZrFileStream& file, const Format::XorString& xorString,
-                     Format::HeaderImage header, bool swap);
+                     const Format::HeaderImage& header, bool swap);
 
 }  // namespace Zarn::Io

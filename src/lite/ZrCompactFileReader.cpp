@@ -7,13 +7,6 @@
 #include "RecordReader.h"
 
 namespace Zarn {
-namespace {
-
-// Tiles larger than this are read with their head first; guessing wrong would cost more than the
-// additional system call.
-constexpr unsigned long long kMaxSizeHint = 256 * 1024;
-
-}  // namespace
 
 unsigned int ZrCompactFileReader::Open(const PelmUnicodeString& path,
                                        const PelmUnicodeString& password,
@@ -55,21 +48,15 @@ unsigned int ZrCompactFileReader::Lookup(unsigned int row, unsigned int col, ZrB
   return ZrResult::kOk;
 }
 
-// Tiles are mostly stored in the order of their cells, so the next cell's record mostly begins
-// where this one ends. That gives the payload's size before the head is read.
+// With the size of its payload, as far as that can be told before the head is read.
 bool ZrCompactFileReader::FindRecord(unsigned int row, unsigned int col, unsigned long long& entry,
                                      unsigned long long& sizeHint) const {
   unsigned long long entries[2];
   const unsigned int got = ReadEntries(row, col, entries, 2);
   if (got == 0 || Format::HeaderView(m_header).FileKind() != Format::kGridFile) return false;
   entry = entries[0];
-  sizeHint = 0;
-  if (got == 2 && Format::HoldsRecord(Format::StatusOf(entries[1]))) {
-    // A next record that lies before this one makes this a huge number.
-    const unsigned long long size =
-        Format::PositionOf(entries[1]) - Format::PositionOf(entry) - Format::kGridRecordHead;
-    if (size <= kMaxSizeHint) sizeHint = size;
-  }
+  const unsigned long long length = got == 2 ? Format::DistanceToNext(entry, entries[1]) : 0;
+  sizeHint = length > Format::kGridRecordHead ? length - Format::kGridRecordHead : 0;
   return true;
 }
 

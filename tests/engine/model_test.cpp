@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -64,6 +65,15 @@ struct ModelNames {
   };
   std::map<unsigned int, std::vector<Slot>> groups;
 
+  /// Gone slots go, and so do those behind another one of the same name.
+  void Compact() {
+    for (auto& [group, slots] : groups) {
+      std::set<unsigned int> seen;
+      std::erase_if(slots, [&](const Slot& slot) {
+        return slot.tile.status == 0 || !seen.insert(slot.name).second;
+      });
+    }
+  }
   Slot* Find(unsigned int group, unsigned int name) {
     for (Slot& slot : groups[group])
       if (slot.tile.status == 0 || slot.name == name) return &slot;
@@ -94,7 +104,13 @@ class Model : public EngineTest, public ::testing::WithParamInterface<std::tuple
       ModelNames::Slot* slot = model.Find(named ? GroupOf(tile) : tile, tile);
       switch (below(8)) {
         case 0:
-          Reopen();
+          if (below(3) != 0) {
+            Reopen();
+            break;
+          }
+          ASSERT_EQ(object.Compact(), 0U);
+          model.Compact();
+          slot = nullptr;  // it may have moved
           break;
         case 1: {
           const unsigned int removed =

@@ -1,14 +1,18 @@
 #include "SyscallFaults.h"
 
+#include <sys/uio.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <map>
 
 // clang-format off
 #define FOR_EACH_CALL(DO)                                                          \
   DO(open) DO(close) DO(pread) DO(pwrite) DO(pwritev) DO(fstat) DO(stat) \
-  DO(lseek) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(mkdir) DO(unlink) \
+  DO(lseek) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(fchmod) DO(fchown) DO(mkdir) DO(unlink) \
   DO(link) DO(rename) DO(renameNoReplace) DO(renameExchange)
 // clang-format on
 
@@ -21,10 +25,30 @@ std::size_t g_failing;  // the number of the call that fails, in the order of g_
 int g_error;            // 0: none fails
 SyscallFaults::Extent g_extent;
 
+std::size_t g_killing;  // the number of the call at which the process dies; 0: none
+bool g_killsBefore;
+
+void WriteHalf(int fd, const void* buffer, size_t size, off_t position) {
+  g_saved.pwrite(fd, buffer, size / 2, position);
+}
+void WriteHalf(int fd, const iovec* parts, int, off_t position) {
+  g_saved.pwritev(fd, parts, 1, position);
+}
+template <typename... Arguments>
+void WriteHalf(Arguments...) {}  // not a write
+
+template <typename... Arguments>
+[[noreturn]] void Die(std::string_view name, Arguments... arguments) {
+  if (!g_killsBefore && name.starts_with("pwrite")) WriteHalf(arguments...);
+  ::kill(::getpid(), SIGKILL);
+  std::abort();
+}
+
 template <typename Call, typename... Arguments>
 auto Pass(std::string_view name, Call call, Arguments... arguments) {
   ++g_counts.find(name)->second;
   const std::size_t number = ++g_total;
+  if (number == g_killing) Die(name, arguments...);
   const bool later = g_extent == SyscallFaults::kFromThenOn && number > g_failing;
   const bool fails = g_error != 0 && (number == g_failing || later);
   const auto result = fails && name != "close" ? -1 : call(arguments...);
@@ -42,6 +66,7 @@ SyscallFaults::SyscallFaults() {
   g_saved = Zarn::GetFileSyscalls();
   g_total = 0;
   g_error = 0;
+  g_killing = 0;
 #define INSTALL(name)                                    \
   g_counts[#name] = 0;                                   \
   Zarn::GetFileSyscalls().name = [](auto... arguments) { \
@@ -59,6 +84,11 @@ void SyscallFaults::FailCall(std::size_t n, int error, Extent extent) {
   g_failing = g_total + n;
   g_error = error;
   g_extent = extent;
+}
+
+void SyscallFaults::KillAtCall(std::size_t n, bool before) {
+  g_killing = g_total + n;
+  g_killsBefore = before;
 }
 
 bool SyscallFaults::HasFailed() const {

@@ -21,6 +21,9 @@ class SyscallFaults {
   /// error of 0 fails none. A failing close still gives the descriptor up. Interrupted calls are
   /// repeated, so EINTR from then on never ends.
   void FailCall(std::size_t n, int error, Extent extent = kOnce);
+  /// Makes the n-th call from now the last thing that this process does: a write half-way, any
+  /// other call, or with `before` a write as well, not at all.
+  void KillAtCall(std::size_t n, bool before);
   /// True once the call that the last FailCall chose has been made.
   bool HasFailed() const;
 

@@ -22,11 +22,19 @@ class HX_PLATFORM_API ZrFile {
   /// is if the name of that is not UTF-8.
   static PelmUnicodeString GetAbsolute(const PelmUnicodeString& path);
 
+  /// The file that a symbolic link leads to; any other path, and one that leads nowhere, as it is.
+  static PelmUnicodeString FollowLink(const PelmUnicodeString& path);
+
   static bool IsExist(const PelmUnicodeString& path);
   /// Makes a directory and its missing parents; what exists already is fine.
   static bool MkDirEx(const PelmUnicodeString& path);
   /// Removes a file of any kind but never a directory.
   static bool Delete(const PelmUnicodeString& path);
+  /// Gives a file another path on the same file system, in one step; what had that path is gone.
+  static bool Rename(const PelmUnicodeString& from, const PelmUnicodeString& to);
+  /// Waits until the names in the directory of `path` would survive a loss of power; true, too,
+  /// where the file system has no such promise to make.
+  static bool SyncDir(const PelmUnicodeString& path);
 
   /// The path as the kernel takes it; false for one that names nothing.
   static bool ToNative(const PelmUnicodeString& path, std::string& native);

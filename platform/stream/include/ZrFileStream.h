@@ -65,14 +65,31 @@ class HX_PLATFORM_API ZrFileStream {
   /// full disk shows here. What lies beyond the end of the file is reserved without being written
   /// where the file system can do that.
   bool ZeroFill(std::uint64_t position, std::uint64_t size);
+  /// Takes the room for `size` bytes from `position` on, without changing any. False only if there
+  /// is none: a file system that cannot reserve has no answer.
+  bool Reserve(std::uint64_t position, std::uint64_t size);
+  /// Makes `size` bytes from `position` on read as zero, and gives their room back where the file
+  /// system can do that. The length of the file stays.
+  bool MakeHole(std::uint64_t position, std::uint64_t size);
   /// The first position at or after `position` that does not lie in a hole; the length of the
   /// file if only a hole follows. Without knowledge of holes, `position` itself.
   std::uint64_t NextData(std::uint64_t position) const;
+  /// The first position at or after `position` that lies in a hole; the end of the file counts.
+  std::uint64_t NextHole(std::uint64_t position) const;
 
   /// There is nothing to hand over; true while open.
   bool Flush() { return IsOpen(); }
   /// Waits until what was written would survive a loss of power.
   bool Sync();
+
+  /// Takes the open file for this stream, among all streams of all processes that claim it, until
+  /// it is closed; nothing else is kept from using it. False if another has it, or if the file is
+  /// not open for writing.
+  bool TryClaim();
+  /// The same, but waits for the other; false only if it cannot be had at all.
+  bool Claim();
+  /// Gives the open file the permissions of another and, as far as this process may, its owner.
+  bool TakeOwner(const ZrFileStream& other);
 
   /// The whole file into `data`; false, too, if the file becomes shorter meanwhile.
   bool Load(ZrByteArray& data) const;

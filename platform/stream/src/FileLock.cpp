@@ -18,6 +18,7 @@ constexpr off_t kLockOffset = off_t{1} << 62;
 constexpr Bytes kGate = {kLockOffset, 1};
 constexpr Bytes kMain = {kLockOffset + 1, 1};
 constexpr Bytes kBoth = {kLockOffset, 2};
+constexpr Bytes kClaim = {kLockOffset + 2, 1};
 
 // F_OFD_SETLK: takes or frees a lock, or fails at once. F_OFD_SETLKW: waits for it. F_OFD_GETLK:
 // whether it could be taken.
@@ -129,6 +130,10 @@ bool FileLock::Lock(LockMode mode) {
 void FileLock::Unlock() {
   m_mode = LockMode::kNone;  // first: what others read here must not outlast the lock
   Ask(m_fd, F_OFD_SETLK, F_UNLCK, kBoth);
+}
+
+bool ClaimFile(int fd, bool wait) {
+  return Ask(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, F_WRLCK, kClaim);
 }
 
 bool FileLock::IsOpenOn(const struct stat& status) const {

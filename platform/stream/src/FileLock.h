@@ -61,4 +61,8 @@ class FileLock {
   ino_t m_inode = 0;
 };
 
+/// Claims the file open at `fd`, for writing at least, for that open file description: by a third
+/// byte next to those of FileLock, with which it has nothing else in common.
+bool ClaimFile(int fd, bool wait);
+
 }  // namespace Zarn

@@ -20,6 +20,8 @@ FileSyscalls g_syscalls = {
     ::fallocate,
     ::fdatasync,
     ::fsync,
+    ::fchmod,
+    ::fchown,
     ::mkdir,
     ::unlink,
     ::link,

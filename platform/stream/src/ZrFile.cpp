@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "Descriptors.h"
 #include "FileSyscalls.h"
 
 namespace Zarn {
@@ -54,6 +55,15 @@ PelmUnicodeString ZrFile::GetAbsolute(const PelmUnicodeString& path) {
   return error || start.ToUtf8() != folder ? path : start + path;
 }
 
+PelmUnicodeString ZrFile::FollowLink(const PelmUnicodeString& path) {
+  std::error_code error;
+  const std::filesystem::path native = path.ToUtf8();
+  if (!std::filesystem::is_symlink(native, error)) return path;
+  const std::string target = std::filesystem::canonical(native, error).string();
+  const PelmUnicodeString found = PelmUnicodeString::FromUtf8(target);
+  return error || found.ToUtf8() != target ? path : found;
+}
+
 bool ZrFile::IsExist(const PelmUnicodeString& path) {
   std::string native;
   struct stat status;
@@ -68,6 +78,26 @@ bool ZrFile::MkDirEx(const PelmUnicodeString& path) {
 bool ZrFile::Delete(const PelmUnicodeString& path) {
   std::string native;
   return ToNative(path, native) && GetFileSyscalls().unlink(native.c_str()) == 0;
+}
+
+bool ZrFile::Rename(const PelmUnicodeString& from, const PelmUnicodeString& to) {
+  std::string nativeFrom;
+  std::string nativeTo;
+  return ToNative(from, nativeFrom) && ToNative(to, nativeTo) &&
+         GetFileSyscalls().rename(nativeFrom.c_str(), nativeTo.c_str()) == 0;
+}
+
+bool ZrFile::SyncDir(const PelmUnicodeString& path) {
+  const FileSyscalls& calls = GetFileSyscalls();
+  const std::string directory = GetDir(path).ToUtf8();
+  const int fd = Uninterrupted([&] {
+    return calls.open(directory.empty() ? "." : directory.c_str(),
+                      O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+  });
+  if (fd < 0) return false;
+  const bool synced = Uninterrupted([&] { return calls.fsync(fd); }) == 0 || errno == EINVAL;
+  calls.close(fd);
+  return synced;
 }
 
 bool ZrFile::ToNative(const PelmUnicodeString& path, std::string& native) {

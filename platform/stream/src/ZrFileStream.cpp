@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Descriptors.h"
+#include "FileLock.h"
 #include "FileSyscalls.h"
 #include "ZrFile.h"
 
@@ -181,6 +182,52 @@ std::uint64_t ZrFileStream::NextData(std::uint64_t position) const {
   std::uint64_t length;
   if (errno == ENXIO && GetLength(length)) return std::max(position, length);
   return position;
+}
+
+std::uint64_t ZrFileStream::NextHole(std::uint64_t position) const {
+  const off_t found = GetFileSyscalls().lseek(m_fd, Offset(position), SEEK_HOLE);
+  if (found >= 0) return static_cast<std::uint64_t>(found);
+  std::uint64_t length;
+  return GetLength(length) ? std::max(position, length) : position;
+}
+
+bool ZrFileStream::Reserve(std::uint64_t position, std::uint64_t size) {
+  if (position > INT64_MAX || size > INT64_MAX - position) return false;
+  if (size == 0) return true;
+  return Uninterrupted([&] {
+           return GetFileSyscalls().fallocate(m_fd, FALLOC_FL_KEEP_SIZE, Offset(position),
+                                              Offset(size));
+         }) == 0 ||
+         errno == EOPNOTSUPP || errno == ENOSYS;
+}
+
+bool ZrFileStream::MakeHole(std::uint64_t position, std::uint64_t size) {
+  std::uint64_t length;
+  if (!GetLength(length)) return false;
+  if (position >= length) return true;
+  size = std::min(size, length - position);
+  if (size == 0) return true;
+  const int result = Uninterrupted([&] {
+    return GetFileSyscalls().fallocate(m_fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                                       Offset(position), Offset(size));
+  });
+  return result == 0 || ((errno == EOPNOTSUPP || errno == ENOSYS) && WriteZeros(position, size));
+}
+
+bool ZrFileStream::TryClaim() { return ClaimFile(m_fd, false); }
+
+bool ZrFileStream::Claim() { return ClaimFile(m_fd, true); }
+
+bool ZrFileStream::TakeOwner(const ZrFileStream& other) {
+  struct stat mine;
+  struct stat wanted;
+  if (!GetStatus(mine) || !other.GetStatus(wanted)) return false;
+  const FileSyscalls& calls = GetFileSyscalls();
+  if (mine.st_uid != wanted.st_uid || mine.st_gid != wanted.st_gid)
+    calls.fchown(m_fd, wanted.st_uid, wanted.st_gid);
+  constexpr mode_t kPermissions = 07777;
+  const mode_t mode = wanted.st_mode & kPermissions;
+  return (mine.st_mode & kPermissions) == mode || calls.fchmod(m_fd, mode) == 0;
 }
 
 bool ZrFileStream::Sync() {

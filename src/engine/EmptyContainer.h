@@ -1,0 +1,16 @@
+#pragma once
+
+#include "IndexHeaders.h"
+#include "Scramble.h"
+#include "ZrFile64.h"
+
+/// A container of this host without tiles, in an empty file. The entries need no writing: they lie
+/// in a hole.
+namespace Zarn::Engine {
+
+bool WriteEmptyContainer(ZrFile64& file, const Format::XorString& xorString,
+                         const Format::GridHeader& header);
+bool WriteEmptyContainer(ZrFile64& file, const Format::XorString& xorString,
+                         const Format::NamingHeader& header);
+
+}  // namespace Zarn::Engine

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "FileState.h"
+#include "ImageWriter.h"
+#include "IndexValue.h"
+#include "RecordReader.h"
+
+namespace Zarn::Engine {
+
+/// Copies what is alive in a container into a new, empty one of the same kind and size: each tile
+/// with its versions, one record per version, the oldest first. Records come out as if the versions
+/// had been stored in that order, but how far each is filled, and the status of tile and versions,
+/// stay as they were.
+class TileCopier {
+ public:
+  /// Turns a stored name, of a file of the older version, into UTF-16; false if it cannot.
+  using NameDecoder = std::function<bool(const Format::StoredName& stored, std::u16string& name)>;
+  /// Told how many of all entries are done, now and then; false ends the copying.
+  using Progress = std::function<bool(std::uint64_t done, std::uint64_t all)>;
+
+  TileCopier(const FileState& source, ZrFile64& target, NameDecoder decode, Progress progress);
+
+  /// kOk; kReadFailure if something in the source cannot be read, or holds what nothing writes;
+  /// kWriteFailure if the target cannot be written, if a name cannot be converted or stored, or if
+  /// the copying was ended.
+  unsigned int Copy();
+
+ private:
+  struct Version {
+    std::uint64_t stamp;
+    std::uint64_t locator;
+  };
+
+  unsigned int CopyGrid();
+  bool ReadCells(std::uint64_t first, std::vector<std::uint64_t>& entries) const;
+  unsigned int CopyCells(std::uint64_t first, const std::vector<std::uint64_t>& entries);
+
+  unsigned int CopyNames();
+  unsigned int CopyName(const NameTable::Entry& place, std::uint64_t value);
+  bool WriteCount();
+
+  /// A name as the source stores it, and what it is in the target.
+  struct Name {
+    std::string stored;
+    std::uint32_t charset = 0;
+    std::u16string units;
+  };
+  enum class CodeSearch { kFree, kShadowed, kTaken, kUnreadable };
+  bool Decode(Name& name) const;
+  bool ReadName(std::uint32_t slot, Name& name);
+  CodeSearch FindCode(const Name& name, std::uint64_t& code);
+
+  bool ReadRecord(std::uint64_t position, std::uint64_t guessedLength);
+  unsigned int WriteTile(std::uint64_t value, const Format::StoredName& name,
+                         std::uint64_t& newValue);
+  void CollectVersions();
+  bool AppendVersion(const Version& version, const Format::StoredName& name, bool isFirst);
+  bool Tell(std::uint64_t done, std::uint64_t all);
+
+  const FileState& m_source;
+  ZrFile64& m_target;
+  const NameDecoder m_decode;
+  const Progress m_progress;
+  const std::uint32_t m_kind;
+  const Format::IndexArea m_sourceIndex;
+  Io::RecordReader m_reader;
+  ZrByteArray m_payload;            // of the record read last
+  std::vector<Version> m_versions;  // of the tile being copied, that are alive
+  ZrByteArray m_headBytes;
+  Format::RecordImage m_head;        // of the version written last
+  std::uint64_t m_headPosition = 0;  // where it is
+  ImageWriter m_writer;
+  std::uint64_t m_told = 0;  // position at the last call of m_progress
+  NameTable m_names;         // from codes in the target to slots of the source
+};
+
+}  // namespace Zarn::Engine

@@ -1,0 +1,94 @@
+#include "RedoMarks.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+namespace Zarn::Format {
+namespace {
+
+// What both begin with, then their fields.
+constexpr std::size_t kMagicSize = 16;
+constexpr char kMarkMagic[kMagicSize + 1] = "!!being replaced";
+constexpr char kTrailerMagic[kMagicSize + 1] = "end of the image";
+static_assert(kMarkMagic[0] == kMarkMagic[1]);
+
+constexpr std::size_t kFirstIdOffset = kMagicSize;
+constexpr std::size_t kSecondIdOffset = kFirstIdOffset + kWidth8;
+constexpr std::size_t kMarkSize = kSecondIdOffset + kWidth8;
+static_assert(kMarkSize >= kReservedOffset && kMarkSize <= kHeaderSize);
+
+constexpr std::size_t kImageLengthOffset = kSecondIdOffset + kWidth8;
+constexpr std::size_t kChecksumOffset = kImageLengthOffset + kWidth8;
+static_assert(kChecksumOffset + kWidth8 <= kRedoTrailerSize);
+
+constexpr bool kSwap = std::endian::native == std::endian::big;
+constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15;  // odd, so that no bit of a product is lost
+
+std::uint64_t Mix(std::uint64_t lane, std::uint64_t word) {
+  return std::rotl((lane ^ word) * kFactor, 29);
+}
+
+void EncodeId(unsigned char* target, const RedoId& id) {
+  StoreScalar(target + kFirstIdOffset, id.first, kSwap);
+  StoreScalar(target + kSecondIdOffset, id.second, kSwap);
+}
+
+RedoId DecodeId(const unsigned char* bytes) {
+  return {LoadScalar<std::uint64_t>(bytes + kFirstIdOffset, kSwap),
+          LoadScalar<std::uint64_t>(bytes + kSecondIdOffset, kSwap)};
+}
+
+}  // namespace
+
+HeaderImage EncodeRedoMark(const RedoId& id, const HeaderImage& header) {
+  HeaderImage mark = header;
+  std::memcpy(mark.data(), kMarkMagic, kMagicSize);
+  EncodeId(mark.data(), id);
+  return mark;
+}
+
+std::optional<RedoId> DecodeRedoMark(const HeaderImage& bytes) {
+  if (std::memcmp(bytes.data(), kMarkMagic, kMagicSize) != 0) return std::nullopt;
+  return DecodeId(bytes.data());
+}
+
+RedoTrailerImage EncodeRedoTrailer(const RedoTrailer& trailer) {
+  RedoTrailerImage image = {};
+  std::memcpy(image.data(), kTrailerMagic, kMagicSize);
+  EncodeId(image.data(), trailer.id);
+  StoreScalar(image.data() + kImageLengthOffset, trailer.imageLength, kSwap);
+  StoreScalar(image.data() + kChecksumOffset, trailer.checksum, kSwap);
+  return image;
+}
+
+std::optional<RedoTrailer> DecodeRedoTrailer(const RedoTrailerImage& bytes) {
+  if (std::memcmp(bytes.data(), kTrailerMagic, kMagicSize) != 0) return std::nullopt;
+  return RedoTrailer{DecodeId(bytes.data()),
+                     LoadScalar<std::uint64_t>(bytes.data() + kImageLengthOffset, kSwap),
+                     LoadScalar<std::uint64_t>(bytes.data() + kChecksumOffset, kSwap)};
+}
+
+void RedoChecksum::Add(const unsigned char* bytes, std::size_t size) {
+  for (; size >= kBlock; bytes += kBlock, size -= kBlock)
+    AddBlock(bytes);
+  if (size == 0) return;
+  unsigned char last[kBlock] = {};
+  std::copy_n(bytes, size, last);
+  AddBlock(last);
+}
+
+void RedoChecksum::AddBlock(const unsigned char* bytes) {
+  static_assert(kBlock == kLanes * kWidth8);
+  for (std::size_t lane = 0; lane < kLanes; ++lane)
+    m_lanes[lane] = Mix(m_lanes[lane], LoadScalar<std::uint64_t>(bytes + lane * kWidth8, kSwap));
+}
+
+std::uint64_t RedoChecksum::Get() const {
+  std::uint64_t sum = 0;
+  for (const std::uint64_t lane : m_lanes)
+    sum = Mix(sum, lane);
+  return sum;
+}
+
+}  // namespace Zarn::Format

@@ -1,0 +1,201 @@
+#include "RedoFile.h"
+
+#include <sys/random.h>
+
+#include <algorithm>
+
+#include "PathRules.h"
+#include "ZrFile.h"
+
+namespace Zarn::Io {
+
+using Format::HeaderImage;
+
+namespace {
+
+// The large buffer is worth little more than a small one, but asks the disk for large pieces.
+bool HaveBuffer(ZrByteArray& buffer) {
+  constexpr std::uint64_t kLargest = 0x8000000;
+  constexpr std::uint64_t kSmallest = 0x10000;
+  static_assert(kSmallest % Format::RedoChecksum::kBlock == 0);
+  for (std::uint64_t size = kLargest; size >= kSmallest; size /= 2)
+    if (buffer.ResizeForOverwrite(size)) return true;
+  return false;
+}
+
+bool ReadHeaderBytes(const ZrFileStream& file, HeaderImage& bytes) {
+  return file.ReadAt(0, bytes.data(), bytes.size());
+}
+
+bool WriteHeaderBytes(ZrFileStream& file, const HeaderImage& bytes) {
+  return file.WriteAt(0, bytes.data(), bytes.size());
+}
+
+bool ChecksumOf(const ZrFileStream& image, std::uint64_t length, ZrByteArray& buffer,
+                std::uint64_t& checksum) {
+  Format::RedoChecksum sum;
+  for (std::uint64_t done = 0; done < length;) {
+    const std::uint64_t piece = std::min<std::uint64_t>(buffer.GetSize(), length - done);
+    if (!image.ReadAt(done, buffer.GetData(), piece)) return false;
+    sum.Add(buffer.GetData(), piece);
+    done += piece;
+  }
+  checksum = sum.Get();
+  return true;
+}
+
+// Calls `data(from, to)` for what the image holds from `begin` on, and `hole(from, to)` for the
+// holes between, in order, until one answers false.
+template <typename Data, typename Hole>
+bool ForEachPart(const ZrFileStream& image, std::uint64_t begin, std::uint64_t end, Data data,
+                 Hole hole) {
+  while (begin < end) {
+    const std::uint64_t dataStart = std::min(image.NextData(begin), end);
+    const std::uint64_t dataEnd =
+        dataStart < end ? std::clamp(image.NextHole(dataStart), dataStart + 1, end) : end;
+    if (dataStart > begin && !hole(begin, dataStart)) return false;
+    if (dataStart < dataEnd && !data(dataStart, dataEnd)) return false;
+    begin = dataEnd;
+  }
+  return true;
+}
+
+// The image without its header; its holes become holes.
+bool CopyBody(const ZrFileStream& image, std::uint64_t length, ZrFileStream& container,
+              ZrByteArray& buffer, const RedoFile::Progress& progress) {
+  const auto copy = [&](std::uint64_t from, std::uint64_t to) {
+    while (from < to) {
+      const std::uint64_t piece = std::min<std::uint64_t>(buffer.GetSize(), to - from);
+      if (!image.ReadAt(from, buffer.GetData(), piece) ||
+          !container.WriteAt(from, buffer.GetData(), piece))
+        return false;
+      from += piece;
+      if (progress) progress(from);
+    }
+    return true;
+  };
+  const auto clear = [&](std::uint64_t from, std::uint64_t to) {
+    return container.MakeHole(from, to - from);
+  };
+  return ForEachPart(image, Format::kHeaderSize, length, copy, clear) &&
+         container.SetLength(length) && container.Sync();
+}
+
+// Puts a complete image in the place of a container that is marked.
+bool CopyImage(const ZrFileStream& image, std::uint64_t length, ZrFileStream& container,
+               ZrByteArray& buffer, const RedoFile::Progress& progress) {
+  HeaderImage header;
+  return ReadHeaderBytes(image, header) && CopyBody(image, length, container, buffer, progress) &&
+         WriteHeaderBytes(container, header) && container.Sync();
+}
+
+// The image takes the path of the container. Its trailer is dead space until it is cut off.
+bool TakePath(ZrFileStream& image, std::uint64_t length, const PelmUnicodeString& imagePath,
+              const PelmUnicodeString& path) {
+  if (!ZrFile::Rename(imagePath, path)) return false;
+  image.SetLength(length);
+  ZrFile::SyncDir(path);
+  return true;
+}
+
+void Remove(const PelmUnicodeString& imagePath) {
+  ZrFile::Delete(imagePath);
+  ZrFile::SyncDir(imagePath);
+}
+
+// Whether `image` is what the mark asks for, and whole.
+bool IsImageOf(const Format::RedoId& id, const ZrFileStream& image, ZrByteArray& buffer,
+               std::uint64_t& imageLength) {
+  std::uint64_t length;
+  Format::RedoTrailerImage bytes;
+  if (!image.GetLength(length) || length < Format::kHeaderSize + bytes.size()) return false;
+  imageLength = length - bytes.size();
+  if (!image.ReadAt(imageLength, bytes.data(), bytes.size())) return false;
+  const auto trailer = Format::DecodeRedoTrailer(bytes);
+  std::uint64_t checksum;
+  return trailer && trailer->id == id && trailer->imageLength == imageLength &&
+         HaveBuffer(buffer) && ChecksumOf(image, imageLength, buffer, checksum) &&
+         checksum == trailer->checksum;
+}
+
+}  // namespace
+
+bool RedoFile::Make(const PelmUnicodeString& path, ZrFile64& container) {
+  m_containerPath = ZrFile::FollowLink(path);
+  m_path = Format::TemporaryPath(m_containerPath);
+  if (!m_file.Begin(m_path) || !m_stream.TryClaim() || !m_stream.TakeOwner(container)) return false;
+  ZrNewFile::Outcome outcome = m_file.Publish();
+  if (outcome == ZrNewFile::Outcome::kExists && RemoveLeftover(container))
+    outcome = m_file.Publish();
+  return outcome == ZrNewFile::Outcome::kPublished;
+}
+
+// Nobody works on what can be claimed; but it may be all that is left of a container that is
+// marked.
+bool RedoFile::RemoveLeftover(const ZrFile64& container) const {
+  ZrFile64 leftover;
+  HeaderImage header;
+  return leftover.Open(m_path, ZrFile64::kReadWrite) && leftover.TryClaim() &&
+         leftover.IsSameFile(m_path) && ReadHeaderBytes(container, header) &&
+         !Format::DecodeRedoMark(header) && ZrFile::Delete(m_path);
+}
+
+bool RedoFile::Seal() {
+  Format::RedoId& id = m_trailer.id;
+  if (!HaveBuffer(m_buffer) || !m_stream.GetLength(m_trailer.imageLength) ||
+      !ChecksumOf(m_stream, m_trailer.imageLength, m_buffer, m_trailer.checksum) ||
+      ::getrandom(&id, sizeof id, 0) != ssize_t{sizeof id})
+    return false;
+  const Format::RedoTrailerImage bytes = Format::EncodeRedoTrailer(m_trailer);
+  return m_stream.WriteAt(m_trailer.imageLength, bytes.data(), bytes.size()) && m_stream.Sync() &&
+         ZrFile::SyncDir(m_path);
+}
+
+bool RedoFile::Reserve(ZrFile64& container) const {
+  const auto reserve = [&](std::uint64_t from, std::uint64_t to) {
+    return container.Reserve(from, to - from);
+  };
+  const auto skip = [](std::uint64_t, std::uint64_t) { return true; };
+  return ForEachPart(m_stream, 0, m_trailer.imageLength, reserve, skip);
+}
+
+RedoFile::Outcome RedoFile::Replace(ZrFile64& container, const Progress& progress) {
+  m_file.Commit();  // the image is deleted only where this says so
+  const std::uint64_t length = m_trailer.imageLength;
+  HeaderImage header;
+  if (ReadHeaderBytes(m_stream, header) &&
+      WriteHeaderBytes(container, Format::EncodeRedoMark(m_trailer.id, header)) &&
+      container.Sync() && CopyImage(m_stream, length, container, m_buffer, progress)) {
+    Remove(m_path);
+    return Outcome::kInPlace;
+  }
+  return TakePath(m_stream, length, m_path, m_containerPath) ? Outcome::kByName : Outcome::kNot;
+}
+
+void RedoFile::Delete() { Remove(m_path); }
+
+bool FinishReplacement(const PelmUnicodeString& path) {
+  const PelmUnicodeString containerPath = ZrFile::FollowLink(path);
+  const PelmUnicodeString imagePath = Format::TemporaryPath(containerPath);
+  ZrFile64 container;
+  ZrFile64 image;
+  HeaderImage header;
+  const auto readMark = [&] {
+    return ReadHeaderBytes(container, header) ? Format::DecodeRedoMark(header) : std::nullopt;
+  };
+  if (!container.Open(containerPath, ZrFile64::kReadWrite) || !readMark()) return false;
+  if (!image.Open(imagePath, ZrFile64::kReadWrite) || !image.Claim() ||
+      !image.IsSameFile(imagePath))
+    return true;
+  const auto id = readMark();  // whoever had the claim may have finished
+  ZrByteArray buffer;
+  std::uint64_t length;
+  if (!id || !IsImageOf(*id, image, buffer, length)) return true;
+  if (CopyImage(image, length, container, buffer, nullptr))
+    Remove(imagePath);
+  else
+    TakePath(image, length, imagePath, containerPath);
+  return true;
+}
+
+}  // namespace Zarn::Io

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <functional>
+
+#include "PelmUnicodeString.h"
+#include "RedoMarks.h"
+#include "ZrFile64.h"
+#include "ZrNewFile.h"
+
+namespace Zarn::Io {
+
+/// A file beside a container, in which the image is built that is to replace it; and the way to put
+/// it there, byte by byte, so that a crash at any moment costs nothing.
+///
+///   Make       the file, empty. Up to Replace, destroying this object deletes it.
+///   GetStream  write the image, from position 0 on.
+///   Seal       the image is complete: a trailer says so, and both are on the disk.
+///   Reserve    the container gets the room that it needs, while it is still whole.
+///   Replace    a mark over the header, the image without its header, the header, with a sync after
+///              each. The image stays until the container is whole.
+///
+/// Whoever finds the mark puts the image in its place with FinishReplacement. All of them, and all
+/// who make such a file, claim it first, so at any time one of them works, whether or not any other
+/// lock is in use. The kernel frees the claim of a process that dies.
+class RedoFile {
+ public:
+  /// Bytes of the image that are in place.
+  using Progress = std::function<void(std::uint64_t done)>;
+  enum class Outcome {
+    kInPlace,  ///< the container has the image's bytes
+    kByName,   ///< it could not be written: the image has its path now, as another file
+    kNot,      ///< neither; the image is left where it is, and the container as far as it came
+  };
+
+  /// For the container at `path`, open in `container`. What a killed run has left is replaced.
+  /// False if somebody else is at work, or if the file cannot be made.
+  bool Make(const PelmUnicodeString& path, ZrFile64& container);
+  ZrFile64& GetStream() { return m_stream; }
+  /// Memory for the copies that follow is had here, too.
+  bool Seal();
+  bool Reserve(ZrFile64& container) const;
+  Outcome Replace(ZrFile64& container, const Progress& progress);
+
+  std::uint64_t GetImageLength() const { return m_trailer.imageLength; }
+  /// Deletes the image of a replacement that came to nothing and left the container whole.
+  void Delete();
+
+ private:
+  bool RemoveLeftover(const ZrFile64& container) const;
+
+  PelmUnicodeString m_path;           // of the image
+  PelmUnicodeString m_containerPath;  // no symbolic link
+  ZrFile64 m_stream;
+  ZrNewFile m_file{m_stream};
+  ZrByteArray m_buffer;
+  Format::RedoTrailer m_trailer;
+};
+
+/// If the file at `path` carries the mark, finishes its replacement, or waits for whoever does.
+/// True if it was marked: then it is worth another look, whatever came of it. What has no image, or
+/// one that is not its own or incomplete, is left alone, and so is the image.
+bool FinishReplacement(const PelmUnicodeString& path);
+
+}  // namespace Zarn::Io
