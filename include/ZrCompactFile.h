@@ -400,7 +400,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                             ZrByteArray& buffer, ZrByteArray& data,
                             unsigned long long& filledLength, unsigned long long version) const;
 
-  bool m_bLockHeld = false;  ///< compaction holds the lock between processes for all operations
+  /// A compaction is under way and holds the lock between processes for all operations: those that
+  /// its progress function calls. Guarded by m_mutex.
+  bool m_bLockHeld = false;
 
   /// The published state of the open file. Changed with m_mutex and m_stateMutex both held, so
   /// either of them is enough to read it; but the two sizes, which SetMaxSize changes, need

@@ -66,6 +66,7 @@ unsigned int ZrCompactFile::Create(const PelmUnicodeString& path, unsigned int r
                                    unsigned int cols, const PelmUnicodeString& password,
                                    ZrOpenMode mode) {
   const std::lock_guard lock(m_mutex);
+  if (m_bLockHeld) return ZrResult::kNotCreated;
   try {
     Close();
     return CreateGrid(path, rows, cols, password, mode);
@@ -78,6 +79,7 @@ unsigned int ZrCompactFile::Create(const PelmUnicodeString& path, unsigned int r
 unsigned int ZrCompactFile::Create(const PelmUnicodeString& path, unsigned long long capacity,
                                    const PelmUnicodeString& password, ZrOpenMode mode) {
   const std::lock_guard lock(m_mutex);
+  if (m_bLockHeld) return ZrResult::kNotCreated;
   try {
     Close();
     return CreateNaming(path, capacity, password, mode);
@@ -136,6 +138,7 @@ bool ZrCompactFile::TakeNewFile(std::shared_ptr<ZrFile64> stream,
 unsigned int ZrCompactFile::Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
                                  ZrOpenMode mode) {
   const std::lock_guard lock(m_mutex);
+  if (m_bLockHeld) return ZrResult::kNotUsable;
   try {
     if (Format::IsCachePath(path)) return OpenCacheFile(path, password);
     if (m_pCacheFile == nullptr && IsOpenAt(path)) return Join();
@@ -233,9 +236,9 @@ unsigned int ZrCompactFile::TakeIntoUse() {
 bool ZrCompactFile::Close() {
   const std::lock_guard lock(m_mutex);
   if (m_pCacheFile != nullptr) return m_pCacheFile->Close();
-  if (!m_bOpened) return true;
+  if (!m_bOpened || m_bLockHeld) return true;
   m_mapSwapData.erase(ZrThread::GetCurrentThreadId());
-  if (m_mapSwapData.empty() || m_bLockHeld) TearDown();
+  if (m_mapSwapData.empty()) TearDown();
   return true;
 }
 

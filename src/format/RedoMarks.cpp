@@ -69,26 +69,25 @@ std::optional<RedoTrailer> DecodeRedoTrailer(const RedoTrailerImage& bytes) {
                      LoadScalar<std::uint64_t>(bytes.data() + kChecksumOffset, kSwap)};
 }
 
-void RedoChecksum::Add(const unsigned char* bytes, std::size_t size) {
+// Zeros give zero, so that chunks of zeros count nothing. Lanes are independent of each other: a
+// processor works on all of them at once.
+void RedoChecksum::Add(std::uint64_t number, const unsigned char* bytes, std::size_t size) {
+  constexpr std::size_t kLanes = 4;
+  constexpr std::size_t kBlock = kLanes * kWidth8;
+  std::uint64_t lanes[kLanes] = {};
+  const auto addBlock = [&lanes](const unsigned char* block) {
+    for (std::size_t lane = 0; lane < kLanes; ++lane)
+      lanes[lane] = Mix(lanes[lane], LoadScalar<std::uint64_t>(block + lane * kWidth8, kSwap));
+  };
   for (; size >= kBlock; bytes += kBlock, size -= kBlock)
-    AddBlock(bytes);
-  if (size == 0) return;
+    addBlock(bytes);
   unsigned char last[kBlock] = {};
   std::copy_n(bytes, size, last);
-  AddBlock(last);
-}
-
-void RedoChecksum::AddBlock(const unsigned char* bytes) {
-  static_assert(kBlock == kLanes * kWidth8);
-  for (std::size_t lane = 0; lane < kLanes; ++lane)
-    m_lanes[lane] = Mix(m_lanes[lane], LoadScalar<std::uint64_t>(bytes + lane * kWidth8, kSwap));
-}
-
-std::uint64_t RedoChecksum::Get() const {
-  std::uint64_t sum = 0;
-  for (const std::uint64_t lane : m_lanes)
-    sum = Mix(sum, lane);
-  return sum;
+  addBlock(last);
+  std::uint64_t hash = 0;
+  for (const std::uint64_t lane : lanes)
+    hash = Mix(hash, lane);
+  m_sum += hash * (2 * number + 1);
 }
 
 }  // namespace Zarn::Format

@@ -40,21 +40,17 @@ struct RedoTrailer {
 RedoTrailerImage EncodeRedoTrailer(const RedoTrailer& trailer);
 std::optional<RedoTrailer> DecodeRedoTrailer(const RedoTrailerImage& bytes);
 
-/// Checksum of a sequence of bytes: fast, and certain to notice a byte that was not written. No
-/// defence against intent.
+/// Checksum of a file, chunk by chunk in any order; chunks of zeros, and so holes, may be left out.
+/// Fast, and certain to notice bytes that were not written. No defence against intent.
 class RedoChecksum {
  public:
-  /// All pieces but the last must be multiples of kBlock bytes.
-  static constexpr std::size_t kBlock = 32;
+  static constexpr std::size_t kChunk = 64 * 1024;  // all have this size, but the last of the file
 
-  void Add(const unsigned char* bytes, std::size_t size);
-  std::uint64_t Get() const;
+  void Add(std::uint64_t number, const unsigned char* bytes, std::size_t size);
+  std::uint64_t Get() const { return m_sum; }
 
  private:
-  void AddBlock(const unsigned char* bytes);
-
-  static constexpr std::size_t kLanes = 4;  // independent of each other, so that they overlap
-  std::uint64_t m_lanes[kLanes] = {1, 2, 3, 4};
+  std::uint64_t m_sum = 0;
 };
 
 }  // namespace Zarn::Format

@@ -17,7 +17,7 @@ namespace {
 bool HaveBuffer(ZrByteArray& buffer) {
   constexpr std::uint64_t kLargest = 0x8000000;
   constexpr std::uint64_t kSmallest = 0x10000;
-  static_assert(kSmallest % Format::RedoChecksum::kBlock == 0);
+  static_assert(kSmallest % Format::RedoChecksum::kChunk == 0);
   for (std::uint64_t size = kLargest; size >= kSmallest; size /= 2)
     if (buffer.ResizeForOverwrite(size)) return true;
   return false;
@@ -29,19 +29,6 @@ bool ReadHeaderBytes(const ZrFileStream& file, HeaderImage& bytes) {
 
 bool WriteHeaderBytes(ZrFileStream& file, const HeaderImage& bytes) {
   return file.WriteAt(0, bytes.data(), bytes.size());
-}
-
-bool ChecksumOf(const ZrFileStream& image, std::uint64_t length, ZrByteArray& buffer,
-                std::uint64_t& checksum) {
-  Format::RedoChecksum sum;
-  for (std::uint64_t done = 0; done < length;) {
-    const std::uint64_t piece = std::min<std::uint64_t>(buffer.GetSize(), length - done);
-    if (!image.ReadAt(done, buffer.GetData(), piece)) return false;
-    sum.Add(buffer.GetData(), piece);
-    done += piece;
-  }
-  checksum = sum.Get();
-  return true;
 }
 
 // Calls `data(from, to)` for what the image holds from `begin` on, and `hole(from, to)` for the
@@ -57,6 +44,29 @@ bool ForEachPart(const ZrFileStream& image, std::uint64_t begin, std::uint64_t e
     if (dataStart < dataEnd && !data(dataStart, dataEnd)) return false;
     begin = dataEnd;
   }
+  return true;
+}
+
+bool ChecksumOf(const ZrFileStream& image, std::uint64_t length, ZrByteArray& buffer,
+                std::uint64_t& checksum) {
+  constexpr std::uint64_t kChunk = Format::RedoChecksum::kChunk;
+  Format::RedoChecksum sum;
+  std::uint64_t next = 0;  // what lies before was added
+  const auto add = [&](std::uint64_t from, std::uint64_t to) {
+    next = std::max(next, from / kChunk * kChunk);
+    to = std::min((to + kChunk - 1) / kChunk * kChunk, length);
+    while (next < to) {
+      const std::uint64_t piece = std::min<std::uint64_t>(buffer.GetSize(), to - next);
+      if (!image.ReadAt(next, buffer.GetData(), piece)) return false;
+      for (std::uint64_t done = 0; done < piece; done += kChunk)
+        sum.Add((next + done) / kChunk, buffer.GetData() + done, std::min(kChunk, piece - done));
+      next += piece;
+    }
+    return true;
+  };
+  const auto skip = [](std::uint64_t, std::uint64_t) { return true; };
+  if (!ForEachPart(image, 0, length, add, skip)) return false;
+  checksum = sum.Get();
   return true;
 }
 

@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -45,31 +46,398 @@ class CompactionInBothOrders : public Compaction, public ::testing::WithParamInt
 INSTANTIATE_TEST_SUITE_P(Engine, CompactionInBothOrders, ::testing::Bool(),
                          [](const auto& param) { return param.param ? "Foreign" : "Native"; });
 
-// What a compacted file holds is what the same tiles give that are stored one after the other.
+// A compacted file is what the same versions give that are stored anew, one after the other.
 TEST_P(CompactionInBothOrders, GridIsAsIfStoredAnew) {
-  MakeGrid(3, 700, GetParam());
+  struct Cell {
+    unsigned int row, col;
+    std::size_t size;
+  };
+  std::vector<Cell> cells;
   for (unsigned int row = 0; row < 3; ++row)
-    for (unsigned int col = 0; col < 700; col += col % 50 == 3 ? 47 : 1)
-      for (const unsigned long long version : {7, 2, 5, 9, 7})
-        ASSERT_EQ(Store(2 - row, col, std::string(col % 40 + version, 'x'), version), 0U);
-  ASSERT_EQ(Store(1, 60, std::string(2 << 20, 'l'), 1), 0U);
+    for (unsigned int col = row; col < 20000; col += col % 7 == 0 ? 701 : 1)
+      cells.push_back({row, col, col % 40 + (col == 708 ? 2U << 20 : 0U)});
+  const auto text = [](const Cell& cell, unsigned long long version) {
+    return std::string(cell.size + version, static_cast<char>('a' + version));
+  };
+  MakeGrid(3, 20000, GetParam());
+  for (auto cell = cells.rbegin(); cell != cells.rend(); ++cell)
+    for (const unsigned long long version : {7, 2, 5, 9, 7})
+      ASSERT_EQ(Store(cell->row, cell->col, text(*cell, version), version), 0U);
   ASSERT_EQ(object.Remove(1, 1, 5), 0U);
+  std::uint64_t before = Check().fileSize;
   ASSERT_EQ(object.Compact(), 0U);
+  EXPECT_LT(Check().fileSize, before);
   EXPECT_EQ(CountFiles(), 1U);
+  EXPECT_EQ(Read(1, 1, 5).payload, text({1, 1, 1}, 9)) << "it went with its version";
+  EXPECT_EQ(Store(2, 19999, "more", 1), 0U) << "the object works on";
+  ASSERT_EQ(object.Remove(2, 19999, 1), 0U);
 
-  ZrCompactFile expected;
-  ASSERT_EQ(expected.Create(folder.GetPath("expected"), 3, 700, u"", kMode), 0U);
-  for (unsigned int row = 0; row < 3; ++row)
-    for (unsigned int col = 0; col < 700; col += col % 50 == 3 ? 47 : 1) {
-      for (const unsigned long long version : {2, 5, 7, 9}) {
-        if (row != 1 || col != 1 || version != 5) {
-          ASSERT_EQ(expected.SetAt(row, col, Data(std::string(col % 40 + version, 'x')), 0, 0,
-                                   version),
-                    0U);
-        }
+  ZrCompactFile anew;
+  const Name anewPath = folder.GetPath("anew.cf");
+  ASSERT_EQ(anew.Create(anewPath, 3, 20000, u"", kMode), 0U);
+  for (const Cell& cell : cells)
+    for (const unsigned long long version : {2, 5, 7, 9})
+      if (cell.row != 1 || cell.col != 1 || version != 5) {
+        const ZrByteArray data = Data(text(cell, version));
+        ASSERT_EQ(anew.SetAt(cell.row, cell.col, data, 0, 0, version), 0U);
       }
+  ASSERT_EQ(object.Compact(), 0U);
+  Support::Bytes bytes = ReadFile(path);
+  const Support::Bytes wanted = ReadFile(anewPath);
+  ASSERT_EQ(bytes.size(), wanted.size());
+  std::copy_n(wanted.begin() + 11, 8, bytes.begin() + 11);  // the time of creation
+  EXPECT_TRUE(bytes == wanted);
+}
+
+// Shadowed names, gone slots and gone versions go; what was hidden behind a gone slot is back.
+TEST_P(CompactionInBothOrders, Names) {
+  MakeNaming(5, GetParam());
+  object.SetMaxSize(1.5, 2.5);
+  for (const char16_t* name : {u"1yeg98dgy", u"sm38f3s71", u"fqecng9yn", u"f1qe6747c"})
+    ASSERT_EQ(Put(name, "old"), 0U);
+  ASSERT_EQ(object.Remove(u"1yeg98dgy", 1), 0U);
+  ASSERT_EQ(Put(u"sm38f3s71", "new"), 0U) << "in the slot of the other, so it is there twice";
+  ASSERT_EQ(object.Remove(u"fqecng9yn", 1), 0U);
+  ASSERT_EQ(Get(u"f1qe6747c").result, 5U);
+  ASSERT_EQ(object.SetAt(u"sm38f3s71", Data("partial"), 10, 1, 2), 0U);
+  ASSERT_EQ(object.Compact(), 0U);
+  EXPECT_EQ(Get(u"sm38f3s71"), (Tile{0, std::string("\0partial\0\0", 10), 8}));
+  EXPECT_EQ(object.GetStatus(u"sm38f3s71"), ZrCompactFile::kPartial);
+  EXPECT_EQ(ReadTile(object, u"sm38f3s71", 1), (Tile{0, "new", 3}));
+  EXPECT_EQ(Get(u"f1qe6747c").payload, "old");
+  EXPECT_EQ(Get(u"1yeg98dgy").result, 5U);
+  unsigned int capacity, count;
+  EXPECT_EQ(object.GetIndexInfo(capacity, count), 1U);
+  EXPECT_EQ(capacity * 10 + count, 52U);
+  const Support::Bytes file = ReadFile(path);
+  EXPECT_EQ(Support::Bytes(file.begin() + 80, file.begin() + 96),
+            Support::Native(0x3FF8000000000000) + Support::Native(0x4004000000000000));
+  for (const char16_t* name : {u"third", u"fourth", u"fifth"})
+    ASSERT_EQ(Put(name, "new"), 0U);
+  EXPECT_EQ(object.Compact(), 0U) << "a full index stays full";
+  EXPECT_EQ(object.GetIndexInfo(capacity, count), 1U);
+  EXPECT_EQ(capacity * 10 + count, 55U);
+  for (const char16_t* name : {u"sm38f3s71", u"f1qe6747c", u"third", u"fourth", u"fifth"})
+    ASSERT_EQ(object.Remove(name, 1), 0U);
+  ASSERT_EQ(object.Remove(u"sm38f3s71", 2), 0U);
+  EXPECT_EQ(object.Compact(), 0U);
+  EXPECT_EQ(Check().fileSize, 64U + 36U + 5U * 16U);
+}
+
+// Each name comes from the charset that its record has, and goes to UTF-16.
+TEST_P(CompactionInBothOrders, NamesOfAnOlderFile) {
+  MakeNaming(4, GetParam(), 20111111);
+  const Name greek(u"\u03B1\u03B2\u03B3");
+  struct Restore {
+    ~Restore() { ZrToolkit::SetCurCharset(PELMCharset::kUtf8); }
+  } restore;
+  ASSERT_TRUE(ZrToolkit::SetCurCharset(PELMCharset::kGreek));
+  ASSERT_EQ(Put(greek, "tile"), 0U);  // record at 164, with three bytes of name
+  ASSERT_TRUE(ZrToolkit::SetCurCharset(PELMCharset::kUtf8));
+  ASSERT_EQ(Put(u"caf\u00E9 \u03B1", "other"), 0U);
+  const Support::Bytes before = ReadFile(path);
+
+  // A name that is no text of its charset, of a charset that there is not, or of the current one,
+  // which it is not; and two names that would become one.
+  const Support::Bytes charset = Support::Number(9999, 4, IsBig());
+  const std::size_t lastOfCharset = IsBig() ? 175 : 172;
+  for (const auto& [offset, bytes] :
+       {std::pair{std::size_t{172}, charset}, {lastOfCharset, Support::Bytes{1}}}) {
+    Support::Poke(path, offset, bytes);
+    const Support::Bytes damaged = ReadFile(path);
+    EXPECT_EQ(object.Compact(), 10U);
+    EXPECT_EQ(ReadFile(path), damaged);
+    EXPECT_EQ(CountFiles(), 1U);
+    Support::WriteFile(path, before);
+  }
+  ASSERT_EQ(Put(greek, "the same in UTF-8"), 0U);
+  EXPECT_EQ(object.Compact(), 10U);
+  ASSERT_EQ(object.Remove(greek, 1), 0U);
+  ASSERT_EQ(object.Compact(), 0U);
+  EXPECT_EQ(Get(greek).payload, "tile");
+  EXPECT_EQ(Get(u"caf\u00E9 \u03B1").payload, "other");
+  const Support::Bytes after = ReadFile(path);
+  EXPECT_EQ(Support::Bytes(after.begin() + 3, after.begin() + 7), Support::Native(20120214, 4));
+}
+
+TEST_F(Compaction, Answers) {
+  EXPECT_EQ(object.Compact(), 6U);
+  EXPECT_EQ(CountFiles(), 0U);
+  MakeNaming(2);
+  ASSERT_EQ(Put(u"a", "tile"), 0U);
+  Reopen(ZrCompactFile::kReadOnly);
+  EXPECT_EQ(object.Compact(), 2U);
+  Reopen();
+
+  const Support::Bytes before = ReadFile(path);
+  std::filesystem::create_directory(TemporaryPath().ToUtf8());
+  EXPECT_EQ(object.Compact(), 2U) << "something else has the name";
+  std::filesystem::remove(TemporaryPath().ToUtf8());
+  Support::WriteFile(TemporaryPath(), Support::Bytes(100000, 'x'));
+  {
+    ZrFile64 other;
+    ASSERT_TRUE(other.Open(TemporaryPath(), ZrFile64::kReadWrite) && other.TryClaim());
+    EXPECT_EQ(object.Compact(), 2U) << "another compaction is at work";
+    EXPECT_EQ(ReadFile(TemporaryPath()).size(), 100000U);
+  }
+  struct Damage {
+    const char* what;
+    std::size_t offset;
+    Support::Bytes bytes;
+    unsigned int result;
+  };
+  const Damage damages[] = {
+      {"status of the slot", 107, {3}, 9},
+      {"position of the slot", 100, {0xFF, 0xFF}, 9},
+      {"length of the record", 132, {0xFF, 0xFF}, 9},
+      {"no version", 150, {0}, 9},
+      {"half a unit of name", 144, {1}, 9},
+  };
+  for (const Damage& damage : damages) {
+    SCOPED_TRACE(damage.what);
+    Support::Poke(path, damage.offset, damage.bytes);
+    Reopen();
+    EXPECT_EQ(object.Compact(), damage.result);
+    EXPECT_TRUE(object.IsOpen());
+    EXPECT_EQ(CountFiles(), 1U) << "neither an image nor a leftover";
+    Support::WriteFile(path, before);
+  }
+  Reopen();
+  Support::WriteFile(TemporaryPath(), Support::Bytes(100, 'x'));
+  EXPECT_EQ(object.Compact(), 0U) << "a leftover is replaced";
+  EXPECT_EQ(Get(u"a").payload, "tile");
+
+  Support::Poke(path, 7, Support::Native(2, 4));
+  Reopen();
+  EXPECT_EQ(object.Compact(), 8U);
+  for (const bool named : {false, true}) {
+    object.Close();
+    ASSERT_TRUE(ZrFile::Delete(path));
+    if (named)
+      ASSERT_EQ(object.Create(path, 4ULL, u"", kLocked), 0U);
+    else
+      ASSERT_EQ(object.Create(path, 2U, 2U, u"", kLocked), 0U);
+    Support::Poke(path, 19, Support::Native(1));  // of the index: now it cannot be refreshed
+    EXPECT_EQ(object.Compact(), named ? 2U : 9U);
+    EXPECT_FALSE(ZrFile::IsExist(TemporaryPath()));
+  }
+  object.Close();
+  ASSERT_TRUE(ZrFile::Delete(path));
+  MakeGrid(1, 1);
+  ASSERT_TRUE(ZrFile::Rename(path, folder.GetPath("moved.cf")));
+  EXPECT_EQ(object.Compact(), 2U) << "no longer at its path";
+}
+
+TEST_F(Compaction, ProgressTellsAndCancels) {
+  MakeGrid(1, 50);
+  for (unsigned int col = 0; col < 50; ++col)
+    ASSERT_EQ(Store(0, col, std::string(100000, 'x'), 1), 0U);
+  const Support::Bytes before = ReadFile(path);
+  for (int calls = 0; calls < 3; ++calls) {
+    int left = calls;
+    const auto cancel = [&](unsigned long long, unsigned long long) {
+      if (calls == 1) throw left;
+      return left-- > 0;
+    };
+    EXPECT_EQ(object.Compact(cancel), 10U);
+    EXPECT_EQ(ReadFile(path), before);
+    EXPECT_EQ(CountFiles(), 1U);
+  }
+  unsigned long long last = 0;
+  unsigned int changes = 0, steps = 0;
+  const auto watch = [&](unsigned long long done, unsigned long long total) {
+    EXPECT_EQ(total, 2 * before.size());
+    EXPECT_LE(last, done);
+    last = done;
+    ++steps;
+    if (done > before.size()) return false;  // too late
+    EXPECT_EQ(Read(0, 49, 1).payload.size(), 100000U);
+    changes += (Store(0, 0, "lost", 2) != 10) + (object.Compact() != 9) +
+               (object.Open(folder.GetPath("x"), u"", 4) != 1) +
+               (object.Create(folder.GetPath("x"), 1ULL, u"", 4) != 2);
+    EXPECT_TRUE(object.Close());
+    return true;
+  };
+  EXPECT_EQ(object.Compact(watch), 0U);
+  EXPECT_EQ(last, 2 * before.size());
+  EXPECT_GT(steps, 6U);
+  EXPECT_EQ(changes, 0U) << "the object can only be read meanwhile";
+  EXPECT_EQ(Read(0, 0, 2).payload.size(), 100000U);
+}
+
+// A file through a symbolic link, with permissions of its own, in the working directory.
+TEST_F(Compaction, OnlyTheContentsChange) {
+  MakeGrid(2, 2);
+  ASSERT_EQ(Store(1, 1, "old", 1) + Store(1, 1, "new and longer", 2), 0U);
+  object.Close();
+  ::chmod(path.ToUtf8().c_str(), 0640);
+  const Name link = folder.GetPath("sub/link.cf");
+  std::filesystem::create_directory(folder.GetFolder() / "sub");
+  std::filesystem::create_symlink(path.ToUtf8(), link.ToUtf8());
+  struct stat before, during, after;
+  ASSERT_EQ(::stat(path.ToUtf8().c_str(), &before), 0);
+  ASSERT_EQ(object.Open(link, u"", kMode), 0U);
+  const auto look = [&](unsigned long long, unsigned long long) {
+    return ::stat(TemporaryPath().ToUtf8().c_str(), &during) == 0;
+  };
+  ASSERT_EQ(object.Compact(look), 0U);
+  ASSERT_EQ(::stat(path.ToUtf8().c_str(), &after), 0);
+  EXPECT_EQ(before.st_mode, during.st_mode);
+  EXPECT_EQ(before.st_mode, after.st_mode);
+  EXPECT_EQ(before.st_ino, after.st_ino);
+  EXPECT_TRUE(std::filesystem::is_symlink(link.ToUtf8()));
+}
+
+TEST_F(Compaction, AHugeEmptyGridStaysSmall) {
+  MakeGrid(16384, 16384);
+  ASSERT_EQ(Store(3, 3, "first", 1) + Store(16383, 16383, "last", 1), 0U);
+  ASSERT_EQ(object.Compact(), 0U);
+  EXPECT_EQ(Read(16383, 16383, 1).payload, "last");
+  struct stat status;
+  ASSERT_EQ(::stat(path.ToUtf8().c_str(), &status), 0);
+  EXPECT_LT(status.st_blocks * 512, 1 << 20);
+}
+
+// Other objects and processes see the old file until it is over, and then the new one.
+TEST_F(Compaction, OthersSeeTheOldFileOrTheNewOne) {
+  MakeGrid(100, 100, false, kLocked);
+  for (const unsigned int row : {50, 99, 0})
+    ASSERT_EQ(Store(row, 5, "gone", 1) + object.Remove(row, 5, 1) + Store(row, 7, "tile", 1), 0U);
+  ZrCompactFile other;
+  ASSERT_EQ(other.Open(path, u"", kLocked), 0U);
+  unsigned long long known, now;
+  ASSERT_TRUE(other.GetGridIdxValue(0, 7, known));
+  ZrCompactFile::ZrStatus status = ZrCompactFile::kUnknown;
+  std::thread waiting;
+  const auto look = [&](unsigned long long done, unsigned long long total) {
+    if (done <= total / 2 || waiting.joinable()) return true;
+    EXPECT_TRUE(other.GetGridIdxValue(0, 7, now)) << "what is in memory does not wait";
+    EXPECT_EQ(now, known);
+    waiting = std::thread([&] { status = other.GetStatus(99, 7); });
+    return true;
+  };
+  ASSERT_EQ(object.Compact(look), 0U);
+  waiting.join();
+  EXPECT_EQ(status, ZrCompactFile::kComplete);
+  EXPECT_TRUE(other.GetGridIdxValue(0, 7, now));
+  EXPECT_NE(now, known);
+  EXPECT_EQ(ReadTile(other, 50, 7, 1).payload, "tile");
+  std::thread([&] { EXPECT_EQ(Read(0, 7, 1).payload, "tile"); }).join();
+}
+
+// The crash tests work on a small file: tiles with several versions, partial and gone ones.
+class CompactionCutShort : public Compaction {
+ public:
+  void SetUp() override {
+    MakeGrid(2, 3);
+    for (const unsigned long long version : {4, 2, 8, 4}) {
+      ASSERT_EQ(Store(0, 0, std::string(2500 + version, 'x'), version), 0U);
+      ASSERT_EQ(Store(1, 2, "text", version, 20, version), 0U);
     }
-  ASSERT_EQ(expected.SetAt(1, 60, Data(std::string(2 << 20, 'l')), 0, 0, 1), 0U);
+    ASSERT_EQ(Store(0, 1, "gone", 1) + object.Remove(0, 1, 1), 0U);
+    ASSERT_EQ(object.SetPassword(u"secret"), 1U);
+    m_expected = ReadAll(object);
+    object.Close();
+    m_bytes = ReadFile(path);
+  }
+  static std::string ReadAll(ZrCompactFile& file) {
+    std::ostringstream text;
+    for (unsigned int cell = 0; cell < 6; ++cell) {
+      text << "\n" << static_cast<int>(file.GetStatus(cell / 3, cell % 3));
+      for (const unsigned long long version : {2, 4, 8})
+        text << " " << ReadTile(file, cell / 3, cell % 3, version);
+    }
+    return text.str();
+  }
+  // Whatever happened: the file opens, or what lies beside it does.
+  void ExpectAllThere(bool orBeside) {
+    ZrCompactFile file;
+    const unsigned int opened = file.Open(path, u"secret", kLocked);
+    if (opened != 0 && orBeside)
+      ASSERT_EQ(file.Open(TemporaryPath(), u"secret", kLocked), 0U);
+    else
+      ASSERT_EQ(opened, 0U);
+    ASSERT_EQ(ReadAll(file), m_expected);
+  }
+  void PutBack() {
+    ZrFile::Delete(TemporaryPath());
+    ZrFile::Delete(path);
+    Support::WriteFile(path, m_bytes);
+  }
+
+  std::string m_expected;
+  Support::Bytes m_bytes;
+};
+
+TEST_F(CompactionCutShort, EveryCallMayFail) {
+  std::set<unsigned int> results;
+  for (const auto extent : {SyscallFaults::kOnce, SyscallFaults::kFromThenOn})
+    for (const bool onlyWrites : {false, true}) {
+      bool failed = true;
+      for (std::size_t n = 1; failed; ++n) {
+        SCOPED_TRACE(std::to_string(n) + " " + std::to_string(extent));
+        PutBack();
+        ZrCompactFile file;
+        ASSERT_EQ(file.Open(path, u"secret", kLocked), 0U);
+        unsigned int result;
+        {
+          SyscallFaults faults;
+          faults.FailCall(n, onlyWrites ? ENOSPC : EIO, extent);
+          result = file.Compact();
+          failed = faults.HasFailed();
+        }
+        results.insert(result);
+        if (result == 1) {
+          EXPECT_FALSE(file.IsOpen());
+        } else {
+          ASSERT_EQ(ReadAll(file), m_expected) << result;
+          if (result != 0) {
+            EXPECT_EQ(ReadFile(path), m_bytes);
+            EXPECT_EQ(file.Compact(), 0U) << "once it is over";
+          }
+        }
+        file.Close();
+        ExpectAllThere(result == 1);
+      }
+      EXPECT_EQ(results.count(0), 1U);
+    }
+  EXPECT_EQ(results, (std::set<unsigned int>{0, 1, 2, 9, 10}));
+}
+
+TEST_F(CompactionCutShort, TheProcessMayBeKilledAtEveryCall) {
+  int finished = 0;
+  for (const bool before : {true, false}) {
+    bool killed = true;
+    for (std::size_t n = 1; killed; ++n) {
+      SCOPED_TRACE(std::to_string(n) + (before ? " before" : " half-way"));
+      PutBack();
+      ZrCompactFile other;
+      ASSERT_EQ(other.Open(path, u"secret", kLocked), 0U);
+      const pid_t child = ::fork();
+      if (child == 0) {
+        ZrCompactFile file;
+        if (file.Open(path, u"secret", kLocked) != 0) ::_exit(1);
+        SyscallFaults faults;
+        faults.KillAtCall(n, before);
+        ::_exit(file.Compact() == 0 ? 0 : 2);
+      }
+      int status = 0;
+      ASSERT_EQ(::waitpid(child, &status, 0), child);
+      killed = WIFSIGNALED(status);
+      ASSERT_EQ(killed ? WTERMSIG(status) : WEXITSTATUS(status), killed ? SIGKILL : 0);
+      finished += ReadFile(path)[0] == ReadFile(path)[1];
+      if (n % 2 == 0) {
+        ASSERT_EQ(ReadAll(other), m_expected);
+      }
+      ExpectAllThere(false);
+      ZrCompactFile file;
+      ASSERT_EQ(file.Open(path, u"secret", kMode), 0U);
+      ASSERT_EQ(file.Compact(), 0U);
+      ExpectAllThere(false);
+      EXPECT_FALSE(ZrFile::IsExist(TemporaryPath()));
+    }
+  }
+  EXPECT_GT(finished, 5) << "found with the mark, and finished by the next open";
 }
 
 }  // namespace

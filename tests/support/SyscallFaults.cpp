@@ -91,14 +91,8 @@ void SyscallFaults::KillAtCall(std::size_t n, bool before) {
   g_killsBefore = before;
 }
 
-bool SyscallFaults::HasFailed() const {
-  return g_error != 0 && g_total >= g_failing;
-}
+bool SyscallFaults::HasFailed() const { return g_error != 0 && g_total >= g_failing; }
 
-std::size_t SyscallFaults::GetCount() const {
-  return g_total;
-}
+std::size_t SyscallFaults::GetCount() const { return g_total; }
 
-std::size_t SyscallFaults::GetCount(std::string_view name) const {
-  return g_counts.at(name);
-}
+std::size_t SyscallFaults::GetCount(std::string_view name) const { return g_counts.at(name); }

@@ -1,0 +1,117 @@
+// Compaction of a file of about 1 GiB, half of it dead, beside `cp` of what comes out, with a sync.
+// Both begin with everything in the page cache and nothing left to be written back.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "RatioReporter.h"
+#include "ZrCompactFile.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Zarn::ZrByteArray;
+using Zarn::ZrCompactFile;
+
+constexpr unsigned int kSide = 240;
+const fs::path kFolder = fs::temp_directory_path() / ("hxcf-compact-" + std::to_string(::getpid()));
+
+PelmUnicodeString Path(const char* name) {
+  return PelmUnicodeString::FromUtf8((kFolder / name).string());
+}
+
+void Check(bool ok) {
+  if (ok) return;
+  std::fprintf(stderr, "benchmark: an operation failed\n");
+  std::abort();
+}
+
+// By the program, as a user would; it may share blocks or copy within the kernel.
+void Copy(const char* from, const char* to) {
+  const std::string command =
+      "cp '" + (kFolder / from).string() + "' '" + (kFolder / to).string() + "'";
+  Check(std::system(command.c_str()) == 0);
+  const int fd = ::open((kFolder / to).c_str(), O_RDWR | O_CLOEXEC);
+  Check(fd >= 0 && ::fsync(fd) == 0 && ::close(fd) == 0);
+}
+
+// Each tile stored once and then replaced by a larger one, in an order of its own: what is alive
+// lies scattered over the second half. Sizes as a web map has them.
+void MakeFiles() {
+  fs::create_directories(kFolder);
+  ZrCompactFile file;
+  Check(file.Create(Path("before.cf"), kSide, kSide, u"", 4) == 0);
+  std::mt19937 random(1);
+  std::lognormal_distribution<double> distribution(std::log(6144.0), 0.9);
+  std::vector<std::size_t> sizes(std::size_t{kSide} * kSide);
+  for (std::size_t& size : sizes)
+    size = static_cast<std::size_t>(std::clamp(distribution(random), 200.0, 102400.0));
+  std::vector<unsigned int> order(sizes.size());
+  std::iota(order.begin(), order.end(), 0U);
+  const std::vector<unsigned char> bytes(102401, 0x5A);
+  for (const std::size_t more : {0, 1}) {
+    for (const unsigned int tile : order) {
+      const ZrByteArray data(bytes.data(), sizes[tile] + more);
+      Check(file.SetAt(tile / kSide, tile % kSide, data, 0, 0, 1) == 0);
+    }
+    std::shuffle(order.begin(), order.end(), random);
+  }
+  file.Close();
+  Copy("before.cf", "work.cf");
+  Check(file.Open(Path("work.cf"), u"", 12) == 0 && file.Compact() == 0);
+  file.Close();
+  Copy("work.cf", "after.cf");
+}
+
+template <typename Action>
+void Measure(benchmark::State& state, Action action) {
+  for (auto _ : state) {
+    Copy("before.cf", "work.cf");
+    ::sync();
+    const auto start = std::chrono::steady_clock::now();
+    action();
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
+    state.SetIterationTime(time.count());
+  }
+  state.SetBytesProcessed(state.iterations() *
+                          static_cast<std::int64_t>(fs::file_size(kFolder / "after.cf")));
+}
+
+void Compact() {
+  ZrCompactFile file;
+  Check(file.Open(Path("work.cf"), u"", 12) == 0 && file.Compact() == 0);
+}
+
+void CopyResult() {
+  fs::remove(kFolder / "copy.cf");
+  Copy("after.cf", "copy.cf");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  MakeFiles();
+  for (const auto& [name, action] :
+       {std::pair{"Compact/bare", &CopyResult}, {"Compact/engine", &Compact}})
+    benchmark::RegisterBenchmark(name,
+                                 [action](benchmark::State& state) { Measure(state, action); })
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond)
+        ->Iterations(1)
+        ->Repetitions(5);
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  fs::remove_all(kFolder);
+}
