@@ -42,6 +42,7 @@ bool ImageWriter::PutEntry(std::uint64_t number, const void* entry) {
 bool ImageWriter::FlushRecords() {
   if (m_records.IsEmpty()) return true;
   if (!m_file.WriteAt(m_recordsStart, m_records.GetData(), m_records.GetSize())) return false;
+  m_file.BeginSync(m_recordsStart, m_records.GetSize());
   m_recordsStart += m_records.GetSize();
   return m_records.ResizeForOverwrite(0);
 }

@@ -13,12 +13,13 @@ using Format::HeaderImage;
 
 namespace {
 
-// The large buffer is worth little more than a small one, but asks the disk for large pieces.
+// Large enough for the disk, and small enough to stay in a processor's cache between reading and
+// writing: 128 MiB were a fifth slower.
 bool HaveBuffer(ZrByteArray& buffer) {
-  constexpr std::uint64_t kLargest = 0x8000000;
+  constexpr std::uint64_t kUsual = 0x200000;
   constexpr std::uint64_t kSmallest = 0x10000;
   static_assert(kSmallest % Format::RedoChecksum::kChunk == 0);
-  for (std::uint64_t size = kLargest; size >= kSmallest; size /= 2)
+  for (std::uint64_t size = kUsual; size >= kSmallest; size /= 2)
     if (buffer.ResizeForOverwrite(size)) return true;
   return false;
 }
@@ -79,6 +80,7 @@ bool CopyBody(const ZrFileStream& image, std::uint64_t length, ZrFileStream& con
       if (!image.ReadAt(from, buffer.GetData(), piece) ||
           !container.WriteAt(from, buffer.GetData(), piece))
         return false;
+      container.BeginSync(from, piece);  // the disk works while the next piece is copied
       from += piece;
       if (progress) progress(from);
     }

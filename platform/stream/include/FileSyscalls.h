@@ -25,6 +25,7 @@ struct FileSyscalls {
   int (*fallocate)(int fd, int mode, off_t position, off_t length);
   int (*fdatasync)(int fd);
   int (*fsync)(int fd);
+  int (*sync_file_range)(int fd, off_t position, off_t length, unsigned int flags);
   int (*fchmod)(int fd, mode_t mode);
   int (*fchown)(int fd, uid_t user, gid_t group);
   int (*mkdir)(const char* path, mode_t mode);

@@ -81,6 +81,9 @@ class HX_PLATFORM_API ZrFileStream {
   bool Flush() { return IsOpen(); }
   /// Waits until what was written would survive a loss of power.
   bool Sync();
+  /// Has the system begin with that for `size` bytes from `position` on, so that a later Sync finds
+  /// less to do. Promises nothing.
+  void BeginSync(std::uint64_t position, std::uint64_t size);
 
   /// Takes the open file for this stream, among all streams of all processes that claim it, until
   /// it is closed; nothing else is kept from using it. False if another has it, or if the file is

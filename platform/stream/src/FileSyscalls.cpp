@@ -20,6 +20,7 @@ FileSyscalls g_syscalls = {
     ::fallocate,
     ::fdatasync,
     ::fsync,
+    ::sync_file_range,
     ::fchmod,
     ::fchown,
     ::mkdir,

@@ -234,6 +234,10 @@ bool ZrFileStream::Sync() {
   return IsOpen() && Uninterrupted([&] { return GetFileSyscalls().fdatasync(m_fd); }) == 0;
 }
 
+void ZrFileStream::BeginSync(std::uint64_t position, std::uint64_t size) {
+  GetFileSyscalls().sync_file_range(m_fd, Offset(position), Offset(size), SYNC_FILE_RANGE_WRITE);
+}
+
 bool ZrFileStream::Load(ZrByteArray& data) const {
   std::uint64_t length;
   if (!GetLength(length) || !data.ResizeForOverwrite(length)) return false;
