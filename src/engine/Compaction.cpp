@@ -94,7 +94,8 @@ unsigned int ZrCompactFile::BuildImage(const Engine::FileState& source, Io::Redo
       [&](std::uint64_t done, std::uint64_t all) { return report.Collected(done, all); });
   const unsigned int result = copier.Copy();
   if (result != ZrResult::kOk) return result;
-  return report.Collected(1, 1) && image.Seal() && image.Reserve(*source.file)
+  return report.Collected(1, 1) && image.Seal(copier.GetChecksum(), copier.GetChecksumStart()) &&
+                 image.Reserve(*source.file)
              ? ZrResult::kOk
              : ZrResult::kWriteFailure;
 }

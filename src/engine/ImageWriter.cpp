@@ -1,9 +1,13 @@
 #include "ImageWriter.h"
 
+#include <algorithm>
+#include <system_error>
+
 namespace Zarn::Engine {
 namespace {
 
-constexpr std::uint64_t kRecordsAtOnce = 1 << 20;
+constexpr std::uint64_t kBlock = 1 << 20;  // blocks end at multiples of this, and so do chunks
+static_assert(kBlock % Format::RedoChecksum::kChunk == 0);
 constexpr std::uint64_t kEntriesAtOnce = 1 << 16;  // bytes
 
 // Adds bytes to a buffer that has room for `reserve`.
@@ -16,19 +20,47 @@ bool Add(ZrByteArray& buffer, const void* bytes, std::uint64_t size, std::uint64
 }  // namespace
 
 bool ImageWriter::AppendRecord(const Format::RecordImage& head, const ZrByteArray& payload) {
-  const std::uint64_t headSize = head.Head().size;
-  const std::uint64_t size = headSize + payload.GetSize();
-  if (m_records.GetSize() + size > kRecordsAtOnce && !FlushRecords()) return false;
-  if (size > kRecordsAtOnce) {  // not worth a copy
-    if (!m_file.WriteParts(m_recordsStart, head.Bytes().GetData(), headSize, payload.GetData(),
-                           payload.GetSize()))
-      return false;
-    m_recordsStart += size;
-    return true;
+  return Append(head.Bytes().GetData(), head.Head().size) &&
+         Append(payload.GetData(), payload.GetSize());
+}
+
+bool ImageWriter::Append(const unsigned char* bytes, std::uint64_t size) {
+  while (size > 0) {
+    const std::uint64_t piece = std::min(size, kBlock - GetPosition() % kBlock);
+    if (!Add(m_records, bytes, piece, kBlock)) return false;
+    if (GetPosition() % kBlock == 0 && !StartBlock()) return false;
+    bytes += piece;
+    size -= piece;
   }
-  return Add(m_records, head.Bytes().GetData(), headSize, kRecordsAtOnce) &&
-         (payload.IsEmpty() ||
-          Add(m_records, payload.GetData(), payload.GetSize(), kRecordsAtOnce));
+  return true;
+}
+
+// Begins to write what was kept back.
+bool ImageWriter::StartBlock() {
+  if (!FinishBlock()) return false;
+  m_block.SwapContents(m_records);
+  const std::uint64_t position = m_recordsStart;
+  m_recordsStart += m_block.GetSize();
+  if (!m_records.ResizeForOverwrite(0)) return false;
+  try {
+    m_writing = std::async(std::launch::async, &ImageWriter::WriteBlock, this, position);
+    return true;
+  } catch (const std::system_error&) {
+    return WriteBlock(position);  // there is no thread to be had
+  }
+}
+
+bool ImageWriter::FinishBlock() { return !m_writing.valid() || m_writing.get(); }
+
+bool ImageWriter::WriteBlock(std::uint64_t position) {
+  const unsigned char* bytes = m_block.GetData();
+  const std::uint64_t size = m_block.GetSize();
+  if (!m_file.WriteAt(position, bytes, size)) return false;
+  m_file.BeginSync(position, size);
+  const std::uint64_t begin = std::max(position, GetChecksumStart());
+  if (begin < position + size)
+    m_checksum.Add(begin, bytes + (begin - position), size - (begin - position));
+  return true;
 }
 
 bool ImageWriter::PutEntry(std::uint64_t number, const void* entry) {
@@ -37,14 +69,6 @@ bool ImageWriter::PutEntry(std::uint64_t number, const void* entry) {
   // Entries left out between two are zero, as they are in the file.
   return m_entries.Resize((number - m_firstEntry) * m_entrySize) &&
          Add(m_entries, entry, m_entrySize, kEntriesAtOnce);
-}
-
-bool ImageWriter::FlushRecords() {
-  if (m_records.IsEmpty()) return true;
-  if (!m_file.WriteAt(m_recordsStart, m_records.GetData(), m_records.GetSize())) return false;
-  m_file.BeginSync(m_recordsStart, m_records.GetSize());
-  m_recordsStart += m_records.GetSize();
-  return m_records.ResizeForOverwrite(0);
 }
 
 bool ImageWriter::FlushEntries() {

@@ -1,12 +1,16 @@
 #pragma once
 
+#include <future>
+
 #include "RecordImage.h"
+#include "RedoMarks.h"
 #include "ZrFile64.h"
 
 namespace Zarn::Engine {
 
 /// Writes the records and the index entries of a new container, each in ascending order, in large
-/// pieces. Entries that are never put are zero, as the empty container has them.
+/// blocks: one is written, in a thread of its own, while the next is filled. Entries that are never
+/// put are zero, as the empty container has them.
 class ImageWriter {
  public:
   /// Entries of `entrySize` bytes from `entriesStart` on; records from `dataStart` on.
@@ -15,6 +19,7 @@ class ImageWriter {
       : m_file(file),
         m_entriesStart(entriesStart),
         m_entrySize(entrySize),
+        m_dataStart(dataStart),
         m_recordsStart(dataStart) {}
 
   /// Where the next record goes.
@@ -24,19 +29,31 @@ class ImageWriter {
   /// `entry`: entrySize bytes. Numbers must ascend.
   bool PutEntry(std::uint64_t number, const void* entry);
   /// Writes what was kept back.
-  bool Flush() { return FlushRecords() && FlushEntries(); }
+  bool Flush() { return StartBlock() && FinishBlock() && FlushEntries(); }
+
+  /// Of all chunks from GetChecksumStart on; for after Flush.
+  const Format::RedoChecksum& GetChecksum() const { return m_checksum; }
+  /// The first chunk that holds records only.
+  std::uint64_t GetChecksumStart() const { return Format::RedoChecksum::ChunkEnd(m_dataStart); }
 
  private:
-  bool FlushRecords();
+  bool Append(const unsigned char* bytes, std::uint64_t size);
+  bool StartBlock();
+  bool FinishBlock();
+  bool WriteBlock(std::uint64_t position);
   bool FlushEntries();
 
   ZrFile64& m_file;
   const std::uint64_t m_entriesStart;
   const std::uint64_t m_entrySize;
+  const std::uint64_t m_dataStart;
   std::uint64_t m_recordsStart;  // of the records kept back
   ZrByteArray m_records;
+  ZrByteArray m_block;  // being written; of m_writing while that runs, with m_checksum
+  Format::RedoChecksum m_checksum;
   std::uint64_t m_firstEntry = 0;  // of the entries kept back
   ZrByteArray m_entries;
+  std::future<bool> m_writing;  // last: its end is waited for before the others go
 };
 
 }  // namespace Zarn::Engine

@@ -29,6 +29,10 @@ class TileCopier {
   /// the copying was ended.
   unsigned int Copy();
 
+  /// Of what was copied; see ImageWriter.
+  const Format::RedoChecksum& GetChecksum() const { return m_writer.GetChecksum(); }
+  std::uint64_t GetChecksumStart() const { return m_writer.GetChecksumStart(); }
+
  private:
   struct Version {
     std::uint64_t stamp;

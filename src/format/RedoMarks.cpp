@@ -69,9 +69,15 @@ std::optional<RedoTrailer> DecodeRedoTrailer(const RedoTrailerImage& bytes) {
                      LoadScalar<std::uint64_t>(bytes.data() + kChecksumOffset, kSwap)};
 }
 
+void RedoChecksum::Add(std::uint64_t position, const unsigned char* bytes, std::uint64_t size) {
+  for (std::uint64_t done = 0; done < size; done += kChunk)
+    AddChunk((position + done) / kChunk, bytes + done,
+             std::min<std::uint64_t>(kChunk, size - done));
+}
+
 // Zeros give zero, so that chunks of zeros count nothing. Lanes are independent of each other: a
 // processor works on all of them at once.
-void RedoChecksum::Add(std::uint64_t number, const unsigned char* bytes, std::size_t size) {
+void RedoChecksum::AddChunk(std::uint64_t number, const unsigned char* bytes, std::size_t size) {
   constexpr std::size_t kLanes = 4;
   constexpr std::size_t kBlock = kLanes * kWidth8;
   std::uint64_t lanes[kLanes] = {};

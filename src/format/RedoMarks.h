@@ -46,10 +46,18 @@ class RedoChecksum {
  public:
   static constexpr std::size_t kChunk = 64 * 1024;  // all have this size, but the last of the file
 
-  void Add(std::uint64_t number, const unsigned char* bytes, std::size_t size);
+  /// The first position at or after this one where a chunk begins.
+  static constexpr std::uint64_t ChunkEnd(std::uint64_t position) {
+    return (position + kChunk - 1) / kChunk * kChunk;
+  }
+
+  /// The bytes from `position` on, where a chunk begins, to the end of a chunk or of the file.
+  void Add(std::uint64_t position, const unsigned char* bytes, std::uint64_t size);
   std::uint64_t Get() const { return m_sum; }
 
  private:
+  void AddChunk(std::uint64_t number, const unsigned char* bytes, std::size_t size);
+
   std::uint64_t m_sum = 0;
 };
 

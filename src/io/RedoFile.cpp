@@ -3,6 +3,8 @@
 #include <sys/random.h>
 
 #include <algorithm>
+#include <future>
+#include <system_error>
 
 #include "PathRules.h"
 #include "ZrFile.h"
@@ -48,38 +50,41 @@ bool ForEachPart(const ZrFileStream& image, std::uint64_t begin, std::uint64_t e
   return true;
 }
 
-bool ChecksumOf(const ZrFileStream& image, std::uint64_t length, ZrByteArray& buffer,
-                std::uint64_t& checksum) {
+// Adds the chunks that begin before `end`, of an image of `length` bytes.
+bool AddChecksum(const ZrFileStream& image, std::uint64_t length, std::uint64_t end,
+                 ZrByteArray& buffer, Format::RedoChecksum& sum) {
   constexpr std::uint64_t kChunk = Format::RedoChecksum::kChunk;
-  Format::RedoChecksum sum;
   std::uint64_t next = 0;  // what lies before was added
   const auto add = [&](std::uint64_t from, std::uint64_t to) {
     next = std::max(next, from / kChunk * kChunk);
-    to = std::min((to + kChunk - 1) / kChunk * kChunk, length);
+    to = std::min(Format::RedoChecksum::ChunkEnd(to), length);
     while (next < to) {
       const std::uint64_t piece = std::min<std::uint64_t>(buffer.GetSize(), to - next);
       if (!image.ReadAt(next, buffer.GetData(), piece)) return false;
-      for (std::uint64_t done = 0; done < piece; done += kChunk)
-        sum.Add((next + done) / kChunk, buffer.GetData() + done, std::min(kChunk, piece - done));
+      sum.Add(next, buffer.GetData(), piece);
       next += piece;
     }
     return true;
   };
   const auto skip = [](std::uint64_t, std::uint64_t) { return true; };
-  if (!ForEachPart(image, 0, length, add, skip)) return false;
-  checksum = sum.Get();
-  return true;
+  return ForEachPart(image, 0, std::min(end, length), add, skip);
 }
 
-// The image without its header; its holes become holes.
+// Within the kernel, if it can: that may even share the blocks of both files.
+bool CopyPiece(const ZrFileStream& image, ZrFileStream& container, std::uint64_t position,
+               std::uint64_t size, ZrByteArray& buffer) {
+  return container.CopyFrom(image, position, size) ||
+         (image.ReadAt(position, buffer.GetData(), size) &&
+          container.WriteAt(position, buffer.GetData(), size));
+}
+
+// The image without its header; its holes become holes. What the container has behind it stays.
 bool CopyBody(const ZrFileStream& image, std::uint64_t length, ZrFileStream& container,
               ZrByteArray& buffer, const RedoFile::Progress& progress) {
   const auto copy = [&](std::uint64_t from, std::uint64_t to) {
     while (from < to) {
       const std::uint64_t piece = std::min<std::uint64_t>(buffer.GetSize(), to - from);
-      if (!image.ReadAt(from, buffer.GetData(), piece) ||
-          !container.WriteAt(from, buffer.GetData(), piece))
-        return false;
+      if (!CopyPiece(image, container, from, piece, buffer)) return false;
       container.BeginSync(from, piece);  // the disk works while the next piece is copied
       from += piece;
       if (progress) progress(from);
@@ -89,8 +94,10 @@ bool CopyBody(const ZrFileStream& image, std::uint64_t length, ZrFileStream& con
   const auto clear = [&](std::uint64_t from, std::uint64_t to) {
     return container.MakeHole(from, to - from);
   };
+  std::uint64_t longer;
   return ForEachPart(image, Format::kHeaderSize, length, copy, clear) &&
-         container.SetLength(length) && container.Sync();
+         container.GetLength(longer) && (longer >= length || container.SetLength(length)) &&
+         container.Sync();
 }
 
 // Puts a complete image in the place of a container that is marked.
@@ -110,9 +117,23 @@ bool TakePath(ZrFileStream& image, std::uint64_t length, const PelmUnicodeString
   return true;
 }
 
-void Remove(const PelmUnicodeString& imagePath) {
-  ZrFile::Delete(imagePath);
-  ZrFile::SyncDir(imagePath);
+// After a replacement: the container loses what it has behind the image, which is dead space, and
+// the image goes. Freeing takes its time where blocks are discarded at once, so both go together.
+void FreeBoth(ZrFileStream& container, std::uint64_t length, ZrFile64& image,
+              const PelmUnicodeString& imagePath) {
+  const auto removeImage = [&] {
+    ZrFile::Delete(imagePath);
+    image.Close();
+    ZrFile::SyncDir(imagePath);
+  };
+  std::future<void> removal;
+  try {
+    removal = std::async(std::launch::async, removeImage);
+  } catch (const std::system_error&) {
+    removeImage();  // there is no thread to be had
+  }
+  container.SetLength(length);
+  container.Sync();
 }
 
 // Whether `image` is what the mark asks for, and whole.
@@ -124,10 +145,10 @@ bool IsImageOf(const Format::RedoId& id, const ZrFileStream& image, ZrByteArray&
   imageLength = length - bytes.size();
   if (!image.ReadAt(imageLength, bytes.data(), bytes.size())) return false;
   const auto trailer = Format::DecodeRedoTrailer(bytes);
-  std::uint64_t checksum;
+  Format::RedoChecksum sum;
   return trailer && trailer->id == id && trailer->imageLength == imageLength &&
-         HaveBuffer(buffer) && ChecksumOf(image, imageLength, buffer, checksum) &&
-         checksum == trailer->checksum;
+         HaveBuffer(buffer) && AddChecksum(image, imageLength, imageLength, buffer, sum) &&
+         sum.Get() == trailer->checksum;
 }
 
 }  // namespace
@@ -152,12 +173,14 @@ bool RedoFile::RemoveLeftover(const ZrFile64& container) const {
          !Format::DecodeRedoMark(header) && ZrFile::Delete(m_path);
 }
 
-bool RedoFile::Seal() {
+bool RedoFile::Seal(Format::RedoChecksum sum, std::uint64_t sumStart) {
   Format::RedoId& id = m_trailer.id;
-  if (!HaveBuffer(m_buffer) || !m_stream.GetLength(m_trailer.imageLength) ||
-      !ChecksumOf(m_stream, m_trailer.imageLength, m_buffer, m_trailer.checksum) ||
+  std::uint64_t& length = m_trailer.imageLength;
+  if (!HaveBuffer(m_buffer) || !m_stream.GetLength(length) ||
+      !AddChecksum(m_stream, length, sumStart, m_buffer, sum) ||
       ::getrandom(&id, sizeof id, 0) != ssize_t{sizeof id})
     return false;
+  m_trailer.checksum = sum.Get();
   const Format::RedoTrailerImage bytes = Format::EncodeRedoTrailer(m_trailer);
   return m_stream.WriteAt(m_trailer.imageLength, bytes.data(), bytes.size()) && m_stream.Sync() &&
          ZrFile::SyncDir(m_path);
@@ -178,13 +201,16 @@ RedoFile::Outcome RedoFile::Replace(ZrFile64& container, const Progress& progres
   if (ReadHeaderBytes(m_stream, header) &&
       WriteHeaderBytes(container, Format::EncodeRedoMark(m_trailer.id, header)) &&
       container.Sync() && CopyImage(m_stream, length, container, m_buffer, progress)) {
-    Remove(m_path);
+    FreeBoth(container, length, m_stream, m_path);
     return Outcome::kInPlace;
   }
   return TakePath(m_stream, length, m_path, m_containerPath) ? Outcome::kByName : Outcome::kNot;
 }
 
-void RedoFile::Delete() { Remove(m_path); }
+void RedoFile::Delete() {
+  ZrFile::Delete(m_path);
+  m_stream.Close();
+}
 
 bool FinishReplacement(const PelmUnicodeString& path) {
   const PelmUnicodeString containerPath = ZrFile::FollowLink(path);
@@ -204,7 +230,7 @@ bool FinishReplacement(const PelmUnicodeString& path) {
   std::uint64_t length;
   if (!id || !IsImageOf(*id, image, buffer, length)) return true;
   if (CopyImage(image, length, container, buffer, nullptr))
-    Remove(imagePath);
+    FreeBoth(container, length, image, imagePath);
   else
     TakePath(image, length, imagePath, containerPath);
   return true;

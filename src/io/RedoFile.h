@@ -17,7 +17,7 @@ namespace Zarn::Io {
 ///   Seal       the image is complete: a trailer says so, and both are on the disk.
 ///   Reserve    the container gets the room that it needs, while it is still whole.
 ///   Replace    a mark over the header, the image without its header, the header, with a sync after
-///              each. The image stays until the container is whole.
+///              each. Then the container is whole: its tail is cut off, and the image deleted.
 ///
 /// Whoever finds the mark puts the image in its place with FinishReplacement. All of them, and all
 /// who make such a file, claim it first, so at any time one of them works, whether or not any other
@@ -36,8 +36,9 @@ class RedoFile {
   /// False if somebody else is at work, or if the file cannot be made.
   bool Make(const PelmUnicodeString& path, ZrFile64& container);
   ZrFile64& GetStream() { return m_stream; }
-  /// Memory for the copies that follow is had here, too.
-  bool Seal();
+  /// `sum` is that of all chunks from the one at `sumStart` on. Memory for the copies that follow
+  /// is had here, too.
+  bool Seal(Format::RedoChecksum sum, std::uint64_t sumStart);
   bool Reserve(ZrFile64& container) const;
   Outcome Replace(ZrFile64& container, const Progress& progress);
 

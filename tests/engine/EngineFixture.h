@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "FileSyscalls.h"
 #include "PELM.h"
 #include "ZrCompactFile.h"
 #include "support/FileChecker.h"
@@ -52,6 +53,23 @@ inline Tile ReadTile(ZrCompactFile& file, const PelmUnicodeString& name,
   tile.payload = Content(data);
   return tile;
 }
+
+/// While it lives, no sync waits for the disk. For tests that are about what is written, and in
+/// which order, many times over. Made before a SyscallFaults.
+class PretendToSync {
+ public:
+  PretendToSync() {
+    const auto nothing = [](int) { return 0; };
+    GetFileSyscalls().fdatasync = nothing;
+    GetFileSyscalls().fsync = nothing;
+  }
+  ~PretendToSync() { GetFileSyscalls() = m_saved; }
+  PretendToSync(const PretendToSync&) = delete;
+  PretendToSync& operator=(const PretendToSync&) = delete;
+
+ private:
+  const FileSyscalls m_saved = GetFileSyscalls();
+};
 
 /// A folder, an object, and a file in it.
 class EngineTest : public ::testing::Test {

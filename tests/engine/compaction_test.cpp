@@ -370,6 +370,7 @@ class CompactionCutShort : public Compaction {
 };
 
 TEST_F(CompactionCutShort, EveryCallMayFail) {
+  const PretendToSync quick;
   std::set<unsigned int> results;
   for (const auto extent : {SyscallFaults::kOnce, SyscallFaults::kFromThenOn})
     for (const bool onlyWrites : {false, true}) {
@@ -405,6 +406,7 @@ TEST_F(CompactionCutShort, EveryCallMayFail) {
 }
 
 TEST_F(CompactionCutShort, TheProcessMayBeKilledAtEveryCall) {
+  const PretendToSync quick;
   int finished = 0;
   for (const bool before : {true, false}) {
     bool killed = true;

@@ -11,7 +11,7 @@
 
 // clang-format off
 #define FOR_EACH_CALL(DO)                                                          \
-  DO(open) DO(close) DO(pread) DO(pwrite) DO(pwritev) DO(fstat) DO(stat) \
+  DO(open) DO(close) DO(pread) DO(pwrite) DO(pwritev) DO(copy_file_range) DO(fstat) DO(stat) \
   DO(lseek) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(sync_file_range) DO(fchmod) DO(fchown) DO(mkdir) DO(unlink) \
   DO(link) DO(rename) DO(renameNoReplace) DO(renameExchange)
 // clang-format on
@@ -34,12 +34,16 @@ void WriteHalf(int fd, const void* buffer, size_t size, off_t position) {
 void WriteHalf(int fd, const iovec* parts, int, off_t position) {
   g_saved.pwritev(fd, parts, 1, position);
 }
+void WriteHalf(int source, off_t* from, int target, off_t* to, size_t size, unsigned int) {
+  g_saved.copy_file_range(source, from, target, to, size / 2, 0);
+}
 template <typename... Arguments>
 void WriteHalf(Arguments...) {}  // not a write
 
 template <typename... Arguments>
 [[noreturn]] void Die(std::string_view name, Arguments... arguments) {
-  if (!g_killsBefore && name.starts_with("pwrite")) WriteHalf(arguments...);
+  if (!g_killsBefore && (name.starts_with("pwrite") || name.starts_with("copy")))
+    WriteHalf(arguments...);
   ::kill(::getpid(), SIGKILL);
   std::abort();
 }

@@ -18,6 +18,8 @@ struct FileSyscalls {
   ssize_t (*pread)(int fd, void* buffer, size_t size, off_t position);
   ssize_t (*pwrite)(int fd, const void* buffer, size_t size, off_t position);
   ssize_t (*pwritev)(int fd, const iovec* parts, int count, off_t position);
+  ssize_t (*copy_file_range)(int source, off_t* from, int target, off_t* to, size_t size,
+                             unsigned int flags);
   int (*fstat)(int fd, struct stat* status);
   int (*stat)(const char* path, struct stat* status);
   off_t (*lseek)(int fd, off_t position, int whence);

@@ -57,6 +57,10 @@ class HX_PLATFORM_API ZrFileStream {
   bool WriteParts(std::uint64_t position, const void* head, std::uint64_t headSize,
                   const void* body, std::uint64_t bodySize);
 
+  /// Copies a range of another file to the same place, within the kernel. False, and then any part
+  /// of it may be copied, if that is not possible between the two.
+  bool CopyFrom(const ZrFileStream& source, std::uint64_t position, std::uint64_t size);
+
   /// Length in bytes; false on a stream that is not open.
   bool GetLength(std::uint64_t& length) const;
   /// Truncates, or extends by bytes that read as zero.

@@ -13,6 +13,7 @@ FileSyscalls g_syscalls = {
     ::pread,
     ::pwrite,
     ::pwritev,
+    ::copy_file_range,
     ::fstat,
     ::stat,
     ::lseek,

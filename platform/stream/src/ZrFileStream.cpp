@@ -140,6 +140,17 @@ bool ZrFileStream::WriteParts(std::uint64_t position, const void* head, std::uin
   return WriteAll(m_fd, position, Part(head, headSize), Part(body, bodySize));
 }
 
+bool ZrFileStream::CopyFrom(const ZrFileStream& source, std::uint64_t position,
+                            std::uint64_t size) {
+  const iovec range = Part(nullptr, size);
+  return TransferParts(position, range, kNoPart, [&](const iovec* rest, int, off_t offset) {
+           off_t from = offset;
+           off_t to = offset;
+           return GetFileSyscalls().copy_file_range(source.m_fd, &from, m_fd, &to, rest->iov_len,
+                                                    0);
+         }) == size;
+}
+
 bool ZrFileStream::GetLength(std::uint64_t& length) const {
   struct stat status;
   if (!GetStatus(status)) return false;
