@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the library and packs the files of a folder into two compact files, one by cells and one
-# by names, reads them back and compares.   scripts/demo.sh [FOLDER]   (default: /usr/include)
+# by names, compacts them, reads them back and compares.   scripts/demo.sh [FOLDER]   (default: /usr/include)
 . "$(dirname "$0")/common.sh"
 
 folder=$(cd "${OLDPWD:-.}" && realpath -- "${1:-/usr/include}")

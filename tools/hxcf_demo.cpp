@@ -1,6 +1,6 @@
 // Packs the files of a folder into a grid file, one per cell, and into a naming file, by their
-// paths; reads every one back from both and compares. Some tiles are stored in pieces, and some get
-// a second version.
+// paths; compacts both, reads every file back from them and compares. Some tiles are stored in
+// pieces, some get a second version, and some one that is removed again.
 
 #include <unistd.h>
 
@@ -99,10 +99,12 @@ bool LoadFile(const PelmUnicodeString& path, ZrByteArray& data) {
 }
 
 constexpr unsigned long long kFileVersion = 1;
-constexpr unsigned long long kPathVersion = 2;  // a newer one that holds the file's path
+constexpr unsigned long long kPathVersion = 2;   // a newer one that holds the file's path
+constexpr unsigned long long kDraftVersion = 3;  // one that is removed again
 
 bool IsStoredInPieces(std::size_t file) { return file % 50 == 0; }
 bool HasSecondVersion(std::size_t file) { return file % 50 == 25; }
+bool HadDraft(std::size_t file) { return file % 5 == 2; }
 
 ZrByteArray PathTile(const PelmUnicodeString& path) {
   const std::string text = path.ToUtf8();
@@ -137,6 +139,17 @@ class Container {
     const ZrByteArray rest(data.GetData() + half, data.GetSize() - half);
     return StorePiece(tile, rest, data.GetSize(), half, version, phase);
   }
+  unsigned int Remove(std::size_t tile, unsigned long long version) {
+    return m_named ? m_file.Remove(m_plan.files[tile], version)
+                   : m_file.Remove(RowOf(tile), ColOf(tile), version);
+  }
+  unsigned int Compact() {
+    ProgressBar bar("compacting", kPercent);
+    return m_file.Compact([&bar](unsigned long long done, unsigned long long total) {
+      bar.Show(done * kPercent / total);
+      return true;
+    });
+  }
   bool Holds(std::size_t tile, const ZrByteArray& expected, unsigned long long version,
              ZrByteArray& buffer, Phase& phase) {
     unsigned long long filled = 0;
@@ -153,6 +166,7 @@ class Container {
 
  private:
   static constexpr unsigned long long kFirstCapacity = 128;  // it grows
+  static constexpr unsigned long long kPercent = 100;
 
   unsigned int RowOf(std::size_t tile) const {
     return static_cast<unsigned int>(tile / m_plan.side);
@@ -193,6 +207,10 @@ bool StoreAll(const Plan& plan, Container& container, Phase& phase) {
                               : container.Store(i, data, kFileVersion, phase);
     if (result == Zarn::ZrResult::kOk && HasSecondVersion(i))
       result = container.Store(i, PathTile(path), kPathVersion, phase);
+    if (result == Zarn::ZrResult::kOk && HadDraft(i)) {
+      result = container.Store(i, data, kDraftVersion, phase);
+      if (result == Zarn::ZrResult::kOk) result = container.Remove(i, kDraftVersion);
+    }
     if (result != Zarn::ZrResult::kOk) {
       std::fprintf(stderr, "storing %s answered %u\n", path.ToUtf8().c_str(), result);
       return false;
@@ -232,11 +250,17 @@ bool RunOne(const Plan& plan, bool named, const PelmUnicodeString& target) {
     std::fprintf(stderr, "creating %s answered %u\n", target.ToUtf8().c_str(), created);
     return false;
   }
-  if (!StoreAll(plan, container, stored) || container.OpenForReading() != Zarn::ZrResult::kOk)
+  if (!StoreAll(plan, container, stored)) return false;
+  const std::uintmax_t before = fs::file_size(target.ToUtf8());
+  const unsigned int compacted = container.Compact();
+  if (compacted != Zarn::ZrResult::kOk) {
+    std::fprintf(stderr, "compacting %s answered %u\n", target.ToUtf8().c_str(), compacted);
     return false;
+  }
+  if (container.OpenForReading() != Zarn::ZrResult::kOk) return false;
   const std::size_t mismatches = CompareAll(plan, container, read);
-  std::printf("%-6s %7zu %11llu %11ju %8.0f %8.0f %10zu  %s\n", named ? "names" : "grid",
-              stored.tiles, stored.bytes, fs::file_size(target.ToUtf8()),
+  std::printf("%-6s %7zu %11llu %11ju %11ju %8.0f %8.0f %10zu  %s\n", named ? "names" : "grid",
+              stored.tiles, stored.bytes, before, fs::file_size(target.ToUtf8()),
               stored.MegabytesPerSecond(), read.MegabytesPerSecond(), mismatches,
               target.ToUtf8().c_str());
   return mismatches == 0;
@@ -256,8 +280,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "no file to store under %s\n", argv[1]);
     return 1;
   }
-  std::printf("%-6s %7s %11s %11s %8s %8s %10s\n", "", "tiles", "bytes", "file size", "MB/s in",
-              "MB/s out", "mismatches");
+  std::printf("%-6s %7s %11s %11s %11s %8s %8s %10s\n", "", "tiles", "bytes", "file size",
+              "compacted", "MB/s in", "MB/s out", "mismatches");
   const bool gridIsFine = RunOne(plan, false, gridFile);
   const bool namesAreFine = RunOne(plan, true, namingFile);
   return gridIsFine && namesAreFine ? 0 : 1;
