@@ -21,7 +21,7 @@ LAYERS = {
     "include": (["include"], ["base", "stream", "toolkit"]),
     "lite": (["src/lite"], ["io", "format", "include", "base", "stream", "toolkit"]),
     "engine": (["src/engine"], ["io", "format", "include", "base", "stream", "toolkit"]),
-    "access": (["src/access"], ["include", "base", "stream", "toolkit"]),
+    "access": (["src/access"], ["io", "format", "include", "base", "stream", "toolkit"]),
     "tools": (["tools", "examples", "benchmarks"], ["include", "base", "stream", "toolkit"]),
 }
 QUOTED = re.compile(r'^\s*#include "([^"]+)"', re.MULTILINE)

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,9 +16,13 @@
 
 #include "FileSyscalls.h"
 #include "engine/EngineFixture.h"
+#include "support/Processes.h"
 
 namespace Zarn {
 namespace {
+
+using Support::ExpectEnd;
+using Support::Fork;
 
 constexpr unsigned int kSide = 91;
 constexpr unsigned int kShared = 8;         // the first cells: all workers add versions to them
@@ -88,27 +91,6 @@ struct Ledger {
     return faults;
   }
 };
-
-// Forks processes that end with 0 if `body` returns 0; those that hang are ended by the alarm.
-template <typename Body>
-std::vector<pid_t> Fork(unsigned int count, Body body) {
-  std::vector<pid_t> children(count);
-  for (unsigned int i = 0; i < count; ++i) {
-    children[i] = ::fork();
-    if (children[i] != 0) continue;
-    ::alarm(120);
-    ::_exit(body(i) == 0 ? 0 : 1);
-  }
-  return children;
-}
-
-void ExpectEnd(const std::vector<pid_t>& children, int expected) {
-  for (const pid_t child : children) {
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(status, expected);
-  }
-}
 
 void Pause() {
   static std::atomic<unsigned int> calls = 0;

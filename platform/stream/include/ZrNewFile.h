@@ -44,7 +44,6 @@ class HX_PLATFORM_API ZrNewFile {
   bool Make(const std::string& temporary);
 
   ZrFileStream& m_stream;
-  PelmUnicodeString m_path;
   std::string m_nativePath;
   std::string m_temporary;  // names the new file, or while exchanged what it has replaced
   State m_state = State::kNone;

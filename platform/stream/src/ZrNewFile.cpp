@@ -34,7 +34,6 @@ bool ZrNewFile::Begin(const PelmUnicodeString& path) {
   Undo();
   m_stream.Close();
   if (!ZrFile::ToNative(path, m_nativePath)) return false;
-  m_path = path;
   const std::string directory = ZrFile::GetDir(path).ToUtf8();
   constexpr int kAttempts = 16;  // a clash of random names even once is next to impossible
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -93,13 +92,17 @@ void ZrNewFile::Commit() {
   m_state = State::kNone;
 }
 
-// Touches the path only while it still names the file that was made here.
+// Touches the path only while it still names the file that was made here. Allocates nothing: memory
+// may be why there is something to undo.
 void ZrNewFile::Undo() {
   const State state = std::exchange(m_state, State::kNone);
   if (state == State::kNone) return;
-  const bool isOurs = m_stream.IsSameFile(m_path);
-  m_stream.Close();
   const FileSyscalls& calls = GetFileSyscalls();
+  struct stat there;
+  struct stat ours;
+  const bool isOurs = calls.stat(m_nativePath.c_str(), &there) == 0 && m_stream.GetStatus(ours) &&
+                      there.st_dev == ours.st_dev && there.st_ino == ours.st_ino;
+  m_stream.Close();
   if (state == State::kPublished && isOurs) calls.unlink(m_nativePath.c_str());
   if (state == State::kExchanged && isOurs &&
       calls.renameExchange(m_temporary.c_str(), m_nativePath.c_str()) != 0)

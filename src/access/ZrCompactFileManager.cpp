@@ -1,0 +1,70 @@
+#include "ZrCompactFileManager.h"
+
+#include <charconv>
+#include <cstddef>
+#include <limits>
+#include <new>
+#include <string>
+#include <utility>
+
+namespace Zarn {
+namespace {
+
+constexpr std::size_t kMaxStubs = 4;
+constexpr int kScaleDecimals = 15;
+// The sign, the digits of the largest double, the point and the decimals.
+constexpr std::size_t kMaxScaleLength =
+    1 + std::numeric_limits<double>::max_exponent10 + 1 + 1 + kScaleDecimals;
+
+std::string FormatScale(double scale) {
+  char text[kMaxScaleLength];
+  const auto end =
+      std::to_chars(text, text + sizeof text, scale, std::chars_format::fixed, kScaleDecimals);
+  return std::string(text, end.ptr);
+}
+
+}  // namespace
+
+ZrCompactFileManager::ZrCompactFileManager() = default;
+ZrCompactFileManager::~ZrCompactFileManager() = default;
+
+ZrCompactFileManager* ZrCompactFileManager::GetInstance() {
+  // Never destroyed: other threads may use its stubs while the process ends. And never short of
+  // memory.
+  alignas(ZrCompactFileManager) static std::byte storage[sizeof(ZrCompactFileManager)];
+  static ZrCompactFileManager* const instance = new (storage) ZrCompactFileManager;
+  return instance;
+}
+
+PelmUnicodeString ZrCompactFileManager::GetKey(double scale, int row, int col) {
+  try {
+    return PelmUnicodeString::FromUtf8(FormatScale(scale) + "_" + std::to_string(row) + "_" +
+                                       std::to_string(col));
+  } catch (const std::bad_alloc&) {
+    return {};
+  }
+}
+
+ZrCompactFileStub* ZrCompactFileManager::LookUp(PelmUnicodeString key) {
+  // One by one: the keys are compared without regard to case, but ordered with it.
+  for (const auto& [known, stub] : m_mapStub)
+    if (known.CompareNoCase(key) == 0) return stub.get();
+  try {
+    decltype(m_mapStub) added;
+    ZrCompactFileStub* const stub =
+        added.emplace(std::move(key), std::make_unique<ZrCompactFileStub>()).first->second.get();
+    // Now that nothing can fail. The new key is none of those that may have to go.
+    if (m_mapStub.size() >= kMaxStubs) m_mapStub.erase(m_mapStub.begin());
+    m_mapStub.merge(added);
+    return stub;
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
+ZrCompactFileStub* ZrCompactFileManager::LookUp(double scale, int row, int col) {
+  PelmUnicodeString key = GetKey(scale, row, col);
+  return key.IsEmpty() ? nullptr : LookUp(std::move(key));
+}
+
+}  // namespace Zarn

@@ -1,0 +1,133 @@
+#include "ZrCompactFileStub.h"
+
+#include <mutex>
+#include <new>
+#include <utility>
+
+#include "OpenPath.h"
+#include "PathRules.h"
+#include "ZrFile.h"
+#include "ZrProcess.h"
+#include "ZrThread.h"
+
+namespace Zarn {
+
+// The lock between processes on one file.
+struct Access::FileLock : ZrProcess {
+  // If there is no such file, the lock cannot be taken.
+  explicit FileLock(const PelmUnicodeString& file) : m_strFile(file) { ProcessLockInit(file); }
+
+  using ZrProcess::IsLockOn;
+  using ZrProcess::IsStateLoaded;
+  using ZrProcess::SetStateLoaded;
+
+  const PelmUnicodeString m_strFile;
+};
+
+namespace {
+
+constexpr unsigned int kGridSide = 128;
+
+// The file that a path means now; empty for a path that means none.
+PelmUnicodeString FileOf(const PelmUnicodeString& path) {
+  if (!Format::IsUsablePath(path)) return {};
+  return ZrFile::GetAbsolute(Format::CompletePath(path));
+}
+
+struct Unlocking {
+  ZrProcess& lock;
+  ~Unlocking() { lock.WriterUnlock(); }
+};
+
+}  // namespace
+
+ZrCompactFileStub::ZrCompactFileStub()
+    : m_pLock(std::make_unique<Access::FileLock>(m_strFile)),
+      m_pWriter(std::make_unique<ZrCompactFileWriter>()) {}
+
+ZrCompactFileStub::~ZrCompactFileStub() {
+  const std::lock_guard lock(m_mutex);  // a call under way ends first
+}
+
+void ZrCompactFileStub::SetPath(PelmUnicodeString path) {
+  const std::lock_guard lock(m_mutex);
+  m_strPath = std::move(path);
+  try {
+    PelmUnicodeString file = FileOf(m_strPath);
+    if (Io::IsPathOf(file, m_strFile, *m_pWriter)) return;
+    m_strFile = std::move(file);
+    CreateFile();
+  } catch (const std::bad_alloc&) {
+    m_strFile = {};  // rather than another file than asked for
+  }
+}
+
+// Leaves a file that is there alone, and the writer closed then.
+void ZrCompactFileStub::CreateFile() {
+  m_pWriter->Create(m_strFile, kGridSide, kGridSide, u"", ZrCompactFile::kCreateMissing);
+}
+
+bool ZrCompactFileStub::Write(unsigned int row, unsigned int col, const ZrByteArray& data,
+                              unsigned long long capacity, unsigned long long offset,
+                              unsigned long long version) {
+  const std::lock_guard lock(m_mutex);
+  try {
+    if (!LockFile()) return false;
+    const Unlocking unlocking{*m_pLock};
+    return RefreshWriter() &&
+           m_pWriter->SetAt(row, col, data, capacity, offset, version) == ZrResult::kOk;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+// Keeps other processes out, and other stubs of this one, while this one writes: two writers would
+// append at the same position, and one tile would be lost.
+bool ZrCompactFileStub::LockFile() {
+  if (m_strFile.IsEmpty()) return false;
+  if (m_pLock->m_strFile == m_strFile && m_pLock->WriterLock(0)) return true;
+  CreateFile();  // unless somebody else has
+  // The old lock goes last: with the only one of a process goes a queue of events, for which the
+  // kernel takes some milliseconds.
+  m_pLock = std::make_unique<Access::FileLock>(m_strFile);
+  return m_pLock->WriterLock(0);
+}
+
+// Has the writer open on the file that is locked, as it is now. Where it ends, counting capacity
+// that was not written, the writer learns by looking through the index when it is opened.
+bool ZrCompactFileStub::RefreshWriter() {
+  if (m_pLock->IsStateLoaded() && m_pWriter->IsOpen()) return true;
+  m_pWriter->Close();
+  const bool opened =
+      m_pWriter->Open(m_strFile, u"", ZrCompactFile::kCreateMissing) == ZrResult::kOk &&
+      m_pLock->IsLockOn(*m_pWriter);
+  m_pLock->SetStateLoaded(opened);
+  for (auto& [thread, reader] : m_mapReader)
+    if (opened && reader.IsOpen() && !m_pLock->IsLockOn(reader)) reader.m_strOpenedFor = {};
+  return opened;
+}
+
+bool ZrCompactFileStub::Read(unsigned int row, unsigned int col, ZrByteArray& data,
+                             unsigned long long& filledLength, unsigned long long version) {
+  const std::lock_guard lock(m_mutex);
+  try {
+    return GetReader().Lookup(row, col, data, filledLength, version) == ZrResult::kOk;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+// The calling thread's. Thread numbers are used again, so the map stays as small as the number of
+// threads alive at once.
+ZrCompactFileStub::Reader& ZrCompactFileStub::GetReader() {
+  Reader& reader = m_mapReader[static_cast<std::int32_t>(ZrThread::GetCurrentThreadId())];
+  if (reader.m_strOpenedFor != m_strFile) {
+    reader.Close();
+    PelmUnicodeString file = m_strFile;
+    reader.Open(file, u"", ZrCompactFile::kReadOnly);
+    reader.m_strOpenedFor = std::move(file);  // also if that failed: it is not tried again
+  }
+  return reader;
+}
+
+}  // namespace Zarn

@@ -1,0 +1,210 @@
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cmath>
+#include <filesystem>
+#include <limits>
+#include <thread>
+
+#include "ZrCompactFileCollection.h"
+#include "ZrCompactFileManager.h"
+#include "engine/EngineFixture.h"
+#include "support/Processes.h"
+
+static std::atomic<long> g_allowance = -1;  // one allocation fails after so many; below 0: none
+
+void* operator new(std::size_t size) {
+  if (g_allowance >= 0 && --g_allowance < 0) throw std::bad_alloc();
+  return std::malloc(size);
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
+
+namespace Zarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::ptrdiff_t OpenDescriptors() {
+  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+bool Put(ZrCompactFileStub& stub, unsigned int col, const std::string& text,
+         unsigned int room = 0) {
+  return stub.Write(1, col, Data(text), room, 0, 1);
+}
+// The filled part of a tile, or all of it if nothing is said to be filled; "no" if Read fails.
+std::string Get(ZrCompactFileStub& stub, unsigned int col, unsigned int stamp = 9) {
+  ZrByteArray data = Data("as before");
+  unsigned long long filled = 77;
+  if (!stub.Read(1, col, data, filled, stamp)) return "no";
+  return Content(data).substr(0, filled == 0 ? data.GetSize() : filled);
+}
+template <typename Body>
+void InThreads(unsigned int count, Body body) {
+  std::vector<std::jthread> threads;
+  for (unsigned int i = 0; i < count; ++i)
+    threads.emplace_back(body, i);
+}
+
+class Access : public EngineTest {
+ public:
+  PelmUnicodeString given = folder.GetPath("d/t"), other = folder.GetPath("d/T");
+  std::string file = given.ToUtf8() + ".cf", otherFile = other.ToUtf8() + ".cf";
+  ZrCompactFileStub stub;
+};
+
+TEST_F(Access, CollectionSharesByPathAndCountsUsers) {
+  {
+    const ZrCompactFileCollection first;
+    { const ZrCompactFileCollection second; }
+    EXPECT_EQ(ZrCompactFileCollection::GetSingletonPtr(), &first);
+  }
+  auto& collection = ZrCompactFileCollection::GetSingleton();
+  const auto before = OpenDescriptors();
+  ZrCompactFile* const shared = collection.GetCompactFile(given, 2, 3);
+  ASSERT_TRUE(shared->Close() && shared->GetFullPath().ToUtf8() == file);
+  InThreads(1, [&](int) { EXPECT_EQ(shared->Open(given, u"", 8), 0U); });
+  EXPECT_EQ(collection.GetCompactFile(given, 9, 9), shared);
+  EXPECT_NE(collection.GetCompactFile(other), shared);
+  ZrCompactFile* const failed = collection.GetCompactFile(given + u".cf", 9, 9);
+  EXPECT_FALSE(failed == nullptr || failed->IsOpen());
+  collection.DelCompactFile(given);
+  collection.DelCompactFile(u"unknown");
+  EXPECT_TRUE(shared->IsOpen());
+  collection.DelCompactFile(given);  // in a thread that has not opened it
+  EXPECT_EQ(OpenDescriptors(), before);
+}
+
+TEST_F(Access, ManagerKeepsFourStubsByKey) {
+  const double infinity = std::numeric_limits<double>::infinity(), nan = std::nan("");
+  for (const double scale : {0.5, -0.0, 2.5e-15, -1.7976931348623157e308, infinity, nan, -nan}) {
+    char text[400];
+    std::snprintf(text, sizeof text, "%.15f_-2_7", scale);
+    EXPECT_EQ(ZrCompactFileManager::GetKey(scale, -2, 7).ToUtf8(), text);
+  }
+  ZrCompactFileManager& manager = *ZrCompactFileManager::GetInstance();
+  const auto isKept = [&](const char16_t* key) { return Get(*manager.LookUp(key), 0) != "no"; };
+  for (const char16_t* key : {u"\xFFFF", u"m", u"k", u"\x8000"})
+    manager.LookUp(key)->SetPath(given);
+  EXPECT_EQ(manager.LookUp(u"M"), manager.LookUp(u"m"));
+  ZrCompactFileStub* made = nullptr;
+  for (int n = 0; made == nullptr; g_allowance = -1) {
+    EXPECT_TRUE(isKept(u"k"));
+    g_allowance = n++;
+    made = manager.LookUp(0.5, 3, 7);
+  }
+  EXPECT_EQ(made, manager.LookUp(u"0.500000000000000_3_7")) << "smallest, but not the victim";
+  EXPECT_TRUE(isKept(u"m") && isKept(u"\x8000") && isKept(u"\xFFFF"));
+  EXPECT_FALSE(isKept(u"k"));
+}
+
+TEST_F(Access, StubFollowsItsPath) {
+  EXPECT_TRUE(!Put(stub, 0, "x") && Get(stub, 0) == "no" && !fs::exists(".cf"));
+  stub.SetPath(given);
+  EXPECT_TRUE(Get(stub, 0).empty() && Put(stub, 0, "first") && !Put(stub, 128, "x"));
+  EXPECT_EQ(fs::file_size(file), 76 + 8 * 128 * 128 + 44 + 5);
+  stub.SetPath(path);
+  EXPECT_TRUE(Get(stub, 0).empty());
+  stub.SetPath(given);
+  ZrCompactFileStub fresh;
+  fresh.SetPath(given);
+  EXPECT_TRUE(Put(stub, 1, "second") && Put(fresh, 2, "third"));
+  stub.SetPath(other);
+  EXPECT_TRUE(Put(stub, 3, "fourth") && !fs::exists(otherFile)) << "the same but for case";
+  InThreads(1, [&](int) { EXPECT_EQ(Get(stub, 0) + Get(stub, 3), "firstfourth"); });
+  fs::copy(file, otherFile);
+  stub.SetPath(other);
+  EXPECT_TRUE(Put(stub, 3, "fifth")) << "into a file of its own now";
+  EXPECT_EQ(Get(stub, 3) + Get(fresh, 1) + Get(fresh, 2) + Get(fresh, 3), "fifthsecondthirdfourth");
+  ASSERT_EQ(object.Open(given, u"", 8), 0U);
+  ASSERT_EQ(Store(1, 4, "old", 1) + Store(1, 4, "new", 2), 0U);
+  EXPECT_EQ(Get(fresh, 4) + Get(fresh, 4, 1), "newas before");
+  fs::rename(otherFile, file);
+  EXPECT_TRUE(Put(fresh, 4, "moved") && Get(fresh, 3) == "fifth") << "another file is there";
+  InThreads(1, [&](int) {
+    EXPECT_EQ(Get(stub, 3), "no");
+    EXPECT_TRUE(Put(stub, 3, "again") && Get(stub, 3) == "no") << "this reader has failed for good";
+  });
+  EXPECT_EQ(Get(stub, 3), "again");
+  MakeNaming(1);
+  for (const PelmUnicodeString& unusable : {PelmUnicodeString(), path, folder.GetPath("t.sc")}) {
+    stub.SetPath(unusable);
+    EXPECT_TRUE(!Put(stub, 3, "x") && Get(stub, 3) == "no");
+  }
+}
+
+TEST_F(Access, ShortageOfMemoryIsAnAnswer) {
+  stub.SetPath(given);
+  bool failed = true;
+  for (unsigned int n = 0; failed; ++n) {
+    ZrCompactFileCollection collection;
+    ZrCompactFileStub own;
+    PelmUnicodeString copy = given;
+    ZrByteArray data = Data("x");
+    unsigned long long filled = 0;
+    g_allowance = n;
+    const bool isShared = collection.GetCompactFile(other, 2, 2) != nullptr;
+    own.SetPath(std::move(copy));
+    const bool isStored = own.Write(1, n, data, 0, 0, 1);
+    const bool isRead = own.Read(1, n, data, filled, 1);
+    failed = g_allowance.exchange(-1) < 0;
+    EXPECT_TRUE(failed ? n < 100 : n > 20 && isShared && isStored && isRead);
+    EXPECT_EQ(Get(stub, n), isStored ? "x" : "");
+  }
+}
+
+TEST_F(Access, ThousandsOfThreadsOnOneStubAndOneCollection) {
+  const auto tile = [](unsigned int col) { return std::string(20 + col * 7, char('a' + col)); };
+  ZrCompactFileCollection collection;
+  std::atomic<int> faults = 0;
+  for (unsigned int round = 0; round < 625; ++round) {
+    ZrCompactFileStub fresh;
+    InThreads(8, [&](unsigned int i) {
+      stub.SetPath(given);
+      fresh.SetPath(given);
+      faults += !Put(stub, i, tile(i)) || Get(fresh, i) != tile(i);
+      const std::string neighbour = Get(stub, i ^ 1);
+      faults += !neighbour.empty() && neighbour != tile(i ^ 1);
+      ZrCompactFile* const shared = collection.GetCompactFile(path, 8, 8);
+      faults += shared->Open(path, u"", 4) != 0 || shared->SetAt(i, 0, Data("x"), 0, 0, round) != 0;
+      shared->Close();
+      collection.DelCompactFile(path);
+    });
+  }
+  EXPECT_EQ(faults, 0);
+  EXPECT_LE(OpenDescriptors(), 30);
+  Check();
+}
+
+TEST_F(Access, ProcessesMakeOneFileAndLoseNoTile) {
+  auto& arrived = *static_cast<std::atomic<unsigned int>*>(
+      ::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  const auto pathOf = [&](unsigned int round) { return folder.GetPath(std::to_string(round)); };
+  const auto children = Support::Fork(2, [&](unsigned int process) {
+    unsigned int meetings = 0, faults = 0;
+    const auto meet = [&] {
+      for (++arrived, ++meetings; arrived < 2 * meetings;)
+        std::this_thread::yield();
+    };
+    for (unsigned int round = 0; round < 300; ++round) {
+      ZrCompactFileStub own;
+      own.SetPath(pathOf(round));
+      meet();
+      if (round % 3 == process) fs::remove(pathOf(round).ToUtf8() + ".cf");  // to be made by Write
+      meet();
+      for (unsigned int i = 0; i < 9; ++i)  // the last one leaves no room unwritten
+        faults += !Put(own, 2 * i + process, "tile", i < 8 ? 100 : 0);
+    }
+    return faults;
+  });
+  Support::ExpectEnd(children, 0);
+  for (unsigned int round = 0; round < 300; ++round) {
+    ASSERT_EQ(Support::FileChecker(pathOf(round) + u".cf").errors, "");
+    stub.SetPath(pathOf(round));
+    for (unsigned int col = 0; col < 18; ++col)
+      ASSERT_EQ(Get(stub, col), "tile");
+  }
+}
+
+}  // namespace
+}  // namespace Zarn
