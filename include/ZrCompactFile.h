@@ -175,9 +175,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// kProcessLock, other processes wait meanwhile; those must not use the file without.
   ///
   /// A crash, a kill or a loss of power at any moment costs nothing: the file is as before, or the
-  /// next Open finishes what was begun, for which it needs the right to write the file and the file
-  /// beside it. Until then the light classes answer kReadFailure. A file beside it that is not
-  /// needed any more is replaced by the next compaction, and may be deleted once the file opens.
+  /// next Open, also of a light class, finishes what was begun, for which it needs the right to
+  /// write the file and the file beside it; without, it fails. A file beside it that is not needed
+  /// any more is replaced by the next compaction, and may be deleted once the file opens.
   ///
   /// kOk; kNotOpen; kUnknownKind; kNotCreated for a file opened for reading, one that has lost its
   /// path, a naming file whose index cannot be brought up to date, and if the file beside it cannot

@@ -7,6 +7,7 @@
 #include "IndexValue.h"
 #include "OpenPath.h"
 #include "PathRules.h"
+#include "RedoFile.h"
 #include "ZrFile.h"
 
 namespace Zarn {
@@ -33,7 +34,12 @@ unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
 
   SetIdentity(completed, password, mode);
   if (!ZrFile32::Open(completed, direction)) return ZrResult::kNotOpen;
-  if (ReadHeader() != ZrResult::kOk || ReadHeaderGrid() != ZrResult::kOk) {
+  unsigned int header = ReadHeader();
+  // Perhaps a compaction was cut short. Finishing it may give the path to another file.
+  if (header == ZrResult::kWrongFile && Io::FinishReplacement(completed) &&
+      ZrFile32::Open(completed, direction))
+    header = ReadHeader();
+  if (header != ZrResult::kOk || ReadHeaderGrid() != ZrResult::kOk) {
     CloseStream();
     return ZrResult::kReadFailure;
   }
