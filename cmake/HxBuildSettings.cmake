@@ -41,4 +41,10 @@ function(hx_shared_library target include_dir)
   set_target_properties(${target} PROPERTIES
     VERSION ${HxCompactFile_VERSION}
     SOVERSION ${HxCompactFile_VERSION_MAJOR})
+  # Sanitizers want one address for the type information of the standard library's templates.
+  if(NOT HX_SANITIZE)
+    set(map ${HxCompactFile_SOURCE_DIR}/cmake/HxExports.map)
+    target_link_options(${target} PRIVATE LINKER:--version-script=${map})
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${map})
+  endif()
 endfunction()

@@ -54,20 +54,21 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
   /// Reads the entries of a cell and of those behind it, at most `count`; returns how many.
   unsigned int ReadEntries(unsigned int row, unsigned int col, unsigned long long* entries,
                            unsigned int count) const;
+  /// First byte of the index area.
   unsigned long long GetIndexOffset() const;
   /// First byte behind the index area.
   unsigned long long GetDataStart() const;
 
   ZrCompactFile::ZrOpenMode m_nOpenMode = 0;  ///< stored, not interpreted
   std::array<unsigned char, 64> m_header;     ///< unscrambled, in host order
-  std::uint32_t m_nRowCount = 0;
-  std::uint32_t m_nColCount = 0;
-  std::uint32_t m_nGridFlags = 0;
-  bool m_bSwap = false;  ///< the file is in the other byte order than this host
-  bool m_bOpened = false;
+  std::uint32_t m_nRowCount = 0;              ///< of the grid
+  std::uint32_t m_nColCount = 0;              ///< of the grid
+  std::uint32_t m_nGridFlags = 0;             ///< bit 0: tiles keep versions
+  bool m_bSwap = false;    ///< the file is in the other byte order than this host
+  bool m_bOpened = false;  ///< see IsOpen
   std::array<unsigned char, 256> m_xorString;  ///< the password's
-  PelmUnicodeString m_strPath;
-  PelmUnicodeString m_strPassword;
+  PelmUnicodeString m_strPath;                 ///< see GetFilePath
+  PelmUnicodeString m_strPassword;             ///< as given
 
  private:
   bool IsOpenAt(const PelmUnicodeString& path) const;

@@ -7,6 +7,7 @@ namespace Zarn {
 /// The codes that operations with an unsigned 32-bit result return. The comment of each operation
 /// says which it can return and why.
 struct ZrResult {
+  /// One code, by name.
   enum Code : std::uint32_t {
     kOk = 0,           ///< Success.
     kNotUsable = 1,    ///< The file could not be taken into use, or is an older ".sc" file.

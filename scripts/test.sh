@@ -5,6 +5,7 @@
 
 preset=${1:-dev}
 shift || true
-need_compiler /usr/include/gmock/gmock.h=libgmock-dev python3=python3
+need_compiler /usr/include/gmock/gmock.h=libgmock-dev python3=python3 pkg-config=pkg-config \
+  dpkg-shlibdeps=dpkg-dev file=file doxygen=doxygen
 build "$preset"
 exec ctest --preset "$preset" "$@"

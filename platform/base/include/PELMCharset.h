@@ -8,6 +8,7 @@
 /// Unicode encodings above them.
 class HX_PLATFORM_API PELMCharset {
  public:
+  /// A charset by its number.
   enum Charset : std::uint32_t {
     kAnsi = 0,           ///< Western European, code page 1252
     kDefault = 1,        ///< whatever the process's current charset is
@@ -26,9 +27,9 @@ class HX_PLATFORM_API PELMCharset {
     kRussian = 204,      ///< Cyrillic, code page 1251
     kThai = 222,         ///< code page 874
     kEastEurope = 238,   ///< Central European, code page 1250
-    kUtf8 = 250,
-    kUtf16Le = 251,
-    kUtf16Be = 252,
+    kUtf8 = 250,         ///< bytes
+    kUtf16Le = 251,      ///< 16-bit units, the low byte first
+    kUtf16Be = 252,      ///< 16-bit units, the high byte first
   };
 
   /// The process's current charset; UTF-8 until SetCurrent. Safe from any thread.

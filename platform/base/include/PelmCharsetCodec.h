@@ -19,13 +19,15 @@ class HX_PLATFORM_API PelmCharsetCodec {
   PelmCharsetCodec(const PelmCharsetCodec&) = delete;
   PelmCharsetCodec& operator=(const PelmCharsetCodec&) = delete;
 
+  /// The charset in use, never kDefault.
   PELMCharset::Charset GetCharset() const { return m_charset; }
 
   /// False if the charset number has no encoding.
   bool IsUsable() const;
 
-  /// Both replace `target`, and leave it as it was when they fail.
+  /// Bytes to units. Replaces `target`, or leaves it as it was and answers false.
   bool Decode(std::string_view bytes, std::u16string& target);
+  /// Units to bytes, likewise.
   bool Encode(std::u16string_view units, std::string& target);
 
  private:

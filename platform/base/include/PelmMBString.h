@@ -18,10 +18,13 @@ class HX_PLATFORM_API PelmMBString {
                         PELMCharset::Charset charset = PELMCharset::kDefault)
       : m_bytes(bytes), m_charset(PELMCharset::Resolve(charset)) {}
 
+  /// The charset of the bytes, never kDefault.
   PELMCharset::Charset GetCharset() const { return m_charset; }
+  /// Length in bytes, without the terminator.
   std::size_t GetLength() const { return m_bytes.size(); }
   /// NUL-terminated.
   const char* GetBuffer() const { return m_bytes.c_str(); }
+  /// The bytes, which may hold zeros.
   std::string_view GetBytes() const { return m_bytes; }
 
  private:

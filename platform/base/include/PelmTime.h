@@ -6,6 +6,7 @@
 class HX_PLATFORM_API PelmTime {
  public:
   PelmTime() = default;
+  /// The time `days` after the epoch.
   explicit PelmTime(double days) : m_days(days) {}
 
   /// Takes the system's current time; returns this object.

@@ -16,7 +16,9 @@ class HX_PLATFORM_API PelmUnicodeString {
   PelmUnicodeString(const char16_t* text) {  // NOLINT: literals convert
     if (text != nullptr) m_units = text;
   }
+  /// `length` units, which may hold zeros.
   PelmUnicodeString(const char16_t* text, std::size_t length) : m_units(text, length) {}
+  /// Takes over the units.
   explicit PelmUnicodeString(std::u16string units) : m_units(std::move(units)) {}
 
   /// UTF-8 in. Lone surrogates in three-byte form are taken as they are; a byte that is not part
@@ -42,9 +44,11 @@ class HX_PLATFORM_API PelmUnicodeString {
 
   /// Length in code units, without the terminator.
   std::size_t GetLength() const { return m_units.size(); }
+  /// Whether the length is 0.
   bool IsEmpty() const { return m_units.empty(); }
   /// NUL-terminated.
   const char16_t* GetBuffer() const { return m_units.c_str(); }
+  /// The units, which may hold zeros.
   std::u16string_view GetUnits() const { return m_units; }
 
   /// Below, equal to or above 0, as this string sorts against `other`.
@@ -52,20 +56,26 @@ class HX_PLATFORM_API PelmUnicodeString {
   /// The same with the letters A to Z folded; no other character has a case here.
   int CompareNoCase(const PelmUnicodeString& other) const;
 
+  /// Appends `tail`.
   PelmUnicodeString& operator+=(const PelmUnicodeString& tail) {
     m_units += tail.m_units;
     return *this;
   }
+  /// Both, one after the other.
   friend PelmUnicodeString operator+(PelmUnicodeString head, const PelmUnicodeString& tail) {
     head += tail;
     return head;
   }
+
+  /// Unit by unit.
   friend bool operator==(const PelmUnicodeString& a, const PelmUnicodeString& b) {
     return a.m_units == b.m_units;
   }
+  /// Unit by unit.
   friend bool operator!=(const PelmUnicodeString& a, const PelmUnicodeString& b) {
     return !(a == b);
   }
+  /// As Compare.
   friend bool operator<(const PelmUnicodeString& a, const PelmUnicodeString& b) {
     return a.m_units < b.m_units;
   }

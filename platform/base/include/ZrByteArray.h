@@ -17,21 +17,29 @@ namespace Zarn {
 /// An object is used by one thread at a time.
 class HX_PLATFORM_API ZrByteArray {
  public:
+  /// Counts bytes.
   using Size = unsigned long long;
 
   ZrByteArray() noexcept = default;
   /// A copy of `size` bytes at `data`.
   ZrByteArray(const void* data, Size size);
+  /// Copies bytes, position and settings.
   ZrByteArray(const ZrByteArray& other);
+  /// Copies bytes, position and settings.
   ZrByteArray& operator=(const ZrByteArray& other);
+  /// Takes over all of `other`, which is like a new one then.
   ZrByteArray(ZrByteArray&& other) noexcept { Swap(other); }
+  /// Takes over all of `other`, which is like a new one then.
   ZrByteArray& operator=(ZrByteArray&& other) noexcept;
   ~ZrByteArray() = default;
 
   /// The bytes; null while no memory was ever needed.
   unsigned char* GetData() { return m_bytes.get() + m_start; }
+  /// The same.
   const unsigned char* GetData() const { return m_bytes.get() + m_start; }
+  /// How many bytes there are.
   Size GetSize() const { return m_size; }
+  /// Whether there is none.
   bool IsEmpty() const { return m_size == 0; }
 
   /// Sets the size; kept bytes stay, new bytes are zero.
@@ -42,6 +50,7 @@ class HX_PLATFORM_API ZrByteArray {
   void DropFront(Size size);
   /// Makes room for `size` bytes without changing the size.
   bool Reserve(Size size);
+  /// Bytes that fit without more memory.
   Size GetReserve() const { return m_reserve; }
   /// Replaces the contents by a copy of `size` bytes at `data`, which must not be this buffer's
   /// own; the position becomes 0.
@@ -52,14 +61,17 @@ class HX_PLATFORM_API ZrByteArray {
   /// When the buffer must grow, its reserve grows by a multiple of this many bytes that is enough;
   /// with 0 it grows to just what is needed.
   void SetGrowthStep(Size step) { m_growthStep = step; }
+  /// As set; 4096 at first.
   Size GetGrowthStep() const { return m_growthStep; }
 
   /// Sets the position, clamped to the size, and returns it.
   Size SetPosition(Size position);
+  /// Where the next byte is read or written.
   Size GetPosition() const { return m_position; }
 
   /// While on, scalars are byte-reversed as they are read and written.
   void SetSwap(bool swap) { m_swap = swap; }
+  /// As set; off at first.
   bool IsSwap() const { return m_swap; }
 
   /// Reads a scalar at the position and advances it. Returns the new position, or 0 when fewer
@@ -81,9 +93,9 @@ class HX_PLATFORM_API ZrByteArray {
     return WriteBytes(bytes, sizeof bytes);
   }
 
-  /// The same for `size` plain bytes, which must not be this buffer's own. A read of 0 bytes
-  /// returns the position as it is.
+  /// Reads `size` plain bytes; results as Read, but 0 bytes give the position as it is.
   Size ReadBytes(void* target, Size size);
+  /// Writes `size` plain bytes, which must not be this buffer's own; results as Write.
   Size WriteBytes(const void* source, Size size);
 
  private:

@@ -16,12 +16,18 @@ class HX_PLATFORM_API ZrMutex {
   ZrMutex(const ZrMutex&) = delete;
   ZrMutex& operator=(const ZrMutex&) = delete;
 
+  /// Waits until the calling thread has the lock.
   void Lock();
+  /// For the thread that has it.
   void Unlock();
+  /// Takes the lock if no other thread has it; whether it did.
   bool TryLock();
 
+  /// Lock, by the standard's name.
   void lock() { Lock(); }
+  /// Unlock, by the standard's name.
   void unlock() { Unlock(); }
+  /// TryLock, by the standard's name.
   bool try_lock() { return TryLock(); }
 
  private:

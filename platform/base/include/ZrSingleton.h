@@ -8,6 +8,7 @@ namespace Zarn {
 template <typename T>
 class ZrSingleton {
  protected:
+  /// Null while there is no instance.
   static T* m_pSingleton;
 };
 

@@ -6,6 +6,7 @@
 
 namespace Zarn {
 
+/// The threads of this process, by number.
 class HX_PLATFORM_API ZrThread {
  public:
   /// Number of the calling thread, from 1 up, unique among the live threads of this process. The

@@ -25,6 +25,7 @@ class HX_PLATFORM_API ZrFile {
   /// The file that a symbolic link leads to; any other path, and one that leads nowhere, as it is.
   static PelmUnicodeString FollowLink(const PelmUnicodeString& path);
 
+  /// Whether anything is at the path; a link counts for what it leads to.
   static bool IsExist(const PelmUnicodeString& path);
   /// Makes a directory and its missing parents; what exists already is fine.
   static bool MkDirEx(const PelmUnicodeString& path);

@@ -19,9 +19,8 @@ namespace Zarn {
 /// threads may make them at once; everything else is for one thread at a time.
 class HX_PLATFORM_API ZrFileStream {
  public:
-  /// Directions of Open.
-  static constexpr unsigned int kRead = 2;
-  static constexpr unsigned int kReadWrite = 3;
+  static constexpr unsigned int kRead = 2;       ///< a direction of Open
+  static constexpr unsigned int kReadWrite = 3;  ///< a direction of Open
 
   ZrFileStream() = default;
   ZrFileStream(const ZrFileStream&) = delete;
@@ -32,6 +31,7 @@ class HX_PLATFORM_API ZrFileStream {
   bool Open(const PelmUnicodeString& path, unsigned int direction);
   /// False if nothing was open.
   bool Close();
+  /// Whether a file is open.
   bool IsOpen() const { return m_fd >= 0; }
   /// True while open on a descriptor that cannot write.
   bool IsReadOnly() const { return IsOpen() && m_readOnly; }
@@ -40,7 +40,9 @@ class HX_PLATFORM_API ZrFileStream {
   /// What the system knows of the open file.
   bool GetStatus(struct stat& status) const;
 
+  /// Sets where Read and Write go on, in bytes from the beginning; it may lie beyond the end.
   void Seek(std::uint64_t position) { m_position = position; }
+  /// Where they go on.
   std::uint64_t GetPosition() const { return m_position; }
   /// Bytes from the position to the end of the file, at most `size`; returns how many, and
   /// advances by as many.
@@ -48,8 +50,9 @@ class HX_PLATFORM_API ZrFileStream {
   /// Writes all bytes at the position and advances, or fails and stays.
   bool Write(const void* buffer, std::uint64_t size);
 
-  /// Exactly `size` bytes, or false.
+  /// Reads exactly `size` bytes, or answers false.
   bool ReadAt(std::uint64_t position, void* buffer, std::uint64_t size) const;
+  /// Writes them all, or answers false.
   bool WriteAt(std::uint64_t position, const void* buffer, std::uint64_t size);
   /// At most `size` bytes. Returns how many came: fewer at the end of the file, or after an error.
   std::uint64_t ReadUpTo(std::uint64_t position, void* buffer, std::uint64_t size) const;
@@ -103,9 +106,11 @@ class HX_PLATFORM_API ZrFileStream {
   /// Makes `data` the whole contents of the file.
   bool Save(const ZrByteArray& data);
 
-  /// Reverse the bytes of one value of 2, 4 or 8 bytes in place.
+  /// Reverses two bytes in place.
   static void Swap2Byte(void* value);
+  /// Reverses four.
   static void Swap4Byte(void* value);
+  /// Reverses eight.
   static void Swap8Byte(void* value);
 
  protected:

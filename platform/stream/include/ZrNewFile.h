@@ -16,10 +16,11 @@ namespace Zarn {
 /// ".hxcf-" and 16 hexadecimal digits, which may be deleted.
 class HX_PLATFORM_API ZrNewFile {
  public:
+  /// What giving the file its name came to.
   enum class Outcome {
-    kPublished,
-    kExists,  ///< something has that path already; it was not touched
-    kFailed,
+    kPublished,  ///< the file has its path
+    kExists,     ///< something has that path already; it was not touched
+    kFailed,     ///< the system has reported an error
   };
 
   /// `stream` must outlive this object.

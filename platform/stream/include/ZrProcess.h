@@ -51,16 +51,18 @@ class HX_PLATFORM_API ZrProcess {
   /// Gives everything back, a held lock included.
   void ProcessLockRelease();
 
-  /// Waits for the lock. It may be held several times over, and by the writer in either way; only
-  /// the first call has an effect and only the last unlock releases. A reader cannot become the
-  /// writer: that is a mistake, and answers false.
+  /// Waits for the lock, shared with other readers. It may be held several times over, and by the
+  /// writer in either way; only the first call has an effect and only the last unlock releases. A
+  /// reader cannot become the writer: that is a mistake, and answers false.
   ///
   /// With `refresh` 1 the first call invokes the callback if the file may have changed since the
   /// state was loaded, or if it never was; again each time until SetStateLoaded(true).
   bool ReaderLock(unsigned char refresh);
+  /// The same, for the one writer.
   bool WriterLock(unsigned char refresh);
-  /// Do nothing if the lock is not held.
+  /// Does nothing if the lock is not held.
   void ReaderUnlock();
+  /// Does nothing if the lock is not held.
   void WriterUnlock();
 
   /// `function(owner)` is to load the state. It runs in the locking thread while the lock is held,

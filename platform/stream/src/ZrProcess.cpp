@@ -42,7 +42,8 @@ enum class AtPath { kLockedFile, kOtherFile, kNothing };
 
 }  // namespace
 
-struct ZrProcess::Impl {
+// Hidden, though it belongs to a class that is not.
+struct __attribute__((visibility("hidden"))) ZrProcess::Impl {
   bool Bind();
   bool Lock(LockMode mode, bool refresh);
   bool LockAgain(LockMode mode);

@@ -12,8 +12,8 @@ namespace Zarn {
 
 /// The first two fields of an older cache file's status.
 struct ZrCacheFileStatus {
-  std::uint32_t first = 0;
-  std::uint32_t second = 0;
+  std::uint32_t first = 0;   ///< one of them
+  std::uint32_t second = 0;  ///< the other
 };
 
 /// An older cache file (extension ".sc"). Its format is not known here: a host that has such files
@@ -24,6 +24,7 @@ struct ZrCacheFileStatus {
 /// Results are codes with 0 for success, unless they are bool.
 class HX_PLATFORM_API ZrCacheFile {
  public:
+  /// Makes an object of the host's class; null if it cannot.
   using Factory = std::unique_ptr<ZrCacheFile> (*)();
 
   ZrCacheFile() = default;
@@ -39,9 +40,13 @@ class HX_PLATFORM_API ZrCacheFile {
   /// `direction`: 2 read, 3 read and write.
   virtual std::uint32_t Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
                              unsigned int direction);
+  /// False if the file could not be closed.
   virtual bool Close();
+  /// Whether a file is open.
   virtual bool IsOpen() const;
+  /// The path of the open file.
   virtual PelmUnicodeString GetFullPath() const;
+  /// `flag` is always 0.
   virtual std::uint32_t GetStatus(ZrCacheFileStatus& status, std::uint32_t flag);
   /// 1 for success, 0 for failure.
   virtual std::uint32_t SetPassword(const PelmUnicodeString& password);
@@ -49,10 +54,13 @@ class HX_PLATFORM_API ZrCacheFile {
   virtual std::uint32_t Reconstruction();
   /// Appends the names of all tiles.
   virtual std::uint32_t ListFiles(PelmArray<PelmUnicodeString>& names);
+  /// Stores a tile under a name.
   virtual std::uint32_t AddFile(const ZrByteArray& data, const PelmUnicodeString& name);
   /// Stores the contents of the file at `filePath`.
   virtual std::uint32_t AddFile(const PelmUnicodeString& filePath, const PelmUnicodeString& name);
+  /// Reads a tile into `data`.
   virtual std::uint32_t ReadFile(const PelmUnicodeString& name, ZrByteArray& data);
+  /// Removes a tile. `fileType` and `flag` are always 0.
   virtual std::uint32_t RemoveFile(const PelmUnicodeString& name, std::uint32_t fileType,
                                    std::uint32_t flag);
 };

@@ -1,0 +1,30 @@
+# cpack -G DEB: one package per component of HxInstall.cmake.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME libhxcompactfile)
+set(CPACK_PACKAGE_VENDOR "libHxCompactFile developers")
+set(CPACK_PACKAGE_CONTACT "libHxCompactFile developers <developers@example.invalid>")
+set(CPACK_COMPONENTS_ALL Runtime Development)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+
+# The first line of both descriptions is the project's own.
+set(hx_description "\
+Tiles are addressed by grid cell or by name, stored whole or in pieces, in
+versions, and read by many threads and processes while others write.")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libhxcompactfile${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "${hx_description}")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libhxcompactfile-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
+    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
+    "${hx_description}\n.\nThis package holds what is needed to build programs with it.")
+include(CPack)

@@ -1,0 +1,37 @@
+# cmake --install, and find_package(HxCompactFile) with HxCompactFile_DIR naming this build folder.
+include(CMakePackageConfigHelpers)
+
+# On Debian the libraries lie where its packages have them, whatever the prefix: one build folder
+# serves both.
+if(PROJECT_IS_TOP_LEVEL AND CMAKE_LIBRARY_ARCHITECTURE AND EXISTS /etc/debian_version)
+  set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Folder of the libraries")
+endif()
+include(GNUInstallDirs)
+set(hx_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/HxCompactFile)
+set(hx_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/HxCompactFile)
+set(hx_pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The libraries find each other wherever their folder is moved.
+set_target_properties(HxBase HxStream HxToolkit HxCompactFile PROPERTIES INSTALL_RPATH "$ORIGIN")
+install(TARGETS HxBase HxStream HxToolkit HxCompactFile EXPORT HxCompactFileTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development
+  INCLUDES DESTINATION ${hx_include_dir})
+install(DIRECTORY include/ platform/base/include/ platform/stream/include/ platform/toolkit/include/
+  DESTINATION ${hx_include_dir} COMPONENT Development
+  PATTERN FileSyscalls.h EXCLUDE)  # for tests
+
+configure_file(cmake/HxCompactFileConfig.cmake.in HxCompactFileConfig.cmake COPYONLY)
+write_basic_package_version_file(HxCompactFileConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+export(EXPORT HxCompactFileTargets NAMESPACE HxCompactFile::)
+install(EXPORT HxCompactFileTargets NAMESPACE HxCompactFile::
+  DESTINATION ${hx_cmake_dir} COMPONENT Development)
+install(FILES ${PROJECT_BINARY_DIR}/HxCompactFileConfig.cmake
+  ${PROJECT_BINARY_DIR}/HxCompactFileConfigVersion.cmake
+  DESTINATION ${hx_cmake_dir} COMPONENT Development)
+
+# The way from the .pc file to the prefix, which may be moved.
+set(hx_prefix_from_pc /)
+cmake_path(RELATIVE_PATH hx_prefix_from_pc BASE_DIRECTORY /${hx_pkgconfig_dir})
+configure_file(cmake/hxcompactfile.pc.in hxcompactfile.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/hxcompactfile.pc
+  DESTINATION ${hx_pkgconfig_dir} COMPONENT Development)

@@ -1,0 +1,102 @@
+#!/usr/bin/env bash
+# Uses the library as somebody else's project does, once per call:
+#   run.sh install            puts it into a new prefix, where all but the last look for it
+#   run.sh find_package       builds and runs the examples
+#   run.sh pkg_config         the same, and the README's program
+#   run.sh debian             makes the packages and unpacks them
+#   run.sh exports            compares what the libraries show with exports.txt
+#   run.sh add_subdirectory   builds the library as a part of another project
+# From the environment: PROJECT, BUILD (its build folder), CXX, and EXAMPLES (their names).
+set -euo pipefail
+work=$BUILD/package/$1
+prefix=$BUILD/package/prefix
+rm -rf "$work" && mkdir -p "$work"
+warnings="-Wall -Wextra -Wpedantic -Werror"
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+
+# build_and_run SOURCE [OPTION...]: in both standards; what does not depend on them is built once.
+build_and_run() {
+  local source=$1 standard
+  shift
+  for standard in 17 20; do
+    cmake -S "$source" -B "$work/build" -G Ninja -DCMAKE_CXX_COMPILER="$CXX" \
+      -DCMAKE_CXX_FLAGS="$warnings" -DCMAKE_CXX_EXTENSIONS=OFF \
+      -DCMAKE_CXX_STANDARD=$standard "$@"
+    cmake --build "$work/build" -- -j1
+    ctest --test-dir "$work/build" --no-tests=error --output-on-failure
+  done
+}
+
+install() {
+  rm -rf "$prefix"
+  cmake --install "$BUILD" --prefix "$work/first"
+  mv "$work/first" "$prefix"  # nothing may remember where it was put
+}
+
+find_package() {
+  # Warnings count in the installed headers as well.
+  build_and_run "$PROJECT/examples" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_NO_SYSTEM_FROM_IMPORTED=ON
+  # In the folder that it was built in, it is found as well.
+  cmake -S "$PROJECT/examples" -B "$work/in_place" -G Ninja -DCMAKE_CXX_COMPILER="$CXX" \
+    -DHxCompactFile_DIR="$BUILD"
+  cmake --build "$work/in_place" --target store_and_read
+  "$work/in_place/store_and_read" "$work"
+}
+
+pkg_config() {
+  local folder flags standard name
+  folder=$(dirname "$(find "$prefix" -name hxcompactfile.pc)")
+  flags=$(PKG_CONFIG_PATH=$folder pkg-config --cflags --libs hxcompactfile)
+  export LD_LIBRARY_PATH=${folder%/pkgconfig}
+  # The README's program is its first block of C++.
+  awk '/^```cpp$/ { on = 1; next } /^```$/ { if (on) exit } on' "$PROJECT/README.md" \
+    >"$work/readme.cpp"
+  for standard in 17 20; do
+    for name in $EXAMPLES; do
+      $CXX -std=c++$standard $warnings "$PROJECT/examples/$name.cpp" -o "$work/$name" $flags
+      "$work/$name" "$work"
+    done
+    $CXX -std=c++$standard $warnings "$work/readme.cpp" -o "$work/readme" $flags
+    (cd "$work" && rm -f tiles.cf && ./readme | grep '^tile: hello, 11 bytes')
+  done
+}
+
+add_subdirectory() {
+  build_and_run "$PROJECT/tests/package/host" -DPROJECT="$PROJECT"
+  # What belongs to the host is the host's to install.
+  cmake --install "$work/build" --prefix "$work/prefix"
+  [ ! -e "$work/prefix" ] || fail "installed as a part of another project"
+  # Base libraries of the host's own.
+  cmake -S "$PROJECT/tests/package/host" -B "$work/own" -DPROJECT="$PROJECT" \
+    -DCMAKE_CXX_COMPILER="$CXX" -DOWN_BASE=ON
+}
+
+debian() {
+  local root=$work/root package
+  (cd "$BUILD" && cpack -G DEB -B "$work")
+  for package in "$work"/*.deb; do
+    dpkg-deb -x "$package" "$root"
+  done
+  # Together, the packages hold what an installation holds.
+  diff <(cd "$prefix" && find . ! -type d | sort) <(cd "$root/usr" && find . ! -type d | sort)
+  [ -z "$(dpkg-deb -c "$work"/libhxcompactfile1_*.deb | grep -v '/$' | grep -v '\.so\.')" ] ||
+    fail "the runtime package holds more than libraries"
+  dpkg-deb -f "$work"/libhxcompactfile1_*.deb Depends | grep 'libc6 (>= .*libstdc++6 (>= '
+  dpkg-deb -f "$work"/libhxcompactfile-dev_*.deb Depends | grep '^libhxcompactfile1 (= '
+}
+
+# A line "library name" for each class, and for each function outside of one.
+exports() {
+  local library
+  for library in HxBase HxStream HxToolkit HxCompactFile; do
+    nm -D --defined-only -C "$(find "$prefix" -name "lib$library.so")" |
+      sed -E -e 's/^[0-9a-f]+ . //' -e 's/^(vtable|typeinfo|typeinfo name) for (.*)/\2::/' \
+        -e 's/(\[abi:|\().*//' -e '/^Zarn::[^:]*$/!s/::[^:]*$//' -e "s/^/$library /"
+  done | LC_ALL=C sort -u | diff "$PROJECT/tests/package/exports.txt" -
+}
+
+$1
