@@ -62,7 +62,7 @@ void MakeFiles() {
   std::vector<unsigned int> order(sizes.size());
   std::iota(order.begin(), order.end(), 0U);
   const std::vector<unsigned char> bytes(102401, 0x5A);
-  for (const std::size_t more : {0, 1}) {
+  for (const std::size_t more : {std::size_t{0}, std::size_t{1}}) {
     for (const unsigned int tile : order) {
       const ZrByteArray data(bytes.data(), sizes[tile] + more);
       Check(file.SetAt(tile / kSide, tile % kSide, data, 0, 0, 1) == 0);
@@ -109,15 +109,16 @@ void CopyAndFree() {
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   MakeFiles();
-  for (const auto& [name, action] : {std::pair{"Compact/bare", &CopyResult},
-                                     {"Compact/bare, and freeing", &CopyAndFree},
-                                     {"Compact/engine", &Compact}})
-    benchmark::RegisterBenchmark(name,
-                                 [action](benchmark::State& state) { Measure(state, action); })
+  const auto add = [](const char* name, void (*action)()) {
+    benchmark::RegisterBenchmark(name, [=](benchmark::State& state) { Measure(state, action); })
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond)
         ->Iterations(1)
         ->Repetitions(5);
+  };
+  add("Compact/bare", &CopyResult);
+  add("Compact/bare, and freeing", &CopyAndFree);
+  add("Compact/engine", &Compact);
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   fs::remove_all(kFolder);

@@ -188,6 +188,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// opened again, or if it could not be put in its place, where both files are then left for the
   /// next Open. A ".sc" file gives the result of its ZrCacheFile's Reconstruction.
   unsigned int Compact();
+  /// The same, and tells how far it has come; an empty function is none.
   unsigned int Compact(const CompactProgress& progress);
   /// @}
 

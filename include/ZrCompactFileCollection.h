@@ -37,7 +37,7 @@ class HX_COMPACTFILE_API ZrCompactFileRef {
 };
 
 class ZrCompactFileCollection;
-// The registered instance. Read and changed atomically.
+/// The registered instance. Read and changed atomically.
 template <>
 ZrCompactFileCollection* ZrSingleton<ZrCompactFileCollection>::m_pSingleton;
 

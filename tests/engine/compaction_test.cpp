@@ -62,7 +62,7 @@ TEST_P(CompactionInBothOrders, GridIsAsIfStoredAnew) {
   };
   MakeGrid(3, 20000, GetParam());
   for (auto cell = cells.rbegin(); cell != cells.rend(); ++cell)
-    for (const unsigned long long version : {7, 2, 5, 9, 7})
+    for (const auto version : {7ULL, 2ULL, 5ULL, 9ULL, 7ULL})
       ASSERT_EQ(Store(cell->row, cell->col, text(*cell, version), version), 0U);
   ASSERT_EQ(object.Remove(1, 1, 5), 0U);
   std::uint64_t before = Check().fileSize;
@@ -77,7 +77,7 @@ TEST_P(CompactionInBothOrders, GridIsAsIfStoredAnew) {
   const Name anewPath = folder.GetPath("anew.cf");
   ASSERT_EQ(anew.Create(anewPath, 3, 20000, u"", kMode), 0U);
   for (const Cell& cell : cells)
-    for (const unsigned long long version : {2, 5, 7, 9})
+    for (const auto version : {2ULL, 5ULL, 7ULL, 9ULL})
       if (cell.row != 1 || cell.col != 1 || version != 5) {
         const ZrByteArray data = Data(text(cell, version));
         ASSERT_EQ(anew.SetAt(cell.row, cell.col, data, 0, 0, version), 0U);
@@ -302,7 +302,7 @@ TEST_F(Compaction, AHugeEmptyGridStaysSmall) {
 // Other objects and processes see the old file until it is over, and then the new one.
 TEST_F(Compaction, OthersSeeTheOldFileOrTheNewOne) {
   MakeGrid(100, 100, false, kLocked);
-  for (const unsigned int row : {50, 99, 0})
+  for (const auto row : {50U, 99U, 0U})
     ASSERT_EQ(Store(row, 5, "gone", 1) + object.Remove(row, 5, 1) + Store(row, 7, "tile", 1), 0U);
   ZrCompactFile other;
   ASSERT_EQ(other.Open(path, u"", kLocked), 0U);
@@ -331,7 +331,7 @@ class CompactionCutShort : public Compaction {
  public:
   void SetUp() override {
     MakeGrid(2, 3);
-    for (const unsigned long long version : {4, 2, 8, 4}) {
+    for (const auto version : {4ULL, 2ULL, 8ULL, 4ULL}) {
       ASSERT_EQ(Store(0, 0, std::string(2500 + version, 'x'), version), 0U);
       ASSERT_EQ(Store(1, 2, "text", version, 20, version), 0U);
     }
@@ -345,7 +345,7 @@ class CompactionCutShort : public Compaction {
     std::ostringstream text;
     for (unsigned int cell = 0; cell < 6; ++cell) {
       text << "\n" << static_cast<int>(file.GetStatus(cell / 3, cell % 3));
-      for (const unsigned long long version : {2, 4, 8})
+      for (const auto version : {2ULL, 4ULL, 8ULL})
         text << " " << ReadTile(file, cell / 3, cell % 3, version);
     }
     return text.str();
@@ -430,10 +430,11 @@ TEST_F(CompactionCutShort, TheProcessMayBeKilledAtEveryCall) {
       ASSERT_EQ(killed ? WTERMSIG(status) : WEXITSTATUS(status), killed ? SIGKILL : 0);
       finished += ReadFile(path)[0] == ReadFile(path)[1];
       ZrCompactFileReader light;
-      if (n % 3 == 0)
+      if (n % 3 == 0) {
         ASSERT_EQ(light.Open(path, u"secret", 2), 0U);
-      else if (n % 3 == 1)
+      } else if (n % 3 == 1) {
         ASSERT_EQ(ReadAll(other), m_expected);
+      }
       ExpectAllThere(false);
       ZrCompactFile file;
       ASSERT_EQ(file.Open(path, u"secret", kMode), 0U);
