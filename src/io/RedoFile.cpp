@@ -3,8 +3,6 @@
 #include <sys/random.h>
 
 #include <algorithm>
-#include <future>
-#include <system_error>
 
 #include "PathRules.h"
 #include "ZrFile.h"
@@ -117,23 +115,13 @@ bool TakePath(ZrFileStream& image, std::uint64_t length, const PelmUnicodeString
   return true;
 }
 
-// After a replacement: the container loses what it has behind the image, which is dead space, and
-// the image goes. Freeing takes its time where blocks are discarded at once, so both go together.
-void FreeBoth(ZrFileStream& container, std::uint64_t length, ZrFile64& image,
-              const PelmUnicodeString& imagePath) {
-  const auto removeImage = [&] {
-    ZrFile::Delete(imagePath);
-    image.Close();
-    ZrFile::SyncDir(imagePath);
-  };
-  std::future<void> removal;
-  try {
-    removal = std::async(std::launch::async, removeImage);
-  } catch (const std::system_error&) {
-    removeImage();  // there is no thread to be had
-  }
+// After a replacement: what the container has behind the image is dead space, and the image has
+// served.
+void FreeBoth(ZrFileStream& container, std::uint64_t length, const PelmUnicodeString& imagePath) {
   container.SetLength(length);
   container.Sync();
+  ZrFile::Delete(imagePath);
+  ZrFile::SyncDir(imagePath);
 }
 
 // Whether `image` is what the mark asks for, and whole.
@@ -201,7 +189,7 @@ RedoFile::Outcome RedoFile::Replace(ZrFile64& container, const Progress& progres
   if (ReadHeaderBytes(m_stream, header) &&
       WriteHeaderBytes(container, Format::EncodeRedoMark(m_trailer.id, header)) &&
       container.Sync() && CopyImage(m_stream, length, container, m_buffer, progress)) {
-    FreeBoth(container, length, m_stream, m_path);
+    FreeBoth(container, length, m_path);
     return Outcome::kInPlace;
   }
   return TakePath(m_stream, length, m_path, m_containerPath) ? Outcome::kByName : Outcome::kNot;
@@ -230,7 +218,7 @@ bool FinishReplacement(const PelmUnicodeString& path) {
   std::uint64_t length;
   if (!id || !IsImageOf(*id, image, buffer, length)) return true;
   if (CopyImage(image, length, container, buffer, nullptr))
-    FreeBoth(container, length, image, imagePath);
+    FreeBoth(container, length, imagePath);
   else
     TakePath(image, length, imagePath, containerPath);
   return true;
