@@ -405,6 +405,19 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// its progress function calls. Guarded by m_mutex.
   bool m_bLockHeld = false;
 
+  /// Lookups of several threads that hold the lock between processes together. Guarded by m_mutex.
+  struct ReaderFlight {
+    std::uint64_t number = 0;
+    unsigned int aboard = 0;   ///< 0: the lock is not held for reading
+    unsigned int boarded = 0;  ///< since the lock was taken
+
+    void End() {
+      aboard = 0;
+      ++number;
+    }
+  };
+  ReaderFlight m_flight;
+
   /// The published state of the open file. Changed with m_mutex and m_stateMutex both held, so
   /// either of them is enough to read it; but the two sizes, which SetMaxSize changes, need
   /// m_stateMutex.

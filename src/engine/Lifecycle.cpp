@@ -247,6 +247,7 @@ bool ZrCompactFile::Close() {
 void ZrCompactFile::TearDown() {
   const std::lock_guard drained(m_readers);  // lookups under way end first
   if (!m_bLockHeld) {
+    m_flight.End();
     ProcessLockRelease();
     m_mapSwapData.clear();
   }

@@ -10,6 +10,11 @@ namespace Zarn::Engine {
 /// Holds an object's locks for one operation, in the one order that all operations follow: its
 /// mutex, the lock between processes (which brings the index up to date), and for a writer the
 /// right to change records while no lookup reads them. Released in reverse order.
+///
+/// The lock between processes is one per object. Readers of several threads hold it together, as a
+/// flight: the first one takes it and the last one gives it back. A flight takes so many and no
+/// more; then the next reader waits until it is over, so that readers in turn without end keep no
+/// other process out.
 class OperationLock {
  public:
   /// kCompaction: as kWriter, but lookups go on until the file is closed; and until the end, the
@@ -26,20 +31,23 @@ class OperationLock {
   bool IsUsable() const { return m_usable; }
 
   /// For a reader that has found its record and needs only the file from here on: lets other
-  /// threads work. Without effect while the lock between processes is in use, which is one per
-  /// object and must not be held by threads in turn without end.
+  /// threads work.
   void LeaveMutex();
 
   /// Gives back the lock between processes before the end.
   void LeaveProcessLock();
 
  private:
-  void Acquire(Kind kind);
+  void Acquire();
+  bool LockForReading();
+  bool LockForWriting();
+  void WaitForReaders();
 
   ZrCompactFile& m_object;
   Kind m_kind;
   std::unique_lock<ZrMutex> m_mutex;
   bool m_processLocked = false;
+  std::uint64_t m_flight = 0;  // of a reader: the one that it belongs to
   bool m_usable = false;
   std::unique_lock<std::shared_mutex> m_exclusive;
   std::shared_lock<std::shared_mutex> m_shared;
