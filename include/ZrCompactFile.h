@@ -9,6 +9,7 @@
 #include <optional>
 #include <shared_mutex>
 #include <utility>
+#include <vector>
 
 #include "HxCompactFileExport.h"
 #include "PelmArray.h"
@@ -39,6 +40,7 @@ class NameTable;
 class OperationLock;
 struct FileState;
 struct NameSlot;
+class StoreBatch;
 struct TileEntry;
 struct TileStore;
 }  // namespace Engine
@@ -227,6 +229,25 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// reading, and a record that could not be read or written.
   unsigned int Remove(unsigned int row, unsigned int col, unsigned long long version);
 
+  /// One of the stores of a batch; the arguments of SetAt.
+  struct ZrCellStore {
+    unsigned int row = 0;               ///< of the cell
+    unsigned int col = 0;               ///< of the cell
+    const ZrByteArray* data = nullptr;  ///< must stay as it is until the batch is stored
+    unsigned long long capacity = 0;    ///< of the payload area; 0 for the size of the data
+    unsigned long long offset = 0;      ///< where in it the data goes
+    unsigned long long version = 0;     ///< stamp
+  };
+  /// Stores many tiles at once: as so many calls of SetAt one after the other, but under one lock,
+  /// and new tiles with few large writes.
+  ///
+  /// @param stores  in any order; rows of cells in their order are the fastest.
+  /// @param results receives what SetAt would have answered to each. A null `data` is as empty.
+  ///
+  /// kOk if all were; else the first other result. When it returns, every tile is as safe as after
+  /// SetAt; a process that is killed meanwhile may have stored any of them.
+  unsigned int SetBatch(const std::vector<ZrCellStore>& stores, std::vector<unsigned int>& results);
+
   /// Status of a cell; kUnknown if it cannot be read. The index is as it was when it was last
   /// looked at under the lock, or newer. Lock-free, unless another process is compacting the file
   /// at that moment, or has done so since: then it may wait as a lookup would.
@@ -245,6 +266,16 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned int SetAt(const PelmUnicodeString& name, const ZrByteArray& data,
                      unsigned long long capacity, unsigned long long offset,
                      unsigned long long version);
+  /// One of the stores of a batch; the arguments of SetAt.
+  struct ZrNameStore {
+    PelmUnicodeString name;             ///< of the tile
+    const ZrByteArray* data = nullptr;  ///< must stay as it is until the batch is stored
+    unsigned long long capacity = 0;    ///< of the payload area; 0 for the size of the data
+    unsigned long long offset = 0;      ///< where in it the data goes
+    unsigned long long version = 0;     ///< stamp
+  };
+  /// Stores many tiles at once, as the same operation on cells. With a ".sc" file, one by one.
+  unsigned int SetBatch(const std::vector<ZrNameStore>& stores, std::vector<unsigned int>& results);
   /// Stores the contents of the file at `filePath`, which must not be empty. kWriteFailure also if
   /// it cannot be read whole.
   unsigned int SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,
@@ -335,6 +366,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   std::optional<bool> HasName(const Engine::TileEntry& entry, const Engine::NameKey& key,
                               ZrByteArray& buffer) const;
   bool UpdateNamingIndex(Engine::NameSlot& slot);
+  bool AddSlots(const Engine::NameSlot* slots, unsigned long long count);
   bool WriteNamingHeader(unsigned long long indexOffset, unsigned long long capacity,
                          unsigned long long count);
   bool IncreaseNamingIndexCapacity();
@@ -352,6 +384,25 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                           const CompactProgress& progress);
   unsigned int ReplaceByImage(const Engine::FileState& source, Io::RedoFile& image,
                               Engine::OperationLock& lock, const CompactProgress& progress);
+
+  // Stores. Called with m_mutex and the lock between processes held for writing.
+  unsigned int StoreCell(const ZrCellStore& store);
+  unsigned int StoreName(const ZrNameStore& store);
+
+  // Batches. Likewise, but for StoreAll and StoreTogether.
+  template <typename Store, typename StoreAlone>
+  unsigned int StoreAll(const std::vector<Store>& stores, std::vector<unsigned int>& results,
+                        StoreAlone storeAlone);
+  template <typename Store>
+  bool StoreTogether(const std::vector<Store>& stores, std::vector<unsigned int>& results);
+  unsigned int StoreOne(const ZrCellStore& store) { return StoreCell(store); }
+  unsigned int StoreOne(const ZrNameStore& store) { return StoreName(store); }
+  bool AddToBatch(const ZrCellStore& store, std::size_t number, Engine::StoreBatch& batch);
+  bool AddToBatch(const ZrNameStore& store, std::size_t number, Engine::StoreBatch& batch);
+  void WriteBlock(Engine::StoreBatch& batch, std::vector<unsigned int>& results);
+  void WriteBatch(Engine::StoreBatch& batch, std::vector<unsigned int>& results);
+  bool WriteEntries(const Engine::NameSlot* slots, std::size_t count);
+  bool WriteCells(const Engine::NameSlot* cells, std::size_t count);
 
   // Records. Called with m_mutex and the lock between processes held.
   ZrByteArray* GetSwapData();

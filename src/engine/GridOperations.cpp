@@ -14,13 +14,19 @@ using Engine::TileEntry;
 unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col, const ZrByteArray& data,
                                   unsigned long long capacity, unsigned long long offset,
                                   unsigned long long version) {
-  OperationLock lock(*this, OperationLock::kWriter);
+  const OperationLock lock(*this, OperationLock::kWriter);
   if (capacity > kMaxCapacity) return ZrResult::kWriteFailure;
   if (!m_bOpened) return ZrResult::kNotOpen;
-  const auto span = Format::ResolveStore(capacity, offset, data.GetSize());
+  if (!lock.IsUsable() || IsReadOnly()) return ZrResult::kWriteFailure;
+  return StoreCell({row, col, &data, capacity, offset, version});
+}
+
+unsigned int ZrCompactFile::StoreCell(const ZrCellStore& store) {
+  if (store.data == nullptr) return ZrResult::kWriteFailure;
+  const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
   TileEntry entry;
-  if (!lock.IsUsable() || IsReadOnly() || !span || !ReadGridSlot(row, col, entry) ||
-      !StoreIntoTile(entry, {data, *span, version, {}}))
+  if (!span || !ReadGridSlot(store.row, store.col, entry) ||
+      !StoreIntoTile(entry, {*store.data, *span, store.version, {}}))
     return ZrResult::kWriteFailure;
   entry.FollowCompleteness(*span);
   return WriteIndexValue(entry) ? ZrResult::kOk : ZrResult::kWriteFailure;

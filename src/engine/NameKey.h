@@ -13,6 +13,11 @@ class NameKey {
   /// Longest name that is stored, in units.
   static constexpr std::size_t kMaxUnits = 128;
 
+  /// Whether a tile may be stored under the name at all.
+  static bool IsUsable(const PelmUnicodeString& name) {
+    return !name.IsEmpty() && name.GetLength() <= kMaxUnits;
+  }
+
   /// `name` must outlive this object.
   NameKey(const PelmUnicodeString& name, std::uint32_t formatVersion, bool swap);
 

@@ -38,32 +38,37 @@ unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const ZrByteArr
                                   unsigned long long capacity, unsigned long long offset,
                                   unsigned long long version) {
   if (const auto cache = GetCacheFile()) return cache->AddFile(data, name);
-  const auto span = Format::ResolveStore(capacity, offset, data.GetSize());
-  if (!span || name.IsEmpty() || name.GetLength() > NameKey::kMaxUnits)
+  if (!Format::ResolveStore(capacity, offset, data.GetSize()) || !NameKey::IsUsable(name))
     return ZrResult::kWriteFailure;
   const OperationLock lock(*this, OperationLock::kWriter);
   if (!m_bOpened) return ZrResult::kNotOpen;
-  ZrByteArray* buffer = lock.IsUsable() ? GetSwapData() : nullptr;
-  if (buffer == nullptr || IsReadOnly() || !IsNaming()) return ZrResult::kWriteFailure;
+  if (!lock.IsUsable() || IsReadOnly()) return ZrResult::kWriteFailure;
   try {
-    const NameKey key(name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
-    NameSlot slot;
-    // The index grows before the name is looked up, deliberately also for one that is there.
-    if (!key.IsStorable() || !IncreaseNamingIndexCapacity() ||
-        !GetNamingIdxValue(key, *buffer, slot))
-      return ZrResult::kWriteFailure;
-    std::string stored;
-    if (!slot.entry.HoldsRecord()) {
-      slot.entry.status = Format::kStatusEmpty;
-      stored = key.GetStoredBytes();
-    }
-    if (!StoreIntoTile(slot.entry, {data, *span, version, {key.GetCharset(), stored}}))
-      return ZrResult::kWriteFailure;
-    slot.entry.FollowCompleteness(*span);
-    return UpdateNamingIndex(slot) ? ZrResult::kOk : ZrResult::kWriteFailure;
+    return StoreName({name, &data, capacity, offset, version});
   } catch (const std::bad_alloc&) {
     return ZrResult::kWriteFailure;
   }
+}
+
+unsigned int ZrCompactFile::StoreName(const ZrNameStore& store) {
+  if (store.data == nullptr || !NameKey::IsUsable(store.name)) return ZrResult::kWriteFailure;
+  const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
+  ZrByteArray* buffer = GetSwapData();
+  if (!span || buffer == nullptr || !IsNaming()) return ZrResult::kWriteFailure;
+  const NameKey key(store.name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
+  NameSlot slot;
+  // The index grows before the name is looked up, deliberately also for one that is there.
+  if (!key.IsStorable() || !IncreaseNamingIndexCapacity() || !GetNamingIdxValue(key, *buffer, slot))
+    return ZrResult::kWriteFailure;
+  std::string stored;
+  if (!slot.entry.HoldsRecord()) {
+    slot.entry.status = Format::kStatusEmpty;
+    stored = key.GetStoredBytes();
+  }
+  if (!StoreIntoTile(slot.entry, {*store.data, *span, store.version, {key.GetCharset(), stored}}))
+    return ZrResult::kWriteFailure;
+  slot.entry.FollowCompleteness(*span);
+  return UpdateNamingIndex(slot) ? ZrResult::kOk : ZrResult::kWriteFailure;
 }
 
 unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,

@@ -65,31 +65,41 @@ Io::NameRead ZrCompactFile::GetKeyString(unsigned long long recordPosition,
   return Io::RecordReader(*m_file, Format::kNamingFile, m_bSwap).ReadName(recordPosition, key);
 }
 
-// Writes the slot of a name. A new one is written before it is counted in, so that an operation cut
-// short leaves no trace.
 bool ZrCompactFile::UpdateNamingIndex(NameSlot& slot) {
-  if (!slot.isNew) return WriteIndexValue(slot.entry);
-  if (m_nNamingCount >= m_nNamingCapacity || !m_mapHashCode->Reserve(m_nNamingCount + 1))
+  return slot.isNew ? AddSlots(&slot, 1) : WriteIndexValue(slot.entry);
+}
+
+// Writes slots of new names, behind those in use. They are written before they are counted in, so
+// that an operation cut short leaves no trace.
+bool ZrCompactFile::AddSlots(const NameSlot* slots, unsigned long long count) {
+  const std::uint64_t newCount = m_nNamingCount + count;
+  const std::uint64_t size = count * Format::kNamingSlotSize;
+  unsigned char one[Format::kNamingSlotSize];
+  ZrByteArray many;
+  if (newCount > m_nNamingCapacity || !m_mapHashCode->Reserve(newCount) ||
+      (count > 1 && !many.ResizeForOverwrite(size)))
     return false;
-  unsigned char bytes[Format::kNamingSlotSize];
-  StoreScalar(bytes, slot.entry.Value(), m_bSwap);
-  StoreScalar(bytes + Format::kWidth8, slot.code, m_bSwap);
+  unsigned char* const bytes = count > 1 ? many.GetData() : one;
+  for (std::uint64_t i = 0; i < count; ++i) {
+    unsigned char* slot = bytes + i * Format::kNamingSlotSize;
+    StoreScalar(slot, slots[i].entry.Value(), m_bSwap);
+    StoreScalar(slot + Format::kWidth8, slots[i].code, m_bSwap);
+  }
   const std::uint64_t indexOffset = Format::HeaderView(m_header).IndexOffset();
-  const std::uint64_t position = Format::NamingSlotOffset(indexOffset, slot.entry.number);
-  const bool written =
-      m_file->WriteAt(position, bytes, sizeof bytes) &&
-      WriteNamingHeader(indexOffset, m_nNamingCapacity, m_nNamingCount + 1) &&
-      m_pIndex->Write(slot.entry.number * Format::kNamingSlotSize, bytes, sizeof bytes);
+  const std::uint64_t position = Format::NamingSlotOffset(indexOffset, m_nNamingCount);
+  const bool written = m_file->WriteAt(position, bytes, size) &&
+                       WriteNamingHeader(indexOffset, m_nNamingCapacity, newCount) &&
+                       m_pIndex->Write(m_nNamingCount * Format::kNamingSlotSize, bytes, size);
   if (!written) {
-    constexpr unsigned char kNothing[Format::kNamingSlotSize] = {};
     WriteNamingHeader(indexOffset, m_nNamingCapacity, m_nNamingCount);
-    m_file->WriteAt(position, kNothing, sizeof kNothing);
+    m_file->ZeroFill(position, size);
     m_pIndex->Forget();
     return false;
   }
-  m_mapHashCode->Insert(slot.code, slot.entry.number);
+  for (std::uint64_t i = 0; i < count; ++i)
+    m_mapHashCode->Insert(slots[i].code, slots[i].entry.number);
   const std::lock_guard state(m_stateMutex);
-  ++m_nNamingCount;
+  m_nNamingCount = newCount;
   return true;
 }
 

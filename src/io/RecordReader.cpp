@@ -49,8 +49,10 @@ bool RecordReader::ReadHead(std::uint64_t position, std::uint64_t guessedLength,
       guessedLength == 0 ? kUsualHead : std::min(kUsualHead, guessedLength);
   if (!buffer.ResizeForOverwrite(wanted)) return false;
   const std::uint64_t got = m_file.ReadUpTo(position, buffer.GetData(), wanted);
-  HeadParse parse = Parse(buffer.GetData(), got);
-  return CompleteHead(position, got, parse, buffer) && buffer.Resize(m_head.size);
+  const HeadParse parse = Parse(buffer.GetData(), got);
+  // A length that is the guess was seen before, with the record whole in the file.
+  const bool isKnown = parse.outcome == HeadParse::kComplete && m_head.length == guessedLength;
+  return (isKnown || CompleteHead(position, got, parse, buffer)) && buffer.Resize(m_head.size);
 }
 
 NameRead RecordReader::ReadName(std::uint64_t position, ZrByteArray& buffer) {

@@ -31,7 +31,8 @@ class RecordReader {
 
   /// Reads a record; `buffer` gets exactly its payload area, and is unspecified on failure.
   bool Read(std::uint64_t position, RecordGuess guess, ZrByteArray& buffer);
-  /// Reads a head; `buffer` gets exactly that. `guessedLength` is the whole record's; 0: unknown.
+  /// Reads a head; `buffer` gets exactly that. `guessedLength` is the whole record's, as it was when
+  /// it was last read or written; 0: unknown. If it is right, the file is not asked for its length.
   bool ReadHead(std::uint64_t position, std::uint64_t guessedLength, ZrByteArray& buffer);
 
   /// Reads the name in a record of a naming file, of which nothing else need be sound; `buffer`

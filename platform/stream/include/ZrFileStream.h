@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/stat.h>
+#include <sys/uio.h>
 
 #include <cstdint>
 
@@ -60,6 +61,9 @@ class HX_PLATFORM_API ZrFileStream {
   bool WriteParts(std::uint64_t position, const void* head, std::uint64_t headSize,
                   const void* body, std::uint64_t bodySize);
 
+  /// The same for any number of buffers, in as few system calls as the system allows. The parts are
+  /// used up.
+  bool WriteGathered(std::uint64_t position, iovec* parts, std::size_t count);
   /// Copies a range of another file to the same place, within the kernel. False, and then any part
   /// of it may be copied, if that is not possible between the two.
   bool CopyFrom(const ZrFileStream& source, std::uint64_t position, std::uint64_t size);

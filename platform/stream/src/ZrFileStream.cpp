@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <string>
 
 #include "Descriptors.h"
@@ -138,6 +139,22 @@ std::uint64_t ZrFileStream::ReadUpTo(std::uint64_t position, void* buffer,
 bool ZrFileStream::WriteParts(std::uint64_t position, const void* head, std::uint64_t headSize,
                               const void* body, std::uint64_t bodySize) {
   return WriteAll(m_fd, position, Part(head, headSize), Part(body, bodySize));
+}
+
+bool ZrFileStream::WriteGathered(std::uint64_t position, iovec* parts, std::size_t count) {
+  for (const iovec* const end = parts + count; parts != end;) {
+    const int now = static_cast<int>(std::min<std::ptrdiff_t>(end - parts, IOV_MAX));
+    if (position > INT64_MAX) return false;
+    const ssize_t moved = Uninterrupted(
+        [&] { return GetFileSyscalls().pwritev(m_fd, parts, now, Offset(position)); });
+    if (moved <= 0) return false;
+    position += static_cast<std::uint64_t>(moved);
+    auto left = static_cast<std::size_t>(moved);
+    for (; parts != end && left >= parts->iov_len; ++parts)
+      left -= parts->iov_len;
+    if (parts != end) *parts = {static_cast<char*>(parts->iov_base) + left, parts->iov_len - left};
+  }
+  return true;
 }
 
 bool ZrFileStream::CopyFrom(const ZrFileStream& source, std::uint64_t position,
