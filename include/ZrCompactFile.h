@@ -30,10 +30,12 @@ struct StoredName;
 }  // namespace Format
 namespace Io {
 enum class NameRead;
+class RecordReader;
 class RedoFile;
 struct RecordGuess;
 }  // namespace Io
 namespace Engine {
+class FileMap;
 class IndexPages;
 class NameKey;
 class NameTable;
@@ -91,6 +93,12 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   static constexpr ZrOpenMode kReadOnly = 2;       ///< open for reading only
   static constexpr ZrOpenMode kCreateMissing = 4;  ///< the mode with which missing files are made
   static constexpr ZrOpenMode kProcessLock = 8;    ///< use the lock between processes
+  /// Lookups copy tiles from a mapping of the file instead of reading them, which is faster for
+  /// tiles that are in memory. It asks for trust in everybody else: if the file is cut by a program
+  /// that does not take kProcessLock, or its disk fails, a lookup may end the process by SIGBUS,
+  /// where without this bit it answers kReadFailure. Damage within the file is reported as ever.
+  /// Where the file cannot be mapped, the bit has no effect.
+  static constexpr ZrOpenMode kMapped = 16;
 
   /// Largest capacity that a store may ask for, in bytes: 2 GiB less 100 bytes.
   static constexpr unsigned long long kMaxCapacity = 0x7FFFFF9C;
@@ -446,6 +454,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool ReadOlderHead(unsigned long long position, unsigned long long currentPosition,
                      unsigned long long stamp, Format::RecordImage& image) const;
   bool RemoveNewest(Engine::TileEntry& entry, const Format::RecordImage& current);
+  bool ViewRecord(unsigned long long position, Io::RecordReader& record) const;
   void Remember(const Engine::TileEntry& entry, unsigned long long recordLength) const;
   Io::RecordGuess GuessRecord(const Engine::TileEntry& entry, unsigned long long headSize) const;
   unsigned int LookUp_Inner(const Engine::TileEntry& entry, const Engine::NameKey* key,
@@ -485,6 +494,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   double m_dMaxSize2 = 0;
   std::uint32_t m_nNamingFlags = 0;              ///< naming files; bit 0: versions
   std::shared_ptr<Engine::IndexPages> m_pIndex;  ///< entries, in the file's order
+  std::shared_ptr<Engine::FileMap> m_pMap;       ///< the file as memory, with kMapped
   bool m_bSwap = false;                          ///< the file is in the other byte order
   bool m_bOpened = false;
   bool m_bIndexValid = false;                 ///< the last refresh succeeded

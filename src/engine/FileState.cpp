@@ -123,6 +123,12 @@ unsigned int LoadFileState(const FileSource& source, FileState& state) {
     if (!Io::FinishReplacement(source.path) || !OpenStream(source, state.file) || !readHeader())
       return ZrResult::kWrongFile;
   }
+  if (!source.mapped)
+    state.map = nullptr;
+  else if (state.map != nullptr && state.map->IsOf(state.file.get()))
+    state.map->Forget();
+  else
+    state.map = std::make_shared<FileMap>(state.file);
   return LoadIndex(state, previous) ? ZrResult::kOk : ZrResult::kNotUsable;
 }
 

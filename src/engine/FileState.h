@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "FileMap.h"
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
 #include "IndexPages.h"
@@ -19,11 +20,13 @@ struct FileState {
   Format::NamingHeader naming;        // of a naming file
   std::shared_ptr<IndexPages> index;  // null for a file of another kind
   std::shared_ptr<NameTable> names;   // of a naming file
+  std::shared_ptr<FileMap> map;       // if it was asked for
 };
 
 struct FileSource {
   const PelmUnicodeString& path;
   bool readOnly;
+  bool mapped;  // for lookups
   const Format::XorString& xorString;
 };
 

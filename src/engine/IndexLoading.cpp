@@ -30,7 +30,9 @@ unsigned int ZrCompactFile::RefreshIndex() {
   Engine::FileState state = GetState();
   unsigned int result = ZrResult::kNotUsable;
   try {
-    result = LoadFileState({m_strAbsolutePath, (m_nOpenMode & kReadOnly) != 0, m_xorString}, state);
+    result = LoadFileState({m_strAbsolutePath, (m_nOpenMode & kReadOnly) != 0,
+                            (m_nOpenMode & kMapped) != 0, m_xorString},
+                           state);
   } catch (const std::bad_alloc&) {
   }
   // The path may have come to name another file since the lock was taken, on which nobody waits.
@@ -55,7 +57,8 @@ Engine::FileState ZrCompactFile::GetState() const {
           {m_nRowCount, m_nColCount, m_nGridFlags},
           {m_nNamingCapacity, m_nNamingCount, maxSize1, maxSize2, m_nNamingFlags},
           m_pIndex,
-          m_mapHashCode};
+          m_mapHashCode,
+          m_pMap};
 }
 
 void ZrCompactFile::Publish(Engine::FileState& state) {
@@ -63,6 +66,7 @@ void ZrCompactFile::Publish(Engine::FileState& state) {
   m_file.swap(state.file);  // the old ones go when the accessors can go on
   m_pIndex.swap(state.index);
   m_mapHashCode.swap(state.names);
+  m_pMap.swap(state.map);
   m_header = state.header;
   m_headerOnDisk = Io::EncodeFileHeader(state.header, state.swap, m_xorString);
   m_bSwap = state.swap;

@@ -157,7 +157,7 @@ unsigned int ZrCompactFile::OpenContainer(const PelmUnicodeString& path,
   if (m_pCacheFile == nullptr && IsOpenAt(completed)) return Join();  // other threads use it
   const PelmUnicodeString absolutePath = ZrFile::GetAbsolute(completed);
   if (!ZrFile::IsExist(absolutePath)) {
-    if (mode == kReadOnly) return ZrResult::kNotFound;
+    if ((mode & ~kMapped) == kReadOnly) return ZrResult::kNotFound;
     NewContainer container(absolutePath, password, false);
     const auto [maxSize1, maxSize2] = GetMaxSizes();
     // Whoever made it meanwhile: the file is there.
@@ -172,7 +172,7 @@ unsigned int ZrCompactFile::OpenContainer(const PelmUnicodeString& path,
     Engine::FileState probe;
     const Format::XorString xorString = Format::MakeXorString(password.GetBuffer());
     const unsigned int result =
-        LoadFileState({absolutePath, (mode & kReadOnly) != 0, xorString}, probe);
+        LoadFileState({absolutePath, (mode & kReadOnly) != 0, false, xorString}, probe);
     if (result != ZrResult::kOk) return result;
   }
   TearDown();
@@ -254,10 +254,12 @@ void ZrCompactFile::TearDown() {
   // Closed and freed only when the accessors can go on.
   std::shared_ptr<ZrFile64> file;
   std::shared_ptr<Engine::IndexPages> index;
+  std::shared_ptr<Engine::FileMap> map;
   const std::lock_guard state(m_stateMutex);
   if (m_bOpened) m_dMaxSize1 = m_dMaxSize2 = 0;
   file.swap(m_file);
   index.swap(m_pIndex);
+  map.swap(m_pMap);
   m_mapHashCode = nullptr;
   m_mapTextCodec.clear();
   m_header = Format::PresetHeader();

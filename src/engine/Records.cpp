@@ -2,6 +2,7 @@
 #include <cstring>
 #include <new>
 
+#include "FileMap.h"
 #include "Header.h"
 #include "IndexValue.h"
 #include "RecordImage.h"
@@ -117,7 +118,10 @@ bool ZrCompactFile::RewriteRecord(Engine::TileEntry& entry, unsigned long long p
     return true;
   }
   std::uint64_t fileLength;
-  if (m_file->GetLength(fileLength) && fileLength == copy + length) m_file->SetLength(copy);
+  if (m_file->GetLength(fileLength) && fileLength == copy + length) {
+    m_file->SetLength(copy);
+    if (m_pMap != nullptr) m_pMap->Forget();
+  }
   return true;
 }
 

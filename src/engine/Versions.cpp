@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "FileMap.h"
 #include "Header.h"
 #include "IndexPages.h"
 #include "NameKey.h"
@@ -209,6 +210,14 @@ Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry,
   return {headSize, length > headSize ? length - headSize : 0};
 }
 
+// Looks at a record in the mapping, if there is one. What seems wrong there is read as without: the
+// file may have grown.
+bool ZrCompactFile::ViewRecord(unsigned long long position, Io::RecordReader& record) const {
+  std::uint64_t available;
+  const unsigned char* bytes = m_pMap != nullptr ? m_pMap->Get(position, available) : nullptr;
+  return bytes != nullptr && record.View(bytes, available);
+}
+
 // Reads the version that a lookup of `version` selects, of the name `key` if there is one: the
 // stored name lies in what is read anyway. Runs without m_mutex when it can; then m_readers keeps
 // file, index and records as they are.
@@ -222,16 +231,22 @@ unsigned int ZrCompactFile::LookUp_Inner(const TileEntry& entry, const Engine::N
                                      ? Format::kGridRecordHead
                                      : Format::NamingRecordHeadSize(key->GetStoredLength());
   Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap);
-  const auto read = [&](std::uint64_t position, Io::RecordGuess guess) {
-    return record.Read(position, guess, buffer) && record.Head().versionCount > 0 &&
-           IsRecordPlace(position, record.Head().length);
+  bool isView = false;
+  const auto read = [&](std::uint64_t position, bool isCurrent) {
+    isView = ViewRecord(position, record);
+    const Io::RecordGuess unknown = {headSize, 0};
+    return (isView ||
+            record.Read(position, isCurrent ? GuessRecord(entry, headSize) : unknown, buffer)) &&
+           record.Head().versionCount > 0 && IsRecordPlace(position, record.Head().length);
   };
-  if (!read(entry.position, GuessRecord(entry, headSize))) return ZrResult::kReadFailure;
+  if (!read(entry.position, true)) return ZrResult::kReadFailure;
   Remember(entry, record.Head().length);
   if (key != nullptr && !key->Matches(record.NameBytes(), record.Head().nameLength))
     return ZrResult::kNotFound;
   const std::uint32_t older = record.Versions().SelectForLookup(version);
-  if (older != 0 && !read(Format::PositionOf(record.Versions().Locator(older)), {headSize, 0}))
+  if (older != 0 && !read(Format::PositionOf(record.Versions().Locator(older)), false))
+    return ZrResult::kReadFailure;
+  if (isView && !buffer.Assign(record.Payload(), record.Head().capacity))
     return ZrResult::kReadFailure;
   data.SwapContents(buffer);
   filledLength = std::min(record.Head().filledLength, record.Head().capacity);

@@ -43,6 +43,10 @@ bool RecordReader::Read(std::uint64_t position, RecordGuess guess, ZrByteArray& 
   return buffer.Resize(m_head.capacity);
 }
 
+bool RecordReader::View(const unsigned char* bytes, std::uint64_t available) {
+  return Parse(bytes, available).outcome == HeadParse::kComplete && m_head.length <= available;
+}
+
 bool RecordReader::ReadHead(std::uint64_t position, std::uint64_t guessedLength,
                             ZrByteArray& buffer) {
   const std::uint64_t wanted =

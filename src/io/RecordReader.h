@@ -31,8 +31,11 @@ class RecordReader {
 
   /// Reads a record; `buffer` gets exactly its payload area, and is unspecified on failure.
   bool Read(std::uint64_t position, RecordGuess guess, ZrByteArray& buffer);
-  /// Reads a head; `buffer` gets exactly that. `guessedLength` is the whole record's, as it was when
-  /// it was last read or written; 0: unknown. If it is right, the file is not asked for its length.
+  /// Looks at a record in memory, of which `available` bytes are in the file.
+  bool View(const unsigned char* bytes, std::uint64_t available);
+  /// Reads a head; `buffer` gets exactly that. `guessedLength` is the whole record's, as it was
+  /// when it was last read or written; 0: unknown. If it is right, the file is not asked for its
+  /// length.
   bool ReadHead(std::uint64_t position, std::uint64_t guessedLength, ZrByteArray& buffer);
 
   /// Reads the name in a record of a naming file, of which nothing else need be sound; `buffer`
@@ -43,6 +46,8 @@ class RecordReader {
   const Format::RecordHead& Head() const { return m_head; }
   /// The name in it, in a naming file; valid as long as the version table.
   const unsigned char* NameBytes() const { return m_bytes + Format::kNameOffset; }
+  /// The payload area of a record that was looked at.
+  const unsigned char* Payload() const { return m_bytes + m_head.size; }
   /// Its version table; valid until the buffer is read into again or changed.
   Format::VersionTable Versions() const { return m_head.Table(m_bytes, m_swap); }
 

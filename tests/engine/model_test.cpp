@@ -105,7 +105,7 @@ class Model : public EngineTest, public ::testing::WithParamInterface<std::tuple
       switch (below(8)) {
         case 0:
           if (below(3) != 0) {
-            Reopen();
+            Reopen(below(2) == 0 ? kMode : kMode | ZrCompactFile::kMapped);
             break;
           }
           ASSERT_EQ(object.Compact(), 0U);

@@ -172,9 +172,11 @@ TEST_P(Versions, DamageIsReportedAndChangesNothing) {
     Support::WriteFile(path, good);
     Support::Poke(path, test.offset, test.bytes);
     const Support::Bytes damaged = Support::ReadFile(path);
-    Reopen();
-    EXPECT_EQ(Read(3).result, test.newest);
-    EXPECT_EQ(Read(2).result, test.older);
+    for (const auto mode : {kMode | ZrCompactFile::kMapped, kMode}) {
+      Reopen(mode);
+      EXPECT_EQ(Read(3).result, test.newest);
+      EXPECT_EQ(Read(2).result, test.older);
+    }
     EXPECT_EQ(Store("2", 2), test.stored);
     EXPECT_EQ(object.Remove(0, 0, 3), test.removed);
     object.Close();

@@ -68,6 +68,10 @@ class HX_PLATFORM_API ZrFileStream {
   /// of it may be copied, if that is not possible between the two.
   bool CopyFrom(const ZrFileStream& source, std::uint64_t position, std::uint64_t size);
 
+  /// Maps `size` bytes from the start of the file for reading in any order, also beyond its end,
+  /// where they must not be touched. Null if that is not possible. The caller unmaps them.
+  const unsigned char* Map(std::uint64_t size) const;
+
   /// Length in bytes; false on a stream that is not open.
   bool GetLength(std::uint64_t& length) const;
   /// Truncates, or extends by bytes that read as zero.

@@ -1,5 +1,6 @@
 #include "ZrFileStream.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -166,6 +167,13 @@ bool ZrFileStream::CopyFrom(const ZrFileStream& source, std::uint64_t position,
            return GetFileSyscalls().copy_file_range(source.m_fd, &from, m_fd, &to, rest->iov_len,
                                                     0);
          }) == size;
+}
+
+const unsigned char* ZrFileStream::Map(std::uint64_t size) const {
+  void* const bytes = ::mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_NORESERVE, m_fd, 0);
+  if (bytes == MAP_FAILED) return nullptr;
+  ::madvise(bytes, size, MADV_RANDOM);
+  return static_cast<unsigned char*>(bytes);
 }
 
 bool ZrFileStream::GetLength(std::uint64_t& length) const {

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+
+#include "ZrFile64.h"
+
+namespace Zarn::Engine {
+
+/// A file as memory, for reading. It is mapped with room to grow; what lies behind its end is never
+/// touched, for that would end the process. Safe from any thread.
+class FileMap {
+ public:
+  explicit FileMap(std::shared_ptr<const ZrFile64> file) : m_file(std::move(file)) {}
+  ~FileMap();
+  FileMap(const FileMap&) = delete;
+  FileMap& operator=(const FileMap&) = delete;
+
+  bool IsOf(const ZrFile64* file) const { return m_file.get() == file; }
+  /// The bytes from `position` on; `available` tells how many there are. Null if the file ends
+  /// before, or cannot be mapped. They stay valid as long as this object lives and the file is no
+  /// shorter.
+  const unsigned char* Get(std::uint64_t position, std::uint64_t& available);
+  /// For after the file may have become shorter.
+  void Forget() { m_length.store(0); }
+
+ private:
+  struct View {
+    const unsigned char* bytes;
+    std::uint64_t size;
+  };
+
+  bool Extend(std::uint64_t position);
+
+  const std::shared_ptr<const ZrFile64> m_file;
+  std::atomic<std::uint64_t> m_length{0};  // of the file as far as it may be touched in m_view
+  std::atomic<const View*> m_view{nullptr};
+  std::mutex m_mutex;
+  std::deque<View> m_views;  // all that were ever handed out; guarded by m_mutex
+};
+
+}  // namespace Zarn::Engine
