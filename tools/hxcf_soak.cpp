@@ -1,5 +1,6 @@
-// Processes share one grid file: they store tiles whole, in pieces and in versions, remove them and
-// look them up, while one after the other is killed at a random moment and replaced. What they have
+// Processes share one grid file: they store tiles whole, in pieces and in versions, remove them,
+// look them up and compact the file, while one after the other is killed at a random moment and
+// replaced. What they have
 // acknowledged stands in memory that they share, and is held against what lookups give: nothing may
 // be lost, torn, or older than what was acknowledged before. An operation that was cut short must
 // have been done or not; only a version that was being rewritten may be half old, half new.
@@ -37,7 +38,8 @@ constexpr std::uint32_t kCells = kSide * kSide;
 constexpr std::uint32_t kVersions = 8;  // of each tile, by stamp
 constexpr std::uint32_t kHeadSize = 16;
 constexpr std::uint32_t kMostProcesses = 64;
-constexpr std::uintmax_t kMostBytes = 1 << 28;  // then another file is begun
+constexpr std::uintmax_t kMostBytes = 1 << 28;            // then another file is begun
+constexpr std::uint32_t kOperationsPerCompaction = 3000;  // of one worker
 constexpr unsigned int kHangSeconds = 20;
 constexpr ZrCompactFile::ZrOpenMode kMode =
     ZrCompactFile::kCreateMissing | ZrCompactFile::kProcessLock;
@@ -72,7 +74,7 @@ struct Cell {
 struct Ledger {
   std::array<Cell, kCells> cells;
   std::array<std::atomic<std::uint32_t>, kMostProcesses> doomed;  // the latest worker of each slot
-  std::atomic<std::uint64_t> lookups, changes, errors;
+  std::atomic<std::uint64_t> compactions, lookups, changes, errors;
 };
 
 Ledger* g_ledger;
@@ -162,6 +164,7 @@ class Worker {
   int Run(const PelmUnicodeString& path) {
     if (m_file.Open(path, u"", kMode) != ZrResult::kOk) return 1;
     for (;;) {
+      if (Random(kOperationsPerCompaction) == 0) Compact();
       const std::uint32_t number = Random(Random(2) == 0 ? 16 : kCells);
       std::uint32_t nobody = 0;
       if (Random(2) == 0)
@@ -174,6 +177,12 @@ class Worker {
  private:
   std::uint32_t Random(std::uint32_t count) {
     return static_cast<std::uint32_t>(m_random() % count);
+  }
+
+  void Compact() {
+    const unsigned int result = m_file.Compact();
+    if (result != ZrResult::kOk) Fail("not compacted", 0, 0, result);
+    ++g_ledger->compactions;
   }
 
   // Where nobody changes the tile meanwhile, the lookup must give what was acknowledged; else one
@@ -267,10 +276,12 @@ class Soak {
     m_nextReport = Clock::now() + std::chrono::seconds(3);
     const std::chrono::duration<double> time = Clock::now() - m_begin;
     std::printf(
-        "%4.0f s: %llu lookups, %llu changes, %llu kills (%llu cut a change, %llu left half "
+        "%4.0f s: %llu lookups, %llu changes, %llu compactions, %llu kills (%llu cut a change, "
+        "%llu left half "
         "of a rewrite), %llu files, %llu errors\n",
-        time.count(), Number(g_ledger->lookups), Number(g_ledger->changes), m_kills, m_cuts,
-        m_halves, m_files, Number(g_ledger->errors));
+        time.count(), Number(g_ledger->lookups), Number(g_ledger->changes),
+        Number(g_ledger->compactions), m_kills, m_cuts, m_halves, m_files,
+        Number(g_ledger->errors));
     std::fflush(stdout);
   }
 
