@@ -119,7 +119,7 @@ unsigned int ZrCompactFile::ReplaceByImage(const Engine::FileState& source, Io::
     return ZrResult::kNotUsable;
   }
   if (outcome == Outcome::kNot && m_header == source.header) {  // nothing at all was written
-    image.Delete();
+    image.Delete(*source.file);
     return ZrResult::kWriteFailure;
   }
   report.PutBack(1, 1);

@@ -76,7 +76,7 @@ bool CopyPiece(const ZrFileStream& image, ZrFileStream& container, std::uint64_t
           container.WriteAt(position, buffer.GetData(), size));
 }
 
-// The image without its header; its holes become holes. What the container has behind it stays.
+// The image without its header; its holes become holes.
 bool CopyBody(const ZrFileStream& image, std::uint64_t length, ZrFileStream& container,
               ZrByteArray& buffer, const RedoFile::Progress& progress) {
   const auto copy = [&](std::uint64_t from, std::uint64_t to) {
@@ -92,36 +92,41 @@ bool CopyBody(const ZrFileStream& image, std::uint64_t length, ZrFileStream& con
   const auto clear = [&](std::uint64_t from, std::uint64_t to) {
     return container.MakeHole(from, to - from);
   };
-  std::uint64_t longer;
-  return ForEachPart(image, Format::kHeaderSize, length, copy, clear) &&
-         container.GetLength(longer) && (longer >= length || container.SetLength(length)) &&
-         container.Sync();
+  return container.SetLength(length) &&
+         ForEachPart(image, Format::kHeaderSize, length, copy, clear) && container.Sync();
 }
 
-// Puts a complete image in the place of a container that is marked.
+// Puts a complete image in the place of a container that is marked; the mark may not be on the disk
+// yet. With its header the container is back, and others may change it: nothing follows but a sync.
 bool CopyImage(const ZrFileStream& image, std::uint64_t length, ZrFileStream& container,
                ZrByteArray& buffer, const RedoFile::Progress& progress) {
   HeaderImage header;
-  return ReadHeaderBytes(image, header) && CopyBody(image, length, container, buffer, progress) &&
+  return ReadHeaderBytes(image, header) && container.Sync() &&
+         CopyBody(image, length, container, buffer, progress) &&
          WriteHeaderBytes(container, header) && container.Sync();
 }
 
-// The image takes the path of the container. Its trailer is dead space until it is cut off.
-bool TakePath(ZrFileStream& image, std::uint64_t length, const PelmUnicodeString& imagePath,
-              const PelmUnicodeString& path) {
+// The image takes the path of the container, for good: others may change it from then on. What it
+// has behind its end is dead space.
+bool ReplaceByName(const PelmUnicodeString& imagePath, const PelmUnicodeString& path) {
   if (!ZrFile::Rename(imagePath, path)) return false;
-  image.SetLength(length);
-  ZrFile::SyncDir(path);
+  ZrFile::SyncDir(path);  // without that, both may be as they were, which is as good
   return true;
 }
 
-// After a replacement: what the container has behind the image is dead space, and the image has
-// served.
-void FreeBoth(ZrFileStream& container, std::uint64_t length, const PelmUnicodeString& imagePath) {
-  container.SetLength(length);
-  container.Sync();
+void RemoveImage(const PelmUnicodeString& imagePath) {
   ZrFile::Delete(imagePath);
   ZrFile::SyncDir(imagePath);
+}
+
+// Deletes an image that nobody works on, and that no container needs: the mark may still be on the
+// disk where the header is in memory.
+bool RemoveLeftover(const PelmUnicodeString& imagePath, ZrFileStream& container) {
+  ZrFile64 leftover;
+  HeaderImage header;
+  return leftover.Open(imagePath, ZrFile64::kReadWrite) && leftover.TryClaim(imagePath) &&
+         leftover.IsSameFile(imagePath) && ReadHeaderBytes(container, header) &&
+         !Format::DecodeRedoMark(header) && container.Sync() && ZrFile::Delete(imagePath);
 }
 
 // Whether `image` is what the mark asks for, and whole.
@@ -144,21 +149,14 @@ bool IsImageOf(const Format::RedoId& id, const ZrFileStream& image, ZrByteArray&
 bool RedoFile::Make(const PelmUnicodeString& path, ZrFile64& container) {
   m_containerPath = ZrFile::FollowLink(path);
   m_path = Format::TemporaryPath(m_containerPath);
-  if (!m_file.Begin(m_path) || !m_stream.TryClaim() || !m_stream.TakeOwner(container)) return false;
+  constexpr unsigned int kOwnerOnly = 0600;  // until it has the permissions of the container
+  if (!m_file.Begin(m_path, kOwnerOnly) || !m_stream.TryClaim(m_file.GetTemporaryPath()) ||
+      !m_stream.TakeOwner(container))
+    return false;
   ZrNewFile::Outcome outcome = m_file.Publish();
-  if (outcome == ZrNewFile::Outcome::kExists && RemoveLeftover(container))
+  if (outcome == ZrNewFile::Outcome::kExists && RemoveLeftover(m_path, container))
     outcome = m_file.Publish();
   return outcome == ZrNewFile::Outcome::kPublished;
-}
-
-// Nobody works on what can be claimed; but it may be all that is left of a container that is
-// marked.
-bool RedoFile::RemoveLeftover(const ZrFile64& container) const {
-  ZrFile64 leftover;
-  HeaderImage header;
-  return leftover.Open(m_path, ZrFile64::kReadWrite) && leftover.TryClaim() &&
-         leftover.IsSameFile(m_path) && ReadHeaderBytes(container, header) &&
-         !Format::DecodeRedoMark(header) && ZrFile::Delete(m_path);
 }
 
 bool RedoFile::Seal(Format::RedoChecksum sum, std::uint64_t sumStart) {
@@ -184,20 +182,19 @@ bool RedoFile::Reserve(ZrFile64& container) const {
 
 RedoFile::Outcome RedoFile::Replace(ZrFile64& container, const Progress& progress) {
   m_file.Commit();  // the image is deleted only where this says so
-  const std::uint64_t length = m_trailer.imageLength;
   HeaderImage header;
   if (ReadHeaderBytes(m_stream, header) &&
       WriteHeaderBytes(container, Format::EncodeRedoMark(m_trailer.id, header)) &&
-      container.Sync() && CopyImage(m_stream, length, container, m_buffer, progress)) {
-    FreeBoth(container, length, m_path);
+      CopyImage(m_stream, m_trailer.imageLength, container, m_buffer, progress)) {
+    RemoveImage(m_path);
     return Outcome::kInPlace;
   }
-  return TakePath(m_stream, length, m_path, m_containerPath) ? Outcome::kByName : Outcome::kNot;
+  return ReplaceByName(m_path, m_containerPath) ? Outcome::kByName : Outcome::kNot;
 }
 
-void RedoFile::Delete() {
-  ZrFile::Delete(m_path);
+void RedoFile::Delete(ZrFile64& container) {
   m_stream.Close();
+  RemoveLeftover(m_path, container);
 }
 
 bool FinishReplacement(const PelmUnicodeString& path) {
@@ -210,7 +207,7 @@ bool FinishReplacement(const PelmUnicodeString& path) {
     return ReadHeaderBytes(container, header) ? Format::DecodeRedoMark(header) : std::nullopt;
   };
   if (!container.Open(containerPath, ZrFile64::kReadWrite) || !readMark()) return false;
-  if (!image.Open(imagePath, ZrFile64::kReadWrite) || !image.Claim() ||
+  if (!image.Open(imagePath, ZrFile64::kReadWrite) || !image.Claim(imagePath) ||
       !image.IsSameFile(imagePath))
     return true;
   const auto id = readMark();  // whoever had the claim may have finished
@@ -218,9 +215,9 @@ bool FinishReplacement(const PelmUnicodeString& path) {
   std::uint64_t length;
   if (!id || !IsImageOf(*id, image, buffer, length)) return true;
   if (CopyImage(image, length, container, buffer, nullptr))
-    FreeBoth(container, length, imagePath);
+    RemoveImage(imagePath);
   else
-    TakePath(image, length, imagePath, containerPath);
+    ReplaceByName(imagePath, containerPath);
   return true;
 }
 

@@ -16,12 +16,13 @@ namespace Zarn::Io {
 ///   GetStream  write the image, from position 0 on.
 ///   Seal       the image is complete: a trailer says so, and both are on the disk.
 ///   Reserve    the container gets the room that it needs, while it is still whole.
-///   Replace    a mark over the header, the image without its header, the header, with a sync after
-///              each. Then the container is whole: its tail is cut off, and the image deleted.
+///   Replace    a mark over the header; the container without its old tail and with the image's
+///   body;
+///              the header. With a sync after each. Then the image is deleted.
 ///
 /// Whoever finds the mark puts the image in its place with FinishReplacement. All of them, and all
-/// who make such a file, claim it first, so at any time one of them works, whether or not any other
-/// lock is in use. The kernel frees the claim of a process that dies.
+/// who make such a file, claim it first, so only one of them works at any time, whether or not any
+/// other lock is in use. When the header is back, the container may be changed by others at once.
 class RedoFile {
  public:
   /// Bytes of the image that are in place.
@@ -43,12 +44,11 @@ class RedoFile {
   Outcome Replace(ZrFile64& container, const Progress& progress);
 
   std::uint64_t GetImageLength() const { return m_trailer.imageLength; }
-  /// Deletes the image of a replacement that came to nothing and left the container whole.
-  void Delete();
+  /// Gives up the image of a replacement that has come to nothing, and deletes it if the container
+  /// is whole.
+  void Delete(ZrFile64& container);
 
  private:
-  bool RemoveLeftover(const ZrFile64& container) const;
-
   PelmUnicodeString m_path;           // of the image
   PelmUnicodeString m_containerPath;  // no symbolic link
   ZrFile64 m_stream;

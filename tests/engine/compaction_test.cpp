@@ -177,7 +177,8 @@ TEST_F(Compaction, Answers) {
   Support::WriteFile(TemporaryPath(), Support::Bytes(100000, 'x'));
   {
     ZrFile64 other;
-    ASSERT_TRUE(other.Open(TemporaryPath(), ZrFile64::kReadWrite) && other.TryClaim());
+    ASSERT_TRUE(other.Open(TemporaryPath(), ZrFile64::kReadWrite) &&
+                other.TryClaim(TemporaryPath()));
     EXPECT_EQ(object.Compact(), 2U) << "another compaction is at work";
     EXPECT_EQ(ReadFile(TemporaryPath()).size(), 100000U);
   }

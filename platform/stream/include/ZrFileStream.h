@@ -4,12 +4,15 @@
 #include <sys/uio.h>
 
 #include <cstdint>
+#include <memory>
 
 #include "HxPlatformExport.h"
 #include "PelmUnicodeString.h"
 #include "ZrByteArray.h"
 
 namespace Zarn {
+
+class FileLock;
 
 /// An open regular file: what ZrFile32 and ZrFile64 have in common, which is everything.
 ///
@@ -23,7 +26,7 @@ class HX_PLATFORM_API ZrFileStream {
   static constexpr unsigned int kRead = 2;       ///< a direction of Open
   static constexpr unsigned int kReadWrite = 3;  ///< a direction of Open
 
-  ZrFileStream() = default;
+  ZrFileStream();
   ZrFileStream(const ZrFileStream&) = delete;
   ZrFileStream& operator=(const ZrFileStream&) = delete;
 
@@ -100,12 +103,13 @@ class HX_PLATFORM_API ZrFileStream {
   /// less to do. Promises nothing.
   void BeginSync(std::uint64_t position, std::uint64_t size);
 
-  /// Takes the open file for this stream, among all streams of all processes that claim it, until
-  /// it is closed; nothing else is kept from using it. False if another has it, or if the file is
-  /// not open for writing.
-  bool TryClaim();
-  /// The same, but waits for the other; false only if it cannot be had at all.
-  bool Claim();
+  /// Takes the open file, which is at `path`, for this stream, among all streams of all processes
+  /// that claim it, until it is closed; nothing else is kept from using it. False if another has
+  /// it, if another file is at the path, or without the right to write. The kernel frees the claim
+  /// of a process that dies, and a child of fork() has none.
+  bool TryClaim(const PelmUnicodeString& path);
+  /// The same, but waits for the other.
+  bool Claim(const PelmUnicodeString& path);
   /// Gives the open file the permissions of another and, as far as this process may, its owner.
   bool TakeOwner(const ZrFileStream& other);
 
@@ -122,7 +126,7 @@ class HX_PLATFORM_API ZrFileStream {
   static void Swap8Byte(void* value);
 
  protected:
-  ~ZrFileStream() { Close(); }
+  ~ZrFileStream();
 
  private:
   friend class ZrNewFile;
@@ -130,7 +134,9 @@ class HX_PLATFORM_API ZrFileStream {
   /// Takes over a descriptor; false, and it is closed, if it is not a regular file's.
   bool Attach(int fd, bool readOnly);
   bool WriteZeros(std::uint64_t position, std::uint64_t size);
+  bool MakeClaim(const PelmUnicodeString& path, bool wait);
 
+  std::unique_ptr<FileLock> m_claim;
   int m_fd = -1;
   bool m_readOnly = false;
   std::uint64_t m_position = 0;

@@ -29,8 +29,11 @@ class HX_PLATFORM_API ZrNewFile {
   ZrNewFile(const ZrNewFile&) = delete;
   ZrNewFile& operator=(const ZrNewFile&) = delete;
 
-  /// Opens the stream, for reading and writing, on the temporary file.
-  bool Begin(const PelmUnicodeString& path);
+  /// Opens the stream, for reading and writing, on the temporary file, with these permissions less
+  /// the process's umask.
+  bool Begin(const PelmUnicodeString& path, unsigned int permissions = 0666);
+  /// The path of the temporary file.
+  PelmUnicodeString GetTemporaryPath() const { return PelmUnicodeString::FromUtf8(m_temporary); }
   /// Names the file; the stream stays open on it.
   Outcome Publish();
   /// The same, replacing a file that has the path: never kExists.
@@ -42,7 +45,7 @@ class HX_PLATFORM_API ZrNewFile {
   enum class State { kNone, kBegun, kPublished, kExchanged, kReplaced };
 
   void Undo();
-  bool Make(const std::string& temporary);
+  bool Make(const std::string& temporary, unsigned int permissions);
 
   ZrFileStream& m_stream;
   std::string m_nativePath;

@@ -1,6 +1,7 @@
 #include "FileLock.h"
 
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "Descriptors.h"
@@ -110,6 +111,7 @@ bool FileLock::Open(const std::string& path) {
 void FileLock::Close() {
   // Closing would not free the lock while a process that is being started still has a copy.
   if (GetMode() != LockMode::kNone) Unlock();
+  if (std::exchange(m_isClaim, false)) Ask(m_fd, F_OFD_SETLK, F_UNLCK, kClaim);
   const std::lock_guard guard(Registry::Get().m_mutex);
   CloseDescriptor();
 }
@@ -132,8 +134,9 @@ void FileLock::Unlock() {
   Ask(m_fd, F_OFD_SETLK, F_UNLCK, kBoth);
 }
 
-bool ClaimFile(int fd, bool wait) {
-  return Ask(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, F_WRLCK, kClaim);
+bool FileLock::Claim(bool wait) {
+  m_isClaim = Ask(m_fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, F_WRLCK, kClaim);
+  return m_isClaim;
 }
 
 bool FileLock::IsOpenOn(const struct stat& status) const {

@@ -12,7 +12,7 @@ enum class LockMode { kNone, kShared, kExclusive };
 /// A lock on a file: any number of shared holders, or one exclusive holder, among all FileLock
 /// objects of all processes.
 ///
-/// Two bytes far behind any contents stand for it; they are locked, never written:
+/// Bytes far behind any contents stand for it; they are locked, never written:
 ///   MAIN  is what is held, as a read lock or as a write lock.
 ///   GATE  is the way to MAIN. Who wants MAIN exclusively keeps the gate from before the wait for
 ///         MAIN until both are let go; who wants it shared passes the gate first. So nobody
@@ -41,6 +41,11 @@ class FileLock {
   bool Lock(LockMode mode);
   void Unlock();
 
+  /// Takes the file for this object, among all that claim it, until it is closed: by a third byte,
+  /// which has nothing to do with the lock. False if another has it and is not waited for, if it
+  /// cannot be had, or without the right to write.
+  bool Claim(bool wait);
+
   /// What is held. Safe from any thread.
   LockMode GetMode() const { return m_mode.load(std::memory_order_acquire); }
   /// Below 0 while closed.
@@ -56,13 +61,10 @@ class FileLock {
 
   std::atomic<LockMode> m_mode{LockMode::kNone};
   bool m_readOnly = false;
+  bool m_isClaim = false;
   int m_fd = -1;
   dev_t m_device = 0;
   ino_t m_inode = 0;
 };
-
-/// Claims the file open at `fd`, for writing at least, for that open file description: by a third
-/// byte next to those of FileLock, with which it has nothing else in common.
-bool ClaimFile(int fd, bool wait);
 
 }  // namespace Zarn

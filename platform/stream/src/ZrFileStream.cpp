@@ -68,6 +68,10 @@ iovec Part(const void* bytes, std::uint64_t size) { return {const_cast<void*>(by
 
 }  // namespace
 
+ZrFileStream::ZrFileStream() = default;
+
+ZrFileStream::~ZrFileStream() { Close(); }
+
 bool ZrFileStream::Open(const PelmUnicodeString& path, unsigned int direction) {
   Close();
   std::string native;
@@ -95,6 +99,7 @@ bool ZrFileStream::Attach(int fd, bool readOnly) {
 
 bool ZrFileStream::Close() {
   if (!IsOpen()) return false;
+  m_claim.reset();
   GetFileSyscalls().close(m_fd);  // Linux gives the descriptor up even when this reports an error
   m_fd = -1;
   return true;
@@ -250,18 +255,31 @@ bool ZrFileStream::MakeHole(std::uint64_t position, std::uint64_t size) {
   return result == 0 || ((errno == EOPNOTSUPP || errno == ENOSYS) && WriteZeros(position, size));
 }
 
-bool ZrFileStream::TryClaim() { return ClaimFile(m_fd, false); }
+bool ZrFileStream::TryClaim(const PelmUnicodeString& path) { return MakeClaim(path, false); }
 
-bool ZrFileStream::Claim() { return ClaimFile(m_fd, true); }
+bool ZrFileStream::Claim(const PelmUnicodeString& path) { return MakeClaim(path, true); }
+
+bool ZrFileStream::MakeClaim(const PelmUnicodeString& path, bool wait) {
+  std::string native;
+  struct stat status;
+  auto claim = std::make_unique<FileLock>();
+  if (!ZrFile::ToNative(path, native) || !GetStatus(status) || !claim->Open(native) ||
+      !claim->IsOpenOn(status) || !claim->Claim(wait))
+    return false;
+  m_claim = std::move(claim);
+  return true;
+}
 
 bool ZrFileStream::TakeOwner(const ZrFileStream& other) {
   struct stat mine;
   struct stat wanted;
   if (!GetStatus(mine) || !other.GetStatus(wanted)) return false;
   const FileSyscalls& calls = GetFileSyscalls();
+  constexpr uid_t kSameOwner = static_cast<uid_t>(-1);
   if (mine.st_uid != wanted.st_uid || mine.st_gid != wanted.st_gid)
-    calls.fchown(m_fd, wanted.st_uid, wanted.st_gid);
-  constexpr mode_t kPermissions = 07777;
+    if (calls.fchown(m_fd, wanted.st_uid, wanted.st_gid) != 0)
+      calls.fchown(m_fd, kSameOwner, wanted.st_gid);  // which a member of the group may
+  constexpr mode_t kPermissions = 0777;
   const mode_t mode = wanted.st_mode & kPermissions;
   return (mine.st_mode & kPermissions) == mode || calls.fchmod(m_fd, mode) == 0;
 }

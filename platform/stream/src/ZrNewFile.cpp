@@ -30,22 +30,22 @@ int LinkIntoPlace(const char* from, const char* to) {
 
 }  // namespace
 
-bool ZrNewFile::Begin(const PelmUnicodeString& path) {
+bool ZrNewFile::Begin(const PelmUnicodeString& path, unsigned int permissions) {
   Undo();
   m_stream.Close();
   if (!ZrFile::ToNative(path, m_nativePath)) return false;
   const std::string directory = ZrFile::GetDir(path).ToUtf8();
   constexpr int kAttempts = 16;  // a clash of random names even once is next to impossible
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    if (Make(directory + PrivateName())) return true;
+    if (Make(directory + PrivateName(), permissions)) return true;
     if (errno != EEXIST && errno != EINTR) return false;
   }
   return false;
 }
 
-bool ZrNewFile::Make(const std::string& temporary) {
-  const int fd = GetFileSyscalls().open(temporary.c_str(),
-                                        O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, 0666);
+bool ZrNewFile::Make(const std::string& temporary, unsigned int permissions) {
+  const int fd = GetFileSyscalls().open(
+      temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, permissions);
   if (fd < 0) return false;
   m_temporary = temporary;
   m_state = State::kBegun;
@@ -102,12 +102,12 @@ void ZrNewFile::Undo() {
   struct stat ours;
   const bool isOurs = calls.stat(m_nativePath.c_str(), &there) == 0 && m_stream.GetStatus(ours) &&
                       there.st_dev == ours.st_dev && there.st_ino == ours.st_ino;
-  m_stream.Close();
   if (state == State::kPublished && isOurs) calls.unlink(m_nativePath.c_str());
   if (state == State::kExchanged && isOurs &&
       calls.renameExchange(m_temporary.c_str(), m_nativePath.c_str()) != 0)
     calls.rename(m_temporary.c_str(), m_nativePath.c_str());  // the old one is back all the same
   if (state == State::kBegun || state == State::kExchanged) calls.unlink(m_temporary.c_str());
+  m_stream.Close();  // last: a claim must hold until then
 }
 
 }  // namespace Zarn
