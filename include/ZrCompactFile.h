@@ -169,8 +169,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// Told how far a compaction has come: `done` of `total` bytes, which is twice the length of the
   /// file before, once for collecting what is alive and once for putting it back. `done` never goes
   /// down, and ends at `total`. False ends a compaction that is still collecting, and has no effect
-  /// later. Called in the compacting thread, which may look up tiles of the object meanwhile, but
-  /// not change, open, close or destroy it. An exception counts as false.
+  /// later. Called in the compacting thread, which while it collects may look up tiles of the
+  /// object, but not change, open, close or destroy it; it must not touch the file by other
+  /// objects, which would wait for the compaction's own end. An exception counts as false.
   using CompactProgress = std::function<bool(unsigned long long done, unsigned long long total)>;
 
   /// Rewrites the file without the space that replaced and removed tiles and versions have left.
@@ -179,15 +180,23 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// in the same folder. That then takes the place of the old contents, byte by byte; path and
   /// inode stay. All versions stay, with their stamps and with how far they are filled, and so does
   /// the size of the index; the time of creation is a new one. Names of an older file become
-  /// UTF-16, and a file of the other byte order becomes one of this host's.
+  /// UTF-16, and a file of the other byte order becomes one of this host's. Beyond some fixed
+  /// buffers it takes as much memory as the largest tile, and of a naming file some 100 bytes per
+  /// name.
   ///
-  /// The object works as before afterwards, for all its threads. Other threads and, with
-  /// kProcessLock, other processes wait meanwhile; those must not use the file without.
+  /// The object works as before afterwards, for all its threads; the calling one is among its users
+  /// then. Operations of other threads and, with kProcessLock, of other processes wait meanwhile;
+  /// those must not use the file without. While the contents are being replaced, the lock-free
+  /// accessors of this object answer as if nothing were open.
   ///
   /// A crash, a kill or a loss of power at any moment costs nothing: the file is as before, or the
   /// next Open, also of a light class, finishes what was begun, for which it needs the right to
   /// write the file and the file beside it; without, it fails. A file beside it that is not needed
-  /// any more is replaced by the next compaction, and may be deleted once the file opens.
+  /// any more is replaced by the next compaction, and may be deleted after a Flush of the file.
+  ///
+  /// If the file cannot be written while it is being replaced, the file beside it takes its path
+  /// instead; then it has another inode, and other hard links of the old one lead to a file that
+  /// opens no more.
   ///
   /// kOk; kNotOpen; kUnknownKind; kNotCreated for a file opened for reading, one that has lost its
   /// path, a naming file whose index cannot be brought up to date, and if the file beside it cannot
@@ -387,9 +396,11 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   ZrTextCodec* GetTextCodec(PELMCharset::Charset from, PELMCharset::Charset to);
   bool DecodeOlderName(const Format::StoredName& stored, std::u16string& name);
 
-  // Compaction. Called with m_mutex and the lock between processes held, until Replace.
+  // Compaction. Called with m_mutex held, and with the lock between processes: ReplaceByImage gives
+  // that back if the file has become another one.
   unsigned int BuildImage(const Engine::FileState& source, Io::RedoFile& image,
                           const CompactProgress& progress);
+  bool WriteEmptyImage(const Engine::FileState& source, ZrFile64& image) const;
   unsigned int ReplaceByImage(const Engine::FileState& source, Io::RedoFile& image,
                               Engine::OperationLock& lock, const CompactProgress& progress);
 

@@ -29,7 +29,9 @@ class ProgressReport {
   }
 
   bool Collected(std::uint64_t done, std::uint64_t all) const { return Tell(0, done, all); }
+  bool CollectedAll() const { return Collected(1, 1); }
   void PutBack(std::uint64_t done, std::uint64_t all) const { Tell(m_length, done, all); }
+  void PutBackAll() const { PutBack(1, 1); }
 
  private:
   bool Tell(std::uint64_t start, std::uint64_t done, std::uint64_t all) const {
@@ -72,35 +74,37 @@ unsigned int ZrCompactFile::Compact(const CompactProgress& progress) {
 // whole.
 unsigned int ZrCompactFile::BuildImage(const Engine::FileState& source, Io::RedoFile& image,
                                        const CompactProgress& progress) {
-  if (!image.Make(m_strAbsolutePath, *source.file)) return ZrResult::kNotCreated;
-  ZrFile64& target = image.GetStream();
-  const bool isCreated =
-      IsNaming() ? Engine::WriteEmptyContainer(
-                       target, m_xorString,
-                       Format::NamingHeader{source.naming.capacity, 0, source.naming.maxSize1,
-                                            source.naming.maxSize2, Format::kVersionsEnabled})
-                 : Engine::WriteEmptyContainer(
-                       target, m_xorString,
-                       Format::GridHeader{source.grid.rowCount, source.grid.colCount,
-                                          Format::kVersionsEnabled});
-  if (!isCreated) return ZrResult::kNotCreated;
-
+  if (!image.Make(m_strAbsolutePath, *source.file) || !WriteEmptyImage(source, image.GetStream()))
+    return ZrResult::kNotCreated;
   const ProgressReport report(progress, *source.file);
   Engine::TileCopier copier(
-      source, target,
+      source, image.GetStream(),
       [this](const Format::StoredName& stored, std::u16string& name) {
         return DecodeOlderName(stored, name);
       },
       [&](std::uint64_t done, std::uint64_t all) { return report.Collected(done, all); });
   const unsigned int result = copier.Copy();
   if (result != ZrResult::kOk) return result;
-  return report.Collected(1, 1) && image.Seal(copier.GetChecksum(), copier.GetChecksumStart()) &&
+  return report.CollectedAll() && image.Seal(copier.GetChecksum(), copier.GetChecksumStart()) &&
                  image.Reserve(*source.file)
              ? ZrResult::kOk
              : ZrResult::kWriteFailure;
 }
 
-// From here on the image is the file, whatever fails.
+// Of the same kind and size as the source, and with the same password.
+bool ZrCompactFile::WriteEmptyImage(const Engine::FileState& source, ZrFile64& image) const {
+  constexpr std::uint32_t kFlags = Format::kVersionsEnabled;
+  const Format::NamingHeader& naming = source.naming;
+  return IsNaming()
+             ? Engine::WriteEmptyContainer(image, m_xorString,
+                                           Format::NamingHeader{naming.capacity, 0, naming.maxSize1,
+                                                                naming.maxSize2, kFlags})
+             : Engine::WriteEmptyContainer(
+                   image, m_xorString,
+                   Format::GridHeader{source.grid.rowCount, source.grid.colCount, kFlags});
+}
+
+// Puts the image in the place of the source, and opens that again.
 unsigned int ZrCompactFile::ReplaceByImage(const Engine::FileState& source, Io::RedoFile& image,
                                            Engine::OperationLock& lock,
                                            const CompactProgress& progress) {
@@ -111,23 +115,22 @@ unsigned int ZrCompactFile::ReplaceByImage(const Engine::FileState& source, Io::
       image.Replace(*source.file, [&](std::uint64_t done) { report.PutBack(done, length); });
   // Opening may have to finish what could not be done here, and needs the claim for it.
   image.GetStream().Close();
-  // The lock is on the old file.
-  if (outcome == Outcome::kByName) lock.LeaveProcessLock();
+  if (outcome == Outcome::kByName) lock.LeaveProcessLock();  // it is on the file of before
   if (TakeIntoUse() != ZrResult::kOk) {
     lock.LeaveProcessLock();
     TearDown();
     return ZrResult::kNotUsable;
   }
-  if (outcome == Outcome::kNot && m_header == source.header) {  // nothing at all was written
+  if (outcome == Outcome::kNot && m_header == source.header) {  // not even the mark was written
     image.Delete(*source.file);
     return ZrResult::kWriteFailure;
   }
-  report.PutBack(1, 1);
+  report.PutBackAll();
   return ZrResult::kOk;
 }
 
-// The name that a file of the older version stores. Numbers of UTF-16 name its byte order, and the
-// host's is wanted.
+// The name that a file of the older version stores, in UTF-16 of this host's byte order, which has
+// a charset number of its own.
 bool ZrCompactFile::DecodeOlderName(const Format::StoredName& stored, std::u16string& name) {
   constexpr PELMCharset::Charset kWide =
       PELM::un_bigendina == 1 ? PELMCharset::kUtf16Le : PELMCharset::kUtf16Be;

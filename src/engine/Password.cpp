@@ -24,6 +24,8 @@ unsigned int ZrCompactFile::SetPassword(const PelmUnicodeString& password) {
     return kFailed;
   m_strPassword = password;
   m_xorString = xorString;
+  const std::lock_guard state(m_stateMutex);
+  m_headerOnDisk = Io::EncodeFileHeader(header, swap, xorString);
   return kDone;
 }
 

@@ -61,6 +61,7 @@ unsigned int TileCopier::CopyGrid() {
   const std::uint64_t start = Format::GridEntryOffset(m_sourceIndex.begin, 0);
   const std::uint64_t count =
       Format::GridEntryCount(m_source.grid.rowCount, m_source.grid.colCount);
+  m_all = count;
   std::vector<std::uint64_t> entries;
   for (std::uint64_t cell = 0; cell < count; cell += entries.size()) {
     const std::uint64_t position = start + cell * Format::kGridEntrySize;
@@ -93,8 +94,8 @@ bool TileCopier::ReadCells(std::uint64_t first, std::vector<std::uint64_t>& entr
 }
 
 unsigned int TileCopier::CopyCells(std::uint64_t first, const std::vector<std::uint64_t>& entries) {
-  const std::uint64_t all = Format::GridEntryCount(m_source.grid.rowCount, m_source.grid.colCount);
   for (std::size_t i = 0; i < entries.size(); ++i) {
+    m_done = first + i;
     const std::uint64_t position = Format::PositionOf(entries[i]);
     if (Format::StatusOf(entries[i]) == Format::kStatusEmpty) continue;
     const std::uint64_t next = i + 1 < entries.size() ? entries[i + 1] : 0;
@@ -105,22 +106,22 @@ unsigned int TileCopier::CopyCells(std::uint64_t first, const std::vector<std::u
     std::uint64_t value;
     const unsigned int result = WriteTile(entries[i], {}, value);
     if (result != ZrResult::kOk) return result;
-    if (!m_writer.PutEntry(first + i, &value) || !Tell(first + i, all))
-      return ZrResult::kWriteFailure;
+    if (!m_writer.PutEntry(first + i, &value)) return ZrResult::kWriteFailure;
   }
   return ZrResult::kOk;
 }
 
 unsigned int TileCopier::CopyNames() {
   const std::vector<NameTable::Entry> places = m_source.names->Sorted();
+  m_all = places.size();
   for (std::size_t i = 0; i < places.size(); ++i) {
+    m_done = i;
     std::uint64_t value;
     if (!m_source.index->ReadValue(places[i].slot, m_source.swap, value))
       return ZrResult::kReadFailure;
     if (Format::StatusOf(value) == Format::kStatusEmpty) continue;
     const unsigned int result = CopyName(places[i], value);
     if (result != ZrResult::kOk) return result;
-    if (!Tell(i, places.size())) return ZrResult::kWriteFailure;
   }
   return ZrResult::kOk;
 }
@@ -260,13 +261,13 @@ bool TileCopier::AppendVersion(const Version& version, const Format::StoredName&
     m_head.SetPayload(head.capacity, head.filledLength);
   }
   m_headPosition = m_writer.GetPosition();
-  return m_writer.AppendRecord(m_head, m_payload);
+  return m_writer.AppendRecord(m_head, m_payload) && TellNowAndThen();
 }
 
-bool TileCopier::Tell(std::uint64_t done, std::uint64_t all) {
+bool TileCopier::TellNowAndThen() {
   if (m_writer.GetPosition() - m_told < kTellEvery) return true;
   m_told = m_writer.GetPosition();
-  return m_progress(done, all);
+  return m_progress(m_done, m_all);
 }
 
 }  // namespace Zarn::Engine

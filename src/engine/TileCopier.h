@@ -63,7 +63,7 @@ class TileCopier {
                          std::uint64_t& newValue);
   void CollectVersions();
   bool AppendVersion(const Version& version, const Format::StoredName& name, bool isFirst);
-  bool Tell(std::uint64_t done, std::uint64_t all);
+  bool TellNowAndThen();
 
   const FileState& m_source;
   ZrFile64& m_target;
@@ -78,6 +78,8 @@ class TileCopier {
   Format::RecordImage m_head;        // of the version written last
   std::uint64_t m_headPosition = 0;  // where it is
   ImageWriter m_writer;
+  std::uint64_t m_done = 0;  // entries of the index that were visited
+  std::uint64_t m_all = 0;
   std::uint64_t m_told = 0;  // position at the last call of m_progress
   NameTable m_names;         // from codes in the target to slots of the source
 };

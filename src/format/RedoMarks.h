@@ -41,7 +41,7 @@ RedoTrailerImage EncodeRedoTrailer(const RedoTrailer& trailer);
 std::optional<RedoTrailer> DecodeRedoTrailer(const RedoTrailerImage& bytes);
 
 /// Checksum of a file, chunk by chunk in any order; chunks of zeros, and so holes, may be left out.
-/// Fast, and certain to notice bytes that were not written. No defence against intent.
+/// Fast, and all but certain to notice bytes that were not written. No defence against intent.
 class RedoChecksum {
  public:
   static constexpr std::size_t kChunk = 64 * 1024;  // all have this size, but the last of the file
