@@ -76,6 +76,8 @@ class EngineTest : public ::testing::Test {
  public:
   static constexpr ZrCompactFile::ZrOpenMode kMode = ZrCompactFile::kCreateMissing;
 
+  explicit EngineTest(TemporaryFolder::Place place = TemporaryFolder::kDisk) : folder(place) {}
+
   /// A new grid, open in the object; `foreign`: made by hand, in the other byte order.
   void MakeGrid(unsigned int rows, unsigned int cols, bool foreign = false,
                 ZrCompactFile::ZrOpenMode mode = kMode) {

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -18,6 +19,7 @@
 #include "ZrFile.h"
 #include "ZrToolkit.h"
 #include "engine/EngineFixture.h"
+#include "support/PowerLoss.h"
 #include "support/RawFile.h"
 #include "support/SyscallFaults.h"
 
@@ -32,6 +34,7 @@ constexpr ZrCompactFile::ZrOpenMode kLocked = 12;
 
 class Compaction : public EngineTest {
  public:
+  using EngineTest::EngineTest;
   Name TemporaryPath() const { return folder.GetPath(".$t.cf"); }
   std::size_t CountFiles() const {
     return static_cast<std::size_t>(
@@ -330,7 +333,9 @@ TEST_F(Compaction, OthersSeeTheOldFileOrTheNewOne) {
 // The crash tests work on a small file: tiles with several versions, partial and gone ones.
 class CompactionCutShort : public Compaction {
  public:
+  CompactionCutShort() : Compaction(TemporaryFolder::kMemory) {}
   void SetUp() override {
+    ASSERT_EQ(m_another.Create(m_elsewhere.GetPath("a.cf"), 1U, 1U, u"", kLocked), 0U);
     MakeGrid(2, 3);
     for (const auto version : {4ULL, 2ULL, 8ULL, 4ULL}) {
       ASSERT_EQ(Store(0, 0, std::string(2500 + version, 'x'), version), 0U);
@@ -369,6 +374,11 @@ class CompactionCutShort : public Compaction {
 
   std::string m_expected;
   Support::Bytes m_bytes;
+
+ private:
+  // As long as something is open with the lock, closing other files is quick.
+  TemporaryFolder m_elsewhere{TemporaryFolder::kMemory};
+  ZrCompactFile m_another;
 };
 
 TEST_F(CompactionCutShort, EveryCallMayFail) {
@@ -445,6 +455,67 @@ TEST_F(CompactionCutShort, TheProcessMayBeKilledAtEveryCall) {
     }
   }
   EXPECT_GT(finished, 5) << "found with the mark, and finished by the next open";
+}
+
+// The power may go at any moment, and take any part of what was not synced with it.
+class CompactionWithoutPower : public CompactionCutShort {
+ public:
+  // Leaves what may be left before every step from `first` on, and expects all of it.
+  void ExpectAllThereBeforeEachStep(PowerLoss& power, std::size_t first) {
+    const std::size_t steps = power.CountSteps();
+    std::mt19937 random(1);
+    for (std::size_t step = first; step <= steps && !HasFailure(); ++step)
+      for (const unsigned int kept : {0U, 1U, 2U, 2U, 2U, 2U}) {
+        SCOPED_TRACE(std::to_string(step) + " of " + std::to_string(steps));
+        power.Leave(step, [&] { return kept < 2 ? kept == 1 : random() % 2 == 0; });
+        power.GoOn();
+        ASSERT_NO_FATAL_FAILURE(ExpectAllThere(false));
+      }
+  }
+  unsigned int OpenAndCompact() {
+    ZrCompactFile file;
+    const unsigned int opened = file.Open(path, u"secret", kLocked);
+    return opened == 0 ? file.Compact() : opened;
+  }
+  std::string Folder() const { return folder.GetFolder().string(); }
+};
+
+TEST_F(CompactionWithoutPower, NothingIsLost) {
+  for (const std::size_t refuse : {std::size_t{99}, std::size_t{0}, std::size_t{1}}) {
+    SCOPED_TRACE(refuse);  // writes to the file fail, and the image is renamed over it
+    PutBack();
+    const auto inode = [this] {
+      struct stat status = {};
+      ::stat(path.ToUtf8().c_str(), &status);
+      return status.st_ino;
+    };
+    const auto before = inode();
+    PowerLoss power(Folder());
+    power.RefuseWrites("t.cf", refuse);
+    ASSERT_EQ(OpenAndCompact(), 0U);
+    EXPECT_EQ(inode() == before, refuse == 99);
+    ExpectAllThereBeforeEachStep(power, 0);
+  }
+}
+
+TEST_F(CompactionWithoutPower, NothingIsLostAfterAKill) {
+  std::size_t steps = 0;
+  for (std::size_t stop = 0; stop == 0 || stop <= steps; ++stop) {
+    SCOPED_TRACE(stop);
+    PutBack();
+    PowerLoss power(Folder());
+    if (stop == 0) {
+      ASSERT_EQ(OpenAndCompact(), 0U);
+      steps = power.CountSteps();
+      continue;
+    }
+    power.StopAt(stop);
+    OpenAndCompact();
+    power.GoOn();
+    ASSERT_EQ(OpenAndCompact(), 0U) << "finishes what was begun, and compacts once more";
+    ExpectAllThereBeforeEachStep(power, stop);
+  }
+  EXPECT_GT(steps, 12U);
 }
 
 }  // namespace

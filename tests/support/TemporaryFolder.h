@@ -10,8 +10,14 @@
 /// An empty folder of its own for a test, removed with all contents at the end.
 class TemporaryFolder {
  public:
-  TemporaryFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "hxcf-test-XXXXXX").string();
+  enum Place { kDisk, kMemory };  ///< in memory if the machine has such a place
+
+  explicit TemporaryFolder(Place place = kDisk) {
+    const std::filesystem::path memory = "/dev/shm";
+    const bool inMemory = place == kMemory && std::filesystem::is_directory(memory);
+    std::string name =
+        ((inMemory ? memory : std::filesystem::temp_directory_path()) / "hxcf-test-XXXXXX")
+            .string();
     if (::mkdtemp(name.data()) == nullptr) std::abort();
     m_folder = name;
   }
