@@ -206,7 +206,8 @@ bool FinishReplacement(const PelmUnicodeString& path) {
   const auto readMark = [&] {
     return ReadHeaderBytes(container, header) ? Format::DecodeRedoMark(header) : std::nullopt;
   };
-  if (!container.Open(containerPath, ZrFile64::kReadWrite) || !readMark()) return false;
+  if (!container.Open(containerPath, ZrFile64::kReadWrite)) return false;
+  if (!readMark()) return true;  // somebody else may just have finished
   if (!image.Open(imagePath, ZrFile64::kReadWrite) || !image.Claim(imagePath) ||
       !image.IsSameFile(imagePath))
     return true;

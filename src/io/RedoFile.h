@@ -57,9 +57,10 @@ class RedoFile {
   Format::RedoTrailer m_trailer;
 };
 
-/// If the file at `path` carries the mark, finishes its replacement, or waits for whoever does.
-/// True if it was marked: then it is worth another look, whatever came of it. What has no image, or
-/// one that is not its own or incomplete, is left alone, and so is the image.
+/// For one who has found no header in the file at `path`: if it carries the mark, finishes its
+/// replacement, or waits for whoever does. Whether it is worth another look, whatever came of it;
+/// the path may lead to another file then. What has no image, or one that is not its own or
+/// incomplete, is left alone, and so is the image.
 bool FinishReplacement(const PelmUnicodeString& path);
 
 }  // namespace Zarn::Io

@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "FileSyscalls.h"
 #include "ZrCompactFileReader.h"
@@ -64,6 +65,8 @@ TEST_P(CompactionInBothOrders, GridIsAsIfStoredAnew) {
     return std::string(cell.size + version, static_cast<char>('a' + version));
   };
   MakeGrid(3, 20000, GetParam());
+  for (unsigned int col = 0; col < 20000; col += 10)  // so that pages of the index empty again
+    ASSERT_EQ(Store(2, col, "gone", 1) + object.Remove(2, col, 1), 0U);
   for (auto cell = cells.rbegin(); cell != cells.rend(); ++cell)
     for (const auto version : {7ULL, 2ULL, 5ULL, 9ULL, 7ULL})
       ASSERT_EQ(Store(cell->row, cell->col, text(*cell, version), version), 0U);
@@ -91,6 +94,28 @@ TEST_P(CompactionInBothOrders, GridIsAsIfStoredAnew) {
   ASSERT_EQ(bytes.size(), wanted.size());
   std::copy_n(wanted.begin() + 11, 8, bytes.begin() + 11);  // the time of creation
   EXPECT_TRUE(bytes == wanted);
+}
+
+// What the tables say is gone goes; but the newest version is there, whatever its entry says.
+TEST_P(CompactionInBothOrders, GoneVersionsGo) {
+  MakeGrid(1, 1, GetParam());
+  for (const auto version : {1ULL, 2ULL, 3ULL, 4ULL})  // the last record's table is at 303
+    ASSERT_EQ(Store(0, 0, "version " + std::to_string(version), version), 0U);
+  const std::size_t statusOfEntry = 303 + 8 + (IsBig() ? 0 : 7);
+  object.Close();
+  Support::Poke(path, statusOfEntry, {4});                  // 4
+  Support::Poke(path, statusOfEntry + 16, {0});             // 3
+  Support::Poke(path, statusOfEntry + 32, {4});             // 2
+  Support::Poke(path, 72, Support::Number(0, 4, IsBig()));  // the flags: no versions
+  Reopen();
+  ASSERT_FALSE(object.IsVersionEnabled());
+  ASSERT_EQ(Read(0, 0, 3).payload, "version 3");
+  ASSERT_EQ(object.Compact(), 0U);
+  EXPECT_TRUE(object.IsVersionEnabled());
+  const unsigned long long position = Check().entries[0] & 0x00FFFFFFFFFFFFFF;
+  EXPECT_EQ(Describe(Check().Record(position)), "69, 4:1|0 1:1|84, 9/9");
+  for (const auto& [version, found] : {std::pair{1ULL, "version 1"}, {3ULL, "version 4"}})
+    EXPECT_EQ(Read(0, 0, version).payload, found);
 }
 
 // Shadowed names, gone slots and gone versions go; what was hidden behind a gone slot is back.
@@ -330,6 +355,18 @@ TEST_F(Compaction, OthersSeeTheOldFileOrTheNewOne) {
   std::thread([&] { EXPECT_EQ(Read(0, 7, 1).payload, "tile"); }).join();
 }
 
+TEST_F(Compaction, OthersFindTheNamesOfTheNewFile) {
+  ASSERT_EQ(object.Create(path, 8ULL, u"", kLocked), 0U);
+  for (const char16_t* name : {u"a", u"b", u"c"})
+    ASSERT_EQ(Put(name, "old"), 0U);
+  ZrCompactFile other;
+  ASSERT_EQ(other.Open(path, u"", kLocked), 0U);
+  ASSERT_EQ(object.Remove(u"a", 1) + object.Compact() + Put(u"d", "new"), 0U);
+  for (const auto& [name, found] :
+       {std::pair{u"a", ""}, {u"b", "old"}, {u"c", "old"}, {u"d", "new"}})
+    EXPECT_EQ(ReadTile(other, name, 1).payload, found);
+}
+
 // The crash tests work on a small file: tiles with several versions, partial and gone ones.
 class CompactionCutShort : public Compaction {
  public:
@@ -455,6 +492,124 @@ TEST_F(CompactionCutShort, TheProcessMayBeKilledAtEveryCall) {
     }
   }
   EXPECT_GT(finished, 5) << "found with the mark, and finished by the next open";
+}
+
+// A container that is marked, and its image, as a kill leaves them.
+class CompactionToFinish : public CompactionCutShort {
+ public:
+  void SetUp() override {
+    CompactionCutShort::SetUp();
+    Support::Bytes marked, image;
+    const auto look = [&](unsigned long long done, unsigned long long total) {
+      if (done <= total / 2 || !marked.empty()) return true;
+      marked = ReadFile(path);
+      image = ReadFile(TemporaryPath());
+      return true;
+    };
+    ZrCompactFile file;
+    ASSERT_EQ(file.Open(path, u"secret", kMode) + file.Compact(look), 0U);
+    file.Close();
+    Support::WriteFile(path, marked);
+    Support::WriteFile(TemporaryPath(), image);
+  }
+};
+
+TEST_F(CompactionToFinish, OnlyWithItsOwnWholeImage) {
+  const Support::Bytes marked = ReadFile(path);
+  const Support::Bytes image = ReadFile(TemporaryPath());
+  ASSERT_EQ(marked[0], marked[1]);
+  struct Damage {
+    const char* what;
+    std::size_t fromEnd;  // of the image
+  };
+  for (const Damage& damage : {Damage{"id", 40},
+                               {"length", 32},
+                               {"checksum", 24},
+                               {"magic", 64},
+                               {"payload", 100},
+                               {"header", image.size() - 5}}) {
+    SCOPED_TRACE(damage.what);
+    Support::Bytes damaged = image;
+    damaged[damaged.size() - damage.fromEnd] ^= 1U;
+    Support::WriteFile(TemporaryPath(), damaged);
+    EXPECT_EQ(object.Open(path, u"secret", kMode), 3U);
+    EXPECT_EQ(ReadFile(path), marked);
+    EXPECT_EQ(ReadFile(TemporaryPath()), damaged);
+  }
+  ASSERT_TRUE(ZrFile::Delete(TemporaryPath()));
+  EXPECT_EQ(object.Open(path, u"secret", kMode), 3U);
+  EXPECT_EQ(ReadFile(path), marked);
+  Support::WriteFile(TemporaryPath(), image);
+  ExpectAllThere(false);
+}
+
+// Several at once, by links, with and without the lock; and while others store as soon as they can.
+TEST_F(CompactionToFinish, ByWhoeverComes) {
+  const Support::Bytes marked = ReadFile(path);
+  const Support::Bytes image = ReadFile(TemporaryPath());
+  const Name link = folder.GetPath("link.cf");
+  std::filesystem::create_symlink(path.ToUtf8(), link.ToUtf8());
+  for (int round = 0; round < 30 && !HasFailure(); ++round) {
+    PutBack();
+    Support::WriteFile(path, marked);
+    Support::WriteFile(TemporaryPath(), image);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i) {
+      threads.emplace_back([&, i] {
+        ZrCompactFileReader light;
+        EXPECT_EQ(light.Open(i == 0 ? link : path, u"secret", 2), 0U);
+      });
+      threads.emplace_back([&, i] {
+        ZrCompactFile file;
+        ASSERT_EQ(file.Open(path, u"secret", kLocked), 0U);
+        const unsigned int col = i == 0 ? 0 : 1;
+        ASSERT_EQ(file.SetAt(1, col, Data("stored at once"), 0, 0, 1), 0U);
+        EXPECT_EQ(ReadTile(file, 1, col, 1).payload, "stored at once");
+      });
+    }
+    for (std::thread& thread : threads)
+      thread.join();
+    ZrCompactFile file;
+    ASSERT_EQ(file.Open(path, u"secret", kLocked), 0U);
+    for (const auto col : {0U, 1U})
+      ASSERT_EQ(ReadTile(file, 1, col, 1).payload, "stored at once");
+    ASSERT_EQ(file.Remove(1, 0, 1) + file.Remove(1, 1, 1), 0U);
+    ASSERT_EQ(ReadAll(file), m_expected);
+  }
+}
+
+// What is left of a container that is marked is not thrown away by one who has it open still.
+TEST_F(CompactionToFinish, NotByACompactionOfThePast) {
+  const Support::Bytes marked = ReadFile(path);
+  const Support::Bytes image = ReadFile(TemporaryPath());
+  PutBack();
+  ASSERT_EQ(object.Open(path, u"secret", kMode), 0U);
+  Support::Poke(path, 0, marked);
+  Support::WriteFile(TemporaryPath(), image);
+  EXPECT_EQ(object.Compact(), 2U);
+  EXPECT_EQ(ReadFile(TemporaryPath()), image);
+}
+
+// A child of fork has no claim, and keeps nobody waiting.
+TEST_F(CompactionToFinish, WhileAForkedChildLivesOn) {
+  pid_t child = 0;
+  const pid_t host = ::fork();
+  if (host == 0) {
+    ZrFile64 stream;
+    if (!stream.Open(TemporaryPath(), ZrFile64::kReadWrite) || !stream.Claim(TemporaryPath()))
+      ::_exit(1);
+    child = ::fork();
+    if (child != 0) ::kill(::getpid(), SIGKILL);
+    ::alarm(20);
+    ::pause();
+    ::_exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(host, &status, 0), host);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  ::alarm(10);  // rather than wait for the child
+  ExpectAllThere(false);
+  ::alarm(0);
 }
 
 // The power may go at any moment, and take any part of what was not synced with it.
