@@ -41,6 +41,7 @@ class NameKey;
 class NameTable;
 class OperationLock;
 struct FileState;
+struct BatchSource;
 struct NameSlot;
 class StoreBatch;
 struct TileEntry;
@@ -409,13 +410,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned int StoreName(const ZrNameStore& store);
 
   // Batches. Likewise, but for StoreAll and StoreTogether.
-  template <typename Store, typename StoreAlone>
-  unsigned int StoreAll(const std::vector<Store>& stores, std::vector<unsigned int>& results,
-                        StoreAlone storeAlone);
-  template <typename Store>
-  bool StoreTogether(const std::vector<Store>& stores, std::vector<unsigned int>& results);
-  unsigned int StoreOne(const ZrCellStore& store) { return StoreCell(store); }
-  unsigned int StoreOne(const ZrNameStore& store) { return StoreName(store); }
+  unsigned int StoreAll(const Engine::BatchSource& source, std::vector<unsigned int>& results);
+  bool StoreTogether(const Engine::BatchSource& source, std::vector<unsigned int>& results);
   bool AddToBatch(const ZrCellStore& store, std::size_t number, Engine::StoreBatch& batch);
   bool AddToBatch(const ZrNameStore& store, std::size_t number, Engine::StoreBatch& batch);
   void WriteBlock(Engine::StoreBatch& batch, std::vector<unsigned int>& results);

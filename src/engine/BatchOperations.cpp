@@ -42,52 +42,62 @@ bool FillsItsRecord(const Store& store) {
 
 unsigned int ZrCompactFile::SetBatch(const std::vector<ZrCellStore>& stores,
                                      std::vector<unsigned int>& results) {
-  return StoreAll(stores, results, [this](const ZrCellStore& store) {
-    return SetAt(store.row, store.col, DataOf(store.data), store.capacity, store.offset,
-                 store.version);
-  });
+  return StoreAll(
+      {stores.size(),
+       [&](std::size_t i, StoreBatch& batch) { return AddToBatch(stores[i], i, batch); },
+       [&](std::size_t i) { return StoreCell(stores[i]); },
+       [&](std::size_t i) {
+         const ZrCellStore& store = stores[i];
+         return SetAt(store.row, store.col, DataOf(store.data), store.capacity, store.offset,
+                      store.version);
+       }},
+      results);
 }
 
 unsigned int ZrCompactFile::SetBatch(const std::vector<ZrNameStore>& stores,
                                      std::vector<unsigned int>& results) {
-  return StoreAll(stores, results, [this](const ZrNameStore& store) {
-    return SetAt(store.name, DataOf(store.data), store.capacity, store.offset, store.version);
-  });
+  return StoreAll(
+      {stores.size(),
+       [&](std::size_t i, StoreBatch& batch) { return AddToBatch(stores[i], i, batch); },
+       [&](std::size_t i) { return StoreName(stores[i]); },
+       [&](std::size_t i) {
+         const ZrNameStore& store = stores[i];
+         return SetAt(store.name, DataOf(store.data), store.capacity, store.offset, store.version);
+       }},
+      results);
 }
 
-// New tiles are kept back, and written together with the next ones; whatever else is to be stored
-// waits until they are in place. `storeAlone` is the operation on one tile, with its own lock.
-template <typename Store, typename StoreAlone>
-unsigned int ZrCompactFile::StoreAll(const std::vector<Store>& stores,
-                                     std::vector<unsigned int>& results, StoreAlone storeAlone) {
+unsigned int ZrCompactFile::StoreAll(const Engine::BatchSource& source,
+                                     std::vector<unsigned int>& results) {
   try {
-    results.assign(stores.size(), ZrResult::kOk);
+    results.assign(source.count, ZrResult::kOk);
   } catch (const std::bad_alloc&) {
     return ZrResult::kWriteFailure;
   }
-  if (!StoreTogether(stores, results))
-    for (std::size_t i = 0; i < stores.size(); ++i)
-      results[i] = storeAlone(stores[i]);
+  if (!StoreTogether(source, results))
+    for (std::size_t i = 0; i < source.count; ++i)
+      results[i] = source.storeUnlocked(i);
   for (const unsigned int result : results)
     if (result != ZrResult::kOk) return result;
   return ZrResult::kOk;
 }
 
-template <typename Store>
-bool ZrCompactFile::StoreTogether(const std::vector<Store>& stores,
+// New tiles are kept back, and written together with the next ones; whatever else is to be stored
+// waits until they are in place. False if the file cannot be stored into at all.
+bool ZrCompactFile::StoreTogether(const Engine::BatchSource& source,
                                   std::vector<unsigned int>& results) {
   if (GetCacheFile() != nullptr) return false;
   const OperationLock lock(*this, OperationLock::kWriter);
   if (!lock.IsUsable() || IsReadOnly() || GetSwapData() == nullptr) return false;
   StoreBatch batch;
-  for (std::size_t i = 0; i < stores.size(); ++i) {
+  for (std::size_t i = 0; i < source.count; ++i) {
     try {
-      if (FillsItsRecord(stores[i]) && AddToBatch(stores[i], i, batch)) {
+      if (source.add(i, batch)) {
         if (batch.IsBlockFull()) WriteBlock(batch, results);
         continue;
       }
       WriteBatch(batch, results);
-      results[i] = StoreOne(stores[i]);
+      results[i] = source.store(i);
     } catch (const std::bad_alloc&) {
       results[i] = ZrResult::kWriteFailure;
     }
@@ -97,6 +107,7 @@ bool ZrCompactFile::StoreTogether(const std::vector<Store>& stores,
 }
 
 bool ZrCompactFile::AddToBatch(const ZrCellStore& store, std::size_t number, StoreBatch& batch) {
+  if (!FillsItsRecord(store)) return false;
   StoreBatch::Tile tile;
   tile.store = number;
   tile.data = store.data;
@@ -114,7 +125,8 @@ bool ZrCompactFile::AddToBatch(const ZrCellStore& store, std::size_t number, Sto
 
 bool ZrCompactFile::AddToBatch(const ZrNameStore& store, std::size_t number, StoreBatch& batch) {
   const std::uint64_t slotNumber = m_nNamingCount + batch.GetCount();
-  if (!IsNaming() || !NameKey::IsUsable(store.name) || slotNumber >= m_nNamingCapacity)
+  if (!FillsItsRecord(store) || !IsNaming() || !NameKey::IsUsable(store.name) ||
+      slotNumber >= m_nNamingCapacity)
     return false;
   const NameKey key(store.name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
   const std::uint64_t code = key.GetHashCode();

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <ostream>
 #include <string>
 #include <string_view>
 
 #include "FileSyscalls.h"
-#include "PELM.h"
 #include "ZrCompactFile.h"
 #include "support/FileChecker.h"
 #include "support/TemporaryFolder.h"
@@ -81,34 +81,25 @@ class EngineTest : public ::testing::Test {
   /// A new grid, open in the object; `foreign`: made by hand, in the other byte order.
   void MakeGrid(unsigned int rows, unsigned int cols, bool foreign = false,
                 ZrCompactFile::ZrOpenMode mode = kMode) {
-    m_big = (PELM::un_bigendina != 1) != foreign;
+    m_big = kBigHost != foreign;
     if (!foreign) {
       ASSERT_EQ(object.Create(path, rows, cols, u"", mode), 0U);
       return;
     }
     using Support::operator+;
-    const auto number = [this](unsigned long long value, std::size_t width) {
-      return Support::Number(value, width, m_big);
-    };
-    Support::WriteFile(path, Support::Bytes{'C', 'F', static_cast<unsigned char>(m_big)} +
-                                 number(20120214, 4) + number(0, 4) + number(0, 8) + number(64, 8) +
-                                 Support::Bytes(37) + number(rows, 4) + number(cols, 4) +
-                                 number(1, 4) + Support::Bytes(std::size_t{8} * rows * cols));
+    WriteByHand(20120214, 0,
+                Number(rows, 4) + Number(cols, 4) + Number(1, 4) +
+                    Support::Bytes(std::size_t{8} * rows * cols));
     ASSERT_EQ(object.Open(path, u"", mode), 0U);
   }
   /// The same for a naming file.
   void MakeNaming(unsigned long long capacity, bool foreign = false,
                   unsigned int formatVersion = 20120214) {
-    m_big = (PELM::un_bigendina != 1) != foreign;
+    m_big = kBigHost != foreign;
     using Support::operator+;
-    const auto number = [this](unsigned long long value, std::size_t width) {
-      return Support::Number(value, width, m_big);
-    };
-    Support::WriteFile(path, Support::Bytes{'C', 'F', static_cast<unsigned char>(m_big)} +
-                                 number(formatVersion, 4) + number(1, 4) + number(0, 8) +
-                                 number(64, 8) + Support::Bytes(37) + number(capacity, 8) +
-                                 Support::Bytes(24) + number(1, 4) +
-                                 Support::Bytes(std::size_t{16} * capacity));
+    WriteByHand(formatVersion, 1,
+                Number(capacity) + Support::Bytes(24) + Number(1, 4) +
+                    Support::Bytes(std::size_t{16} * capacity));
     ASSERT_EQ(object.Open(path, u"", kMode), 0U);
   }
   void Reopen(ZrCompactFile::ZrOpenMode mode = kMode) {
@@ -137,13 +128,26 @@ class EngineTest : public ::testing::Test {
     return text + ", " + std::to_string(record.capacity) + "/" + std::to_string(record.filled);
   }
   bool IsBig() const { return m_big; }
+  /// A number in the file's byte order.
+  Support::Bytes Number(unsigned long long value, std::size_t width = 8) const {
+    return Support::Number(value, width, m_big);
+  }
 
   TemporaryFolder folder;
   PelmUnicodeString path = folder.GetPath("t.cf");
   ZrCompactFile object;
 
  private:
-  bool m_big = false;
+  static constexpr bool kBigHost = std::endian::native == std::endian::big;
+
+  void WriteByHand(unsigned int formatVersion, unsigned int kind, const Support::Bytes& index) {
+    using Support::operator+;
+    Support::WriteFile(path, Support::Bytes{'C', 'F', static_cast<unsigned char>(m_big)} +
+                                 Number(formatVersion, 4) + Number(kind, 4) + Number(0) +
+                                 Number(64) + Support::Bytes(37) + index);
+  }
+
+  bool m_big = kBigHost;
 };
 
 }  // namespace Zarn
