@@ -2,43 +2,50 @@
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <map>
 #include <string>
 #include <vector>
 
-/// Prints Google Benchmark's table and, under it, each operation's speed as a ratio to the bare
-/// system calls that move the same bytes, measured in the same run: machines differ and are
-/// shared, ratios hold.
-///
-/// "group/variant" is compared with "group/bare" of as many threads: 1.00 means as fast. Of the
-/// repetitions the best counts, on both sides.
-class RatioReporter : public benchmark::ConsoleReporter {
+#include "Report.h"
+#include "Support.h"
+
+namespace Bench {
+
+/// Collects Google Benchmark's runs in a report, as "row/column": seconds per item, or per
+/// iteration where none are counted.
+class RatioReporter : public benchmark::BenchmarkReporter {
  public:
-  RatioReporter() : ConsoleReporter(OO_Tabular) {}
+  explicit RatioReporter(Report& report) : m_report(report) {}
 
+  bool ReportContext(const Context& /*context*/) override { return true; }
   void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
     for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      const double time = run.GetAdjustedRealTime();
-      const auto [entry, isNew] =
-          m_best.try_emplace({run.run_name.function_name, run.run_name.threads}, time);
-      if (!isNew) entry->second = std::min(entry->second, time);
-    }
-  }
-
-  void Finalize() override {
-    std::printf("\nspeed relative to the bare system calls\n");
-    for (const auto& [key, time] : m_best) {
-      const auto& [name, threads] = key;
-      const auto bare = m_best.find({name.substr(0, name.find('/')) + "/bare", threads});
-      if (bare != m_best.end() && bare->first != key)
-        std::printf("  %-36s %-10s %5.2f\n", name.c_str(), threads.c_str(), bare->second / time);
+      if (run.run_type != Run::RT_Iteration) continue;
+      Check(!run.error_occurred);
+      const std::string& name = run.run_name.function_name;
+      const std::size_t slash = name.find('/');
+      const auto items = run.counters.find("items_per_second");
+      const double seconds = items != run.counters.end()
+                                 ? 1 / items->second.value
+                                 : run.real_accumulated_time / static_cast<double>(run.iterations);
+      m_report.Speed(name.substr(0, slash)).Add(name.substr(slash + 1), seconds);
     }
   }
 
  private:
-  std::map<std::pair<std::string, std::string>, double> m_best;  // by name and threads
+  Report& m_report;
 };
+
+/// Runs all that is registered, repetitions of one between those of the others, and writes the
+/// report. Options: Google Benchmark's, and --out FOLDER.
+inline void RunAll(int argc, char** argv, Report report) {
+  std::string interleaved = "--benchmark_enable_random_interleaving=true";
+  std::vector<char*> options = {argv[0], interleaved.data()};
+  options.insert(options.end(), argv + 1, argv + argc);
+  int count = static_cast<int>(options.size());
+  benchmark::Initialize(&count, options.data());
+  RatioReporter reporter(report);
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  report.Write(FindOption(argc, argv, "--out", "build/bench"));
+}
+
+}  // namespace Bench

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -18,25 +17,23 @@
 #include <vector>
 
 #include "RatioReporter.h"
+#include "Support.h"
 #include "ZrCompactFile.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using Bench::Check;
+using Bench::Seconds;
 using Zarn::ZrByteArray;
 using Zarn::ZrCompactFile;
 
 constexpr unsigned int kSide = 240;
-const fs::path kFolder = fs::temp_directory_path() / ("hxcf-compact-" + std::to_string(::getpid()));
+const Bench::WorkFolder kWorkFolder("hxcf-compact");
+const fs::path& kFolder = kWorkFolder.GetPath();
 
 PelmUnicodeString Path(const char* name) {
   return PelmUnicodeString::FromUtf8((kFolder / name).string());
-}
-
-void Check(bool ok) {
-  if (ok) return;
-  std::fprintf(stderr, "benchmark: an operation failed\n");
-  std::abort();
 }
 
 // By the program, as a user would; it may share blocks or copy within the kernel.
@@ -51,7 +48,6 @@ void Copy(const char* from, const char* to) {
 // Each tile stored once and then replaced by a larger one, in an order of its own: what is alive
 // lies scattered over the second half. Sizes as a web map has them.
 void MakeFiles() {
-  fs::create_directories(kFolder);
   ZrCompactFile file;
   Check(file.Create(Path("before.cf"), kSide, kSide, u"", 4) == 0);
   std::mt19937 random(1);
@@ -82,13 +78,8 @@ void Measure(benchmark::State& state, Action action) {
     fs::remove(kFolder / "copy.cf");
     Copy("before.cf", "work.cf");
     ::sync();
-    const auto start = std::chrono::steady_clock::now();
-    action();
-    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start;
-    state.SetIterationTime(time.count());
+    state.SetIterationTime(Seconds(action));
   }
-  state.SetBytesProcessed(state.iterations() *
-                          static_cast<std::int64_t>(fs::file_size(kFolder / "after.cf")));
 }
 
 void Compact() {
@@ -107,19 +98,15 @@ void CopyAndFree() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
   MakeFiles();
   const auto add = [](const char* name, void (*action)()) {
     benchmark::RegisterBenchmark(name, [=](benchmark::State& state) { Measure(state, action); })
         ->UseManualTime()
-        ->Unit(benchmark::kMillisecond)
         ->Iterations(1)
         ->Repetitions(5);
   };
-  add("Compact/bare", &CopyResult);
-  add("Compact/bare, and freeing", &CopyAndFree);
+  add("Compact/limit", &CopyResult);
+  add("Compact/cp and free", &CopyAndFree);
   add("Compact/engine", &Compact);
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  fs::remove_all(kFolder);
+  Bench::RunAll(argc, argv, Bench::Report("compact", {Bench::kLimit, "cp and free", "engine"}));
 }

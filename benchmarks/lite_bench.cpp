@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <numeric>
 #include <random>
@@ -15,12 +13,14 @@
 #include <vector>
 
 #include "RatioReporter.h"
+#include "Support.h"
 #include "ZrCompactFileReader.h"
 #include "ZrCompactFileWriter.h"
 #include "ZrFile.h"
 
 namespace {
 
+using Bench::Check;
 using Zarn::ZrByteArray;
 
 constexpr unsigned int kSide = 64;
@@ -30,17 +30,11 @@ constexpr std::size_t kHeadSize = 44;
 constexpr std::size_t kEntrySize = 8;
 constexpr std::size_t kDataStart = 64 + 12 + kTiles * kEntrySize;
 
-const std::filesystem::path kFolder =
-    std::filesystem::temp_directory_path() / ("hxcf-bench-" + std::to_string(::getpid()));
+const Bench::WorkFolder kWorkFolder("hxcf-lite");
+const std::filesystem::path& kFolder = kWorkFolder.GetPath();
 
 PelmUnicodeString PathOf(const char* name) {
   return PelmUnicodeString::FromUtf8((kFolder / name).string());
-}
-
-void Check(bool ok) {
-  if (ok) return;
-  std::fprintf(stderr, "benchmark: an operation failed\n");
-  std::abort();
 }
 
 ZrByteArray MakeTile() {
@@ -139,16 +133,12 @@ void Get(benchmark::State& state) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::filesystem::create_directories(kFolder);
   const std::pair<const char*, void (*)(benchmark::State&)> benchmarks[] = {
-      {"put/bare", PutBare}, {"put/writer", Put}, {"get/bare", GetBare}, {"get/reader", Get}};
+      {"light put/limit", PutBare},
+      {"light put/light class", Put},
+      {"light get/limit", GetBare},
+      {"light get/light class", Get}};
   for (const auto& [name, function] : benchmarks)
-    benchmark::RegisterBenchmark(name, function)
-        ->Unit(benchmark::kMillisecond)
-        ->MinTime(0.2)
-        ->Repetitions(7);
-  benchmark::Initialize(&argc, argv);
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  std::filesystem::remove_all(kFolder);
+    benchmark::RegisterBenchmark(name, function)->MinTime(0.2)->Repetitions(7);
+  Bench::RunAll(argc, argv, Bench::Report("lite", {Bench::kLimit, "light class"}));
 }

@@ -1,0 +1,86 @@
+#include "Stores.h"
+#include "Support.h"
+
+namespace Bench {
+namespace {
+
+using Zarn::ZrByteArray;
+using Zarn::ZrCompactFile;
+
+constexpr unsigned long long kStamp = 5;
+
+class EngineReader : public Reader {
+ public:
+  EngineReader(ZrCompactFile& file, const Tiles& tiles) : m_file(file), m_tiles(tiles) {}
+
+  void Get(unsigned int tile) override {
+    unsigned long long filled = 0;
+    Check(0 == (m_tiles.IsNamed()
+                    ? m_file.Lookup(m_tiles.names[tile], m_data, filled, kStamp)
+                    : m_file.Lookup(tile / kColumns, tile % kColumns, m_data, filled, kStamp)));
+    Check(filled != 0);
+  }
+
+ private:
+  ZrCompactFile& m_file;
+  const Tiles& m_tiles;
+  ZrByteArray m_data;
+};
+
+class EngineStore : public Store {
+ public:
+  EngineStore(const std::filesystem::path& folder, const Tiles& tiles, Access access,
+              ZrCompactFile::ZrOpenMode mode)
+      : m_tiles(tiles) {
+    const auto path = PelmUnicodeString::FromUtf8((folder / "tiles.cf").string());
+    Check(0 == (access == Access::kOpen ? m_file.Open(path, u"", mode)
+                : tiles.IsNamed()       ? m_file.Create(path, tiles.Count(), u"", mode)
+                                        : m_file.Create(path, tiles.Rows(), kColumns, u"", mode)));
+  }
+
+  // The bytes are there from the first time on: setting the size neither copies nor clears any.
+  void Put(unsigned int tile, std::size_t size) override {
+    if (m_data.IsEmpty()) m_data.Assign(m_tiles.payload.data(), m_tiles.payload.size());
+    Check(m_data.ResizeForOverwrite(size));
+    Check(0 == (m_tiles.IsNamed()
+                    ? m_file.SetAt(m_tiles.names[tile], m_data, 0, 0, kStamp)
+                    : m_file.SetAt(tile / kColumns, tile % kColumns, m_data, 0, 0, kStamp)));
+  }
+
+  void PutBatch(const Batch& batch) override {
+    Check(0 == (m_tiles.IsNamed() ? m_file.SetBatch(batch.names, m_results)
+                                  : m_file.SetBatch(batch.cells, m_results)));
+  }
+
+  std::unique_ptr<Reader> NewReader() override {
+    return std::make_unique<EngineReader>(m_file, m_tiles);
+  }
+
+ private:
+  const Tiles& m_tiles;
+  ZrCompactFile m_file;
+  ZrByteArray m_data;
+  std::vector<unsigned int> m_results;
+};
+
+}  // namespace
+
+Batch::Batch(const Tiles& tiles, unsigned int firstTile, unsigned int count)
+    : first(firstTile), data(count) {
+  for (unsigned int i = 0; i < count; ++i) {
+    const unsigned int tile = first + i;
+    Check(data[i].Assign(tiles.payload.data(), tiles.sizes[tile]));
+    if (tiles.IsNamed())
+      names.push_back({tiles.names[tile], &data[i], 0, 0, kStamp});
+    else
+      cells.push_back({tile / kColumns, tile % kColumns, &data[i], 0, 0, kStamp});
+  }
+}
+
+Opener EngineOpener(ZrCompactFile::ZrOpenMode mode) {
+  return [mode](const std::filesystem::path& folder, const Tiles& tiles, Access access) {
+    return std::make_unique<EngineStore>(folder, tiles, access, mode);
+  };
+}
+
+}  // namespace Bench

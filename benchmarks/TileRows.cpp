@@ -1,0 +1,242 @@
+// Stores and lookups by one process, and by one or two threads of it.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <barrier>
+#include <thread>
+
+#include "Rows.h"
+#include "Support.h"
+
+namespace Bench {
+namespace {
+
+namespace fs = std::filesystem;
+using Zarn::ZrByteArray;
+using Zarn::ZrCompactFile;
+
+void OpenAll(std::vector<Contender>& contenders, const Tiles& tiles, Access access) {
+  for (Contender& contender : contenders)
+    contender.store = contender.opener(contender.folder, tiles, access);
+}
+
+void CloseAll(std::vector<Contender>& contenders) {
+  for (Contender& contender : contenders)
+    contender.store.reset();
+}
+
+// Writes back what is dirty on that file system, so that nothing is while others are measured.
+void Settle(const fs::path& folder) {
+  const int file = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  Check(file >= 0 && ::syncfs(file) == 0 && ::close(file) == 0);
+}
+
+// Each contender makes `count` calls of `put`, numbered from 0 on, a slice at a time.
+void MeasurePuts(Row& row, std::vector<Contender>& contenders, unsigned int count,
+                 unsigned int slice, const std::function<void(Store&, unsigned int)>& put) {
+  InTurns(count / slice, contenders, [&](Contender& contender, unsigned int repetition) {
+    const double seconds = CpuSeconds([&] {
+      for (unsigned int i = 0; i < slice; ++i)
+        put(*contender.store, repetition * slice + i);
+    });
+    row.Add(contender.column, seconds / slice);
+    Settle(contender.folder);
+  });
+}
+
+void MeasureNewTiles(Report& report, const std::string& what, std::vector<Contender>& contenders,
+                     const Tiles& tiles, const Scale& scale) {
+  MeasurePuts(report.Speed(what), contenders, scale.stored, scale.slice,
+              [&](Store& store, unsigned int i) { store.Put(i, tiles.sizes[i]); });
+}
+
+// In turns as well: then nobody's pages lie in memory of another kind than the others'.
+void Fill(std::vector<Contender>& contenders, const Tiles& tiles, unsigned int slice) {
+  InTurns(tiles.Count() / slice, contenders, [&](Contender& contender, unsigned int repetition) {
+    for (unsigned int i = 0; i < slice; ++i)
+      contender.store->Put(repetition * slice + i, tiles.sizes[repetition * slice + i]);
+  });
+  Settle(contenders.front().folder);
+}
+
+/// A column, and what reads for it.
+struct Looker {
+  std::string column;
+  std::function<std::unique_ptr<Reader>()> newReader;
+};
+
+// Every thread looks up all tiles, each beginning elsewhere. Seconds per tile, from when the first
+// one begins to when the last one ends.
+double MeasureGets(const Looker& looker, const std::vector<unsigned int>& order,
+                   unsigned int threads) {
+  using Clock = std::chrono::steady_clock;
+  std::vector<Clock::time_point> starts(threads), ends(threads);
+  std::barrier together(threads);
+  const auto work = [&](unsigned int thread) {
+    const std::unique_ptr<Reader> reader = looker.newReader();
+    const std::size_t first = thread * order.size() / threads;
+    together.arrive_and_wait();
+    starts[thread] = Clock::now();
+    for (std::size_t i = 0; i < order.size(); ++i)
+      reader->Get(order[(first + i) % order.size()]);
+    ends[thread] = Clock::now();
+  };
+  std::vector<std::thread> running;
+  for (unsigned int i = 0; i < threads; ++i)
+    running.emplace_back(work, i);
+  for (std::thread& thread : running)
+    thread.join();
+  const std::chrono::duration<double> time =
+      *std::max_element(ends.begin(), ends.end()) - *std::min_element(starts.begin(), starts.end());
+  return time.count() / static_cast<double>(threads * order.size());
+}
+
+void MeasureGets(Report& report, const std::string& what, std::vector<Contender>& contenders,
+                 const Scale& scale) {
+  std::vector<Looker> lookers;
+  for (Contender& contender : contenders) {
+    Store& store = *contender.store;
+    lookers.push_back({contender.column, [&] { return store.NewReader(); }});
+    if (contender.column == kLimit)
+      lookers.push_back({kMemcpy, [&] { return store.NewMappedReader(); }});
+  }
+  const std::vector<unsigned int> order = Shuffled(scale.tiles);
+  Row& one = report.Speed(what + ", 1 thread");
+  Row& two = report.Speed(what + ", 2 threads");
+  Row& gain = report.Figure(what + ", 2 threads : 1 thread", "times");
+  InTurns(scale.passes, lookers, [&](const Looker& looker, unsigned int) {
+    double alone = 0;
+    const double seconds = CpuSeconds([&] { alone = MeasureGets(looker, order, 1); });
+    const double together = MeasureGets(looker, order, 2);
+    one.Add(looker.column, seconds / scale.tiles);
+    two.Add(looker.column, together);
+    gain.Add(looker.column, alone / together);
+  });
+}
+
+// Replaces tiles in an order of chance: first by others as large, then by larger ones.
+void MeasureRewrites(Report& report, std::vector<Contender>& contenders, const Tiles& tiles,
+                     const Scale& scale) {
+  const std::vector<unsigned int> order = Shuffled(scale.stored);
+  MeasurePuts(report.Speed("rewrite, same size"), contenders, scale.rewritten, scale.slice,
+              [&](Store& store, unsigned int i) { store.Put(order[i], tiles.sizes[order[i]]); });
+  MeasurePuts(
+      report.Speed("rewrite, 1.5 times larger"), contenders, scale.rewritten, scale.slice,
+      [&](Store& store, unsigned int i) { store.Put(order[i], tiles.sizes[order[i]] * 3 / 2); });
+}
+
+void MeasureBatches(Report& report, const std::string& what, const fs::path& folder,
+                    const Tiles& tiles, const Scale& scale) {
+  std::vector<Contender> contenders = MakeContenders(folder);
+  std::erase_if(contenders, [](const Contender& contender) {
+    return contender.column == kLocked || contender.column == kMapped;
+  });
+  OpenAll(contenders, tiles, Access::kMake);
+  Row& row = report.Speed(what);
+  InTurns(scale.stored / scale.slice, contenders, [&](Contender& contender, unsigned int slice) {
+    const Batch batch(tiles, slice * scale.slice, scale.slice);
+    const double seconds = CpuSeconds([&] { contender.store->PutBatch(batch); });
+    row.Add(contender.column, seconds / scale.slice);
+    Settle(contender.folder);
+  });
+}
+
+}  // namespace
+
+std::vector<Contender> MakeContenders(const fs::path& folder) {
+  constexpr auto kPlain = ZrCompactFile::kCreateMissing;
+  constexpr auto kShared = kPlain | ZrCompactFile::kProcessLock;
+  fs::remove_all(folder);
+  std::vector<Contender> contenders;
+  const auto add = [&](const char* column, const Opener& opener, const Opener& sharedOpener) {
+    fs::create_directories(folder / column);
+    contenders.push_back({column, folder / column, opener, sharedOpener, nullptr});
+  };
+  add(kLimit, OpenLimit, OpenLimit);
+  add(kEngine, EngineOpener(kPlain), nullptr);
+  add(kLocked, EngineOpener(kShared), EngineOpener(kShared));
+  add(kMapped, EngineOpener(kPlain | ZrCompactFile::kMapped),
+      EngineOpener(kShared | ZrCompactFile::kMapped));
+  add(kLmdb, OpenLmdb, OpenLmdb);
+  add(kSqlite, OpenSqlite, OpenSqlite);
+  return contenders;
+}
+
+void MeasureStores(Report& report, const Scale& scale, const fs::path& folder) {
+  const Tiles tiles = MapTiles(scale.stored + scale.shared);
+  for (unsigned int i = 0; i < scale.rounds; ++i) {
+    std::vector<Contender> contenders = MakeContenders(folder);
+    OpenAll(contenders, tiles, Access::kMake);
+    MeasureNewTiles(report, "put each", contenders, tiles, scale);
+    CloseAll(contenders);
+    MeasureTwoProcesses(report, contenders, tiles, scale);
+    OpenAll(contenders, tiles, Access::kOpen);
+    MeasureRewrites(report, contenders, tiles, scale);
+    CloseAll(contenders);
+    MeasureBatches(report, "batch put", folder, tiles, scale);
+  }
+}
+
+void MeasureNamedStores(Report& report, const Scale& scale, const fs::path& folder) {
+  Tiles tiles = MapTiles(scale.stored);
+  tiles.MakeNames();
+  for (unsigned int i = 0; i < scale.rounds; ++i) {
+    std::vector<Contender> contenders = MakeContenders(folder);
+    OpenAll(contenders, tiles, Access::kMake);
+    MeasureNewTiles(report, "named put", contenders, tiles, scale);
+    CloseAll(contenders);
+    MeasureBatches(report, "named batch put", folder, tiles, scale);
+  }
+}
+
+void MeasureLookups(Report& report, const Scale& scale, const fs::path& folder) {
+  Tiles tiles = MapTiles(scale.tiles);
+  for (const char* what : {"random get", "named get"}) {
+    std::vector<Contender> contenders = MakeContenders(folder);
+    OpenAll(contenders, tiles, Access::kMake);
+    Fill(contenders, tiles, scale.slice);
+    MeasureGets(report, what, contenders, scale);
+    CloseAll(contenders);
+    if (tiles.IsNamed()) break;
+    MeasureSpace(report, contenders, tiles);
+    tiles.MakeNames();
+  }
+}
+
+// The first of two versions, beside one read of as many bytes.
+void MeasureVersions(Report& report, const Scale& scale, const fs::path& folder) {
+  const Tiles tiles = MapTiles(scale.slice);
+  const std::unique_ptr<Store> limit = OpenLimit(folder, tiles, Access::kMake);
+  ZrCompactFile file;
+  Check(file.Create(PelmUnicodeString::FromUtf8((folder / "tiles.cf").string()), tiles.Rows(),
+                    kColumns, u"", 0) == 0);
+  for (const unsigned long long stamp : {5ULL, 9ULL})
+    for (unsigned int i = 0; i < tiles.Count(); ++i) {
+      const ZrByteArray data(tiles.payload.data(), tiles.sizes[i]);
+      Check(file.SetAt(i / kColumns, i % kColumns, data, 0, 0, stamp) == 0);
+      if (stamp == 5) limit->Put(i, tiles.sizes[i]);
+    }
+  const std::unique_ptr<Reader> reader = limit->NewReader();
+  ZrByteArray data;
+  struct Looker {
+    const char* column;
+    std::function<void(unsigned int)> get;
+  };
+  std::vector<Looker> lookers = {
+      {kLimit, [&](unsigned int tile) { reader->Get(tile); }},
+      {kEngine, [&](unsigned int tile) {
+         unsigned long long filled = 0;
+         Check(file.Lookup(tile / kColumns, tile % kColumns, data, filled, 5) == 0 &&
+               filled == tiles.sizes[tile]);
+       }}};
+  Row& row = report.Speed("get of an older version");
+  const std::vector<unsigned int> order = Shuffled(tiles.Count());
+  InTurns(scale.passes, lookers, [&](const Looker& looker, unsigned int) {
+    const double seconds =
+        CpuSeconds([&] { std::for_each(order.begin(), order.end(), looker.get); });
+    row.Add(looker.column, seconds / tiles.Count());
+  });
+}
+
+}  // namespace Bench

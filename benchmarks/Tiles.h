@@ -1,0 +1,58 @@
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "PelmUnicodeString.h"
+
+namespace Bench {
+
+inline constexpr unsigned int kColumns = 256;  // of a grid
+
+/// What a benchmark stores: so many tiles of given sizes, in cells or by names.
+struct Tiles {
+  explicit Tiles(std::vector<std::size_t> tileSizes) : sizes(std::move(tileSizes)) {
+    payload.assign(*std::max_element(sizes.begin(), sizes.end()) * 2, 0x5A);
+  }
+
+  unsigned int Count() const { return static_cast<unsigned int>(sizes.size()); }
+  unsigned int Rows() const { return (Count() + kColumns - 1) / kColumns; }
+  bool IsNamed() const { return !names.empty(); }
+
+  /// Gives every tile the name that it has in a map of zoom level 8.
+  void MakeNames() {
+    for (unsigned int i = 0; i < Count(); ++i) {
+      utf8Names.push_back("8/" + std::to_string(i % kColumns) + "/" + std::to_string(i / kColumns));
+      names.push_back(PelmUnicodeString::FromUtf8(utf8Names.back()));
+    }
+  }
+
+  std::vector<std::size_t> sizes;
+  std::vector<unsigned char> payload;  // every tile is its beginning; twice the largest
+  std::vector<PelmUnicodeString> names;
+  std::vector<std::string> utf8Names;
+};
+
+/// Sizes as a web map has them: log-normal, median 6 KiB, 200 bytes to 100 KiB.
+inline Tiles MapTiles(unsigned int count) {
+  std::mt19937 random(2);
+  std::lognormal_distribution<double> distribution(std::log(6144.0), 0.9);
+  std::vector<std::size_t> sizes(count);
+  for (std::size_t& size : sizes)
+    size = static_cast<std::size_t>(std::clamp(distribution(random), 200.0, 102400.0));
+  return Tiles(std::move(sizes));
+}
+
+/// The first `count` tiles in an order of chance.
+inline std::vector<unsigned int> Shuffled(unsigned int count) {
+  std::vector<unsigned int> order(count);
+  std::iota(order.begin(), order.end(), 0U);
+  std::shuffle(order.begin(), order.end(), std::mt19937(1));
+  return order;
+}
+
+}  // namespace Bench
