@@ -43,6 +43,7 @@ class OperationLock;
 struct FileState;
 struct BatchSource;
 struct NameSlot;
+struct RecordReference;
 class StoreBatch;
 struct TileEntry;
 struct TileStore;
@@ -432,10 +433,13 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                         const Engine::TileStore& store);
   unsigned long long WriteDataToDataFile(unsigned long long position, bool append,
                                          const Format::RecordImage& image);
-  bool RewriteRecord(Engine::TileEntry& entry, unsigned long long position,
-                     const Format::RecordImage& image);
-  bool WriteHeadAndDataInPlace(unsigned long long position, const Format::RecordImage& image,
-                               const Engine::TileStore& store);
+  bool PointTo(Engine::RecordReference& reference, unsigned long long position);
+  bool ReplaceLocator(Engine::RecordReference& reference, unsigned long long locator);
+  unsigned long long MoveHome(Engine::RecordReference& reference, unsigned long long copy,
+                              unsigned long long home, const Format::RecordImage& image,
+                              const Engine::TileStore* store);
+  unsigned long long RewriteRecord(Engine::RecordReference reference, unsigned long long position,
+                                   const Format::RecordImage& image);
   bool UpdateSwapData(Format::RecordImage& image, const Engine::TileStore& store);
   unsigned long long AppendSwapData(Format::RecordImage& image, const Engine::TileStore& store);
   unsigned long long AppendNewRecord(Format::RecordImage& image, const Engine::TileStore& store);
@@ -454,9 +458,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned long long AddOldVersionData(unsigned long long recordPosition,
                                        Format::RecordImage& image, unsigned int index,
                                        const Engine::TileStore& store);
-  unsigned long long ReplaceVersion(unsigned long long recordPosition, Format::RecordImage& image,
-                                    const Engine::TileStore& store);
-  bool UpdateOlderVersion(unsigned long long recordPosition, Format::RecordImage& image,
+  unsigned long long ReplaceVersion(Engine::RecordReference reference, unsigned long long position,
+                                    Format::RecordImage& image, const Engine::TileStore& store);
+  bool UpdateOlderVersion(Engine::TileEntry& entry, const Format::RecordImage& image,
                           unsigned int index, const Engine::TileStore& store);
   bool ReadOlderHead(unsigned long long position, unsigned long long currentPosition,
                      unsigned long long stamp, Format::RecordImage& image) const;

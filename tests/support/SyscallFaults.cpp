@@ -12,7 +12,7 @@
 // clang-format off
 #define FOR_EACH_CALL(DO)                                                          \
   DO(open) DO(close) DO(pread) DO(pwrite) DO(pwritev) DO(copy_file_range) DO(fstat) DO(stat) \
-  DO(lseek) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(sync_file_range) DO(fchmod) DO(fchown) DO(mkdir) DO(unlink) \
+  DO(lseek) DO(mmap) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(sync_file_range) DO(fchmod) DO(fchown) DO(mkdir) DO(unlink) \
   DO(link) DO(rename) DO(renameNoReplace) DO(renameExchange)
 // clang-format on
 
@@ -55,9 +55,11 @@ auto Pass(std::string_view name, Call call, Arguments... arguments) {
   if (number == g_killing) Die(name, arguments...);
   const bool later = g_extent == SyscallFaults::kFromThenOn && number > g_failing;
   const bool fails = g_error != 0 && (number == g_failing || later);
-  const auto result = fails && name != "close" ? -1 : call(arguments...);
+  using Result = decltype(call(arguments...));
+  const auto failure = (Result)-1;  // of any type: a number, or MAP_FAILED
+  const Result result = fails && name != "close" ? failure : call(arguments...);
   if (fails) errno = g_error;
-  return fails ? -1 : result;
+  return fails ? failure : result;
 }
 
 #define PLUS_ONE(name) +1

@@ -175,10 +175,27 @@ bool ZrFileStream::CopyFrom(const ZrFileStream& source, std::uint64_t position,
 }
 
 const unsigned char* ZrFileStream::Map(std::uint64_t size) const {
-  void* const bytes = ::mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_NORESERVE, m_fd, 0);
+  void* const bytes =
+      GetFileSyscalls().mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_NORESERVE, m_fd, 0);
   if (bytes == MAP_FAILED) return nullptr;
   ::madvise(bytes, size, MADV_RANDOM);
   return static_cast<unsigned char*>(bytes);
+}
+
+bool ZrFileStream::StoreWord(std::uint64_t position, std::uint64_t word) {
+  struct [[gnu::packed, gnu::may_alias]] AnywhereInMemory {
+    std::uint64_t word;
+  };
+  const auto pageSize = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+  const std::uint64_t inPage = position % pageSize;
+  const std::uint64_t size = inPage + sizeof word;
+  void* const bytes = GetFileSyscalls().mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED,
+                                             m_fd, Offset(position - inPage));
+  if (bytes == MAP_FAILED) return false;
+  static_cast<volatile AnywhereInMemory*>(static_cast<void*>(static_cast<char*>(bytes) + inPage))
+      ->word = word;
+  ::munmap(bytes, size);
+  return true;
 }
 
 bool ZrFileStream::GetLength(std::uint64_t& length) const {
