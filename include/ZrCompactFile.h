@@ -73,11 +73,11 @@ struct TileStore;
 /// Fork. A child must not touch an object that its parent had open.
 ///
 /// Crash. What an operation has acknowledged survives the death of the process at any moment. An
-/// operation cut short, by a kill or by a disk that fails, leaves its tile as it was; except that a
-/// version being rewritten in its own place (the same stamp stored again with no more room than
-/// before) may be left half old, half new. A full disk is noticed
-/// before anything is overwritten. Loss of power may cost whatever came after the last Flush. A
-/// process with a limit on file sizes should ignore SIGXFSZ, to see a result instead.
+/// operation cut short by a kill leaves its tile as it was, or as it was to become; one that a disk
+/// fails leaves it as it was. A version that is rewritten in its own place needs room for a copy of
+/// it at the end of the file meanwhile, and a full disk is noticed before anything is overwritten.
+/// Loss of power may cost whatever came after the last Flush. A process with a limit on file sizes
+/// should ignore SIGXFSZ, to see a result instead.
 class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
  public:
   /// State of a cell or of a version. It is stored in one byte, so a damaged file may hold any
