@@ -227,7 +227,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
       kOverlap,     ///< a record that lies over another one of some tile
       kUnreadable,  ///< bytes that the system could not read
     };
-    Kind kind = kHeader;
+    Kind kind = kHeader;              ///< what it is about
     unsigned long long position = 0;  ///< in the file: of the field, the entry or the record
     /// From kEntry on: the number of the entry, which is the slot of a name, or the cell, counted
     /// row by row.
@@ -241,7 +241,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// What a check has counted, as far as it came. Where nothing overlaps, the bytes of index, live
   /// and dead are those of the file.
   struct ZrVerifySummary {
-    unsigned long long findings = 0;
+    unsigned long long findings = 0;    ///< also where nobody was told
     unsigned long long tiles = 0;       ///< cells or names whose current record is there
     unsigned long long versions = 0;    ///< of all tiles, the newest included
     unsigned long long indexBytes = 0;  ///< of the file's header and the index
