@@ -209,6 +209,7 @@ void Verifier::CheckTile(std::uint64_t position) {
                   "the entry names a place where no record can be");
   if (!ReadRecord(Finding::kRecord, position, m_current)) return;
   ++m_summary.tiles;
+  KeepExtent(m_current);
   if (!IsGrid()) CheckName(m_current);
   const std::uint32_t count = m_current.fields.versionCount;
   if (count > 1 && !m_hasVersions)
@@ -217,20 +218,23 @@ void Verifier::CheckTile(std::uint64_t position) {
     CheckOlderVersion(entry);
 }
 
+// One that is marked as gone is dead space, but lookups still find it.
 void Verifier::CheckOlderVersion(std::uint32_t entry) {
   constexpr auto kKind = Finding::kVersion;
   const std::uint64_t locator = VersionsOf(m_current).Locator(entry);
   const std::uint8_t status = Format::StatusOf(locator);
   const std::uint64_t position = Format::PositionOf(locator);
   m_at.version = VersionsOf(m_current).Stamp(entry);
-  if (status == Format::kStatusEmpty || status == Format::kStatusUnknown) return;  // gone
+  const bool isGone = status == Format::kStatusEmpty || status == Format::kStatusUnknown;
+  if (isGone && position == 0) return;
   const std::uint64_t place = m_current.position + m_current.fields.tableOffset +
                               std::uint64_t{entry} * Format::kVersionEntrySize;
-  if (!Format::HoldsRecord(status))
+  if (!isGone && !Format::HoldsRecord(status))
     return Report(kKind, place, "the version has a status that is never stored");
   if (!IsPlace(position))
     return Report(kKind, place, "the table names a place where no record can be");
   if (!ReadRecord(kKind, position, m_older)) return;
+  if (!isGone) KeepExtent(m_older);
   if (VersionsOf(m_older).Stamp(0) != m_at.version)
     Report(kKind, position, "the record of an older version has another stamp than the table says");
   const Format::StoredName name = NameOf(m_current), olderName = NameOf(m_older);
@@ -242,7 +246,7 @@ bool Verifier::IsPlace(std::uint64_t position) const {
   return position < m_fileLength && m_index.LeavesRoom(position, 1);
 }
 
-// Reads the head of a record that is alive. Only if it can be used, it counts as a version.
+// Reads and checks the head of a version's record; false if the version cannot be used.
 bool Verifier::ReadRecord(Finding::Kind kind, std::uint64_t position, Head& head) {
   if (!ReadHead(kind, position, head) || !CheckExtent(kind, head)) return false;
   if (head.fields.versionCount == 0) return Fail(kind, position, "the record has no version");
@@ -250,7 +254,6 @@ bool Verifier::ReadRecord(Finding::Kind kind, std::uint64_t position, Head& head
   const Format::RecordHead& fields = head.fields;
   if (fields.filledLength == 0 || fields.filledLength > fields.capacity)
     Report(kind, position, "the filled length does not fit the capacity");
-  KeepExtent(head);
   return true;
 }
 
