@@ -495,7 +495,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   ZrByteArray* GetSwapData();
   bool IsReadOnly() const;
   bool IsRecordPlace(unsigned long long position, unsigned long long length) const;
-  unsigned long long GetAppendPosition() const;
+  unsigned long long GetAppendPosition();
+  bool FindDataEnd(unsigned long long fileLength);
   Format::RecordImage MakeImage(ZrByteArray& buffer) const;
   bool ReadHead(unsigned long long position, unsigned long long guessedLength,
                 Format::RecordImage& image) const;
@@ -593,6 +594,11 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   PelmUnicodeString m_strAbsolutePath;  ///< where the file is, whatever the working directory
   PelmUnicodeString m_strPassword;
   ZrOpenMode m_nOpenMode = 0;
+
+  /// Where the last record of a grid file ends, if that is behind the end of the file, as a light
+  /// writer leaves it; and whether that was looked for. Guarded by m_mutex.
+  unsigned long long m_nDataEnd = 0;
+  bool m_bDataEndFound = false;
 
   /// The lock order: m_mutex, the lock between processes, m_readers, m_stateMutex, the index's own.
   ZrMutex m_mutex{1};

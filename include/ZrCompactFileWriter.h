@@ -111,7 +111,6 @@ class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
                   unsigned long long fileLength) const;
   unsigned long long GetAppendPosition(unsigned long long fileLength);
   bool FindDataEnd(unsigned long long fileLength);
-  bool FindHighestRecord(unsigned long long fileLength, unsigned long long& highest) const;
   bool HoldsRecords() const;
 
   unsigned long long m_nDataEnd = 0;  // the last record's stated end, of those known

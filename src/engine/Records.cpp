@@ -2,6 +2,7 @@
 #include <cstring>
 #include <new>
 
+#include "DataEnd.h"
 #include "FileMap.h"
 #include "Header.h"
 #include "IndexValue.h"
@@ -37,13 +38,26 @@ bool ZrCompactFile::IsRecordPlace(unsigned long long position, unsigned long lon
   return index.LeavesRoom(position, length);
 }
 
-// Behind the last byte of the file, and behind the index, of which a damaged file may have lost
-// the end. 0 if the file does not tell its length, or an index value could not name the position.
-unsigned long long ZrCompactFile::GetAppendPosition() const {
+// Behind the last byte of the file; behind the index, of which a damaged file may have lost the
+// end; and behind what the last record claims, which a light writer may not have written. 0 if the
+// file cannot be read, or an index value could not name the position.
+unsigned long long ZrCompactFile::GetAppendPosition() {
   std::uint64_t length;
-  if (!m_file->GetLength(length)) return 0;
-  const unsigned long long end = std::max<unsigned long long>(length, GetIndexEnd());
+  if (!m_file->GetLength(length) || !FindDataEnd(length)) return 0;
+  const unsigned long long end = std::max<unsigned long long>({length, GetIndexEnd(), m_nDataEnd});
   return end <= Format::kPositionMask - Format::kGridRecordHead - kMaxCapacity ? end : 0;
+}
+
+// Looks, once for each file, whether it ends before its last record does, and until when.
+bool ZrCompactFile::FindDataEnd(unsigned long long fileLength) {
+  if (m_nDataEnd <= fileLength) m_nDataEnd = 0;
+  if (m_bDataEndFound || IsNaming()) return true;
+  const Format::IndexArea index = {Format::HeaderView(m_header).IndexOffset(), GetIndexEnd()};
+  std::uint64_t end;
+  if (!Io::FindDataEnd(*m_file, index, m_bSwap, fileLength, end)) return false;
+  if (end > fileLength) m_nDataEnd = end;
+  m_bDataEndFound = true;
+  return true;
 }
 
 Format::RecordImage ZrCompactFile::MakeImage(ZrByteArray& buffer) const {

@@ -35,8 +35,8 @@ bool IsSafeInPlace(std::uint64_t position, const Format::RecordHead& head,
   return span.offset >= head.filledLength && !Io::SpansPages(position, head.size);
 }
 
-// Has the processor fetch the beginning of a record from memory: the payload comes while the head is
-// still waited for. More than that it does by itself.
+// Has the processor fetch the beginning of a record from memory: the payload comes while the head
+// is still waited for. More than that it does by itself.
 void FetchAhead(const unsigned char* record, std::uint64_t available) {
   constexpr std::uint64_t kLine = 64;
   for (std::uint64_t i = 0; i < std::min<std::uint64_t>(available, 16 * kLine); i += kLine)

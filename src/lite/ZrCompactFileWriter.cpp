@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <functional>
 
+#include "DataEnd.h"
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
 #include "IndexValue.h"
@@ -17,16 +18,6 @@
 namespace Zarn {
 
 static_assert(ZrCompactFile::kMaxCapacity == Format::kMaxCapacity);
-
-namespace {
-
-// A record that a caller may have asked for states a length in this range.
-bool IsPlausibleLength(std::uint64_t length) {
-  return length >= Format::kGridRecordHead &&
-         length <= Format::kGridRecordHead + Format::kMaxCapacity;
-}
-
-}  // namespace
 
 unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned int rows,
                                          unsigned int cols, const PelmUnicodeString& password,
@@ -233,43 +224,11 @@ unsigned long long ZrCompactFileWriter::GetAppendPosition(unsigned long long fil
 }
 
 bool ZrCompactFileWriter::FindDataEnd(unsigned long long fileLength) {
-  unsigned long long highest = 0;
-  if (!FindHighestRecord(fileLength, highest)) return false;
-  std::uint64_t length = 0;
-  if (highest != 0 && fileLength - highest >= sizeof length) {
-    if (!ReadAt(highest, &length, sizeof length)) return false;
-    length = LoadScalar<std::uint64_t>(&length, m_bSwap);
-  }
-  if (IsPlausibleLength(length))
-    m_nDataEnd = std::max<unsigned long long>(m_nDataEnd, highest + length);
+  std::uint64_t end;
+  if (!Io::FindDataEnd(*this, {GetIndexOffset(), GetDataStart()}, m_bSwap, fileLength, end))
+    return false;
+  m_nDataEnd = std::max<unsigned long long>(m_nDataEnd, end);
   m_bDataEndFound = true;
-  return true;
-}
-
-// The highest position inside the file that an entry points at; 0 if there is none. Holes of the
-// index are skipped, so a large and mostly empty grid costs little.
-bool ZrCompactFileWriter::FindHighestRecord(unsigned long long fileLength,
-                                            unsigned long long& highest) const {
-  constexpr std::uint64_t kEntrySize = Format::kGridEntrySize;
-  const std::uint64_t start = Format::GridEntryOffset(GetIndexOffset(), 0);
-  const std::uint64_t end = std::min<std::uint64_t>(GetDataStart(), fileLength);
-  ZrByteArray piece;
-  if (!piece.ResizeForOverwrite(64 * 1024)) return false;
-
-  for (std::uint64_t position = start; position < end;) {
-    position += (NextData(position) - position) / kEntrySize * kEntrySize;
-    if (position >= end) break;
-    const std::uint64_t size = std::min<std::uint64_t>(piece.GetSize(), end - position);
-    if (!ReadAt(position, piece.GetData(), size)) return false;
-    for (std::uint64_t i = 0; i + kEntrySize <= size; i += kEntrySize) {
-      const auto entry = LoadScalar<std::uint64_t>(piece.GetData() + i, m_bSwap);
-      const std::uint64_t record = Format::PositionOf(entry);
-      if (Format::HoldsRecord(Format::StatusOf(entry)) && record >= GetDataStart() &&
-          record < fileLength && record > highest)
-        highest = record;
-    }
-    position += size;
-  }
   return true;
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "ZrCompactFileWriter.h"
 #include "ZrFile.h"
 #include "engine/EngineFixture.h"
 #include "support/Processes.h"
@@ -305,6 +306,19 @@ TEST_F(Lifecycle, AFailingCallOfAStoreKeepsTheTile) {
     }
     EXPECT_GT(n, 4U);
   }
+}
+
+// Which writes no more of its last tile than the data.
+TEST_F(Lifecycle, NothingIsAppendedIntoWhatALightWriterHasReserved) {
+  ZrCompactFileWriter writer;
+  ASSERT_EQ(writer.Create(path, 1, 2, u"", kMode), 0U);
+  ASSERT_EQ(writer.SetAt(0, 0, Data("part"), 100, 0, 1), 0U);
+  writer.Close();
+  Reopen();
+  const std::string neighbour(80, 'n'), whole(100, 'w');
+  EXPECT_EQ(Store(0, 1, neighbour, 1) + Store(0, 0, whole, 1), 0U);
+  EXPECT_EQ(Read(0, 1, 1), (Tile{0, neighbour, 80}));
+  EXPECT_EQ(Read(0, 0, 1), (Tile{0, whole, 100}));
 }
 
 TEST_F(Lifecycle, ARemovalCutShortLosesNoOtherVersion) {
