@@ -1,6 +1,7 @@
 #include "ZrCompactFileWriter.h"
 
 #include <algorithm>
+#include <new>
 
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
@@ -28,7 +29,7 @@ bool IsPlausibleLength(std::uint64_t length) {
 
 unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned int rows,
                                          unsigned int cols, const PelmUnicodeString& password,
-                                         ZrCompactFile::ZrOpenMode mode) {
+                                         ZrCompactFile::ZrOpenMode mode) try {
   Close();
   if (Format::IsCachePath(path)) return ZrResult::kNotUsable;
   // The product wraps at 32 bits before it is compared.
@@ -56,6 +57,9 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
   file.Commit();
   m_bDataEndFound = true;
   return ZrResult::kOk;
+} catch (const std::bad_alloc&) {
+  Close();
+  return ZrResult::kNotCreated;
 }
 
 unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,
