@@ -16,6 +16,13 @@ set_target_properties(HxBase HxStream HxToolkit HxCompactFile PROPERTIES INSTALL
 install(TARGETS HxBase HxStream HxToolkit HxCompactFile EXPORT HxCompactFileTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development
   INCLUDES DESTINATION ${hx_include_dir})
+# For whoever keeps files; no place for it in the package of the libraries alone.
+if(TARGET hxcf_check)
+  file(RELATIVE_PATH hx_libraries_from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
+  set_target_properties(hxcf_check PROPERTIES INSTALL_RPATH "$ORIGIN/${hx_libraries_from_bin}")
+  install(TARGETS hxcf_check
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Development)
+endif()
 install(DIRECTORY include/ platform/base/include/ platform/stream/include/ platform/toolkit/include/
   DESTINATION ${hx_include_dir} COMPONENT Development
   PATTERN FileSyscalls.h EXCLUDE)  # for tests

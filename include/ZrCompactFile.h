@@ -43,6 +43,7 @@ class OperationLock;
 struct FileState;
 struct BatchSource;
 struct NameSlot;
+struct RecordReference;
 class StoreBatch;
 struct TileEntry;
 struct TileStore;
@@ -72,11 +73,11 @@ struct TileStore;
 /// Fork. A child must not touch an object that its parent had open.
 ///
 /// Crash. What an operation has acknowledged survives the death of the process at any moment. An
-/// operation cut short, by a kill or by a disk that fails, leaves its tile as it was; except that a
-/// version being rewritten in its own place (the same stamp stored again with no more room than
-/// before) may be left half old, half new. A full disk is noticed
-/// before anything is overwritten. Loss of power may cost whatever came after the last Flush. A
-/// process with a limit on file sizes should ignore SIGXFSZ, to see a result instead.
+/// operation cut short by a kill leaves its tile as it was, or as it was to become; one that a disk
+/// fails leaves it as it was. A version that is rewritten in its own place needs room for a copy of
+/// it at the end of the file meanwhile, and a full disk is noticed before anything is overwritten.
+/// Loss of power may cost whatever came after the last Flush. A process with a limit on file sizes
+/// should ignore SIGXFSZ, to see a result instead.
 class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
  public:
   /// State of a cell or of a version. It is stored in one byte, so a damaged file may hold any
@@ -210,6 +211,77 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned int Compact();
   /// The same, and tells how far it has come; an empty function is none.
   unsigned int Compact(const CompactProgress& progress);
+  /// @}
+
+  /// @name Checking
+  /// @{
+
+  /// Something in the file that no writer leaves so.
+  struct ZrFinding {
+    /// What it is about; tells which of the fields below apply.
+    enum Kind : std::uint8_t {
+      kHeader,      ///< a field of the file's header
+      kIndex,       ///< a field of the index's header, or where the index lies
+      kEntry,       ///< the entry of a cell or a name
+      kRecord,      ///< the current record of a tile: its head, name, or version table
+      kVersion,     ///< an older version: its place in the table, or its record
+      kOverlap,     ///< a record that lies over another one of some tile
+      kUnreadable,  ///< bytes that the system could not read
+    };
+    Kind kind = kHeader;              ///< what it is about
+    unsigned long long position = 0;  ///< in the file: of the field, the entry or the record
+    /// From kEntry on: the number of the entry, which is the slot of a name, or the cell, counted
+    /// row by row.
+    unsigned long long number = 0;
+    unsigned int row = 0;            ///< the same, of a cell
+    unsigned int col = 0;            ///< of a cell
+    unsigned long long version = 0;  ///< kVersion: the stamp
+    const char* message = "";        ///< what is wrong, in English; lives as long as the library
+  };
+
+  /// What a check has counted, as far as it came. Where nothing overlaps, the bytes of index, live
+  /// and dead are those of the file.
+  struct ZrVerifySummary {
+    unsigned long long findings = 0;    ///< also where nobody was told
+    unsigned long long tiles = 0;       ///< cells or names whose current record is there
+    unsigned long long versions = 0;    ///< of all tiles, the newest included
+    unsigned long long indexBytes = 0;  ///< of the file's header and the index
+    unsigned long long liveBytes = 0;   ///< of the records of all versions
+    unsigned long long deadBytes = 0;   ///< the rest, which a compaction would give back
+    /// What the last record states, but the file does not have, because a light writer has stored
+    /// less than the capacity. The tile cannot be read until another one has been stored.
+    unsigned long long unwrittenBytes = 0;
+  };
+
+  /// Told each finding; false ends the check. Called in the checking thread, which must not use the
+  /// object meanwhile. An exception counts as false.
+  using VerifyReport = std::function<bool(const ZrFinding& finding)>;
+  /// Told how many of all index entries are done; the same rules. `done` never goes down, and ends
+  /// at `total`.
+  using VerifyProgress = std::function<bool(unsigned long long done, unsigned long long total)>;
+
+  /// Looks through the whole file, as it is on the disk, for what no writer leaves so: in headers,
+  /// entries, heads of records and version tables, and for records that lie over each other. Tiles
+  /// have no checksums, so damage to their bytes is not found, nor is what gives another sound
+  /// file; docs/format.md lists it. Nothing is changed.
+  ///
+  /// @param summary  receives what was counted.
+  /// @param report   may be empty.
+  /// @param progress may be empty.
+  ///
+  /// kOk for a sound file; kReadFailure if there were findings, and, without any, if the headers
+  /// cannot be brought up to date under the lock between processes; kNotUsable if the progress
+  /// ended the check before there was a finding, if memory is short, and for a ".sc" file;
+  /// kNotOpen.
+  ///
+  /// Lookups of all threads and processes go on meanwhile. Stores wait until it is done, and what
+  /// this object is asked after such a store waits with it. A program that stores without
+  /// kProcessLock meanwhile may cause findings that are none. It takes time in proportion to the
+  /// number of versions and the size of the index, and some 24 bytes of memory per version.
+  unsigned int Verify(ZrVerifySummary& summary, const VerifyReport& report,
+                      const VerifyProgress& progress = VerifyProgress());
+  /// The same, and only counts.
+  unsigned int Verify(ZrVerifySummary& summary);
   /// @}
 
   /// @name Tiles of a grid file
@@ -432,10 +504,13 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                         const Engine::TileStore& store);
   unsigned long long WriteDataToDataFile(unsigned long long position, bool append,
                                          const Format::RecordImage& image);
-  bool RewriteRecord(Engine::TileEntry& entry, unsigned long long position,
-                     const Format::RecordImage& image);
-  bool WriteHeadAndDataInPlace(unsigned long long position, const Format::RecordImage& image,
-                               const Engine::TileStore& store);
+  bool PointTo(Engine::RecordReference& reference, unsigned long long position);
+  bool ReplaceLocator(Engine::RecordReference& reference, unsigned long long locator);
+  unsigned long long MoveHome(Engine::RecordReference& reference, unsigned long long copy,
+                              unsigned long long home, const Format::RecordImage& image,
+                              const Engine::TileStore* store);
+  unsigned long long RewriteRecord(Engine::RecordReference reference, unsigned long long position,
+                                   const Format::RecordImage& image);
   bool UpdateSwapData(Format::RecordImage& image, const Engine::TileStore& store);
   unsigned long long AppendSwapData(Format::RecordImage& image, const Engine::TileStore& store);
   unsigned long long AppendNewRecord(Format::RecordImage& image, const Engine::TileStore& store);
@@ -454,9 +529,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned long long AddOldVersionData(unsigned long long recordPosition,
                                        Format::RecordImage& image, unsigned int index,
                                        const Engine::TileStore& store);
-  unsigned long long ReplaceVersion(unsigned long long recordPosition, Format::RecordImage& image,
-                                    const Engine::TileStore& store);
-  bool UpdateOlderVersion(unsigned long long recordPosition, Format::RecordImage& image,
+  unsigned long long ReplaceVersion(Engine::RecordReference reference, unsigned long long position,
+                                    Format::RecordImage& image, const Engine::TileStore& store);
+  bool UpdateOlderVersion(Engine::TileEntry& entry, const Format::RecordImage& image,
                           unsigned int index, const Engine::TileStore& store);
   bool ReadOlderHead(unsigned long long position, unsigned long long currentPosition,
                      unsigned long long stamp, Format::RecordImage& image) const;
@@ -477,9 +552,11 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
     std::uint64_t number = 0;
     unsigned int aboard = 0;   ///< 0: the lock is not held for reading
     unsigned int boarded = 0;  ///< since the lock was taken
+    unsigned int staying =
+        0;  ///< of those aboard: that take long, so that nobody waits for the end
 
     void End() {
-      aboard = 0;
+      aboard = staying = 0;
       ++number;
     }
   };

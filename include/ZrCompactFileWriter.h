@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "ZrByteArray.h"
 #include "ZrGridFile.h"
 
@@ -14,7 +16,7 @@ namespace Zarn {
 /// One thread uses one object, and one writer at a time works on a file; readers may be open
 /// meanwhile.
 ///
-/// A process that is killed while it rewrites a tile in place may leave it half old, half new.
+/// A process that is killed leaves every tile as it was, or as it was meant to become.
 ///
 /// Limits, kept for the files that exist:
 /// - A tile has one version here. Storing into a cell whose tile has several, made by
@@ -95,6 +97,16 @@ class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
  private:
   enum class Place { kInPlace, kAppend, kBeyondFile, kUnreadable };
 
+  struct CellEntry {
+    unsigned int row;
+    unsigned int col;
+    unsigned long long value;
+  };
+  /// Writes a record at a position; answers as WriteDataToFile.
+  using RecordWrite = std::function<unsigned long long(unsigned long long position)>;
+
+  unsigned int Rewrite(const CellEntry& cell, unsigned long long size, unsigned long long capacity,
+                       unsigned long long fileLength, const RecordWrite& write);
   Place FindPlace(unsigned long long entry, unsigned long long capacity,
                   unsigned long long fileLength) const;
   unsigned long long GetAppendPosition(unsigned long long fileLength);

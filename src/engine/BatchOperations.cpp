@@ -7,6 +7,7 @@
 #include "NameKey.h"
 #include "NameTable.h"
 #include "OperationLock.h"
+#include "ReplaceWord.h"
 #include "StoreBatch.h"
 #include "ZrCompactFile.h"
 
@@ -36,6 +37,19 @@ bool FillsItsRecord(const Store& store) {
   if (store.data == nullptr) return false;
   const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
   return span && span->CoversAll();
+}
+
+// Of the entries that lie at `position`, those that span pages: a kill must not cut them in two.
+bool ReplaceSplitEntries(ZrFile64& file, std::uint64_t position, const ZrByteArray& before,
+                         const ZrByteArray& after) {
+  for (std::uint64_t at = 0; at < after.GetSize(); at += Format::kGridEntrySize) {
+    if (Io::SpansPages(position + at, Format::kGridEntrySize) &&
+        !Io::ReplaceWord(file, position + at,
+                         LoadScalar<std::uint64_t>(before.GetData() + at, false),
+                         LoadScalar<std::uint64_t>(after.GetData() + at, false)))
+      return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -202,7 +216,8 @@ bool ZrCompactFile::WriteCells(const NameSlot* cells, std::size_t count) {
     StoreScalar(bytes.GetData() + i * Format::kGridEntrySize, cells[i].entry.Value(), m_bSwap);
     StoreScalar(before.GetData() + i * Format::kGridEntrySize, cells[i].entry.stored, m_bSwap);
   }
-  if (m_file->WriteAt(start + offset, bytes.GetData(), size) &&
+  if (ReplaceSplitEntries(*m_file, start + offset, before, bytes) &&
+      m_file->WriteAt(start + offset, bytes.GetData(), size) &&
       m_pIndex->Write(offset, bytes.GetData(), size))
     return true;
   m_file->WriteAt(start + offset, before.GetData(), size);

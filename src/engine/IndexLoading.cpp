@@ -3,6 +3,7 @@
 #include "FileState.h"
 #include "IndexValue.h"
 #include "OperationLock.h"
+#include "ReplaceWord.h"
 #include "Tile.h"
 #include "ZrCompactFile.h"
 
@@ -187,15 +188,16 @@ bool ZrCompactFile::WriteIndexValue(Engine::TileEntry& entry) {
                                      : Format::NamingSlotOffset(header.IndexOffset(), 0);
   const std::uint64_t offset =
       entry.number * std::uint64_t{isGrid ? Format::kGridEntrySize : Format::kNamingSlotSize};
-  std::uint64_t bytes;
-  StoreScalar(&bytes, entry.Value(), m_bSwap);
-  if (m_file->WriteAt(start + offset, &bytes, sizeof bytes) &&
-      m_pIndex->Write(offset, &bytes, sizeof bytes)) {
+  std::uint64_t before;
+  std::uint64_t after;
+  StoreScalar(&before, entry.stored, m_bSwap);
+  StoreScalar(&after, entry.Value(), m_bSwap);
+  if (Io::ReplaceWord(*m_file, start + offset, before, after) &&
+      m_pIndex->Write(offset, &after, sizeof after)) {
     entry.stored = entry.Value();
     return true;
   }
-  StoreScalar(&bytes, entry.stored, m_bSwap);
-  m_file->WriteAt(start + offset, &bytes, sizeof bytes);
+  m_file->WriteAt(start + offset, &before, sizeof before);
   m_pIndex->Forget();
   return false;
 }

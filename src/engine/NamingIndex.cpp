@@ -7,6 +7,7 @@
 #include "NameKey.h"
 #include "OperationLock.h"
 #include "RecordReader.h"
+#include "ReplaceWord.h"
 #include "Tile.h"
 #include "ZrCompactFile.h"
 
@@ -15,6 +16,23 @@ namespace Zarn {
 using Engine::NameKey;
 using Engine::NameSlot;
 using Engine::TileEntry;
+
+namespace {
+
+// Writes a header that lies on two pages, field by field; all that ever change have eight bytes.
+bool WriteByFields(ZrFile64& file, std::uint64_t position, const Format::NamingHeaderImage& image) {
+  constexpr std::size_t kFlags = Format::kNamingFlagsOffset;
+  Format::NamingHeaderImage now;
+  if (!file.ReadAt(position, now.data(), now.size())) return false;
+  for (std::size_t field = 0; field < kFlags; field += Format::kWidth8) {
+    const auto before = LoadScalar<std::uint64_t>(&now[field], false);
+    const auto after = LoadScalar<std::uint64_t>(&image[field], false);
+    if (before != after && !Io::ReplaceWord(file, position + field, before, after)) return false;
+  }
+  return file.WriteAt(position + kFlags, &image[kFlags], image.size() - kFlags);
+}
+
+}  // namespace
 
 bool ZrCompactFile::IsNaming() const {
   return Format::HeaderView(m_header).FileKind() == Format::kNamingFile;
@@ -108,7 +126,9 @@ bool ZrCompactFile::WriteNamingHeader(unsigned long long indexOffset, unsigned l
   const auto [maxSize1, maxSize2] = GetMaxSizes();
   const auto image =
       Format::EncodeNamingHeader({capacity, count, maxSize1, maxSize2, m_nNamingFlags}, m_bSwap);
-  return m_file->WriteAt(indexOffset, image.data(), image.size());
+  return Io::SpansPages(indexOffset, image.size())
+             ? WriteByFields(*m_file, indexOffset, image)
+             : m_file->WriteAt(indexOffset, image.data(), image.size());
 }
 
 // Doubles a full index: a new area at the end of the file, to which the header then points. Until

@@ -33,7 +33,8 @@ void OperationLock::Acquire() {
 
 bool OperationLock::LockForReading() {
   auto& flight = m_object.m_flight;
-  if (flight.aboard == 0 || flight.boarded == kReadersPerFlight || !m_object.m_bIndexValid) {
+  const bool isFull = flight.boarded >= kReadersPerFlight && flight.staying == 0;
+  if (flight.aboard == 0 || isFull || !m_object.m_bIndexValid) {
     WaitForReaders();
     if (!m_object.ReaderLock(1)) return false;
     flight.boarded = 0;
@@ -70,11 +71,19 @@ void OperationLock::LeaveProcessLock() {
   if (!std::exchange(m_processLocked, false)) return;
   if (m_kind == kReader) {
     auto& flight = m_object.m_flight;
-    if (flight.number == m_flight && --flight.aboard == 0) m_object.ReaderUnlock();
+    if (flight.number != m_flight) return;
+    if (m_stays) --flight.staying;
+    if (--flight.aboard == 0) m_object.ReaderUnlock();
     return;
   }
   if (m_kind == kCompaction) m_object.m_bLockHeld = false;
   m_object.WriterUnlock();
+}
+
+void OperationLock::StayLong() {
+  if (!m_processLocked) return;
+  m_stays = true;
+  ++m_object.m_flight.staying;
 }
 
 void OperationLock::LeaveMutex() {

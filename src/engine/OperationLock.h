@@ -30,6 +30,9 @@ class OperationLock {
   /// operation fails and writes nothing.
   bool IsUsable() const { return m_usable; }
 
+  /// For a reader that takes long: while it reads, others join its flight without a limit.
+  void StayLong();
+
   /// For a reader that has found its record and needs only the file from here on: lets other
   /// threads work.
   void LeaveMutex();
@@ -48,6 +51,7 @@ class OperationLock {
   std::unique_lock<ZrMutex> m_mutex;
   bool m_processLocked = false;
   std::uint64_t m_flight = 0;  // of a reader: the one that it belongs to
+  bool m_stays = false;
   bool m_usable = false;
   std::unique_lock<std::shared_mutex> m_exclusive;
   std::shared_lock<std::shared_mutex> m_shared;

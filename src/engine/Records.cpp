@@ -7,19 +7,12 @@
 #include "IndexValue.h"
 #include "RecordImage.h"
 #include "RecordReader.h"
+#include "ReplaceWord.h"
 #include "Tile.h"
 #include "ZrCompactFile.h"
 #include "ZrThread.h"
 
 namespace Zarn {
-namespace {
-
-bool SpansPages(std::uint64_t position, std::uint64_t size) {
-  constexpr std::uint64_t kPageSize = 4096;
-  return position / kPageSize != (position + size - 1) / kPageSize;
-}
-
-}  // namespace
 
 // The calling thread's buffer, made on first use; the map of them is also the list of the object's
 // users. Null while nothing is open, or if memory is short.
@@ -98,47 +91,54 @@ unsigned long long ZrCompactFile::WriteDataToDataFile(unsigned long long positio
   return written ? position : 0;
 }
 
-// Replaces a record by the one in the image, which is no longer, in its place, and makes it the
-// tile's current one. The kernel stops a write of a killed process between two pages, so a record
-// that spans pages is written to the end of the file first, and is the current one there while its
-// place is overwritten. Then its place is current again, and the copy is cut off.
-bool ZrCompactFile::RewriteRecord(Engine::TileEntry& entry, unsigned long long position,
-                                  const Format::RecordImage& image) {
-  const std::uint64_t length = image.Head().length;
-  entry.position = position;
-  if (!SpansPages(position, length)) return WriteDataToDataFile(position, false, image) != 0;
-
-  const unsigned long long copy = WriteDataToDataFile(0, true, image);
-  entry.position = copy;
-  if (copy == 0 || !WriteIndexValue(entry)) return false;
-  if (WriteDataToDataFile(position, false, image) == 0) return true;  // the copy stays
-  entry.position = position;
-  if (!WriteIndexValue(entry)) {
-    entry.position = copy;
-    return true;
+// Makes a record the one that counts.
+bool ZrCompactFile::PointTo(Engine::RecordReference& reference, unsigned long long position) {
+  if (reference.locatorPlace == 0) {
+    reference.entry.position = position;
+    return WriteIndexValue(reference.entry);
   }
+  const auto locator = Format::PackIndexValue(Format::StatusOf(reference.locator), position);
+  return ReplaceLocator(reference, locator);
+}
+
+bool ZrCompactFile::ReplaceLocator(Engine::RecordReference& reference, unsigned long long locator) {
+  std::uint64_t before;
+  std::uint64_t after;
+  StoreScalar(&before, reference.locator, m_bSwap);
+  StoreScalar<std::uint64_t>(&after, locator, m_bSwap);
+  if (!Io::ReplaceWord(*m_file, reference.locatorPlace, before, after)) return false;
+  reference.locator = locator;
+  return true;
+}
+
+// Puts the record in the image, with the data if there is a store, where it does not grow. A write
+// of a killed process stops between two pages. So the record is at the end of the file by now, as
+// `copy`, and that is the one that counts while its place is overwritten. Then the place counts
+// again, and the copy is cut off. Returns where the record is; 0 if it is as it was.
+unsigned long long ZrCompactFile::MoveHome(Engine::RecordReference& reference,
+                                           unsigned long long copy, unsigned long long home,
+                                           const Format::RecordImage& image,
+                                           const Engine::TileStore* store) {
+  const std::uint64_t length = image.Head().length;
+  if (copy == 0 || !PointTo(reference, copy)) return 0;
+  const bool written = store != nullptr ? WriteHeadAndData(home, image, *store)
+                                        : WriteDataToDataFile(home, false, image) != 0;
+  if (!written || !PointTo(reference, home)) return copy;
   std::uint64_t fileLength;
   if (m_file->GetLength(fileLength) && fileLength == copy + length) {
     m_file->SetLength(copy);
     if (m_pMap != nullptr) m_pMap->Forget();
   }
-  return true;
+  return home;
 }
 
-// The same head and data over those that are there, whose record is no shorter. Where a write may
-// stop within the head, the data goes first, for it counts only through the head; and the length
-// last, so that the record holds more than it states meanwhile, and never less.
-bool ZrCompactFile::WriteHeadAndDataInPlace(unsigned long long position,
-                                            const Format::RecordImage& image,
-                                            const Engine::TileStore& store) {
-  const std::uint64_t headSize = image.Head().size;
-  if (!SpansPages(position, headSize)) return WriteHeadAndData(position, image, store);
-  const unsigned char* head = image.Bytes().GetData();
-  constexpr std::uint64_t kLength = Format::kRecordLengthSize;
-  return m_file->WriteAt(position + headSize + store.span.offset, store.data.GetData(),
-                         store.data.GetSize()) &&
-         m_file->WriteAt(position + kLength, head + kLength, headSize - kLength) &&
-         m_file->WriteAt(position, head, kLength);
+// Puts the record in the image over the one at `position`, which is no shorter.
+unsigned long long ZrCompactFile::RewriteRecord(Engine::RecordReference reference,
+                                                unsigned long long position,
+                                                const Format::RecordImage& image) {
+  if (!Io::SpansPages(position, image.Head().length))
+    return WriteDataToDataFile(position, false, image);
+  return MoveHome(reference, WriteDataToDataFile(0, true, image), position, image, nullptr);
 }
 
 // Puts the data into the payload area of an image that holds the whole record. Where the area

@@ -27,6 +27,14 @@ struct TileEntry {
   }
 };
 
+/// What leads to a record of a tile: its entry or, to an older version, a locator in the current
+/// record.
+struct RecordReference {
+  TileEntry& entry;
+  std::uint64_t locatorPlace = 0;  // in the file; 0: the entry leads there
+  std::uint64_t locator = 0;       // what it is now
+};
+
 /// What a caller stores.
 struct TileStore {
   const ZrByteArray& data;

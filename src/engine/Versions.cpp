@@ -6,6 +6,7 @@
 #include "NameKey.h"
 #include "RecordImage.h"
 #include "RecordReader.h"
+#include "ReplaceWord.h"
 #include "Tile.h"
 #include "ZrCompactFile.h"
 
@@ -23,6 +24,23 @@ std::uint64_t LocatorOf(const TileStore& store, std::uint64_t position) {
 
 Format::NewRecord NewRecordOf(const TileStore& store) {
   return {store.version, store.span.Status(), store.span.capacity, store.span.FilledLength()};
+}
+
+// Whether a store may change a record, whose head this is, in its place: then it can be killed at
+// any moment. All that it writes lies in one page, or its data lies where the head does not yet
+// count it as filled, and the head in one page.
+bool IsSafeInPlace(std::uint64_t position, const Format::RecordHead& head,
+                   const Format::StoreSpan& span) {
+  if (span.offset == 0) return !Io::SpansPages(position, head.size + span.size);
+  return span.offset >= head.filledLength && !Io::SpansPages(position, head.size);
+}
+
+// Has the processor fetch the beginning of a record from memory: the payload comes while the head is
+// still waited for. More than that it does by itself.
+void FetchAhead(const unsigned char* record, std::uint64_t available) {
+  constexpr std::uint64_t kLine = 64;
+  for (std::uint64_t i = 0; i < std::min<std::uint64_t>(available, 16 * kLine); i += kLine)
+    __builtin_prefetch(record + i);
 }
 
 }  // namespace
@@ -56,13 +74,14 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
       entry.position = AddMaxNewVersionData(entry.position, image, store);
       break;
     case StorePlace::kReplaceNewest:
-      entry.position = ReplaceVersion(entry.position, image, store);
+      entry.status = store.span.Status();
+      entry.position = ReplaceVersion({entry}, entry.position, image, store);
       break;
     case StorePlace::kInsertOlder:
       entry.position = AddOldVersionData(entry.position, image, index, store);
       break;
     default:
-      return UpdateOlderVersion(entry.position, image, index, store);
+      return UpdateOlderVersion(entry, image, index, store);
   }
   Remember(entry, image.Head().length);
   return entry.position != 0;
@@ -115,32 +134,35 @@ unsigned long long ZrCompactFile::AddOldVersionData(unsigned long long recordPos
 }
 
 // New data for the version that the image's record holds. In place if the record does not grow;
-// then only head and data are written, and the rest of the payload area stays as it is.
-unsigned long long ZrCompactFile::ReplaceVersion(unsigned long long recordPosition,
+// then the rest of the payload area stays as it is.
+unsigned long long ZrCompactFile::ReplaceVersion(Engine::RecordReference reference,
+                                                 unsigned long long position,
                                                  Format::RecordImage& image,
                                                  const TileStore& store) {
-  if (image.Head().size + store.span.capacity <= image.Head().length) {
+  const bool fits = image.Head().size + store.span.capacity <= image.Head().length;
+  if (fits && IsSafeInPlace(position, image.Head(), store.span)) {
     image.SetPayload(store.span.capacity, store.span.FilledLength());
-    return WriteHeadAndDataInPlace(recordPosition, image, store) ? recordPosition : 0;
+    return WriteHeadAndData(position, image, store) ? position : 0;
   }
-  if (!store.span.CoversAll() && !ReadDataFromDataFile(recordPosition, image)) return 0;
-  return AppendSwapData(image, store);
+  if (!store.span.CoversAll() && !ReadDataFromDataFile(position, image)) return 0;
+  const unsigned long long copy = AppendSwapData(image, store);
+  return fits ? MoveHome(reference, copy, position, image, &store) : copy;
 }
 
-// New data for an older version. If its record moves, the current one, whose head is in the image,
-// is told; its own position never changes.
-bool ZrCompactFile::UpdateOlderVersion(unsigned long long recordPosition,
-                                       Format::RecordImage& image, unsigned int index,
-                                       const TileStore& store) {
-  const std::uint64_t position = Format::PositionOf(image.Versions().Locator(index));
+// New data for an older version. If its record moves, the locator in the current one, whose head is
+// in the image, is told; the current record's own position never changes.
+bool ZrCompactFile::UpdateOlderVersion(TileEntry& entry, const Format::RecordImage& image,
+                                       unsigned int index, const TileStore& store) {
+  Engine::RecordReference reference = {entry, entry.position + image.LocatorOffset(index),
+                                       image.Versions().Locator(index)};
+  const std::uint64_t position = Format::PositionOf(reference.locator);
   ZrByteArray olderBuffer;
   Format::RecordImage older = MakeImage(olderBuffer);
-  if (!ReadOlderHead(position, recordPosition, store.version, older)) return false;
-  const std::uint64_t newPosition = ReplaceVersion(position, older, store);
+  if (!ReadOlderHead(position, entry.position, store.version, older)) return false;
+  const std::uint64_t newPosition = ReplaceVersion(reference, position, older, store);
   if (newPosition == 0) return false;
   if (newPosition == position) return true;  // the locator's status deliberately stays, too
-  image.SetLocator(index, LocatorOf(store, newPosition));
-  return m_file->WriteAt(recordPosition, image.Bytes().GetData(), image.Head().size);
+  return ReplaceLocator(reference, LocatorOf(store, newPosition));
 }
 
 // Only a record whose own newest version has the stamp that it is named by, and which is not the
@@ -168,7 +190,8 @@ bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version)
   if (index == 0) return RemoveNewest(entry, image);
   if (!ReadDataFromDataFile(entry.position, image)) return false;
   image.RemoveVersion(index);
-  return RewriteRecord(entry, entry.position, image);
+  entry.position = RewriteRecord({entry}, entry.position, image);
+  return entry.position != 0;
 }
 
 // The next older version becomes the current one: its record gets the rest of the table.
@@ -189,8 +212,8 @@ bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Format::RecordImage& cu
     status = older.Head().StatusByFilling();
   entry.status = status;
   Remember(entry, older.Head().length);
-  if (older.Head().length <= oldLength) return RewriteRecord(entry, position, older);
-  entry.position = WriteDataToDataFile(position, true, older);
+  entry.position = older.Head().length <= oldLength ? RewriteRecord({entry}, position, older)
+                                                    : WriteDataToDataFile(0, true, older);
   return entry.position != 0;
 }
 
@@ -215,7 +238,9 @@ Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry,
 bool ZrCompactFile::ViewRecord(unsigned long long position, Io::RecordReader& record) const {
   std::uint64_t available;
   const unsigned char* bytes = m_pMap != nullptr ? m_pMap->Get(position, available) : nullptr;
-  return bytes != nullptr && record.View(bytes, available);
+  if (bytes == nullptr) return false;
+  FetchAhead(bytes, available);
+  return record.View(bytes, available);
 }
 
 // Reads the version that a lookup of `version` selects, of the name `key` if there is one: the

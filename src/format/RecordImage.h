@@ -30,6 +30,10 @@ class RecordImage {
   /// Makes the buffer the head, in one version, of a new record. Only a naming file's has the name.
   bool Begin(const NewRecord& record, const StoredName& name);
 
+  /// Where in the record the locator of an entry is.
+  std::uint64_t LocatorOffset(std::uint32_t entry) const {
+    return m_head.tableOffset + entry * std::uint64_t{kVersionEntrySize} + kWidth8;
+  }
   void SetLocator(std::uint32_t entry, std::uint64_t locator);
   /// Capacity and filled length, and with them the record length: head plus capacity.
   void SetPayload(std::uint64_t capacity, std::uint64_t filledLength);

@@ -1,6 +1,7 @@
 #include "ZrCompactFileWriter.h"
 
 #include <algorithm>
+#include <functional>
 #include <new>
 
 #include "HeaderIo.h"
@@ -9,6 +10,7 @@
 #include "PathRules.h"
 #include "PelmTime.h"
 #include "RecordHead.h"
+#include "ReplaceWord.h"
 #include "StoreArguments.h"
 #include "ZrFile.h"
 #include "ZrNewFile.h"
@@ -115,10 +117,14 @@ bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
                                           unsigned long long value) {
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
   if (!IsOpen() || !cell) return false;
-  unsigned char entry[Format::kGridEntrySize];
-  StoreScalar<std::uint64_t>(entry, value, m_bSwap);
-  const bool written =
-      WriteAt(Format::GridEntryOffset(GetIndexOffset(), *cell), entry, sizeof entry);
+  const std::uint64_t position = Format::GridEntryOffset(GetIndexOffset(), *cell);
+  std::uint64_t before;
+  std::uint64_t after;
+  StoreScalar<std::uint64_t>(&after, value, m_bSwap);
+  const bool isSplit =
+      Io::SpansPages(position, sizeof after) && ReadAt(position, &before, sizeof before);
+  const bool written = isSplit ? Io::ReplaceWord(*this, position, before, after)
+                               : WriteAt(position, &after, sizeof after);
   Flush();
   return written;
 }
@@ -137,19 +143,49 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
   if (place == Place::kUnreadable) return ZrResult::kReadFailure;
   if (place == Place::kBeyondFile) return ZrResult::kOk;  // deliberately silent, nothing written
 
-  const unsigned long long target =
-      place == Place::kInPlace ? Format::PositionOf(entry) : GetAppendPosition(fileLength);
-  // A last record that grows in its place gets the room first: a full disk must not cost the tile.
-  const std::uint64_t end = target + Format::kGridRecordHead + data.GetSize();
-  if (place == Place::kInPlace && end > fileLength && !ZeroFill(fileLength, end - fileLength))
-    return ZrResult::kWriteFailure;
   ZrCompactFile::ZrStatus status;
-  const unsigned long long position =
-      WriteDataToFile(status, data, span->capacity, nOffset, nVersion, target);
-  if (position == 0) return ZrResult::kWriteFailure;
-  if (place == Place::kInPlace) return ZrResult::kOk;
-  if (!WriteIndexValue(row, col, Format::PackIndexValue(status, position)))
+  const auto write = [&](unsigned long long position) {
+    return WriteDataToFile(status, data, span->capacity, nOffset, nVersion, position);
+  };
+  if (place == Place::kInPlace)
+    return Rewrite({row, col, entry}, span->size, span->capacity, fileLength, std::ref(write));
+  const unsigned long long position = write(GetAppendPosition(fileLength));
+  if (position == 0 || !WriteIndexValue(row, col, Format::PackIndexValue(status, position)))
     return ZrResult::kWriteFailure;
+  return ZrResult::kOk;
+}
+
+// Calls `write` to put a record in the place of the cell's. A write of a killed process stops
+// between two pages; where it may, a copy at the end of the file is the cell's record meanwhile.
+unsigned int ZrCompactFileWriter::Rewrite(const CellEntry& cell, unsigned long long size,
+                                          unsigned long long capacity,
+                                          unsigned long long fileLength, const RecordWrite& write) {
+  const std::uint64_t home = Format::PositionOf(cell.value);
+  const std::uint64_t written = Format::kGridRecordHead + size;
+  const std::uint64_t recordLength = Format::kGridRecordHead + capacity;
+  // A last record that grows gets the room first: a full disk must not cost the tile.
+  if (home + written > fileLength) {
+    if (!ZeroFill(fileLength, home + written - fileLength)) return ZrResult::kWriteFailure;
+    fileLength = home + written;
+  }
+  if (!Io::SpansPages(home, written))
+    return write(home) != 0 ? ZrResult::kOk : ZrResult::kWriteFailure;
+
+  const unsigned long long end = GetAppendPosition(fileLength);
+  if (end == 0) return ZrResult::kWriteFailure;
+  const unsigned long long dataEnd = std::max<unsigned long long>(m_nDataEnd, home + recordLength);
+  const unsigned long long copy = std::max<unsigned long long>(end, home + recordLength);
+  if (write(copy) == 0 || !SetLength(copy + recordLength)) {
+    SetLength(fileLength);
+    return ZrResult::kWriteFailure;
+  }
+  const std::uint8_t status = Format::StatusOf(cell.value);  // deliberately stays
+  if (!WriteIndexValue(cell.row, cell.col, Format::PackIndexValue(status, copy))) {
+    WriteIndexValue(cell.row, cell.col, cell.value);
+    return ZrResult::kWriteFailure;
+  }
+  if (write(home) != 0 && WriteIndexValue(cell.row, cell.col, cell.value) && SetLength(fileLength))
+    m_nDataEnd = dataEnd;
   return ZrResult::kOk;
 }
 

@@ -91,6 +91,7 @@ TEST_P(Names, OfAnOlderFile) {
   MakeNaming(4, GetParam(), 20111111);
   const Name name(u"caf\u00E9");
   ASSERT_EQ(Put(name, "tile"), 0U);
+  Check();
   const Support::Bytes file = Support::ReadFile(path);
   const Support::Bytes expected =
       Number(250, 4) + Number(5, 4) + Support::Bytes{'c', 'a', 'f', 0xC3, 0xA9};

@@ -195,8 +195,7 @@ enum Trait : unsigned int {
   kManyTiles = 64,     // each of which is stored or not
   kStoresHalf0 = 128,  // of a tile that held nothing there; its status follows
   kStoresHalf1 = 256,
-  kMayBeDone = 512,  // also where the answer is a failure, as in place
-  kMayTear = 1024,   // a kill may leave the tile half old, half new
+  kMayBeDone = 512,  // also where the answer is a failure
 };
 
 struct Operation {
@@ -219,19 +218,17 @@ const Operation kOperations[] = {
     {"newest", ThreeVersions, [](Bench& b) { return b.Put(kSame, 9); }},
     {"newest, a piece", ThreeVersions, [](Bench& b) { return b.PutHalf(0, 9); }},
     {"older", ThreeVersions, [](Bench& b) { return b.Put(kSame, 3); }},
-    {"newest again", ThreeVersions, [](Bench& b) { return b.Put(kSame, 8); }, kMayBeDone},
-    {"newest again, smaller", ThreeVersions, [](Bench& b) { return b.Put(kSmaller, 8); },
-     kMayBeDone},
+    {"newest again", ThreeVersions, [](Bench& b) { return b.Put(kSame, 8); }},
+    {"newest again, smaller", ThreeVersions, [](Bench& b) { return b.Put(kSmaller, 8); }},
     {"newest again, larger", ThreeVersions, [](Bench& b) { return b.Put(kLarger, 8); }},
-    {"newest again, a piece", ThreeVersions, [](Bench& b) { return b.PutHalf(1, 8); }, kMayBeDone},
-    {"older again", ThreeVersions, [](Bench& b) { return b.Put(kSame, 4); }, kMayBeDone},
-    {"older again, smaller", ThreeVersions, [](Bench& b) { return b.Put(kSmaller, 4); },
-     kMayBeDone},
+    {"newest again, a piece", ThreeVersions, [](Bench& b) { return b.PutHalf(1, 8); }},
+    {"older again", ThreeVersions, [](Bench& b) { return b.Put(kSame, 4); }},
+    {"older again, smaller", ThreeVersions, [](Bench& b) { return b.Put(kSmaller, 4); }},
     {"older again, larger", ThreeVersions, [](Bench& b) { return b.Put(kLarger, 4); }},
     {"piece in order", FirstHalf, [](Bench& b) { return b.PutHalf(1, 4); },
-     kMayBeDone | kStoresHalf1},
+     kStoresHalf1 | kMayBeDone},
     {"piece out of order", SecondHalf, [](Bench& b) { return b.PutHalf(0, 4); },
-     kMayBeDone | kStoresHalf0},
+     kStoresHalf0 | kMayBeDone},
     {"remove newest", ThreeVersions, [](Bench& b) { return b.Remove(8); }},
     {"remove older", ThreeVersions, [](Bench& b) { return b.Remove(4); }},
     {"remove oldest", ThreeVersions, [](Bench& b) { return b.Remove(2); }},
@@ -296,7 +293,7 @@ const Operation kOperations[] = {
     {"writer: in place",
      OneVersion,
      [](Bench& b) { return b.Write(kSmaller); },
-     kLight | kOpens | kMayTear,
+     kLight | kOpens | kMayBeDone,
      {5, 6, 9, 10}},
     {"reader",
      OneVersion,
@@ -576,7 +573,7 @@ INSTANTIATE_TEST_SUITE_P(Engine, Survival, ::testing::ValuesIn(kLayouts),
 TEST_P(Survival, AKillAtAnyCall) {
   std::size_t kills = 0;
   for (const Operation& operation : kOperations) {
-    if (!operation.IsFor(layout) || operation.Is(kReads) || operation.Is(kMayTear)) continue;
+    if (!operation.IsFor(layout) || operation.Is(kReads)) continue;
     SCOPED_TRACE(operation.name);
     ASSERT_NO_FATAL_FAILURE(Prepare(operation));
     for (std::size_t call = 1; call <= m_boundaries.size(); ++call)
@@ -595,7 +592,6 @@ TEST_P(Survival, AFaultAtAnyCallOrRequest) {
     ASSERT_NO_FATAL_FAILURE(Prepare(operation));
     const std::size_t descriptors = CountEntries("/proc/self/fd");
     for (const Fault& fault : kFaults) {
-      if (fault.error == SyscallFaults::kCutOff && operation.Is(kMayTear)) continue;
       bool isMet = true;
       for (std::size_t n = 1 + ++sweeps % kStep; isMet; n += kStep) {
         SCOPED_TRACE(std::string(fault.name) + " " + std::to_string(n));

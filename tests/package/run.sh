@@ -34,6 +34,13 @@ install() {
   rm -rf "$prefix"
   cmake --install "$BUILD" --prefix "$work/first"
   mv "$work/first" "$prefix"  # nothing may remember where it was put
+  # The example of the format is a sound file, and no more when its last byte is missing.
+  printf "$(sed -nE '/^## Example/,$ s/^ *[0-9]+  (([0-9a-f.]{2} )*[0-9a-f.]{2})(  .*)?$/ \1/p' \
+    "$PROJECT/docs/format.md" | sed 's/\.\./00/g; s/ /\\x/g' | tr -d '\n')" >"$work/example.cf"
+  "$prefix/bin/hxcf_check" "$work/example"
+  truncate -s -1 "$work/example.cf"
+  [ "$("$prefix/bin/hxcf_check" "$work/example" >/dev/null; echo $?)" = 1 ] ||
+    fail "hxcf_check does not see that the file was cut"
 }
 
 find_package() {

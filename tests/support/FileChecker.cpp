@@ -1,5 +1,7 @@
 #include "support/FileChecker.h"
 
+#include "ZrCompactFile.h"
+
 namespace Support {
 namespace {
 
@@ -7,47 +9,30 @@ constexpr unsigned long long kPositionMask = 0x00FFFFFFFFFFFFFF;
 
 }  // namespace
 
-FileChecker::FileChecker(const PelmUnicodeString& path) : m_file(ReadFile(path)) { CheckFile(); }
-
-void FileChecker::CheckFile() {
-  fileSize = m_file.size();
-  if (fileSize < 64 || m_file[0] != 'C' || m_file[1] != 'F') return Report("header", 0);
-  m_big = m_file[2] != 0;
-  m_named = Number(7, 4) == 1;
-  m_indexStart = Number(19, 8);
-  const unsigned long long count =
-      m_named ? Number(m_indexStart, 8) : Number(m_indexStart, 4) * Number(m_indexStart + 4, 4);
-  const unsigned long long headerSize = m_named ? 36 : 12;
-  const unsigned long long entrySize = m_named ? 16 : 8;
-  m_indexEnd = m_indexStart + headerSize + count * entrySize;
-  if (m_indexEnd > fileSize) return Report("index beyond the file", m_indexEnd);
-  for (unsigned long long i = 0; i < count; ++i)
-    entries.push_back(Number(m_indexStart + headerSize + i * entrySize, 8));
-  for (const unsigned long long entry : entries)
-    CheckTile(entry);
-  unsigned long long end = 0;
-  for (const auto& [first, last] : m_claimed) {
-    if (first < end) Report("record overlaps the one before", first);
-    end = last;
-  }
+FileChecker::FileChecker(const PelmUnicodeString& path) : m_file(ReadFile(path)) {
+  using Zarn::ZrCompactFile;
+  ZrCompactFile file;
+  ZrCompactFile::ZrVerifySummary summary;
+  const unsigned int opened = file.Open(path, u"", ZrCompactFile::kReadOnly);
+  if (opened != 0) errors = "not opened: " + std::to_string(opened) + "\n";
+  const unsigned int result = file.Verify(summary, [this](const ZrCompactFile::ZrFinding& finding) {
+    errors += finding.message + (" at " + std::to_string(finding.position)) + "\n";
+    return true;
+  });
+  if (result != 0 || summary.unwrittenBytes != 0)
+    errors += "result " + std::to_string(result) + "\n";
+  ReadEntries();
 }
 
-void FileChecker::CheckTile(unsigned long long entry) {
-  const unsigned long long status = entry >> 56;
-  const unsigned long long position = entry & kPositionMask;
-  if (status > 2) Report("status", entry);
-  if (status != 1 && status != 2) return;
-  if (!IsRecord(position)) return Report("no record", position);
-  Claim(position);
-  const CheckedRecord record = Record(position);
-  for (std::size_t i = 1; i < record.versions.size(); ++i) {
-    const CheckedVersion& version = record.versions[i];
-    if (version.stamp >= record.versions[i - 1].stamp) Report("table out of order", position);
-    if (!IsRecord(version.position) || Record(version.position).versions[0].stamp != version.stamp)
-      Report("no such older version", version.position);
-    else
-      Claim(version.position);
-  }
+void FileChecker::ReadEntries() {
+  fileSize = m_file.size();
+  m_big = Number(2, 1) != 0;
+  m_named = Number(7, 4) == 1;
+  const unsigned long long index = Number(19, 8);
+  const unsigned long long count =
+      m_named ? Number(index, 8) : Number(index, 4) * Number(index + 4, 4);
+  for (unsigned long long i = 0; errors.empty() && i < count; ++i)
+    entries.push_back(Number(index + (m_named ? 36 + i * 16 : 12 + i * 8), 8));
 }
 
 CheckedRecord FileChecker::Record(unsigned long long position) const {
@@ -63,21 +48,7 @@ CheckedRecord FileChecker::Record(unsigned long long position) const {
   }
   record.capacity = Number(at, 8);
   record.filled = Number(at + 8, 8);
-  if (at + 16 + record.capacity > position + record.length) record.versions.clear();
   return record;
-}
-
-bool FileChecker::IsRecord(unsigned long long position) const {
-  const bool outside =
-      position < 64 || position >= fileSize || (position >= m_indexStart && position < m_indexEnd);
-  if (outside || Number(position, 8) > fileSize - position) return false;
-  const CheckedRecord record = Record(position);
-  return !record.versions.empty() && record.filled <= record.capacity;
-}
-
-void FileChecker::Claim(unsigned long long position) {
-  if (!m_claimed.emplace(position, position + Number(position, 8)).second)
-    Report("two tiles share a record", position);
 }
 
 unsigned long long FileChecker::Number(unsigned long long offset, std::size_t width) const {
@@ -87,10 +58,6 @@ unsigned long long FileChecker::Number(unsigned long long offset, std::size_t wi
     value = value << 8 | (place < fileSize ? m_file[place] : 0xFFU);
   }
   return value;
-}
-
-void FileChecker::Report(const std::string& what, unsigned long long position) {
-  errors += what + " at " + std::to_string(position) + "\n";
 }
 
 }  // namespace Support

@@ -15,7 +15,7 @@
 // clang-format off
 #define FOR_EACH_CALL(DO)                                                          \
   DO(open) DO(close) DO(pread) DO(pwrite) DO(pwritev) DO(copy_file_range) DO(fstat) DO(stat) \
-  DO(lseek) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(sync_file_range) DO(fchmod) DO(fchown) DO(mkdir) DO(unlink) \
+  DO(lseek) DO(mmap) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(sync_file_range) DO(fchmod) DO(fchown) DO(mkdir) DO(unlink) \
   DO(link) DO(rename) DO(renameNoReplace) DO(renameExchange)
 // clang-format on
 
@@ -141,9 +141,11 @@ auto Pass(std::string_view name, Call call, Arguments... arguments) {
   }
   const bool fails = Fails(name, number);
   const std::size_t limit = fails ? 0 : LimitOf(IsWrite(name), number, range);
-  const auto result = fails && name != "close" ? -1 : Limited(limit, call, arguments...);
+  using Result = decltype(call(arguments...));
+  const auto failure = (Result)-1;  // of any type: a number, or MAP_FAILED
+  const Result result = fails && name != "close" ? failure : Limited(limit, call, arguments...);
   if (fails) errno = g_error;
-  return fails ? -1 : result;
+  return fails ? failure : result;
 }
 
 #define PLUS_ONE(name) +1

@@ -23,6 +23,7 @@ struct FileSyscalls {
   int (*fstat)(int fd, struct stat* status);
   int (*stat)(const char* path, struct stat* status);
   off_t (*lseek)(int fd, off_t position, int whence);
+  void* (*mmap)(void* address, size_t size, int protection, int flags, int fd, off_t position);
   int (*ftruncate)(int fd, off_t length);
   int (*fallocate)(int fd, int mode, off_t position, off_t length);
   int (*fdatasync)(int fd);

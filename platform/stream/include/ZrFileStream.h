@@ -75,6 +75,11 @@ class HX_PLATFORM_API ZrFileStream {
   /// where they must not be touched. Null if that is not possible. The caller unmaps them.
   const unsigned char* Map(std::uint64_t size) const;
 
+  /// Writes eight bytes, which must lie within the file, by one store into its pages: a process
+  /// that is killed meanwhile has written all or none of them. What watches the file for changes
+  /// does not see it. False, and nothing is written, if the file cannot be mapped.
+  bool StoreWord(std::uint64_t position, std::uint64_t word);
+
   /// Length in bytes; false on a stream that is not open.
   bool GetLength(std::uint64_t& length) const;
   /// Truncates, or extends by bytes that read as zero.

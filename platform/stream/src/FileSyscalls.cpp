@@ -1,5 +1,6 @@
 #include "FileSyscalls.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,6 +18,7 @@ FileSyscalls g_syscalls = {
     ::fstat,
     ::stat,
     ::lseek,
+    ::mmap,
     ::ftruncate,
     ::fallocate,
     ::fdatasync,
