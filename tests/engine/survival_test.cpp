@@ -193,7 +193,7 @@ enum Trait : unsigned int {
   kOpens = 16,         // comes to no open file
   kMakes = 32,         // nor to a file
   kManyTiles = 64,     // each of which is stored or not
-  kStoresHalf0 = 128,  // of a tile that held nothing there; its status follows
+  kStoresHalf0 = 128,  // of a tile that held nothing there; the index may miss its new status
   kStoresHalf1 = 256,
   kMayBeDone = 512,  // also where the answer is a failure
 };
