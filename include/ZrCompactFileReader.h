@@ -19,8 +19,9 @@ class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
   ///
   /// kOk, also if this very path is open already (compared without regard to case, unless the
   /// other spelling is a file of its own); kNotUsable for a ".sc" path; kNotFound if there is no
-  /// such file; kNotOpen if it cannot be opened, or is no regular file; kReadFailure for a damaged
-  /// header, another kind of file or a wrong password. After a failure the reader is closed.
+  /// such file; kNotOpen if it cannot be opened, is no regular file, or memory is short;
+  /// kReadFailure for a damaged header, another kind of file or a wrong password. After a failure
+  /// the reader is closed.
   unsigned int Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
                     ZrCompactFile::ZrOpenMode mode);
 

@@ -45,8 +45,8 @@ class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
   ///                 kNotCreated all the same: a second call then creates the new one.
   ///
   /// kOk; kNotUsable for a ".sc" path, or when no file can be made there; kNotCreated for bad
-  /// sizes, an unusable path, an existing file (also one that somebody else made meanwhile), or a
-  /// full disk. After a failure the writer is closed.
+  /// sizes, an unusable path, an existing file (also one that somebody else made meanwhile), a full
+  /// disk, or if memory is short. After a failure the writer is closed.
   unsigned int Create(const PelmUnicodeString& path, unsigned int rows, unsigned int cols,
                       const PelmUnicodeString& password, ZrCompactFile::ZrOpenMode mode);
 

@@ -59,8 +59,8 @@ unsigned int ZrCompactFile::Compact(const CompactProgress& progress) {
   if (!m_bOpened) return ZrResult::kNotOpen;
   if (!IsKnownKind(Format::HeaderView(m_header).FileKind())) return ZrResult::kUnknownKind;
   if (!lock.IsUsable()) return IsNaming() ? ZrResult::kNotCreated : ZrResult::kReadFailure;
-  if (IsReadOnly() || !m_file->IsSameFile(m_strAbsolutePath)) return ZrResult::kNotCreated;
   try {
+    if (IsReadOnly() || !m_file->IsSameFile(m_strAbsolutePath)) return ZrResult::kNotCreated;
     const Engine::FileState source = GetState();
     Io::RedoFile image;
     const unsigned int result = BuildImage(source, image, progress);

@@ -20,16 +20,19 @@ using Engine::TileEntry;
 namespace {
 
 // Writes a header that lies on two pages, field by field; all that ever change have eight bytes.
+// The count goes last of them: once it is there, nothing can fail any more.
 bool WriteByFields(ZrFile64& file, std::uint64_t position, const Format::NamingHeaderImage& image) {
   constexpr std::size_t kFlags = Format::kNamingFlagsOffset;
   Format::NamingHeaderImage now;
   if (!file.ReadAt(position, now.data(), now.size())) return false;
-  for (std::size_t field = 0; field < kFlags; field += Format::kWidth8) {
+  if (!file.WriteAt(position + kFlags, &image[kFlags], image.size() - kFlags)) return false;
+  for (std::size_t field = kFlags; field > 0;) {
+    field -= Format::kWidth8;
     const auto before = LoadScalar<std::uint64_t>(&now[field], false);
     const auto after = LoadScalar<std::uint64_t>(&image[field], false);
     if (before != after && !Io::ReplaceWord(file, position + field, before, after)) return false;
   }
-  return file.WriteAt(position + kFlags, &image[kFlags], image.size() - kFlags);
+  return true;
 }
 
 }  // namespace
@@ -105,15 +108,15 @@ bool ZrCompactFile::AddSlots(const NameSlot* slots, unsigned long long count) {
   }
   const std::uint64_t indexOffset = Format::HeaderView(m_header).IndexOffset();
   const std::uint64_t position = Format::NamingSlotOffset(indexOffset, m_nNamingCount);
-  const bool written = m_file->WriteAt(position, bytes, size) &&
-                       WriteNamingHeader(indexOffset, m_nNamingCapacity, newCount) &&
-                       m_pIndex->Write(m_nNamingCount * Format::kNamingSlotSize, bytes, size);
-  if (!written) {
+  if (!m_file->WriteAt(position, bytes, size) ||
+      !WriteNamingHeader(indexOffset, m_nNamingCapacity, newCount)) {
     WriteNamingHeader(indexOffset, m_nNamingCapacity, m_nNamingCount);
     m_file->ZeroFill(position, size);
     m_pIndex->Forget();
     return false;
   }
+  // The file has them now, also if what is in memory cannot follow.
+  if (!m_pIndex->Write(m_nNamingCount * Format::kNamingSlotSize, bytes, size)) m_pIndex->Forget();
   for (std::uint64_t i = 0; i < count; ++i)
     m_mapHashCode->Insert(slots[i].code, slots[i].entry.number);
   const std::lock_guard state(m_stateMutex);

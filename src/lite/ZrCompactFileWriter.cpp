@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <new>
 
 #include "DataEnd.h"
 #include "HeaderIo.h"
@@ -21,7 +22,7 @@ static_assert(ZrCompactFile::kMaxCapacity == Format::kMaxCapacity);
 
 unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned int rows,
                                          unsigned int cols, const PelmUnicodeString& password,
-                                         ZrCompactFile::ZrOpenMode mode) {
+                                         ZrCompactFile::ZrOpenMode mode) try {
   Close();
   if (Format::IsCachePath(path)) return ZrResult::kNotUsable;
   // The product wraps at 32 bits before it is compared.
@@ -49,6 +50,9 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
   file.Commit();
   m_bDataEndFound = true;
   return ZrResult::kOk;
+} catch (const std::bad_alloc&) {
+  Close();
+  return ZrResult::kNotCreated;
 }
 
 unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,

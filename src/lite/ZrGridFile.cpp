@@ -1,6 +1,7 @@
 #include "ZrGridFile.h"
 
 #include <algorithm>
+#include <new>
 
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
@@ -25,7 +26,7 @@ bool ZrGridFile::IsVersionEnabled() const {
 
 unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
                                       const PelmUnicodeString& password,
-                                      ZrCompactFile::ZrOpenMode mode, unsigned int direction) {
+                                      ZrCompactFile::ZrOpenMode mode, unsigned int direction) try {
   if (IsOpenAt(path)) return ZrResult::kOk;
   CloseStream();
   if (Format::IsCachePath(path)) return ZrResult::kNotUsable;
@@ -45,6 +46,9 @@ unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
   }
   m_bOpened = true;
   return ZrResult::kOk;
+} catch (const std::bad_alloc&) {
+  CloseStream();
+  return ZrResult::kNotOpen;
 }
 
 bool ZrGridFile::IsOpenAt(const PelmUnicodeString& path) const {

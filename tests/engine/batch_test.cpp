@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <random>
 #include <string>
 #include <vector>
@@ -117,39 +116,6 @@ TEST_F(Batch, NewTilesTakeFewCalls) {
   const SyscallFaults calls;
   EXPECT_EQ(object.SetBatch(named, results), 0U);
   EXPECT_EQ(calls.GetCount(), 5U) << "length of the file, records, slots, count, page of the index";
-}
-
-TEST_F(Batch, AFailingCallFailsForItsTilesOnly) {
-  MakeStores(3);
-  cells.resize(70);
-  named.resize(70);
-  for (const bool byName : {false, true}) {
-    bool failed = true;
-    for (std::size_t n = 1; failed; ++n) {
-      SCOPED_TRACE(n);
-      if (byName)
-        MakeNaming(8);
-      else
-        MakeGrid(4, 100);
-      std::vector<unsigned int> results;
-      {
-        SyscallFaults faults;
-        faults.FailCall(n, ENOSPC);
-        results = StoreAll(byName, true);
-        failed = faults.HasFailed();
-      }
-      Check();
-      for (std::size_t i = 0; i < results.size(); ++i) {
-        if (results[i] != 0) continue;
-        const auto& [row, col, source, capacity, offset, version] = cells[i];
-        const Tile tile =
-            byName ? ReadTile(object, named[i].name, version) : Read(row, col, version);
-        ASSERT_EQ(tile.result, 0U) << i;
-      }
-      object.Close();
-      ZrFile::Delete(path);
-    }
-  }
 }
 
 }  // namespace

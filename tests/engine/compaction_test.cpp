@@ -3,13 +3,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <map>
 #include <optional>
 #include <random>
-#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -22,7 +20,6 @@
 #include "engine/EngineFixture.h"
 #include "support/PowerLoss.h"
 #include "support/RawFile.h"
-#include "support/SyscallFaults.h"
 
 namespace Zarn {
 namespace {
@@ -393,14 +390,10 @@ class CompactionCutShort : public Compaction {
     }
     return text.str();
   }
-  // Whatever happened: the file opens, or what lies beside it does.
-  void ExpectAllThere(bool orBeside) {
+  // Whatever happened: the file opens.
+  void ExpectAllThere() {
     ZrCompactFile file;
-    const unsigned int opened = file.Open(path, u"secret", kLocked);
-    if (opened != 0 && orBeside)
-      ASSERT_EQ(file.Open(TemporaryPath(), u"secret", kLocked), 0U);
-    else
-      ASSERT_EQ(opened, 0U);
+    ASSERT_EQ(file.Open(path, u"secret", kLocked), 0U);
     ASSERT_EQ(ReadAll(file), m_expected);
   }
   void PutBack() {
@@ -417,82 +410,6 @@ class CompactionCutShort : public Compaction {
   TemporaryFolder m_elsewhere{TemporaryFolder::kMemory};
   ZrCompactFile m_another;
 };
-
-TEST_F(CompactionCutShort, EveryCallMayFail) {
-  const PretendToSync quick;
-  std::set<unsigned int> results;
-  for (const auto extent : {SyscallFaults::kOnce, SyscallFaults::kFromThenOn})
-    for (const bool onlyWrites : {false, true}) {
-      bool failed = true;
-      for (std::size_t n = 1; failed; ++n) {
-        SCOPED_TRACE(std::to_string(n) + " " + std::to_string(extent));
-        PutBack();
-        ZrCompactFile file;
-        ASSERT_EQ(file.Open(path, u"secret", kLocked), 0U);
-        unsigned int result;
-        {
-          SyscallFaults faults;
-          faults.FailCall(n, onlyWrites ? ENOSPC : EIO, extent);
-          result = file.Compact();
-          failed = faults.HasFailed();
-        }
-        results.insert(result);
-        if (result == 1) {
-          EXPECT_FALSE(file.IsOpen());
-        } else {
-          ASSERT_EQ(ReadAll(file), m_expected) << result;
-          if (result != 0) {
-            EXPECT_EQ(ReadFile(path), m_bytes);
-            EXPECT_EQ(file.Compact(), 0U) << "once it is over";
-          }
-        }
-        file.Close();
-        ExpectAllThere(result == 1);
-      }
-      EXPECT_EQ(results.count(0), 1U);
-    }
-  EXPECT_EQ(results, (std::set<unsigned int>{0, 1, 2, 9, 10}));
-}
-
-TEST_F(CompactionCutShort, TheProcessMayBeKilledAtEveryCall) {
-  const PretendToSync quick;
-  int finished = 0;
-  for (const bool before : {true, false}) {
-    bool killed = true;
-    for (std::size_t n = 1; killed; ++n) {
-      SCOPED_TRACE(std::to_string(n) + (before ? " before" : " half-way"));
-      PutBack();
-      ZrCompactFile other;
-      ASSERT_EQ(other.Open(path, u"secret", kLocked), 0U);
-      const pid_t child = ::fork();
-      if (child == 0) {
-        ZrCompactFile file;
-        if (file.Open(path, u"secret", kLocked) != 0) ::_exit(1);
-        SyscallFaults faults;
-        faults.KillAtCall(n, before);
-        ::_exit(file.Compact() == 0 ? 0 : 2);
-      }
-      int status = 0;
-      ASSERT_EQ(::waitpid(child, &status, 0), child);
-      killed = WIFSIGNALED(status);
-      ASSERT_EQ(killed ? WTERMSIG(status) : WEXITSTATUS(status), killed ? SIGKILL : 0);
-      finished += ReadFile(path)[0] == ReadFile(path)[1];
-      ZrCompactFileReader light;
-      if (n % 3 == 0) {
-        ASSERT_EQ(light.Open(path, u"secret", 2), 0U);
-      } else if (n % 3 == 1) {
-        ASSERT_EQ(ReadAll(other), m_expected);
-      }
-      ExpectAllThere(false);
-      ZrCompactFile file;
-      ASSERT_EQ(file.Open(path, u"secret", kMode), 0U);
-      ASSERT_EQ(file.Compact(), 0U);
-      ExpectAllThere(false);
-      EXPECT_FALSE(ZrFile::IsExist(TemporaryPath()));
-    }
-  }
-  EXPECT_GT(finished, 5) << "found with the mark, and finished by the next open";
-}
 
 // A container that is marked, and its image, as a kill leaves them.
 class CompactionToFinish : public CompactionCutShort {
@@ -540,7 +457,7 @@ TEST_F(CompactionToFinish, OnlyWithItsOwnWholeImage) {
   EXPECT_EQ(object.Open(path, u"secret", kMode), 3U);
   EXPECT_EQ(ReadFile(path), marked);
   Support::WriteFile(TemporaryPath(), image);
-  ExpectAllThere(false);
+  ExpectAllThere();
 }
 
 // Several at once, by links, with and without the lock; and while others store as soon as they can.
@@ -608,7 +525,7 @@ TEST_F(CompactionToFinish, WhileAForkedChildLivesOn) {
   ASSERT_EQ(::waitpid(host, &status, 0), host);
   ASSERT_TRUE(WIFSIGNALED(status));
   ::alarm(10);  // rather than wait for the child
-  ExpectAllThere(false);
+  ExpectAllThere();
   ::alarm(0);
   ::close(lives[0]);
   ::close(lives[1]);
@@ -626,7 +543,7 @@ class CompactionWithoutPower : public CompactionCutShort {
         SCOPED_TRACE(std::to_string(step) + " of " + std::to_string(steps));
         power.Leave(step, [&] { return kept < 2 ? kept == 1 : random() % 2 == 0; });
         power.GoOn();
-        ASSERT_NO_FATAL_FAILURE(ExpectAllThere(false));
+        ASSERT_NO_FATAL_FAILURE(ExpectAllThere());
       }
   }
   unsigned int OpenAndCompact() {

@@ -2,7 +2,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <set>
 #include <string>
 #include <tuple>
@@ -85,41 +84,6 @@ TEST_P(Names, Answers) {
   EXPECT_EQ(Support::ReadFile(path), grid);
   EXPECT_EQ(object.SetAt(0, 0, folder.GetPath("disk"), 3), 0U);
   EXPECT_EQ(Read(0, 0, 3).payload, "disk");
-}
-
-// A new name, for which the index has to grow, one that is there, and one of the same hash.
-TEST_P(Names, AFailingCallChangesAndFindsNothing) {
-  const Name one = u"1yeg98dgy", two = u"two";
-  for (const Name& stored : {Name(u"three"), one, Name(u"sm38f3s71")}) {
-    bool failed = true;
-    for (std::size_t n = 1; failed; ++n) {
-      SCOPED_TRACE(stored.ToUtf8() + " " + std::to_string(n));
-      MakeNaming(2, GetParam());
-      ASSERT_EQ(Put(one, "1") + Put(two, "2"), 0U);
-      unsigned int result;
-      {
-        SyscallFaults faults;
-        faults.FailCall(n, EIO);
-        result = Put(stored, "3", 2);
-        failed = faults.HasFailed();
-        faults.FailCall(1, EIO);
-        EXPECT_EQ(Get(one, 2), (Tile{9, "before", 0})) << "not to be told, which is not absent";
-      }
-      const bool done = result == 0;  // also if only a look beyond the end of the file has failed
-      EXPECT_TRUE(done || (failed && result == 10));
-      for (const bool reopened : {false, true}) {
-        if (reopened) Reopen();
-        EXPECT_EQ(Get(one, 2).payload, stored == one && done ? "3" : "1");
-        EXPECT_EQ(Get(two, 2).payload, "2");
-        EXPECT_EQ(Get(stored, 2).payload, done ? "3" : stored == one ? "1" : "");
-      }
-      Check();
-      EXPECT_EQ(Put(stored, "4", 3), 0U);
-      EXPECT_EQ(Get(stored, 3).payload, "4");
-      EXPECT_EQ(List().size(), stored == one ? 2U : 3U);
-      object.Close();
-    }
-  }
 }
 
 // Names as bytes of the current charset.

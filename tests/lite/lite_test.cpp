@@ -453,22 +453,6 @@ TEST_F(Lite, SystemCallsPerOperation) {
   EXPECT_EQ(calls.GetCount(), 2U) << "entry, record";
 }
 
-TEST_F(Lite, EveryFailingCallOfCreateLeavesNothing) {
-  bool failed = true;
-  for (std::size_t n = 1; failed; ++n) {
-    SyscallFaults faults;
-    faults.FailCall(n, ENOSPC);
-    const bool created = writer.Create(path, 64, 64, u"", 4) == 0;
-    failed = faults.HasFailed();
-    faults.FailCall(1, 0);
-    EXPECT_TRUE((created || failed) && writer.IsOpen() == created) << n;
-    EXPECT_EQ(File().size(), created ? 76U + 64 * 64 * 8 : 0U) << n;
-    if (created) Reopen();
-    ZrFile::Delete(path);
-    EXPECT_TRUE(std::filesystem::is_empty(folder.GetFolder())) << "a temporary file stays " << n;
-  }
-}
-
 // Only the search for holes of the index may fail unnoticed: without it, all of the index is read.
 TEST_F(Lite, EveryFailingCallOfAStoreIsReportedAndKeepsTheOldTile) {
   for (const auto& [col, text] :

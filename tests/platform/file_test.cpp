@@ -97,48 +97,6 @@ TEST_F(FileTest, ZeroFillTakesTheRoom) {
   }
 }
 
-template <auto kCall, typename Buffer>
-ssize_t MoveFew(int fd, Buffer buffer, size_t size, off_t position) {
-  return kCall(fd, buffer, size < 3 ? size : 3, position);
-}
-ssize_t MoveFewOfParts(int fd, const iovec* parts, int count, off_t position) {
-  const iovec few[2] = {parts[0], {parts[1].iov_base, 1}};
-  return ::pwritev(fd, few, count, position);
-}
-
-TEST_F(FileTest, ShortTransfersAreCarriedOn) {
-  ASSERT_TRUE(m_file.Open(MakeFile("file", std::string(99, 'x')), kReadWrite));
-  const SyscallFaults restore;
-  GetFileSyscalls().pread = MoveFew<::pread>;
-  GetFileSyscalls().pwrite = MoveFew<::pwrite>;
-  GetFileSyscalls().pwritev = MoveFewOfParts;
-  ZrByteArray data("0123456789", 10);
-  EXPECT_TRUE(m_file.Save(data) && m_file.WriteParts(10, "hello", 5, "planet", 6));
-  EXPECT_TRUE(ContentsOf("file") == "0123456789helloplanet" && m_file.Load(data));
-  EXPECT_EQ(std::string(data.GetData(), data.GetData() + data.GetSize()), ContentsOf("file"));
-}
-
-TEST_F(FileTest, EveryFailingCallIsReported) {
-  ASSERT_TRUE(m_file.Open(MakeFile("file", "contents"), kReadWrite));
-  ZrByteArray data("abcd", 4);
-  // With the initials of its calls; a capital for one that a signal may interrupt.
-  using Operation = std::pair<std::string_view, std::function<bool()>>;
-  for (const auto& [calls, run] :
-       {Operation{"P", [&] { return m_file.WriteParts(0, "a", 1, "b", 1); }},
-        Operation{"F", [&] { return m_file.Sync(); }},
-        Operation{"fPF", [&] { return m_file.ZeroFill(6, 4); }},
-        Operation{"PF", [&] { return m_file.Save(data); }},
-        Operation{"fP", [&] { return m_file.Load(data); }}})
-    for (std::size_t n = 0; n <= calls.size(); ++n)
-      for (const int error : {EIO, EINTR}) {
-        ASSERT_TRUE(m_file.SetLength(8));
-        SyscallFaults faults;
-        faults.FailCall(n + 1, error);
-        EXPECT_EQ(run(), n == calls.size() || (error == EINTR && calls[n] < 'a')) << calls << n;
-        EXPECT_EQ(faults.HasFailed(), n < calls.size()) << calls << n;
-      }
-}
-
 int RefuseRename(const char*, const char*) { return errno = EINVAL, -1; }
 
 TEST_F(FileTest, NewFilesTouchNothingThatExistsUnlessTold) {

@@ -3,11 +3,14 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <map>
+#include <mutex>
 
 // clang-format off
 #define FOR_EACH_CALL(DO)                                                          \
@@ -18,6 +21,8 @@
 
 namespace {
 
+constexpr std::size_t kPageSize = 4096;
+
 Zarn::FileSyscalls g_saved;
 std::map<std::string_view, std::atomic<std::size_t>> g_counts;  // empty while none is installed
 std::atomic<std::size_t> g_total;
@@ -26,38 +31,119 @@ int g_error;            // 0: none fails
 SyscallFaults::Extent g_extent;
 
 std::size_t g_killing;  // the number of the call at which the process dies; 0: none
-bool g_killsBefore;
+std::size_t g_killingBoundary;
 
-void WriteHalf(int fd, const void* buffer, size_t size, off_t position) {
-  g_saved.pwrite(fd, buffer, size / 2, position);
-}
-void WriteHalf(int fd, const iovec* parts, int, off_t position) {
-  g_saved.pwritev(fd, parts, 1, position);
-}
-void WriteHalf(int source, off_t* from, int target, off_t* to, size_t size, unsigned int) {
-  g_saved.copy_file_range(source, from, target, to, size / 2, 0);
-}
-template <typename... Arguments>
-void WriteHalf(Arguments...) {}  // not a write
+std::mutex g_mutex;
+std::vector<std::size_t> g_boundaries;  // of each call
 
+struct Range {
+  off_t position = 0;
+  std::size_t size = 0;
+
+  std::size_t CountBoundaries() const {
+    const auto start = static_cast<std::size_t>(position);
+    return size == 0 ? 0 : (start + size - 1) / kPageSize - start / kPageSize;
+  }
+  std::size_t SizeBefore(std::size_t boundary) const {
+    const auto start = static_cast<std::size_t>(position);
+    return (start / kPageSize + boundary) * kPageSize - start;
+  }
+};
+
+// The bytes that a call moves.
+template <typename Bytes>
+Range RangeOf(int, Bytes*, std::size_t size, off_t position) {
+  return {position, size};
+}
+Range RangeOf(int, const iovec* parts, int count, off_t position) {
+  Range range = {position, 0};
+  for (int i = 0; i < count; ++i)
+    range.size += parts[i].iov_len;
+  return range;
+}
+Range RangeOf(int, off_t*, int, off_t* to, std::size_t size, unsigned int) { return {*to, size}; }
 template <typename... Arguments>
-[[noreturn]] void Die(std::string_view name, Arguments... arguments) {
-  if (!g_killsBefore && (name.starts_with("pwrite") || name.starts_with("copy")))
-    WriteHalf(arguments...);
-  ::kill(::getpid(), SIGKILL);
-  std::abort();
+Range RangeOf(Arguments...) {
+  return {};
+}
+
+// Makes a call that moves no more than `limit` bytes.
+template <typename Call, typename Bytes>
+ssize_t Limited(std::size_t limit, Call call, int fd, Bytes* bytes, std::size_t size,
+                off_t position) {
+  return call(fd, bytes, std::min(size, limit), position);
+}
+template <typename Call>
+ssize_t Limited(std::size_t limit, Call call, int fd, const iovec* parts, int count,
+                off_t position) {
+  std::vector<iovec> some;
+  for (int i = 0; i < count && limit > 0; ++i) {
+    some.push_back({parts[i].iov_base, std::min(parts[i].iov_len, limit)});
+    limit -= some.back().iov_len;
+  }
+  return call(fd, some.data(), static_cast<int>(some.size()), position);
+}
+template <typename Call>
+ssize_t Limited(std::size_t limit, Call call, int source, off_t* from, int target, off_t* to,
+                std::size_t size, unsigned int flags) {
+  return call(source, from, target, to, std::min(size, limit), flags);
+}
+template <typename Call, typename... Arguments>
+auto Limited(std::size_t, Call call, Arguments... arguments) {
+  return call(arguments...);
+}
+
+bool IsWrite(std::string_view name) {
+  return name.starts_with("pwrite") || name.starts_with("copy");
+}
+
+bool MayBeInterrupted(std::string_view name) {
+  return IsWrite(name) || name == "open" || name == "pread" || name == "ftruncate" ||
+         name == "fallocate" || name == "fdatasync" || name == "fsync";
+}
+
+bool TakesRoom(std::string_view name) {
+  return IsWrite(name) || name == "fallocate" || name == "mkdir" || name == "link";
+}
+
+// Whether the call of this number fails by g_error, an error number.
+bool Fails(std::string_view name, std::size_t number) {
+  const bool later = g_extent == SyscallFaults::kFromThenOn && number > g_failing;
+  return g_error > 0 && (number == g_failing || later) &&
+         (g_error != EINTR || MayBeInterrupted(name)) && (g_error != ENOSPC || TakesRoom(name));
+}
+
+// How many bytes the call of this number may move. A write that is cut off goes on with an error.
+std::size_t LimitOf(bool isWrite, std::size_t number, const Range& range) {
+  if (g_error == SyscallFaults::kShort &&
+      (number == g_failing || (g_extent == SyscallFaults::kFromThenOn && number > g_failing)))
+    return (range.size + 1) / 2;
+  if (g_error != SyscallFaults::kCutOff || number != g_failing || !isWrite ||
+      range.CountBoundaries() == 0)
+    return SIZE_MAX;
+  ++g_failing;
+  g_error = EIO;
+  return range.SizeBefore(1);
 }
 
 template <typename Call, typename... Arguments>
 auto Pass(std::string_view name, Call call, Arguments... arguments) {
   ++g_counts.find(name)->second;
   const std::size_t number = ++g_total;
-  if (number == g_killing) Die(name, arguments...);
-  const bool later = g_extent == SyscallFaults::kFromThenOn && number > g_failing;
-  const bool fails = g_error != 0 && (number == g_failing || later);
+  const Range range = RangeOf(arguments...);
+  {
+    const std::lock_guard guard(g_mutex);
+    g_boundaries.push_back(IsWrite(name) ? range.CountBoundaries() : 0);
+  }
+  if (number == g_killing) {
+    if (g_killingBoundary > 0) Limited(range.SizeBefore(g_killingBoundary), call, arguments...);
+    ::kill(::getpid(), SIGKILL);
+  }
+  const bool fails = Fails(name, number);
+  const std::size_t limit = fails ? 0 : LimitOf(IsWrite(name), number, range);
   using Result = decltype(call(arguments...));
   const auto failure = (Result)-1;  // of any type: a number, or MAP_FAILED
-  const Result result = fails && name != "close" ? failure : call(arguments...);
+  const Result result = fails && name != "close" ? failure : Limited(limit, call, arguments...);
   if (fails) errno = g_error;
   return fails ? failure : result;
 }
@@ -73,6 +159,7 @@ SyscallFaults::SyscallFaults() {
   g_total = 0;
   g_error = 0;
   g_killing = 0;
+  g_boundaries.clear();
 #define INSTALL(name)                                    \
   g_counts[#name] = 0;                                   \
   Zarn::GetFileSyscalls().name = [](auto... arguments) { \
@@ -92,9 +179,9 @@ void SyscallFaults::FailCall(std::size_t n, int error, Extent extent) {
   g_extent = extent;
 }
 
-void SyscallFaults::KillAtCall(std::size_t n, bool before) {
+void SyscallFaults::KillAtCall(std::size_t n, std::size_t boundary) {
   g_killing = g_total + n;
-  g_killsBefore = before;
+  g_killingBoundary = boundary;
 }
 
 bool SyscallFaults::HasFailed() const { return g_error != 0 && g_total >= g_failing; }
@@ -102,3 +189,8 @@ bool SyscallFaults::HasFailed() const { return g_error != 0 && g_total >= g_fail
 std::size_t SyscallFaults::GetCount() const { return g_total; }
 
 std::size_t SyscallFaults::GetCount(std::string_view name) const { return g_counts.at(name); }
+
+std::vector<std::size_t> SyscallFaults::GetBoundaries() const {
+  const std::lock_guard guard(g_mutex);
+  return g_boundaries;
+}

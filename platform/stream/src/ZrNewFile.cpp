@@ -43,11 +43,12 @@ bool ZrNewFile::Begin(const PelmUnicodeString& path, unsigned int permissions) {
   return false;
 }
 
+// The name is kept first: there may be no memory for it once there is a file to undo.
 bool ZrNewFile::Make(const std::string& temporary, unsigned int permissions) {
-  const int fd = GetFileSyscalls().open(
-      temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, permissions);
-  if (fd < 0) return false;
   m_temporary = temporary;
+  const int fd = GetFileSyscalls().open(
+      m_temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, permissions);
+  if (fd < 0) return false;
   m_state = State::kBegun;
   if (m_stream.Attach(fd, false)) return true;
   Undo();
