@@ -76,7 +76,7 @@ bool ZrCompactFile::AddSlots(const NameSlot* slots, unsigned long long count) {
   const std::uint64_t size = count * Format::kNamingSlotSize;
   unsigned char one[Format::kNamingSlotSize];
   ZrByteArray many;
-  if (newCount > m_nNamingCapacity || !m_mapHashCode->Reserve(newCount) ||
+  if (newCount > m_nNamingCapacity || !m_mapHashCode->Reserve(m_mapHashCode->GetSize() + count) ||
       (count > 1 && !many.ResizeForOverwrite(size)))
     return false;
   unsigned char* const bytes = count > 1 ? many.GetData() : one;
@@ -123,6 +123,9 @@ bool ZrCompactFile::IncreaseNamingIndexCapacity() {
   const std::uint64_t newOffset = GetAppendPosition();
   const std::uint64_t newStart = Format::NamingSlotOffset(newOffset, 0);
 
+  // An index of which the file has lost a part does not count as full, whatever it states.
+  std::uint64_t length;
+  if (!m_file->GetLength(length) || length < oldStart + oldSize) return false;
   std::shared_ptr<Engine::IndexPages> index;
   try {
     index = std::make_shared<Engine::IndexPages>(m_file, newStart, 2 * oldSize,
