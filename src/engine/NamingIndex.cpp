@@ -176,12 +176,16 @@ bool ZrCompactFile::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
   if (version != Format::kCurrentVersion && version != Format::kOlderVersion) return true;
   try {
     ZrByteArray key;
+    std::uint64_t left;  // all names together are no longer than the file
+    if (!m_file->GetLength(left)) return false;
     for (const Engine::NameTable::Entry& place : m_mapHashCode->Sorted()) {
       std::uint64_t value;
       if (!m_pIndex->ReadValue(place.slot, m_bSwap, value)) return false;
       const auto read = GetKeyString(Format::PositionOf(value), key);
       if (read == Io::NameRead::kFailed) return false;
       if (read == Io::NameRead::kNone) continue;
+      if (key.GetSize() > left) return false;
+      left -= key.GetSize();
       std::u16string units;  // stays empty in an older file
       for (std::uint64_t i = 0; version == Format::kCurrentVersion && i + 1 < key.GetSize(); i += 2)
         units.push_back(LoadScalar<std::uint16_t>(key.GetData() + i, m_bSwap));
