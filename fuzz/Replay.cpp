@@ -1,14 +1,22 @@
 // Runs a fuzzer on the files given as arguments, or in folders given, without libFuzzer:
 //   TARGET [--changes N] PATH...   each as it is, and N random changes of them, always the same
 //   ones
-// The input that is being run is in TARGET.input meanwhile, and stays there if the run ends by it.
+// An input that ends the run, or takes a minute, is left in TARGET.input.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <random>
+#include <string_view>
 #include <vector>
 
 #include "Harness.h"
+
+// Of the sanitizers, if they are there.
+extern "C" __attribute__((weak)) void __sanitizer_set_death_callback(void (*)());
 
 namespace {
 
@@ -18,9 +26,39 @@ std::minstd_rand g_random;
 
 std::size_t Below(std::size_t limit) { return g_random() % limit; }
 
-void Run(const PelmUnicodeString& copy, const Fuzz::Bytes& bytes) {
-  Fuzz::WriteFile(copy, bytes);
+std::string g_path;          // for the input that ends the run
+const Fuzz::Bytes* g_input;  // that is being run; null between two
+
+// Called in the middle of anything: system calls only.
+void SaveInput() {
+  if (g_input == nullptr) return;
+  const int file = ::open(g_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const bool written = ::write(file, g_input->data(), g_input->size()) >= 0;
+  for (const std::string_view text :
+       {"the input is ", written ? "in " : "not in ", g_path.c_str(), "\n"})
+    static_cast<void>(!::write(STDERR_FILENO, text.data(), text.size()));
+}
+
+void OnSignal(int number) {
+  SaveInput();
+  std::signal(number, SIG_DFL);
+  std::raise(number);
+}
+
+void SaveInputAtTheEnd() {
+  std::signal(SIGABRT, OnSignal);
+  std::signal(SIGALRM, OnSignal);
+  if (__sanitizer_set_death_callback != nullptr) return __sanitizer_set_death_callback(SaveInput);
+  std::signal(SIGSEGV, OnSignal);
+  std::signal(SIGBUS, OnSignal);
+}
+
+void Run(const Fuzz::Bytes& bytes) {
+  constexpr unsigned int kHangs = 60;  // seconds
+  g_input = &bytes;
+  ::alarm(kHangs);
   LLVMFuzzerTestOneInput(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+  g_input = nullptr;
 }
 
 }  // namespace
@@ -57,11 +95,12 @@ int main(int argc, char** argv) {
   std::sort(files.begin(), files.end());
   if (files.empty()) return 2;
 
-  const auto copy = PelmUnicodeString::FromUtf8(fs::path(argv[0]).filename().string() + ".input");
+  g_path = fs::path(argv[0]).filename().string() + ".input";
+  SaveInputAtTheEnd();
   std::vector<Fuzz::Bytes> inputs;
   for (const fs::path& file : files) {
     inputs.push_back(Fuzz::ReadFile(PelmUnicodeString::FromUtf8(file.string())));
-    Run(copy, inputs.back());
+    Run(inputs.back());
   }
   for (std::size_t i = 0; i < changes; ++i) {
     Fuzz::Bytes bytes = inputs[i % inputs.size()];
@@ -72,8 +111,7 @@ int main(int argc, char** argv) {
       size =
           LLVMFuzzerCustomMutator(data, size, bytes.size(), static_cast<unsigned int>(g_random()));
     bytes.resize(size);
-    Run(copy, bytes);
+    Run(bytes);
   }
-  std::remove(copy.ToUtf8().c_str());
   std::printf("%zu inputs, %zu changes of them\n", inputs.size(), changes);
 }
