@@ -149,12 +149,34 @@ void Store(unsigned int row, unsigned int col, const std::string& text, Number c
   }
 }
 
+bool g_secret;
+
 void Open(bool secret) {
+  g_secret = secret;
   const PelmUnicodeString password = PasswordOf(secret);
   const unsigned int result = g_writer.Open(g_path, password, ZrCompactFile::kCreateMissing);
   CHECK(result == ZrResult::kOk || result == ZrResult::kReadFailure);
   CHECK(g_reader.Open(g_path, password, ZrCompactFile::kReadOnly) == result);
   CHECK(g_writer.IsOpen() == !result && g_reader.IsOpen() == !result);
+}
+
+// The steps of Create, on a file that is open: no tile that could be read may be lost.
+void BeginAnew(unsigned int rows, unsigned int cols) {
+  g_writer.Close(), g_reader.Close();  // damage may have come in the meantime
+  Open(g_secret);
+  if (!g_writer.IsOpen()) return;
+  const std::vector<View> before = LookAtAll();
+  const unsigned int result =
+      rows == 0 ? g_writer.WriteHeader() : g_writer.WriteHeaderGrid(rows, cols);
+  CHECK(result == ZrResult::kOk || result == ZrResult::kWriteFailure);
+  g_reader.Close();
+  CHECK(g_reader.Open(g_path, PasswordOf(g_secret), 0) == ZrResult::kOk);
+  const std::vector<View> after = LookAtAll();
+  for (unsigned int cell = 0; cell < kCells; ++cell) {
+    const View &was = before[cell], &is = after[cell];
+    const bool isTile = was.result == ZrResult::kOk && !was.payload.empty();
+    CHECK(!isTile || (is.result == ZrResult::kOk && is.payload == was.payload));
+  }
 }
 
 }  // namespace
@@ -193,6 +215,9 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
     } else if (kind == 4) {
       if (extra & 2) g_writer.Close(), g_reader.Close();
       Open(extra & 1);
+    } else if (kind == 5) {
+      BeginAnew(count % 8, extra % 8);
+      limit += 64 + 12 + 8 * 7 * 7;
     } else {  // damage: a number of 1 to 8 bytes
       const Number offset = (extra * 256 + count) % (FileLength() + 1);
       CHECK(::pwrite(g_file, &first, 1 + last % 8, static_cast<off_t>(offset)) > 0);
