@@ -162,15 +162,17 @@ void Open(bool secret) {
 
 // The steps of Create, on a file that is open: no tile that could be read may be lost.
 void BeginAnew(unsigned int rows, unsigned int cols) {
-  g_writer.Close(), g_reader.Close();  // damage may have come in the meantime
-  Open(g_secret);
+  const auto reopen = [] {
+    g_writer.Close(), g_reader.Close();
+    Open(g_secret);
+  };
+  reopen();  // damage may have come in the meantime
   if (!g_writer.IsOpen()) return;
   const std::vector<View> before = LookAtAll();
   const unsigned int result =
       rows == 0 ? g_writer.WriteHeader() : g_writer.WriteHeaderGrid(rows, cols);
   CHECK(result == ZrResult::kOk || result == ZrResult::kWriteFailure);
-  g_reader.Close();
-  CHECK(g_reader.Open(g_path, PasswordOf(g_secret), 0) == ZrResult::kOk);
+  reopen();
   const std::vector<View> after = LookAtAll();
   for (unsigned int cell = 0; cell < kCells; ++cell) {
     const View &was = before[cell], &is = after[cell];
