@@ -33,18 +33,15 @@ struct Input {
     --size;
     return *bytes++;
   }
+  Number NextLength() {  // of two bytes
+    const Number low = Next();
+    return low + Number{256} * Next();
+  }
   Number NextNumber() {  // small, or near a limit
     constexpr Number kMax = ZrCompactFile::kMaxCapacity;
     constexpr Number kLarge[] = {1000, 60000, kMax, kMax + 1, UINT32_MAX, UINT64_MAX};
     const unsigned char byte = Next();
     return byte < 250 ? byte : kLarge[byte - 250];
-  }
-  Bytes NextBytes(std::size_t count) {
-    if (count > size) count = size;
-    const Bytes taken(reinterpret_cast<const char*>(bytes), count);
-    bytes += count;
-    size -= count;
-    return taken;
   }
 };
 

@@ -87,7 +87,7 @@ class Session {
     const Place& place = m_places[m_commands.Next() % m_places.size()];
     const Number count = m_commands.Next(), stamp = m_commands.NextNumber();
     const Number first = m_commands.NextNumber(), last = m_commands.NextNumber();
-    const Number offset = m_commands.Next() + Number{256} * m_commands.Next();
+    const Number offset = m_commands.NextLength();
     const unsigned char flags = m_commands.Next();
     const Zarn::ZrByteArray data(Bytes(count, letter).data(), count);
     const Number capacity = first > kMaxCapacity && first <= ZrCompactFile::kMaxCapacity

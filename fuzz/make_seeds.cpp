@@ -126,7 +126,7 @@ Bytes WithCommands(const Bytes& file, const Bytes& commands) {
 Bytes EngineCommands(bool secret, unsigned int kinds, std::minstd_rand& random) {
   Bytes commands(1, static_cast<char>((random() % 8) << 2 | secret));
   for (int i = 0; i < 24; ++i)
-    commands += static_cast<char>(random() % kinds) + Random(random, 8);
+    (commands += static_cast<char>(random() % kinds)) += Random(random, 8);
   return commands;
 }
 

@@ -3,6 +3,7 @@
 // Commands:
 //   1 byte   a set of Flag
 //   2 bytes  how long the first file is; the second is the rest
+#include <algorithm>
 #include <cstring>
 
 #include "Harness.h"
@@ -80,7 +81,7 @@ unsigned int OpenAndRead(int flags) {
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t size) {
   auto [both, commands] = Split(bytes, size);
   const int flags = commands.Next();
-  const std::size_t split = commands.Next() + std::size_t{256} * commands.Next();
+  const std::size_t split = commands.NextLength();
   Bytes file = both.substr(0, split), beside = both.substr(file.size());
   if (flags & kMark) {
     const auto mark = Format::EncodeRedoMark({1, 2}, HeaderOf(beside));

@@ -3,10 +3,9 @@
 //   1 byte        what kind of file: a set of Flag
 //   12 bytes      what its cells hold: see MakeFile
 //   8 bytes each  operations: see LLVMFuzzerTestOneInput
-// or, with kGiven, the file itself is the rest, and at its end are the commands: see Split.
-#include <unistd.h>
-
+// or, with kGiven, the rest is a file, and operations as in Split.
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
