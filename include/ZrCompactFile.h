@@ -386,7 +386,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   ZrStatus GetStatus(const PelmUnicodeString& name);
   /// Appends the names to `names`, also those whose tiles were removed, in the order of their hash
   /// codes; in an older file, an empty string for each. False if nothing is open, in a file that is
-  /// no naming file, or if memory is short.
+  /// no naming file, if memory is short, or for names that would be longer than the file together.
   bool GetValidNamingList(PelmArray<PelmUnicodeString>& names);
   /// @}
 

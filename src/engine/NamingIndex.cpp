@@ -97,7 +97,7 @@ bool ZrCompactFile::AddSlots(const NameSlot* slots, unsigned long long count) {
   const std::uint64_t size = count * Format::kNamingSlotSize;
   unsigned char one[Format::kNamingSlotSize];
   ZrByteArray many;
-  if (newCount > m_nNamingCapacity || !m_mapHashCode->Reserve(newCount) ||
+  if (newCount > m_nNamingCapacity || !m_mapHashCode->Reserve(m_mapHashCode->GetSize() + count) ||
       (count > 1 && !many.ResizeForOverwrite(size)))
     return false;
   unsigned char* const bytes = count > 1 ? many.GetData() : one;
@@ -146,6 +146,9 @@ bool ZrCompactFile::IncreaseNamingIndexCapacity() {
   const std::uint64_t newOffset = GetAppendPosition();
   const std::uint64_t newStart = Format::NamingSlotOffset(newOffset, 0);
 
+  // An index of which the file has lost a part does not count as full, whatever it states.
+  std::uint64_t length;
+  if (!m_file->GetLength(length) || length < oldStart + oldSize) return false;
   std::shared_ptr<Engine::IndexPages> index;
   try {
     index = std::make_shared<Engine::IndexPages>(m_file, newStart, 2 * oldSize,
@@ -196,12 +199,16 @@ bool ZrCompactFile::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
   if (version != Format::kCurrentVersion && version != Format::kOlderVersion) return true;
   try {
     ZrByteArray key;
+    std::uint64_t left;  // all names together are no longer than the file
+    if (!m_file->GetLength(left)) return false;
     for (const Engine::NameTable::Entry& place : m_mapHashCode->Sorted()) {
       std::uint64_t value;
       if (!m_pIndex->ReadValue(place.slot, m_bSwap, value)) return false;
       const auto read = GetKeyString(Format::PositionOf(value), key);
       if (read == Io::NameRead::kFailed) return false;
       if (read == Io::NameRead::kNone) continue;
+      if (key.GetSize() > left) return false;
+      left -= key.GetSize();
       std::u16string units;  // stays empty in an older file
       for (std::uint64_t i = 0; version == Format::kCurrentVersion && i + 1 < key.GetSize(); i += 2)
         units.push_back(LoadScalar<std::uint16_t>(key.GetData() + i, m_bSwap));

@@ -50,6 +50,7 @@ TileCopier::TileCopier(const FileState& source, ZrFile64& target, NameDecoder de
       m_writer(WriterFor(source, target)) {}
 
 unsigned int TileCopier::Copy() {
+  if (!m_source.file->GetLength(m_sourceLength)) return ZrResult::kReadFailure;
   const unsigned int result = IsGrid(m_kind) ? CopyGrid() : CopyNames();
   if (result != ZrResult::kOk) return result;
   return m_writer.Flush() && (IsGrid(m_kind) || WriteCount()) ? ZrResult::kOk
@@ -57,10 +58,14 @@ unsigned int TileCopier::Copy() {
 }
 
 // By way of the file, not of the index in memory, of which a large grid would fill too much.
+// Entries beyond the end of the file are empty, and may be many more than those within.
 unsigned int TileCopier::CopyGrid() {
   const std::uint64_t start = Format::GridEntryOffset(m_sourceIndex.begin, 0);
-  const std::uint64_t count =
-      Format::GridEntryCount(m_source.grid.rowCount, m_source.grid.colCount);
+  const std::uint64_t inFile =
+      (m_sourceLength - std::min(start, m_sourceLength) + Format::kGridEntrySize - 1) /
+      Format::kGridEntrySize;
+  const std::uint64_t count = std::min<std::uint64_t>(
+      Format::GridEntryCount(m_source.grid.rowCount, m_source.grid.colCount), inFile);
   m_all = count;
   std::vector<std::uint64_t> entries;
   for (std::uint64_t cell = 0; cell < count; cell += entries.size()) {
@@ -212,11 +217,18 @@ TileCopier::CodeSearch TileCopier::FindCode(const Name& name, std::uint64_t& cod
 }
 
 // The record becomes that of m_reader, its payload m_payload. A length of 0 is unknown.
+//
+// Each record is read for its payload, and some once before for their tables. Where that comes to
+// more than twice the file, tiles share records, as only damage can make them: a small file could
+// ask for more copies of one record than any disk holds.
 bool TileCopier::ReadRecord(std::uint64_t position, std::uint64_t guessedLength) {
   constexpr std::uint64_t kHead = Format::kGridRecordHead;
   const std::uint64_t payload = guessedLength > kHead ? guessedLength - kHead : kUsualPayload;
-  return m_reader.Read(position, {kHead, payload}, m_payload) && m_reader.Head().versionCount > 0 &&
-         m_sourceIndex.LeavesRoom(position, m_reader.Head().length);
+  if (!m_reader.Read(position, {kHead, payload}, m_payload) || m_reader.Head().versionCount == 0 ||
+      !m_sourceIndex.LeavesRoom(position, m_reader.Head().length))
+    return false;
+  m_read += m_reader.Head().length;
+  return m_read <= 2 * m_sourceLength;
 }
 
 // Writes the tile whose current record was just read; `value` is its index value.

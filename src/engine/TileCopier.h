@@ -72,8 +72,10 @@ class TileCopier {
   const std::uint32_t m_kind;
   const Format::IndexArea m_sourceIndex;
   Io::RecordReader m_reader;
-  ZrByteArray m_payload;            // of the record read last
-  std::vector<Version> m_versions;  // of the tile being copied, that are alive
+  std::uint64_t m_sourceLength = 0;  // of the source, in bytes
+  std::uint64_t m_read = 0;          // bytes of all records read
+  ZrByteArray m_payload;             // of the record read last
+  std::vector<Version> m_versions;   // of the tile being copied, that are alive
   ZrByteArray m_headBytes;
   Format::RecordImage m_head;        // of the version written last
   std::uint64_t m_headPosition = 0;  // where it is

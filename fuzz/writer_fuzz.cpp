@@ -1,32 +1,28 @@
-// Fuzzes the light reader and writer of grid files: with HX_LIBFUZZER a libFuzzer target, otherwise
-// a program that replays the files given as arguments. An input makes a well-formed file of 3 x 4
-// cells and works on it, with damage at any moment:
+// Fuzzes the light writer, and the reader on what it writes. An input makes a file of 3 x 4 cells
+// and works on it, with damage at any moment:
 //   1 byte        what kind of file: a set of Flag
 //   12 bytes      what its cells hold: see MakeFile
 //   8 bytes each  operations: see LLVMFuzzerTestOneInput
+// or, with kGiven, the rest is a file, and operations as in Split.
+#include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "Harness.h"
 #include "ZrCompactFileReader.h"
 #include "ZrCompactFileWriter.h"
 
-#define CHECK(condition) \
-  ((condition) ? void() : (std::fprintf(stderr, "%d: %s\n", __LINE__, #condition), std::abort()))
-
 namespace {
 
-using Zarn::ZrCompactFile, Zarn::ZrResult;
-using Number = unsigned long long;
+using namespace Fuzz;
 
-enum Flag { kLocked = 1, kBigEndian = 2, kNoVersions = 4 };
+enum Flag { kLocked = 1, kBigEndian = 2, kNoVersions = 4, kGiven = 8 };
 constexpr unsigned int kCols = 4, kCells = 3 * kCols;
-constexpr Number kHead = 44;          // of a record with one version
+constexpr Number kHead = 44;  // of a record with one version
+// What damage may leave out: a damaged size of the grid, and length of the last record.
+constexpr Number kGap = 8ULL << 30;
 constexpr Number kMaxFile = 1 << 18;  // a file that has become larger is left alone: too slow
 
 struct Reader : Zarn::ZrCompactFileReader {
@@ -34,30 +30,11 @@ struct Reader : Zarn::ZrCompactFileReader {
 };
 
 // The file under test.
-const char* const g_folder = std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/dev/shm";
-std::string g_path = std::string(g_folder) + "/lite_fuzz-XXXXXX.cf";
-const int g_file = ::mkstemps(g_path.data(), 3);
-const int g_cleanup = std::atexit([] { ::unlink(g_path.c_str()); });
+const PelmUnicodeString g_path = Path("t.cf");
+const int g_file = ::open(g_path.ToUtf8().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
 bool g_damaged;
 Zarn::ZrCompactFileWriter g_writer;
 Reader g_reader;
-
-// The rest of an input; zeros behind its end.
-struct Input {
-  const unsigned char* bytes;
-  std::size_t size;
-  unsigned char Next() {
-    if (size == 0) return 0;
-    --size;
-    return *bytes++;
-  }
-  Number NextNumber() {  // small, or near a limit
-    constexpr Number kMax = ZrCompactFile::kMaxCapacity;
-    constexpr Number kLarge[] = {1000, 60000, kMax, kMax + 1, UINT32_MAX, UINT64_MAX};
-    const unsigned char byte = Next();
-    return byte < 250 ? byte : kLarge[byte - 250];
-  }
-};
 
 // A byte per cell says what it holds: nothing, or 0 to 3 versions of 1 to 32 bytes, 16 more bytes
 // of capacity, and slack or none. The records follow one another.
@@ -90,14 +67,14 @@ std::string MakeFile(Input& input, int flags) {
 Number FileLength() { return static_cast<Number>(::lseek(g_file, 0, SEEK_END)); }
 
 // A cell: its entry, where that points, the length stated there, and what a lookup answers.
-struct Tile {
+struct View {
   Number entry = 0, position = 0, length = 0, filled = 77;
   unsigned int result = 0;
   std::string payload = "untouched";
 };
 
-Tile Look(unsigned int row, unsigned int col, Number stamp) {
-  Tile tile;
+View Look(unsigned int row, unsigned int col, Number stamp) {
+  View tile;
   const bool open = g_reader.IsOpen(), exists = g_reader.ReadIndexValue(row, col, tile.entry);
   CHECK(g_writer.GetStatus(row, col) ==
         (exists ? tile.entry >> 56 : Number{ZrCompactFile::kUnknown}));
@@ -118,8 +95,8 @@ Tile Look(unsigned int row, unsigned int col, Number stamp) {
   return tile;
 }
 
-std::vector<Tile> LookAtAll() {
-  std::vector<Tile> tiles;
+std::vector<View> LookAtAll() {
+  std::vector<View> tiles;
   for (unsigned int cell = 0; cell < kCells; ++cell)
     tiles.push_back(Look(cell / kCols, cell % kCols, UINT64_MAX));
   return tiles;
@@ -131,8 +108,8 @@ void Store(unsigned int row, unsigned int col, const std::string& text, Number c
   const Number size = text.size(), area = capacity == 0 ? size : capacity, length = FileLength();
   const bool open = g_writer.IsOpen(), fits = size <= area && offset <= area - size;
   const bool valid = open && size > 0 && capacity <= ZrCompactFile::kMaxCapacity && fits;
-  const std::vector<Tile> before = LookAtAll();
-  const Tile old = Look(row, col, stamp);
+  const std::vector<View> before = LookAtAll();
+  const View old = Look(row, col, stamp);
   const unsigned int result =
       g_writer.SetAt(row, col, {text.data(), size}, capacity, offset, stamp);
   const bool stored = result == ZrResult::kOk;
@@ -143,7 +120,7 @@ void Store(unsigned int row, unsigned int col, const std::string& text, Number c
   CHECK(FileLength() <= limit);
   if (FileLength() > kMaxFile) return;
 
-  const Tile now = Look(row, col, stamp);
+  const View now = Look(row, col, stamp);
   const bool inPlace = now.entry == old.entry;
   const bool isTile = now.entry >> 56 == 1 || now.entry >> 56 == 2;
   CHECK(!stored || (isTile && (inPlace || now.position >= length)));
@@ -156,9 +133,9 @@ void Store(unsigned int row, unsigned int col, const std::string& text, Number c
     CHECK(!whole || (now.payload.size() == area && now.filled == offset + size));
     CHECK(!whole || now.payload.compare(0, size, text) == 0);
   }
-  const std::vector<Tile> after = LookAtAll();
+  const std::vector<View> after = LookAtAll();
   for (unsigned int cell = 0; cell < kCells; ++cell) {
-    const Tile &was = before[cell], &is = after[cell];
+    const View &was = before[cell], &is = after[cell];
     // Nothing is appended into a record, not even into the last one's part beyond the file.
     const bool behind = was.entry == 0 || was.position + was.length <= now.position;
     CHECK(!stored || inPlace || behind || g_damaged || g_reader.m_bSwap);
@@ -171,13 +148,36 @@ void Store(unsigned int row, unsigned int col, const std::string& text, Number c
   }
 }
 
+bool g_secret;
+
 void Open(bool secret) {
-  const PelmUnicodeString path = PelmUnicodeString::FromUtf8(g_path);
-  const PelmUnicodeString password = secret ? u"secret" : u"";
-  const unsigned int result = g_writer.Open(path, password, ZrCompactFile::kCreateMissing);
+  g_secret = secret;
+  const PelmUnicodeString password = PasswordOf(secret);
+  const unsigned int result = g_writer.Open(g_path, password, ZrCompactFile::kCreateMissing);
   CHECK(result == ZrResult::kOk || result == ZrResult::kReadFailure);
-  CHECK(g_reader.Open(path, password, ZrCompactFile::kReadOnly) == result);
+  CHECK(g_reader.Open(g_path, password, ZrCompactFile::kReadOnly) == result);
   CHECK(g_writer.IsOpen() == !result && g_reader.IsOpen() == !result);
+}
+
+// The steps of Create, on a file that is open: no tile that could be read may be lost.
+void BeginAnew(unsigned int rows, unsigned int cols) {
+  const auto reopen = [] {
+    g_writer.Close(), g_reader.Close();
+    Open(g_secret);
+  };
+  reopen();  // damage may have come in the meantime
+  if (!g_writer.IsOpen()) return;
+  const std::vector<View> before = LookAtAll();
+  const unsigned int result =
+      rows == 0 ? g_writer.WriteHeader() : g_writer.WriteHeaderGrid(rows, cols);
+  CHECK(result == ZrResult::kOk || result == ZrResult::kWriteFailure);
+  reopen();
+  const std::vector<View> after = LookAtAll();
+  for (unsigned int cell = 0; cell < kCells; ++cell) {
+    const View &was = before[cell], &is = after[cell];
+    const bool isTile = was.result == ZrResult::kOk && !was.payload.empty();
+    CHECK(!isTile || (is.result == ZrResult::kOk && is.payload == was.payload));
+  }
 }
 
 }  // namespace
@@ -185,19 +185,29 @@ void Open(bool secret) {
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t size) {
   Input input{bytes, size};
   const int flags = input.Next();
-  const std::string file = MakeFile(input, flags);
-  CHECK(::ftruncate(g_file, 0) == 0 && ::pwrite(g_file, file.data(), file.size(), 0) > 0);
+  Bytes file;
+  g_damaged = flags & kGiven;
+  if (g_damaged) {
+    Parts parts = Split(input.bytes, input.size);
+    file.swap(parts.file);
+    input = parts.commands;
+  } else {
+    file = MakeFile(input, flags);
+  }
+  CHECK(::ftruncate(g_file, 0) == 0);
+  CHECK(::pwrite(g_file, file.data(), file.size(), 0) == static_cast<ssize_t>(file.size()));
   g_writer.Close(), g_reader.Close();
   Open(flags & kLocked);
-  for (const Tile& tile : LookAtAll())
-    CHECK(tile.result == ZrResult::kOk &&
-          (tile.entry == 0 || tile.payload.size() == tile.filled + 16));
+  const std::vector<View> views = LookAtAll();
+  for (const View& view : views)
+    CHECK(g_damaged || (view.result == ZrResult::kOk &&
+                        (view.entry == 0 || view.payload.size() == view.filled + 16)));
 
-  g_damaged = false;
-  Number limit = file.size();
+  Number limit = file.size() + (g_damaged ? kGap : 0);
   for (char letter = 'A'; letter <= 'Z' && input.size > 0 && FileLength() <= kMaxFile; ++letter) {
     const unsigned int kind = input.Next() % 8, row = input.Next() % 4, col = input.Next() % 5;
     const unsigned int count = input.Next(), extra = input.Next();
+    const auto memory = MemoryLimit::ForFile(FileLength(), kBuffers);
     const Number stamp = input.NextNumber(), first = input.NextNumber(), last = input.NextNumber();
     if (kind < 3) {
       Store(row, col, std::string(count, letter), first, last, stamp, limit);
@@ -206,22 +216,15 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
     } else if (kind == 4) {
       if (extra & 2) g_writer.Close(), g_reader.Close();
       Open(extra & 1);
+    } else if (kind == 5) {
+      BeginAnew(count % 8, extra % 8);
+      limit += 64 + 12 + 8 * 7 * 7;
     } else {  // damage: a number of 1 to 8 bytes
-      const Number offset = (extra * 256 + count) % FileLength();
+      const Number offset = (extra * 256 + count) % (FileLength() + 1);
       CHECK(::pwrite(g_file, &first, 1 + last % 8, static_cast<off_t>(offset)) > 0);
       g_damaged = true;
-      limit += 8ULL << 30;  // a gap: a damaged size of the grid, and length of the last record
+      limit += kGap;
     }
   }
   return 0;
 }
-
-#ifndef HX_LIBFUZZER
-int main(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    std::ifstream stream(argv[i], std::ios::binary);
-    const std::string bytes(std::istreambuf_iterator<char>(stream), {});
-    LLVMFuzzerTestOneInput(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
-  }
-}
-#endif
