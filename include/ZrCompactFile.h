@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -37,6 +38,7 @@ struct RecordGuess;
 namespace Engine {
 class FileMap;
 class IndexPages;
+class LookupBarrier;
 class NameKey;
 class NameTable;
 class OperationLock;
@@ -413,6 +415,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// @}
 
  private:
+  friend class Engine::LookupBarrier;
   friend class Engine::OperationLock;
   friend HX_COMPACTFILE_API void RefeshIndexCallBack(void* owner);
 
@@ -493,6 +496,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
 
   // Records. Called with m_mutex and the lock between processes held.
   ZrByteArray* GetSwapData();
+  std::atomic<ZrByteArray*>* FindBuffer();
   bool IsReadOnly() const;
   bool IsRecordPlace(unsigned long long position, unsigned long long length) const;
   unsigned long long GetAppendPosition();
@@ -602,9 +606,16 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
 
   /// The lock order: m_mutex, the lock between processes, m_readers, m_stateMutex, the index's own.
   ZrMutex m_mutex{1};
-  /// Held shared by a lookup that has left m_mutex while it reads its record, and exclusively by
-  /// whoever changes records or closes the file.
+  /// Held shared by a lookup while it reads without m_mutex, and exclusively by whoever changes
+  /// records or the index, or closes the file.
   std::shared_mutex m_readers;
+  /// Those who wait to hold m_readers exclusively, and m_mutex already: lookups then wait for that.
+  std::atomic<unsigned int> m_nBarriers{0};
+  /// Lookups need not take m_mutex at all. Guarded by m_readers.
+  bool m_bSharedLookups = false;
+  /// The buffers of m_mapSwapData of the threads with the lowest numbers. Changed with m_mutex
+  /// held, and taken out with m_readers as well, but for a thread's own.
+  std::array<std::atomic<ZrByteArray*>, 64> m_buffers{};
 };
 
 /// What the lock between processes calls when another process has changed the file; `owner` is the

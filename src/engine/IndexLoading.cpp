@@ -28,6 +28,8 @@ bool ZrCompactFile::ProcessLockInit() {
 // invalid, and every operation tries again before it does anything.
 unsigned int ZrCompactFile::RefreshIndex() {
   const std::lock_guard lock(m_mutex);
+  const Engine::LookupBarrier barrier(*this);
+  m_bSharedLookups = false;
   Engine::FileState state = GetState();
   unsigned int result = ZrResult::kNotUsable;
   try {
@@ -41,6 +43,7 @@ unsigned int ZrCompactFile::RefreshIndex() {
     result = ZrResult::kNotUsable;
   if (result == ZrResult::kOk) {
     Publish(state);
+    m_bSharedLookups = m_bLockDisabled;
   } else {
     m_mapHashCode = nullptr;  // it may have been added to
     const std::lock_guard guard(m_stateMutex);
@@ -176,7 +179,7 @@ bool ZrCompactFile::ReadGridSlot(unsigned int row, unsigned int col,
                                  Engine::TileEntry& entry) const {
   const auto cell = FindCell(row, col);
   std::uint64_t stored;
-  if (!cell || !m_pIndex->ReadValue(*cell, m_bSwap, stored)) return false;
+  if (!cell || !m_pIndex->ReadStableValue(*cell, m_bSwap, stored)) return false;
   entry = {*cell, stored};
   return true;
 }

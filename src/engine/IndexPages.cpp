@@ -57,6 +57,15 @@ bool IndexPages::ReadValue(std::uint64_t entry, bool swap, std::uint64_t& value)
   return true;
 }
 
+bool IndexPages::ReadStableValue(std::uint64_t entry, bool swap, std::uint64_t& value) {
+  const std::uint64_t offset = entry * m_entrySize;
+  if (offset > m_size || sizeof value > m_size - offset) return false;
+  if (!IsLoaded(offset / kPageSize) || !IsLoaded((offset + sizeof value - 1) / kPageSize))
+    return ReadValue(entry, swap, value);
+  value = LoadScalar<std::uint64_t>(m_bytes.Get() + offset, swap);
+  return true;
+}
+
 bool IndexPages::ReadValueUnlocked(std::uint64_t entry, bool swap,
                                    const Format::HeaderImage& header, std::uint64_t& value) {
   if (!Read(entry * m_entrySize, &value, sizeof value, &header)) return false;
@@ -81,12 +90,18 @@ bool IndexPages::LoadPages(std::uint64_t offset, std::uint64_t size,
                            const Format::HeaderImage* header) {
   const std::uint64_t end = PageCount(offset + size);
   for (std::uint64_t page = offset / kPageSize; page < end; ++page) {
-    const auto bit = static_cast<unsigned char>(1U << page % 8);
-    if ((m_loaded.Get()[page / 8] & bit) != 0) continue;
+    if (IsLoaded(page)) continue;
     if (!LoadPage(page) || (header != nullptr && !HasHeader(*header))) return false;
-    m_loaded.Get()[page / 8] |= bit;
+    const auto bit = static_cast<unsigned char>(1U << page % 8);
+    std::atomic_ref(m_loaded.Get()[page / 8]).fetch_or(bit, std::memory_order_release);
   }
   return true;
+}
+
+bool IndexPages::IsLoaded(std::uint64_t page) const {
+  const unsigned char bits =
+      std::atomic_ref(m_loaded.Get()[page / 8]).load(std::memory_order_acquire);
+  return (bits >> page % 8 & 1) != 0;
 }
 
 // Whoever replaces the file changes the header first. So what was read before the header was found

@@ -56,6 +56,9 @@ class IndexPages {
   bool Read(std::uint64_t offset, void* target, std::uint64_t size);
   /// The index value of an entry: its first 8 bytes as a number.
   bool ReadValue(std::uint64_t entry, bool swap, std::uint64_t& value);
+  /// The same for a caller who knows that nobody writes or forgets meanwhile; takes no mutex for a
+  /// page that is there.
+  bool ReadStableValue(std::uint64_t entry, bool swap, std::uint64_t& value);
   /// The same for a caller without the lock between processes, while another process may be
   /// replacing the whole file: false also if the file's header is no longer `header`, as it was on
   /// disk when this index was loaded, and the page of the entry had to be read.
@@ -75,6 +78,7 @@ class IndexPages {
   bool Read(std::uint64_t offset, void* target, std::uint64_t size,
             const Format::HeaderImage* header);
   bool LoadPages(std::uint64_t offset, std::uint64_t size, const Format::HeaderImage* header);
+  bool IsLoaded(std::uint64_t page) const;
   bool HasHeader(const Format::HeaderImage& header) const;
   bool LoadPage(std::uint64_t page);
 
@@ -83,8 +87,8 @@ class IndexPages {
   const std::uint64_t m_size;
   const std::uint64_t m_entrySize;
   std::mutex m_mutex;
-  ZeroMemory m_bytes;   // guarded by m_mutex
-  ZeroMemory m_loaded;  // one bit per page; guarded by m_mutex
+  ZeroMemory m_bytes;   // guarded by m_mutex; of loaded pages, read also without
+  ZeroMemory m_loaded;  // one bit per page, atomic; changed with m_mutex held
   ZeroMemory m_hints;   // 32 bits per entry, atomic
 };
 

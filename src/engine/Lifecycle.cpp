@@ -3,6 +3,7 @@
 #include "EmptyContainer.h"
 #include "FileState.h"
 #include "OpenPath.h"
+#include "OperationLock.h"
 #include "PathRules.h"
 #include "StoreArguments.h"
 #include "ZrCompactFile.h"
@@ -237,6 +238,7 @@ bool ZrCompactFile::Close() {
   const std::lock_guard lock(m_mutex);
   if (m_pCacheFile != nullptr) return m_pCacheFile->Close();
   if (!m_bOpened || m_bLockHeld) return true;
+  if (auto* const known = FindBuffer()) *known = nullptr;
   m_mapSwapData.erase(ZrThread::GetCurrentThreadId());
   if (m_mapSwapData.empty()) TearDown();
   return true;
@@ -245,7 +247,10 @@ bool ZrCompactFile::Close() {
 // Lets go of the file, in whatever state the object is: after this it is as good as new, except
 // that it keeps its path, and what SetMaxSize gave it while nothing was open.
 void ZrCompactFile::TearDown() {
-  const std::lock_guard drained(m_readers);  // lookups under way end first
+  const Engine::LookupBarrier barrier(*this);  // lookups under way end first
+  m_bSharedLookups = false;
+  for (auto& buffer : m_buffers)
+    buffer = nullptr;
   if (!m_bLockHeld) {
     m_flight.End();
     ProcessLockRelease();

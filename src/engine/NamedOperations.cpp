@@ -116,7 +116,7 @@ unsigned int ZrCompactFile::LookupName(const NameKey& key, OperationLock& lock, 
   if (candidates == 1) {
     const std::uint32_t number = *m_mapHashCode->Find(key.GetHashCode());
     std::uint64_t value;
-    if (!m_pIndex->ReadValue(number, m_bSwap, value)) return ZrResult::kReadFailure;
+    if (!m_pIndex->ReadStableValue(number, m_bSwap, value)) return ZrResult::kReadFailure;
     slot = {{number, value}, key.GetHashCode(), false};
   } else if (!GetNamingIdxValue(key, *buffer, slot)) {
     return slot.isNew ? ZrResult::kNotFound : ZrResult::kReadFailure;

@@ -55,7 +55,7 @@ bool ZrCompactFile::GetNamingIdxValue(const NameKey& key, ZrByteArray& buffer,
     const std::uint32_t number = *m_mapHashCode->Find(probe);
     std::uint64_t value;
     slot = {};
-    if (!m_pIndex->ReadValue(number, m_bSwap, value)) return false;
+    if (!m_pIndex->ReadStableValue(number, m_bSwap, value)) return false;
     slot = {{number, value}, probe, false};
     if (slot.entry.status == Format::kStatusEmpty) return true;
     const auto matches = HasName(slot.entry, key, buffer);

@@ -10,13 +10,31 @@ constexpr unsigned int kReadersPerFlight = 64;
 
 }  // namespace
 
+LookupBarrier::LookupBarrier(ZrCompactFile& object)
+    : m_exclusive(object.m_readers, std::defer_lock) {
+  ++object.m_nBarriers;  // readers that follow each other without end must not keep it closed
+  m_exclusive.lock();
+  --object.m_nBarriers;
+}
+
 OperationLock::OperationLock(ZrCompactFile& object, Kind kind)
-    : m_object(object), m_kind(kind), m_mutex(object.m_mutex) {
+    : m_object(object), m_kind(kind), m_mutex(object.m_mutex, std::defer_lock) {
+  if (kind == kReader && ShareLookups()) return;
+  m_mutex.lock();
   try {
     if (object.m_bOpened) Acquire();
   } catch (const std::bad_alloc&) {
     m_usable = false;
   }
+}
+
+bool OperationLock::ShareLookups() {
+  if (m_object.m_nBarriers != 0) return false;
+  m_shared = std::shared_lock(m_object.m_readers);
+  const auto* buffer = m_object.FindBuffer();
+  m_usable = m_object.m_bSharedLookups && buffer != nullptr && *buffer != nullptr;
+  if (!m_usable) m_shared.unlock();
+  return m_usable;
 }
 
 void OperationLock::Acquire() {
@@ -26,7 +44,7 @@ void OperationLock::Acquire() {
     m_processLocked = m_kind == kReader ? LockForReading() : LockForWriting();
     if (!m_processLocked) return;
   }
-  if (m_kind == kWriter) m_exclusive = std::unique_lock(m_object.m_readers);
+  if (m_kind == kWriter) m_barrier.emplace(m_object);
   if (m_kind == kCompaction) m_object.m_bLockHeld = true;
   m_usable = m_object.m_bIndexValid;
 }
@@ -54,14 +72,13 @@ bool OperationLock::LockForWriting() {
 void OperationLock::WaitForReaders() {
   auto& flight = m_object.m_flight;
   if (flight.aboard == 0) return;
-  m_object.m_readers.lock();
-  m_object.m_readers.unlock();
+  { const LookupBarrier barrier(m_object); }
   flight.End();
   m_object.ReaderUnlock();
 }
 
 OperationLock::~OperationLock() {
-  if (m_exclusive.owns_lock()) m_exclusive.unlock();
+  m_barrier.reset();
   if (m_shared.owns_lock()) m_shared.unlock();
   if (m_processLocked && !m_mutex.owns_lock()) m_mutex.lock();
   LeaveProcessLock();
@@ -87,7 +104,7 @@ void OperationLock::StayLong() {
 }
 
 void OperationLock::LeaveMutex() {
-  if (m_object.m_bLockHeld) return;
+  if (m_object.m_bLockHeld || m_shared.owns_lock()) return;
   m_shared = std::shared_lock(m_object.m_readers);
   m_mutex.unlock();
 }

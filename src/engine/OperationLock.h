@@ -1,11 +1,22 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 
 #include "ZrCompactFile.h"
 
 namespace Zarn::Engine {
+
+/// Waits until no lookup reads without the object's mutex, and keeps others from it. To be made
+/// with the mutex held.
+class LookupBarrier {
+ public:
+  explicit LookupBarrier(ZrCompactFile& object);
+
+ private:
+  std::unique_lock<std::shared_mutex> m_exclusive;
+};
 
 /// Holds an object's locks for one operation, in the one order that all operations follow: its
 /// mutex, the lock between processes (which brings the index up to date), and for a writer the
@@ -15,6 +26,9 @@ namespace Zarn::Engine {
 /// flight: the first one takes it and the last one gives it back. A flight takes so many and no
 /// more; then the next reader waits until it is over, so that readers in turn without end keep no
 /// other process out.
+///
+/// Where the lock between processes is not in use, a reader needs no more than the promise that
+/// nothing is changed meanwhile, and takes not even the mutex.
 class OperationLock {
  public:
   /// kCompaction: as kWriter, but lookups go on until the file is closed; and until the end, the
@@ -41,6 +55,7 @@ class OperationLock {
   void LeaveProcessLock();
 
  private:
+  bool ShareLookups();
   void Acquire();
   bool LockForReading();
   bool LockForWriting();
@@ -53,7 +68,7 @@ class OperationLock {
   std::uint64_t m_flight = 0;  // of a reader: the one that it belongs to
   bool m_stays = false;
   bool m_usable = false;
-  std::unique_lock<std::shared_mutex> m_exclusive;
+  std::optional<LookupBarrier> m_barrier;
   std::shared_lock<std::shared_mutex> m_shared;
 };
 

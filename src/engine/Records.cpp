@@ -18,15 +18,24 @@ namespace Zarn {
 // The calling thread's buffer, made on first use; the map of them is also the list of the object's
 // users. Null while nothing is open, or if memory is short.
 ZrByteArray* ZrCompactFile::GetSwapData() {
+  std::atomic<ZrByteArray*>* const known = FindBuffer();
+  if (known != nullptr && *known != nullptr) return *known;
   if (!m_bOpened) return nullptr;
   try {
     std::unique_ptr<ZrByteArray>& buffer = m_mapSwapData[ZrThread::GetCurrentThreadId()];
     if (buffer == nullptr) buffer = std::make_unique<ZrByteArray>();
     buffer->SetSwap(m_bSwap);
+    if (known != nullptr) *known = buffer.get();
     return buffer.get();
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
+}
+
+// Where the calling thread's buffer is kept for a quick look; null for threads of high numbers.
+std::atomic<ZrByteArray*>* ZrCompactFile::FindBuffer() {
+  const std::uint32_t thread = ZrThread::GetCurrentThreadId();
+  return thread < m_buffers.size() ? &m_buffers[thread] : nullptr;
 }
 
 bool ZrCompactFile::IsReadOnly() const {

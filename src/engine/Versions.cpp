@@ -228,7 +228,7 @@ Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry,
                                            unsigned long long headSize) const {
   std::uint64_t length = m_pIndex->GetHint(entry.number);
   std::uint64_t next;
-  if (length == 0 && m_pIndex->ReadValue(std::uint64_t{entry.number} + 1, m_bSwap, next))
+  if (length == 0 && m_pIndex->ReadStableValue(std::uint64_t{entry.number} + 1, m_bSwap, next))
     length = Format::DistanceToNext(entry.position, next);
   return {headSize, length > headSize ? length - headSize : 0};
 }
