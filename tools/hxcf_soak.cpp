@@ -26,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "FileSyscalls.h"
 #include "ZrCompactFile.h"
 
 namespace {
@@ -41,7 +42,7 @@ constexpr std::uint32_t kAllTiles = 2 * kTiles;  // the second half have names
 constexpr std::uint32_t kVersions = 6;           // of each tile, by stamp
 constexpr std::uint32_t kHeadSize = 16;
 constexpr std::uint32_t kMostProcesses = 64;
-constexpr std::uint32_t kMostInBatch = 40;
+constexpr std::uint32_t kMostInBatch = 12;
 constexpr std::uintmax_t kMostBytes = 1 << 26;            // then other files are begun
 constexpr std::uint32_t kOperationsPerCompaction = 2000;  // of one worker
 constexpr std::uint32_t kOperationsPerPassword = 1000;
@@ -120,7 +121,7 @@ std::uint64_t Mix(std::uint32_t tile, std::uint32_t stamp, std::uint32_t generat
 
 // One of three for each tile, so that a rewrite finds the same, a smaller or a larger one.
 std::uint32_t Length(std::uint32_t tile, std::uint32_t stamp, std::uint32_t generation) {
-  const std::uint64_t ofTile = Mix(tile, 0, 0) % (tile % 16 == 0 ? 40000 : 1500);
+  const std::uint64_t ofTile = Mix(tile, 0, 0) % (tile % 4 == 0 ? 20000 : 1500);
   return kHeadSize +
          static_cast<std::uint32_t>(ofTile * (1 + Mix(tile, stamp, generation) % 3) / 2);
 }
@@ -169,6 +170,21 @@ struct Sight {
            Is(tile, head[1], {head[2], static_cast<std::uint32_t>(filled)});
   }
 };
+
+// The kernel stops a write of a killed process between two pages. That takes a kill within a
+// microsecond, so here each page has a call of its own, and a kill mostly comes between two.
+void WriteByPages() {
+  Zarn::FileSyscalls& calls = Zarn::GetFileSyscalls();
+  calls.pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
+    constexpr std::size_t kPageSize = 4096;
+    const std::size_t inPage = kPageSize - static_cast<std::size_t>(position) % kPageSize;
+    std::this_thread::yield();
+    return ::pwrite(fd, bytes, std::min(size, inPage), position);
+  };
+  calls.pwritev = [](int fd, const iovec* parts, int, off_t position) {
+    return Zarn::GetFileSyscalls().pwrite(fd, parts->iov_base, parts->iov_len, position);
+  };
+}
 
 /// One of the two files, as one of its users has it open.
 class User {
@@ -314,6 +330,7 @@ class Worker {
       : m_number(number), m_random(seed + number), m_users(folder) {}
 
   int Run() {
+    WriteByPages();
     Begin();
     if (!m_users.Open()) return 1;
     for (;;) {
@@ -430,10 +447,10 @@ class Soak {
       new (&tile) Tile();
     for (std::uint32_t slot = 0; slot < g_processes; ++slot)
       Start(slot);
-    while (Clock::now() < end && !IsLarge()) {
+    for (auto next = Clock::now(); next < end && !IsLarge();) {
       ::alarm(kHangSeconds);
-      const auto pause = 2000 + m_random() % (1000 * m_mostPause - 1999);
-      std::this_thread::sleep_for(std::chrono::microseconds(pause));
+      next += std::chrono::microseconds(2000 + m_random() % (1000 * m_mostPause - 1999));
+      std::this_thread::sleep_until(next);
       KillOne(static_cast<std::uint32_t>(m_random() % g_processes));
       for (int slot; (slot = Reap(WNOHANG)) >= 0;)
         Start(static_cast<std::uint32_t>(slot));
