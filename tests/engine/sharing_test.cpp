@@ -1,5 +1,9 @@
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,12 +12,15 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "FileSyscalls.h"
+#include "ZrCompactFileReader.h"
 #include "engine/EngineFixture.h"
 #include "support/Processes.h"
 
@@ -47,6 +54,7 @@ Tile Get(ZrCompactFile& file, unsigned int cell, unsigned int stamp = 1 << 30) {
 // What is known about the file, in memory that all threads and processes share.
 struct Ledger {
   std::atomic<unsigned int> stamps, arrived;
+  std::atomic<bool> isOver;
   std::array<std::atomic<bool>, 40000> acknowledged;  // by stamp
   // By cell, the highest value that was stored or seen.
   std::array<std::atomic<unsigned int>, std::size_t{kSide} * kSide> newest;
@@ -86,8 +94,11 @@ struct Ledger {
   }
 };
 
+bool g_stopsAtNextCall = false;
+
 void Pause() {
   static std::atomic<unsigned int> calls = 0;
+  if (g_stopsAtNextCall) g_stopsAtNextCall = ::raise(SIGSTOP) != 0;
   if (++calls % 64 == 0) std::this_thread::yield();
 }
 
@@ -327,6 +338,102 @@ TEST_F(Sharing, TheLastUserClosesTheFile) {
   EXPECT_EQ(Read(0, 0, 1).payload, "other");
   EXPECT_TRUE(object.Close());
   EXPECT_TRUE(object.IsOpen()) << "the second thread has not closed it";
+}
+
+// As soon as a process neither runs nor is stopped: S where it waits for a lock, Z where it ended.
+char RestingState(pid_t process) {
+  for (std::string line;; line.clear()) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::getline(file, line);
+    const char state = line.at(line.rfind(')') + 2);
+    if (state == 'S' || state == 'Z') return state;
+  }
+}
+
+TEST_F(Sharing, AStoppedHolderIsWaitedFor) {
+  constexpr unsigned int kCell = kShared;
+  const std::function<bool()> lookUp = [&] { return ledger.Verify(fresh, kCell); };
+  const std::function<bool()> store = [&] { return Put(fresh, kCell, 1, 1); };
+  const std::function<bool()> compact = [&] { return fresh.Compact() == 0; };
+  const auto start = [&](const std::function<bool()>& operation, bool holds) {
+    const auto child = Fork(1, [&](unsigned int) {
+      const bool isOpen = fresh.Open(path, u"", kLocked) == 0;
+      g_stopsAtNextCall = holds;
+      if (!holds) ::raise(SIGSTOP);
+      return isOpen && operation() ? 0 : 1;
+    });
+    int status = 0;
+    EXPECT_EQ(::waitpid(child[0], &status, WUNTRACED), child[0]);
+    EXPECT_TRUE(WIFSTOPPED(status));
+    return child[0];
+  };
+  MakeGrid(kSide, kSide, false, kLocked);
+  ASSERT_TRUE(Put(object, kCell, 1, 1) && ledger.Note(kCell, 1));
+  for (const auto& operation : {lookUp, store, compact}) {
+    const pid_t writer = start(store, false), reader = start(lookUp, false);
+    const pid_t holder = start(operation, true);
+    for (const pid_t waiting : {writer, reader}) {
+      ::kill(waiting, SIGCONT);
+      EXPECT_EQ(RestingState(waiting), 'S');
+    }
+    ::kill(holder, SIGCONT);
+    ExpectEnd({holder, writer, reader}, 0);
+  }
+}
+
+class SharingReadOnly : public Sharing, public ::testing::WithParamInterface<bool> {
+ public:
+  // Without any right to write, or on a mount that is read-only.
+  bool LoseRights() const {
+    constexpr unsigned int kNobody = 65534;
+    const std::string where = folder.GetFolder().string();
+    const char* const at = where.c_str();
+    return GetParam()
+               ? ::unshare(CLONE_NEWNS) == 0 &&
+                     ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                     ::mount(at, at, nullptr, MS_BIND, nullptr) == 0 &&
+                     ::mount(nullptr, at, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0
+               : ::setgroups(0, nullptr) + ::setgid(kNobody) + ::setuid(kNobody) == 0;
+  }
+};
+INSTANTIATE_TEST_SUITE_P(Engine, SharingReadOnly, ::testing::Bool(),
+                         [](const auto& param) { return param.param ? "Mount" : "User"; });
+
+TEST_P(SharingReadOnly, SeesAllAndDisturbsNobody) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give rights up";
+  MakeGrid(kSide, kSide, false, kLocked);
+  ::chmod(path.ToUtf8().c_str(), 0444);
+  ::chmod(folder.GetFolder().c_str(), 0555);
+  const auto readers = Fork(2, [&](unsigned int) {
+    const bool isReader = LoseRights();
+    int faults = isReader &&
+                 fresh.Open(path, u"", ZrCompactFile::kReadOnly | ZrCompactFile::kProcessLock) != 0;
+    ledger.arrived += isReader ? 1 : 100;
+    if (!isReader) return 0;
+    faults += Put(fresh, 0, 1, 1) + (fresh.Compact() != 2) + fresh.SetPassword(u"x");
+    for (unsigned int cell = 0; !ledger.isOver; cell = (cell + 1) % (kOwn + 600))
+      faults += !ledger.Verify(fresh, cell);
+    ZrCompactFileReader light;
+    faults += light.Open(path, u"", ZrCompactFile::kReadOnly) != 0;
+    ZrByteArray data;
+    unsigned long long filled;
+    for (unsigned int cell = kOwn; cell < kOwn + 600; ++cell)
+      faults += !ledger.Verify(fresh, cell) ||
+                light.Lookup(cell / kSide, cell % kSide, data, filled, 1) != 0 ||
+                Content(data) != Payload(cell, ledger.newest[cell]);
+    return faults;
+  });
+  while (ledger.arrived < 2)
+    std::this_thread::yield();
+  const auto writing = Fork(1, [&](unsigned int) {
+    const bool isDone = fresh.Open(path, u"", kLocked) == 0 && ledger.Work(fresh, 0, 300) == 0 &&
+                        fresh.Compact() == 0 && ledger.Work(fresh, 1, 300) == 0;
+    ledger.isOver = true;
+    return isDone ? 0 : 1;
+  });
+  ExpectEnd(writing, 0);
+  ExpectEnd(readers, 0);
+  if (ledger.arrived >= 100) GTEST_SKIP() << "nothing can be mounted here";
 }
 
 }  // namespace
