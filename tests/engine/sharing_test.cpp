@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,7 +54,6 @@ Tile Get(ZrCompactFile& file, unsigned int cell, unsigned int stamp = 1 << 30) {
 struct Ledger {
   std::atomic<unsigned int> stamps, arrived;
   std::atomic<bool> isOver;
-  std::array<std::atomic<bool>, 40000> acknowledged;  // by stamp
   // By cell, the highest value that was stored or seen.
   std::array<std::atomic<unsigned int>, std::size_t{kSide} * kSide> newest;
 
@@ -200,40 +198,6 @@ TEST_F(Sharing, OpenersOfAMissingFileMakeOne) {
   }
 }
 
-TEST_F(Sharing, WhatAKilledProcessAcknowledgedIsThere) {
-  constexpr unsigned int kCells = 1000;
-  MakeGrid(kSide, kSide, false, kLocked);
-  std::minstd_rand random;
-  for (int round = 0; round < 40; ++round) {
-    const auto children = Fork(2, [&](unsigned int) {
-      bool stored = fresh.Open(path, u"", kLocked) == 0;
-      while (stored) {
-        const unsigned int stamp = ++ledger.stamps;
-        stored = Put(fresh, stamp % kCells, stamp, stamp);
-        if (stamp < ledger.acknowledged.size()) ledger.acknowledged[stamp] = stored;
-      }
-      ledger.stamps += 100;  // nobody is to wait for it
-      return 1;
-    });
-    for (const unsigned long stamp = ledger.stamps + random() % 50; ledger.stamps < stamp;)
-      std::this_thread::yield();
-    for (std::atomic<unsigned long> i = random() % 20000; i < 20000;)  // to any moment of a store
-      ++i;
-    for (const pid_t child : children)
-      ::kill(child, SIGKILL);
-    ExpectEnd(children, SIGKILL);
-    EXPECT_TRUE(Put(object, kCells, 1, 1)) << "nobody is in the way";
-  }
-  std::size_t acknowledged = 0;
-  for (unsigned int stamp = 0; stamp < ledger.acknowledged.size(); ++stamp) {
-    if (!ledger.acknowledged[stamp]) continue;
-    ++acknowledged;
-    ASSERT_EQ(Get(object, stamp % kCells, stamp).payload, Payload(stamp % kCells, stamp));
-  }
-  EXPECT_GE(acknowledged, 100U);
-  Check();
-}
-
 TEST_F(Sharing, FollowsThePath) {
   const std::string here = path.ToUtf8(), there = folder.GetPath("there.cf").ToUtf8();
   ASSERT_EQ(fresh.Create(folder.GetPath("there"), 3, 3, u"", kLocked), 0U);
@@ -340,7 +304,7 @@ TEST_F(Sharing, TheLastUserClosesTheFile) {
   EXPECT_TRUE(object.IsOpen()) << "the second thread has not closed it";
 }
 
-// As soon as a process neither runs nor is stopped: S where it waits for a lock, Z where it ended.
+// As soon as a process neither runs nor is stopped: S where it waits, Z where it has ended.
 char RestingState(pid_t process) {
   for (std::string line;; line.clear()) {
     std::ifstream file("/proc/" + std::to_string(process) + "/stat");
@@ -351,24 +315,23 @@ char RestingState(pid_t process) {
 }
 
 TEST_F(Sharing, AStoppedHolderIsWaitedFor) {
-  constexpr unsigned int kCell = kShared;
-  const std::function<bool()> lookUp = [&] { return ledger.Verify(fresh, kCell); };
-  const std::function<bool()> store = [&] { return Put(fresh, kCell, 1, 1); };
+  const std::function<bool()> lookUp = [&] { return ledger.Verify(fresh, kShared); };
+  const std::function<bool()> store = [&] { return Put(fresh, kShared, 1, 1); };
   const std::function<bool()> compact = [&] { return fresh.Compact() == 0; };
+  // Stopped before the operation, or at its first read, with the lock held.
   const auto start = [&](const std::function<bool()>& operation, bool holds) {
-    const auto child = Fork(1, [&](unsigned int) {
+    const pid_t child = Fork(1, [&](unsigned int) {
       const bool isOpen = fresh.Open(path, u"", kLocked) == 0;
       g_stopsAtNextCall = holds;
       if (!holds) ::raise(SIGSTOP);
       return isOpen && operation() ? 0 : 1;
-    });
+    })[0];
     int status = 0;
-    EXPECT_EQ(::waitpid(child[0], &status, WUNTRACED), child[0]);
-    EXPECT_TRUE(WIFSTOPPED(status));
-    return child[0];
+    EXPECT_TRUE(::waitpid(child, &status, WUNTRACED) == child && WIFSTOPPED(status));
+    return child;
   };
   MakeGrid(kSide, kSide, false, kLocked);
-  ASSERT_TRUE(Put(object, kCell, 1, 1) && ledger.Note(kCell, 1));
+  ASSERT_TRUE(Put(object, kShared, 1, 1) && ledger.Note(kShared, 1));
   for (const auto& operation : {lookUp, store, compact}) {
     const pid_t writer = start(store, false), reader = start(lookUp, false);
     const pid_t holder = start(operation, true);
@@ -381,59 +344,50 @@ TEST_F(Sharing, AStoppedHolderIsWaitedFor) {
   }
 }
 
-class SharingReadOnly : public Sharing, public ::testing::WithParamInterface<bool> {
- public:
-  // Without any right to write, or on a mount that is read-only.
-  bool LoseRights() const {
-    constexpr unsigned int kNobody = 65534;
-    const std::string where = folder.GetFolder().string();
-    const char* const at = where.c_str();
-    return GetParam()
-               ? ::unshare(CLONE_NEWNS) == 0 &&
-                     ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                     ::mount(at, at, nullptr, MS_BIND, nullptr) == 0 &&
-                     ::mount(nullptr, at, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0
-               : ::setgroups(0, nullptr) + ::setgid(kNobody) + ::setuid(kNobody) == 0;
-  }
-};
+// For the rest of the process, nothing in the folder can be written: by this user, or here.
+bool BecomeReadOnly(const char* folder, bool byMount) {
+  constexpr unsigned int kNobody = 65534;
+  if (!byMount) return ::setgroups(0, nullptr) + ::setgid(kNobody) + ::setuid(kNobody) == 0;
+  return ::unshare(CLONE_NEWNS) == 0 &&
+         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         ::mount(folder, folder, nullptr, MS_BIND, nullptr) == 0 &&
+         ::mount(nullptr, folder, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
+}
+
+class SharingReadOnly : public Sharing, public ::testing::WithParamInterface<bool> {};
 INSTANTIATE_TEST_SUITE_P(Engine, SharingReadOnly, ::testing::Bool(),
                          [](const auto& param) { return param.param ? "Mount" : "User"; });
 
 TEST_P(SharingReadOnly, SeesAllAndDisturbsNobody) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only root can give rights up";
+  constexpr unsigned int kCells = kOwn + 600, kReadOnly = 10, kUnable = 100;
+  const char* const where = folder.GetFolder().c_str();
   MakeGrid(kSide, kSide, false, kLocked);
   ::chmod(path.ToUtf8().c_str(), 0444);
-  ::chmod(folder.GetFolder().c_str(), 0555);
-  const auto readers = Fork(2, [&](unsigned int) {
-    const bool isReader = LoseRights();
-    int faults = isReader &&
-                 fresh.Open(path, u"", ZrCompactFile::kReadOnly | ZrCompactFile::kProcessLock) != 0;
-    ledger.arrived += isReader ? 1 : 100;
-    if (!isReader) return 0;
-    faults += Put(fresh, 0, 1, 1) + (fresh.Compact() != 2) + fresh.SetPassword(u"x");
-    for (unsigned int cell = 0; !ledger.isOver; cell = (cell + 1) % (kOwn + 600))
-      faults += !ledger.Verify(fresh, cell);
+  ::chmod(where, 0555);
+  const auto readers = Fork(2, [&](unsigned int) -> unsigned int {
+    const bool isAble = ::geteuid() == 0 && BecomeReadOnly(where, GetParam());
+    unsigned int faults = isAble && fresh.Open(path, u"", kReadOnly) != 0;
+    ledger.arrived += isAble ? 1 : kUnable;
+    if (!isAble) return 0;
+    while (!ledger.isOver)
+      for (unsigned int cell = 0; cell < kCells; ++cell)
+        faults += !ledger.Verify(fresh, cell);
     ZrCompactFileReader light;
-    faults += light.Open(path, u"", ZrCompactFile::kReadOnly) != 0;
+    faults += fresh.Compact() != 2 || light.Open(path, u"", kReadOnly) != 0;
     ZrByteArray data;
     unsigned long long filled;
-    for (unsigned int cell = kOwn; cell < kOwn + 600; ++cell)
-      faults += !ledger.Verify(fresh, cell) ||
-                light.Lookup(cell / kSide, cell % kSide, data, filled, 1) != 0 ||
-                Content(data) != Payload(cell, ledger.newest[cell]);
+    for (unsigned int cell = kOwn; cell < kCells; ++cell)
+      faults += light.Lookup(cell / kSide, cell % kSide, data, filled, 1) != 0 ||
+                Content(data) != Payload(cell, 1) || !ledger.Verify(fresh, cell);
     return faults;
   });
   while (ledger.arrived < 2)
     std::this_thread::yield();
-  const auto writing = Fork(1, [&](unsigned int) {
-    const bool isDone = fresh.Open(path, u"", kLocked) == 0 && ledger.Work(fresh, 0, 300) == 0 &&
-                        fresh.Compact() == 0 && ledger.Work(fresh, 1, 300) == 0;
-    ledger.isOver = true;
-    return isDone ? 0 : 1;
-  });
-  ExpectEnd(writing, 0);
+  EXPECT_EQ(ledger.Work(object, 0, 300) + ledger.Work(object, 1, 300), 0);
+  EXPECT_EQ(object.Compact(), 0U);
+  ledger.isOver = true;
   ExpectEnd(readers, 0);
-  if (ledger.arrived >= 100) GTEST_SKIP() << "nothing can be mounted here";
+  if (ledger.arrived >= kUnable) GTEST_SKIP() << "needs root, and that it may mount";
 }
 
 }  // namespace
