@@ -43,9 +43,9 @@ constexpr std::uint32_t kVersions = 6;           // of each tile, by stamp
 constexpr std::uint32_t kHeadSize = 16;
 constexpr std::uint32_t kMostProcesses = 64;
 constexpr std::uint32_t kMostInBatch = 12;
-constexpr std::uintmax_t kMostBytes = 1 << 26;            // then other files are begun
 constexpr std::uint32_t kOperationsPerCompaction = 2000;  // of one worker
 constexpr std::uint32_t kOperationsPerPassword = 1000;
+constexpr std::chrono::seconds kAge(6);  // then other files are begun
 constexpr unsigned int kHangSeconds = 20;
 constexpr ZrCompactFile::ZrOpenMode kMode =
     ZrCompactFile::kCreateMissing | ZrCompactFile::kProcessLock;
@@ -93,11 +93,10 @@ struct Tile {
   }
 };
 
-using Milliseconds = std::atomic<std::int64_t>;
-
 struct Ledger {
   std::array<Tile, kAllTiles> tiles;
-  std::array<Milliseconds, kMostProcesses> begun;       // by slot: the worker's latest operation
+  std::array<std::atomic<std::int64_t>, kMostProcesses>
+      begun;  // by slot, of its latest operation: when, in ms
   std::array<std::atomic<std::uint32_t>, 2> passwords;  // of each file: the latest that was tried
   std::atomic<std::uint64_t> lookups, changes, batches, compactions, newPasswords, errors;
 };
@@ -207,9 +206,9 @@ class User {
   Sight Lookup(std::uint32_t tile, std::uint32_t stamp) {
     Sight sight;
     sight.result = Try([&] {
-      return IsNamed(tile)
-                 ? m_file.Lookup(NameOf(tile), sight.data, sight.filled, stamp + 1)
-                 : m_file.Lookup(RowOf(tile), ColOf(tile), sight.data, sight.filled, stamp + 1);
+      return At(tile, [&](auto... place) {
+        return m_file.Lookup(place..., sight.data, sight.filled, stamp + 1);
+      });
     });
     return sight;
   }
@@ -220,15 +219,33 @@ class User {
   }
   /// Makes the changes that the tiles name: a removal alone, a store alone or in a batch.
   unsigned int Apply(const std::vector<std::uint32_t>& tiles) {
-    const Tile& first = g_ledger->tiles[tiles[0]];
-    const std::uint32_t stamp = first.stamp + 1;
-    if (first.kind == Tile::kRemove)
+    const std::uint32_t first = tiles[0], stamp = g_ledger->tiles[first].stamp;
+    if (g_ledger->tiles[first].kind == Tile::kRemove)
       return Try([&] {
-        return IsNamed(tiles[0]) ? m_file.Remove(NameOf(tiles[0]), stamp)
-                                 : m_file.Remove(RowOf(tiles[0]), ColOf(tiles[0]), stamp);
+        return At(first, [&](auto... place) { return m_file.Remove(place..., stamp + 1); });
       });
-    return IsNamed(tiles[0]) ? Store<ZrCompactFile::ZrNameStore>(tiles)
-                             : Store<ZrCompactFile::ZrCellStore>(tiles);
+    std::vector<ZrByteArray> data(tiles.size());
+    std::vector<ZrCompactFile::ZrCellStore> cells;
+    std::vector<ZrCompactFile::ZrNameStore> names;
+    for (const std::uint32_t number : tiles) {
+      const Tile& tile = g_ledger->tiles[number];
+      const Version before = tile.acknowledged[tile.stamp], after = tile.after;
+      const auto payload = Payload(number, tile.stamp, after.generation);
+      const std::uint32_t offset = tile.kind == Tile::kContinue ? before.filled : 0;
+      ZrByteArray& piece = data[cells.size()];
+      piece = ZrByteArray(payload.data() + offset, after.filled - offset);
+      cells.push_back(
+          {number / kSide, number % kSide, &piece, payload.size(), offset, tile.stamp + 1ULL});
+      names.push_back({NameOf(number), &piece, payload.size(), offset, tile.stamp + 1ULL});
+    }
+    std::vector<unsigned int> results;
+    return Try([&] {
+      if (tiles.size() > 1)
+        return m_named ? m_file.SetBatch(names, results) : m_file.SetBatch(cells, results);
+      return At(first, [&](auto... place) {
+        return m_file.SetAt(place..., data[0], cells[0].capacity, cells[0].offset, stamp + 1);
+      });
+    });
   }
   unsigned int Compact() {
     return Try([&] { return m_file.Compact(); });
@@ -243,46 +260,12 @@ class User {
   }
 
  private:
-  static bool IsNamed(std::uint32_t tile) { return tile >= kTiles; }
-  static std::uint32_t RowOf(std::uint32_t tile) { return tile / kSide; }
-  static std::uint32_t ColOf(std::uint32_t tile) { return tile % kSide; }
   static PelmUnicodeString NameOf(std::uint32_t tile) {
     return PelmUnicodeString::FromUtf8("tile " + std::to_string(tile));
   }
-  static void Address(std::uint32_t tile, ZrCompactFile::ZrCellStore& store) {
-    store.row = RowOf(tile);
-    store.col = ColOf(tile);
-  }
-  static void Address(std::uint32_t tile, ZrCompactFile::ZrNameStore& store) {
-    store.name = NameOf(tile);
-  }
-  unsigned int SetOne(const ZrCompactFile::ZrCellStore& store) {
-    return m_file.SetAt(store.row, store.col, *store.data, store.capacity, store.offset,
-                        store.version);
-  }
-  unsigned int SetOne(const ZrCompactFile::ZrNameStore& store) {
-    return m_file.SetAt(store.name, *store.data, store.capacity, store.offset, store.version);
-  }
-
-  template <typename AnyStore>
-  unsigned int Store(const std::vector<std::uint32_t>& tiles) {
-    std::vector<ZrByteArray> data(tiles.size());
-    std::vector<AnyStore> stores(tiles.size());
-    for (std::size_t i = 0; i < tiles.size(); ++i) {
-      const Tile& tile = g_ledger->tiles[tiles[i]];
-      const Version after = tile.after;
-      const auto payload = Payload(tiles[i], tile.stamp, after.generation);
-      Address(tiles[i], stores[i]);
-      stores[i].data = &data[i];
-      stores[i].capacity = payload.size();
-      stores[i].version = tile.stamp + 1;
-      if (tile.kind == Tile::kContinue)
-        stores[i].offset = tile.acknowledged[tile.stamp].load().filled;
-      data[i] = ZrByteArray(payload.data() + stores[i].offset, after.filled - stores[i].offset);
-    }
-    std::vector<unsigned int> results;
-    return Try(
-        [&] { return stores.size() == 1 ? SetOne(stores[0]) : m_file.SetBatch(stores, results); });
+  template <typename Operation>
+  unsigned int At(std::uint32_t tile, Operation operation) const {
+    return m_named ? operation(NameOf(tile)) : operation(tile / kSide, tile % kSide);
   }
 
   // Does it again if another process had changed the password, for which it has failed.
@@ -439,7 +422,7 @@ class Soak {
   Soak(const std::filesystem::path& folder, std::uint64_t seed, unsigned int mostPause)
       : m_folder(folder), m_seed(seed), m_random(seed), m_mostPause(mostPause), m_users(folder) {}
 
-  /// Works on new files until one has become large or the time is over.
+  /// Works on new files for a while, or until the time is over.
   void Run(Clock::time_point end) {
     if (!m_users.files[0].Create() || !m_users.files[1].Create())
       return Fail("not created", 0, 0, ZrResult::kNotCreated);
@@ -447,7 +430,8 @@ class Soak {
       new (&tile) Tile();
     for (std::uint32_t slot = 0; slot < g_processes; ++slot)
       Start(slot);
-    for (auto next = Clock::now(); next < end && !IsLarge();) {
+    end = std::min(end, Clock::now() + kAge);
+    for (auto next = Clock::now(); next < end;) {
       ::alarm(kHangSeconds);
       next += std::chrono::microseconds(2000 + m_random() % (1000 * m_mostPause - 1999));
       std::this_thread::sleep_until(next);
@@ -482,11 +466,6 @@ class Soak {
 
  private:
   static unsigned long long Number(std::uint64_t value) { return value; }
-
-  bool IsLarge() const {
-    return std::max(std::filesystem::file_size(m_folder / "grid.cf"),
-                    std::filesystem::file_size(m_folder / "names.cf")) > kMostBytes;
-  }
 
   void Start(std::uint32_t slot) {
     m_numbers[slot] += m_numbers[slot] == 0 ? g_processes + slot : g_processes;
