@@ -174,14 +174,21 @@ struct Sight {
 // microsecond, so here each page has a call of its own, and a kill mostly comes between two.
 void WriteByPages() {
   Zarn::FileSyscalls& calls = Zarn::GetFileSyscalls();
-  calls.pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
-    constexpr std::size_t kPageSize = 4096;
-    const std::size_t inPage = kPageSize - static_cast<std::size_t>(position) % kPageSize;
+  calls.pwritev = [](int fd, const iovec* parts, int count, off_t position) {
+    std::array<unsigned char, 4096> page;
+    const std::size_t room = page.size() - static_cast<std::size_t>(position) % page.size();
+    std::size_t size = 0;
+    for (int i = 0; i < count && size < room; ++i) {
+      const std::size_t now = std::min(parts[i].iov_len, room - size);
+      std::memcpy(&page[size], parts[i].iov_base, now);
+      size += now;
+    }
     std::this_thread::yield();
-    return ::pwrite(fd, bytes, std::min(size, inPage), position);
+    return ::pwrite(fd, page.data(), size, position);
   };
-  calls.pwritev = [](int fd, const iovec* parts, int, off_t position) {
-    return Zarn::GetFileSyscalls().pwrite(fd, parts->iov_base, parts->iov_len, position);
+  calls.pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
+    const iovec part = {const_cast<void*>(bytes), size};
+    return Zarn::GetFileSyscalls().pwritev(fd, &part, 1, position);
   };
 }
 
