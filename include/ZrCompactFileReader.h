@@ -5,11 +5,16 @@
 
 namespace Zarn {
 
+namespace Io {
+class RecordReader;
+}
+
 /// Reads the tiles of a grid file, without any lock.
 ///
 /// One object belongs to one thread; several may be open on one file while one ZrCompactFileWriter
-/// appends to it. A tile that is being rewritten in place at that moment may be read half old, half
-/// new. Nothing is kept between calls but one buffer, so every call sees the file as it is.
+/// stores into it. A lookup then gives a tile that its cell had at some moment of it; but of one
+/// that is being rewritten in its place meanwhile, the payload may be half old, half new. Nothing
+/// is kept between calls but one buffer, so every call sees the file as it is.
 class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
  public:
   ZrCompactFileReader() = default;
@@ -38,14 +43,17 @@ class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
   ///                stamp selects the newest version.
   ///
   /// kOk, with empty `data` for an empty cell; kNotOpen; kReadFailure for a cell outside the grid
-  /// or a damaged record, among them one that ends beyond the file; then `data` is untouched, and
-  /// `nFilled` too, unless the cell's entry could be read (then 0).
+  /// or a damaged record, among them one that ends beyond the file, and if the cell's entry changes
+  /// again and again while its record is read; then `data` is untouched, and `nFilled` too, unless
+  /// the cell's entry could be read (then 0).
   unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                       unsigned long long& nFilled, unsigned long long nVersion);
 
  private:
   bool FindRecord(unsigned int row, unsigned int col, unsigned long long& entry,
                   unsigned long long& sizeHint) const;
+  bool ReadRecord(unsigned long long position, unsigned long long sizeHint,
+                  Io::RecordReader& record);
 
   ZrByteArray m_payload;  // of the record read last, until it is handed to the caller
 };

@@ -1,15 +1,16 @@
-// Processes share one grid file: they store tiles whole, in pieces and in versions, remove them,
-// look them up and compact the file, while one after the other is killed at a random moment and
-// replaced. What they have
-// acknowledged stands in memory that they share, and is held against what lookups give: nothing may
-// be lost, torn, or older than what was acknowledged before. An operation that was cut short must
-// have been done or not; only a version that was being rewritten may be half old, half new.
+// Processes share a grid file and a naming file: they store tiles whole, in pieces, in versions and
+// in batches, rewrite and remove them, look them up, compact the files and change their passwords,
+// while one after the other is killed at a random moment and replaced. What they have acknowledged
+// or seen stands in memory that they share, and is held against what lookups give: nothing may be
+// lost, torn, or older than what anybody has seen before; nobody may wait for ever. An operation
+// that was cut short must have been done, or not.
 
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -19,11 +20,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "FileSyscalls.h"
 #include "ZrCompactFile.h"
 
 namespace {
@@ -34,12 +37,15 @@ using Zarn::ZrResult;
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint32_t kSide = 32;
-constexpr std::uint32_t kCells = kSide * kSide;
-constexpr std::uint32_t kVersions = 8;  // of each tile, by stamp
+constexpr std::uint32_t kTiles = kSide * kSide;  // of each file
+constexpr std::uint32_t kAllTiles = 2 * kTiles;  // the second half have names
+constexpr std::uint32_t kVersions = 6;           // of each tile, by stamp
 constexpr std::uint32_t kHeadSize = 16;
 constexpr std::uint32_t kMostProcesses = 64;
-constexpr std::uintmax_t kMostBytes = 1 << 28;            // then another file is begun
-constexpr std::uint32_t kOperationsPerCompaction = 3000;  // of one worker
+constexpr std::uint32_t kMostInBatch = 12;
+constexpr std::uint32_t kOperationsPerCompaction = 2000;  // of one worker
+constexpr std::uint32_t kOperationsPerPassword = 1000;
+constexpr std::chrono::seconds kAge(6);  // then other files are begun
 constexpr unsigned int kHangSeconds = 20;
 constexpr ZrCompactFile::ZrOpenMode kMode =
     ZrCompactFile::kCreateMissing | ZrCompactFile::kProcessLock;
@@ -51,60 +57,80 @@ struct alignas(8) Version {
 };
 using Versions = std::array<Version, kVersions>;
 
-/// What is known of a tile. The worker that owns the cell changes both; anybody looks.
-struct Cell {
-  enum Kind { kAdd, kRewrite, kContinue, kRemove };
+/// What is known of a tile. The worker that owns it changes that; anybody looks.
+struct Tile {
+  enum Kind { kStore, kContinue, kRemove };
 
-  std::atomic<std::uint32_t> owner;    // number of a worker; 0: nobody
-  std::atomic<std::uint32_t> changes;  // counted when one begins
-  std::atomic<std::uint32_t> cuts;     // those that a kill has cut short
+  std::atomic<std::uint32_t> owner;   // number of a worker; 0: nobody
+  std::atomic<std::uint32_t> change;  // goes up by two with each; odd while that is being planned
+  std::atomic<std::uint32_t> seen;    // the latest change that was acknowledged, or seen to be done
   std::array<std::atomic<Version>, kVersions> acknowledged;
+  std::atomic<std::uint32_t> stamp;  // the latest change: of which version, and what becomes of it
+  std::atomic<Version> after;
+  Kind kind;
   std::uint32_t generations;
-  Kind kind;  // the latest change: how, to which version, and what it makes of it
-  std::uint32_t stamp;
-  Version before, after;
 
   Versions Acknowledged() const {
     Versions versions;
     std::copy(acknowledged.begin(), acknowledged.end(), versions.begin());
     return versions;
   }
+  Versions After() const {
+    Versions versions = Acknowledged();
+    versions[stamp] = after;
+    return versions;
+  }
+  void Plan(Kind how, std::uint32_t which, Version becomes) {
+    change |= 1;
+    kind = how;
+    stamp = which;
+    after = becomes;
+    ++change;
+  }
+  void Acknowledge() {
+    acknowledged[stamp] = after.load();
+    seen = change.load();
+  }
 };
 
 struct Ledger {
-  std::array<Cell, kCells> cells;
-  std::array<std::atomic<std::uint32_t>, kMostProcesses> doomed;  // the latest worker of each slot
-  std::atomic<std::uint64_t> compactions, lookups, changes, errors;
+  std::array<Tile, kAllTiles> tiles;
+  std::array<std::atomic<std::int64_t>, kMostProcesses>
+      begun;  // by slot, of its latest operation: when, in ms
+  std::array<std::atomic<std::uint32_t>, 2> passwords;  // of each file: the latest that was tried
+  std::atomic<std::uint64_t> lookups, changes, batches, compactions, newPasswords, errors;
 };
 
 Ledger* g_ledger;
 std::uint32_t g_processes;
-std::array<std::atomic<pid_t>, kMostProcesses> g_workers;  // by slot; 0: none
 
-bool IsDoomed(std::uint32_t worker) {
-  return worker != 0 && g_ledger->doomed[worker % g_processes] >= worker;
+std::int64_t Now() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
+      .count();
 }
 
-void Fail(const char* what, std::uint32_t cell, std::uint32_t stamp, unsigned int result) {
+void Fail(const char* what, std::uint32_t tile, std::uint32_t stamp, unsigned int result) {
   if (++g_ledger->errors <= 20)
-    std::fprintf(stderr, "%s: cell %u, version %u, result %u\n", what, cell, stamp, result);
+    std::fprintf(stderr, "%s: tile %u, version %u, result %u\n", what, tile, stamp, result);
 }
 
-std::uint64_t Mix(std::uint32_t cell, std::uint32_t stamp, std::uint32_t generation) {
-  return std::mt19937_64((std::uint64_t{cell} << 40) + (std::uint64_t{stamp} << 32) + generation)();
+std::uint64_t Mix(std::uint32_t tile, std::uint32_t stamp, std::uint32_t generation) {
+  return std::mt19937_64((std::uint64_t{tile} << 40) + (std::uint64_t{stamp} << 32) + generation)();
 }
 
-std::uint32_t Length(std::uint32_t cell, std::uint32_t stamp, std::uint32_t generation) {
-  const std::uint64_t random = Mix(cell, stamp, generation);
-  return kHeadSize + static_cast<std::uint32_t>((random >> 8) % (random % 16 == 0 ? 60000 : 1500));
+// One of three for each tile, so that a rewrite finds the same, a smaller or a larger one.
+std::uint32_t Length(std::uint32_t tile, std::uint32_t stamp, std::uint32_t generation) {
+  const std::uint64_t ofTile = Mix(tile, 0, 0) % (tile % 4 == 0 ? 20000 : 1500);
+  return kHeadSize +
+         static_cast<std::uint32_t>(ofTile * (1 + Mix(tile, stamp, generation) % 3) / 2);
 }
 
 /// A payload says what it is, and every byte behind that follows from it.
-std::vector<unsigned char> Payload(std::uint32_t cell, std::uint32_t stamp,
+std::vector<unsigned char> Payload(std::uint32_t tile, std::uint32_t stamp,
                                    std::uint32_t generation) {
-  const std::uint32_t length = Length(cell, stamp, generation);
-  const std::uint32_t head[] = {cell, stamp, generation, length};
-  std::uint64_t word = Mix(cell, stamp, generation);
+  const std::uint32_t length = Length(tile, stamp, generation);
+  const std::uint32_t head[] = {tile, stamp, generation, length};
+  std::uint64_t word = Mix(tile, stamp, generation);
   std::vector<unsigned char> bytes(length + sizeof word);
   std::memcpy(bytes.data(), head, kHeadSize);
   for (std::size_t i = kHeadSize; i < length; i += sizeof word, word += 0x0123456789ABCDEF)
@@ -117,60 +143,197 @@ std::vector<unsigned char> Payload(std::uint32_t cell, std::uint32_t stamp,
 struct Sight {
   ZrByteArray data;
   unsigned long long filled = 0;
-  unsigned int result;
+  unsigned int result = ZrResult::kOk;
 
-  Sight(ZrCompactFile& file, std::uint32_t cell, std::uint32_t stamp)
-      : result(file.Lookup(cell / kSide, cell % kSide, data, filled, stamp + 1)) {}
-
-  bool Is(std::uint32_t cell, std::uint32_t stamp, Version version) const {
+  bool Is(std::uint32_t tile, std::uint32_t stamp, Version version) const {
     if (result != ZrResult::kOk || filled != version.filled) return false;
-    const auto payload = Payload(cell, stamp, version.generation);
+    const auto payload = Payload(tile, stamp, version.generation);
     return data.GetSize() == payload.size() && filled <= payload.size() &&
            std::memcmp(data.GetData(), payload.data(), filled) == 0;
   }
   /// Whether it is that version, or the newest if that is not there.
-  bool Fits(std::uint32_t cell, std::uint32_t stamp, const Versions& versions) const {
+  bool Fits(std::uint32_t tile, std::uint32_t stamp, const Versions& versions) const {
     if (versions[stamp].filled == 0) stamp = kVersions - 1;
     while (stamp > 0 && versions[stamp].filled == 0)
       --stamp;
-    return versions[stamp].filled != 0 ? Is(cell, stamp, versions[stamp])
+    return versions[stamp].filled != 0 ? Is(tile, stamp, versions[stamp])
                                        : result == ZrResult::kNotFound && data.IsEmpty();
   }
   /// Whether it is all of some version, of a generation not below those known.
-  bool IsWhole(std::uint32_t cell, const Versions& known) const {
+  bool IsWhole(std::uint32_t tile, const Versions& known) const {
     std::uint32_t head[kHeadSize / sizeof(std::uint32_t)];
     if (result == ZrResult::kNotFound) return true;
     if (result != ZrResult::kOk || filled < kHeadSize) return false;
     std::memcpy(head, data.GetData(), kHeadSize);
     return head[1] < kVersions && head[2] >= known[head[1]].generation &&
-           Is(cell, head[1], {head[2], static_cast<std::uint32_t>(filled)});
+           Is(tile, head[1], {head[2], static_cast<std::uint32_t>(filled)});
   }
 };
 
-/// Makes the change that the cell names.
-unsigned int Apply(ZrCompactFile& file, const Cell& cell, std::uint32_t number) {
-  const std::uint32_t row = number / kSide, col = number % kSide;
-  if (cell.kind == Cell::kRemove) return file.Remove(row, col, cell.stamp + 1);
-  const auto payload = Payload(number, cell.stamp, cell.after.generation);
-  const std::uint32_t offset = cell.kind == Cell::kContinue ? cell.before.filled : 0;
-  const ZrByteArray piece(payload.data() + offset, cell.after.filled - offset);
-  return file.SetAt(row, col, piece, payload.size(), offset, cell.stamp + 1);
+// The kernel stops a write of a killed process between two pages. That takes a kill within a
+// microsecond, so here each page has a call of its own, and a kill mostly comes between two.
+void WriteByPages() {
+  Zarn::FileSyscalls& calls = Zarn::GetFileSyscalls();
+  calls.pwritev = [](int fd, const iovec* parts, int count, off_t position) {
+    std::array<unsigned char, 4096> page;
+    const std::size_t room = page.size() - static_cast<std::size_t>(position) % page.size();
+    std::size_t size = 0;
+    for (int i = 0; i < count && size < room; ++i) {
+      const std::size_t now = std::min(parts[i].iov_len, room - size);
+      std::memcpy(&page[size], parts[i].iov_base, now);
+      size += now;
+    }
+    std::this_thread::yield();
+    return ::pwrite(fd, page.data(), size, position);
+  };
+  calls.pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
+    const iovec part = {const_cast<void*>(bytes), size};
+    return Zarn::GetFileSyscalls().pwritev(fd, &part, 1, position);
+  };
 }
+
+/// One of the two files, as one of its users has it open.
+class User {
+ public:
+  User(const std::filesystem::path& folder, bool named)
+      : m_path(PelmUnicodeString::FromUtf8((folder / (named ? "names.cf" : "grid.cf")).string())),
+        m_named(named) {}
+
+  bool Create() {
+    const auto mode = kMode | ZrCompactFile::kReplace;
+    m_password = g_ledger->passwords[m_named] = 0;
+    return (m_named ? m_file.Create(m_path, 1ULL, u"", mode)
+                    : m_file.Create(m_path, kSide, kSide, u"", mode)) == ZrResult::kOk;
+  }
+  bool Open() {
+    m_password = UINT32_MAX;  // none
+    return Reopen();
+  }
+
+  Sight Lookup(std::uint32_t tile, std::uint32_t stamp) {
+    Sight sight;
+    sight.result = Try([&] {
+      return At(tile, [&](auto... place) {
+        return m_file.Lookup(place..., sight.data, sight.filled, stamp + 1);
+      });
+    });
+    return sight;
+  }
+  bool AllFit(std::uint32_t tile, const Versions& versions) {
+    for (std::uint32_t stamp = 0; stamp < kVersions; ++stamp)
+      if (!Lookup(tile, stamp).Fits(tile, stamp, versions)) return false;
+    return true;
+  }
+  /// Makes the changes that the tiles name: a removal alone, a store alone or in a batch.
+  unsigned int Apply(const std::vector<std::uint32_t>& tiles) {
+    const std::uint32_t first = tiles[0], stamp = g_ledger->tiles[first].stamp;
+    if (g_ledger->tiles[first].kind == Tile::kRemove)
+      return Try([&] {
+        return At(first, [&](auto... place) { return m_file.Remove(place..., stamp + 1); });
+      });
+    std::vector<ZrByteArray> data(tiles.size());
+    std::vector<ZrCompactFile::ZrCellStore> cells;
+    std::vector<ZrCompactFile::ZrNameStore> names;
+    for (const std::uint32_t number : tiles) {
+      const Tile& tile = g_ledger->tiles[number];
+      const Version before = tile.acknowledged[tile.stamp], after = tile.after;
+      const auto payload = Payload(number, tile.stamp, after.generation);
+      const std::uint32_t offset = tile.kind == Tile::kContinue ? before.filled : 0;
+      ZrByteArray& piece = data[cells.size()];
+      piece = ZrByteArray(payload.data() + offset, after.filled - offset);
+      cells.push_back(
+          {number / kSide, number % kSide, &piece, payload.size(), offset, tile.stamp + 1ULL});
+      names.push_back({NameOf(number), &piece, payload.size(), offset, tile.stamp + 1ULL});
+    }
+    std::vector<unsigned int> results;
+    return Try([&] {
+      if (tiles.size() > 1)
+        return m_named ? m_file.SetBatch(names, results) : m_file.SetBatch(cells, results);
+      return At(first, [&](auto... place) {
+        return m_file.SetAt(place..., data[0], cells[0].capacity, cells[0].offset, stamp + 1);
+      });
+    });
+  }
+  unsigned int Compact() {
+    return Try([&] { return m_file.Compact(); });
+  }
+  unsigned int ChangePassword() {
+    const std::uint32_t next = ++g_ledger->passwords[m_named];
+    return Try([&] {
+      if (m_file.SetPassword(PasswordOf(next)) != 1) return ZrResult::kWriteFailure;
+      m_password = next;
+      return ZrResult::kOk;
+    });
+  }
+
+ private:
+  static PelmUnicodeString NameOf(std::uint32_t tile) {
+    return PelmUnicodeString::FromUtf8("tile " + std::to_string(tile));
+  }
+  template <typename Operation>
+  unsigned int At(std::uint32_t tile, Operation operation) const {
+    return m_named ? operation(NameOf(tile)) : operation(tile / kSide, tile % kSide);
+  }
+
+  // Does it again if another process had changed the password, for which it has failed.
+  unsigned int Try(const std::function<unsigned int()>& operation) {
+    unsigned int result = operation();
+    while (result != ZrResult::kOk && result != ZrResult::kNotFound && Reopen())
+      result = operation();
+    return result;
+  }
+  // With another password than before, or false. No password comes twice; some are never set.
+  bool Reopen() {
+    constexpr std::uint32_t kRecent = 32;
+    const std::uint32_t before = m_password;
+    unsigned int result = ZrResult::kWrongFile;
+    for (std::uint32_t i = 0; i < 8 * kRecent && result == ZrResult::kWrongFile; ++i) {
+      const std::uint32_t latest = g_ledger->passwords[m_named];
+      m_password = latest - std::min(i % kRecent, latest);
+      result = m_file.Open(m_path, PasswordOf(m_password), kMode);
+    }
+    return result == ZrResult::kOk && m_password != before;
+  }
+  static PelmUnicodeString PasswordOf(std::uint32_t number) {
+    return PelmUnicodeString::FromUtf8(number == 0 ? "" : std::to_string(number));
+  }
+
+  const PelmUnicodeString m_path;
+  const bool m_named;
+  std::uint32_t m_password = 0;
+  ZrCompactFile m_file;
+};
+
+/// A user of both files.
+struct Users {
+  explicit Users(const std::filesystem::path& folder)
+      : files{User(folder, false), User(folder, true)} {}
+  bool Open() { return files[0].Open() && files[1].Open(); }
+  User& Of(std::uint32_t tile) { return files[tile / kTiles]; }
+
+  std::array<User, 2> files;
+};
 
 class Worker {
  public:
-  Worker(std::uint32_t number, std::uint64_t seed) : m_number(number), m_random(seed + number) {}
+  Worker(std::uint32_t number, std::uint64_t seed, const std::filesystem::path& folder)
+      : m_number(number), m_random(seed + number), m_users(folder) {}
 
-  int Run(const PelmUnicodeString& path) {
-    if (m_file.Open(path, u"", kMode) != ZrResult::kOk) return 1;
+  int Run() {
+    WriteByPages();
+    Begin();
+    if (!m_users.Open()) return 1;
     for (;;) {
-      if (Random(kOperationsPerCompaction) == 0) Compact();
-      const std::uint32_t number = Random(Random(2) == 0 ? 16 : kCells);
-      std::uint32_t nobody = 0;
-      if (Random(2) == 0)
-        Look(g_ledger->cells[number], number, Random(kVersions));
-      else if (g_ledger->cells[number].owner.compare_exchange_strong(nobody, m_number))
-        Change(g_ledger->cells[number], number, Random(kVersions));
+      Begin();
+      User& file = m_users.files[Random(2)];
+      if (Random(kOperationsPerCompaction) == 0)
+        Expect(file.Compact(), "not compacted", g_ledger->compactions);
+      else if (Random(kOperationsPerPassword) == 0)
+        Expect(file.ChangePassword(), "no new password", g_ledger->newPasswords);
+      else if (Random(2) == 0)
+        Look(AnyTile(), Random(kVersions));
+      else
+        Change(Random(20) == 0 ? kMostInBatch : 1);
     }
   }
 
@@ -178,109 +341,132 @@ class Worker {
   std::uint32_t Random(std::uint32_t count) {
     return static_cast<std::uint32_t>(m_random() % count);
   }
+  // Of each file some are in much demand.
+  std::uint32_t AnyTile() { return kTiles * Random(2) + Random(Random(2) == 0 ? 16 : kTiles); }
 
-  void Compact() {
-    const unsigned int result = m_file.Compact();
-    if (result != ZrResult::kOk) Fail("not compacted", 0, 0, result);
-    ++g_ledger->compactions;
+  void Begin() { g_ledger->begun[m_number % g_processes] = Now(); }
+
+  static void Expect(unsigned int result, const char* what, std::atomic<std::uint64_t>& count) {
+    if (result != ZrResult::kOk) Fail(what, 0, 0, result);
+    ++count;
   }
 
-  // Where nobody changes the tile meanwhile, the lookup must give what was acknowledged; else one
-  // or the other state of it, but nothing in between, unless the change was cut short.
-  void Look(const Cell& cell, std::uint32_t number, std::uint32_t stamp) {
-    const std::uint32_t changes = cell.changes, cuts = cell.cuts;
-    const bool wasFree = cell.owner == 0;
-    const Versions known = cell.Acknowledged();
-    const Sight sight(m_file, number, stamp);
+  // A lookup gives the tile as the latest change has found it or leaves it; the first only until
+  // somebody has seen the second. If another change has begun meanwhile, it gives all of something.
+  void Look(std::uint32_t number, std::uint32_t stamp) {
+    Tile& tile = g_ledger->tiles[number];
+    std::uint32_t seen = tile.seen;
+    const std::uint32_t change = tile.change;
+    const Versions before = tile.Acknowledged(), after = tile.After();
+    const Sight sight = m_users.Of(number).Lookup(number, stamp);
     ++g_ledger->lookups;
-    const std::uint32_t owner = cell.owner;
-    if (wasFree && cell.changes == changes) {
-      if (!sight.Fits(number, stamp, known)) Fail("lost or old", number, stamp, sight.result);
-    } else if (!sight.IsWhole(number, known) && !IsDoomed(owner) && cell.cuts == cuts) {
-      Fail("torn or old", number, stamp, sight.result);
+    if (change % 2 != 0 || tile.change != change) {
+      if (!sight.IsWhole(number, before)) Fail("torn or old", number, stamp, sight.result);
+      return;
+    }
+    const bool fitsBefore = sight.Fits(number, stamp, before);
+    if (sight.Fits(number, stamp, after)) {
+      while (!fitsBefore && seen < change && !tile.seen.compare_exchange_weak(seen, change)) {
+      }
+    } else if (seen == change || !fitsBefore) {
+      Fail(fitsBefore ? "old" : "torn or lost", number, stamp, sight.result);
     }
   }
 
   // A tile that something is wrong with stays owned, which takes it out of use.
-  void Change(Cell& cell, std::uint32_t number, std::uint32_t stamp) {
-    ++cell.changes;
-    Plan(cell, number, stamp);
-    const unsigned int result = Apply(m_file, cell, number);
-    if (result != ZrResult::kOk) return Fail("not done", number, stamp, result);
-    cell.acknowledged[stamp] = cell.after;
-    ++g_ledger->changes;
-    const Sight sight(m_file, number, stamp);
-    if (!sight.Fits(number, stamp, cell.Acknowledged()))
-      return Fail("not as stored", number, stamp, sight.result);
-    cell.owner = 0;
+  void Change(std::uint32_t most) {
+    const std::uint32_t first = AnyTile();
+    std::vector<std::uint32_t> numbers;
+    for (std::uint32_t i = 0; i < most; ++i) {
+      const std::uint32_t number = first / kTiles * kTiles + (first + i) % kTiles;
+      std::uint32_t nobody = 0;
+      if (!g_ledger->tiles[number].owner.compare_exchange_strong(nobody, m_number)) continue;
+      Plan(number, Random(kVersions), most == 1);
+      numbers.push_back(number);
+    }
+    if (numbers.empty()) return;
+    const unsigned int result = m_users.Of(first).Apply(numbers);
+    if (result != ZrResult::kOk) return Fail("not done", numbers[0], 0, result);
+    g_ledger->batches += most > 1;
+    for (const std::uint32_t number : numbers)
+      Acknowledge(number);
   }
 
-  void Plan(Cell& cell, std::uint32_t number, std::uint32_t stamp) {
-    cell.stamp = stamp;
-    cell.before = cell.after = cell.acknowledged[stamp];
-    const bool isThere = cell.before.filled != 0;
-    const std::uint32_t rest = Length(number, stamp, cell.before.generation) - cell.before.filled;
+  void Acknowledge(std::uint32_t number) {
+    Tile& tile = g_ledger->tiles[number];
+    tile.Acknowledge();
+    ++g_ledger->changes;
+    const Sight sight = m_users.Of(number).Lookup(number, tile.stamp);
+    if (!sight.Fits(number, tile.stamp, tile.Acknowledged()))
+      return Fail("not as stored", number, tile.stamp, sight.result);
+    tile.owner = 0;
+  }
+
+  void Plan(std::uint32_t number, std::uint32_t stamp, bool mayRemove) {
+    Tile& tile = g_ledger->tiles[number];
+    Version version = tile.acknowledged[stamp];
+    const bool isThere = version.filled != 0;
+    const std::uint32_t rest = Length(number, stamp, version.generation) - version.filled;
     if (isThere && rest > 0 && Random(4) != 0) {
-      cell.kind = Cell::kContinue;
-      cell.after.filled += 1 + Random(rest);
-      return;
+      version.filled += 1 + Random(rest);
+      return tile.Plan(Tile::kContinue, stamp, version);
     }
-    cell.kind = !isThere ? Cell::kAdd : Random(5) == 0 ? Cell::kRemove : Cell::kRewrite;
-    cell.after = {++cell.generations, 0};
-    if (cell.kind == Cell::kRemove) return;
-    cell.after.filled = Length(number, stamp, cell.after.generation);
-    if (Random(3) == 0) cell.after.filled = kHeadSize + Random(cell.after.filled - kHeadSize + 1);
+    version = {++tile.generations, 0};
+    if (mayRemove && isThere && Random(5) == 0) return tile.Plan(Tile::kRemove, stamp, version);
+    version.filled = Length(number, stamp, version.generation);
+    if (Random(3) == 0) version.filled = kHeadSize + Random(version.filled - kHeadSize + 1);
+    tile.Plan(Tile::kStore, stamp, version);
   }
 
   std::uint32_t m_number;
   std::mt19937_64 m_random;
-  ZrCompactFile m_file;
+  Users m_users;
 };
 
-/// Starts and kills the workers, and settles what they leave behind; one more user of the file.
+/// Starts and kills the workers, and settles what they leave behind; one more user of the files.
 class Soak {
  public:
   Soak(const std::filesystem::path& folder, std::uint64_t seed, unsigned int mostPause)
-      : m_native(folder / "soak.cf"), m_seed(seed), m_random(seed), m_mostPause(mostPause) {}
+      : m_folder(folder), m_seed(seed), m_random(seed), m_mostPause(mostPause), m_users(folder) {}
 
-  /// Works on a new file until that has become large or the time is over.
+  /// Works on new files for a while, or until the time is over.
   void Run(Clock::time_point end) {
-    ::alarm(0);  // to remove a large file takes its time
-    if (m_file.Create(m_path, kSide, kSide, u"", kMode | ZrCompactFile::kReplace) != ZrResult::kOk)
+    if (!m_users.files[0].Create() || !m_users.files[1].Create())
       return Fail("not created", 0, 0, ZrResult::kNotCreated);
-    for (Cell& cell : g_ledger->cells)
-      new (&cell) Cell();
+    for (Tile& tile : g_ledger->tiles)
+      new (&tile) Tile();
     for (std::uint32_t slot = 0; slot < g_processes; ++slot)
       Start(slot);
-    ::alarm(kHangSeconds);
-    while (Clock::now() < end && std::filesystem::file_size(m_native) < kMostBytes) {
-      const auto pause = 2000 + m_random() % (1000 * m_mostPause - 1999);
-      std::this_thread::sleep_for(std::chrono::microseconds(pause));
-      Kill(static_cast<std::uint32_t>(m_random() % g_processes));
+    end = std::min(end, Clock::now() + kAge);
+    for (auto next = Clock::now(); next < end;) {
+      ::alarm(kHangSeconds);
+      next += std::chrono::microseconds(2000 + m_random() % (1000 * m_mostPause - 1999));
+      std::this_thread::sleep_until(next);
+      KillOne(static_cast<std::uint32_t>(m_random() % g_processes));
       for (int slot; (slot = Reap(WNOHANG)) >= 0;)
         Start(static_cast<std::uint32_t>(slot));
       Report(false);
     }
-    for (std::uint32_t slot = 0; slot < g_processes; ++slot)
-      Kill(slot);
+    for (const pid_t worker : m_workers)
+      if (worker != 0) ::kill(worker, SIGKILL);
     while (Reap(0) >= 0) {
     }
-    VerifyAll();
+    ::alarm(0);  // to remove a large file takes its time
+    VerifyByAnother();
+    ++m_files;
   }
 
   void Report(bool always) {
-    const std::uint64_t done = g_ledger->lookups + g_ledger->changes;
-    if (done != m_done) ::alarm(kHangSeconds);  // else it goes on counting
-    m_done = done;
     if (!always && Clock::now() < m_nextReport) return;
     m_nextReport = Clock::now() + std::chrono::seconds(3);
     const std::chrono::duration<double> time = Clock::now() - m_begin;
     std::printf(
-        "%4.0f s: %llu lookups, %llu changes, %llu compactions, %llu kills (%llu cut a change, "
-        "%llu left half "
-        "of a rewrite), %llu files, %llu errors\n",
+        "%4.0f s: %llu lookups, %llu changes, %llu batches, %llu compactions, %llu passwords, "
+        "%llu kills (%llu left a change: %llu of them done), %llu pairs of files, "
+        "longest operation %lld ms, %llu errors\n",
         time.count(), Number(g_ledger->lookups), Number(g_ledger->changes),
-        Number(g_ledger->compactions), m_kills, m_cuts, m_halves, m_files,
+        Number(g_ledger->batches), Number(g_ledger->compactions), Number(g_ledger->newPasswords),
+        m_kills, m_cuts, m_done, m_files, static_cast<long long>(m_longest),
         Number(g_ledger->errors));
     std::fflush(stdout);
   }
@@ -290,20 +476,26 @@ class Soak {
 
   void Start(std::uint32_t slot) {
     m_numbers[slot] += m_numbers[slot] == 0 ? g_processes + slot : g_processes;
+    g_ledger->begun[slot] = Now();
     const pid_t parent = ::getpid();
     const pid_t pid = ::fork();
     if (pid < 0) std::abort();
     if (pid == 0) {
       ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-      ::_exit(::getppid() == parent ? Worker(m_numbers[slot], m_seed).Run(m_path) : 0);
+      ::_exit(::getppid() == parent ? Worker(m_numbers[slot], m_seed, m_folder).Run() : 0);
     }
-    g_workers[slot] = pid;
+    m_workers[slot] = pid;
   }
 
-  void Kill(std::uint32_t slot) {
-    if (IsDoomed(m_numbers[slot])) return;  // already
-    g_ledger->doomed[slot] = m_numbers[slot];
-    ::kill(g_workers[slot], SIGKILL);
+  // Not one that waits: if that lasts for ever, it is to be noticed.
+  void KillOne(std::uint32_t slot) {
+    constexpr std::int64_t kPatience = 1000;
+    const std::int64_t now = Now();
+    for (std::uint32_t any = 0; any < g_processes; ++any)
+      m_longest = std::max(m_longest, now - g_ledger->begun[any]);
+    if (m_longest > 1000 * kHangSeconds) ::raise(SIGALRM);
+    if (now - g_ledger->begun[slot] > kPatience) return;
+    ::kill(m_workers[slot], SIGKILL);
     ++m_kills;
   }
 
@@ -312,75 +504,66 @@ class Soak {
     int status = 0;
     const pid_t pid = ::waitpid(-1, &status, options);
     if (pid <= 0) return -1;
-    std::uint32_t slot = 0;
-    while (g_workers[slot] != pid)
-      ++slot;
-    g_workers[slot] = 0;
+    const auto slot = static_cast<std::uint32_t>(
+        std::find(m_workers.begin(), m_workers.end(), pid) - m_workers.begin());
+    m_workers[slot] = 0;
     if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGKILL)
       Fail("a worker has ended", 0, 0, static_cast<unsigned int>(status));
-    for (std::uint32_t number = 0; number < kCells; ++number)
-      if (g_ledger->cells[number].owner == m_numbers[slot]) Settle(g_ledger->cells[number], number);
+    for (std::uint32_t number = 0; number < kAllTiles; ++number)
+      if (g_ledger->tiles[number].owner == m_numbers[slot]) Settle(number);
     return static_cast<int>(slot);
   }
 
-  void Settle(Cell& cell, std::uint32_t number) {
-    ++cell.cuts;
+  // From here on there is only what is found now.
+  void Settle(std::uint32_t number) {
+    Tile& tile = g_ledger->tiles[number];
+    const bool isPlanned = tile.change % 2 == 0;
+    const bool isDone = isPlanned && m_users.Of(number).AllFit(number, tile.After());
     ++m_cuts;
-    Versions versions = cell.Acknowledged();
-    bool isKnown = false;
-    for (const Version version : {cell.before, cell.after}) {
-      if (isKnown) break;
-      versions[cell.stamp] = version;
-      isKnown = AllFit(number, versions, false);
-    }
-    if (!isKnown && cell.kind == Cell::kRewrite && AllFit(number, versions, true)) {
-      ++m_halves;
-      cell.after.generation = ++cell.generations;
-      cell.after.filled = Length(number, cell.stamp, cell.after.generation);
-      versions[cell.stamp] = cell.after;
-      isKnown = Apply(m_file, cell, number) == ZrResult::kOk && AllFit(number, versions, false);
-    }
-    if (!isKnown) {
-      static const char* const kNames[] = {"cut store", "cut rewrite", "cut piece", "cut removal"};
-      return Fail(kNames[cell.kind], number, cell.stamp, 0);
-    }
-    cell.acknowledged[cell.stamp] = cell.before = cell.after = versions[cell.stamp];
-    cell.owner = 0;
+    m_done += isDone;
+    if (!isDone && isPlanned && tile.seen == tile.change)
+      return Fail("cut and lost", number, tile.stamp, 0);
+    if (!isDone && !m_users.Of(number).AllFit(number, tile.Acknowledged()))
+      return Fail("cut and torn", number, tile.stamp, tile.kind);
+    const std::uint32_t stamp = tile.stamp;
+    tile.Plan(tile.kind, stamp, isDone ? tile.after.load() : tile.acknowledged[stamp].load());
+    tile.Acknowledge();
+    tile.owner = 0;
   }
 
-  // `half`: without the version that the cell names, and the lookups that may lead there.
-  bool AllFit(std::uint32_t number, const Versions& versions, bool half) {
-    for (std::uint32_t stamp = 0; stamp < kVersions; ++stamp) {
-      if (half && (versions[stamp].filled == 0 || stamp == g_ledger->cells[number].stamp)) continue;
-      if (!Sight(m_file, number, stamp).Fits(number, stamp, versions)) return false;
+  // By a process that has had nothing to do with the files so far.
+  void VerifyByAnother() {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      ::alarm(kHangSeconds);
+      Users users(m_folder);
+      if (!users.Open()) Fail("not opened in the end", 0, 0, ZrResult::kNotOpen);
+      for (std::uint32_t number = 0; number < kAllTiles; ++number) {
+        const Tile& tile = g_ledger->tiles[number];
+        if (tile.owner == 0 && !users.Of(number).AllFit(number, tile.Acknowledged()))
+          Fail("lost in the end", number, 0, 0);
+      }
+      ::_exit(0);
     }
-    return true;
+    int status = 0;
+    if (::waitpid(pid, &status, 0) != pid || status != 0) Fail("no end", 0, 0, 0);
   }
 
-  void VerifyAll() {
-    ++m_files;
-    for (std::uint32_t number = 0; number < kCells; ++number) {
-      const Cell& cell = g_ledger->cells[number];
-      if (cell.owner == 0 && !AllFit(number, cell.Acknowledged(), false))
-        Fail("lost in the end", number, 0, 0);
-    }
-  }
-
-  const std::filesystem::path m_native;
-  const PelmUnicodeString m_path = PelmUnicodeString::FromUtf8(m_native.string());
+  const std::filesystem::path m_folder;
   const std::uint64_t m_seed;
   std::mt19937_64 m_random;
   const unsigned int m_mostPause;  // in milliseconds
   const Clock::time_point m_begin = Clock::now();
   Clock::time_point m_nextReport = m_begin;
   std::array<std::uint32_t, kMostProcesses> m_numbers{};  // of the workers, by slot
-  std::uint64_t m_done = 0;
-  unsigned long long m_kills = 0, m_cuts = 0, m_halves = 0, m_files = 0;
-  ZrCompactFile m_file;
+  std::array<pid_t, kMostProcesses> m_workers{};          // 0: none
+  std::int64_t m_longest = 0;
+  unsigned long long m_kills = 0, m_cuts = 0, m_done = 0, m_files = 0;
+  Users m_users;
 };
 
 extern "C" void ReportHang(int /*signal*/) {
-  const char text[] = "hang: no operation has ended for 20 seconds\n";
+  const char text[] = "hang: an operation has not ended for 20 seconds\n";
   if (::write(STDERR_FILENO, text, sizeof text - 1) > 0) {
   }
   ::_exit(3);  // and the kernel ends the workers
@@ -393,8 +576,9 @@ int main(int argc, char** argv) {
     return argc > i ? std::strtoull(argv[i], nullptr, 10) : preset;
   };
   const auto seconds = argument(2, 0);
-  const auto mostPause = argument(5, 20);
-  g_processes = static_cast<std::uint32_t>(argument(3, 4));
+  const auto seed = argument(4, std::random_device()());
+  const auto mostPause = argument(5, 50);
+  g_processes = static_cast<std::uint32_t>(argument(3, 8));
   if (argc < 3 || argc > 6 || g_processes < 1 || g_processes > kMostProcesses || mostPause < 2 ||
       mostPause > 1000) {
     std::fprintf(stderr, "usage: %s FOLDER SECONDS [PROCESSES [SEED [MOST_MS_BETWEEN_KILLS]]]\n",
@@ -406,8 +590,11 @@ int main(int argc, char** argv) {
   if (memory == MAP_FAILED) return 2;
   g_ledger = new (memory) Ledger();
   ::signal(SIGALRM, ReportHang);
+  std::filesystem::create_directories(argv[1]);
+  std::printf("seed %llu\n", static_cast<unsigned long long>(seed));
+  std::fflush(stdout);
   const auto end = Clock::now() + std::chrono::seconds(seconds);
-  Soak soak(argv[1], argument(4, std::random_device()()), static_cast<unsigned int>(mostPause));
+  Soak soak(argv[1], seed, static_cast<unsigned int>(mostPause));
   do
     soak.Run(end);
   while (Clock::now() < end && g_ledger->errors < 100);

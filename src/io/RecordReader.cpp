@@ -11,6 +11,9 @@ namespace {
 // Read first where nothing is known; holds most heads whole, a name and some versions included.
 constexpr std::uint64_t kUsualHead = 256;
 
+// Two suffice where nobody writes meanwhile.
+constexpr int kMostReads = 4;
+
 // The payload is handed out, so it is put where any type may lie.
 constexpr std::uint64_t kAlignment = 16;
 
@@ -20,27 +23,28 @@ std::uint64_t PaddingBefore(std::uint64_t headSize) {
 
 }  // namespace
 
+// A second read shows the head again. Where no lock keeps a writer out, it may be another one by
+// then, and what counts is the head that was read together with the payload.
 bool RecordReader::Read(std::uint64_t position, RecordGuess guess, ZrByteArray& buffer) {
   std::uint64_t padding = PaddingBefore(guess.headSize);
-  const std::uint64_t wanted =
-      guess.payloadSize == 0 ? kUsualHead : guess.headSize + guess.payloadSize;
-  if (!buffer.ResizeForOverwrite(padding + wanted)) return false;
-  const std::uint64_t got = m_file.ReadUpTo(position, buffer.GetData() + padding, wanted);
-  HeadParse parse = Parse(buffer.GetData() + padding, got);
-
-  if (parse.outcome != HeadParse::kComplete || m_head.capacity > got - m_head.size) {
+  std::uint64_t wanted = guess.payloadSize == 0 ? kUsualHead : guess.headSize + guess.payloadSize;
+  std::uint64_t inFile = 0;  // so much of the record is known to lie in the file
+  for (int reads = 0; reads < kMostReads; ++reads) {
+    if (!buffer.ResizeForOverwrite(padding + wanted)) return false;
+    const std::uint64_t got = m_file.ReadUpTo(position, buffer.GetData() + padding, wanted);
+    inFile = std::max(inFile, got);
+    const HeadParse parse = Parse(buffer.GetData() + padding, got);
+    if (parse.outcome == HeadParse::kComplete && m_head.capacity <= got - m_head.size) {
+      if (m_head.length > inFile && !EndsInFile(position)) return false;
+      buffer.DropFront(padding + m_head.size);
+      return buffer.Resize(m_head.capacity);
+    }
     if (!CompleteHead(position, got, parse, buffer)) return false;
+    inFile = m_head.length;
     padding = PaddingBefore(m_head.size);
-    const std::uint64_t size = m_head.size + m_head.capacity;
-    if (!buffer.ResizeForOverwrite(padding + size) ||
-        !m_file.ReadAt(position, buffer.GetData() + padding, size))
-      return false;
-    m_bytes = buffer.GetData() + padding;
-  } else if (m_head.length > got && !EndsInFile(position)) {
-    return false;  // having read all of it proves that it does, unless there is slack behind it
+    wanted = m_head.size + m_head.capacity;
   }
-  buffer.DropFront(padding + m_head.size);
-  return buffer.Resize(m_head.capacity);
+  return false;
 }
 
 bool RecordReader::View(const unsigned char* bytes, std::uint64_t available) {

@@ -8,6 +8,13 @@
 
 namespace Zarn {
 
+namespace {
+
+// A writer changes the entry of a cell at most four times per store, for moments.
+constexpr int kMostAttempts = 16;
+
+}  // namespace
+
 unsigned int ZrCompactFileReader::Open(const PelmUnicodeString& path,
                                        const PelmUnicodeString& password,
                                        ZrCompactFile::ZrOpenMode mode) {
@@ -19,33 +26,41 @@ bool ZrCompactFileReader::Close() {
   return true;
 }
 
+// Nothing keeps a writer out. An entry may be read while it is being written, half old, half new;
+// and it may lead to the copy that a record has while it is rewritten, which is cut off again and
+// whose place another cell's record may take. So the entry must be the same behind the record.
 unsigned int ZrCompactFileReader::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                                          unsigned long long& nFilled, unsigned long long nVersion) {
   if (!IsOpen()) return ZrResult::kNotOpen;
-  unsigned long long entry;
-  unsigned long long sizeHint;
-  if (!FindRecord(row, col, entry, sizeHint)) return ZrResult::kReadFailure;
-  nFilled = 0;
-  if (!Format::HoldsRecord(Format::StatusOf(entry))) {
-    data.Resize(0);
+  for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
+    unsigned long long entry;
+    unsigned long long sizeHint;
+    if (!FindRecord(row, col, entry, sizeHint)) return ZrResult::kReadFailure;
+    nFilled = 0;
+    if (!Format::HoldsRecord(Format::StatusOf(entry))) {
+      data.Resize(0);
+      return ZrResult::kOk;
+    }
+    Io::RecordReader record(*this, Format::kGridFile, m_bSwap);
+    const bool isRead = ReadRecord(Format::PositionOf(entry), sizeHint, record);
+    unsigned long long now;
+    if (!ReadIndexValue(row, col, now)) return ZrResult::kReadFailure;
+    if (now != entry) continue;
+    if (!isRead) return ZrResult::kReadFailure;
+    if (record.Versions().SelectForLookup(nVersion) != 0)
+      return ZrResult::kOk;  // an older version, which this class deliberately does not follow
+    data.SwapContents(m_payload);
+    nFilled = std::min(record.Head().filledLength, record.Head().capacity);
     return ZrResult::kOk;
   }
+  return ZrResult::kReadFailure;
+}
 
-  const unsigned long long position = Format::PositionOf(entry);
-  Io::RecordReader record(*this, Format::kGridFile, m_bSwap);
-  if (position < GetDataStart() ||
-      !record.Read(position, {Format::kGridRecordHead, sizeHint}, m_payload) ||
-      record.Head().length < Format::kGridRecordHead) {
-    // An entry that was being written at that moment may have been read half old, half new.
-    unsigned long long now;
-    const bool hasChanged = ReadIndexValue(row, col, now) && now != entry;
-    return hasChanged ? Lookup(row, col, data, nFilled, nVersion) : ZrResult::kReadFailure;
-  }
-  if (record.Versions().SelectForLookup(nVersion) != 0)
-    return ZrResult::kOk;  // an older version, which this class deliberately does not follow
-  data.SwapContents(m_payload);
-  nFilled = std::min(record.Head().filledLength, record.Head().capacity);
-  return ZrResult::kOk;
+bool ZrCompactFileReader::ReadRecord(unsigned long long position, unsigned long long sizeHint,
+                                     Io::RecordReader& record) {
+  return position >= GetDataStart() &&
+         record.Read(position, {Format::kGridRecordHead, sizeHint}, m_payload) &&
+         record.Head().length >= Format::kGridRecordHead;
 }
 
 // With the size of its payload, as far as that can be told before the head is read.

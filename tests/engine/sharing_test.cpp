@@ -1,5 +1,9 @@
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,12 +12,14 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
-#include <random>
+#include <fstream>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "FileSyscalls.h"
+#include "ZrCompactFileReader.h"
 #include "engine/EngineFixture.h"
 #include "support/Processes.h"
 
@@ -47,7 +53,7 @@ Tile Get(ZrCompactFile& file, unsigned int cell, unsigned int stamp = 1 << 30) {
 // What is known about the file, in memory that all threads and processes share.
 struct Ledger {
   std::atomic<unsigned int> stamps, arrived;
-  std::array<std::atomic<bool>, 40000> acknowledged;  // by stamp
+  std::atomic<bool> isOver;
   // By cell, the highest value that was stored or seen.
   std::array<std::atomic<unsigned int>, std::size_t{kSide} * kSide> newest;
 
@@ -86,8 +92,11 @@ struct Ledger {
   }
 };
 
+bool g_stopsAtNextCall = false;
+
 void Pause() {
   static std::atomic<unsigned int> calls = 0;
+  if (g_stopsAtNextCall) g_stopsAtNextCall = ::raise(SIGSTOP) != 0;
   if (++calls % 64 == 0) std::this_thread::yield();
 }
 
@@ -187,40 +196,6 @@ TEST_F(Sharing, OpenersOfAMissingFileMakeOne) {
     ASSERT_EQ(object.GetIndexInfo(capacity, count), 1U);
     ASSERT_EQ(capacity * 10 + count, 1280U + kProcesses) << "a tile of each";
   }
-}
-
-TEST_F(Sharing, WhatAKilledProcessAcknowledgedIsThere) {
-  constexpr unsigned int kCells = 1000;
-  MakeGrid(kSide, kSide, false, kLocked);
-  std::minstd_rand random;
-  for (int round = 0; round < 40; ++round) {
-    const auto children = Fork(2, [&](unsigned int) {
-      bool stored = fresh.Open(path, u"", kLocked) == 0;
-      while (stored) {
-        const unsigned int stamp = ++ledger.stamps;
-        stored = Put(fresh, stamp % kCells, stamp, stamp);
-        if (stamp < ledger.acknowledged.size()) ledger.acknowledged[stamp] = stored;
-      }
-      ledger.stamps += 100;  // nobody is to wait for it
-      return 1;
-    });
-    for (const unsigned long stamp = ledger.stamps + random() % 50; ledger.stamps < stamp;)
-      std::this_thread::yield();
-    for (std::atomic<unsigned long> i = random() % 20000; i < 20000;)  // to any moment of a store
-      ++i;
-    for (const pid_t child : children)
-      ::kill(child, SIGKILL);
-    ExpectEnd(children, SIGKILL);
-    EXPECT_TRUE(Put(object, kCells, 1, 1)) << "nobody is in the way";
-  }
-  std::size_t acknowledged = 0;
-  for (unsigned int stamp = 0; stamp < ledger.acknowledged.size(); ++stamp) {
-    if (!ledger.acknowledged[stamp]) continue;
-    ++acknowledged;
-    ASSERT_EQ(Get(object, stamp % kCells, stamp).payload, Payload(stamp % kCells, stamp));
-  }
-  EXPECT_GE(acknowledged, 100U);
-  Check();
 }
 
 TEST_F(Sharing, FollowsThePath) {
@@ -327,6 +302,92 @@ TEST_F(Sharing, TheLastUserClosesTheFile) {
   EXPECT_EQ(Read(0, 0, 1).payload, "other");
   EXPECT_TRUE(object.Close());
   EXPECT_TRUE(object.IsOpen()) << "the second thread has not closed it";
+}
+
+// As soon as a process neither runs nor is stopped: S where it waits, Z where it has ended.
+char RestingState(pid_t process) {
+  for (std::string line;; line.clear()) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::getline(file, line);
+    const char state = line.at(line.rfind(')') + 2);
+    if (state == 'S' || state == 'Z') return state;
+  }
+}
+
+TEST_F(Sharing, AStoppedHolderIsWaitedFor) {
+  const std::function<bool()> lookUp = [&] { return ledger.Verify(fresh, kShared); };
+  const std::function<bool()> store = [&] { return Put(fresh, kShared, 1, 1); };
+  const std::function<bool()> compact = [&] { return fresh.Compact() == 0; };
+  // Stopped before the operation, or at its first read, with the lock held.
+  const auto start = [&](const std::function<bool()>& operation, bool holds) {
+    const pid_t child = Fork(1, [&](unsigned int) {
+      const bool isOpen = fresh.Open(path, u"", kLocked) == 0;
+      g_stopsAtNextCall = holds;
+      if (!holds) ::raise(SIGSTOP);
+      return isOpen && operation() ? 0 : 1;
+    })[0];
+    int status = 0;
+    EXPECT_TRUE(::waitpid(child, &status, WUNTRACED) == child && WIFSTOPPED(status));
+    return child;
+  };
+  MakeGrid(kSide, kSide, false, kLocked);
+  ASSERT_TRUE(Put(object, kShared, 1, 1) && ledger.Note(kShared, 1));
+  for (const auto& operation : {lookUp, store, compact}) {
+    const pid_t writer = start(store, false), reader = start(lookUp, false);
+    const pid_t holder = start(operation, true);
+    for (const pid_t waiting : {writer, reader}) {
+      ::kill(waiting, SIGCONT);
+      EXPECT_EQ(RestingState(waiting), 'S');
+    }
+    ::kill(holder, SIGCONT);
+    ExpectEnd({holder, writer, reader}, 0);
+  }
+}
+
+// For the rest of the process, nothing in the folder can be written: by this user, or here.
+bool BecomeReadOnly(const char* folder, bool byMount) {
+  constexpr unsigned int kNobody = 65534;
+  if (!byMount) return ::setgroups(0, nullptr) + ::setgid(kNobody) + ::setuid(kNobody) == 0;
+  return ::unshare(CLONE_NEWNS) == 0 &&
+         ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         ::mount(folder, folder, nullptr, MS_BIND, nullptr) == 0 &&
+         ::mount(nullptr, folder, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
+}
+
+class SharingReadOnly : public Sharing, public ::testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(Engine, SharingReadOnly, ::testing::Bool(),
+                         [](const auto& param) { return param.param ? "Mount" : "User"; });
+
+TEST_P(SharingReadOnly, SeesAllAndDisturbsNobody) {
+  constexpr unsigned int kCells = kOwn + 600, kReadOnly = 10, kUnable = 100;
+  const char* const where = folder.GetFolder().c_str();
+  MakeGrid(kSide, kSide, false, kLocked);
+  ::chmod(path.ToUtf8().c_str(), 0444);
+  ::chmod(where, 0555);
+  const auto readers = Fork(2, [&](unsigned int) -> unsigned int {
+    const bool isAble = ::geteuid() == 0 && BecomeReadOnly(where, GetParam());
+    unsigned int faults = isAble && fresh.Open(path, u"", kReadOnly) != 0;
+    ledger.arrived += isAble ? 1 : kUnable;
+    if (!isAble) return 0;
+    while (!ledger.isOver)
+      for (unsigned int cell = 0; cell < kCells; ++cell)
+        faults += !ledger.Verify(fresh, cell);
+    ZrCompactFileReader light;
+    faults += fresh.Compact() != 2 || light.Open(path, u"", kReadOnly) != 0;
+    ZrByteArray data;
+    unsigned long long filled;
+    for (unsigned int cell = kOwn; cell < kCells; ++cell)
+      faults += light.Lookup(cell / kSide, cell % kSide, data, filled, 1) != 0 ||
+                Content(data) != Payload(cell, 1) || !ledger.Verify(fresh, cell);
+    return faults;
+  });
+  while (ledger.arrived < 2)
+    std::this_thread::yield();
+  EXPECT_EQ(ledger.Work(object, 0, 300) + ledger.Work(object, 1, 300), 0);
+  EXPECT_EQ(object.Compact(), 0U);
+  ledger.isOver = true;
+  ExpectEnd(readers, 0);
+  if (ledger.arrived >= kUnable) GTEST_SKIP() << "needs root, and that it may mount";
 }
 
 }  // namespace

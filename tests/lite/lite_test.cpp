@@ -1,11 +1,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <functional>
 #include <string>
+#include <thread>
 #include <tuple>
+#include <utility>
 
 #include "FileSyscalls.h"
 #include "ZrCompactFileReader.h"
@@ -450,7 +455,7 @@ TEST_F(Lite, SystemCallsPerOperation) {
   Read(0);
   const SyscallFaults calls;
   EXPECT_EQ(Lookup(reader, 0, 1, 1), (Tile{0, tile, 500}));
-  EXPECT_EQ(calls.GetCount(), 2U) << "entry, record";
+  EXPECT_EQ(calls.GetCount(), 3U) << "entry, record, entry";
 }
 
 // Only the search for holes of the index may fail unnoticed: without it, all of the index is read.
@@ -494,6 +499,102 @@ TEST_F(Lite, AFullDiskDoesNotCostTheLastTile) {
   EXPECT_EQ(Read(0), (Tile{0, "acknowledged", 12}));
   EXPECT_EQ(Store(0, "a little too long"), 0U);
   EXPECT_EQ(std::get<1>(Read(0)), "a little too long");
+}
+
+// What a writer does before the n-th read of an open (1, 2) and a lookup (entry, record, entry).
+std::function<void(unsigned int n)> g_atRead;
+unsigned int g_reads;
+
+class LiteBesideAWriter : public Lite {
+ protected:
+  Tile ReadWhile(unsigned int col, const std::function<void(unsigned int)>& atRead) {
+    const SyscallFaults restore;
+    g_atRead = atRead;
+    g_reads = 0;
+    GetFileSyscalls().pread = [](int fd, void* bytes, size_t size, off_t position) {
+      if (const auto step = std::exchange(g_atRead, nullptr)) {
+        step(++g_reads);
+        g_atRead = step;
+      }
+      return ::pread(fd, bytes, size, position);
+    };
+    return Read(col);
+  }
+  void SetEntry(unsigned int col, unsigned long long entry) {
+    Poke(path, 76 + col * 8, Native(entry));
+  }
+};
+
+TEST_F(LiteBesideAWriter, ACopyIsCutOffAndAnotherCellTakesItsPlace) {
+  constexpr unsigned int kCell = 502;  // whose entry lies on two pages
+  Create(1, 600);
+  const auto home = Put(kCell, std::string(9000, 'a'));
+  const Bytes file = File();
+  WriteFile(path, file + Bytes(file.begin() + static_cast<std::ptrdiff_t>(home), file.end()));
+  SetEntry(kCell, kCompleteAt | file.size());
+  const Tile read = ReadWhile(kCell, [&](unsigned int n) {
+    if (n != 4) return;
+    SetEntry(kCell, kCompleteAt | home);
+    std::filesystem::resize_file(path.ToUtf8(), file.size());
+    EXPECT_EQ(Put(0, std::string(9000, 'b')), file.size());
+  });
+  EXPECT_TRUE(read == Tile(0, std::string(9000, 'a'), 9000));
+}
+
+TEST_F(LiteBesideAWriter, ARecordShrinksOrTheEntryNeverRests) {
+  Create(1, 2);
+  const auto first = Put(0, std::string(3000, 'a'));
+  const Tile shrunk = {0, std::string(1000, 'b'), 1000};
+  const Tile read = ReadWhile(0, [&](unsigned int n) {
+    if (n != 5) return;  // the head was read
+    EXPECT_EQ(Put(0, std::get<1>(shrunk)), first);
+  });
+  EXPECT_TRUE(read == shrunk);
+  const auto second = Put(1, "second");
+  const auto turnAround = [&](unsigned int n) {
+    SetEntry(0, (1ULL + n / 2 % 2) << 56 | (n % 2 == 0 ? first : second));
+  };
+  EXPECT_EQ(ReadWhile(0, turnAround), kUnread);
+  EXPECT_LE(g_reads, 2U + 16U * 4U);
+}
+
+// Two cells are rewritten in place, two move with each store; of each kind one has its entry on two
+// pages. No lookup gives anything of another cell; a tile that moves is whole, and never old.
+TEST_F(LiteBesideAWriter, ThatNeverPauses) {
+  constexpr unsigned int kCells[] = {0, 502, 6, 1014}, kSize = 9000, kStep = 24;
+  std::atomic<unsigned int> stored[4] = {}, faults = 0;
+  std::atomic<bool> isOver = false;
+  const auto tileOf = [](unsigned int i, unsigned int n) {
+    return std::string(kSize + (i < 2 ? 0 : kStep * n), static_cast<char>(64 * i + n % 64));
+  };
+  Create(1, 1100);
+  ASSERT_EQ(reader.Open(path, u"", 2), 0U);
+  const SyscallFaults restore;
+  GetFileSyscalls().pread = [](int fd, void* bytes, size_t size, off_t position) {
+    for (std::atomic<unsigned int> i = size > 16 ? 3000 : 0; i > 0;)
+      --i;  // the writer gets ahead
+    return ::pread(fd, bytes, size, position);
+  };
+  std::thread writing([&] {
+    for (unsigned int n = 1; n <= 800; stored[3] = n++)
+      for (const unsigned int i : {0U, 2U, 1U, 3U})
+        faults += Store(kCells[i], tileOf(i, n)) != 0;
+    isOver = true;
+  });
+  while (!isOver)
+    for (unsigned int i = 0; i < 4; ++i) {
+      const unsigned int known = stored[3];
+      const auto [result, text, filled] = Lookup(reader, 0, kCells[i], 1);
+      if (result == 9 || (known == 0 && text.empty())) continue;
+      const auto n = (static_cast<unsigned int>(text.size()) - kSize) / kStep;
+      const auto isOwn = [&](char c) { return static_cast<unsigned char>(c) / 64 == i; };
+      const bool isGood = i < 2
+                              ? text.size() == kSize && std::all_of(text.begin(), text.end(), isOwn)
+                              : n >= known && text == tileOf(i, n);
+      faults += !isGood;
+    }
+  writing.join();
+  EXPECT_EQ(faults, 0U);
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 #include "support/PowerLoss.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -92,6 +94,19 @@ void Apply(const Step& step, Disk& disk) {
   }
 }
 
+// Those pages of a write that are kept.
+void ApplyPages(const Step& write, const std::function<bool()>& keep, Disk& disk) {
+  constexpr std::size_t kPageSize = 4096;
+  for (std::size_t done = 0, size; done < write.bytes.size(); done += size) {
+    const auto at = static_cast<std::size_t>(write.offset) + done;
+    size = std::min(kPageSize - at % kPageSize, write.bytes.size() - done);
+    if (keep())
+      Apply({Step::kWrite, write.file, static_cast<off_t>(at), write.bytes.substr(done, size), "",
+             ""},
+            disk);
+  }
+}
+
 }  // namespace
 
 PowerLoss::PowerLoss(std::string folder) : m_folder(std::move(folder)) {
@@ -124,6 +139,11 @@ PowerLoss::PowerLoss(std::string folder) : m_folder(std::move(folder)) {
   calls.copy_file_range = [](int, off_t*, int, off_t*, size_t, unsigned int) -> ssize_t {
     errno = EXDEV;
     return -1;
+  };
+  calls.fallocate = [](int, int, off_t, off_t) { return errno = EOPNOTSUPP, -1; };
+  calls.mmap = [](void* address, size_t size, int protection, int flags, int fd, off_t position) {
+    const bool isStore = (protection & PROT_WRITE) != 0 && fd >= 0;
+    return isStore ? MAP_FAILED : g_calls.mmap(address, size, protection, flags, fd, position);
   };
   // The record of a sync is enough: this test is not about the disk of the machine that it runs on.
   calls.fdatasync = [](int fd) {
@@ -175,7 +195,10 @@ void PowerLoss::Leave(std::size_t step, const std::function<bool()>& keep) {
       synced = g_steps[i].kind == Step::kName
                    ? g_steps[k].kind == Step::kSyncNames
                    : g_steps[k].kind == Step::kSync && g_steps[k].file == g_steps[i].file;
-    if (synced || keep()) Apply(g_steps[i], disk);
+    if (!synced && g_steps[i].kind == Step::kWrite)
+      ApplyPages(g_steps[i], keep, disk);
+    else if (synced || keep())
+      Apply(g_steps[i], disk);
   }
   for (const fs::directory_entry& entry : fs::directory_iterator(m_folder))
     fs::remove(entry.path());
