@@ -257,6 +257,10 @@ class User {
   unsigned int Compact() {
     return Try([&] { return m_file.Compact(); });
   }
+  unsigned int Verify() {
+    ZrCompactFile::ZrVerifySummary summary;
+    return m_file.Verify(summary);
+  }
   unsigned int ChangePassword() {
     const std::uint32_t next = ++g_ledger->passwords[m_named];
     return Try([&] {
@@ -538,6 +542,8 @@ class Soak {
       ::alarm(kHangSeconds);
       Users users(m_folder);
       if (!users.Open()) Fail("not opened in the end", 0, 0, ZrResult::kNotOpen);
+      for (User& file : users.files)
+        if (file.Verify() != ZrResult::kOk) Fail("found unsound in the end", 0, 0, 0);
       for (std::uint32_t number = 0; number < kAllTiles; ++number) {
         const Tile& tile = g_ledger->tiles[number];
         if (tile.owner == 0 && !users.Of(number).AllFit(number, tile.Acknowledged()))

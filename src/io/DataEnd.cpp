@@ -13,9 +13,9 @@ bool IsPlausibleLength(std::uint64_t length) {
          length <= Format::kGridRecordHead + Format::kMaxCapacity;
 }
 
-// The highest position inside the file that an entry points at; 0 if there is none.
+// The highest position below `limit` that an entry points at; 0 if there is none.
 bool FindHighestRecord(const ZrFileStream& file, const Format::IndexArea& index, bool swap,
-                       std::uint64_t fileLength, std::uint64_t& highest) {
+                       std::uint64_t fileLength, std::uint64_t limit, std::uint64_t& highest) {
   constexpr std::uint64_t kEntrySize = Format::kGridEntrySize;
   const std::uint64_t end = std::min(index.end, fileLength);
   ZrByteArray piece;
@@ -29,8 +29,8 @@ bool FindHighestRecord(const ZrFileStream& file, const Format::IndexArea& index,
     for (std::uint64_t i = 0; i + kEntrySize <= size; i += kEntrySize) {
       const auto entry = LoadScalar<std::uint64_t>(piece.GetData() + i, swap);
       const std::uint64_t record = Format::PositionOf(entry);
-      if (Format::HoldsRecord(Format::StatusOf(entry)) && record >= index.end &&
-          record < fileLength && record > highest)
+      if (Format::HoldsRecord(Format::StatusOf(entry)) && record >= index.end && record < limit &&
+          record > highest)
         highest = record;
     }
     position += size;
@@ -42,8 +42,15 @@ bool FindHighestRecord(const ZrFileStream& file, const Format::IndexArea& index,
 
 bool FindDataEnd(const ZrFileStream& file, const Format::IndexArea& index, bool swap,
                  std::uint64_t fileLength, std::uint64_t& end) {
+  // Farther away lies nothing but damage to a single entry.
+  constexpr std::uint64_t kMostLost = std::uint64_t{1} << 34;
   std::uint64_t highest;
-  if (!FindHighestRecord(file, index, swap, fileLength, highest)) return false;
+  if (!FindHighestRecord(file, index, swap, fileLength, fileLength + kMostLost, highest))
+    return false;
+  if (highest >= fileLength) {
+    end = highest + Format::kGridRecordHead;
+    return true;
+  }
   std::uint64_t length = 0;
   if (highest != 0 && fileLength - highest >= sizeof length) {
     if (!file.ReadAt(highest, &length, sizeof length)) return false;
