@@ -104,7 +104,7 @@ void OperationLock::StayLong() {
 }
 
 void OperationLock::LeaveMutex() {
-  if (m_object.m_bLockHeld || m_shared.owns_lock()) return;
+  if (m_shared.owns_lock() || m_object.m_bLockHeld) return;
   m_shared = std::shared_lock(m_object.m_readers);
   m_mutex.unlock();
 }
