@@ -588,6 +588,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool m_bOpened = false;
   bool m_bIndexValid = false;                 ///< the last refresh succeeded
   std::shared_ptr<ZrCacheFile> m_pCacheFile;  ///< the ".sc" file that is in use instead
+  std::atomic<bool> m_bHasCacheFile{false};   ///< whether there is one; also to be read without
   PelmUnicodeString m_strPath;                ///< as given, completed
 
   /// Guarded by m_mutex.

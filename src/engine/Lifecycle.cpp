@@ -187,6 +187,7 @@ unsigned int ZrCompactFile::OpenCacheFile(const PelmUnicodeString& path,
     std::shared_ptr<ZrCacheFile> made = ZrCacheFile::Make();
     const std::lock_guard state(m_stateMutex);
     m_pCacheFile = std::move(made);
+    m_bHasCacheFile = m_pCacheFile != nullptr;
   }
   return m_pCacheFile->Open(path, password, ZrFile64::kRead);
 }
@@ -228,6 +229,7 @@ unsigned int ZrCompactFile::TakeIntoUse() {
     const std::lock_guard state(m_stateMutex);
     m_bOpened = true;
     detached.swap(m_pCacheFile);
+    m_bHasCacheFile = false;
   }
   if (result == ZrResult::kOk && GetSwapData() == nullptr) result = ZrResult::kNotUsable;
   if (result != ZrResult::kOk) TearDown();

@@ -30,6 +30,7 @@ bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data) {
 }  // namespace
 
 std::shared_ptr<ZrCacheFile> ZrCompactFile::GetCacheFile() const {
+  if (!m_bHasCacheFile) return nullptr;
   const std::lock_guard state(m_stateMutex);
   return m_pCacheFile;
 }
