@@ -20,8 +20,6 @@ constexpr std::uint64_t kUsualHead = 256;
 // all before it.
 constexpr std::uint64_t kLargestHead = 64 << 20;
 
-constexpr std::uint64_t kHashMask = (std::uint64_t{1} << Format::kOrdinalShift) - 1;
-
 std::uint64_t HashOfUnits(std::string_view bytes, bool swap) {
   std::u16string units(bytes.size() / sizeof(char16_t), u'\0');
   for (std::size_t i = 0; i < units.size(); ++i)
@@ -340,7 +338,7 @@ void Verifier::CheckName(const Head& head) {
     Report(Finding::kRecord, head.position, "the name is not UTF-16");
   const std::uint64_t hash =
       isUtf16 ? HashOfUnits(name.bytes, m_swap) : Format::HashBytes(name.bytes);
-  if (hash != (m_code & kHashMask))
+  if (hash != (m_code & Format::kHashMask))
     Report(Finding::kRecord, head.position, "the name has another hash than its slot says");
 }
 

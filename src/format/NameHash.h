@@ -18,6 +18,8 @@ std::uint64_t HashUnits(std::u16string_view name);
 std::uint64_t HashBytes(std::string_view name);
 
 inline constexpr unsigned kOrdinalShift = 56;
+/// A code without its ordinal.
+inline constexpr std::uint64_t kHashMask = (std::uint64_t{1} << kOrdinalShift) - 1;
 inline constexpr std::uint64_t kLastOrdinal = 0xFF;
 
 /// The next code to probe: one ordinal further, but never beyond the last.
