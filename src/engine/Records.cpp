@@ -48,13 +48,14 @@ unsigned long long ZrCompactFile::GetAppendPosition() {
   return end <= Format::kPositionMask - Format::kGridRecordHead - kMaxCapacity ? end : 0;
 }
 
-// Looks, once for each file, whether it ends before its last record does, and until when.
+// Looks whether the file ends before its last record does, and until when: once for each file, and
+// again when another process has changed it, which a stub may have done.
 bool ZrCompactFile::FindDataEnd(unsigned long long fileLength) {
   if (m_nDataEnd <= fileLength) m_nDataEnd = 0;
   if (m_bDataEndFound || IsNaming()) return true;
   const Format::IndexArea index = {Format::HeaderView(m_header).IndexOffset(), GetIndexEnd()};
   std::uint64_t end;
-  if (!Io::FindDataEnd(*m_file, index, m_bSwap, fileLength, end)) return false;
+  if (!Io::FindDataEnd(*m_file, index, m_bSwap, fileLength, m_nLastRecord, end)) return false;
   if (end > fileLength) m_nDataEnd = end;
   m_bDataEndFound = true;
   return true;

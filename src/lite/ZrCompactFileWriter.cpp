@@ -228,8 +228,9 @@ unsigned long long ZrCompactFileWriter::GetAppendPosition(unsigned long long fil
 }
 
 bool ZrCompactFileWriter::FindDataEnd(unsigned long long fileLength) {
+  std::uint64_t last = 0;
   std::uint64_t end;
-  if (!Io::FindDataEnd(*this, {GetIndexOffset(), GetDataStart()}, m_bSwap, fileLength, end))
+  if (!Io::FindDataEnd(*this, {GetIndexOffset(), GetDataStart()}, m_bSwap, fileLength, last, end))
     return false;
   m_nDataEnd = std::max<unsigned long long>(m_nDataEnd, end);
   m_bDataEndFound = true;
