@@ -9,7 +9,7 @@ namespace Zarn {
 ///
 /// One object belongs to one thread; several may be open on one file while one ZrCompactFileWriter
 /// appends to it. A tile that is being rewritten in place at that moment may be read half old, half
-/// new. Nothing is kept between calls but one buffer, so every call sees the file as it is.
+/// new. No tile is kept between calls, so every call sees the file as it is.
 class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
  public:
   ZrCompactFileReader() = default;
@@ -45,9 +45,10 @@ class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
 
  private:
   bool FindRecord(unsigned int row, unsigned int col, unsigned long long& entry,
-                  unsigned long long& sizeHint) const;
+                  unsigned long long& sizeHint);
 
-  ZrByteArray m_payload;  // of the record read last, until it is handed to the caller
+  ZrByteArray m_payload;              // of the record read last, until it is handed to the caller
+  unsigned long long m_nSettled = 0;  // the highest position of a record that was seen
 };
 
 }  // namespace Zarn

@@ -1,9 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <string>
 #include <tuple>
 
@@ -307,6 +309,27 @@ TEST_F(Lite, RewritesInPlaceOnlyWhereNobodyIsRunOver) {
   EXPECT_EQ(Put(2, std::string(500, 'M')), next);
   EXPECT_NE(Put(0, std::string(500, 'A')), moved);
   EXPECT_EQ(Read(2), (Tile{0, std::string(500, 'M'), 500}));
+}
+
+// The copy that a cell names while it is rewritten is cut off, and the next tile takes its place.
+TEST_F(Lite, ReadsNoOtherTileWhereACopyWas) {
+  Create(1, 3);
+  const auto home = Put(0, "rewritten");
+  EXPECT_TRUE(writer.WriteIndexValue(0, 0, kCompleteAt | File().size()));
+  ASSERT_EQ(reader.Open(path, u"", 2), 0U);
+  static std::function<void()> goOn;
+  goOn = [&] {
+    goOn = nullptr;
+    EXPECT_TRUE(writer.WriteIndexValue(0, 0, kCompleteAt | home));
+    Put(1, "another");
+  };
+  const SyscallFaults restore;
+  GetFileSyscalls().pread = [](int fd, void* bytes, std::size_t size, off_t position) {
+    if (position > 100 && goOn != nullptr) goOn();  // once the entry was read
+    return ::pread(fd, bytes, size, position);
+  };
+  EXPECT_EQ(Lookup(reader, 0, 0, 1), (Tile{0, "rewritten", 9}));
+  EXPECT_EQ(goOn, nullptr);
 }
 
 // The unused capacity of a tile is not written, so the file ends before its last record does.
