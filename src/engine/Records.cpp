@@ -3,7 +3,6 @@
 #include <new>
 
 #include "DataEnd.h"
-#include "FileMap.h"
 #include "Header.h"
 #include "IndexValue.h"
 #include "RecordImage.h"
@@ -140,10 +139,7 @@ unsigned long long ZrCompactFile::MoveHome(Engine::RecordReference& reference,
                                         : WriteDataToDataFile(home, false, image) != 0;
   if (!written || !PointTo(reference, home)) return copy;
   std::uint64_t fileLength;
-  if (m_file->GetLength(fileLength) && fileLength == copy + length) {
-    m_file->SetLength(copy);
-    if (m_pMap != nullptr) m_pMap->Forget();
-  }
+  if (m_file->GetLength(fileLength) && fileLength == copy + length) m_file->SetLength(copy);
   return home;
 }
 

@@ -311,6 +311,19 @@ TEST_F(Lite, RewritesInPlaceOnlyWhereNobodyIsRunOver) {
   EXPECT_EQ(Read(2), (Tile{0, std::string(500, 'M'), 500}));
 }
 
+// A record on several pages has a copy while it is rewritten.
+TEST_F(Lite, NothingIsLeftOfACopy) {
+  const std::string large(5000, 'L'), longer(100, 'l');
+  Create(1, 3);
+  const auto first = Put(0, large);
+  EXPECT_EQ(Put(0, large), first);
+  EXPECT_EQ(Put(1, "next"), first + 44 + 5000) << "where the copy was";
+  const auto last = Put(2, large);
+  EXPECT_EQ(Put(2, large, 5016), last);
+  EXPECT_EQ(Put(1, longer), last + 44 + 5016) << "behind what the last one states";
+  EXPECT_EQ(Read(2), (Tile{0, large + std::string(16, '\0'), 5000}));
+}
+
 // The copy that a cell names while it is rewritten is cut off, and the next tile takes its place.
 TEST_F(Lite, ReadsNoOtherTileWhereACopyWas) {
   Create(1, 3);
