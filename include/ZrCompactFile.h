@@ -514,7 +514,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned long long MoveHome(Engine::RecordReference& reference, unsigned long long copy,
                               unsigned long long home, const Format::RecordImage& image,
                               const Engine::TileStore* store);
-  unsigned long long RewriteRecord(Engine::RecordReference reference, unsigned long long position,
+  unsigned long long RewriteRecord(Engine::RecordReference& reference, unsigned long long position,
                                    const Format::RecordImage& image);
   bool UpdateSwapData(Format::RecordImage& image, const Engine::TileStore& store);
   unsigned long long AppendSwapData(Format::RecordImage& image, const Engine::TileStore& store);
@@ -534,7 +534,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned long long AddOldVersionData(unsigned long long recordPosition,
                                        Format::RecordImage& image, unsigned int index,
                                        const Engine::TileStore& store);
-  unsigned long long ReplaceVersion(Engine::RecordReference reference, unsigned long long position,
+  unsigned long long ReplaceVersion(Engine::RecordReference& reference, unsigned long long position,
                                     Format::RecordImage& image, const Engine::TileStore& store);
   bool UpdateOlderVersion(Engine::TileEntry& entry, const Format::RecordImage& image,
                           unsigned int index, const Engine::TileStore& store);
@@ -601,9 +601,11 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   ZrOpenMode m_nOpenMode = 0;
 
   /// Where the last record of a grid file ends, if that is behind the end of the file, as a light
-  /// writer leaves it; and whether that was looked for. Guarded by m_mutex.
+  /// writer leaves it; whether that was looked for, and the last record that was found. Guarded by
+  /// m_mutex.
   unsigned long long m_nDataEnd = 0;
   bool m_bDataEndFound = false;
+  std::uint64_t m_nLastRecord = 0;
 
   /// The lock order: m_mutex, the lock between processes, m_readers, m_stateMutex, the index's own.
   ZrMutex m_mutex{1};

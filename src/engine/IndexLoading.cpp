@@ -66,9 +66,9 @@ Engine::FileState ZrCompactFile::GetState() const {
 }
 
 void ZrCompactFile::Publish(Engine::FileState& state) {
-  // Other users of the lock between processes leave no such end, but may cut one off.
-  if (m_file != state.file || m_nDataEnd != 0) m_bDataEndFound = false;
-  if (!m_bDataEndFound) m_nDataEnd = 0;
+  m_bDataEndFound = false;
+  m_nDataEnd = 0;
+  if (m_file != state.file || m_header != state.header) m_nLastRecord = 0;
   const std::lock_guard guard(m_stateMutex);
   m_file.swap(state.file);  // the old ones go when the accessors can go on
   m_pIndex.swap(state.index);

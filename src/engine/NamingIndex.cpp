@@ -160,8 +160,10 @@ bool ZrCompactFile::IncreaseNamingIndexCapacity() {
   if (newOffset == 0 || !index->IsUsable() ||
       !m_file->ZeroFill(newOffset, Format::kNamingHeaderSize + 2 * oldSize) ||
       !WriteNamingHeader(newOffset, capacity, m_nNamingCount) ||
-      !CopySlots(oldStart, newStart, oldSize) || !m_file->Sync())
+      !CopySlots(oldStart, newStart, oldSize) || !m_file->Sync()) {
+    m_file->SetLength(length);  // lest every attempt take more of the disk
     return false;
+  }
   Format::HeaderImage header = m_header;
   Format::SetIndexOffset(header, newOffset);
   if (!Io::WriteFileHeader(*m_file, m_xorString, header, m_bSwap)) {

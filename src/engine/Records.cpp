@@ -3,7 +3,6 @@
 #include <new>
 
 #include "DataEnd.h"
-#include "FileMap.h"
 #include "Header.h"
 #include "IndexValue.h"
 #include "RecordImage.h"
@@ -57,13 +56,14 @@ unsigned long long ZrCompactFile::GetAppendPosition() {
   return end <= Format::kPositionMask - Format::kGridRecordHead - kMaxCapacity ? end : 0;
 }
 
-// Looks, once for each file, whether it ends before its last record does, and until when.
+// Looks whether the file ends before its last record does, and until when: once for each file, and
+// again when another process has changed it, which a stub may have done.
 bool ZrCompactFile::FindDataEnd(unsigned long long fileLength) {
   if (m_nDataEnd <= fileLength) m_nDataEnd = 0;
   if (m_bDataEndFound || IsNaming()) return true;
   const Format::IndexArea index = {Format::HeaderView(m_header).IndexOffset(), GetIndexEnd()};
   std::uint64_t end;
-  if (!Io::FindDataEnd(*m_file, index, m_bSwap, fileLength, end)) return false;
+  if (!Io::FindDataEnd(*m_file, index, m_bSwap, fileLength, m_nLastRecord, end)) return false;
   if (end > fileLength) m_nDataEnd = end;
   m_bDataEndFound = true;
   return true;
@@ -148,15 +148,12 @@ unsigned long long ZrCompactFile::MoveHome(Engine::RecordReference& reference,
                                         : WriteDataToDataFile(home, false, image) != 0;
   if (!written || !PointTo(reference, home)) return copy;
   std::uint64_t fileLength;
-  if (m_file->GetLength(fileLength) && fileLength == copy + length) {
-    m_file->SetLength(copy);
-    if (m_pMap != nullptr) m_pMap->Forget();
-  }
+  if (m_file->GetLength(fileLength) && fileLength == copy + length) m_file->SetLength(copy);
   return home;
 }
 
 // Puts the record in the image over the one at `position`, which is no shorter.
-unsigned long long ZrCompactFile::RewriteRecord(Engine::RecordReference reference,
+unsigned long long ZrCompactFile::RewriteRecord(Engine::RecordReference& reference,
                                                 unsigned long long position,
                                                 const Format::RecordImage& image) {
   if (!Io::SpansPages(position, image.Head().length))

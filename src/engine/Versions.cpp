@@ -68,6 +68,7 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
   if (!HasVersions()) return true;  // deliberately: a tile without versions is never rewritten
 
   unsigned int index = 0;
+  Engine::RecordReference reference = {entry};
   switch (GetStatusAndVersionOrder(image, index, entry.position, store.version)) {
     case StorePlace::kNewest:
       entry.status = store.span.Status();
@@ -75,7 +76,7 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
       break;
     case StorePlace::kReplaceNewest:
       entry.status = store.span.Status();
-      entry.position = ReplaceVersion({entry}, entry.position, image, store);
+      entry.position = ReplaceVersion(reference, entry.position, image, store);
       break;
     case StorePlace::kInsertOlder:
       entry.position = AddOldVersionData(entry.position, image, index, store);
@@ -135,7 +136,7 @@ unsigned long long ZrCompactFile::AddOldVersionData(unsigned long long recordPos
 
 // New data for the version that the image's record holds. In place if the record does not grow;
 // then the rest of the payload area stays as it is.
-unsigned long long ZrCompactFile::ReplaceVersion(Engine::RecordReference reference,
+unsigned long long ZrCompactFile::ReplaceVersion(Engine::RecordReference& reference,
                                                  unsigned long long position,
                                                  Format::RecordImage& image,
                                                  const TileStore& store) {
@@ -190,7 +191,8 @@ bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version)
   if (index == 0) return RemoveNewest(entry, image);
   if (!ReadDataFromDataFile(entry.position, image)) return false;
   image.RemoveVersion(index);
-  entry.position = RewriteRecord({entry}, entry.position, image);
+  Engine::RecordReference reference = {entry};
+  entry.position = RewriteRecord(reference, entry.position, image);
   return entry.position != 0;
 }
 
@@ -212,7 +214,8 @@ bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Format::RecordImage& cu
     status = older.Head().StatusByFilling();
   entry.status = status;
   Remember(entry, older.Head().length);
-  entry.position = older.Head().length <= oldLength ? RewriteRecord({entry}, position, older)
+  Engine::RecordReference reference = {entry};
+  entry.position = older.Head().length <= oldLength ? RewriteRecord(reference, position, older)
                                                     : WriteDataToDataFile(0, true, older);
   return entry.position != 0;
 }

@@ -1,6 +1,7 @@
 #include "DataEnd.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "StoreArguments.h"
 
@@ -38,25 +39,47 @@ bool FindHighestRecord(const ZrFileStream& file, const Format::IndexArea& index,
   return true;
 }
 
+// The length that a record states; 0 if not even that is in the file.
+bool ReadLength(const ZrFileStream& file, bool swap, std::uint64_t fileLength, std::uint64_t record,
+                std::uint64_t& length) {
+  length = 0;
+  if (fileLength < sizeof length || record > fileLength - sizeof length) return true;
+  if (!file.ReadAt(record, &length, sizeof length)) return false;
+  length = LoadScalar<std::uint64_t>(&length, swap);
+  return true;
+}
+
+// Goes on from `record` to the records behind it, and tells whether the last of them, which it then
+// is, ends where the file does. Where that takes many steps, the index is as quick.
+bool FollowRecords(const ZrFileStream& file, bool swap, std::uint64_t fileLength,
+                   std::uint64_t& record) {
+  constexpr int kSteps = 64;
+  std::uint64_t length;
+  for (int i = 0; i < kSteps && ReadLength(file, swap, fileLength, record, length); ++i) {
+    if (!IsPlausibleLength(length) || length > fileLength - record) return false;
+    if (length == fileLength - record) return true;
+    record += length;
+  }
+  return false;
+}
+
 }  // namespace
 
 bool FindDataEnd(const ZrFileStream& file, const Format::IndexArea& index, bool swap,
-                 std::uint64_t fileLength, std::uint64_t& end) {
+                 std::uint64_t fileLength, std::uint64_t& lastRecord, std::uint64_t& end) {
   // Farther away lies nothing but damage to a single entry.
   constexpr std::uint64_t kMostLost = std::uint64_t{1} << 34;
-  std::uint64_t highest;
-  if (!FindHighestRecord(file, index, swap, fileLength, fileLength + kMostLost, highest))
+  end = fileLength;
+  if (lastRecord != 0 && FollowRecords(file, swap, fileLength, lastRecord)) return true;
+  if (!FindHighestRecord(file, index, swap, fileLength, fileLength + kMostLost, lastRecord))
     return false;
-  if (highest >= fileLength) {
-    end = highest + Format::kGridRecordHead;
+  if (lastRecord >= fileLength) {
+    end = std::exchange(lastRecord, 0) + Format::kGridRecordHead;
     return true;
   }
   std::uint64_t length = 0;
-  if (highest != 0 && fileLength - highest >= sizeof length) {
-    if (!file.ReadAt(highest, &length, sizeof length)) return false;
-    length = LoadScalar<std::uint64_t>(&length, swap);
-  }
-  end = IsPlausibleLength(length) ? highest + length : 0;
+  if (lastRecord != 0 && !ReadLength(file, swap, fileLength, lastRecord, length)) return false;
+  end = IsPlausibleLength(length) ? lastRecord + length : 0;
   return true;
 }
 

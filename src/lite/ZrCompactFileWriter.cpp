@@ -162,10 +162,9 @@ unsigned int ZrCompactFileWriter::Rewrite(const CellEntry& cell, unsigned long l
   if (!Io::SpansPages(home, written))
     return write(home) != 0 ? ZrResult::kOk : ZrResult::kWriteFailure;
 
-  const unsigned long long end = GetAppendPosition(fileLength);
-  if (end == 0) return ZrResult::kWriteFailure;
+  const unsigned long long copy = GetAppendPosition(fileLength);
+  if (copy == 0) return ZrResult::kWriteFailure;
   const unsigned long long dataEnd = std::max<unsigned long long>(m_nDataEnd, home + recordLength);
-  const unsigned long long copy = std::max<unsigned long long>(end, home + recordLength);
   if (write(copy) == 0 || !SetLength(copy + recordLength)) {
     SetLength(fileLength);
     return ZrResult::kWriteFailure;
@@ -228,8 +227,9 @@ unsigned long long ZrCompactFileWriter::GetAppendPosition(unsigned long long fil
 }
 
 bool ZrCompactFileWriter::FindDataEnd(unsigned long long fileLength) {
+  std::uint64_t last = 0;
   std::uint64_t end;
-  if (!Io::FindDataEnd(*this, {GetIndexOffset(), GetDataStart()}, m_bSwap, fileLength, end))
+  if (!Io::FindDataEnd(*this, {GetIndexOffset(), GetDataStart()}, m_bSwap, fileLength, last, end))
     return false;
   m_nDataEnd = std::max<unsigned long long>(m_nDataEnd, end);
   m_bDataEndFound = true;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "ZrCompactFileStub.h"
 #include "ZrCompactFileWriter.h"
 #include "ZrFile.h"
 #include "engine/EngineFixture.h"
@@ -270,14 +271,24 @@ TEST_F(Lifecycle, ARemovalLeavesNoCopy) {
 // Which writes no more of its last tile than the data.
 TEST_F(Lifecycle, NothingIsAppendedIntoWhatALightWriterHasReserved) {
   ZrCompactFileWriter writer;
-  ASSERT_EQ(writer.Create(path, 1, 2, u"", kMode), 0U);
-  ASSERT_EQ(writer.SetAt(0, 0, Data("part"), 100, 0, 1), 0U);
+  ASSERT_EQ(writer.Create(path, 1, 7, u"", kMode), 0U);
+  ASSERT_EQ(writer.SetAt(0, 0, Data("part"), 116, 0, 1), 0U);
   writer.Close();
-  Reopen();
-  const std::string neighbour(80, 'n'), whole(100, 'w');
-  EXPECT_EQ(Store(0, 1, neighbour, 1) + Store(0, 0, whole, 1), 0U);
-  EXPECT_EQ(Read(0, 1, 1), (Tile{0, neighbour, 80}));
-  EXPECT_EQ(Read(0, 0, 1), (Tile{0, whole, 100}));
+  Reopen(kMode | ZrCompactFile::kProcessLock);
+  ZrCompactFileStub stub;
+  stub.SetPath(path);
+  const std::string neighbour(80, 'n'), whole(116, 'w');
+  for (unsigned int col = 0; col < 6; col += 2) {
+    for (const unsigned int version : {1U, 2U})
+      EXPECT_EQ(Store(0, col + 1, neighbour, version) + Store(0, col, whole, 1), 0U);
+    EXPECT_EQ(Read(0, col + 1, 1), (Tile{0, neighbour, 80}));
+    EXPECT_EQ(Read(0, col, 1), (Tile{0, whole, 116}));
+    // The second time in the place of a record that is smaller: the file does not get longer.
+    if (col == 2) {
+      EXPECT_TRUE(stub.Write(0, 4, Data(whole.substr(16)), 0, 0, 1));
+    }
+    EXPECT_TRUE(stub.Write(0, col + 2, Data("part"), 116, 0, 1));
+  }
 }
 
 TEST_F(Lifecycle, SystemCallsPerOperation) {

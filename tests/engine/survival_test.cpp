@@ -72,7 +72,7 @@ const Layout kLayouts[] = {
     {"ForeignGridOfLargeTiles", false, true, kMapped, kStraddling, 5000, kPage - 4, 0},
     {"Names", true, false, kLocked, 1, 300, 100, 0},
     {"NamesOnEdges", true, false, kCreate, 2, 300, kPage - 63, kPage - 101},
-    {"LargeTilesByName", true, false, kCreate, 2, 5000, kPage - 60, kPage - 9},
+    {"LargeTilesByName", true, false, kCreate, 2, 5000, 100, kPage - 9},
 };
 
 enum Size { kHalf, kSmaller, kSame, kLarger };
@@ -229,6 +229,11 @@ const Operation kOperations[] = {
      kStoresHalf1 | kMayBeDone},
     {"piece out of order", SecondHalf, [](Bench& b) { return b.PutHalf(0, 4); },
      kStoresHalf0 | kMayBeDone},
+    {"piece over another", FirstHalf,
+     [](Bench& b) {
+       const ZrByteArray& piece = b.data[kSmaller];
+       return b.Put(b.key, b.layout.tile, piece, 4, b.layout.size, b.layout.size - piece.GetSize());
+     }},
     {"remove newest", ThreeVersions, [](Bench& b) { return b.Remove(8); }},
     {"remove older", ThreeVersions, [](Bench& b) { return b.Remove(4); }},
     {"remove oldest", ThreeVersions, [](Bench& b) { return b.Remove(2); }},

@@ -314,6 +314,40 @@ TEST_F(Lite, RewritesInPlaceOnlyWhereNobodyIsRunOver) {
   EXPECT_EQ(Read(2), (Tile{0, std::string(500, 'M'), 500}));
 }
 
+// A record on several pages has a copy while it is rewritten.
+TEST_F(Lite, NothingIsLeftOfACopy) {
+  const std::string large(5000, 'L'), longer(100, 'l');
+  Create(1, 3);
+  const auto first = Put(0, large);
+  EXPECT_EQ(Put(0, large), first);
+  EXPECT_EQ(Put(1, "next"), first + 44 + 5000) << "where the copy was";
+  const auto last = Put(2, large);
+  EXPECT_EQ(Put(2, large, 5016), last);
+  EXPECT_EQ(Put(1, longer), last + 44 + 5016) << "behind what the last one states";
+  EXPECT_EQ(Read(2), (Tile{0, large + std::string(16, '\0'), 5000}));
+}
+
+// The copy that a cell names while it is rewritten is cut off, and the next tile takes its place.
+TEST_F(Lite, ReadsNoOtherTileWhereACopyWas) {
+  Create(1, 3);
+  const auto home = Put(0, "rewritten");
+  EXPECT_TRUE(writer.WriteIndexValue(0, 0, kCompleteAt | File().size()));
+  ASSERT_EQ(reader.Open(path, u"", 2), 0U);
+  static std::function<void()> goOn;
+  goOn = [&] {
+    goOn = nullptr;
+    EXPECT_TRUE(writer.WriteIndexValue(0, 0, kCompleteAt | home));
+    Put(1, "another");
+  };
+  const SyscallFaults restore;
+  GetFileSyscalls().pread = [](int fd, void* bytes, std::size_t size, off_t position) {
+    if (position > 100 && goOn != nullptr) goOn();  // once the entry was read
+    return ::pread(fd, bytes, size, position);
+  };
+  EXPECT_EQ(Lookup(reader, 0, 0, 1), (Tile{0, "rewritten", 9}));
+  EXPECT_EQ(goOn, nullptr);
+}
+
 // The unused capacity of a tile is not written, so the file ends before its last record does.
 TEST_F(Lite, NothingIsAppendedIntoTheLastRecord) {
   constexpr unsigned int kLast = 19999;
