@@ -74,24 +74,6 @@ TEST_P(Versions, EveryKindOfStoreAndRemoval) {
   EXPECT_EQ(Read(11).payload.substr(3, 1), "I");
 }
 
-TEST_P(Versions, OnlyAnExactStampSelectsAnOlderVersion) {
-  for (unsigned long long stamp : {5ULL, 9ULL, 7ULL})
-    ASSERT_EQ(Store("v" + std::to_string(stamp), stamp), 0U);
-  for (const auto& [stamp, found] : std::initializer_list<std::pair<int, const char*>>{
-           {100, "v9"}, {9, "v9"}, {8, "v9"}, {7, "v7"}, {6, "v9"}, {5, "v5"}, {1, "v9"}})
-    EXPECT_EQ(Read(static_cast<unsigned long long>(stamp)), (Tile{0, found, 2})) << stamp;
-}
-
-// The current record moves when it grows, and its own entry then names its old place.
-TEST_P(Versions, TheNewestVersionIsFoundAfterItsRecordHasMoved) {
-  ASSERT_EQ(Store("AAAA", 1), 0U);
-  ASSERT_EQ(Store("BBBBBBBB", 1), 0U);
-  ASSERT_EQ(Store("CC", 2), 0U);
-  EXPECT_EQ(Read(1), (Tile{0, "BBBBBBBB", 8}));
-  EXPECT_EQ(Read(2), (Tile{0, "CC", 2}));
-  Check();
-}
-
 TEST_P(Versions, PiecesCompleteATile) {
   const std::string first(60, '1'), second(40, '2');
   ASSERT_EQ(Store(first, 3, 100), 0U);
@@ -104,21 +86,6 @@ TEST_P(Versions, PiecesCompleteATile) {
   ASSERT_EQ(Store("tail", 3, 150, 146), 0U);
   EXPECT_EQ(Read(3), (Tile{0, first + second + std::string(46, '\0') + "tail", 150}));
   EXPECT_EQ(Store("zz", 3, 0, 1), 10U);
-  Check();
-}
-
-TEST_P(Versions, RemovingTheLastVersionEmptiesTheCell) {
-  ASSERT_EQ(Store("one", 1), 0U);
-  ASSERT_EQ(Store("two", 2), 0U);
-  EXPECT_EQ(object.Remove(0, 0, 3), 0U) << "no such stamp";
-  EXPECT_EQ(object.Remove(0, 0, 1), 0U);
-  EXPECT_EQ(Read(1), (Tile{0, "two", 3})) << "gone, so the newest";
-  EXPECT_EQ(object.Remove(0, 0, 2), 0U);
-  EXPECT_EQ(object.GetStatus(0, 0), ZrCompactFile::kEmpty);
-  EXPECT_EQ(Read(2), (Tile{5, "", 0}));
-  EXPECT_EQ(object.Remove(0, 0, 2), 0U) << "nothing there";
-  ASSERT_EQ(Store("three", 1), 0U);
-  EXPECT_EQ(Read(1), (Tile{0, "three", 5}));
   Check();
 }
 
