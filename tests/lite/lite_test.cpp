@@ -453,35 +453,6 @@ TEST_F(Lite, SystemCallsPerOperation) {
   EXPECT_EQ(calls.GetCount(), 2U) << "entry, record";
 }
 
-// Only the search for holes of the index may fail unnoticed: without it, all of the index is read.
-TEST_F(Lite, EveryFailingCallOfAStoreIsReportedAndKeepsTheOldTile) {
-  for (const auto& [col, text] :
-       {std::pair{0U, "a tile that moves"}, {0U, "new"}, {3U, "a tile that is new"}}) {
-    bool failed = true, tolerated = false;
-    for (std::size_t n = 1; failed; ++n) {
-      ZrFile::Delete(path);
-      Create(1, 5);
-      Put(0, "old");
-      Put(1, "neighbour");
-      const auto end = Put(2, "last", 1000) + 44 + 1000;
-      Reopen();
-      const Tile before = Read(col), after = {0, text, std::string(text).size()};
-      SyscallFaults faults;
-      faults.FailCall(n, EIO);
-      const unsigned int result = Store(col, text);
-      failed = faults.HasFailed();
-      faults.FailCall(1, 0);
-      const bool isSearch = failed && !tolerated && result == 0 && faults.GetCount("lseek") == 2;
-      const bool stored = !failed || isSearch;
-      tolerated |= isSearch;
-      EXPECT_TRUE(stored ? result == 0 : result == 10 || (result == 9 && col == 0)) << text << n;
-      EXPECT_EQ(Read(col), stored ? after : before) << text << n;
-      EXPECT_EQ(Read(1), (Tile{0, "neighbour", 9})) << text << n;
-      EXPECT_GE(Put(4, "next"), end) << "behind the last record, once it can be read " << text << n;
-    }
-  }
-}
-
 // The last record may grow in its place, but only into room that is there.
 TEST_F(Lite, AFullDiskDoesNotCostTheLastTile) {
   Create(1, 2);
