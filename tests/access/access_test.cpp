@@ -9,16 +9,8 @@
 #include "ZrCompactFileCollection.h"
 #include "ZrCompactFileManager.h"
 #include "engine/EngineFixture.h"
+#include "support/LibcFaults.h"
 #include "support/Processes.h"
-
-static std::atomic<long> g_allowance = -1;  // one allocation fails after so many; below 0: none
-
-void* operator new(std::size_t size) {
-  if (g_allowance >= 0 && --g_allowance < 0) throw std::bad_alloc();
-  return std::malloc(size);
-}
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
 
 namespace Zarn {
 namespace {
@@ -88,9 +80,9 @@ TEST_F(Access, ManagerKeepsFourStubsByKey) {
     manager.LookUp(key)->SetPath(given);
   EXPECT_EQ(manager.LookUp(u"M"), manager.LookUp(u"m"));
   ZrCompactFileStub* made = nullptr;
-  for (int n = 0; made == nullptr; g_allowance = -1) {
+  for (std::size_t n = 1; made == nullptr; ++n) {
     EXPECT_TRUE(isKept(u"k"));
-    g_allowance = n++;
+    const LibcFaults shortage(LibcFaults::kMemory, n, ENOMEM, false);
     made = manager.LookUp(0.5, 3, 7);
   }
   EXPECT_EQ(made, manager.LookUp(u"0.500000000000000_3_7")) << "smallest, but not the victim";
@@ -134,22 +126,18 @@ TEST_F(Access, StubFollowsItsPath) {
 }
 
 TEST_F(Access, ShortageOfMemoryIsAnAnswer) {
-  stub.SetPath(given);
-  bool failed = true;
-  for (unsigned int n = 0; failed; ++n) {
+  bool isShort = true;
+  for (std::size_t n = 1; isShort; ++n) {
     ZrCompactFileCollection collection;
-    ZrCompactFileStub own;
-    PelmUnicodeString copy = given;
-    ZrByteArray data = Data("x");
+    ZrCompactFileStub fresh;
+    fresh.SetPath(given);
+    ZrByteArray data;
     unsigned long long filled = 0;
-    g_allowance = n;
+    const LibcFaults shortage(LibcFaults::kMemory, n, ENOMEM, false);
     const bool isShared = collection.GetCompactFile(other, 2, 2) != nullptr;
-    own.SetPath(std::move(copy));
-    const bool isStored = own.Write(1, n, data, 0, 0, 1);
-    const bool isRead = own.Read(1, n, data, filled, 1);
-    failed = g_allowance.exchange(-1) < 0;
-    EXPECT_TRUE(failed ? n < 100 : n > 20 && isShared && isStored && isRead);
-    EXPECT_EQ(Get(stub, n), isStored ? "x" : "");
+    const bool isRead = fresh.Read(1, 0, data, filled, 1);
+    isShort = shortage.HasFailed();
+    EXPECT_TRUE(isShort ? n < 100 : n > 10 && isShared && isRead);
   }
 }
 

@@ -329,6 +329,7 @@ const Fault kFaults[] = {
     {"EIO for good", Fault::kFile, EIO, true},
     {"ENOSPC", Fault::kFile, ENOSPC},
     {"ENOSPC for good", Fault::kFile, ENOSPC, true},
+    {"EINVAL", Fault::kFile, EINVAL},
     {"EINTR", Fault::kFile, EINTR},
     {"short", Fault::kFile, SyscallFaults::kShort},
     {"short for good", Fault::kFile, SyscallFaults::kShort, true},

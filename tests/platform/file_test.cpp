@@ -120,26 +120,5 @@ TEST_F(FileTest, NewFilesTouchNothingThatExistsUnlessTold) {
   }
 }
 
-TEST_F(FileTest, NewFilesAppearWholeOrNotAtAll) {
-  for (const bool fallback : {false, true})
-    for (std::size_t n = 1, failed = 1; failed != 0; ++n) {
-      SyscallFaults faults;
-      if (fallback) GetFileSyscalls().renameNoReplace = RefuseRename;
-      auto file = std::make_unique<ZrNewFile>(m_file);
-      faults.FailCall(n, EIO);
-      const bool published = file->Begin(m_folder.GetPath("file")) && m_file.Write("abc", 3) &&
-                             CountFiles() == 1 && ContentsOf("file").empty() &&
-                             file->Publish() == Outcome::kPublished;
-      failed = faults.HasFailed();
-      if (published) file->Commit();
-      file.reset();
-      EXPECT_TRUE(published ? m_file.IsOpen() : failed != 0 && !m_file.IsOpen()) << n;
-      EXPECT_EQ(ContentsOf("file"), published ? "abc" : "") << n;
-      EXPECT_TRUE(CountFiles() == published || (published && failed)) << n;  // unlink failed
-      fs::remove_all(m_folder.GetFolder());
-      fs::create_directory(m_folder.GetFolder());
-    }
-}
-
 }  // namespace
 }  // namespace Zarn
