@@ -17,9 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::ptrdiff_t OpenDescriptors() {
-  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-}
 bool Put(ZrCompactFileStub& stub, unsigned int col, const std::string& text,
          unsigned int room = 0) {
   return stub.Write(1, col, Data(text), room, 0, 1);
@@ -52,7 +49,7 @@ TEST_F(Access, CollectionSharesByPathAndCountsUsers) {
     EXPECT_EQ(ZrCompactFileCollection::GetSingletonPtr(), &first);
   }
   auto& collection = ZrCompactFileCollection::GetSingleton();
-  const auto before = OpenDescriptors();
+  const auto before = CountOpenDescriptors();
   ZrCompactFile* const shared = collection.GetCompactFile(given, 2, 3);
   ASSERT_TRUE(shared->Close() && shared->GetFullPath().ToUtf8() == file);
   InThreads(1, [&](int) { EXPECT_EQ(shared->Open(given, u"", 8), 0U); });
@@ -64,7 +61,7 @@ TEST_F(Access, CollectionSharesByPathAndCountsUsers) {
   collection.DelCompactFile(u"unknown");
   EXPECT_TRUE(shared->IsOpen());
   collection.DelCompactFile(given);  // in a thread that has not opened it
-  EXPECT_LE(OpenDescriptors(), before + 1) << "the queue of events stays open";
+  EXPECT_LE(CountOpenDescriptors(), before + 1) << "the queue of events stays open";
 }
 
 TEST_F(Access, ManagerKeepsFourStubsByKey) {
@@ -160,7 +157,7 @@ TEST_F(Access, ThousandsOfThreadsOnOneStubAndOneCollection) {
     });
   }
   EXPECT_EQ(faults, 0);
-  EXPECT_LE(OpenDescriptors(), 30);
+  EXPECT_LE(CountOpenDescriptors(), 30U);
   Check();
 }
 

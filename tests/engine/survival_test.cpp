@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
-#include <iterator>
 #include <new>
 #include <optional>
 #include <ostream>
@@ -512,17 +511,13 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
     }
     EXPECT_FALSE(bench.file.IsDeadLocked());
     if (operation.Is(kOpens) && result != 0 && !fault.isForGood) {
-      EXPECT_EQ(CountEntries(folder.GetFolder()), ZrFile::IsExist(path) ? 1U : 0U) << "left over";
+      EXPECT_EQ(folder.CountFiles(), ZrFile::IsExist(path) ? 1U : 0U) << "left over";
     }
     // Where nothing works any more, what was done cannot be undone.
     const bool mayBeDone = result == 0 || fault.isForGood || operation.Is(kMayBeDone);
     ExpectState(operation, bench.results, result != 0, mayBeDone, bench.file);
     if (result != 0) ExpectGoesOn(operation, bench);
     return isMet;
-  }
-  static std::size_t CountEntries(const std::filesystem::path& folder) {
-    using Walk = std::filesystem::directory_iterator;
-    return static_cast<std::size_t>(std::distance(Walk(folder), Walk()));
   }
 
   const Layout& layout = GetParam();
@@ -559,13 +554,13 @@ TEST_P(Survival, AFaultAtAnyCallOrRequest) {
     if (!operation.IsFor(layout)) continue;
     SCOPED_TRACE(operation.name);
     ASSERT_NO_FATAL_FAILURE(Prepare(operation));
-    const std::size_t descriptors = CountEntries("/proc/self/fd");
+    const std::size_t descriptors = CountOpenDescriptors();
     for (const Fault& fault : kFaults) {
       bool isMet = true;
       for (std::size_t n = 1 + ++sweeps % kStep; isMet; n += kStep) {
         SCOPED_TRACE(std::string(fault.name) + " " + std::to_string(n));
         isMet = MeetsFault(operation, fault, n);
-        EXPECT_LE(CountEntries("/proc/self/fd"), descriptors);
+        EXPECT_LE(CountOpenDescriptors(), descriptors);
       }
     }
   }

@@ -61,9 +61,9 @@ TEST_P(Versions, EveryKindOfStoreAndRemoval) {
     SCOPED_TRACE(++number);
     ASSERT_EQ(row.operation(*this), 0U);
     const Support::FileChecker file = Check();
-    EXPECT_EQ(file.fileSize, row.fileSize);
-    EXPECT_EQ(file.entries[0], static_cast<unsigned long long>(row.status) << 56 | row.position);
-    EXPECT_EQ(Describe(file.Record(row.position)), row.record);
+    EXPECT_EQ(file.GetSize(), row.fileSize);
+    EXPECT_EQ(file.GetEntry(), static_cast<unsigned long long>(row.status) << 56 | row.position);
+    EXPECT_EQ(file.Describe(row.position), row.record);
     if (number == 6) {
       EXPECT_EQ(Read(5), (Tile{0, "AAEE", 4})) << "the piece went into the older version";
     }
