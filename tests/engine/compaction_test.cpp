@@ -110,23 +110,16 @@ TEST_P(CompactionInBothOrders, GoneVersionsGo) {
     EXPECT_EQ(Read(0, 0, version).payload, found);
 }
 
-// Shadowed names, gone slots and gone versions go; what was hidden behind a gone slot is back.
+// The size of the index stays, and what the host has put there.
 TEST_P(CompactionInBothOrders, Names) {
   MakeNaming(5, GetParam());
   object.SetMaxSize(1.5, 2.5);
-  for (const char16_t* name : {u"1yeg98dgy", u"sm38f3s71", u"fqecng9yn", u"f1qe6747c"})
-    ASSERT_EQ(Put(name, "old"), 0U);
-  ASSERT_EQ(object.Remove(u"1yeg98dgy", 1), 0U);
-  ASSERT_EQ(Put(u"sm38f3s71", "new"), 0U) << "in the slot of the other, so it is there twice";
-  ASSERT_EQ(object.Remove(u"fqecng9yn", 1), 0U);
-  ASSERT_EQ(Get(u"f1qe6747c").result, 5U);
-  ASSERT_EQ(object.SetAt(u"sm38f3s71", Data("partial"), 10, 1, 2), 0U);
+  ASSERT_EQ(Put(u"first", "new") + Put(u"gone", "old") + object.Remove(u"gone", 1), 0U);
+  ASSERT_EQ(Put(u"second", "old"), 0U);
+  ASSERT_EQ(object.SetAt(u"first", Data("partial"), 10, 1, 2), 0U);
   ASSERT_EQ(object.Compact(), 0U);
-  EXPECT_EQ(Get(u"sm38f3s71"), (Tile{0, std::string("\0partial\0\0", 10), 8}));
-  EXPECT_EQ(object.GetStatus(u"sm38f3s71"), ZrCompactFile::kPartial);
-  EXPECT_EQ(ReadTile(object, u"sm38f3s71", 1), (Tile{0, "new", 3}));
-  EXPECT_EQ(Get(u"f1qe6747c").payload, "old");
-  EXPECT_EQ(Get(u"1yeg98dgy").result, 5U);
+  EXPECT_EQ(Get(u"first"), (Tile{0, std::string("\0partial\0\0", 10), 8}));
+  EXPECT_EQ(object.GetStatus(u"first"), ZrCompactFile::kPartial);
   unsigned int capacity, count;
   EXPECT_EQ(object.GetIndexInfo(capacity, count), 1U);
   EXPECT_EQ(capacity * 10 + count, 52U);
@@ -138,9 +131,9 @@ TEST_P(CompactionInBothOrders, Names) {
   EXPECT_EQ(object.Compact(), 0U) << "a full index stays full";
   EXPECT_EQ(object.GetIndexInfo(capacity, count), 1U);
   EXPECT_EQ(capacity * 10 + count, 55U);
-  for (const char16_t* name : {u"sm38f3s71", u"f1qe6747c", u"third", u"fourth", u"fifth"})
+  for (const char16_t* name : {u"first", u"second", u"third", u"fourth", u"fifth"})
     ASSERT_EQ(object.Remove(name, 1), 0U);
-  ASSERT_EQ(object.Remove(u"sm38f3s71", 2), 0U);
+  ASSERT_EQ(object.Remove(u"first", 2), 0U);
   EXPECT_EQ(object.Compact(), 0U);
   EXPECT_EQ(Check().GetSize(), 64U + 36U + 5U * 16U);
 }

@@ -291,6 +291,19 @@ TEST_F(Lifecycle, SystemCallsPerOperation) {
         << "same file (3), two headers, a page of the index, the record, the end of the file";
     EXPECT_EQ(read(3, "from elsewhere", 1), 1U);
   }
+  const auto lookUp = [&](const char16_t* name, const char* text) {
+    return calls([&] { return ReadTile(object, name, 1).payload; }, text);
+  };
+  ZrFile::Delete(path);
+  MakeNaming(4);
+  for (const char16_t* name : {u"first", u"second", u"third"})
+    ASSERT_EQ(object.SetAt(name, Data("tile"), 0, 0, 1), 0U);
+  Reopen();
+  lookUp(u"first", "tile");  // loads a page of the index
+  EXPECT_EQ(lookUp(u"second", "tile"), 1U) << "the size is known from the next slot";
+  EXPECT_EQ(lookUp(u"unknown", ""), 0U);
+  EXPECT_EQ(calls([&] { return object.SetAt(u"new", Data("tile"), 0, 0, 1); }, 0U), 4U)
+      << "length of the file, record, slot, count";
 }
 
 }  // namespace
