@@ -406,7 +406,6 @@ class CompactionToFinish : public CompactionCutShort {
  public:
   void SetUp() override {
     CompactionCutShort::SetUp();
-    Support::Bytes marked, image;
     const auto look = [&](unsigned long long done, unsigned long long total) {
       if (done <= total / 2 || !marked.empty()) return true;
       marked = ReadFile(path);
@@ -416,21 +415,23 @@ class CompactionToFinish : public CompactionCutShort {
     ZrCompactFile file;
     ASSERT_EQ(file.Open(path, u"secret", kMode) + file.Compact(look), 0U);
     file.Close();
+    Leave();
+  }
+  void Leave() {
     Support::WriteFile(path, marked);
     Support::WriteFile(TemporaryPath(), image);
   }
+
+  Support::Bytes marked, image;
 };
 
 // Several at once, by links, with and without the lock; and while others store as soon as they can.
 TEST_F(CompactionToFinish, ByWhoeverComes) {
-  const Support::Bytes marked = ReadFile(path);
-  const Support::Bytes image = ReadFile(TemporaryPath());
   const Name link = folder.GetPath("link.cf");
   std::filesystem::create_symlink(path.ToUtf8(), link.ToUtf8());
   for (int round = 0; round < 30 && !HasFailure(); ++round) {
     PutBack();
-    Support::WriteFile(path, marked);
-    Support::WriteFile(TemporaryPath(), image);
+    Leave();
     std::vector<std::thread> threads;
     for (int i = 0; i < 2; ++i) {
       threads.emplace_back([&, i] {
@@ -458,8 +459,6 @@ TEST_F(CompactionToFinish, ByWhoeverComes) {
 
 // What is left of a container that is marked is not thrown away by one who has it open still.
 TEST_F(CompactionToFinish, NotByACompactionOfThePast) {
-  const Support::Bytes marked = ReadFile(path);
-  const Support::Bytes image = ReadFile(TemporaryPath());
   PutBack();
   ASSERT_EQ(object.Open(path, u"secret", kMode), 0U);
   Support::Poke(path, 0, marked);
