@@ -4,6 +4,7 @@
 #include <array>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ZrCompactFileWriter.h"
@@ -86,37 +87,34 @@ TEST_F(Lifecycle, WhatCannotBeOpened) {
   ASSERT_EQ(object.Create(folder.GetPath("n"), 2ULL, u"", 4), 0U);
   object.Close();
   const Bytes naming = ReadFile(folder.GetPath("n.cf"));
-  const auto with = [](Bytes file, std::size_t offset, const Bytes& bytes) {
-    std::copy(bytes.begin(), bytes.end(), file.begin() + static_cast<std::ptrdiff_t>(offset));
-    return file;
+  // Of which file, how much of it is left, what is put where, and the answer.
+  const std::tuple<Bytes, std::size_t, std::size_t, Bytes, unsigned int> files[] = {
+      {good, 84, 0, {}, 0},
+      {good, 80, 0, {}, 0},  // an entry that is cut off is empty
+      {good, 84, 7, Number(7, 4), 0},
+      {good, 0, 0, {}, 3},
+      {good, 63, 0, {}, 3},
+      {good, 84, 0, {'X'}, 3},
+      {good, 75, 0, {}, 1},
+      {good, 84, 19, Number(63), 1},
+      {good, 84, 19, Number(85), 1},
+      {good, 84, 19, Number(UINT64_MAX - 5), 1},
+      {naming, 99, 0, {}, 1},
+      {naming, 110, 0, {}, 0},
+      {naming, 132, 64, Number(0x8000001), 1},
+      {naming, 132, 72, Number(3), 1},
+      {naming, 132, 72, Number(UINT64_MAX), 1},
   };
-  const auto cut = [](const Bytes& file, std::size_t size) {
-    return Bytes(file.begin(), file.begin() + static_cast<std::ptrdiff_t>(size));
-  };
-  const std::pair<Bytes, unsigned int> files[] = {
-      {good, 0},
-      {cut(good, 80), 0},  // an entry that is cut off is empty
-      {with(good, 7, Number(7, 4)), 0},
-      {{}, 3},
-      {cut(good, 63), 3},
-      {with(good, 0, {'X'}), 3},
-      {cut(good, 75), 1},
-      {with(good, 19, Number(63)), 1},
-      {with(good, 19, Number(85)), 1},
-      {with(good, 19, Number(UINT64_MAX - 5)), 1},
-      {cut(naming, 99), 1},
-      {cut(naming, 110), 0},
-      {with(naming, 64, Number(0x8000001)), 1},
-      {with(naming, 72, Number(3)), 1},
-      {with(naming, 72, Number(UINT64_MAX)), 1},
-  };
-  for (const auto& [bytes, expected] : files) {
-    WriteFile(path, bytes);
-    EXPECT_EQ(object.Open(path, u"", 4), expected) << bytes.size();
+  for (const auto& [file, size, offset, bytes, expected] : files) {
+    WriteFile(path, file);
+    std::filesystem::resize_file(path.ToUtf8(), size);
+    Poke(path, offset, bytes);
+    EXPECT_EQ(object.Open(path, u"", 4), expected) << size << ' ' << offset;
     EXPECT_EQ(object.IsOpen(), expected == 0);
     object.Close();
   }
-  WriteFile(path, with(good, 7, Number(7, 4)));
+  WriteFile(path, good);
+  Poke(path, 7, Number(7, 4));
   ASSERT_EQ(object.Open(path, u"", 4), 0U);
   EXPECT_EQ(IndexInfo(object), (Info{7, 77, 77}));
   EXPECT_EQ(Read(0, 0, 1).result, 9U);
@@ -124,7 +122,7 @@ TEST_F(Lifecycle, WhatCannotBeOpened) {
   ZrFile::MkDirEx(folder.GetPath("dir.cf"));
   EXPECT_EQ(object.Open(folder.GetPath("dir"), u"", 4), 6U);
   ASSERT_EQ(::mkfifo(folder.GetPath("fifo.cf").ToUtf8().c_str(), 0600), 0);
-  WriteFile(path, cut(good, 63));
+  std::filesystem::resize_file(path.ToUtf8(), 63);
   object.Open(path, u"", 12);  // opens the queue of events, which stays
   const std::size_t before = CountOpenDescriptors();
   for (const ZrCompactFile::ZrOpenMode mode : {4U, 12U}) {

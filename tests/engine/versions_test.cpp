@@ -110,9 +110,6 @@ TEST_P(Versions, DamageIsReportedAndChangesNothing) {
   ASSERT_EQ(Store("three", 3), 0U);  // at 194
   object.Close();
   const Support::Bytes good = Support::ReadFile(path);
-  const auto number = [this](unsigned long long value, std::size_t width = 8) {
-    return Support::Number(value, width, IsBig());
-  };
   struct Case {
     const char* what;
     std::size_t offset;
@@ -121,18 +118,18 @@ TEST_P(Versions, DamageIsReportedAndChangesNothing) {
   };
   const Case cases[] = {
       {"nothing", 0, {}, 0, 0, 0, 0},
-      {"status 3", 76, number(3ULL << 56 | 194), 9, 9, 0, 0},
-      {"position in the index", 76, number(1ULL << 56 | 80), 9, 9, 10, 10},
-      {"position in the header", 76, number(1ULL << 56 | 8), 9, 9, 10, 10},
-      {"position at the end", 76, number(1ULL << 56 | good.size()), 9, 9, 10, 10},
-      {"length over the end", 194, number(good.size() - 194 + 1), 9, 9, 10, 10},
-      {"no version", 202, number(0, 4), 9, 9, 10, 10},
-      {"largest count", 202, number(UINT32_MAX, 4), 9, 9, 10, 10},
-      {"largest capacity", 254, number(UINT64_MAX), 9, 9, 10, 10},
-      {"older position in the index", 230, number(1ULL << 56 | 80), 0, 9, 10, 10},
-      {"older position is this record", 230, number(1ULL << 56 | 194), 0, 0, 10, 10},
-      {"older record has another stamp", 143, number(7), 0, 0, 10, 10},
-      {"older record damaged", 131, number(1), 0, 9, 10, 10},
+      {"status 3", 76, Number(3ULL << 56 | 194), 9, 9, 0, 0},
+      {"position in the index", 76, Number(1ULL << 56 | 80), 9, 9, 10, 10},
+      {"position in the header", 76, Number(1ULL << 56 | 8), 9, 9, 10, 10},
+      {"position at the end", 76, Number(1ULL << 56 | good.size()), 9, 9, 10, 10},
+      {"length over the end", 194, Number(good.size() - 194 + 1), 9, 9, 10, 10},
+      {"no version", 202, Number(0, 4), 9, 9, 10, 10},
+      {"largest count", 202, Number(UINT32_MAX, 4), 9, 9, 10, 10},
+      {"largest capacity", 254, Number(UINT64_MAX), 9, 9, 10, 10},
+      {"older position in the index", 230, Number(1ULL << 56 | 80), 0, 9, 10, 10},
+      {"older position is this record", 230, Number(1ULL << 56 | 194), 0, 0, 10, 10},
+      {"older record has another stamp", 143, Number(7), 0, 0, 10, 10},
+      {"older record damaged", 131, Number(1), 0, 9, 10, 10},
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.what);

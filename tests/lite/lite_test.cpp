@@ -274,13 +274,6 @@ TEST_F(Lite, StepsOfCreateForgetNoTile) {
   EXPECT_EQ(writer.WriteHeader(), 10U) << "the index would not be found any more";
 }
 
-TEST_F(Lite, TheOffsetOnlyCounts) {
-  Create(1, 2);
-  EXPECT_EQ(Store(0, "abc", 10, 7) + Store(1, "neighbour"), 0U);
-  EXPECT_EQ(Read(0), (Tile{0, "abc" + std::string(7, '\0'), 10}));
-  EXPECT_EQ(writer.GetStatus(0, 0), ZrCompactFile::kComplete);
-}
-
 TEST_F(Lite, RewritesInPlaceOnlyWhereNobodyIsRunOver) {
   Create(1, 3);
   const auto first = Put(0, std::string(100, 'A'));
