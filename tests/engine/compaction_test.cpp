@@ -5,8 +5,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <map>
-#include <optional>
 #include <random>
 #include <sstream>
 #include <string>

@@ -2,10 +2,10 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include "ZrCompactFileWriter.h"
 #include "ZrFile.h"

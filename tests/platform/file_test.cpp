@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <fstream>
-#include <functional>
 
 #include "ZrFile.h"
 #include "ZrFile64.h"
