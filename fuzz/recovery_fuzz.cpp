@@ -97,6 +97,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
   const Bytes image = beside.substr(0, beside.size() - (replaced ? Format::kRedoTrailerSize : 0));
   CHECK(ReadFile(kPath) == (replaced ? image : file));
   CHECK(replaced ? !Exists(kBeside) : ReadFile(kBeside) == beside);
+  const auto unusable = flags & kLight ? ZrResult::kReadFailure : ZrResult::kWrongFile;
+  CHECK(replaced || !Format::DecodeRedoMark(HeaderOf(file)) || result == unusable);
   if (!replaced) return 0;
   WriteFile(kPath, image);
   CHECK(OpenAndRead(flags) == result);

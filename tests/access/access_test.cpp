@@ -1,6 +1,7 @@
 #include <sys/mman.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cmath>
 #include <filesystem>
 #include <limits>
@@ -9,25 +10,14 @@
 #include "ZrCompactFileCollection.h"
 #include "ZrCompactFileManager.h"
 #include "engine/EngineFixture.h"
+#include "support/LibcFaults.h"
 #include "support/Processes.h"
-
-static std::atomic<long> g_allowance = -1;  // one allocation fails after so many; below 0: none
-
-void* operator new(std::size_t size) {
-  if (g_allowance >= 0 && --g_allowance < 0) throw std::bad_alloc();
-  return std::malloc(size);
-}
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
 
 namespace Zarn {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::ptrdiff_t OpenDescriptors() {
-  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-}
 bool Put(ZrCompactFileStub& stub, unsigned int col, const std::string& text,
          unsigned int room = 0) {
   return stub.Write(1, col, Data(text), room, 0, 1);
@@ -60,7 +50,7 @@ TEST_F(Access, CollectionSharesByPathAndCountsUsers) {
     EXPECT_EQ(ZrCompactFileCollection::GetSingletonPtr(), &first);
   }
   auto& collection = ZrCompactFileCollection::GetSingleton();
-  const auto before = OpenDescriptors();
+  const auto before = CountOpenDescriptors();
   ZrCompactFile* const shared = collection.GetCompactFile(given, 2, 3);
   ASSERT_TRUE(shared->Close() && shared->GetFullPath().ToUtf8() == file);
   InThreads(1, [&](int) { EXPECT_EQ(shared->Open(given, u"", 8), 0U); });
@@ -72,7 +62,7 @@ TEST_F(Access, CollectionSharesByPathAndCountsUsers) {
   collection.DelCompactFile(u"unknown");
   EXPECT_TRUE(shared->IsOpen());
   collection.DelCompactFile(given);  // in a thread that has not opened it
-  EXPECT_LE(OpenDescriptors(), before + 1) << "the queue of events stays open";
+  EXPECT_LE(CountOpenDescriptors(), before + 1) << "the queue of events stays open";
 }
 
 TEST_F(Access, ManagerKeepsFourStubsByKey) {
@@ -88,9 +78,9 @@ TEST_F(Access, ManagerKeepsFourStubsByKey) {
     manager.LookUp(key)->SetPath(given);
   EXPECT_EQ(manager.LookUp(u"M"), manager.LookUp(u"m"));
   ZrCompactFileStub* made = nullptr;
-  for (int n = 0; made == nullptr; g_allowance = -1) {
+  for (std::size_t n = 1; made == nullptr; ++n) {
     EXPECT_TRUE(isKept(u"k"));
-    g_allowance = n++;
+    const LibcFaults shortage(LibcFaults::kMemory, n, ENOMEM, false);
     made = manager.LookUp(0.5, 3, 7);
   }
   EXPECT_EQ(made, manager.LookUp(u"0.500000000000000_3_7")) << "smallest, but not the victim";
@@ -134,22 +124,18 @@ TEST_F(Access, StubFollowsItsPath) {
 }
 
 TEST_F(Access, ShortageOfMemoryIsAnAnswer) {
-  stub.SetPath(given);
-  bool failed = true;
-  for (unsigned int n = 0; failed; ++n) {
+  bool isShort = true;
+  for (std::size_t n = 1; isShort; ++n) {
     ZrCompactFileCollection collection;
-    ZrCompactFileStub own;
-    PelmUnicodeString copy = given;
-    ZrByteArray data = Data("x");
+    ZrCompactFileStub fresh;
+    fresh.SetPath(given);
+    ZrByteArray data;
     unsigned long long filled = 0;
-    g_allowance = n;
+    const LibcFaults shortage(LibcFaults::kMemory, n, ENOMEM, false);
     const bool isShared = collection.GetCompactFile(other, 2, 2) != nullptr;
-    own.SetPath(std::move(copy));
-    const bool isStored = own.Write(1, n, data, 0, 0, 1);
-    const bool isRead = own.Read(1, n, data, filled, 1);
-    failed = g_allowance.exchange(-1) < 0;
-    EXPECT_TRUE(failed ? n < 100 : n > 20 && isShared && isStored && isRead);
-    EXPECT_EQ(Get(stub, n), isStored ? "x" : "");
+    const bool isRead = fresh.Read(1, 0, data, filled, 1);
+    isShort = shortage.HasFailed();
+    EXPECT_TRUE(isShort ? n < 100 : n > 10 && isShared && isRead);
   }
 }
 
@@ -172,7 +158,7 @@ TEST_F(Access, ThousandsOfThreadsOnOneStubAndOneCollection) {
     });
   }
   EXPECT_EQ(faults, 0);
-  EXPECT_LE(OpenDescriptors(), 30);
+  EXPECT_LE(CountOpenDescriptors(), 30U);
   Check();
 }
 

@@ -20,9 +20,7 @@ struct Tile {
   std::string payload;
   unsigned long long filled = 0;
 
-  friend bool operator==(const Tile& a, const Tile& b) {
-    return a.result == b.result && a.payload == b.payload && a.filled == b.filled;
-  }
+  bool operator==(const Tile&) const = default;
   friend std::ostream& operator<<(std::ostream& out, const Tile& tile) {
     return out << tile.result << " \"" << tile.payload << "\" " << tile.filled;
   }
@@ -119,13 +117,6 @@ class EngineTest : public ::testing::Test {
     Support::FileChecker checker(path);
     EXPECT_EQ(checker.errors, "");
     return checker;
-  }
-  static std::string Describe(const Support::CheckedRecord& record) {
-    std::string text = std::to_string(record.length) + ",";
-    for (const Support::CheckedVersion& version : record.versions)
-      text += " " + std::to_string(version.stamp) + ":" + std::to_string(version.status) + "|" +
-              std::to_string(version.position);
-    return text + ", " + std::to_string(record.capacity) + "/" + std::to_string(record.filled);
   }
   bool IsBig() const { return m_big; }
   /// A number in the file's byte order.

@@ -13,9 +13,6 @@
 namespace Zarn {
 namespace {
 
-using Cells = std::vector<ZrCompactFile::ZrCellStore>;
-using Names = std::vector<ZrCompactFile::ZrNameStore>;
-
 class Batch : public EngineTest {
  public:
   static constexpr unsigned int kStores = 300;

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <set>
@@ -8,6 +7,7 @@
 
 #include "ZrFile.h"
 #include "engine/EngineFixture.h"
+#include "support/Processes.h"
 #include "support/RawFile.h"
 #include "support/SyscallFaults.h"
 
@@ -127,21 +127,6 @@ TEST_P(Names, DamagedRecordsFailForTheirOwnNameOnly) {
   }
 }
 
-TEST_P(Names, ALookupIsOneCall) {
-  MakeNaming(4, GetParam());
-  for (unsigned int i = 0; i < 3; ++i)
-    ASSERT_EQ(Put(Numbered(i), std::string(500, 'x')), 0U);
-  Reopen();
-  EXPECT_EQ(Get(Numbered(0)).result, 0U);  // loads a page of the index
-  const SyscallFaults calls;
-  EXPECT_EQ(Get(Numbered(1)).filled, 500U);
-  EXPECT_EQ(calls.GetCount(), 1U) << "the size is known from the next slot";
-  EXPECT_EQ(Get(u"unknown").result, 5U);
-  EXPECT_EQ(calls.GetCount(), 1U);
-  ASSERT_EQ(Put(u"new", "tile"), 0U);
-  EXPECT_EQ(calls.GetCount(), 1U + 4U) << "length of the file, record, slot, count";
-}
-
 // Another process stores names; what it has finished is found, at a cost that does not grow.
 TEST_F(EngineTest, NamesOfAnotherProcessAreFound) {
   constexpr unsigned int kCount = 20000;
@@ -149,15 +134,14 @@ TEST_F(EngineTest, NamesOfAnotherProcessAreFound) {
   ASSERT_EQ(::pipe(done), 0);
   MakeNaming(1);
   object.Close();
-  const pid_t writer = ::fork();
-  if (writer == 0) {
+  const auto writer = Support::Fork(1, [&](unsigned int) {
     ZrCompactFile file;
     bool ok = file.Open(path, u"", 12) == 0;
     for (unsigned int i = 0; ok && i < kCount; ++i)
       ok = file.SetAt(Numbered(i), Data("tile"), 0, 0, 1) == 0 &&
            ::write(done[1], &i, sizeof i) == sizeof i;
-    ::_exit(ok ? 0 : 1);
-  }
+    return ok ? 0 : 1;
+  });
   ::close(done[1]);
   ASSERT_EQ(object.Open(path, u"", 12), 0U);
   unsigned int newest, missed = 0, capacity = 0, count = 0;
@@ -169,9 +153,7 @@ TEST_F(EngineTest, NamesOfAnotherProcessAreFound) {
     if (newest >= kCount - 1000) calls[1] += counter.GetCount();
   }
   ::close(done[0]);
-  int status = -1;
-  ::waitpid(writer, &status, 0);
-  EXPECT_EQ(status, 0);
+  Support::ExpectEnd(writer, 0);
   EXPECT_EQ(missed, 0U);
   EXPECT_LE(calls[1], 20 * 1000U);
   EXPECT_GT(calls[0], 0U);

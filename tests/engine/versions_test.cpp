@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "engine/EngineFixture.h"
 
@@ -61,9 +60,9 @@ TEST_P(Versions, EveryKindOfStoreAndRemoval) {
     SCOPED_TRACE(++number);
     ASSERT_EQ(row.operation(*this), 0U);
     const Support::FileChecker file = Check();
-    EXPECT_EQ(file.fileSize, row.fileSize);
-    EXPECT_EQ(file.entries[0], static_cast<unsigned long long>(row.status) << 56 | row.position);
-    EXPECT_EQ(Describe(file.Record(row.position)), row.record);
+    EXPECT_EQ(file.GetSize(), row.fileSize);
+    EXPECT_EQ(file.GetEntry(), static_cast<unsigned long long>(row.status) << 56 | row.position);
+    EXPECT_EQ(file.Describe(row.position), row.record);
     if (number == 6) {
       EXPECT_EQ(Read(5), (Tile{0, "AAEE", 4})) << "the piece went into the older version";
     }
@@ -72,24 +71,6 @@ TEST_P(Versions, EveryKindOfStoreAndRemoval) {
   EXPECT_EQ(Read(5), (Tile{0, "FFFFFFFF", 8}));
   EXPECT_EQ(Read(11).filled, 4U);
   EXPECT_EQ(Read(11).payload.substr(3, 1), "I");
-}
-
-TEST_P(Versions, OnlyAnExactStampSelectsAnOlderVersion) {
-  for (unsigned long long stamp : {5ULL, 9ULL, 7ULL})
-    ASSERT_EQ(Store("v" + std::to_string(stamp), stamp), 0U);
-  for (const auto& [stamp, found] : std::initializer_list<std::pair<int, const char*>>{
-           {100, "v9"}, {9, "v9"}, {8, "v9"}, {7, "v7"}, {6, "v9"}, {5, "v5"}, {1, "v9"}})
-    EXPECT_EQ(Read(static_cast<unsigned long long>(stamp)), (Tile{0, found, 2})) << stamp;
-}
-
-// The current record moves when it grows, and its own entry then names its old place.
-TEST_P(Versions, TheNewestVersionIsFoundAfterItsRecordHasMoved) {
-  ASSERT_EQ(Store("AAAA", 1), 0U);
-  ASSERT_EQ(Store("BBBBBBBB", 1), 0U);
-  ASSERT_EQ(Store("CC", 2), 0U);
-  EXPECT_EQ(Read(1), (Tile{0, "BBBBBBBB", 8}));
-  EXPECT_EQ(Read(2), (Tile{0, "CC", 2}));
-  Check();
 }
 
 TEST_P(Versions, PiecesCompleteATile) {
@@ -104,21 +85,6 @@ TEST_P(Versions, PiecesCompleteATile) {
   ASSERT_EQ(Store("tail", 3, 150, 146), 0U);
   EXPECT_EQ(Read(3), (Tile{0, first + second + std::string(46, '\0') + "tail", 150}));
   EXPECT_EQ(Store("zz", 3, 0, 1), 10U);
-  Check();
-}
-
-TEST_P(Versions, RemovingTheLastVersionEmptiesTheCell) {
-  ASSERT_EQ(Store("one", 1), 0U);
-  ASSERT_EQ(Store("two", 2), 0U);
-  EXPECT_EQ(object.Remove(0, 0, 3), 0U) << "no such stamp";
-  EXPECT_EQ(object.Remove(0, 0, 1), 0U);
-  EXPECT_EQ(Read(1), (Tile{0, "two", 3})) << "gone, so the newest";
-  EXPECT_EQ(object.Remove(0, 0, 2), 0U);
-  EXPECT_EQ(object.GetStatus(0, 0), ZrCompactFile::kEmpty);
-  EXPECT_EQ(Read(2), (Tile{5, "", 0}));
-  EXPECT_EQ(object.Remove(0, 0, 2), 0U) << "nothing there";
-  ASSERT_EQ(Store("three", 1), 0U);
-  EXPECT_EQ(Read(1), (Tile{0, "three", 5}));
   Check();
 }
 
@@ -143,9 +109,6 @@ TEST_P(Versions, DamageIsReportedAndChangesNothing) {
   ASSERT_EQ(Store("three", 3), 0U);  // at 194
   object.Close();
   const Support::Bytes good = Support::ReadFile(path);
-  const auto number = [this](unsigned long long value, std::size_t width = 8) {
-    return Support::Number(value, width, IsBig());
-  };
   struct Case {
     const char* what;
     std::size_t offset;
@@ -154,18 +117,18 @@ TEST_P(Versions, DamageIsReportedAndChangesNothing) {
   };
   const Case cases[] = {
       {"nothing", 0, {}, 0, 0, 0, 0},
-      {"status 3", 76, number(3ULL << 56 | 194), 9, 9, 0, 0},
-      {"position in the index", 76, number(1ULL << 56 | 80), 9, 9, 10, 10},
-      {"position in the header", 76, number(1ULL << 56 | 8), 9, 9, 10, 10},
-      {"position at the end", 76, number(1ULL << 56 | good.size()), 9, 9, 10, 10},
-      {"length over the end", 194, number(good.size() - 194 + 1), 9, 9, 10, 10},
-      {"no version", 202, number(0, 4), 9, 9, 10, 10},
-      {"largest count", 202, number(UINT32_MAX, 4), 9, 9, 10, 10},
-      {"largest capacity", 254, number(UINT64_MAX), 9, 9, 10, 10},
-      {"older position in the index", 230, number(1ULL << 56 | 80), 0, 9, 10, 10},
-      {"older position is this record", 230, number(1ULL << 56 | 194), 0, 0, 10, 10},
-      {"older record has another stamp", 143, number(7), 0, 0, 10, 10},
-      {"older record damaged", 131, number(1), 0, 9, 10, 10},
+      {"status 3", 76, Number(3ULL << 56 | 194), 9, 9, 0, 0},
+      {"position in the index", 76, Number(1ULL << 56 | 80), 9, 9, 10, 10},
+      {"position in the header", 76, Number(1ULL << 56 | 8), 9, 9, 10, 10},
+      {"position at the end", 76, Number(1ULL << 56 | good.size()), 9, 9, 10, 10},
+      {"length over the end", 194, Number(good.size() - 194 + 1), 9, 9, 10, 10},
+      {"no version", 202, Number(0, 4), 9, 9, 10, 10},
+      {"largest count", 202, Number(UINT32_MAX, 4), 9, 9, 10, 10},
+      {"largest capacity", 254, Number(UINT64_MAX), 9, 9, 10, 10},
+      {"older position in the index", 230, Number(1ULL << 56 | 80), 0, 9, 10, 10},
+      {"older position is this record", 230, Number(1ULL << 56 | 194), 0, 0, 10, 10},
+      {"older record has another stamp", 143, Number(7), 0, 0, 10, 10},
+      {"older record damaged", 131, Number(1), 0, 9, 10, 10},
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.what);

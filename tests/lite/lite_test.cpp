@@ -279,13 +279,6 @@ TEST_F(Lite, StepsOfCreateForgetNoTile) {
   EXPECT_EQ(writer.WriteHeader(), 10U) << "the index would not be found any more";
 }
 
-TEST_F(Lite, TheOffsetOnlyCounts) {
-  Create(1, 2);
-  EXPECT_EQ(Store(0, "abc", 10, 7) + Store(1, "neighbour"), 0U);
-  EXPECT_EQ(Read(0), (Tile{0, "abc" + std::string(7, '\0'), 10}));
-  EXPECT_EQ(writer.GetStatus(0, 0), ZrCompactFile::kComplete);
-}
-
 TEST_F(Lite, RewritesInPlaceOnlyWhereNobodyIsRunOver) {
   Create(1, 3);
   const auto first = Put(0, std::string(100, 'A'));
@@ -492,35 +485,6 @@ TEST_F(Lite, SystemCallsPerOperation) {
   const SyscallFaults calls;
   EXPECT_EQ(Lookup(reader, 0, 1, 1), (Tile{0, tile, 500}));
   EXPECT_EQ(calls.GetCount(), 3U) << "entry, record, entry";
-}
-
-// Only the search for holes of the index may fail unnoticed: without it, all of the index is read.
-TEST_F(Lite, EveryFailingCallOfAStoreIsReportedAndKeepsTheOldTile) {
-  for (const auto& [col, text] :
-       {std::pair{0U, "a tile that moves"}, {0U, "new"}, {3U, "a tile that is new"}}) {
-    bool failed = true, tolerated = false;
-    for (std::size_t n = 1; failed; ++n) {
-      ZrFile::Delete(path);
-      Create(1, 5);
-      Put(0, "old");
-      Put(1, "neighbour");
-      const auto end = Put(2, "last", 1000) + 44 + 1000;
-      Reopen();
-      const Tile before = Read(col), after = {0, text, std::string(text).size()};
-      SyscallFaults faults;
-      faults.FailCall(n, EIO);
-      const unsigned int result = Store(col, text);
-      failed = faults.HasFailed();
-      faults.FailCall(1, 0);
-      const bool isSearch = failed && !tolerated && result == 0 && faults.GetCount("lseek") == 2;
-      const bool stored = !failed || isSearch;
-      tolerated |= isSearch;
-      EXPECT_TRUE(stored ? result == 0 : result == 10 || (result == 9 && col == 0)) << text << n;
-      EXPECT_EQ(Read(col), stored ? after : before) << text << n;
-      EXPECT_EQ(Read(1), (Tile{0, "neighbour", 9})) << text << n;
-      EXPECT_GE(Put(4, "next"), end) << "behind the last record, once it can be read " << text << n;
-    }
-  }
 }
 
 // The last record may grow in its place, but only into room that is there.

@@ -119,21 +119,6 @@ struct ProcessTest : testing::Test {
   const std::string path = folder.GetFolder() / "file";
 };
 
-TEST_F(ProcessTest, NoUpdateIsLostAndNoneIsMissedThoughWritersDie) {
-  const auto work = [&] {
-    Owner owner(path);
-    for (int i = 0; i < 500; ++i)
-      if (!owner.Add() || owner.Calls() < 0) return false;
-    return true;
-  };
-  const Child workers[] = {Child(work), Child(work), Child(work), Child(work)};
-  for (int i = 0; i < 50; ++i)
-    EXPECT_TRUE(Holder(true).Locks());
-  for (const Child& worker : workers)
-    EXPECT_TRUE(worker.Succeeds());
-  EXPECT_EQ(Get(path), 1 + 4 * 500);
-}
-
 TEST_F(ProcessTest, ReadersShareAndDoNotStarveAWriterWhoIsAlone) {
   Owner owner(path);
   const Child reader = Holder(false);

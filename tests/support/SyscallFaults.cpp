@@ -9,8 +9,9 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <map>
 #include <mutex>
+#include <string_view>
+#include <utility>
 
 // clang-format off
 #define FOR_EACH_CALL(DO)                                                          \
@@ -24,7 +25,7 @@ namespace {
 constexpr std::size_t kPageSize = 4096;
 
 Zarn::FileSyscalls g_saved;
-std::map<std::string_view, std::atomic<std::size_t>> g_counts;  // empty while none is installed
+bool g_installed;
 std::atomic<std::size_t> g_total;
 std::size_t g_failing;  // the number of the call that fails, in the order of g_total
 int g_error;            // 0: none fails
@@ -106,18 +107,19 @@ bool TakesRoom(std::string_view name) {
   return IsWrite(name) || name == "fallocate" || name == "mkdir" || name == "link";
 }
 
+bool IsChosen(std::size_t number) {
+  return number == g_failing || (g_extent == SyscallFaults::kFromThenOn && number > g_failing);
+}
+
 // Whether the call of this number fails by g_error, an error number.
 bool Fails(std::string_view name, std::size_t number) {
-  const bool later = g_extent == SyscallFaults::kFromThenOn && number > g_failing;
-  return g_error > 0 && (number == g_failing || later) &&
-         (g_error != EINTR || MayBeInterrupted(name)) && (g_error != ENOSPC || TakesRoom(name));
+  return g_error > 0 && IsChosen(number) && (g_error != EINTR || MayBeInterrupted(name)) &&
+         (g_error != ENOSPC || TakesRoom(name));
 }
 
 // How many bytes the call of this number may move. A write that is cut off goes on with an error.
 std::size_t LimitOf(bool isWrite, std::size_t number, const Range& range) {
-  if (g_error == SyscallFaults::kShort &&
-      (number == g_failing || (g_extent == SyscallFaults::kFromThenOn && number > g_failing)))
-    return (range.size + 1) / 2;
+  if (g_error == SyscallFaults::kShort && IsChosen(number)) return (range.size + 1) / 2;
   if (g_error != SyscallFaults::kCutOff || number != g_failing || !isWrite ||
       range.CountBoundaries() == 0)
     return SIZE_MAX;
@@ -128,7 +130,6 @@ std::size_t LimitOf(bool isWrite, std::size_t number, const Range& range) {
 
 template <typename Call, typename... Arguments>
 auto Pass(std::string_view name, Call call, Arguments... arguments) {
-  ++g_counts.find(name)->second;
   const std::size_t number = ++g_total;
   const Range range = RangeOf(arguments...);
   {
@@ -154,14 +155,13 @@ static_assert(sizeof(g_saved) == sizeof(g_saved.open) * (FOR_EACH_CALL(PLUS_ONE)
 }  // namespace
 
 SyscallFaults::SyscallFaults() {
-  if (!g_counts.empty()) std::abort();  // the calls would pass here for ever
+  if (std::exchange(g_installed, true)) std::abort();  // the calls would pass here for ever
   g_saved = Zarn::GetFileSyscalls();
   g_total = 0;
   g_error = 0;
   g_killing = 0;
   g_boundaries.clear();
 #define INSTALL(name)                                    \
-  g_counts[#name] = 0;                                   \
   Zarn::GetFileSyscalls().name = [](auto... arguments) { \
     return Pass(#name, g_saved.name, arguments...);      \
   };
@@ -170,7 +170,7 @@ SyscallFaults::SyscallFaults() {
 
 SyscallFaults::~SyscallFaults() {
   Zarn::GetFileSyscalls() = g_saved;
-  g_counts.clear();
+  g_installed = false;
 }
 
 void SyscallFaults::FailCall(std::size_t n, int error, Extent extent) {
@@ -187,8 +187,6 @@ void SyscallFaults::KillAtCall(std::size_t n, std::size_t boundary) {
 bool SyscallFaults::HasFailed() const { return g_error != 0 && g_total >= g_failing; }
 
 std::size_t SyscallFaults::GetCount() const { return g_total; }
-
-std::size_t SyscallFaults::GetCount(std::string_view name) const { return g_counts.at(name); }
 
 std::vector<std::size_t> SyscallFaults::GetBoundaries() const {
   const std::lock_guard guard(g_mutex);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <string_view>
 #include <vector>
 
 #include "FileSyscalls.h"
@@ -36,10 +35,8 @@ class SyscallFaults {
   /// True once the call that the last FailCall chose has been made.
   bool HasFailed() const;
 
-  /// Calls during this object's life, failed ones too: all, or those of the named table entry
-  /// (std::out_of_range if there is none).
+  /// Calls during this object's life, failed ones too.
   std::size_t GetCount() const;
-  std::size_t GetCount(std::string_view name) const;
   /// The page boundaries within the range of each call, in order; none but writes have any.
   std::vector<std::size_t> GetBoundaries() const;
 };

@@ -2,10 +2,18 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <system_error>
 
 #include "PelmUnicodeString.h"
+
+/// How many files and folders there are in a folder.
+inline std::size_t CountEntries(const std::filesystem::path& folder) {
+  using Walk = std::filesystem::directory_iterator;
+  return static_cast<std::size_t>(std::distance(Walk(folder), Walk()));
+}
+inline std::size_t CountOpenDescriptors() { return CountEntries("/proc/self/fd"); }
 
 /// An empty folder of its own for a test, removed with all contents at the end.
 class TemporaryFolder {
@@ -29,6 +37,7 @@ class TemporaryFolder {
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
   const std::filesystem::path& GetFolder() const { return m_folder; }
+  std::size_t CountFiles() const { return CountEntries(m_folder); }
   /// Path of the entry `name`, which need not exist.
   PelmUnicodeString GetPath(const std::string& name) const {
     return PelmUnicodeString::FromUtf8((m_folder / name).string());
