@@ -113,7 +113,7 @@ unsigned int LoadFileState(const FileSource& source, FileState& state) {
   state.grid = {};
   state.naming = {};
   state.names = nullptr;
-  if (!OpenStream(source, state.file)) return ZrResult::kNotOpen;
+  if (!source.isOpen && !OpenStream(source, state.file)) return ZrResult::kNotOpen;
   const auto readHeader = [&] {
     return Io::ReadFileHeader(*state.file, source.xorString, state.header, state.swap) ==
            Io::HeaderRead::kOk;

@@ -28,6 +28,7 @@ struct FileSource {
   bool readOnly;
   bool mapped;  // for lookups
   const Format::XorString& xorString;
+  bool isOpen = false;  // `state` has the stream of the file that is at the path
 };
 
 /// Opens the file and reads its headers, in a number of calls that does not depend on its size.

@@ -32,14 +32,16 @@ unsigned int ZrCompactFile::RefreshIndex() {
   m_bSharedLookups = false;
   Engine::FileState state = GetState();
   unsigned int result = ZrResult::kNotUsable;
+  // The lock is always on the file that the path leads to.
+  const bool isOpen = isLocked() && m_file != nullptr && IsLockOn(*m_file);
   try {
     result = LoadFileState({m_strAbsolutePath, (m_nOpenMode & kReadOnly) != 0,
-                            (m_nOpenMode & kMapped) != 0, m_xorString},
+                            (m_nOpenMode & kMapped) != 0, m_xorString, isOpen},
                            state);
   } catch (const std::bad_alloc&) {
   }
   // The path may have come to name another file since the lock was taken, on which nobody waits.
-  if (result == ZrResult::kOk && isLocked() && !IsLockOn(*state.file))
+  if (result == ZrResult::kOk && isLocked() && state.file != m_file && !IsLockOn(*state.file))
     result = ZrResult::kNotUsable;
   if (result == ZrResult::kOk) {
     Publish(state);

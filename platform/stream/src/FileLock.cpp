@@ -33,16 +33,33 @@ bool Ask(int fd, int command, short type, Bytes bytes) {
          (command != F_OFD_GETLK || request.l_type == F_UNLCK);
 }
 
+// Asks again for a while, some tens of microseconds. To fall asleep and to be woken takes longer
+// than most operations hold the lock; and one that uses it without pause has it again each time
+// before the sleeper is awake.
+bool TryForAWhile(int fd, short type, Bytes bytes) {
+  constexpr int kAttempts = 200;
+  for (int i = 0; i < kAttempts; ++i)
+    if (Ask(fd, F_OFD_SETLK, type, bytes)) return true;
+  return false;
+}
+
+bool Wait(int fd, short type, Bytes bytes) {
+  return TryForAWhile(fd, type, bytes) || Ask(fd, F_OFD_SETLKW, type, bytes);
+}
+
 bool LockExclusive(int fd) {
   if (Ask(fd, F_OFD_SETLK, F_WRLCK, kBoth)) return true;
-  if (!Ask(fd, F_OFD_SETLKW, F_WRLCK, kGate)) return false;
-  if (Ask(fd, F_OFD_SETLKW, F_WRLCK, kMain)) return true;
+  if (!Wait(fd, F_WRLCK, kGate)) return false;
+  if (Wait(fd, F_WRLCK, kMain)) return true;
   Ask(fd, F_OFD_SETLK, F_UNLCK, kGate);
   return false;
 }
 
 bool LockShared(int fd) {
-  if (Ask(fd, F_OFD_GETLK, F_RDLCK, kGate) && Ask(fd, F_OFD_SETLK, F_RDLCK, kMain)) return true;
+  if (TryForAWhile(fd, F_RDLCK, kMain)) {
+    if (Ask(fd, F_OFD_GETLK, F_RDLCK, kGate)) return true;
+    Ask(fd, F_OFD_SETLK, F_UNLCK, kMain);  // a writer waits for it
+  }
   // Behind the gate nobody has MAIN exclusively, nor can: the second wait is none.
   if (!Ask(fd, F_OFD_SETLKW, F_RDLCK, kGate)) return false;
   const bool locked = Ask(fd, F_OFD_SETLKW, F_RDLCK, kMain);

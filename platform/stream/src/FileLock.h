@@ -15,8 +15,9 @@ enum class LockMode { kNone, kShared, kExclusive };
 /// Bytes far behind any contents stand for it; they are locked, never written:
 ///   MAIN  is what is held, as a read lock or as a write lock.
 ///   GATE  is the way to MAIN. Who wants MAIN exclusively keeps the gate from before the wait for
-///         MAIN until both are let go; who wants it shared passes the gate first. So nobody
-///         overtakes a waiting writer, and readers that overlap without end do not starve it.
+///         MAIN until both are let go; who wants it shared and finds the gate closed gives MAIN
+///         back, and waits for the gate. So nobody overtakes a waiting writer, and readers that
+///         overlap without end do not starve it.
 /// Nobody who has MAIN ever waits for the gate, hence there is no deadlock.
 ///
 /// The locks belong to an open file description that only this object has. The kernel frees them
