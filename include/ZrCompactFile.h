@@ -497,6 +497,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   // Records. Called with m_mutex and the lock between processes held.
   ZrByteArray* GetSwapData();
   std::atomic<ZrByteArray*>* FindBuffer();
+  void ForgetBuffers();
   bool IsReadOnly() const;
   bool IsRecordPlace(unsigned long long position, unsigned long long length) const;
   unsigned long long GetAppendPosition();

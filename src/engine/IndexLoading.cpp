@@ -71,6 +71,7 @@ void ZrCompactFile::Publish(Engine::FileState& state) {
   m_bDataEndFound = false;
   m_nDataEnd = 0;
   if (m_file != state.file || m_header != state.header) m_nLastRecord = 0;
+  if (m_bSwap != state.swap) ForgetBuffers();
   const std::lock_guard guard(m_stateMutex);
   m_file.swap(state.file);  // the old ones go when the accessors can go on
   m_pIndex.swap(state.index);

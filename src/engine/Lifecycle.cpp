@@ -251,8 +251,7 @@ bool ZrCompactFile::Close() {
 void ZrCompactFile::TearDown() {
   const Engine::LookupBarrier barrier(*this);  // lookups under way end first
   m_bSharedLookups = false;
-  for (auto& buffer : m_buffers)
-    buffer = nullptr;
+  ForgetBuffers();
   if (!m_bLockHeld) {
     m_flight.End();
     ProcessLockRelease();

@@ -37,6 +37,12 @@ std::atomic<ZrByteArray*>* ZrCompactFile::FindBuffer() {
   return thread < m_buffers.size() ? &m_buffers[thread] : nullptr;
 }
 
+// With m_readers held exclusively. They are found again, and told the byte order, when asked for.
+void ZrCompactFile::ForgetBuffers() {
+  for (auto& buffer : m_buffers)
+    buffer = nullptr;
+}
+
 bool ZrCompactFile::IsReadOnly() const {
   return m_file->IsReadOnly() || (!m_bLockDisabled && IsLockReadOnly());
 }
