@@ -30,6 +30,7 @@ class RecordImage;
 struct StoredName;
 }  // namespace Format
 namespace Io {
+struct DataEnd;
 enum class NameRead;
 class RecordReader;
 class RedoFile;
@@ -601,12 +602,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   PelmUnicodeString m_strPassword;
   ZrOpenMode m_nOpenMode = 0;
 
-  /// Where the last record of a grid file ends, if that is behind the end of the file, as a light
-  /// writer leaves it; whether that was looked for, and the last record that was found. Guarded by
-  /// m_mutex.
-  unsigned long long m_nDataEnd = 0;
+  /// Where the data of a grid file end, and whether that is known. Guarded by m_mutex.
+  const std::unique_ptr<Io::DataEnd> m_pDataEnd;
   bool m_bDataEndFound = false;
-  std::uint64_t m_nLastRecord = 0;
 
   /// The lock order: m_mutex, the lock between processes, m_readers, m_stateMutex, the index's own.
   ZrMutex m_mutex{1};

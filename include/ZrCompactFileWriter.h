@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "ZrByteArray.h"
 #include "ZrGridFile.h"
@@ -114,7 +116,8 @@ class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
   bool HoldsRecords() const;
 
   unsigned long long m_nDataEnd = 0;  // the last record's stated end, of those known
-  bool m_bDataEndFound = false;       // the file was looked through for it
+  std::vector<std::uint64_t> m_lost;  // where entries lead behind the end of the file
+  bool m_bDataEndFound = false;       // the file was looked through for both
 };
 
 }  // namespace Zarn

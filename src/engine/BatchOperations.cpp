@@ -1,6 +1,7 @@
 #include <new>
 #include <utility>
 
+#include "DataEnd.h"
 #include "Header.h"
 #include "IndexPages.h"
 #include "IndexValue.h"
@@ -103,6 +104,7 @@ bool ZrCompactFile::StoreTogether(const Engine::BatchSource& source,
   if (GetCacheFile() != nullptr) return false;
   const OperationLock lock(*this, OperationLock::kWriter);
   if (!lock.IsUsable() || IsReadOnly() || GetSwapData() == nullptr) return false;
+  GetAppendPosition();  // finds where no record may begin
   StoreBatch batch;
   for (std::size_t i = 0; i < source.count; ++i) {
     try {
@@ -121,7 +123,8 @@ bool ZrCompactFile::StoreTogether(const Engine::BatchSource& source,
 }
 
 bool ZrCompactFile::AddToBatch(const ZrCellStore& store, std::size_t number, StoreBatch& batch) {
-  if (!FillsItsRecord(store)) return false;
+  // Each place counts where records have been lost.
+  if (!FillsItsRecord(store) || !m_pDataEnd->lost.empty()) return false;
   StoreBatch::Tile tile;
   tile.store = number;
   tile.data = store.data;

@@ -1,5 +1,6 @@
 #include <new>
 
+#include "DataEnd.h"
 #include "FileState.h"
 #include "IndexValue.h"
 #include "OperationLock.h"
@@ -69,8 +70,8 @@ Engine::FileState ZrCompactFile::GetState() const {
 
 void ZrCompactFile::Publish(Engine::FileState& state) {
   m_bDataEndFound = false;
-  m_nDataEnd = 0;
-  if (m_file != state.file || m_header != state.header) m_nLastRecord = 0;
+  m_pDataEnd->end = 0;
+  if (m_file != state.file || m_header != state.header) *m_pDataEnd = {};
   if (m_bSwap != state.swap) ForgetBuffers();
   const std::lock_guard guard(m_stateMutex);
   m_file.swap(state.file);  // the old ones go when the accessors can go on

@@ -1,5 +1,6 @@
 #include <new>
 
+#include "DataEnd.h"
 #include "EmptyContainer.h"
 #include "FileState.h"
 #include "OpenPath.h"
@@ -54,7 +55,8 @@ class NewContainer {
 
 }  // namespace
 
-ZrCompactFile::ZrCompactFile() : m_header(Format::PresetHeader()) {
+ZrCompactFile::ZrCompactFile()
+    : m_header(Format::PresetHeader()), m_pDataEnd(std::make_unique<Io::DataEnd>()) {
   SetCallBack(RefeshIndexCallBack, this);
 }
 

@@ -53,26 +53,24 @@ bool ZrCompactFile::IsRecordPlace(unsigned long long position, unsigned long lon
 }
 
 // Behind the last byte of the file; behind the index, of which a damaged file may have lost the
-// end; and behind what the last record claims, which a light writer may not have written. 0 if the
-// file cannot be read, or an index value could not name the position.
+// end; behind what the last record claims, which a light writer may not have written; and where no
+// entry leads that has lost its record. 0 if the file cannot be read, or an index value could not
+// name the position.
 unsigned long long ZrCompactFile::GetAppendPosition() {
   std::uint64_t length;
   if (!m_file->GetLength(length) || !FindDataEnd(length)) return 0;
-  const unsigned long long end = std::max<unsigned long long>({length, GetIndexEnd(), m_nDataEnd});
+  const unsigned long long end = Io::NextPlace(
+      m_pDataEnd->lost, std::max<std::uint64_t>({length, GetIndexEnd(), m_pDataEnd->end}));
   return end <= Format::kPositionMask - Format::kGridRecordHead - kMaxCapacity ? end : 0;
 }
 
-// Looks whether the file ends before its last record does, and until when: once for each file, and
-// again when another process has changed it, which a stub may have done.
+// Once for each file, and again when another process has changed it, which a stub may have done.
 bool ZrCompactFile::FindDataEnd(unsigned long long fileLength) {
-  if (m_nDataEnd <= fileLength) m_nDataEnd = 0;
+  if (m_pDataEnd->end <= fileLength) m_pDataEnd->end = 0;
   if (m_bDataEndFound || IsNaming()) return true;
   const Format::IndexArea index = {Format::HeaderView(m_header).IndexOffset(), GetIndexEnd()};
-  std::uint64_t end;
-  if (!Io::FindDataEnd(*m_file, index, m_bSwap, fileLength, m_nLastRecord, end)) return false;
-  if (end > fileLength) m_nDataEnd = end;
-  m_bDataEndFound = true;
-  return true;
+  m_bDataEndFound = Io::FindDataEnd(*m_file, index, m_bSwap, fileLength, *m_pDataEnd);
+  return m_bDataEndFound;
 }
 
 Format::RecordImage ZrCompactFile::MakeImage(ZrByteArray& buffer) const {

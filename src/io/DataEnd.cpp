@@ -1,7 +1,7 @@
 #include "DataEnd.h"
 
 #include <algorithm>
-#include <utility>
+#include <new>
 
 #include "StoreArguments.h"
 
@@ -14,14 +14,14 @@ bool IsPlausibleLength(std::uint64_t length) {
          length <= Format::kGridRecordHead + Format::kMaxCapacity;
 }
 
-// The highest position below `limit` that an entry points at; 0 if there is none.
-bool FindHighestRecord(const ZrFileStream& file, const Format::IndexArea& index, bool swap,
-                       std::uint64_t fileLength, std::uint64_t limit, std::uint64_t& highest) {
+// Calls `found` for each position where an entry says that a record is.
+template <typename Found>
+bool ForEachRecord(const ZrFileStream& file, const Format::IndexArea& index, bool swap,
+                   std::uint64_t fileLength, Found found) {
   constexpr std::uint64_t kEntrySize = Format::kGridEntrySize;
   const std::uint64_t end = std::min(index.end, fileLength);
   ZrByteArray piece;
   if (!piece.ResizeForOverwrite(64 * 1024)) return false;
-  highest = 0;
   for (std::uint64_t position = Format::GridEntryOffset(index.begin, 0); position < end;) {
     position += (file.NextData(position) - position) / kEntrySize * kEntrySize;
     if (position >= end) break;
@@ -30,9 +30,7 @@ bool FindHighestRecord(const ZrFileStream& file, const Format::IndexArea& index,
     for (std::uint64_t i = 0; i + kEntrySize <= size; i += kEntrySize) {
       const auto entry = LoadScalar<std::uint64_t>(piece.GetData() + i, swap);
       const std::uint64_t record = Format::PositionOf(entry);
-      if (Format::HoldsRecord(Format::StatusOf(entry)) && record >= index.end && record < limit &&
-          record > highest)
-        highest = record;
+      if (Format::HoldsRecord(Format::StatusOf(entry)) && record >= index.end) found(record);
     }
     position += size;
   }
@@ -66,21 +64,33 @@ bool FollowRecords(const ZrFileStream& file, bool swap, std::uint64_t fileLength
 }  // namespace
 
 bool FindDataEnd(const ZrFileStream& file, const Format::IndexArea& index, bool swap,
-                 std::uint64_t fileLength, std::uint64_t& lastRecord, std::uint64_t& end) {
-  // Farther away lies nothing but damage to a single entry.
-  constexpr std::uint64_t kMostLost = std::uint64_t{1} << 34;
-  end = fileLength;
-  if (lastRecord != 0 && FollowRecords(file, swap, fileLength, lastRecord)) return true;
-  if (!FindHighestRecord(file, index, swap, fileLength, fileLength + kMostLost, lastRecord))
+                 std::uint64_t fileLength, DataEnd& data) {
+  data.end = fileLength;
+  if (data.lastRecord != 0 && FollowRecords(file, swap, fileLength, data.lastRecord)) return true;
+  data = {};
+  try {
+    const auto sort = [&](std::uint64_t record) {
+      if (record >= fileLength)
+        data.lost.push_back(record);
+      else
+        data.lastRecord = std::max(data.lastRecord, record);
+    };
+    if (!ForEachRecord(file, index, swap, fileLength, sort)) return false;
+  } catch (const std::bad_alloc&) {
     return false;
-  if (lastRecord >= fileLength) {
-    end = std::exchange(lastRecord, 0) + Format::kGridRecordHead;
-    return true;
   }
+  std::sort(data.lost.begin(), data.lost.end());
   std::uint64_t length = 0;
-  if (lastRecord != 0 && !ReadLength(file, swap, fileLength, lastRecord, length)) return false;
-  end = IsPlausibleLength(length) ? lastRecord + length : 0;
+  if (data.lastRecord != 0 && !ReadLength(file, swap, fileLength, data.lastRecord, length))
+    return false;
+  data.end = IsPlausibleLength(length) ? data.lastRecord + length : 0;
   return true;
+}
+
+std::uint64_t NextPlace(const std::vector<std::uint64_t>& lost, std::uint64_t position) {
+  while (std::binary_search(lost.begin(), lost.end(), position))
+    ++position;
+  return position;
 }
 
 }  // namespace Zarn::Io

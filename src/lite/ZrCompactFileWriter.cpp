@@ -59,6 +59,7 @@ unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,
                                        const PelmUnicodeString& password,
                                        ZrCompactFile::ZrOpenMode mode) {
   m_nDataEnd = 0;
+  m_lost.clear();
   m_bDataEndFound = false;
   return OpenExisting(path, password, mode, kReadWrite);
 }
@@ -67,6 +68,7 @@ bool ZrCompactFileWriter::Close() {
   Flush();
   CloseStream();
   m_nDataEnd = 0;
+  m_lost.clear();
   m_bDataEndFound = false;
   return true;
 }
@@ -223,15 +225,15 @@ unsigned long long ZrCompactFileWriter::WriteDataToFile(
 // whose unused capacity nothing may be written yet. 0 if the file cannot be read.
 unsigned long long ZrCompactFileWriter::GetAppendPosition(unsigned long long fileLength) {
   if (!m_bDataEndFound && !FindDataEnd(fileLength)) return 0;
-  return std::max({m_nDataEnd, fileLength, GetDataStart()});
+  return Io::NextPlace(m_lost, std::max({m_nDataEnd, fileLength, GetDataStart()}));
 }
 
 bool ZrCompactFileWriter::FindDataEnd(unsigned long long fileLength) {
-  std::uint64_t last = 0;
-  std::uint64_t end;
-  if (!Io::FindDataEnd(*this, {GetIndexOffset(), GetDataStart()}, m_bSwap, fileLength, last, end))
+  Io::DataEnd data;
+  if (!Io::FindDataEnd(*this, {GetIndexOffset(), GetDataStart()}, m_bSwap, fileLength, data))
     return false;
-  m_nDataEnd = std::max<unsigned long long>(m_nDataEnd, end);
+  m_nDataEnd = std::max<unsigned long long>(m_nDataEnd, data.end);
+  m_lost.swap(data.lost);
   m_bDataEndFound = true;
   return true;
 }
