@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "RecordHead.h"
 #include "StoreArguments.h"
 
 namespace Zarn::Io {
@@ -47,6 +48,21 @@ bool ReadLength(const ZrFileStream& file, bool swap, std::uint64_t fileLength, s
   return true;
 }
 
+// The stated end of a record, if it is one that the light writer can have left; else 0.
+bool ReadStatedEnd(const ZrFileStream& file, bool swap, std::uint64_t fileLength,
+                   std::uint64_t record, std::uint64_t& end) {
+  unsigned char bytes[Format::kGridRecordHead];
+  Format::RecordHead head;
+  end = 0;
+  if (record == 0 || fileLength < sizeof bytes || record > fileLength - sizeof bytes) return true;
+  if (!file.ReadAt(record, bytes, sizeof bytes)) return false;
+  const auto parse = Format::ParseRecordHead(bytes, sizeof bytes, Format::kGridFile, swap, head);
+  if (parse.outcome == Format::HeadParse::kComplete && head.versionCount == 1 &&
+      head.length == head.size + head.capacity && IsPlausibleLength(head.length))
+    end = record + head.length;
+  return true;
+}
+
 // Goes on from `record` to the records behind it, and tells whether the last of them, which it then
 // is, ends where the file does. Where that takes many steps, the index is as quick.
 bool FollowRecords(const ZrFileStream& file, bool swap, std::uint64_t fileLength,
@@ -80,11 +96,7 @@ bool FindDataEnd(const ZrFileStream& file, const Format::IndexArea& index, bool 
     return false;
   }
   std::sort(data.lost.begin(), data.lost.end());
-  std::uint64_t length = 0;
-  if (data.lastRecord != 0 && !ReadLength(file, swap, fileLength, data.lastRecord, length))
-    return false;
-  data.end = IsPlausibleLength(length) ? data.lastRecord + length : 0;
-  return true;
+  return ReadStatedEnd(file, swap, fileLength, data.lastRecord, data.end);
 }
 
 std::uint64_t NextPlace(const std::vector<std::uint64_t>& lost, std::uint64_t position) {
