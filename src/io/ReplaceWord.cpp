@@ -11,7 +11,9 @@ bool ReplaceWord(ZrFileStream& file, std::uint64_t position, std::uint64_t befor
     if (!file.WriteAt(position, &before, sizeof before)) return false;
     if (file.StoreWord(position, after)) return true;
   }
-  return file.WriteAt(position, &after, sizeof after);
+  if (file.WriteAt(position, &after, sizeof after)) return true;
+  file.WriteAt(position, &before, sizeof before);  // it may have stopped half-way
+  return false;
 }
 
 }  // namespace Zarn::Io

@@ -13,7 +13,8 @@ constexpr bool SpansPages(std::uint64_t position, std::uint64_t size) {
 }
 
 /// Replaces eight bytes, which are `before`, by `after`, both as they lie in the file. Whoever is
-/// killed meanwhile leaves the ones or the others.
+/// killed meanwhile leaves the ones or the others. False, and the old ones are there as far as the
+/// file can be written at all.
 bool ReplaceWord(ZrFileStream& file, std::uint64_t position, std::uint64_t before,
                  std::uint64_t after);
 
