@@ -32,12 +32,12 @@ struct StoredName;
 namespace Io {
 struct DataEnd;
 enum class NameRead;
+class FileMap;
 class RecordReader;
 class RedoFile;
 struct RecordGuess;
 }  // namespace Io
 namespace Engine {
-class FileMap;
 class IndexPages;
 class LookupBarrier;
 class NameKey;
@@ -543,7 +543,6 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool ReadOlderHead(unsigned long long position, unsigned long long currentPosition,
                      unsigned long long stamp, Format::RecordImage& image) const;
   bool RemoveNewest(Engine::TileEntry& entry, const Format::RecordImage& current);
-  bool ViewRecord(unsigned long long position, Io::RecordReader& record) const;
   void Remember(const Engine::TileEntry& entry, unsigned long long recordLength) const;
   Io::RecordGuess GuessRecord(const Engine::TileEntry& entry, unsigned long long headSize) const;
   unsigned int LookUp_Inner(const Engine::TileEntry& entry, const Engine::NameKey* key,
@@ -585,7 +584,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   double m_dMaxSize2 = 0;
   std::uint32_t m_nNamingFlags = 0;              ///< naming files; bit 0: versions
   std::shared_ptr<Engine::IndexPages> m_pIndex;  ///< entries, in the file's order
-  std::shared_ptr<Engine::FileMap> m_pMap;       ///< the file as memory, with kMapped
+  std::shared_ptr<Io::FileMap> m_pMap;       ///< the file as memory, with kMapped
   bool m_bSwap = false;                          ///< the file is in the other byte order
   bool m_bOpened = false;
   bool m_bIndexValid = false;                 ///< the last refresh succeeded

@@ -128,7 +128,7 @@ unsigned int LoadFileState(const FileSource& source, FileState& state) {
   else if (state.map != nullptr && state.map->IsOf(state.file.get()))
     state.map->Forget();
   else
-    state.map = std::make_shared<FileMap>(state.file);
+    state.map = std::make_shared<Io::FileMap>(state.file);
   return LoadIndex(state, previous) ? ZrResult::kOk : ZrResult::kNotUsable;
 }
 

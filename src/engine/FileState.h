@@ -20,7 +20,7 @@ struct FileState {
   Format::NamingHeader naming;        // of a naming file
   std::shared_ptr<IndexPages> index;  // null for a file of another kind
   std::shared_ptr<NameTable> names;   // of a naming file
-  std::shared_ptr<FileMap> map;       // if it was asked for
+  std::shared_ptr<Io::FileMap> map;       // if it was asked for
 };
 
 struct FileSource {

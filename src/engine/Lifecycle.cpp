@@ -262,7 +262,7 @@ void ZrCompactFile::TearDown() {
   // Closed and freed only when the accessors can go on.
   std::shared_ptr<ZrFile64> file;
   std::shared_ptr<Engine::IndexPages> index;
-  std::shared_ptr<Engine::FileMap> map;
+  std::shared_ptr<Io::FileMap> map;
   const std::lock_guard state(m_stateMutex);
   if (m_bOpened) m_dMaxSize1 = m_dMaxSize2 = 0;
   file.swap(m_file);

@@ -1,6 +1,5 @@
 #include <algorithm>
 
-#include "FileMap.h"
 #include "Header.h"
 #include "IndexPages.h"
 #include "NameKey.h"
@@ -33,14 +32,6 @@ bool IsSafeInPlace(std::uint64_t position, const Format::RecordHead& head,
                    const Format::StoreSpan& span) {
   if (span.offset == 0) return !Io::SpansPages(position, head.size + span.size);
   return span.offset >= head.filledLength && !Io::SpansPages(position, head.size);
-}
-
-// Has the processor fetch the beginning of a record from memory: the payload comes while the head
-// is still waited for. More than that it does by itself.
-void FetchAhead(const unsigned char* record, std::uint64_t available) {
-  constexpr std::uint64_t kLine = 64;
-  for (std::uint64_t i = 0; i < std::min<std::uint64_t>(available, 16 * kLine); i += kLine)
-    __builtin_prefetch(record + i);
 }
 
 }  // namespace
@@ -236,16 +227,6 @@ Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry,
   return {headSize, length > headSize ? length - headSize : 0};
 }
 
-// Looks at a record in the mapping, if there is one. What seems wrong there is read as without: the
-// file may have grown.
-bool ZrCompactFile::ViewRecord(unsigned long long position, Io::RecordReader& record) const {
-  std::uint64_t available;
-  const unsigned char* bytes = m_pMap != nullptr ? m_pMap->Get(position, available) : nullptr;
-  if (bytes == nullptr) return false;
-  FetchAhead(bytes, available);
-  return record.View(bytes, available);
-}
-
 // Reads the version that a lookup of `version` selects, of the name `key` if there is one: the
 // stored name lies in what is read anyway. Runs without m_mutex when it can; then m_readers keeps
 // file, index and records as they are.
@@ -258,23 +239,17 @@ unsigned int ZrCompactFile::LookUp_Inner(const TileEntry& entry, const Engine::N
   const std::uint64_t headSize = key == nullptr
                                      ? Format::kGridRecordHead
                                      : Format::NamingRecordHeadSize(key->GetStoredLength());
-  Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap);
-  bool isView = false;
-  const auto read = [&](std::uint64_t position, bool isCurrent) {
-    isView = ViewRecord(position, record);
-    const Io::RecordGuess unknown = {headSize, 0};
-    return (isView ||
-            record.Read(position, isCurrent ? GuessRecord(entry, headSize) : unknown, buffer)) &&
-           record.Head().versionCount > 0 && IsRecordPlace(position, record.Head().length);
+  Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap, m_pMap.get());
+  const auto read = [&](std::uint64_t position, Io::RecordGuess guess) {
+    return record.Read(position, guess, buffer) && record.Head().versionCount > 0 &&
+           IsRecordPlace(position, record.Head().length);
   };
-  if (!read(entry.position, true)) return ZrResult::kReadFailure;
+  if (!read(entry.position, GuessRecord(entry, headSize))) return ZrResult::kReadFailure;
   Remember(entry, record.Head().length);
   if (key != nullptr && !key->Matches(record.NameBytes(), record.Head().nameLength))
     return ZrResult::kNotFound;
   const std::uint32_t older = record.Versions().SelectForLookup(version);
-  if (older != 0 && !read(Format::PositionOf(record.Versions().Locator(older)), false))
-    return ZrResult::kReadFailure;
-  if (isView && !buffer.Assign(record.Payload(), record.Head().capacity))
+  if (older != 0 && !read(Format::PositionOf(record.Versions().Locator(older)), {headSize, 0}))
     return ZrResult::kReadFailure;
   data.SwapContents(buffer);
   filledLength = std::min(record.Head().filledLength, record.Head().capacity);

@@ -31,7 +31,7 @@ bool RecordReader::Read(std::uint64_t position, RecordGuess guess, ZrByteArray& 
   std::uint64_t inFile = 0;  // so much of the record is known to lie in the file
   for (int reads = 0; reads < kMostReads; ++reads) {
     if (!buffer.ResizeForOverwrite(padding + wanted)) return false;
-    const std::uint64_t got = m_file.ReadUpTo(position, buffer.GetData() + padding, wanted);
+    const std::uint64_t got = ReadUpTo(position, buffer.GetData() + padding, wanted);
     inFile = std::max(inFile, got);
     const HeadParse parse = Parse(buffer.GetData() + padding, got);
     if (parse.outcome == HeadParse::kComplete && m_head.capacity <= got - m_head.size) {
@@ -47,8 +47,10 @@ bool RecordReader::Read(std::uint64_t position, RecordGuess guess, ZrByteArray& 
   return false;
 }
 
-bool RecordReader::View(const unsigned char* bytes, std::uint64_t available) {
-  return Parse(bytes, available).outcome == HeadParse::kComplete && m_head.length <= available;
+// What a map does not give is asked of the file.
+std::uint64_t RecordReader::ReadUpTo(std::uint64_t position, void* target, std::uint64_t size) {
+  const std::uint64_t got = m_map != nullptr ? m_map->ReadUpTo(position, target, size) : 0;
+  return got != 0 ? got : m_file.ReadUpTo(position, target, size);
 }
 
 bool RecordReader::ReadHead(std::uint64_t position, std::uint64_t guessedLength,

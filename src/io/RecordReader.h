@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FileMap.h"
 #include "RecordHead.h"
 #include "ZrByteArray.h"
 #include "ZrFileStream.h"
@@ -26,13 +27,12 @@ enum class NameRead {
 /// costs nothing but speed.
 class RecordReader {
  public:
-  RecordReader(const ZrFileStream& file, std::uint32_t fileKind, bool swap)
-      : m_file(file), m_fileKind(fileKind), m_swap(swap) {}
+  /// With a map, records are copied out of that.
+  RecordReader(const ZrFileStream& file, std::uint32_t fileKind, bool swap, FileMap* map = nullptr)
+      : m_file(file), m_map(map), m_fileKind(fileKind), m_swap(swap) {}
 
   /// Reads a record; `buffer` gets exactly its payload area, and is unspecified on failure.
   bool Read(std::uint64_t position, RecordGuess guess, ZrByteArray& buffer);
-  /// Looks at a record in memory, of which `available` bytes are in the file.
-  bool View(const unsigned char* bytes, std::uint64_t available);
   /// Reads a head; `buffer` gets exactly that. `guessedLength` is the whole record's, as it was
   /// when it was last read or written; 0: unknown. If it is right, the file is not asked for its
   /// length.
@@ -46,12 +46,11 @@ class RecordReader {
   const Format::RecordHead& Head() const { return m_head; }
   /// The name in it, in a naming file; valid as long as the version table.
   const unsigned char* NameBytes() const { return m_bytes + Format::kNameOffset; }
-  /// The payload area of a record that was looked at.
-  const unsigned char* Payload() const { return m_bytes + m_head.size; }
   /// Its version table; valid until the buffer is read into again or changed.
   Format::VersionTable Versions() const { return m_head.Table(m_bytes, m_swap); }
 
  private:
+  std::uint64_t ReadUpTo(std::uint64_t position, void* target, std::uint64_t size);
   bool CompleteHead(std::uint64_t position, std::uint64_t available, Format::HeadParse parse,
                     ZrByteArray& buffer);
   bool EndsInFile(std::uint64_t position) const;
@@ -59,6 +58,7 @@ class RecordReader {
   Format::HeadParse Parse(const unsigned char* bytes, std::uint64_t available);
 
   const ZrFileStream& m_file;
+  FileMap* m_map;
   std::uint32_t m_fileKind;
   bool m_swap;
   Format::RecordHead m_head;

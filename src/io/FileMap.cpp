@@ -3,33 +3,35 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 
-namespace Zarn::Engine {
+namespace Zarn::Io {
 
 FileMap::~FileMap() {
   for (const View& view : m_views)
     ::munmap(const_cast<unsigned char*>(view.bytes), view.size);
 }
 
-const unsigned char* FileMap::Get(std::uint64_t position, std::uint64_t& available) {
-  std::uint64_t length = m_length.load(std::memory_order_acquire);
-  if (position >= length) {
-    if (!Extend(position)) return nullptr;
-    length = m_length.load(std::memory_order_acquire);
-    if (position >= length) return nullptr;
-  }
-  available = length - position;
-  return m_view.load(std::memory_order_acquire)->bytes + position;
+std::uint64_t FileMap::ReadUpTo(std::uint64_t position, void* target, std::uint64_t size) {
+  const auto inFile = [&] {
+    const std::uint64_t length = m_length.load(std::memory_order_acquire);
+    return position < length ? std::min(size, length - position) : 0;
+  };
+  std::uint64_t available = inFile();
+  if (available < size && Extend()) available = inFile();
+  if (available != 0)
+    std::memcpy(target, m_view.load(std::memory_order_acquire)->bytes + position, available);
+  return available;
 }
 
 // Learns how long the file is, and maps more of it if it has outgrown the view: twice as much, so
 // that this is seldom. A view that may be in use stays.
-bool FileMap::Extend(std::uint64_t position) {
+bool FileMap::Extend() {
   constexpr std::uint64_t kSmallest = std::uint64_t{1} << 28;
   const std::lock_guard guard(m_mutex);
   std::uint64_t length;
-  if (!m_file->GetLength(length) || position >= length) return false;
+  if (!m_file->GetLength(length)) return false;
   const View* view = m_view.load(std::memory_order_relaxed);
   if (view == nullptr || view->size < length) {
     if (length > INT64_MAX / 4) return false;
@@ -48,4 +50,4 @@ bool FileMap::Extend(std::uint64_t position) {
   return true;
 }
 
-}  // namespace Zarn::Engine
+}  // namespace Zarn::Io

@@ -8,9 +8,9 @@
 
 #include "ZrFile64.h"
 
-namespace Zarn::Engine {
+namespace Zarn::Io {
 
-/// A file as memory, for reading. It is mapped with room to grow; what lies behind its end is never
+/// A file as memory, to be read without a system call. It is mapped with room to grow; what lies behind its end is never
 /// touched, for that would end the process. Safe from any thread.
 class FileMap {
  public:
@@ -20,10 +20,9 @@ class FileMap {
   FileMap& operator=(const FileMap&) = delete;
 
   bool IsOf(const ZrFile64* file) const { return m_file.get() == file; }
-  /// The bytes from `position` on; `available` tells how many there are. Null if the file ends
-  /// before, or cannot be mapped. They stay valid as long as this object lives and the file is no
-  /// shorter.
-  const unsigned char* Get(std::uint64_t position, std::uint64_t& available);
+  /// Copies up to `size` bytes at `position`; returns how many there are in the file. None as well
+  /// if it cannot be mapped. Meanwhile the file must not become shorter.
+  std::uint64_t ReadUpTo(std::uint64_t position, void* target, std::uint64_t size);
   /// For after the file may have become shorter.
   void Forget() { m_length.store(0); }
 
@@ -33,7 +32,7 @@ class FileMap {
     std::uint64_t size;
   };
 
-  bool Extend(std::uint64_t position);
+  bool Extend();
 
   const std::shared_ptr<const ZrFile64> m_file;
   std::atomic<std::uint64_t> m_length{0};  // of the file as far as it may be touched in m_view
@@ -42,4 +41,4 @@ class FileMap {
   std::deque<View> m_views;  // all that were ever handed out; guarded by m_mutex
 };
 
-}  // namespace Zarn::Engine
+}  // namespace Zarn::Io
