@@ -443,6 +443,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
 
   // Index. Called with m_mutex held.
   unsigned int RefreshIndex();
+  bool HasOnlyOtherTiles() const;
+  void ForgetTiles();
   void Publish(Engine::FileState& state);
   Engine::FileState GetState() const;
   bool HasVersions() const;
@@ -450,6 +452,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   std::optional<std::uint32_t> FindCell(unsigned int row, unsigned int col) const;
   bool ReadGridIdxValueLocked(unsigned int row, unsigned int col, unsigned long long& value) const;
   bool ReadGridSlot(unsigned int row, unsigned int col, Engine::TileEntry& entry) const;
+  bool ReadSharedSlot(unsigned int row, unsigned int col, Engine::TileEntry& entry) const;
   bool WriteIndexValue(Engine::TileEntry& entry);
 
   // Naming index. Called with m_mutex and the lock between processes held.
@@ -482,7 +485,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                               Engine::OperationLock& lock, const CompactProgress& progress);
 
   // Stores. Called with m_mutex and the lock between processes held for writing.
-  unsigned int StoreCell(const ZrCellStore& store);
+  unsigned int StoreCell(const ZrCellStore& store, Engine::OperationLock& lock);
   unsigned int StoreName(const ZrNameStore& store);
 
   // Batches. Likewise, but for StoreAll and StoreTogether.
@@ -491,7 +494,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool AddToBatch(const ZrCellStore& store, std::size_t number, Engine::StoreBatch& batch);
   bool AddToBatch(const ZrNameStore& store, std::size_t number, Engine::StoreBatch& batch);
   void WriteBlock(Engine::StoreBatch& batch, std::vector<unsigned int>& results);
-  void WriteBatch(Engine::StoreBatch& batch, std::vector<unsigned int>& results);
+  void WriteBatch(Engine::StoreBatch& batch, Engine::OperationLock& lock,
+                  std::vector<unsigned int>& results);
   bool WriteEntries(const Engine::NameSlot* slots, std::size_t count);
   bool WriteCells(const Engine::NameSlot* cells, std::size_t count);
 
@@ -558,15 +562,15 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
     std::uint64_t number = 0;
     unsigned int aboard = 0;   ///< 0: the lock is not held for reading
     unsigned int boarded = 0;  ///< since the lock was taken
-    unsigned int staying =
-        0;  ///< of those aboard: that take long, so that nobody waits for the end
 
     void End() {
-      aboard = staying = 0;
+      aboard = 0;
       ++number;
     }
   };
   ReaderFlight m_flight;
+  /// Readers that take long. Nobody waits for them, but who stores. Raised with m_mutex held.
+  std::atomic<unsigned int> m_nLongReaders{0};
 
   /// The published state of the open file. Changed with m_mutex and m_stateMutex both held, so
   /// either of them is enough to read it; but the two sizes, which SetMaxSize changes, need
@@ -584,7 +588,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   double m_dMaxSize2 = 0;
   std::uint32_t m_nNamingFlags = 0;              ///< naming files; bit 0: versions
   std::shared_ptr<Engine::IndexPages> m_pIndex;  ///< entries, in the file's order
-  std::shared_ptr<Io::FileMap> m_pMap;       ///< the file as memory, with kMapped
+  std::shared_ptr<Io::FileMap> m_pMap;           ///< the file as memory, with kMapped
   bool m_bSwap = false;                          ///< the file is in the other byte order
   bool m_bOpened = false;
   bool m_bIndexValid = false;                 ///< the last refresh succeeded
@@ -604,6 +608,10 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// Where the data of a grid file end, and whether that is known. Guarded by m_mutex.
   const std::unique_ptr<Io::DataEnd> m_pDataEnd;
   bool m_bDataEndFound = false;
+
+  /// The number of the locked file that the state was loaded from; 0 without the lock between
+  /// processes. Guarded by m_mutex.
+  std::uint64_t m_nLoadedFile = 0;
 
   /// The lock order: m_mutex, the lock between processes, m_readers, m_stateMutex, the index's own.
   ZrMutex m_mutex{1};

@@ -60,7 +60,7 @@ unsigned int ZrCompactFile::SetBatch(const std::vector<ZrCellStore>& stores,
   return StoreAll(
       {stores.size(),
        [&](std::size_t i, StoreBatch& batch) { return AddToBatch(stores[i], i, batch); },
-       [&](std::size_t i) { return StoreCell(stores[i]); },
+       [&](std::size_t i, OperationLock& lock) { return StoreCell(stores[i], lock); },
        [&](std::size_t i) {
          const ZrCellStore& store = stores[i];
          return SetAt(store.row, store.col, DataOf(store.data), store.capacity, store.offset,
@@ -74,7 +74,7 @@ unsigned int ZrCompactFile::SetBatch(const std::vector<ZrNameStore>& stores,
   return StoreAll(
       {stores.size(),
        [&](std::size_t i, StoreBatch& batch) { return AddToBatch(stores[i], i, batch); },
-       [&](std::size_t i) { return StoreName(stores[i]); },
+       [&](std::size_t i, OperationLock&) { return StoreName(stores[i]); },
        [&](std::size_t i) {
          const ZrNameStore& store = stores[i];
          return SetAt(store.name, DataOf(store.data), store.capacity, store.offset, store.version);
@@ -102,8 +102,9 @@ unsigned int ZrCompactFile::StoreAll(const Engine::BatchSource& source,
 bool ZrCompactFile::StoreTogether(const Engine::BatchSource& source,
                                   std::vector<unsigned int>& results) {
   if (GetCacheFile() != nullptr) return false;
-  const OperationLock lock(*this, OperationLock::kWriter);
+  OperationLock lock(*this, OperationLock::kStore);
   if (!lock.IsUsable() || IsReadOnly() || GetSwapData() == nullptr) return false;
+  if (IsNaming() && !lock.ExcludeLookups()) return false;
   GetAppendPosition();  // finds where no record may begin
   StoreBatch batch;
   for (std::size_t i = 0; i < source.count; ++i) {
@@ -112,13 +113,13 @@ bool ZrCompactFile::StoreTogether(const Engine::BatchSource& source,
         if (batch.IsBlockFull()) WriteBlock(batch, results);
         continue;
       }
-      WriteBatch(batch, results);
-      results[i] = source.store(i);
+      WriteBatch(batch, lock, results);
+      results[i] = source.store(i, lock);
     } catch (const std::bad_alloc&) {
       results[i] = ZrResult::kWriteFailure;
     }
   }
-  WriteBatch(batch, results);
+  WriteBatch(batch, lock, results);
   return true;
 }
 
@@ -177,7 +178,8 @@ void ZrCompactFile::WriteBlock(StoreBatch& batch, std::vector<unsigned int>& res
 }
 
 // Writes the records that are left, and then all entries: those of neighbours at once.
-void ZrCompactFile::WriteBatch(StoreBatch& batch, std::vector<unsigned int>& results) {
+void ZrCompactFile::WriteBatch(StoreBatch& batch, OperationLock& lock,
+                               std::vector<unsigned int>& results) {
   WriteBlock(batch, results);
   const std::vector<StoreBatch::Tile> tiles = batch.TakeTiles();
   std::vector<NameSlot> slots;
@@ -191,7 +193,8 @@ void ZrCompactFile::WriteBatch(StoreBatch& batch, std::vector<unsigned int>& res
     do
       ++end;
     while (end < slots.size() && slots[end].entry.number == slots[end - 1].entry.number + 1);
-    const bool written = end <= slots.size() && WriteEntries(&slots[first], end - first);
+    const bool written =
+        end <= slots.size() && lock.ExcludeLookups() && WriteEntries(&slots[first], end - first);
     for (std::size_t i = first; i < end; ++i) {
       if (written)
         Remember(slots[i].entry, tiles[i].GetLength());

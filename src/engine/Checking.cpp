@@ -14,12 +14,11 @@ unsigned int ZrCompactFile::Verify(ZrVerifySummary& summary, const VerifyReport&
                                    const VerifyProgress& progress) {
   summary = {};
   if (GetCacheFile() != nullptr) return ZrResult::kNotUsable;
-  Engine::OperationLock lock(*this, Engine::OperationLock::kReader);
+  Engine::OperationLock lock(*this, Engine::OperationLock::kLongReader);
   if (!m_bOpened) return ZrResult::kNotOpen;
   if (!lock.IsUsable()) return ZrResult::kReadFailure;
   const std::shared_ptr<ZrFile64> file = m_file;
   const Format::XorString xorString = m_xorString;
-  lock.StayLong();
   lock.LeaveMutex();
   try {
     return Engine::Verifier(*file, xorString, report, progress, summary).Run();

@@ -110,6 +110,7 @@ unsigned int ZrCompactFile::ReplaceByImage(const Engine::FileState& source, Io::
                                            const CompactProgress& progress) {
   const ProgressReport report(progress, *source.file);
   const std::uint64_t length = image.GetImageLength();
+  if (!lock.ExcludeLookups()) return ZrResult::kWriteFailure;
   TearDown();
   const Outcome outcome =
       image.Replace(*source.file, [&](std::uint64_t done) { report.PutBack(done, length); });

@@ -16,23 +16,23 @@ bool OpenStream(const FileSource& source, std::shared_ptr<ZrFile64>& file) {
          file->Open(source.path, ZrFile64::kRead);
 }
 
-bool ProvideIndex(FileState& state, std::uint64_t position, std::uint64_t size,
-                  std::uint64_t entrySize) {
-  if (state.index != nullptr && state.index->Covers(state.file.get(), position, size, entrySize)) {
+bool ProvideIndex(FileState& state, const IndexPages::Area& area) {
+  if (state.index != nullptr && state.index->Covers(state.file.get(), area)) {
     state.index->Forget();
     return true;
   }
-  state.index = std::make_shared<IndexPages>(state.file, position, size, entrySize);
+  state.index = std::make_shared<IndexPages>(state.file, area);
   return state.index->IsUsable();
 }
 
-bool LoadGridIndex(FileState& state, std::uint64_t indexOffset) {
+bool LoadGridIndex(FileState& state, std::uint64_t indexOffset, bool isShared) {
   Format::GridHeaderImage image;
   if (!state.file->ReadAt(indexOffset, image.data(), image.size())) return false;
   state.grid = Format::DecodeGridHeader(image, state.swap);
   const std::uint64_t count = Format::GridEntryCount(state.grid.rowCount, state.grid.colCount);
-  return ProvideIndex(state, Format::GridEntryOffset(indexOffset, 0),
-                      count * Format::kGridEntrySize, Format::kGridEntrySize);
+  return ProvideIndex(state,
+                      {Format::GridEntryOffset(indexOffset, 0), count * Format::kGridEntrySize,
+                       Format::kGridEntrySize, isShared, state.swap});
 }
 
 // Reads the hash codes of the slots from `first` on into the table. Those beyond the end of the
@@ -86,15 +86,16 @@ bool LoadNamingIndex(FileState& state, const FileState& previous, std::uint64_t 
   if (state.naming.capacity > Format::kMaxNamingCapacity ||
       state.naming.count > state.naming.capacity)
     return false;
-  if (!ProvideIndex(state, Format::NamingSlotOffset(indexOffset, 0),
-                    state.naming.capacity * Format::kNamingSlotSize, Format::kNamingSlotSize))
+  if (!ProvideIndex(state,
+                    {Format::NamingSlotOffset(indexOffset, 0),
+                     state.naming.capacity * Format::kNamingSlotSize, Format::kNamingSlotSize}))
     return false;
   const bool hasGrown = HasOnlyGrown(state, previous, indexOffset);
   state.names = hasGrown ? previous.names : std::make_shared<NameTable>();
   return AddNames(state, indexOffset, hasGrown ? previous.naming.count : 0);
 }
 
-bool LoadIndex(FileState& state, const FileState& previous) {
+bool LoadIndex(FileState& state, const FileState& previous, bool isShared) {
   const Format::HeaderView header(state.header);
   const std::uint64_t indexOffset = header.IndexOffset();
   const bool isGrid = header.FileKind() == Format::kGridFile;
@@ -103,7 +104,8 @@ bool LoadIndex(FileState& state, const FileState& previous) {
     return true;
   }
   if (indexOffset < Format::kHeaderSize) return false;
-  return isGrid ? LoadGridIndex(state, indexOffset) : LoadNamingIndex(state, previous, indexOffset);
+  return isGrid ? LoadGridIndex(state, indexOffset, isShared)
+                : LoadNamingIndex(state, previous, indexOffset);
 }
 
 }  // namespace
@@ -129,7 +131,7 @@ unsigned int LoadFileState(const FileSource& source, FileState& state) {
     state.map->Forget();
   else
     state.map = std::make_shared<Io::FileMap>(state.file);
-  return LoadIndex(state, previous) ? ZrResult::kOk : ZrResult::kNotUsable;
+  return LoadIndex(state, previous, source.isShared) ? ZrResult::kOk : ZrResult::kNotUsable;
 }
 
 }  // namespace Zarn::Engine

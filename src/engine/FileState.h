@@ -20,13 +20,14 @@ struct FileState {
   Format::NamingHeader naming;        // of a naming file
   std::shared_ptr<IndexPages> index;  // null for a file of another kind
   std::shared_ptr<NameTable> names;   // of a naming file
-  std::shared_ptr<Io::FileMap> map;       // if it was asked for
+  std::shared_ptr<Io::FileMap> map;   // if it was asked for
 };
 
 struct FileSource {
   const PelmUnicodeString& path;
   bool readOnly;
-  bool mapped;  // for lookups
+  bool mapped;    // for lookups
+  bool isShared;  // with other processes, by the lock
   const Format::XorString& xorString;
   bool isOpen = false;  // `state` has the stream of the file that is at the path
 };

@@ -14,18 +14,20 @@ using Engine::TileEntry;
 unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col, const ZrByteArray& data,
                                   unsigned long long capacity, unsigned long long offset,
                                   unsigned long long version) {
-  const OperationLock lock(*this, OperationLock::kWriter);
+  OperationLock lock(*this, OperationLock::kStore);
   if (capacity > kMaxCapacity) return ZrResult::kWriteFailure;
   if (!m_bOpened) return ZrResult::kNotOpen;
   if (!lock.IsUsable() || IsReadOnly()) return ZrResult::kWriteFailure;
-  return StoreCell({row, col, &data, capacity, offset, version});
+  return StoreCell({row, col, &data, capacity, offset, version}, lock);
 }
 
-unsigned int ZrCompactFile::StoreCell(const ZrCellStore& store) {
+// A new tile disturbs nobody; whatever else there is, somebody may be reading.
+unsigned int ZrCompactFile::StoreCell(const ZrCellStore& store, OperationLock& lock) {
   if (store.data == nullptr) return ZrResult::kWriteFailure;
   const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
   TileEntry entry;
   if (!span || !ReadGridSlot(store.row, store.col, entry) ||
+      (entry.status != Format::kStatusEmpty && !lock.ExcludeLookups()) ||
       !StoreIntoTile(entry, {*store.data, *span, store.version, {}}))
     return ZrResult::kWriteFailure;
   entry.FollowCompleteness(*span);
@@ -38,7 +40,7 @@ unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArr
   OperationLock lock(*this, OperationLock::kReader);
   TileEntry entry;
   ZrByteArray* buffer = lock.IsUsable() ? GetSwapData() : nullptr;
-  if (buffer == nullptr || !ReadGridSlot(row, col, entry)) return ZrResult::kReadFailure;
+  if (buffer == nullptr || !ReadSharedSlot(row, col, entry)) return ZrResult::kReadFailure;
   if (entry.status == Format::kStatusEmpty) {
     data.Resize(0);
     return ZrResult::kNotFound;

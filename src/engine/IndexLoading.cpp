@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <new>
 
 #include "DataEnd.h"
@@ -5,6 +6,7 @@
 #include "IndexValue.h"
 #include "OperationLock.h"
 #include "ReplaceWord.h"
+#include "SharedEntries.h"
 #include "Tile.h"
 #include "ZrCompactFile.h"
 
@@ -30,6 +32,11 @@ bool ZrCompactFile::ProcessLockInit() {
 unsigned int ZrCompactFile::RefreshIndex() {
   const std::lock_guard lock(m_mutex);
   const Engine::LookupBarrier barrier(*this);
+  if (HasOnlyOtherTiles()) {
+    ForgetTiles();
+    SetStateLoaded(true);
+    return ZrResult::kOk;
+  }
   m_bSharedLookups = false;
   Engine::FileState state = GetState();
   unsigned int result = ZrResult::kNotUsable;
@@ -37,15 +44,16 @@ unsigned int ZrCompactFile::RefreshIndex() {
   const bool isOpen = isLocked() && m_file != nullptr && IsLockOn(*m_file);
   try {
     result = LoadFileState({m_strAbsolutePath, (m_nOpenMode & kReadOnly) != 0,
-                            (m_nOpenMode & kMapped) != 0, m_xorString, isOpen},
+                            (m_nOpenMode & kMapped) != 0, !m_bLockDisabled, m_xorString, isOpen},
                            state);
   } catch (const std::bad_alloc&) {
   }
   // The path may have come to name another file since the lock was taken, on which nobody waits.
-  if (result == ZrResult::kOk && isLocked() && state.file != m_file && !IsLockOn(*state.file))
+  if (result == ZrResult::kOk && isLocked() && !isOpen && !IsLockOn(*state.file))
     result = ZrResult::kNotUsable;
   if (result == ZrResult::kOk) {
     Publish(state);
+    m_nLoadedFile = isLocked() ? GetLockedFile() : 0;
     m_bSharedLookups = m_bLockDisabled;
   } else {
     m_mapHashCode = nullptr;  // it may have been added to
@@ -54,6 +62,29 @@ unsigned int ZrCompactFile::RefreshIndex() {
   }
   SetStateLoaded(result == ZrResult::kOk);
   return result;
+}
+
+// Whether the lock is on a grid file whose headers are those that were loaded: then what another
+// process has changed are tiles.
+bool ZrCompactFile::HasOnlyOtherTiles() const {
+  const Format::HeaderView header(m_header);
+  if (!m_bIndexValid || !isLocked() || m_nLoadedFile != GetLockedFile() ||
+      header.FileKind() != Format::kGridFile || header.IndexOffset() != Format::kHeaderSize)
+    return false;
+  const auto index = Format::EncodeGridHeader({m_nRowCount, m_nColCount, m_nGridFlags}, m_bSwap);
+  unsigned char now[Format::kHeaderSize + Format::kGridHeaderSize];
+  if (m_pMap != nullptr) m_pMap->Forget();
+  const std::uint64_t got = m_pMap != nullptr ? m_pMap->ReadUpTo(0, now, sizeof now)
+                                              : m_file->ReadUpTo(0, now, sizeof now);
+  return got == sizeof now &&
+         std::equal(m_headerOnDisk.begin(), m_headerOnDisk.end(), now) &&
+         std::equal(index.begin(), index.end(), now + Format::kHeaderSize);
+}
+
+void ZrCompactFile::ForgetTiles() {
+  m_bDataEndFound = false;
+  m_pDataEnd->end = 0;
+  m_pIndex->Forget();
 }
 
 Engine::FileState ZrCompactFile::GetState() const {
@@ -163,7 +194,7 @@ bool ZrCompactFile::ReadGridIdxValueLocked(unsigned int row, unsigned int col,
   const Engine::OperationLock lock(const_cast<ZrCompactFile&>(*this),
                                    Engine::OperationLock::kReader);
   Engine::TileEntry entry;
-  if (!lock.IsUsable() || !ReadGridSlot(row, col, entry)) return false;
+  if (!lock.IsUsable() || !ReadSharedSlot(row, col, entry)) return false;
   value = entry.stored;
   return true;
 }
@@ -188,6 +219,28 @@ bool ZrCompactFile::ReadGridSlot(unsigned int row, unsigned int col,
   return true;
 }
 
+// The same for a lookup. In a cell that was empty another process may have stored a tile meanwhile:
+// for that it keeps no lookups out. All other entries are as they were when the lock was taken.
+bool ZrCompactFile::ReadSharedSlot(unsigned int row, unsigned int col,
+                                   Engine::TileEntry& entry) const {
+  const bool isAlone = m_bLockDisabled || m_bLockHeld;
+  if (isAlone || m_pMap == nullptr) {
+    if (!ReadGridSlot(row, col, entry)) return false;
+    if (isAlone || entry.status != Format::kStatusEmpty) return true;
+  }
+  const auto cell = FindCell(row, col);
+  if (!cell) return false;
+  const std::uint64_t position =
+      Format::GridEntryOffset(Format::HeaderView(m_header).IndexOffset(), *cell);
+  unsigned char bytes[Format::kGridEntrySize];
+  const std::uint64_t got =
+      m_pMap != nullptr ? Io::ReadSharedEntries(*m_pMap, position, bytes, sizeof bytes, m_bSwap)
+                        : Io::ReadSharedEntries(*m_file, position, bytes, sizeof bytes, m_bSwap);
+  if (got != sizeof bytes) return ReadGridSlot(row, col, entry);  // an index that was cut short
+  entry = {*cell, LoadScalar<std::uint64_t>(bytes, m_bSwap)};
+  return true;
+}
+
 // Writes an index value that has changed, to the file first: what the kernel has not taken must not
 // be believed in memory. A failed write, which may have stopped half-way, is taken back.
 bool ZrCompactFile::WriteIndexValue(Engine::TileEntry& entry) {
@@ -198,17 +251,20 @@ bool ZrCompactFile::WriteIndexValue(Engine::TileEntry& entry) {
                                      : Format::NamingSlotOffset(header.IndexOffset(), 0);
   const std::uint64_t offset =
       entry.number * std::uint64_t{isGrid ? Format::kGridEntrySize : Format::kNamingSlotSize};
+  const bool isNew = isGrid && Format::StatusOf(entry.stored) == Format::kStatusEmpty;
+  const bool isSeen = !m_bLockDisabled || Io::SpansPages(start + offset, sizeof entry.stored);
   std::uint64_t before;
   std::uint64_t after;
   StoreScalar(&before, entry.stored, m_bSwap);
   StoreScalar(&after, entry.Value(), m_bSwap);
-  if (Io::ReplaceWord(*m_file, start + offset, before, after) &&
+  if ((isNew && isSeen ? Io::FillEmptyEntry(*m_file, start + offset, entry.Value(), m_bSwap)
+                       : Io::ReplaceWord(*m_file, start + offset, before, after)) &&
       m_pIndex->Write(offset, &after, sizeof after)) {
     entry.stored = entry.Value();
     return true;
   }
   m_file->WriteAt(start + offset, &before, sizeof before);
-  m_pIndex->Forget();
+  if (!isNew) m_pIndex->Forget();  // lookups may be reading beside one that is new
   return false;
 }
 

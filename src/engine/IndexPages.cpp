@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "SharedEntries.h"
+
 namespace Zarn::Engine {
 namespace {
 
@@ -24,15 +26,12 @@ ZeroMemory::~ZeroMemory() {
   if (m_bytes != nullptr) ::munmap(m_bytes, m_size);
 }
 
-IndexPages::IndexPages(std::shared_ptr<const ZrFile64> file, std::uint64_t position,
-                       std::uint64_t size, std::uint64_t entrySize)
+IndexPages::IndexPages(std::shared_ptr<const ZrFile64> file, const Area& area)
     : m_file(std::move(file)),
-      m_position(position),
-      m_size(size),
-      m_entrySize(entrySize),
-      m_bytes(size),
-      m_loaded(BitmapSize(size)),
-      m_hints(size / entrySize * sizeof(std::uint32_t)) {}
+      m_area(area),
+      m_bytes(area.size),
+      m_loaded(BitmapSize(area.size)),
+      m_hints(area.size / area.entrySize * sizeof(std::uint32_t)) {}
 
 bool IndexPages::IsUsable() const {
   return m_bytes.IsUsable() && m_loaded.IsUsable() && m_hints.IsUsable();
@@ -44,7 +43,7 @@ bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size) {
 
 bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size,
                       const Format::HeaderImage* header) {
-  if (offset > m_size || size > m_size - offset) return false;
+  if (offset > m_area.size || size > m_area.size - offset) return false;
   const std::lock_guard guard(m_mutex);
   if (!LoadPages(offset, size, header)) return false;
   std::memcpy(target, m_bytes.Get() + offset, size);
@@ -52,38 +51,44 @@ bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size,
 }
 
 bool IndexPages::ReadValue(std::uint64_t entry, bool swap, std::uint64_t& value) {
-  if (!Read(entry * m_entrySize, &value, sizeof value)) return false;
+  if (!Read(entry * m_area.entrySize, &value, sizeof value)) return false;
   value = LoadScalar<std::uint64_t>(&value, swap);
   return true;
 }
 
 bool IndexPages::ReadStableValue(std::uint64_t entry, bool swap, std::uint64_t& value) {
-  const std::uint64_t offset = entry * m_entrySize;
-  if (offset > m_size || sizeof value > m_size - offset) return false;
+  const std::uint64_t offset = entry * m_area.entrySize;
+  if (offset > m_area.size || sizeof value > m_area.size - offset) return false;
   if (!IsLoaded(offset / kPageSize) || !IsLoaded((offset + sizeof value - 1) / kPageSize))
     return ReadValue(entry, swap, value);
-  value = LoadScalar<std::uint64_t>(m_bytes.Get() + offset, swap);
+  value = ValueAt(offset).load(std::memory_order_acquire);
+  value = LoadScalar<std::uint64_t>(&value, swap);
   return true;
 }
 
 bool IndexPages::ReadValueUnlocked(std::uint64_t entry, bool swap,
                                    const Format::HeaderImage& header, std::uint64_t& value) {
-  if (!Read(entry * m_entrySize, &value, sizeof value, &header)) return false;
+  if (!Read(entry * m_area.entrySize, &value, sizeof value, &header)) return false;
   value = LoadScalar<std::uint64_t>(&value, swap);
   return true;
 }
 
 bool IndexPages::Write(std::uint64_t offset, const void* source, std::uint64_t size) {
-  if (offset > m_size || size > m_size - offset) return false;
+  if (offset > m_area.size || size > m_area.size - offset) return false;
   const std::lock_guard guard(m_mutex);
   if (!LoadPages(offset, size, nullptr)) return false;  // lest loading it later undoes the change
-  std::memcpy(m_bytes.Get() + offset, source, size);
+  const auto* bytes = static_cast<const unsigned char*>(source);
+  for (std::uint64_t i = 0; i < size; i += sizeof(std::uint64_t)) {
+    std::uint64_t value;
+    std::memcpy(&value, bytes + i, sizeof value);
+    ValueAt(offset + i).store(value, std::memory_order_release);
+  }
   return true;
 }
 
 void IndexPages::Forget() {
   const std::lock_guard guard(m_mutex);
-  if (m_size != 0) std::memset(m_loaded.Get(), 0, BitmapSize(m_size));
+  if (m_area.size != 0) std::memset(m_loaded.Get(), 0, BitmapSize(m_area.size));
 }
 
 bool IndexPages::LoadPages(std::uint64_t offset, std::uint64_t size,
@@ -113,15 +118,22 @@ bool IndexPages::HasHeader(const Format::HeaderImage& header) const {
 
 bool IndexPages::LoadPage(std::uint64_t page) {
   const std::uint64_t begin = page * kPageSize;
-  const std::uint64_t size = std::min(kPageSize, m_size - begin);
+  const std::uint64_t size = std::min(kPageSize, m_area.size - begin);
   unsigned char* bytes = m_bytes.Get() + begin;
-  const std::uint64_t got = m_file->ReadUpTo(m_position + begin, bytes, size);
+  const std::uint64_t position = m_area.position + begin;
+  const std::uint64_t got = m_area.isShared
+                                ? Io::ReadSharedEntries(*m_file, position, bytes, size, m_area.swap)
+                                : m_file->ReadUpTo(position, bytes, size);
   if (got == size) return true;
   // Only the end of the file makes entries empty; an entry that cannot be read is not one.
   std::uint64_t length;
-  if (!m_file->GetLength(length) || length > m_position + begin + got) return false;
+  if (!m_file->GetLength(length) || length > position + got) return false;
   std::memset(bytes + got, 0, size - got);
   return true;
+}
+
+std::atomic_ref<std::uint64_t> IndexPages::ValueAt(std::uint64_t offset) {
+  return std::atomic_ref(*reinterpret_cast<std::uint64_t*>(m_bytes.Get() + offset));
 }
 
 std::uint32_t IndexPages::GetHint(std::uint64_t entry) const {

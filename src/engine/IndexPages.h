@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "Header.h"
+#include "Layout.h"
 #include "ZrFile64.h"
 
 namespace Zarn::Engine {
@@ -39,32 +40,40 @@ class ZeroMemory {
 /// to read one.
 class IndexPages {
  public:
-  /// `size` bytes of entries of `entrySize` at `position` in `file`, which is kept open as long as
-  /// this object lives.
-  IndexPages(std::shared_ptr<const ZrFile64> file, std::uint64_t position, std::uint64_t size,
-             std::uint64_t entrySize);
+  /// Where the entries lie in a file.
+  struct Area {
+    bool operator==(const Area&) const = default;
+
+    std::uint64_t position = 0;
+    std::uint64_t size = 0;
+    std::uint64_t entrySize = Format::kGridEntrySize;
+    /// Others store new tiles meanwhile; and the file is in the other byte order.
+    bool isShared = false;
+    bool swap = false;
+  };
+
+  /// `file` is kept open as long as this object lives.
+  IndexPages(std::shared_ptr<const ZrFile64> file, const Area& area);
 
   /// False if memory was short; then nothing else may be called.
   bool IsUsable() const;
-  bool Covers(const ZrFile64* file, std::uint64_t position, std::uint64_t size,
-              std::uint64_t entrySize) const {
-    return m_file.get() == file && m_position == position && m_size == size &&
-           m_entrySize == entrySize;
+  bool Covers(const ZrFile64* file, const Area& area) const {
+    return m_file.get() == file && m_area == area;
   }
 
   /// Copies `size` bytes at `offset`. False if they lie outside, or the file cannot be read.
   bool Read(std::uint64_t offset, void* target, std::uint64_t size);
   /// The index value of an entry: its first 8 bytes as a number.
   bool ReadValue(std::uint64_t entry, bool swap, std::uint64_t& value);
-  /// The same for a caller who knows that nobody writes or forgets meanwhile; takes no mutex for a
-  /// page that is there.
+  /// The same for a caller who knows that nobody forgets meanwhile; takes no mutex for a page that
+  /// is there.
   bool ReadStableValue(std::uint64_t entry, bool swap, std::uint64_t& value);
   /// The same for a caller without the lock between processes, while another process may be
   /// replacing the whole file: false also if the file's header is no longer `header`, as it was on
   /// disk when this index was loaded, and the page of the entry had to be read.
   bool ReadValueUnlocked(std::uint64_t entry, bool swap, const Format::HeaderImage& header,
                          std::uint64_t& value);
-  /// Changes bytes in memory, for one whose caller has written them to the file.
+  /// Changes whole entries in memory, for one who has written them to the file.
   bool Write(std::uint64_t offset, const void* source, std::uint64_t size);
   /// Forgets all pages; they are read again when asked for.
   void Forget();
@@ -81,13 +90,12 @@ class IndexPages {
   bool IsLoaded(std::uint64_t page) const;
   bool HasHeader(const Format::HeaderImage& header) const;
   bool LoadPage(std::uint64_t page);
+  std::atomic_ref<std::uint64_t> ValueAt(std::uint64_t offset);
 
   const std::shared_ptr<const ZrFile64> m_file;
-  const std::uint64_t m_position;
-  const std::uint64_t m_size;
-  const std::uint64_t m_entrySize;
+  const Area m_area;
   std::mutex m_mutex;
-  ZeroMemory m_bytes;   // guarded by m_mutex; of loaded pages, read also without
+  ZeroMemory m_bytes;   // guarded by m_mutex; of loaded pages, read also without: values, atomic
   ZeroMemory m_loaded;  // one bit per page, atomic; changed with m_mutex held
   ZeroMemory m_hints;   // 32 bits per entry, atomic
 };

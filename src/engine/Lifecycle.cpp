@@ -175,7 +175,7 @@ unsigned int ZrCompactFile::OpenContainer(const PelmUnicodeString& path,
     Engine::FileState probe;
     const Format::XorString xorString = Format::MakeXorString(password.GetBuffer());
     const unsigned int result =
-        LoadFileState({absolutePath, (mode & kReadOnly) != 0, false, xorString}, probe);
+        LoadFileState({absolutePath, (mode & kReadOnly) != 0, false, false, xorString}, probe);
     if (result != ZrResult::kOk) return result;
   }
   TearDown();

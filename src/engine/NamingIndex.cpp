@@ -151,8 +151,8 @@ bool ZrCompactFile::IncreaseNamingIndexCapacity() {
   if (!m_file->GetLength(length) || length < oldStart + oldSize) return false;
   std::shared_ptr<Engine::IndexPages> index;
   try {
-    index = std::make_shared<Engine::IndexPages>(m_file, newStart, 2 * oldSize,
-                                                 Format::kNamingSlotSize);
+    index = std::make_shared<Engine::IndexPages>(
+        m_file, Engine::IndexPages::Area{newStart, 2 * oldSize, Format::kNamingSlotSize});
   } catch (const std::bad_alloc&) {
     return false;
   }

@@ -21,6 +21,7 @@ OperationLock::OperationLock(ZrCompactFile& object, Kind kind)
     : m_object(object), m_kind(kind), m_mutex(object.m_mutex, std::defer_lock) {
   if (kind == kReader && ShareLookups()) return;
   m_mutex.lock();
+  if (kind == kLongReader) ++object.m_nLongReaders;
   try {
     if (object.m_bOpened) Acquire();
   } catch (const std::bad_alloc&) {
@@ -39,19 +40,20 @@ bool OperationLock::ShareLookups() {
 
 void OperationLock::Acquire() {
   if (m_object.m_bLockHeld) {
-    if (m_kind != kReader) return;
+    if (!IsReader()) return;
   } else if (!m_object.m_bLockDisabled || m_kind == kCompaction) {
-    m_processLocked = m_kind == kReader ? LockForReading() : LockForWriting();
+    m_processLocked = IsReader() ? LockForReading() : LockForWriting();
     if (!m_processLocked) return;
   }
-  if (m_kind == kWriter) m_barrier.emplace(m_object);
+  if (m_kind == kWriter || (m_kind == kStore && m_object.m_nLongReaders != 0))
+    m_barrier.emplace(m_object);
   if (m_kind == kCompaction) m_object.m_bLockHeld = true;
   m_usable = m_object.m_bIndexValid;
 }
 
 bool OperationLock::LockForReading() {
   auto& flight = m_object.m_flight;
-  const bool isFull = flight.boarded >= kReadersPerFlight && flight.staying == 0;
+  const bool isFull = flight.boarded >= kReadersPerFlight && m_object.m_nLongReaders == 0;
   if (flight.aboard == 0 || isFull || !m_object.m_bIndexValid) {
     WaitForReaders();
     if (!m_object.ReaderLock(1)) return false;
@@ -65,7 +67,13 @@ bool OperationLock::LockForReading() {
 
 bool OperationLock::LockForWriting() {
   WaitForReaders();
-  return m_object.WriterLock(1);
+  return m_kind == kWriter ? m_object.WriterLock(1) : m_object.ReservedLock(1);
+}
+
+bool OperationLock::ExcludeLookups() {
+  if (!m_object.ExcludeReaders()) return false;
+  if (!m_barrier && m_kind != kCompaction) m_barrier.emplace(m_object);
+  return true;
 }
 
 // Ends the flight: its readers have left m_mutex, and hold m_readers until they have read.
@@ -80,27 +88,21 @@ void OperationLock::WaitForReaders() {
 OperationLock::~OperationLock() {
   m_barrier.reset();
   if (m_shared.owns_lock()) m_shared.unlock();
+  if (m_kind == kLongReader) --m_object.m_nLongReaders;
   if (m_processLocked && !m_mutex.owns_lock()) m_mutex.lock();
   LeaveProcessLock();
 }
 
 void OperationLock::LeaveProcessLock() {
   if (!std::exchange(m_processLocked, false)) return;
-  if (m_kind == kReader) {
+  if (IsReader()) {
     auto& flight = m_object.m_flight;
     if (flight.number != m_flight) return;
-    if (m_stays) --flight.staying;
     if (--flight.aboard == 0) m_object.ReaderUnlock();
     return;
   }
   if (m_kind == kCompaction) m_object.m_bLockHeld = false;
   m_object.WriterUnlock();
-}
-
-void OperationLock::StayLong() {
-  if (!m_processLocked) return;
-  m_stays = true;
-  ++m_object.m_flight.staying;
 }
 
 void OperationLock::LeaveMutex() {

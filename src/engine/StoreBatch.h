@@ -56,12 +56,15 @@ class StoreBatch {
   std::uint64_t m_blockSize = 0;  // bytes
 };
 
+class OperationLock;
+
 /// The stores that a batch is asked for, by their numbers.
 struct BatchSource {
   std::size_t count;
   std::function<bool(std::size_t store, StoreBatch& batch)>
-      add;                                               ///< false if it must be stored alone
-  std::function<unsigned int(std::size_t store)> store;  ///< alone, under the batch's locks
+      add;  ///< false if it must be stored alone
+  std::function<unsigned int(std::size_t store, OperationLock& lock)>
+      store;                                                     ///< alone, under the batch's locks
   std::function<unsigned int(std::size_t store)> storeUnlocked;  ///< alone, with locks of its own
 };
 

@@ -9,6 +9,7 @@
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
 #include "NameHash.h"
+#include "SharedEntries.h"
 
 namespace Zarn::Engine {
 namespace {
@@ -152,7 +153,7 @@ void Verifier::CheckEntries() {
     const std::uint64_t now = std::min(kEntriesAtOnce, m_count - entry);
     block.resize(now * entrySize);
     SetTile(entry);
-    if (m_file.ReadAt(EntryPosition(entry), block.data(), block.size())) {
+    if (ReadEntries(EntryPosition(entry), block)) {
       for (std::uint64_t i = 0; i < now && !m_ended; ++i)
         CheckEntry(entry + i, &block[i * entrySize]);
     } else {
@@ -162,6 +163,13 @@ void Verifier::CheckEntries() {
     if (entry < m_count) TellProgress(entry);
   }
   TellProgress(m_count);
+}
+
+// Beside the check another process may store new tiles in a grid.
+bool Verifier::ReadEntries(std::uint64_t position, std::vector<unsigned char>& block) const {
+  if (!IsGrid()) return m_file.ReadAt(position, block.data(), block.size());
+  return Io::ReadSharedEntries(m_file, position, block.data(), block.size(), m_swap) ==
+         block.size();
 }
 
 // The first entry, from `entry` on, that does not lie in a hole of a grid's index.
@@ -240,8 +248,15 @@ void Verifier::CheckOlderVersion(std::uint32_t entry) {
     Report(kKind, position, "the record of an older version has another name");
 }
 
-bool Verifier::IsPlace(std::uint64_t position) const {
+bool Verifier::IsPlace(std::uint64_t position) {
+  if (position >= m_fileLength) LookForGrowth();
   return position < m_fileLength && m_index.LeavesRoom(position, 1);
+}
+
+// What was stored since the check began lies behind what was the end of the file then.
+void Verifier::LookForGrowth() {
+  std::uint64_t length;
+  if (m_file.GetLength(length)) m_fileLength = std::max(m_fileLength, length);
 }
 
 // Reads and checks the head of a version's record; false if the version cannot be used.
@@ -290,6 +305,7 @@ bool Verifier::Spend(std::uint64_t position, std::uint64_t bytes) {
 // Whether the record lies in the file, and not in the index.
 bool Verifier::CheckExtent(Finding::Kind kind, const Head& head) {
   const std::uint64_t length = head.fields.length;
+  if (length > m_fileLength - head.position) LookForGrowth();
   const std::uint64_t room = m_fileLength - head.position;
   if (length > room) {
     if (!IsUnwritten(head))

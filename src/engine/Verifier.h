@@ -49,7 +49,8 @@ class Verifier {
 
   bool IsGrid() const { return m_kind == Format::kGridFile; }
   std::uint64_t EntryPosition(std::uint64_t number) const;
-  bool IsPlace(std::uint64_t position) const;
+  bool IsPlace(std::uint64_t position);
+  void LookForGrowth();
   Format::VersionTable VersionsOf(const Head& head) const {
     return head.fields.Table(head.bytes.GetData(), m_swap);
   }
@@ -63,6 +64,7 @@ class Verifier {
   void CheckIndexArea();
 
   void CheckEntries();
+  bool ReadEntries(std::uint64_t position, std::vector<unsigned char>& block) const;
   std::uint64_t SkipEmptyCells(std::uint64_t entry) const;
   void CheckEntry(std::uint64_t number, const unsigned char* bytes);
   void CheckEmptySlot(std::uint64_t value);

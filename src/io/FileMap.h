@@ -10,8 +10,8 @@
 
 namespace Zarn::Io {
 
-/// A file as memory, to be read without a system call. It is mapped with room to grow; what lies behind its end is never
-/// touched, for that would end the process. Safe from any thread.
+/// A file as memory, to be read without a system call. It is mapped with room to grow; what lies
+/// behind its end is never touched, for that would end the process. Safe from any thread.
 class FileMap {
  public:
   explicit FileMap(std::shared_ptr<const ZrFile64> file) : m_file(std::move(file)) {}

@@ -335,12 +335,18 @@ TEST_F(Sharing, AStoppedHolderIsWaitedFor) {
   };
   MakeGrid(kSide, kSide, false, kLocked);
   ASSERT_TRUE(Put(object, kShared, 1, 1) && ledger.Note(kShared, 1));
-  for (const auto& operation : {lookUp, store, compact}) {
+  struct Case {
+    const std::function<bool()>& operation;
+    char readerState;
+  };
+  // Behind a reader another one waits because the writer does. Writers that have only begun to read
+  // keep no reader out.
+  for (const Case& now : {Case{lookUp, 'S'}, {store, 'Z'}, {compact, 'Z'}}) {
     const pid_t writer = start(store, false), reader = start(lookUp, false);
-    const pid_t holder = start(operation, true);
-    for (const pid_t waiting : {writer, reader}) {
-      ::kill(waiting, SIGCONT);
-      EXPECT_EQ(RestingState(waiting), 'S');
+    const pid_t holder = start(now.operation, true);
+    for (const auto& [other, state] : {std::pair(writer, 'S'), {reader, now.readerState}}) {
+      ::kill(other, SIGCONT);
+      EXPECT_EQ(RestingState(other), state);
     }
     ::kill(holder, SIGCONT);
     ExpectEnd({holder, writer, reader}, 0);

@@ -26,7 +26,8 @@ namespace Zarn {
 /// Threads: one thread at a time makes calls, except isLocked. Two objects exclude each other also
 /// within one process, so one thread must not lock two objects on the same file.
 ///
-/// Processes: any number of readers or one writer. A waiting writer goes before readers that come
+/// Processes: any number of readers or one writer. A writer may begin as one who lets readers go
+/// on: while it does what does not disturb them. A waiting writer goes before readers that come
 /// later. The lock is on the file itself, far behind its contents; nothing is written for it, and
 /// there is no other file. It follows the path: if another file has taken the place of the locked
 /// one, the next lock call locks that file, which counts as a change. A directory of the path that
@@ -60,6 +61,12 @@ class HX_PLATFORM_API ZrProcess {
   bool ReaderLock(unsigned char refresh);
   /// The same, for the one writer.
   bool WriterLock(unsigned char refresh);
+  /// The same for the one writer, but readers go on until ExcludeReaders. Given back by
+  /// WriterUnlock.
+  bool ReservedLock(unsigned char refresh);
+  /// Waits until a writer has the lock for itself. False if it cannot, or is no writer; then it
+  /// holds what it held.
+  bool ExcludeReaders();
   /// Does nothing if the lock is not held.
   void ReaderUnlock();
   /// Does nothing if the lock is not held.
@@ -84,6 +91,9 @@ class HX_PLATFORM_API ZrProcess {
   bool IsLockReadOnly() const;
   /// Whether the file open in `stream` is the one that the lock is on.
   bool IsLockOn(const ZrFileStream& stream) const;
+  /// A number of the file that the lock is on. Another file, or the same one after
+  /// ProcessLockInit, has another number.
+  std::uint64_t GetLockedFile() const;
   /// Whether nothing is at the path, looked up now. For after a lock or a callback has failed.
   bool IsPathDeleted() const;
 

@@ -16,9 +16,11 @@ struct Bytes {
 };
 
 constexpr off_t kLockOffset = off_t{1} << 62;
+constexpr Bytes kReserve = {kLockOffset - 1, 1};
 constexpr Bytes kGate = {kLockOffset, 1};
 constexpr Bytes kMain = {kLockOffset + 1, 1};
-constexpr Bytes kBoth = {kLockOffset, 2};
+constexpr Bytes kGateAndMain = {kLockOffset, 2};
+constexpr Bytes kAll = {kLockOffset - 1, 3};
 constexpr Bytes kClaim = {kLockOffset + 2, 1};
 
 // F_OFD_SETLK: takes or frees a lock, or fails at once. F_OFD_SETLKW: waits for it. F_OFD_GETLK:
@@ -47,11 +49,20 @@ bool Wait(int fd, short type, Bytes bytes) {
   return TryForAWhile(fd, type, bytes) || Ask(fd, F_OFD_SETLKW, type, bytes);
 }
 
-bool LockExclusive(int fd) {
-  if (Ask(fd, F_OFD_SETLK, F_WRLCK, kBoth)) return true;
+// With RESERVE.
+bool Exclude(int fd) {
+  if (Ask(fd, F_OFD_SETLK, F_WRLCK, kGateAndMain)) return true;
   if (!Wait(fd, F_WRLCK, kGate)) return false;
   if (Wait(fd, F_WRLCK, kMain)) return true;
   Ask(fd, F_OFD_SETLK, F_UNLCK, kGate);
+  return false;
+}
+
+bool LockExclusive(int fd) {
+  if (Ask(fd, F_OFD_SETLK, F_WRLCK, kAll)) return true;
+  if (!Wait(fd, F_WRLCK, kReserve)) return false;
+  if (Exclude(fd)) return true;
+  Ask(fd, F_OFD_SETLK, F_UNLCK, kReserve);
   return false;
 }
 
@@ -140,15 +151,24 @@ void FileLock::CloseDescriptor() {
 }
 
 bool FileLock::Lock(LockMode mode) {
-  const bool exclusive = mode == LockMode::kExclusive && !m_readOnly;
-  if (!(exclusive ? LockExclusive(m_fd) : LockShared(m_fd))) return false;
-  m_mode = mode;
+  bool locked = false;
+  if (mode == LockMode::kShared || m_readOnly)
+    locked = LockShared(m_fd);
+  else
+    locked = mode == LockMode::kExclusive ? LockExclusive(m_fd) : Wait(m_fd, F_WRLCK, kReserve);
+  if (locked) m_mode = mode;
+  return locked;
+}
+
+bool FileLock::ExcludeShared() {
+  if (!m_readOnly && !Exclude(m_fd)) return false;
+  m_mode = LockMode::kExclusive;
   return true;
 }
 
 void FileLock::Unlock() {
   m_mode = LockMode::kNone;  // first: what others read here must not outlast the lock
-  Ask(m_fd, F_OFD_SETLK, F_UNLCK, kBoth);
+  Ask(m_fd, F_OFD_SETLK, F_UNLCK, kAll);
 }
 
 bool FileLock::Claim(bool wait) {

@@ -7,18 +7,21 @@
 
 namespace Zarn {
 
-enum class LockMode { kNone, kShared, kExclusive };
+/// kReserved: one holder, beside any number of shared ones, who may come to hold it exclusively.
+enum class LockMode { kNone, kShared, kReserved, kExclusive };
 
-/// A lock on a file: any number of shared holders, or one exclusive holder, among all FileLock
-/// objects of all processes.
+/// A lock on a file: any number of shared holders and one who has reserved it, or one exclusive
+/// holder, among all FileLock objects of all processes.
 ///
 /// Bytes far behind any contents stand for it; they are locked, never written:
-///   MAIN  is what is held, as a read lock or as a write lock.
-///   GATE  is the way to MAIN. Who wants MAIN exclusively keeps the gate from before the wait for
-///         MAIN until both are let go; who wants it shared and finds the gate closed gives MAIN
-///         back, and waits for the gate. So nobody overtakes a waiting writer, and readers that
-///         overlap without end do not starve it.
-/// Nobody who has MAIN ever waits for the gate, hence there is no deadlock.
+///   MAIN    is what is held, as a read lock or as a write lock.
+///   GATE    is the way to MAIN. Who wants MAIN exclusively keeps the gate from before the wait for
+///           MAIN until both are let go; who wants it shared and finds the gate closed gives MAIN
+///           back, and waits for the gate. So nobody overtakes a waiting writer, and readers that
+///           overlap without end do not starve it.
+///   RESERVE is all that a reservation takes, and what everybody has who takes the other two.
+/// Nobody who has MAIN ever waits for the gate, nor with the gate for RESERVE, hence there is no
+/// deadlock.
 ///
 /// The locks belong to an open file description that only this object has. The kernel frees them
 /// when a process dies, however it dies. A forked child gives up its copies of all descriptors:
@@ -40,6 +43,9 @@ class FileLock {
 
   /// Waits for the lock; false if it cannot be had at all. None may be held.
   bool Lock(LockMode mode);
+  /// Waits until a reserved lock is an exclusive one; false, and it stays as it is, if it cannot be
+  /// had.
+  bool ExcludeShared();
   void Unlock();
 
   /// Takes the file for this object, among all that claim it, until it is closed: by a third byte,
@@ -51,8 +57,8 @@ class FileLock {
   LockMode GetMode() const { return m_mode.load(std::memory_order_acquire); }
   /// Below 0 while closed.
   int GetDescriptor() const { return m_fd; }
-  /// The process may not write this file. Then exclusive locks are granted like shared ones: the
-  /// holder cannot write, and everyone who can is kept out.
+  /// The process may not write this file. Then all locks are granted like shared ones: the holder
+  /// cannot write, and everyone is kept out who would change what is there.
   bool IsReadOnly() const { return m_readOnly; }
   bool IsOpenOn(const struct stat& status) const;
 

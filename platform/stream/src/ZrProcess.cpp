@@ -47,6 +47,7 @@ struct __attribute__((visibility("hidden"))) ZrProcess::Impl {
   bool Bind();
   bool Lock(LockMode mode, bool refresh);
   bool LockAgain(LockMode mode);
+  bool ExcludeReaders();
   bool LockFileAtPath(LockMode mode);
   AtPath Look();
   void Unlock();
@@ -55,6 +56,7 @@ struct __attribute__((visibility("hidden"))) ZrProcess::Impl {
   std::string m_path;  // empty while not set up
   FileLock m_lock;
   ChangeWatch m_watch;
+  std::uint64_t m_files = 0;  // that the lock has been on
   bool m_isLocal = false;
   std::uint64_t m_namesChecked = 0;  // the path led to the locked file at this count
   FileVersion m_loadedVersion;       // the owner's state
@@ -68,6 +70,7 @@ struct __attribute__((visibility("hidden"))) ZrProcess::Impl {
 // Turns to the file that is at the path now.
 bool ZrProcess::Impl::Bind() {
   if (!m_lock.Open(m_path)) return false;
+  ++m_files;
   m_watch.Stop();
   m_isLocal = IsOnLocalFileSystem(m_lock.GetDescriptor());
   if (m_isLocal) m_watch.Start(m_lock.GetDescriptor());
@@ -86,10 +89,16 @@ bool ZrProcess::Impl::Lock(LockMode mode, bool refresh) {
 }
 
 bool ZrProcess::Impl::LockAgain(LockMode mode) {
-  const bool isUpgrade = mode == LockMode::kExclusive && m_lock.GetMode() == LockMode::kShared;
+  const bool isUpgrade = mode != LockMode::kShared && m_lock.GetMode() == LockMode::kShared;
   assert(!isUpgrade && "two readers would wait for each other");
-  if (!isUpgrade) ++m_depth;
-  return !isUpgrade;
+  if (isUpgrade || (mode == LockMode::kExclusive && !ExcludeReaders())) return false;
+  ++m_depth;
+  return true;
+}
+
+bool ZrProcess::Impl::ExcludeReaders() {
+  if (m_lock.GetMode() == LockMode::kReserved) return m_lock.ExcludeShared();
+  return m_lock.GetMode() == LockMode::kExclusive;
 }
 
 bool ZrProcess::Impl::LockFileAtPath(LockMode mode) {
@@ -122,7 +131,7 @@ AtPath ZrProcess::Impl::Look() {
 // Without a watch that gives no version, for times do not tell one write from the next.
 void ZrProcess::Impl::Unlock() {
   if (!IsHeld() || --m_depth > 0) return;
-  if (m_lock.GetMode() == LockMode::kExclusive) m_version = WatchVersion(m_watch.Poll());
+  if (m_lock.GetMode() != LockMode::kShared) m_version = WatchVersion(m_watch.Poll());
   m_loadedVersion = m_isLoaded ? m_version : FileVersion();
   m_lock.Unlock();
 }
@@ -159,6 +168,12 @@ bool ZrProcess::WriterLock(unsigned char refresh) {
   return m_bLockDisabled || m_impl->Lock(LockMode::kExclusive, refresh == 1);
 }
 
+bool ZrProcess::ReservedLock(unsigned char refresh) {
+  return m_bLockDisabled || m_impl->Lock(LockMode::kReserved, refresh == 1);
+}
+
+bool ZrProcess::ExcludeReaders() { return m_bLockDisabled || m_impl->ExcludeReaders(); }
+
 void ZrProcess::ReaderUnlock() {
   if (!m_bLockDisabled) m_impl->Unlock();
 }
@@ -184,6 +199,8 @@ bool ZrProcess::IsLockOn(const ZrFileStream& stream) const {
   struct stat status;
   return stream.GetStatus(status) && m_impl->m_lock.IsOpenOn(status);
 }
+
+std::uint64_t ZrProcess::GetLockedFile() const { return m_impl->m_files; }
 
 bool ZrProcess::IsPathDeleted() const {
   struct stat status;
