@@ -605,6 +605,10 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   PelmUnicodeString m_strPassword;
   ZrOpenMode m_nOpenMode = 0;
 
+  /// How long the file is, as long as the lock between processes tells that nobody else has changed
+  /// it; 0: unknown. Guarded by m_mutex.
+  std::uint64_t m_nFileEnd = 0;
+
   /// Where the data of a grid file end, and whether that is known. Guarded by m_mutex.
   const std::unique_ptr<Io::DataEnd> m_pDataEnd;
   bool m_bDataEndFound = false;

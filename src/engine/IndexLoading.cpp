@@ -83,6 +83,7 @@ bool ZrCompactFile::HasOnlyOtherTiles() const {
 
 void ZrCompactFile::ForgetTiles() {
   m_bDataEndFound = false;
+  m_nFileEnd = 0;
   m_pDataEnd->end = 0;
   m_pIndex->Forget();
 }
@@ -101,6 +102,7 @@ Engine::FileState ZrCompactFile::GetState() const {
 
 void ZrCompactFile::Publish(Engine::FileState& state) {
   m_bDataEndFound = false;
+  m_nFileEnd = 0;
   m_pDataEnd->end = 0;
   if (m_file != state.file || m_header != state.header) *m_pDataEnd = {};
   if (m_bSwap != state.swap) ForgetBuffers();

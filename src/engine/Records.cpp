@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "DataEnd.h"
 #include "Header.h"
@@ -57,8 +58,8 @@ bool ZrCompactFile::IsRecordPlace(unsigned long long position, unsigned long lon
 // entry leads that has lost its record. 0 if the file cannot be read, or an index value could not
 // name the position.
 unsigned long long ZrCompactFile::GetAppendPosition() {
-  std::uint64_t length;
-  if (!m_file->GetLength(length) || !FindDataEnd(length)) return 0;
+  std::uint64_t length = std::exchange(m_nFileEnd, 0);
+  if ((length == 0 && !m_file->GetLength(length)) || !FindDataEnd(length)) return 0;
   const unsigned long long end = Io::NextPlace(
       m_pDataEnd->lost, std::max<std::uint64_t>({length, GetIndexEnd(), m_pDataEnd->end}));
   return end <= Format::kPositionMask - Format::kGridRecordHead - kMaxCapacity ? end : 0;
@@ -192,7 +193,10 @@ unsigned long long ZrCompactFile::AppendNewRecord(Format::RecordImage& image,
                                                   const Engine::TileStore& store) {
   const unsigned long long position = GetAppendPosition();
   if (position == 0 || !WriteHeadAndData(position, image, store)) return 0;
-  if (store.span.CoversAll()) return position;
+  if (store.span.CoversAll()) {
+    if (!m_bLockDisabled) m_nFileEnd = position + image.Head().length;
+    return position;
+  }
   const std::uint64_t payload = position + image.Head().size;
   const std::uint64_t filled = store.span.FilledLength();
   const bool hasRoom = m_file->ZeroFill(payload, store.span.offset) &&

@@ -176,6 +176,62 @@ TEST_F(Sharing, Processes) {
   ExpectAll(kOwn + 8000);
 }
 
+class SharingNewTiles : public Sharing,
+                        public ::testing::WithParamInterface<std::pair<bool, bool>> {};
+INSTANTIATE_TEST_SUITE_P(Engine, SharingNewTiles,
+                         ::testing::Values(std::pair(false, false), std::pair(true, false),
+                                           std::pair(false, true)),
+                         [](const auto& param) {
+                           return std::string(param.param.first ? "Foreign" : "Native") +
+                                  (param.param.second ? "Mapped" : "");
+                         });
+
+// While one process stores new tiles and another one rewrites some, others find what was stored at
+// once, and whole or not at all; even if an index entry is written and read byte by byte.
+TEST_P(SharingNewTiles, AreSeenAtOnceAndWhole) {
+  constexpr unsigned int kTiles = 1500;
+  const auto [isForeign, isMapped] = GetParam();
+  const ZrCompactFile::ZrOpenMode mode = kLocked | (isMapped ? ZrCompactFile::kMapped : 0U);
+  GetFileSyscalls().pread = [](int fd, void* bytes, std::size_t size, off_t position) {
+    Pause();
+    return ::pread(fd, bytes, size <= 8 ? 1 : size, position);
+  };
+  GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
+    Pause();
+    return ::pwrite(fd, bytes, size <= 8 ? 1 : std::min<std::size_t>(size, 1000), position);
+  };
+  MakeGrid(kSide, kSide, isForeign, kLocked);
+  const auto children = Fork(5, [&](unsigned int i) {
+    int faults = fresh.Open(path, u"", mode) != 0;
+    ZrCompactFile::ZrVerifySummary summary;
+    std::atomic<unsigned int>& stored = ledger.stamps;
+    for (unsigned int round = 0; !ledger.isOver && faults == 0; ++round) {
+      if (i == 0) {
+        const unsigned int cell = kOwn + stored;
+        faults += !(Put(fresh, cell, 1, 1) && ledger.Note(cell, 1));
+        ledger.isOver = ++stored == kTiles;
+      } else if (i == 1) {
+        const unsigned int cell = kShared + round % (kOwn - kShared), value = round + 1;
+        faults += !(Put(fresh, cell, 1, value) && ledger.Note(cell, value));
+        ::usleep(1000);
+      } else if (i == 2 && round % 16 == 0) {
+        faults += fresh.Verify(summary) != 0;
+      } else {
+        faults += !ledger.Verify(fresh, kOwn + (stored + 3) * (round % 8 + 1) / 8) +
+                  !ledger.Verify(fresh, kShared + round % (kOwn - kShared));
+      }
+    }
+    ledger.isOver = true;
+    return faults;
+  });
+  ExpectEnd(children, 0);
+  EXPECT_EQ(ledger.stamps, kTiles);
+  ASSERT_EQ(fresh.Open(path, u"", mode), 0U);
+  for (unsigned int cell = kShared; cell < kOwn + kTiles; ++cell)
+    ASSERT_TRUE(ledger.Verify(fresh, cell)) << cell;
+  Check();
+}
+
 TEST_F(Sharing, OpenersOfAMissingFileMakeOne) {
   constexpr unsigned int kProcesses = 8, kRounds = 200;
   const auto pathOf = [&](unsigned int round) { return folder.GetPath(std::to_string(round)); };

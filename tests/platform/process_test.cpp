@@ -135,6 +135,32 @@ TEST_F(ProcessTest, ReadersShareAndDoNotStarveAWriterWhoIsAlone) {
   EXPECT_TRUE(late.Locks());
 }
 
+TEST_F(ProcessTest, AReservationKeepsOutWritersAndThenReadersAsWell) {
+  Owner owner(path);
+  ASSERT_TRUE(owner.ReservedLock(1) && owner.ReservedLock(0));
+  const Child writer = Holder(true);
+  ASSERT_TRUE(writer.IsStuck() && owner.Calls() == 1);
+  Put(path, 7);
+  {
+    const Child reader = Holder(false);
+    ASSERT_TRUE(reader.Locks());  // not behind the writer, who waits for his turn to reserve
+    const Child upgrading([&] {
+      Owner other(path);
+      return other.ReaderLock(0) && !other.ExcludeReaders() && other.isLocked();
+    });
+    EXPECT_TRUE(upgrading.Succeeds());
+    const Child freeing([&] { return ::usleep(20000) == 0 && (reader.Kill(), true); });
+    EXPECT_TRUE(owner.ExcludeReaders());  // once the reader is gone
+  }
+  const Child late = Holder(false);
+  EXPECT_TRUE(late.IsStuck() && owner.WriterLock(0));
+  for (int depth = 3; depth > 0; --depth) {
+    EXPECT_TRUE(owner.isLocked() && writer.IsStuck() && late.IsStuck());
+    owner.WriterUnlock();
+  }
+  EXPECT_TRUE(late.Locks() || writer.Locks());
+}
+
 TEST_F(ProcessTest, CallsBackForForeignChangesOnlyAndUntilLoaded) {
   Owner one(path), two(path);
   const auto expect = [&](int calls, int others) {
