@@ -20,6 +20,7 @@
 
 #include "FileSyscalls.h"
 #include "ZrCompactFileReader.h"
+#include "ZrFile.h"
 #include "engine/EngineFixture.h"
 #include "support/Processes.h"
 
@@ -187,7 +188,7 @@ INSTANTIATE_TEST_SUITE_P(Engine, SharingNewTiles,
                          });
 
 // While one process stores new tiles and another one rewrites some, others find what was stored at
-// once, and whole or not at all; even if an index entry is written and read byte by byte.
+// once, and whole or not at all; even if an index entry is written and read in parts.
 TEST_P(SharingNewTiles, AreSeenAtOnceAndWhole) {
   constexpr unsigned int kTiles = 1500;
   const auto [isForeign, isMapped] = GetParam();
@@ -201,20 +202,21 @@ TEST_P(SharingNewTiles, AreSeenAtOnceAndWhole) {
     return ::pwrite(fd, bytes, size <= 8 ? 1 : std::min<std::size_t>(size, 1000), position);
   };
   MakeGrid(kSide, kSide, isForeign, kLocked);
-  const auto children = Fork(5, [&](unsigned int i) {
+  std::atomic<unsigned int>& stored = ledger.stamps;
+  // The roles: 0 stores, 1 rewrites, 2 verifies now and then, all others look up.
+  const auto work = [&](unsigned int role) {
     int faults = fresh.Open(path, u"", mode) != 0;
     ZrCompactFile::ZrVerifySummary summary;
-    std::atomic<unsigned int>& stored = ledger.stamps;
     for (unsigned int round = 0; !ledger.isOver && faults == 0; ++round) {
-      if (i == 0) {
+      if (role == 0) {
         const unsigned int cell = kOwn + stored;
         faults += !(Put(fresh, cell, 1, 1) && ledger.Note(cell, 1));
         ledger.isOver = ++stored == kTiles;
-      } else if (i == 1) {
+      } else if (role == 1) {
         const unsigned int cell = kShared + round % (kOwn - kShared), value = round + 1;
         faults += !(Put(fresh, cell, 1, value) && ledger.Note(cell, value));
         ::usleep(1000);
-      } else if (i == 2 && round % 16 == 0) {
+      } else if (role == 2 && round % 16 == 0) {
         faults += fresh.Verify(summary) != 0;
       } else {
         faults += !ledger.Verify(fresh, kOwn + (stored + 3) * (round % 8 + 1) / 8) +
@@ -223,6 +225,16 @@ TEST_P(SharingNewTiles, AreSeenAtOnceAndWhole) {
     }
     ledger.isOver = true;
     return faults;
+  };
+  const auto children = Fork(4, [&](unsigned int i) {
+    std::atomic<int> faults = 0;
+    std::vector<std::thread> others;
+    for (unsigned int thread = 0; i == 3 && thread < 3; ++thread)
+      others.emplace_back([&] { faults += work(i); });
+    faults += work(i);
+    for (std::thread& other : others)
+      other.join();
+    return faults.load();
   });
   ExpectEnd(children, 0);
   EXPECT_EQ(ledger.stamps, kTiles);
@@ -230,6 +242,42 @@ TEST_P(SharingNewTiles, AreSeenAtOnceAndWhole) {
   for (unsigned int cell = kShared; cell < kOwn + kTiles; ++cell)
     ASSERT_TRUE(ledger.Verify(fresh, cell)) << cell;
   Check();
+}
+
+constexpr off_t kNowhere = -1;
+off_t g_cut = kNowhere;  // a read is cut in two here, and g_between comes between
+std::function<void()> g_between;
+
+TEST_F(Sharing, AnEntryIsFilledWhileItIsRead) {
+  GetFileSyscalls().pread = [](int fd, void* bytes, std::size_t size, off_t position) {
+    if (position < g_cut && g_cut < position + static_cast<off_t>(size))
+      return ::pread(fd, bytes, static_cast<std::size_t>(g_cut - position), position);
+    if (position == g_cut) {
+      g_cut = kNowhere;
+      g_between();
+    }
+    return ::pread(fd, bytes, size, position);
+  };
+  for (const bool isForeign : {false, true}) {
+    ZrFile::Delete(path);
+    MakeGrid(1, 200, isForeign, kLocked);
+    ASSERT_EQ(fresh.Open(path, u"", kLocked), 0U);
+    for (unsigned int col = 100; col < 124; ++col) {
+      const Tile whole = {0, Payload(col, 1), Payload(col, 1).size()};
+      g_between = [&] { ASSERT_EQ(Store(0, col, whole.payload, 1), 0U); };
+      ZrCompactFile::ZrVerifySummary summary;
+      if (col < 108) ASSERT_EQ(Store(0, col - 100, "has the index loaded again", 1), 0U);
+      g_cut = static_cast<off_t>(64 + 12 + 8 * col + col % 8);
+      if (col < 116) {
+        const Tile tile = ReadTile(fresh, 0, col, 1);
+        EXPECT_TRUE(tile == whole || tile == (Tile{5, "", 0})) << tile;
+      } else {
+        EXPECT_EQ(fresh.Verify(summary), 0U);
+      }
+      EXPECT_EQ(std::pair(g_cut, ReadTile(fresh, 0, col, 1)), std::pair(kNowhere, whole));
+    }
+    fresh.Close();
+  }
 }
 
 TEST_F(Sharing, OpenersOfAMissingFileMakeOne) {
