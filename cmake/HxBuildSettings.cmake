@@ -18,6 +18,8 @@ function(hx_target_settings target)
     VISIBILITY_INLINES_HIDDEN ON
     POSITION_INDEPENDENT_CODE ON)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+  # Nobody replaces functions of these libraries, so calls within one need no detour.
+  target_compile_options(${target} PRIVATE -fno-semantic-interposition)
   if(HX_WARNINGS_AS_ERRORS)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
@@ -44,7 +46,8 @@ function(hx_shared_library target include_dir)
   # Sanitizers want one address for the type information of the standard library's templates.
   if(NOT HX_SANITIZE)
     set(map ${HxCompactFile_SOURCE_DIR}/cmake/HxExports.map)
-    target_link_options(${target} PRIVATE LINKER:--version-script=${map})
+    target_link_options(${target} PRIVATE LINKER:--version-script=${map}
+                                          LINKER:-Bsymbolic-functions)
     set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${map})
   endif()
 endfunction()
