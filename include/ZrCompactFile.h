@@ -15,6 +15,7 @@
 #include "HxCompactFileExport.h"
 #include "PelmArray.h"
 #include "PelmUnicodeString.h"
+#include "ZrBatch.h"
 #include "ZrByteArray.h"
 #include "ZrCacheFile.h"
 #include "ZrFile64.h"
@@ -22,6 +23,7 @@
 #include "ZrProcess.h"
 #include "ZrResult.h"
 #include "ZrTextCodec.h"
+#include "ZrVerify.h"
 
 namespace Zarn {
 
@@ -190,8 +192,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// name.
   ///
   /// The object works as before afterwards, for all its threads; the calling one is among its users
-  /// then. Operations of other threads and, with kProcessLock, of other processes wait meanwhile;
-  /// those must not use the file without. While the contents are being replaced, the lock-free
+  /// then. Operations of other threads and, with kProcessLock, of other processes wait meanwhile,
+  /// but other processes go on with lookups while what is alive is collected; they must not use the
+  /// file without that bit. While the contents are being replaced, the lock-free
   /// accessors of this object answer as if nothing were open.
   ///
   /// A crash, a kill or a loss of power at any moment costs nothing: the file is as before, or the
@@ -219,43 +222,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// @name Checking
   /// @{
 
-  /// Something in the file that no writer leaves so.
-  struct ZrFinding {
-    /// What it is about; tells which of the fields below apply.
-    enum Kind : std::uint8_t {
-      kHeader,      ///< a field of the file's header
-      kIndex,       ///< a field of the index's header, or where the index lies
-      kEntry,       ///< the entry of a cell or a name
-      kRecord,      ///< the current record of a tile: its head, name, or version table
-      kVersion,     ///< an older version: its place in the table, or its record
-      kOverlap,     ///< a record that lies over another one of some tile
-      kUnreadable,  ///< bytes that the system could not read
-    };
-    Kind kind = kHeader;              ///< what it is about
-    unsigned long long position = 0;  ///< in the file: of the field, the entry or the record
-    /// From kEntry on: the number of the entry, which is the slot of a name, or the cell, counted
-    /// row by row.
-    unsigned long long number = 0;
-    unsigned int row = 0;            ///< the same, of a cell
-    unsigned int col = 0;            ///< of a cell
-    unsigned long long version = 0;  ///< kVersion: the stamp
-    const char* message = "";        ///< what is wrong, in English; lives as long as the library
-  };
-
-  /// What a check has counted, as far as it came. Where nothing overlaps, the bytes of index, live
-  /// and dead are those of the file.
-  struct ZrVerifySummary {
-    unsigned long long findings = 0;    ///< also where nobody was told
-    unsigned long long tiles = 0;       ///< cells or names whose current record is there
-    unsigned long long versions = 0;    ///< of all tiles, the newest included
-    unsigned long long indexBytes = 0;  ///< of the file's header and the index
-    unsigned long long liveBytes = 0;   ///< of the records of all versions
-    unsigned long long deadBytes = 0;   ///< the rest, which a compaction would give back
-    /// What the last record states, but the file does not have, because a light writer has stored
-    /// less than the capacity. The tile cannot be read until another one has been stored.
-    unsigned long long unwrittenBytes = 0;
-  };
-
+  using ZrFinding = Zarn::ZrVerifyFinding;        ///< what a check finds
+  using ZrVerifySummary = Zarn::ZrVerifySummary;  ///< what it counts
   /// Told each finding; false ends the check. Called in the checking thread, which must not use the
   /// object meanwhile. An exception counts as false.
   using VerifyReport = std::function<bool(const ZrFinding& finding)>;
@@ -278,8 +246,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// kNotOpen.
   ///
   /// Lookups of all threads and processes go on meanwhile. Stores wait until it is done, and what
-  /// this object is asked after such a store waits with it. A program that stores without
-  /// kProcessLock meanwhile may cause findings that are none. It takes time in proportion to the
+  /// this object is asked after such a store waits with it; but new tiles that other processes
+  /// store in a grid do not wait, and may be counted. A program that stores without kProcessLock
+  /// meanwhile may cause findings that are none. It takes time in proportion to the
   /// number of versions and the size of the index, and some 24 bytes of memory per version.
   unsigned int Verify(ZrVerifySummary& summary, const VerifyReport& report,
                       const VerifyProgress& progress = VerifyProgress());
@@ -322,15 +291,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// reading, and a record that could not be read or written.
   unsigned int Remove(unsigned int row, unsigned int col, unsigned long long version);
 
-  /// One of the stores of a batch; the arguments of SetAt.
-  struct ZrCellStore {
-    unsigned int row = 0;               ///< of the cell
-    unsigned int col = 0;               ///< of the cell
-    const ZrByteArray* data = nullptr;  ///< must stay as it is until the batch is stored
-    unsigned long long capacity = 0;    ///< of the payload area; 0 for the size of the data
-    unsigned long long offset = 0;      ///< where in it the data goes
-    unsigned long long version = 0;     ///< stamp
-  };
+  using ZrCellStore = Zarn::ZrCellStore;  ///< one of the stores of a batch
   /// Stores many tiles at once: as so many calls of SetAt one after the other, but under one lock,
   /// and new tiles with few large writes.
   ///
@@ -359,14 +320,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned int SetAt(const PelmUnicodeString& name, const ZrByteArray& data,
                      unsigned long long capacity, unsigned long long offset,
                      unsigned long long version);
-  /// One of the stores of a batch; the arguments of SetAt.
-  struct ZrNameStore {
-    PelmUnicodeString name;             ///< of the tile
-    const ZrByteArray* data = nullptr;  ///< must stay as it is until the batch is stored
-    unsigned long long capacity = 0;    ///< of the payload area; 0 for the size of the data
-    unsigned long long offset = 0;      ///< where in it the data goes
-    unsigned long long version = 0;     ///< stamp
-  };
+  using ZrNameStore = Zarn::ZrNameStore;  ///< one of the stores of a batch
   /// Stores many tiles at once, as the same operation on cells. With a ".sc" file, one by one.
   unsigned int SetBatch(const std::vector<ZrNameStore>& stores, std::vector<unsigned int>& results);
   /// Stores the contents of the file at `filePath`, which must not be empty. kWriteFailure also if

@@ -266,7 +266,9 @@ TEST_F(Sharing, AnEntryIsFilledWhileItIsRead) {
       const Tile whole = {0, Payload(col, 1), Payload(col, 1).size()};
       g_between = [&] { ASSERT_EQ(Store(0, col, whole.payload, 1), 0U); };
       ZrCompactFile::ZrVerifySummary summary;
-      if (col < 108) ASSERT_EQ(Store(0, col - 100, "has the index loaded again", 1), 0U);
+      if (col < 108) {
+        ASSERT_EQ(Store(0, col - 100, "has the index loaded again", 1), 0U);
+      }
       g_cut = static_cast<off_t>(64 + 12 + 8 * col + col % 8);
       if (col < 116) {
         const Tile tile = ReadTile(fresh, 0, col, 1);
