@@ -91,16 +91,21 @@ Row& Report::Find(Row::Kind kind, const std::string& name, const std::string& un
   return found != m_rows.end() ? *found : m_rows.emplace_back(kind, name, unit);
 }
 
+const Row* Report::Look(const std::string& name) const {
+  for (const Row& row : m_rows)
+    if (row.GetName() == name) return &row;
+  return nullptr;
+}
+
 void Report::AddGoal(const std::string& name, const std::string& column, const std::string& other,
                      double bound, bool atLeast) {
-  for (const Row& row : m_rows) {
-    if (row.GetName() != name || !row.Has(column)) continue;
-    if (other.empty())
-      m_goals.push_back({name + ": " + column, row.Median(column), bound, atLeast});
-    else if (row.Has(other))
-      m_goals.push_back(
-          {name + ": " + column + " / " + other, row.Compare(column, other), bound, atLeast});
-  }
+  const Row* row = Look(name);
+  if (row == nullptr || !row->Has(column)) return;
+  if (other.empty())
+    m_goals.push_back({name + ": " + column, row->Median(column), bound, atLeast});
+  else if (row->Has(other))
+    m_goals.push_back(
+        {name + ": " + column + " / " + other, row->Compare(column, other), bound, atLeast});
 }
 
 std::vector<std::string> Report::GetColumns() const {

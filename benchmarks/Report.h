@@ -51,6 +51,9 @@ class Report {
     return Find(Row::kFigure, name, unit);
   }
 
+  /// The row of that name; null if nothing was measured for it.
+  const Row* Look(const std::string& name) const;
+
   /// What a column has to reach in comparison with another one, or by itself if that is empty.
   /// Nothing if they were not measured.
   void AtLeast(const std::string& row, const std::string& column, const std::string& other,

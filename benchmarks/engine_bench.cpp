@@ -41,7 +41,9 @@ void AddGoals(Report& report) {
   report.AtLeast("random get, 1 thread", kMapped, kLmdb, 1.3);
   report.AtLeast("named get, 1 thread", kEngine, kLmdb, 0.8);
   report.AtLeast("named get, 1 thread", kMapped, kLmdb, 1.2);
-  report.AtLeast("random get, 2 threads : 1 thread", kEngine, kLmdb, 1.6 / 1.8);
+  // Where others gain less than LMDB mostly does, somebody had part of the other core.
+  if (const Row* gain = report.Look("random get, 2 threads : 1 thread"))
+    report.AtLeast(gain->GetName(), kEngine, "", 1.6 * std::min(1.0, gain->Median(kLmdb) / 1.8));
   report.AtLeast("rewrite, same size", kEngine, kLimit, 0.85);
   report.AtLeast("rewrite, 1.5 times larger", kEngine, kLimit, 0.85);
   report.AtMost("open 16M cells", kEngine, kLmdb, 1);

@@ -81,7 +81,7 @@ Format::RecordImage ZrCompactFile::MakeImage(ZrByteArray& buffer) const {
 // Reads the head of a record into an image. `guessedLength` is the record's; 0: unknown.
 bool ZrCompactFile::ReadHead(unsigned long long position, unsigned long long guessedLength,
                              Format::RecordImage& image) const {
-  Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap);
+  Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap, m_pMap.get());
   return record.ReadHead(position, guessedLength, image.Bytes()) &&
          record.Head().versionCount > 0 && IsRecordPlace(position, record.Head().length) &&
          image.Parse();

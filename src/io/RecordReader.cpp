@@ -58,7 +58,7 @@ bool RecordReader::ReadHead(std::uint64_t position, std::uint64_t guessedLength,
   const std::uint64_t wanted =
       guessedLength == 0 ? kUsualHead : std::min(kUsualHead, guessedLength);
   if (!buffer.ResizeForOverwrite(wanted)) return false;
-  const std::uint64_t got = m_file.ReadUpTo(position, buffer.GetData(), wanted);
+  const std::uint64_t got = ReadUpTo(position, buffer.GetData(), wanted);
   const HeadParse parse = Parse(buffer.GetData(), got);
   // A length that is the guess was seen before, with the record whole in the file.
   const bool isKnown = parse.outcome == HeadParse::kComplete && m_head.length == guessedLength;
