@@ -26,12 +26,17 @@ ZeroMemory::~ZeroMemory() {
   if (m_bytes != nullptr) ::munmap(m_bytes, m_size);
 }
 
+void ZeroMemory::Clear() {
+  if (m_bytes != nullptr) ::madvise(m_bytes, m_size, MADV_DONTNEED);
+}
+
 IndexPages::IndexPages(std::shared_ptr<const ZrFile64> file, const Area& area)
     : m_file(std::move(file)),
       m_area(area),
       m_bytes(area.size),
       m_loaded(BitmapSize(area.size)),
-      m_hints(area.size / area.entrySize * sizeof(std::uint32_t)) {}
+      m_hints(area.size / area.entrySize * sizeof(std::uint32_t)),
+      m_onlyVersions(area.isShared ? 0 : area.size / area.entrySize * sizeof(OnlyVersion)) {}
 
 bool IndexPages::IsUsable() const {
   return m_bytes.IsUsable() && m_loaded.IsUsable() && m_hints.IsUsable();
@@ -89,6 +94,7 @@ bool IndexPages::Write(std::uint64_t offset, const void* source, std::uint64_t s
 void IndexPages::Forget() {
   const std::lock_guard guard(m_mutex);
   if (m_area.size != 0) std::memset(m_loaded.Get(), 0, BitmapSize(m_area.size));
+  m_onlyVersions.Clear();
 }
 
 bool IndexPages::LoadPages(std::uint64_t offset, std::uint64_t size,
@@ -144,6 +150,16 @@ std::uint32_t IndexPages::GetHint(std::uint64_t entry) const {
 void IndexPages::SetHint(std::uint64_t entry, std::uint32_t hint) {
   auto* hints = reinterpret_cast<std::uint32_t*>(m_hints.Get());
   std::atomic_ref(hints[entry]).store(hint, std::memory_order_relaxed);
+}
+
+IndexPages::OnlyVersion IndexPages::GetOnlyVersion(std::uint64_t entry) const {
+  const auto* versions = reinterpret_cast<const OnlyVersion*>(m_onlyVersions.Get());
+  return versions != nullptr ? versions[entry] : OnlyVersion();
+}
+
+void IndexPages::SetOnlyVersion(std::uint64_t entry, const OnlyVersion& version) {
+  auto* versions = reinterpret_cast<OnlyVersion*>(m_onlyVersions.Get());
+  if (versions != nullptr) versions[entry] = version;
 }
 
 }  // namespace Zarn::Engine

@@ -24,6 +24,7 @@ class ZeroMemory {
   /// Null if the memory could not be had, or none was asked for.
   unsigned char* Get() const { return m_bytes; }
   bool IsUsable() const { return m_bytes != nullptr || m_size == 0; }
+  void Clear();
 
  private:
   std::uint64_t m_size;
@@ -83,6 +84,16 @@ class IndexPages {
   std::uint32_t GetHint(std::uint64_t entry) const;
   void SetHint(std::uint64_t entry, std::uint32_t hint);
 
+  /// What the head of a tile's only version says, besides sizes.
+  struct OnlyVersion {
+    std::uint64_t stamp = 0;
+    std::uint64_t locator = 0;  // 0: nothing is known, the tile may have other versions
+  };
+  /// What was remembered for an entry, if nobody else can have changed the tile since: nothing
+  /// beside others who store, nor after Forget. For one thread at a time.
+  OnlyVersion GetOnlyVersion(std::uint64_t entry) const;
+  void SetOnlyVersion(std::uint64_t entry, const OnlyVersion& version);
+
  private:
   bool Read(std::uint64_t offset, void* target, std::uint64_t size,
             const Format::HeaderImage* header);
@@ -98,6 +109,7 @@ class IndexPages {
   ZeroMemory m_bytes;   // guarded by m_mutex; of loaded pages, read also without: values, atomic
   ZeroMemory m_loaded;  // one bit per page, atomic; changed with m_mutex held
   ZeroMemory m_hints;   // 32 bits per entry, atomic
+  ZeroMemory m_onlyVersions;  // one per entry; none in an index that is shared
 };
 
 }  // namespace Zarn::Engine

@@ -11,6 +11,7 @@
 
 #include "ZrFile.h"
 #include "engine/EngineFixture.h"
+#include "support/RawFile.h"
 
 namespace Zarn {
 namespace {
@@ -182,6 +183,40 @@ TEST_P(Model, RandomOperations) {
     SCOPED_TRACE(seed);
     Run(seed);
   }
+}
+
+// What an object remembers of the tiles that it has stored spares it reading, and changes no byte.
+TEST_P(Model, FilesAreTheSameHoweverOftenTheyAreOpened) {
+  const PretendToSync quick;
+  const auto [named, foreign] = GetParam();
+  const auto run = [&, named = named, foreign = foreign](unsigned int seed, bool reopens) {
+    if (named)
+      MakeNaming(8, foreign);
+    else
+      MakeGrid(2, 4, foreign);
+    std::mt19937 random(seed);
+    const auto below = [&random](unsigned int limit) -> unsigned int {
+      return static_cast<unsigned int>(random() % limit);
+    };
+    for (int step = 0; step < 40; ++step) {
+      if (reopens) Reopen();
+      const unsigned int tile = below(3), stamp = below(3), size = 1 + below(5000);
+      const unsigned int kind = below(8), room = kind == 1 ? size + 9 : 0, offset = kind == 2;
+      const ZrByteArray data = Data(std::string(size, static_cast<char>('a' + step % 26)));
+      const unsigned int result =
+          kind == 0 ? (named ? object.Remove(kNames[tile], stamp) : object.Remove(0, tile, stamp))
+          : named   ? object.SetAt(kNames[tile], data, room + offset * (size + 1), offset, stamp)
+                    : object.SetAt(0, tile, data, room + offset * (size + 1), offset, stamp);
+      EXPECT_TRUE(result == 0 || kind == 0);
+    }
+    object.Close();
+    Support::Bytes bytes = Support::ReadFile(path);
+    std::fill_n(bytes.begin() + 11, sizeof(double), 0);  // the time of creation
+    ZrFile::Delete(path);
+    return bytes;
+  };
+  for (unsigned int seed = 0; seed < 100 && !HasFailure(); ++seed)
+    EXPECT_TRUE(run(seed, false) == run(seed, true)) << seed;
 }
 
 }  // namespace
