@@ -26,10 +26,6 @@ ZeroMemory::~ZeroMemory() {
   if (m_bytes != nullptr) ::munmap(m_bytes, m_size);
 }
 
-void ZeroMemory::Clear() {
-  if (m_bytes != nullptr) ::madvise(m_bytes, m_size, MADV_DONTNEED);
-}
-
 IndexPages::IndexPages(std::shared_ptr<const ZrFile64> file, const Area& area)
     : m_file(std::move(file)),
       m_area(area),
@@ -94,7 +90,6 @@ bool IndexPages::Write(std::uint64_t offset, const void* source, std::uint64_t s
 void IndexPages::Forget() {
   const std::lock_guard guard(m_mutex);
   if (m_area.size != 0) std::memset(m_loaded.Get(), 0, BitmapSize(m_area.size));
-  m_onlyVersions.Clear();
 }
 
 bool IndexPages::LoadPages(std::uint64_t offset, std::uint64_t size,

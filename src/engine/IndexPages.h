@@ -24,7 +24,6 @@ class ZeroMemory {
   /// Null if the memory could not be had, or none was asked for.
   unsigned char* Get() const { return m_bytes; }
   bool IsUsable() const { return m_bytes != nullptr || m_size == 0; }
-  void Clear();
 
  private:
   std::uint64_t m_size;
@@ -89,8 +88,8 @@ class IndexPages {
     std::uint64_t stamp = 0;
     std::uint64_t locator = 0;  // 0: nothing is known, the tile may have other versions
   };
-  /// What was remembered for an entry, if nobody else can have changed the tile since: nothing
-  /// beside others who store, nor after Forget. For one thread at a time.
+  /// What the owner remembers for an entry; nothing in an index that is shared, where others may
+  /// have changed the tile since. For one thread at a time.
   OnlyVersion GetOnlyVersion(std::uint64_t entry) const;
   void SetOnlyVersion(std::uint64_t entry, const OnlyVersion& version);
 

@@ -200,13 +200,20 @@ TEST_P(Model, FilesAreTheSameHoweverOftenTheyAreOpened) {
     };
     for (int step = 0; step < 40; ++step) {
       if (reopens) Reopen();
-      const unsigned int tile = below(3), stamp = below(3), size = 1 + below(5000);
-      const unsigned int kind = below(8), room = kind == 1 ? size + 9 : 0, offset = kind == 2;
+      const unsigned int tile = below(2), stamp = below(2), size = 1 + below(5000);
+      const unsigned int kind = below(6), room = kind == 1 ? size + 9 : 0, offset = kind == 2;
       const ZrByteArray data = Data(std::string(size, static_cast<char>('a' + step % 26)));
-      const unsigned int result =
-          kind == 0 ? (named ? object.Remove(kNames[tile], stamp) : object.Remove(0, tile, stamp))
-          : named   ? object.SetAt(kNames[tile], data, room + offset * (size + 1), offset, stamp)
-                    : object.SetAt(0, tile, data, room + offset * (size + 1), offset, stamp);
+      const unsigned int capacity = room + offset * (size + 1);
+      unsigned int result = 0;
+      std::vector<unsigned int> results;
+      if (kind == 0)
+        result = named ? object.Remove(kNames[tile], stamp) : object.Remove(0, tile, stamp);
+      else if (kind == 3)
+        result = named ? object.SetBatch({{kNames[tile], &data, 0, 0, stamp}}, results)
+                       : object.SetBatch({{0, tile, &data, 0, 0, stamp}}, results);
+      else
+        result = named ? object.SetAt(kNames[tile], data, capacity, offset, stamp)
+                       : object.SetAt(0, tile, data, capacity, offset, stamp);
       EXPECT_TRUE(result == 0 || kind == 0);
     }
     object.Close();
