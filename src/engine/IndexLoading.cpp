@@ -48,8 +48,10 @@ unsigned int ZrCompactFile::RefreshIndex() {
                            state);
   } catch (const std::bad_alloc&) {
   }
-  // The path may have come to name another file since the lock was taken, on which nobody waits.
-  if (result == ZrResult::kOk && isLocked() && !isOpen && !IsLockOn(*state.file))
+  // The path may have come to name another file since the lock was taken, on which nobody waits; by
+  // finishing a replacement, too.
+  const bool isChecked = isOpen && state.file == m_file;
+  if (result == ZrResult::kOk && isLocked() && !isChecked && !IsLockOn(*state.file))
     result = ZrResult::kNotUsable;
   if (result == ZrResult::kOk) {
     Publish(state);
