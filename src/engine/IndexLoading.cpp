@@ -78,8 +78,7 @@ bool ZrCompactFile::HasOnlyOtherTiles() const {
   if (m_pMap != nullptr) m_pMap->Forget();
   const std::uint64_t got = m_pMap != nullptr ? m_pMap->ReadUpTo(0, now, sizeof now)
                                               : m_file->ReadUpTo(0, now, sizeof now);
-  return got == sizeof now &&
-         std::equal(m_headerOnDisk.begin(), m_headerOnDisk.end(), now) &&
+  return got == sizeof now && std::equal(m_headerOnDisk.begin(), m_headerOnDisk.end(), now) &&
          std::equal(index.begin(), index.end(), now + Format::kHeaderSize);
 }
 
@@ -234,14 +233,9 @@ bool ZrCompactFile::ReadSharedSlot(unsigned int row, unsigned int col,
   }
   const auto cell = FindCell(row, col);
   if (!cell) return false;
-  const std::uint64_t position =
-      Format::GridEntryOffset(Format::HeaderView(m_header).IndexOffset(), *cell);
-  unsigned char bytes[Format::kGridEntrySize];
-  const std::uint64_t got =
-      m_pMap != nullptr ? Io::ReadSharedEntries(*m_pMap, position, bytes, sizeof bytes, m_bSwap)
-                        : Io::ReadSharedEntries(*m_file, position, bytes, sizeof bytes, m_bSwap);
-  if (got != sizeof bytes) return ReadGridSlot(row, col, entry);  // an index that was cut short
-  entry = {*cell, LoadScalar<std::uint64_t>(bytes, m_bSwap)};
+  std::uint64_t stored;
+  if (!m_pIndex->ReadNewValue(*cell, m_pMap.get(), stored)) return false;
+  entry = {*cell, stored};
   return true;
 }
 

@@ -456,8 +456,8 @@ TEST_F(CompactionToFinish, ByWhoeverComes) {
   }
 }
 
-// A file that cannot be written is finished under its name: nobody else waits for who has locked the
-// one of before.
+// A file that cannot be written is finished under its name: nobody else waits for who has locked
+// the one of before.
 TEST_F(CompactionToFinish, AsAnotherFileThatIsNotLockedYet) {
   PutBack();
   ASSERT_EQ(object.Open(path, u"secret", kLocked), 0U);

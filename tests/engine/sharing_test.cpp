@@ -16,6 +16,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "FileSyscalls.h"
@@ -266,7 +267,9 @@ TEST_F(Sharing, AnEntryIsFilledWhileItIsRead) {
       const Tile whole = {0, Payload(col, 1), Payload(col, 1).size()};
       g_between = [&] { ASSERT_EQ(Store(0, col, whole.payload, 1), 0U); };
       ZrCompactFile::ZrVerifySummary summary;
-      if (col < 108) ASSERT_EQ(Store(0, col - 100, "has the index loaded again", 1), 0U);
+      if (col < 108) {
+        ASSERT_EQ(Store(0, col - 100, "has the index loaded again", 1), 0U);
+      }
       g_cut = static_cast<off_t>(64 + 12 + 8 * col + col % 8);
       if (col < 116) {
         const Tile tile = ReadTile(fresh, 0, col, 1);
@@ -278,6 +281,47 @@ TEST_F(Sharing, AnEntryIsFilledWhileItIsRead) {
     }
     fresh.Close();
   }
+}
+
+// One who joins a reader finds what has been stored since that one began, where the file cannot be
+// mapped, too; and no cell is empty only because it was.
+TEST_F(Sharing, WhatIsEmptyInMemoryIsLookedUpInTheFile) {
+  MakeGrid(1, 2, false, kLocked);
+  GetFileSyscalls().mmap = [](void*, size_t, int, int, int, off_t) { return MAP_FAILED; };
+  for (const auto mode : {kLocked, kLocked | ZrCompactFile::kMapped}) {
+    const unsigned int col = mode == kLocked ? 0 : 1;
+    ASSERT_EQ(fresh.Open(path, u"", mode), 0U);
+    const auto look = [&] {
+      EXPECT_EQ(ReadTile(fresh, 0, col, 1).result, 5U);
+      const auto pread = GetFileSyscalls().pread;
+      GetFileSyscalls().pread = [](int, void*, size_t, off_t) -> ssize_t { return -1; };
+      EXPECT_EQ(ReadTile(fresh, 0, col, 1).result, 9U);
+      GetFileSyscalls().pread = pread;
+      EXPECT_EQ(Store(0, col, "new", 1), 0U);
+      EXPECT_EQ(ReadTile(fresh, 0, col, 1).payload, "new");
+      fresh.Close();
+    };
+    ZrCompactFile::ZrVerifySummary summary;
+    const auto pause = [&](auto, auto) {
+      std::thread(look).join();
+      return false;
+    };
+    EXPECT_EQ(fresh.Verify(summary, {}, pause), 1U);
+    fresh.Close();
+  }
+}
+
+TEST_F(Sharing, ARecordIsBeingWrittenWhenACheckBegins) {
+  static off_t s_length = 100;  // of the file as the check finds it: within the record's head
+  MakeGrid(1, 2);
+  ASSERT_EQ(Store(0, 0, "tile", 1), 0U);
+  GetFileSyscalls().fstat = [](int fd, struct stat* status) {
+    const int result = ::fstat(fd, status);
+    status->st_size = std::min(status->st_size, std::exchange(s_length, status->st_size));
+    return result;
+  };
+  ZrCompactFile::ZrVerifySummary summary;
+  EXPECT_EQ(object.Verify(summary, {}), 0U);
 }
 
 TEST_F(Sharing, OpenersOfAMissingFileMakeOne) {
