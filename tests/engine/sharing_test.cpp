@@ -315,10 +315,9 @@ TEST_F(Sharing, ARecordIsBeingWrittenWhenACheckBegins) {
   static off_t s_length = 100;  // of the file as the check finds it: within the record's head
   MakeGrid(1, 2);
   ASSERT_EQ(Store(0, 0, "tile", 1), 0U);
-  GetFileSyscalls().fstat = [](int fd, struct stat* status) {
-    const int result = ::fstat(fd, status);
-    status->st_size = std::min(status->st_size, std::exchange(s_length, status->st_size));
-    return result;
+  GetFileSyscalls().lseek = [](int fd, off_t offset, int whence) {
+    const off_t result = ::lseek(fd, offset, whence);
+    return whence == SEEK_END ? std::min(result, std::exchange(s_length, result)) : result;
   };
   ZrCompactFile::ZrVerifySummary summary;
   EXPECT_EQ(object.Verify(summary, {}), 0U);
@@ -462,6 +461,47 @@ char RestingState(pid_t process) {
     std::getline(file, line);
     const char state = line.at(line.rfind(')') + 2);
     if (state == 'S' || state == 'Z') return state;
+  }
+}
+
+TEST_F(Sharing, AStoreWaitsForACheckThatItMightDisturb) {
+  const ZrByteArray data = Data("tile");
+  std::vector<unsigned int> results;
+  // A new tile, by the object that checks; of other objects, entries of several, and names.
+  const std::function<unsigned int()> stores[] = {
+      [&] { return Store(0, 1, "tile", 1); },
+      [&] {
+        return object.SetBatch({{0, 1, &data, 0, 0, 1}}, results);
+      },
+      [&] {
+        return object.SetBatch({{u"name", &data, 0, 0, 1}}, results);
+      }};
+  for (const auto& store : stores) {
+    const bool isOwn = &store == &stores[0], isNamed = &store == &stores[2];
+    const ZrCompactFile::ZrOpenMode mode = ZrCompactFile::kReplace | (isOwn ? kMode : kLocked);
+    if (isNamed)
+      ASSERT_EQ(object.Create(path, 8ULL, u"", mode) +
+                    object.SetAt(u"name", Data("rewritten"), 0, 0, 1) + fresh.Open(path, u"", mode),
+                0U);
+    else
+      ASSERT_EQ(object.Create(path, 1, 2, u"", mode) + fresh.Open(path, u"", mode), 0U);
+    std::thread storing;
+    const auto start = [&](auto, auto) {
+      if (storing.joinable()) return true;
+      std::atomic<pid_t> thread = 0;
+      storing = std::thread([&] {
+        thread = ::gettid();
+        EXPECT_EQ(store(), 0U);
+      });
+      while (thread == 0)
+        std::this_thread::yield();
+      return RestingState(thread) == 'S';
+    };
+    ZrCompactFile::ZrVerifySummary summary;
+    EXPECT_EQ((isOwn ? object : fresh).Verify(summary, {}, start), 0U);
+    storing.join();
+    fresh.Close();
+    object.Close();
   }
 }
 

@@ -150,10 +150,10 @@ TEST_F(ProcessTest, AReservationKeepsOutWritersAndThenReadersAsWell) {
     });
     EXPECT_TRUE(upgrading.Succeeds());
     const Child freeing([&] { return ::usleep(20000) == 0 && (reader.Kill(), true); });
-    EXPECT_TRUE(owner.ExcludeReaders());  // once the reader is gone
+    EXPECT_TRUE(owner.WriterLock(0));  // once the reader is gone
   }
   const Child late = Holder(false);
-  EXPECT_TRUE(late.IsStuck() && owner.WriterLock(0));
+  EXPECT_TRUE(late.IsStuck() && owner.ExcludeReaders());
   for (int depth = 3; depth > 0; --depth) {
     EXPECT_TRUE(owner.isLocked() && writer.IsStuck() && late.IsStuck());
     owner.WriterUnlock();
@@ -194,7 +194,7 @@ TEST_F(ProcessTest, OneWhoMayNotWriteSeesWhatWasWrittenBesideHim) {
   Owner looking(path);
   GetFileSyscalls().open = open;
   Owner storing(path);
-  EXPECT_TRUE(looking.WriterLock(1) && storing.ReservedLock(0));
+  EXPECT_TRUE(looking.ReservedLock(1) && looking.ExcludeReaders() && storing.ReservedLock(0));
   Put(path, 3);
   storing.WriterUnlock();
   looking.WriterUnlock();
