@@ -48,8 +48,10 @@ unsigned int ZrCompactFile::RefreshIndex() {
                            state);
   } catch (const std::bad_alloc&) {
   }
-  // The path may have come to name another file since the lock was taken, on which nobody waits.
-  if (result == ZrResult::kOk && isLocked() && !isOpen && !IsLockOn(*state.file))
+  // The path may have come to name another file since the lock was taken, on which nobody waits; by
+  // finishing a replacement, too.
+  const bool isChecked = isOpen && state.file == m_file;
+  if (result == ZrResult::kOk && isLocked() && !isChecked && !IsLockOn(*state.file))
     result = ZrResult::kNotUsable;
   if (result == ZrResult::kOk) {
     Publish(state);
@@ -76,8 +78,7 @@ bool ZrCompactFile::HasOnlyOtherTiles() const {
   if (m_pMap != nullptr) m_pMap->Forget();
   const std::uint64_t got = m_pMap != nullptr ? m_pMap->ReadUpTo(0, now, sizeof now)
                                               : m_file->ReadUpTo(0, now, sizeof now);
-  return got == sizeof now &&
-         std::equal(m_headerOnDisk.begin(), m_headerOnDisk.end(), now) &&
+  return got == sizeof now && std::equal(m_headerOnDisk.begin(), m_headerOnDisk.end(), now) &&
          std::equal(index.begin(), index.end(), now + Format::kHeaderSize);
 }
 
@@ -232,14 +233,9 @@ bool ZrCompactFile::ReadSharedSlot(unsigned int row, unsigned int col,
   }
   const auto cell = FindCell(row, col);
   if (!cell) return false;
-  const std::uint64_t position =
-      Format::GridEntryOffset(Format::HeaderView(m_header).IndexOffset(), *cell);
-  unsigned char bytes[Format::kGridEntrySize];
-  const std::uint64_t got =
-      m_pMap != nullptr ? Io::ReadSharedEntries(*m_pMap, position, bytes, sizeof bytes, m_bSwap)
-                        : Io::ReadSharedEntries(*m_file, position, bytes, sizeof bytes, m_bSwap);
-  if (got != sizeof bytes) return ReadGridSlot(row, col, entry);  // an index that was cut short
-  entry = {*cell, LoadScalar<std::uint64_t>(bytes, m_bSwap)};
+  std::uint64_t stored;
+  if (!m_pIndex->ReadNewValue(*cell, m_pMap.get(), stored)) return false;
+  entry = {*cell, stored};
   return true;
 }
 

@@ -74,6 +74,17 @@ bool IndexPages::ReadValueUnlocked(std::uint64_t entry, bool swap,
   return true;
 }
 
+bool IndexPages::ReadNewValue(std::uint64_t entry, Io::FileMap* map, std::uint64_t& value) const {
+  const std::uint64_t offset = entry * m_area.entrySize;
+  unsigned char bytes[sizeof value];
+  const bool isMapped =
+      map != nullptr && Io::ReadSharedEntries(*map, m_area.position + offset, bytes, sizeof bytes,
+                                              m_area.swap) == sizeof bytes;
+  if (!isMapped && !ReadFile(offset, bytes, sizeof bytes)) return false;
+  value = LoadScalar<std::uint64_t>(bytes, m_area.swap);
+  return true;
+}
+
 bool IndexPages::Write(std::uint64_t offset, const void* source, std::uint64_t size) {
   if (offset > m_area.size || size > m_area.size - offset) return false;
   const std::lock_guard guard(m_mutex);
@@ -97,7 +108,10 @@ bool IndexPages::LoadPages(std::uint64_t offset, std::uint64_t size,
   const std::uint64_t end = PageCount(offset + size);
   for (std::uint64_t page = offset / kPageSize; page < end; ++page) {
     if (IsLoaded(page)) continue;
-    if (!LoadPage(page) || (header != nullptr && !HasHeader(*header))) return false;
+    const std::uint64_t begin = page * kPageSize;
+    const std::uint64_t now = std::min(kPageSize, m_area.size - begin);
+    if (!ReadFile(begin, m_bytes.Get() + begin, now) || (header != nullptr && !HasHeader(*header)))
+      return false;
     const auto bit = static_cast<unsigned char>(1U << page % 8);
     std::atomic_ref(m_loaded.Get()[page / 8]).fetch_or(bit, std::memory_order_release);
   }
@@ -117,19 +131,16 @@ bool IndexPages::HasHeader(const Format::HeaderImage& header) const {
   return m_file->ReadAt(0, now.data(), now.size()) && now == header;
 }
 
-bool IndexPages::LoadPage(std::uint64_t page) {
-  const std::uint64_t begin = page * kPageSize;
-  const std::uint64_t size = std::min(kPageSize, m_area.size - begin);
-  unsigned char* bytes = m_bytes.Get() + begin;
-  const std::uint64_t position = m_area.position + begin;
-  const std::uint64_t got = m_area.isShared
-                                ? Io::ReadSharedEntries(*m_file, position, bytes, size, m_area.swap)
-                                : m_file->ReadUpTo(position, bytes, size);
+bool IndexPages::ReadFile(std::uint64_t offset, unsigned char* target, std::uint64_t size) const {
+  const std::uint64_t position = m_area.position + offset;
+  const std::uint64_t got =
+      m_area.isShared ? Io::ReadSharedEntries(*m_file, position, target, size, m_area.swap)
+                      : m_file->ReadUpTo(position, target, size);
   if (got == size) return true;
   // Only the end of the file makes entries empty; an entry that cannot be read is not one.
   std::uint64_t length;
   if (!m_file->GetLength(length) || length > position + got) return false;
-  std::memset(bytes + got, 0, size - got);
+  std::memset(target + got, 0, size - got);
   return true;
 }
 

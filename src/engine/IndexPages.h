@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 
+#include "FileMap.h"
 #include "Header.h"
 #include "Layout.h"
 #include "ZrFile64.h"
@@ -73,6 +74,9 @@ class IndexPages {
   /// disk when this index was loaded, and the page of the entry had to be read.
   bool ReadValueUnlocked(std::uint64_t entry, bool swap, const Format::HeaderImage& header,
                          std::uint64_t& value);
+  /// The same as it is in the file now, whatever is in memory; from a map of it, if there is one
+  /// that reaches so far.
+  bool ReadNewValue(std::uint64_t entry, Io::FileMap* map, std::uint64_t& value) const;
   /// Changes whole entries in memory, for one who has written them to the file.
   bool Write(std::uint64_t offset, const void* source, std::uint64_t size);
   /// Forgets all pages; they are read again when asked for.
@@ -99,7 +103,7 @@ class IndexPages {
   bool LoadPages(std::uint64_t offset, std::uint64_t size, const Format::HeaderImage* header);
   bool IsLoaded(std::uint64_t page) const;
   bool HasHeader(const Format::HeaderImage& header) const;
-  bool LoadPage(std::uint64_t page);
+  bool ReadFile(std::uint64_t offset, unsigned char* target, std::uint64_t size) const;
   std::atomic_ref<std::uint64_t> ValueAt(std::uint64_t offset);
 
   const std::shared_ptr<const ZrFile64> m_file;

@@ -249,11 +249,12 @@ void Verifier::CheckOlderVersion(std::uint32_t entry) {
 }
 
 bool Verifier::IsPlace(std::uint64_t position) {
-  if (position >= m_fileLength) LookForGrowth();
+  if (position + kUsualHead > m_fileLength) LookForGrowth();
   return position < m_fileLength && m_index.LeavesRoom(position, 1);
 }
 
-// What was stored since the check began lies behind what was the end of the file then.
+// What was stored since the check began lies behind what was the end of the file then; or across
+// it, if the record was just being written.
 void Verifier::LookForGrowth() {
   std::uint64_t length;
   if (m_file.GetLength(length)) m_fileLength = std::max(m_fileLength, length);

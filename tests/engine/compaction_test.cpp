@@ -18,6 +18,7 @@
 #include "engine/EngineFixture.h"
 #include "support/PowerLoss.h"
 #include "support/RawFile.h"
+#include "support/SyscallFaults.h"
 
 namespace Zarn {
 namespace {
@@ -453,6 +454,22 @@ TEST_F(CompactionToFinish, ByWhoeverComes) {
     ASSERT_EQ(file.Remove(1, 0, 1) + file.Remove(1, 1, 1), 0U);
     ASSERT_EQ(ReadAll(file), m_expected);
   }
+}
+
+// A file that cannot be written is finished under its name: nobody else waits for who has locked
+// the one of before.
+TEST_F(CompactionToFinish, AsAnotherFileThatIsNotLockedYet) {
+  PutBack();
+  ASSERT_EQ(object.Open(path, u"secret", kLocked), 0U);
+  Leave();
+  {
+    const SyscallFaults faults;
+    GetFileSyscalls().ftruncate = [](int, off_t) { return -1; };
+    EXPECT_EQ(Store(1, 0, "unlocked", 1), 10U);
+  }
+  EXPECT_FALSE(ZrFile::IsExist(TemporaryPath()));
+  EXPECT_EQ(Read(1, 0, 1).result, 5U) << "locked by now";
+  ExpectAllThere();
 }
 
 // What is left of a container that is marked is not thrown away by one who has it open still.

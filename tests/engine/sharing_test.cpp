@@ -16,6 +16,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "FileSyscalls.h"
@@ -282,6 +283,46 @@ TEST_F(Sharing, AnEntryIsFilledWhileItIsRead) {
   }
 }
 
+// One who joins a reader finds what has been stored since that one began, where the file cannot be
+// mapped, too; and no cell is empty only because it was.
+TEST_F(Sharing, WhatIsEmptyInMemoryIsLookedUpInTheFile) {
+  MakeGrid(1, 2, false, kLocked);
+  GetFileSyscalls().mmap = [](void*, size_t, int, int, int, off_t) { return MAP_FAILED; };
+  for (const auto mode : {kLocked, kLocked | ZrCompactFile::kMapped}) {
+    const unsigned int col = mode == kLocked ? 0 : 1;
+    ASSERT_EQ(fresh.Open(path, u"", mode), 0U);
+    const auto look = [&] {
+      EXPECT_EQ(ReadTile(fresh, 0, col, 1).result, 5U);
+      const auto pread = GetFileSyscalls().pread;
+      GetFileSyscalls().pread = [](int, void*, size_t, off_t) -> ssize_t { return -1; };
+      EXPECT_EQ(ReadTile(fresh, 0, col, 1).result, 9U);
+      GetFileSyscalls().pread = pread;
+      EXPECT_EQ(Store(0, col, "new", 1), 0U);
+      EXPECT_EQ(ReadTile(fresh, 0, col, 1).payload, "new");
+      fresh.Close();
+    };
+    ZrCompactFile::ZrVerifySummary summary;
+    const auto pause = [&](auto, auto) {
+      std::thread(look).join();
+      return false;
+    };
+    EXPECT_EQ(fresh.Verify(summary, {}, pause), 1U);
+    fresh.Close();
+  }
+}
+
+TEST_F(Sharing, ARecordIsBeingWrittenWhenACheckBegins) {
+  static off_t s_length = 100;  // of the file as the check finds it: within the record's head
+  MakeGrid(1, 2);
+  ASSERT_EQ(Store(0, 0, "tile", 1), 0U);
+  GetFileSyscalls().lseek = [](int fd, off_t offset, int whence) {
+    const off_t result = ::lseek(fd, offset, whence);
+    return whence == SEEK_END ? std::min(result, std::exchange(s_length, result)) : result;
+  };
+  ZrCompactFile::ZrVerifySummary summary;
+  EXPECT_EQ(object.Verify(summary, {}), 0U);
+}
+
 TEST_F(Sharing, OpenersOfAMissingFileMakeOne) {
   constexpr unsigned int kProcesses = 8, kRounds = 200;
   const auto pathOf = [&](unsigned int round) { return folder.GetPath(std::to_string(round)); };
@@ -420,6 +461,47 @@ char RestingState(pid_t process) {
     std::getline(file, line);
     const char state = line.at(line.rfind(')') + 2);
     if (state == 'S' || state == 'Z') return state;
+  }
+}
+
+TEST_F(Sharing, AStoreWaitsForACheckThatItMightDisturb) {
+  const ZrByteArray data = Data("tile");
+  std::vector<unsigned int> results;
+  // A new tile, by the object that checks; of other objects, entries of several, and names.
+  const std::function<unsigned int()> stores[] = {
+      [&] { return Store(0, 1, "tile", 1); },
+      [&] {
+        return object.SetBatch({{0, 1, &data, 0, 0, 1}}, results);
+      },
+      [&] {
+        return object.SetBatch({{u"name", &data, 0, 0, 1}}, results);
+      }};
+  for (const auto& store : stores) {
+    const bool isOwn = &store == &stores[0], isNamed = &store == &stores[2];
+    const ZrCompactFile::ZrOpenMode mode = ZrCompactFile::kReplace | (isOwn ? kMode : kLocked);
+    if (isNamed)
+      ASSERT_EQ(object.Create(path, 8ULL, u"", mode) +
+                    object.SetAt(u"name", Data("rewritten"), 0, 0, 1) + fresh.Open(path, u"", mode),
+                0U);
+    else
+      ASSERT_EQ(object.Create(path, 1, 2, u"", mode) + fresh.Open(path, u"", mode), 0U);
+    std::thread storing;
+    const auto start = [&](auto, auto) {
+      if (storing.joinable()) return true;
+      std::atomic<pid_t> thread = 0;
+      storing = std::thread([&] {
+        thread = ::gettid();
+        EXPECT_EQ(store(), 0U);
+      });
+      while (thread == 0)
+        std::this_thread::yield();
+      return RestingState(thread) == 'S';
+    };
+    ZrCompactFile::ZrVerifySummary summary;
+    EXPECT_EQ((isOwn ? object : fresh).Verify(summary, {}, start), 0U);
+    storing.join();
+    fresh.Close();
+    object.Close();
   }
 }
 

@@ -128,10 +128,12 @@ AtPath ZrProcess::Impl::Look() {
 }
 
 // A writer's state is that of the file after its writes, too: nobody else has written meanwhile.
-// Without a watch that gives no version, for times do not tell one write from the next.
+// Without a watch that gives no version, for times do not tell one write from the next. Beside one
+// who may not write, somebody else may have.
 void ZrProcess::Impl::Unlock() {
   if (!IsHeld() || --m_depth > 0) return;
-  if (m_lock.GetMode() != LockMode::kShared) m_version = WatchVersion(m_watch.Poll());
+  if (m_lock.GetMode() != LockMode::kShared && !m_lock.IsReadOnly())
+    m_version = WatchVersion(m_watch.Poll());
   m_loadedVersion = m_isLoaded ? m_version : FileVersion();
   m_lock.Unlock();
 }
