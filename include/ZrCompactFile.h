@@ -413,7 +413,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool IsNaming() const;
   bool GetNamingIdxValue(const Engine::NameKey& key, ZrByteArray& buffer,
                          Engine::NameSlot& slot) const;
-  Io::NameRead GetKeyString(unsigned long long recordPosition, ZrByteArray& key) const;
+  Io::NameRead GetKeyString(unsigned long long recordPosition, unsigned long long most,
+                            ZrByteArray& key) const;
   std::optional<bool> HasName(const Engine::TileEntry& entry, const Engine::NameKey& key,
                               ZrByteArray& buffer) const;
   bool UpdateNamingIndex(Engine::NameSlot& slot);

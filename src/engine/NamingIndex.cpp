@@ -70,7 +70,7 @@ bool ZrCompactFile::GetNamingIdxValue(const NameKey& key, ZrByteArray& buffer,
 // is damaged has another one.
 std::optional<bool> ZrCompactFile::HasName(const TileEntry& entry, const NameKey& key,
                                            ZrByteArray& buffer) const {
-  switch (GetKeyString(entry.position, buffer)) {
+  switch (GetKeyString(entry.position, key.GetMostStored(), buffer)) {
     case Io::NameRead::kRead:
       return key.Matches(buffer.GetData(), buffer.GetSize());
     case Io::NameRead::kNone:
@@ -80,10 +80,11 @@ std::optional<bool> ZrCompactFile::HasName(const TileEntry& entry, const NameKey
   }
 }
 
-Io::NameRead ZrCompactFile::GetKeyString(unsigned long long recordPosition,
+Io::NameRead ZrCompactFile::GetKeyString(unsigned long long recordPosition, unsigned long long most,
                                          ZrByteArray& key) const {
   if (!IsRecordPlace(recordPosition, Format::kNameOffset)) return Io::NameRead::kNone;
-  return Io::RecordReader(*m_file, Format::kNamingFile, m_bSwap).ReadName(recordPosition, key);
+  return Io::RecordReader(*m_file, Format::kNamingFile, m_bSwap)
+      .ReadName(recordPosition, most, key);
 }
 
 bool ZrCompactFile::UpdateNamingIndex(NameSlot& slot) {
@@ -206,7 +207,7 @@ bool ZrCompactFile::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
     for (const Engine::NameTable::Entry& place : m_mapHashCode->Sorted()) {
       std::uint64_t value;
       if (!m_pIndex->ReadValue(place.slot, m_bSwap, value)) return false;
-      const auto read = GetKeyString(Format::PositionOf(value), key);
+      const auto read = GetKeyString(Format::PositionOf(value), UINT32_MAX, key);
       if (read == Io::NameRead::kFailed) return false;
       if (read == Io::NameRead::kNone) continue;
       if (key.GetSize() > left) return false;

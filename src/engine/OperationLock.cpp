@@ -21,12 +21,12 @@ OperationLock::OperationLock(ZrCompactFile& object, Kind kind)
     : m_object(object), m_kind(kind), m_mutex(object.m_mutex, std::defer_lock) {
   if (kind == kReader && ShareLookups()) return;
   m_mutex.lock();
-  if (kind == kLongReader) ++object.m_nLongReaders;
   try {
     if (object.m_bOpened) Acquire();
   } catch (const std::bad_alloc&) {
     m_usable = false;
   }
+  if (kind == kLongReader) ++object.m_nLongReaders;
 }
 
 bool OperationLock::ShareLookups() {
