@@ -417,6 +417,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                             ZrByteArray& key) const;
   std::optional<bool> HasName(const Engine::TileEntry& entry, const Engine::NameKey& key,
                               ZrByteArray& buffer) const;
+  bool ReadOnlySlot(std::uint64_t code, Engine::NameSlot& slot) const;
   bool UpdateNamingIndex(Engine::NameSlot& slot);
   bool AddSlots(const Engine::NameSlot* slots, unsigned long long count);
   bool WriteNamingHeader(unsigned long long indexOffset, unsigned long long capacity,

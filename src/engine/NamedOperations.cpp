@@ -61,6 +61,7 @@ unsigned int ZrCompactFile::StoreName(const ZrNameStore& store) {
   // The index grows before the name is looked up, deliberately also for one that is there.
   if (!key.IsStorable() || !IncreaseNamingIndexCapacity() || !GetNamingIdxValue(key, *buffer, slot))
     return ZrResult::kWriteFailure;
+  m_mapHashCode->Forget(slot.code);
   std::string stored;
   if (!slot.entry.HoldsRecord()) {
     slot.entry.status = Format::kStatusEmpty;
@@ -115,10 +116,7 @@ unsigned int ZrCompactFile::LookupName(const NameKey& key, OperationLock& lock, 
   const std::uint32_t candidates = m_mapHashCode->CountSame(key.GetHashCode());
   if (candidates == 0) return ZrResult::kNotFound;
   if (candidates == 1) {
-    const std::uint32_t number = *m_mapHashCode->Find(key.GetHashCode());
-    std::uint64_t value;
-    if (!m_pIndex->ReadStableValue(number, m_bSwap, value)) return ZrResult::kReadFailure;
-    slot = {{number, value}, key.GetHashCode(), false};
+    if (!ReadOnlySlot(key.GetHashCode(), slot)) return ZrResult::kReadFailure;
   } else if (!GetNamingIdxValue(key, *buffer, slot)) {
     return slot.isNew ? ZrResult::kNotFound : ZrResult::kReadFailure;
   }
@@ -144,6 +142,7 @@ unsigned int ZrCompactFile::Remove(const PelmUnicodeString& name, unsigned long 
     NameSlot slot;
     if (!GetNamingIdxValue(key, *buffer, slot) || slot.isNew) return ZrResult::kWriteFailure;
     if (!slot.entry.HoldsRecord() || !HasVersions()) return ZrResult::kOk;
+    m_mapHashCode->Forget(slot.code);
     if (!RemoveFromTile(slot.entry, version)) return ZrResult::kWriteFailure;
     return UpdateNamingIndex(slot) ? ZrResult::kOk : ZrResult::kWriteFailure;
   } catch (const std::bad_alloc&) {

@@ -202,10 +202,10 @@ bool TileCopier::ReadName(std::uint32_t slot, Name& name) {
 TileCopier::CodeSearch TileCopier::FindCode(const Name& name, std::uint64_t& code) {
   code = Format::HashUnits(name.units);
   for (;;) {
-    const auto slot = m_names.Find(code);
-    if (!slot) return CodeSearch::kFree;
+    const auto found = m_names.Find(code);
+    if (!found) return CodeSearch::kFree;
     Name other;
-    if (!ReadName(*slot, other) || !Decode(other)) return CodeSearch::kUnreadable;
+    if (!ReadName(found->slot, other) || !Decode(other)) return CodeSearch::kUnreadable;
     if (other.units == name.units) {
       const bool isSame = other.stored == name.stored && other.charset == name.charset;
       return isSame ? CodeSearch::kShadowed : CodeSearch::kTaken;
