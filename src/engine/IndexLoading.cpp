@@ -262,7 +262,8 @@ bool ZrCompactFile::WriteIndexValue(Engine::TileEntry& entry) {
     return true;
   }
   m_file->WriteAt(start + offset, &before, sizeof before);
-  if (!isNew) m_pIndex->Forget();  // lookups may be reading beside one that is new
+  m_pIndex->SetOnlyVersion(entry.number, {});  // that of the record which is not led to
+  if (!isNew) m_pIndex->Forget();              // lookups may be reading beside one that is new
   return false;
 }
 

@@ -165,7 +165,8 @@ IndexPages::OnlyVersion IndexPages::GetOnlyVersion(std::uint64_t entry) const {
 
 void IndexPages::SetOnlyVersion(std::uint64_t entry, const OnlyVersion& version) {
   auto* versions = reinterpret_cast<OnlyVersion*>(m_onlyVersions.Get());
-  if (versions != nullptr) versions[entry] = version;
+  if (versions == nullptr || versions[entry] == version) return;  // its memory is not committed
+  versions[entry] = version;
 }
 
 }  // namespace Zarn::Engine

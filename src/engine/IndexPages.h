@@ -89,6 +89,8 @@ class IndexPages {
 
   /// What the head of a tile's only version says, besides sizes.
   struct OnlyVersion {
+    bool operator==(const OnlyVersion&) const = default;
+
     std::uint64_t stamp = 0;
     std::uint64_t locator = 0;  // 0: nothing is known, the tile may have other versions
   };
