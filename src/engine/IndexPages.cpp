@@ -32,7 +32,9 @@ IndexPages::IndexPages(std::shared_ptr<const ZrFile64> file, const Area& area)
       m_bytes(area.size),
       m_loaded(BitmapSize(area.size)),
       m_hints(area.size / area.entrySize * sizeof(std::uint32_t)),
-      m_onlyVersions(area.isShared ? 0 : area.size / area.entrySize * sizeof(OnlyVersion)) {}
+      m_onlyVersions(area.isShared || area.entrySize != Format::kGridEntrySize
+                         ? 0
+                         : area.size / area.entrySize * sizeof(OnlyVersion)) {}
 
 bool IndexPages::IsUsable() const {
   return m_bytes.IsUsable() && m_loaded.IsUsable() && m_hints.IsUsable();

@@ -114,7 +114,7 @@ class IndexPages {
   ZeroMemory m_bytes;   // guarded by m_mutex; of loaded pages, read also without: values, atomic
   ZeroMemory m_loaded;  // one bit per page, atomic; changed with m_mutex held
   ZeroMemory m_hints;   // 32 bits per entry, atomic
-  ZeroMemory m_onlyVersions;  // one per entry; none in an index that is shared
+  ZeroMemory m_onlyVersions;  // one per cell; none in an index that is shared
 };
 
 }  // namespace Zarn::Engine
