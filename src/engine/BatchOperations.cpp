@@ -154,7 +154,8 @@ bool ZrCompactFile::AddToBatch(const ZrNameStore& store, std::size_t number, Sto
   tile.data = store.data;
   tile.slot = {{static_cast<std::uint32_t>(slotNumber), 0}, code, true};
   tile.slot.entry.status = Format::kStatusComplete;
-  const std::string stored = key.GetStoredBytes();
+  std::string scratch;
+  const std::string_view stored = key.GetStoredBytes(scratch);
   tile.head.resize(Format::NamingRecordHeadSize(stored.size()));
   Format::EncodeNamingRecordHead(tile.head.data(), {key.GetCharset(), stored}, HeadOf(store),
                                  m_bSwap);

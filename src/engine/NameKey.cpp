@@ -44,6 +44,7 @@ bool NameKey::Matches(const unsigned char* stored, std::uint64_t length) const {
            std::u16string_view(units.data(), static_cast<std::size_t>(count)) == m_name.GetUnits();
   }
   if (length != GetStoredLength()) return false;
+  if (!m_swap) return std::memcmp(stored, m_name.GetBuffer(), length) == 0;
   for (const char16_t unit : m_name.GetUnits()) {
     if (LoadScalar<std::uint16_t>(stored, m_swap) != unit) return false;
     stored += sizeof unit;
@@ -51,15 +52,16 @@ bool NameKey::Matches(const unsigned char* stored, std::uint64_t length) const {
   return true;
 }
 
-std::string NameKey::GetStoredBytes() const {
+std::string_view NameKey::GetStoredBytes(std::string& scratch) const {
   if (!m_isUtf16) return m_bytes;
-  std::string bytes(GetStoredLength(), '\0');
+  if (!m_swap) return {reinterpret_cast<const char*>(m_name.GetBuffer()), GetStoredLength()};
+  scratch.resize(GetStoredLength());
   std::size_t at = 0;
   for (const char16_t unit : m_name.GetUnits()) {
-    StoreScalar<std::uint16_t>(&bytes[at], unit, m_swap);
+    StoreScalar<std::uint16_t>(&scratch[at], unit, m_swap);
     at += sizeof unit;
   }
-  return bytes;
+  return scratch;
 }
 
 }  // namespace Zarn::Engine

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "PelmUnicodeString.h"
 
@@ -33,13 +34,13 @@ class NameKey {
   std::uint64_t GetMostStored() const { return m_isUtf16 ? GetStoredLength() : UINT32_MAX; }
 
   std::uint32_t GetCharset() const { return m_charset; }
-  /// The bytes for a record.
-  std::string GetStoredBytes() const;
+  /// The bytes for a record: those of the name itself, or made in `scratch`.
+  std::string_view GetStoredBytes(std::string& scratch) const;
 
  private:
   const PelmUnicodeString& m_name;
   bool m_swap;
-  bool m_isUtf16;
+  bool m_isUtf16;  // and in this host's byte order, if not m_swap
   bool m_storable = true;
   std::uint64_t m_code;
   std::uint32_t m_charset;

@@ -62,10 +62,11 @@ unsigned int ZrCompactFile::StoreName(const ZrNameStore& store) {
   if (!key.IsStorable() || !IncreaseNamingIndexCapacity() || !GetNamingIdxValue(key, *buffer, slot))
     return ZrResult::kWriteFailure;
   m_mapHashCode->Forget(slot.code);
-  std::string stored;
+  std::string scratch;
+  std::string_view stored;
   if (!slot.entry.HoldsRecord()) {
     slot.entry.status = Format::kStatusEmpty;
-    stored = key.GetStoredBytes();
+    stored = key.GetStoredBytes(scratch);
   }
   if (!StoreIntoTile(slot.entry, {*store.data, *span, store.version, {key.GetCharset(), stored}}))
     return ZrResult::kWriteFailure;
