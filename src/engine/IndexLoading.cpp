@@ -32,6 +32,7 @@ bool ZrCompactFile::ProcessLockInit() {
 unsigned int ZrCompactFile::RefreshIndex() {
   const std::lock_guard lock(m_mutex);
   const Engine::LookupBarrier barrier(*this);
+  if (m_pMap != nullptr) m_pMap->Forget();
   if (HasOnlyOtherTiles()) {
     ForgetTiles();
     SetStateLoaded(true);
@@ -75,7 +76,6 @@ bool ZrCompactFile::HasOnlyOtherTiles() const {
     return false;
   const auto index = Format::EncodeGridHeader({m_nRowCount, m_nColCount, m_nGridFlags}, m_bSwap);
   unsigned char now[Format::kHeaderSize + Format::kGridHeaderSize];
-  if (m_pMap != nullptr) m_pMap->Forget();
   const std::uint64_t got = m_pMap != nullptr ? m_pMap->ReadUpTo(0, now, sizeof now)
                                               : m_file->ReadUpTo(0, now, sizeof now);
   return got == sizeof now && std::equal(m_headerOnDisk.begin(), m_headerOnDisk.end(), now) &&
