@@ -48,6 +48,7 @@ class OperationLock;
 struct FileState;
 struct BatchSource;
 struct NameSlot;
+struct RecordBackup;
 struct RecordReference;
 class StoreBatch;
 struct TileEntry;
@@ -476,15 +477,19 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned long long MoveHome(Engine::RecordReference& reference, unsigned long long copy,
                               unsigned long long home, const Format::RecordImage& image,
                               const Engine::TileStore* store);
+  bool BackUp(Engine::RecordBackup& backup, unsigned long long position, unsigned long long size);
+  void PutBack(const Engine::RecordBackup& backup);
   unsigned long long RewriteRecord(Engine::RecordReference& reference, unsigned long long position,
-                                   const Format::RecordImage& image);
+                                   const Format::RecordImage& image, Engine::RecordBackup& backup);
   bool UpdateSwapData(Format::RecordImage& image, const Engine::TileStore& store);
   unsigned long long AppendSwapData(Format::RecordImage& image, const Engine::TileStore& store);
   unsigned long long AppendNewRecord(Format::RecordImage& image, const Engine::TileStore& store);
 
   // Versions. Likewise.
-  bool StoreIntoTile(Engine::TileEntry& entry, const Engine::TileStore& store);
-  bool RemoveFromTile(Engine::TileEntry& entry, unsigned long long version);
+  bool StoreIntoTile(Engine::TileEntry& entry, const Engine::TileStore& store,
+                     Engine::RecordBackup& backup);
+  bool RemoveFromTile(Engine::TileEntry& entry, unsigned long long version,
+                      Engine::RecordBackup& backup);
   unsigned int GetStatusAndVersionOrder(Format::RecordImage& image, unsigned int& index,
                                         unsigned long long recordPosition,
                                         unsigned long long version);
@@ -497,12 +502,17 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                                        Format::RecordImage& image, unsigned int index,
                                        const Engine::TileStore& store);
   unsigned long long ReplaceVersion(Engine::RecordReference& reference, unsigned long long position,
-                                    Format::RecordImage& image, const Engine::TileStore& store);
+                                    Format::RecordImage& image, const Engine::TileStore& store,
+                                    Engine::RecordBackup& backup);
+  bool ReplaceInPage(unsigned long long position, Format::RecordImage& image,
+                     const Engine::TileStore& store, Engine::RecordBackup& backup);
   bool UpdateOlderVersion(Engine::TileEntry& entry, const Format::RecordImage& image,
-                          unsigned int index, const Engine::TileStore& store);
+                          unsigned int index, const Engine::TileStore& store,
+                          unsigned long long newestLocator, Engine::RecordBackup& backup);
   bool ReadOlderHead(unsigned long long position, unsigned long long currentPosition,
                      unsigned long long stamp, Format::RecordImage& image) const;
-  bool RemoveNewest(Engine::TileEntry& entry, const Format::RecordImage& current);
+  bool RemoveNewest(Engine::TileEntry& entry, const Format::RecordImage& current,
+                    Engine::RecordBackup& backup);
   bool RecallHead(const Engine::TileEntry& entry, const Engine::TileStore& store,
                   Format::RecordImage& image) const;
   void RememberHead(const Engine::TileEntry& entry, const Format::RecordImage& image) const;

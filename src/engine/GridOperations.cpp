@@ -26,12 +26,15 @@ unsigned int ZrCompactFile::StoreCell(const ZrCellStore& store, OperationLock& l
   if (store.data == nullptr) return ZrResult::kWriteFailure;
   const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
   TileEntry entry;
+  Engine::RecordBackup backup;
   if (!span || !ReadGridSlot(store.row, store.col, entry) ||
       (entry.status != Format::kStatusEmpty && !lock.ExcludeLookups()) ||
-      !StoreIntoTile(entry, {*store.data, *span, store.version, {}}))
+      !StoreIntoTile(entry, {*store.data, *span, store.version, {}}, backup))
     return ZrResult::kWriteFailure;
   entry.FollowCompleteness(*span);
-  return WriteIndexValue(entry) ? ZrResult::kOk : ZrResult::kWriteFailure;
+  if (WriteIndexValue(entry)) return ZrResult::kOk;
+  PutBack(backup);
+  return ZrResult::kWriteFailure;
 }
 
 unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
@@ -57,8 +60,11 @@ unsigned int ZrCompactFile::Remove(unsigned int row, unsigned int col, unsigned 
     return ZrResult::kWriteFailure;
   // Without versions there is nothing that could be removed.
   if (!entry.HoldsRecord() || !HasVersions()) return ZrResult::kOk;
-  if (!RemoveFromTile(entry, version)) return ZrResult::kWriteFailure;
-  return WriteIndexValue(entry) ? ZrResult::kOk : ZrResult::kWriteFailure;
+  Engine::RecordBackup backup;
+  if (!RemoveFromTile(entry, version, backup)) return ZrResult::kWriteFailure;
+  if (WriteIndexValue(entry)) return ZrResult::kOk;
+  PutBack(backup);
+  return ZrResult::kWriteFailure;
 }
 
 }  // namespace Zarn

@@ -68,10 +68,14 @@ unsigned int ZrCompactFile::StoreName(const ZrNameStore& store) {
     slot.entry.status = Format::kStatusEmpty;
     stored = key.GetStoredBytes(scratch);
   }
-  if (!StoreIntoTile(slot.entry, {*store.data, *span, store.version, {key.GetCharset(), stored}}))
+  Engine::RecordBackup backup;
+  if (!StoreIntoTile(slot.entry, {*store.data, *span, store.version, {key.GetCharset(), stored}},
+                     backup))
     return ZrResult::kWriteFailure;
   slot.entry.FollowCompleteness(*span);
-  return UpdateNamingIndex(slot) ? ZrResult::kOk : ZrResult::kWriteFailure;
+  if (UpdateNamingIndex(slot)) return ZrResult::kOk;
+  PutBack(backup);
+  return ZrResult::kWriteFailure;
 }
 
 unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,
@@ -144,8 +148,11 @@ unsigned int ZrCompactFile::Remove(const PelmUnicodeString& name, unsigned long 
     if (!GetNamingIdxValue(key, *buffer, slot) || slot.isNew) return ZrResult::kWriteFailure;
     if (!slot.entry.HoldsRecord() || !HasVersions()) return ZrResult::kOk;
     m_mapHashCode->Forget(slot.code);
-    if (!RemoveFromTile(slot.entry, version)) return ZrResult::kWriteFailure;
-    return UpdateNamingIndex(slot) ? ZrResult::kOk : ZrResult::kWriteFailure;
+    Engine::RecordBackup backup;
+    if (!RemoveFromTile(slot.entry, version, backup)) return ZrResult::kWriteFailure;
+    if (UpdateNamingIndex(slot)) return ZrResult::kOk;
+    PutBack(backup);
+    return ZrResult::kWriteFailure;
   } catch (const std::bad_alloc&) {
     return ZrResult::kWriteFailure;
   }

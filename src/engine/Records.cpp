@@ -157,12 +157,34 @@ unsigned long long ZrCompactFile::MoveHome(Engine::RecordReference& reference,
   return home;
 }
 
+// Keeps the bytes that a write within one page is about to replace. Such a write may stop half-way
+// all the same, as at a limit on the size of files.
+bool ZrCompactFile::BackUp(Engine::RecordBackup& backup, unsigned long long position,
+                           unsigned long long size) {
+  backup.position = position;
+  if (backup.bytes.ResizeForOverwrite(size) &&
+      m_file->ReadAt(position, backup.bytes.GetData(), size))
+    return true;
+  backup = {};
+  return false;
+}
+
+// Whatever part of these bytes could be replaced can be written again.
+void ZrCompactFile::PutBack(const Engine::RecordBackup& backup) {
+  m_file->WriteAt(backup.position, backup.bytes.GetData(), backup.bytes.GetSize());
+}
+
 // Puts the record in the image over the one at `position`, which is no shorter.
 unsigned long long ZrCompactFile::RewriteRecord(Engine::RecordReference& reference,
                                                 unsigned long long position,
-                                                const Format::RecordImage& image) {
-  if (!Io::SpansPages(position, image.Head().length))
-    return WriteDataToDataFile(position, false, image);
+                                                const Format::RecordImage& image,
+                                                Engine::RecordBackup& backup) {
+  if (!Io::SpansPages(position, image.Head().length)) {
+    if (!BackUp(backup, position, image.Head().length)) return 0;
+    if (WriteDataToDataFile(position, false, image) != 0) return position;
+    PutBack(backup);
+    return 0;
+  }
   return MoveHome(reference, WriteDataToDataFile(0, true, image), position, image, nullptr);
 }
 

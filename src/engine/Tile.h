@@ -36,6 +36,13 @@ struct RecordReference {
   std::uint64_t locator = 0;       // what it is now
 };
 
+/// Bytes of a record as they were before one write within a page replaced them, for the case that
+/// the operation fails after all.
+struct RecordBackup {
+  std::uint64_t position = 0;
+  ZrByteArray bytes;  // empty: nothing was replaced
+};
+
 /// What a caller stores.
 struct TileStore {
   const ZrByteArray& data;

@@ -39,7 +39,8 @@ bool IsSafeInPlace(std::uint64_t position, const Format::RecordHead& head,
 // Stores a version into a tile, whatever versions it has. `entry` then says where the tile's
 // current record is, and whether the index must be told; its status is changed only by a version
 // that is new and newest.
-bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
+bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store,
+                                  Engine::RecordBackup& backup) {
   ZrByteArray* buffer = GetSwapData();
   if (buffer == nullptr) {
     // The caller will unlock once more, and the lock takes no harm from it.
@@ -62,6 +63,7 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
   m_pIndex->SetOnlyVersion(entry.number, {});
 
   unsigned int index = 0;
+  const std::uint64_t newestLocator = image.Versions().Locator(0);
   Engine::RecordReference reference = {entry};
   switch (GetStatusAndVersionOrder(image, index, entry.position, store.version)) {
     case StorePlace::kNewest:
@@ -70,13 +72,13 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
       break;
     case StorePlace::kReplaceNewest:
       entry.status = store.span.Status();
-      entry.position = ReplaceVersion(reference, entry.position, image, store);
+      entry.position = ReplaceVersion(reference, entry.position, image, store, backup);
       break;
     case StorePlace::kInsertOlder:
       entry.position = AddOldVersionData(entry.position, image, index, store);
       break;
     default:
-      return UpdateOlderVersion(entry, image, index, store);
+      return UpdateOlderVersion(entry, image, index, store, newestLocator, backup);
   }
   RememberHead(entry, image);
   return entry.position != 0;
@@ -132,32 +134,48 @@ unsigned long long ZrCompactFile::AddOldVersionData(unsigned long long recordPos
 // then the rest of the payload area stays as it is.
 unsigned long long ZrCompactFile::ReplaceVersion(Engine::RecordReference& reference,
                                                  unsigned long long position,
-                                                 Format::RecordImage& image,
-                                                 const TileStore& store) {
+                                                 Format::RecordImage& image, const TileStore& store,
+                                                 Engine::RecordBackup& backup) {
   const bool fits = image.Head().size + store.span.capacity <= image.Head().length;
-  if (fits && IsSafeInPlace(position, image.Head(), store.span)) {
-    image.SetPayload(store.span.capacity, store.span.FilledLength());
-    return WriteHeadAndData(position, image, store) ? position : 0;
-  }
+  if (fits && IsSafeInPlace(position, image.Head(), store.span))
+    return ReplaceInPage(position, image, store, backup) ? position : 0;
   if (!store.span.CoversAll() && !ReadDataFromDataFile(position, image)) return 0;
   const unsigned long long copy = AppendSwapData(image, store);
   return fits ? MoveHome(reference, copy, position, image, &store) : copy;
 }
 
-// New data for an older version. If its record moves, the locator in the current one, whose head is
-// in the image, is told; the current record's own position never changes.
+// Of a store with an offset only the head must be replaced in one page; its data lies where nothing
+// counts yet.
+bool ZrCompactFile::ReplaceInPage(unsigned long long position, Format::RecordImage& image,
+                                  const TileStore& store, Engine::RecordBackup& backup) {
+  image.SetPayload(store.span.capacity, store.span.FilledLength());
+  const std::uint64_t data = store.span.offset == 0 ? store.span.size : 0;
+  if (!BackUp(backup, position, image.Head().size + data)) return false;
+  if (WriteHeadAndData(position, image, store)) return true;
+  PutBack(backup);
+  return false;
+}
+
+// New data for an older version. If its record moves, the current one, whose head is in the image,
+// is written again with the new locator, and with the own position that entry 0 was given;
+// `newestLocator` is entry 0's in the file. The current record's own position never changes.
 bool ZrCompactFile::UpdateOlderVersion(TileEntry& entry, const Format::RecordImage& image,
-                                       unsigned int index, const TileStore& store) {
+                                       unsigned int index, const TileStore& store,
+                                       unsigned long long newestLocator,
+                                       Engine::RecordBackup& backup) {
   Engine::RecordReference reference = {entry, entry.position + image.LocatorOffset(index),
                                        image.Versions().Locator(index)};
   const std::uint64_t position = Format::PositionOf(reference.locator);
   ZrByteArray olderBuffer;
   Format::RecordImage older = MakeImage(olderBuffer);
   if (!ReadOlderHead(position, entry.position, store.version, older)) return false;
-  const std::uint64_t newPosition = ReplaceVersion(reference, position, older, store);
+  const std::uint64_t newPosition = ReplaceVersion(reference, position, older, store, backup);
   if (newPosition == 0) return false;
   if (newPosition == position) return true;  // the locator's status deliberately stays, too
-  return ReplaceLocator(reference, LocatorOf(store, newPosition));
+  Engine::RecordReference newest = {entry, entry.position + image.LocatorOffset(0), newestLocator};
+  return (image.Versions().Locator(0) == newestLocator ||
+          ReplaceLocator(newest, image.Versions().Locator(0))) &&
+         ReplaceLocator(reference, LocatorOf(store, newPosition));
 }
 
 // Only a record whose own newest version has the stamp that it is named by, and which is not the
@@ -169,7 +187,8 @@ bool ZrCompactFile::ReadOlderHead(unsigned long long position, unsigned long lon
 }
 
 // Removes the version with exactly this stamp, if there is one. `entry` as in StoreIntoTile.
-bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version) {
+bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version,
+                                   Engine::RecordBackup& backup) {
   ZrByteArray* buffer = GetSwapData();
   if (buffer == nullptr) return false;
   m_pIndex->SetOnlyVersion(entry.number, {});
@@ -183,16 +202,17 @@ bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version)
     entry.status = Format::kStatusEmpty;
     return true;
   }
-  if (index == 0) return RemoveNewest(entry, image);
+  if (index == 0) return RemoveNewest(entry, image, backup);
   if (!ReadDataFromDataFile(entry.position, image)) return false;
   image.RemoveVersion(index);
   Engine::RecordReference reference = {entry};
-  entry.position = RewriteRecord(reference, entry.position, image);
+  entry.position = RewriteRecord(reference, entry.position, image, backup);
   return entry.position != 0;
 }
 
 // The next older version becomes the current one: its record gets the rest of the table.
-bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Format::RecordImage& current) {
+bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Format::RecordImage& current,
+                                 Engine::RecordBackup& backup) {
   const Format::VersionTable versions = current.Versions();
   const std::uint64_t locator = versions.Locator(1);
   const std::uint64_t position = Format::PositionOf(locator);
@@ -210,8 +230,9 @@ bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Format::RecordImage& cu
   entry.status = status;
   Remember(entry, older.Head().length);
   Engine::RecordReference reference = {entry};
-  entry.position = older.Head().length <= oldLength ? RewriteRecord(reference, position, older)
-                                                    : WriteDataToDataFile(0, true, older);
+  entry.position = older.Head().length <= oldLength
+                       ? RewriteRecord(reference, position, older, backup)
+                       : WriteDataToDataFile(0, true, older);
   return entry.position != 0;
 }
 

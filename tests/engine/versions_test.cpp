@@ -1,8 +1,13 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <cerrno>
+#include <csignal>
 #include <string>
+#include <tuple>
 
 #include "engine/EngineFixture.h"
+#include "support/SyscallFaults.h"
 
 namespace Zarn {
 namespace {
@@ -69,6 +74,9 @@ TEST_P(Versions, EveryKindOfStoreAndRemoval) {
   }
   EXPECT_EQ(Read(9), (Tile{0, "DDDD", 4}));
   EXPECT_EQ(Read(5), (Tile{0, "FFFFFFFF", 8}));
+  // Entry 0 that says "this record" gets its position when the current record is written again.
+  ASSERT_EQ(Store("longer than before", 5), 0U);
+  EXPECT_EQ(Check().Describe(632), "82, 11:2|632 9:1|372 5:1|714, 6/4");
   EXPECT_EQ(Read(11).filled, 4U);
   EXPECT_EQ(Read(11).payload.substr(3, 1), "I");
 }
@@ -101,6 +109,61 @@ TEST_P(Versions, WithoutVersionsATileIsNeverRewritten) {
   EXPECT_EQ(Read(1).payload, std::string("first\0\0\0", 8));
   EXPECT_EQ(object.Remove(0, 0, 1), 0U);
   EXPECT_EQ(Read(1).result, 0U);
+}
+
+// Wherever a limit on the size of files lies, and whichever call fails: what answers 10 has changed
+// nothing. All records lie in one page.
+TEST_P(Versions, AChangeWithinAPageThatFailsIsTakenBack) {
+  using Operation = unsigned int (*)(Versions & test);
+  const Operation operations[] = {
+      [](Versions& t) { return t.Store("NEWEST", 3); },  // completes it
+      [](Versions& t) { return t.Store("NE", 3, 6); },
+      [](Versions& t) { return t.Store("123", 2); },
+      [](Versions& t) { return t.object.Remove(0, 0, 2); },
+      [](Versions& t) { return t.object.Remove(0, 0, 3); },
+  };
+  ASSERT_EQ(Store("one", 1) + Store("two", 2) + Store("new", 3, 6), 0U);
+  object.Close();
+  const Support::Bytes good = Support::ReadFile(path);
+  const auto state = [&] { return std::tuple(Read(1), Read(2), Read(3), object.GetStatus(0, 0)); };
+  for (const Operation& operation : operations) {
+    SCOPED_TRACE(&operation - operations);
+    // Runs the operation under the n-th fault of a kind; true while there is one.
+    const auto runs = [&](auto fault, std::size_t n) {
+      object.Close();
+      Support::WriteFile(path, good);
+      Reopen();
+      const auto before = state();
+      const auto [result, strikes] = fault(n);
+      EXPECT_TRUE(result == 0 || (result == 10 && strikes)) << n << ": " << result;
+      EXPECT_EQ(state() == before, result == 10) << n;
+      return strikes;
+    };
+    const auto failingCall = [&](std::size_t n) {
+      SyscallFaults faults;
+      faults.FailCall(n, EIO);
+      const unsigned int result = operation(*this);
+      return std::pair(result, faults.HasFailed());
+    };
+    const auto limit = [&](std::size_t n) {
+      rlimit old;
+      ::getrlimit(RLIMIT_FSIZE, &old);
+      const rlimit now = {84 + n, old.rlim_max};
+      const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+      ::setrlimit(RLIMIT_FSIZE, &now);
+      const unsigned int result = operation(*this);
+      ::setrlimit(RLIMIT_FSIZE, &old);
+      std::signal(SIGXFSZ, handler);
+      return std::pair(result, result != 0);
+    };
+    for (std::size_t n = 1; runs(failingCall, n); ++n) {
+    }
+    std::size_t room = 0;
+    while (room < good.size() && runs(limit, room))
+      ++room;
+    EXPECT_GT(room, 40U);
+    EXPECT_LT(room, good.size());
+  }
 }
 
 TEST_P(Versions, DamageIsReportedAndChangesNothing) {
