@@ -19,6 +19,7 @@
 #include "ZrByteArray.h"
 #include "ZrCacheFile.h"
 #include "ZrFile64.h"
+#include "ZrFilledLength.h"
 #include "ZrMutex.h"
 #include "ZrProcess.h"
 #include "ZrResult.h"
@@ -286,6 +287,15 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// outside the grid and for a damaged record; then `data` is untouched and `filledLength` 0.
   unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                       unsigned long long& filledLength, unsigned long long version);
+  /// The same for a std::uint64_t.
+  template <typename Length>
+  ZrForUint64<Length, unsigned int> Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
+                                           Length& filledLength, unsigned long long version) {
+    unsigned long long filled = filledLength;
+    const unsigned int result = Lookup(row, col, data, filled, version);
+    filledLength = filled;
+    return result;
+  }
 
   /// Removes the version with exactly this stamp. kOk, also if there is none, or if the file keeps
   /// no versions; kWriteFailure if nothing is open, for a cell outside the grid, a file opened for
@@ -305,7 +315,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
 
   /// Status of a cell; kUnknown if it cannot be read. The index is as it was when it was last
   /// looked at under the lock, or newer. Lock-free, unless another process is compacting the file
-  /// at that moment, or has done so since: then it may wait as a lookup would.
+  /// at that moment, or has done so or replaced the file since: then it may wait as a lookup would.
+  /// With kProcessLock, kUnknown once the file has lost its path.
   ZrStatus GetStatus(unsigned int row, unsigned int col) const;
   /// Index value of a cell: status in the top byte, record position below. As GetStatus.
   bool GetGridIdxValue(unsigned int row, unsigned int col, unsigned long long& value) const;
@@ -336,6 +347,15 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// untouched.
   unsigned int Lookup(const PelmUnicodeString& name, ZrByteArray& data,
                       unsigned long long& filledLength, unsigned long long version);
+  /// The same for a std::uint64_t.
+  template <typename Length>
+  ZrForUint64<Length, unsigned int> Lookup(const PelmUnicodeString& name, ZrByteArray& data,
+                                           Length& filledLength, unsigned long long version) {
+    unsigned long long filled = filledLength;
+    const unsigned int result = Lookup(name, data, filled, version);
+    filledLength = filled;
+    return result;
+  }
   /// Removes the version with exactly this stamp. kOk, also if the name has no such version;
   /// kWriteFailure for a name that was never stored, and as for cells.
   unsigned int Remove(const PelmUnicodeString& name, unsigned long long version);
@@ -386,10 +406,10 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                    ZrOpenMode mode);
   unsigned int OpenContainer(const PelmUnicodeString& path, const PelmUnicodeString& password,
                              ZrOpenMode mode);
+  void DetachCacheFile();
   unsigned int Join();
   unsigned int TakeIntoUse();
   bool IsOpenAt(const PelmUnicodeString& path) const;
-  void CloseForThisThread();
   void TearDown();
   void SetIdentity(const PelmUnicodeString& path, const PelmUnicodeString& absolutePath,
                    const PelmUnicodeString& password, ZrOpenMode mode);
@@ -397,7 +417,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool ProcessLockInit();
 
   // Index. Called with m_mutex held.
-  unsigned int RefreshIndex();
+  unsigned int RefreshIndex(bool keepsWriting = false);
   bool HasOnlyOtherTiles() const;
   void ForgetTiles();
   void Publish(Engine::FileState& state);

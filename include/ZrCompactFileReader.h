@@ -48,6 +48,15 @@ class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
   /// the cell's entry could be read (then 0).
   unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                       unsigned long long& nFilled, unsigned long long nVersion);
+  /// The same for a std::uint64_t.
+  template <typename Length>
+  ZrForUint64<Length, unsigned int> Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
+                                           Length& nFilled, unsigned long long nVersion) {
+    unsigned long long filled = nFilled;
+    const unsigned int result = Lookup(row, col, data, filled, nVersion);
+    nFilled = filled;
+    return result;
+  }
 
  private:
   bool FindRecord(unsigned int row, unsigned int col, unsigned long long& entry,

@@ -94,6 +94,15 @@ class HX_COMPACTFILE_API ZrCompactFileStub {
   /// stub gets another path.
   bool Read(unsigned int row, unsigned int col, ZrByteArray& data, unsigned long long& filledLength,
             unsigned long long version);
+  /// The same for a std::uint64_t.
+  template <typename Length>
+  ZrForUint64<Length, bool> Read(unsigned int row, unsigned int col, ZrByteArray& data,
+                                 Length& filledLength, unsigned long long version) {
+    unsigned long long filled = filledLength;
+    const bool result = Read(row, col, data, filled, version);
+    filledLength = filled;
+    return result;
+  }
 
  private:
   struct Reader : ZrCompactFileReader {

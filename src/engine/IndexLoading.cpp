@@ -13,7 +13,10 @@
 namespace Zarn {
 
 void RefeshIndexCallBack(void* owner) {
-  if (owner != nullptr) static_cast<ZrCompactFile*>(owner)->RefreshIndex();
+  auto* const file = static_cast<ZrCompactFile*>(owner);
+  if (file == nullptr) return;
+  const std::lock_guard lock(file->m_mutex);
+  if (file->m_bOpened) file->RefreshIndex();
 }
 
 // Without the mode's bit the lock is never touched: it would cost system calls and do nothing.
@@ -28,12 +31,16 @@ bool ZrCompactFile::ProcessLockInit() {
 
 // Loads headers and index of the file that the members name, or of the file that has taken its
 // place. What was known stays until everything is loaded; if that fails, the index counts as
-// invalid, and every operation tries again before it does anything.
-unsigned int ZrCompactFile::RefreshIndex() {
+// invalid, and every operation tries again before it does anything. A stream that can write, though
+// the mode says read-only, is of a file just created: only the load that takes it into use, with
+// `keepsWriting`, keeps it.
+unsigned int ZrCompactFile::RefreshIndex(bool keepsWriting) {
   const std::lock_guard lock(m_mutex);
   const Engine::LookupBarrier barrier(*this);
   if (m_pMap != nullptr) m_pMap->Forget();
-  if (HasOnlyOtherTiles()) {
+  const bool isReadOnly = (m_nOpenMode & kReadOnly) != 0 && !keepsWriting;
+  const bool mustReopen = isReadOnly && m_file != nullptr && !m_file->IsReadOnly();
+  if (!mustReopen && HasOnlyOtherTiles()) {
     ForgetTiles();
     SetStateLoaded(true);
     return ZrResult::kOk;
@@ -42,10 +49,11 @@ unsigned int ZrCompactFile::RefreshIndex() {
   Engine::FileState state = GetState();
   unsigned int result = ZrResult::kNotUsable;
   // The lock is always on the file that the path leads to.
-  const bool isOpen = isLocked() && m_file != nullptr && IsLockOn(*m_file);
+  if (mustReopen) state.file = nullptr;
+  const bool isOpen = isLocked() && state.file != nullptr && IsLockOn(*state.file);
   try {
-    result = LoadFileState({m_strAbsolutePath, (m_nOpenMode & kReadOnly) != 0,
-                            (m_nOpenMode & kMapped) != 0, !m_bLockDisabled, m_xorString, isOpen},
+    result = LoadFileState({m_strAbsolutePath, isReadOnly, (m_nOpenMode & kMapped) != 0,
+                            !m_bLockDisabled, m_xorString, isOpen},
                            state);
   } catch (const std::bad_alloc&) {
   }
@@ -182,16 +190,18 @@ bool ZrCompactFile::GetGridIdxValue(unsigned int row, unsigned int col,
   const std::shared_ptr<Engine::IndexPages> index = m_pIndex;
   const bool swap = m_bSwap;
   const Format::HeaderImage header = m_headerOnDisk;
+  const bool isThere = m_bLockDisabled || m_file->IsSameFile(m_strAbsolutePath);
   state.unlock();
   std::uint64_t stored;
-  const bool read = m_bLockDisabled ? index->ReadValue(*cell, swap, stored)
-                                    : index->ReadValueUnlocked(*cell, swap, header, stored);
+  const bool read =
+      isThere && (m_bLockDisabled ? index->ReadValue(*cell, swap, stored)
+                                  : index->ReadValueUnlocked(*cell, swap, header, stored));
   if (read) value = stored;
   return read || (!m_bLockDisabled && ReadGridIdxValueLocked(row, col, value));
 }
 
-// Another process has compacted the file, or is doing so: what is not in memory is gone, and the
-// answer is that of the new file, once it is there.
+// Another process has compacted the file, or is doing so, or another file has the path, or none:
+// the answer is that of the new file, once it is there.
 bool ZrCompactFile::ReadGridIdxValueLocked(unsigned int row, unsigned int col,
                                            unsigned long long& value) const {
   const Engine::OperationLock lock(const_cast<ZrCompactFile&>(*this),

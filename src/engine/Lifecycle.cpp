@@ -62,6 +62,7 @@ ZrCompactFile::ZrCompactFile()
 
 ZrCompactFile::~ZrCompactFile() {
   const std::lock_guard lock(m_mutex);
+  if (m_pCacheFile != nullptr) m_pCacheFile->Close();
   TearDown();
 }
 
@@ -125,7 +126,8 @@ unsigned int ZrCompactFile::CreateNaming(const PelmUnicodeString& path, unsigned
   return ZrResult::kOk;
 }
 
-// Goes on with what was just created, by the stream that it was created through.
+// Goes on with what was just created, by the stream that it was created through; that may write
+// even where the mode says read-only, until the first refresh.
 bool ZrCompactFile::TakeNewFile(std::shared_ptr<ZrFile64> stream,
                                 const PelmUnicodeString& absolutePath,
                                 const PelmUnicodeString& path, const PelmUnicodeString& password,
@@ -155,12 +157,14 @@ unsigned int ZrCompactFile::Open(const PelmUnicodeString& path, const PelmUnicod
 
 unsigned int ZrCompactFile::OpenContainer(const PelmUnicodeString& path,
                                           const PelmUnicodeString& password, ZrOpenMode mode) {
-  if (!Format::IsUsablePath(path)) return ZrResult::kNotFound;
+  // The bit of the mapping takes nothing from "exactly kReadOnly".
+  const bool mayCreate = (mode & ~kMapped) != kReadOnly;
+  if (!Format::IsUsablePath(path)) return mayCreate ? ZrResult::kNotCreated : ZrResult::kNotFound;
   const PelmUnicodeString completed = Format::CompletePath(path);
   if (m_pCacheFile == nullptr && IsOpenAt(completed)) return Join();  // other threads use it
   const PelmUnicodeString absolutePath = ZrFile::GetAbsolute(completed);
   if (!ZrFile::IsExist(absolutePath)) {
-    if ((mode & ~kMapped) == kReadOnly) return ZrResult::kNotFound;
+    if (!mayCreate) return ZrResult::kNotFound;
     NewContainer container(absolutePath, password, false);
     const auto [maxSize1, maxSize2] = GetMaxSizes();
     // Whoever made it meanwhile: the file is there.
@@ -194,6 +198,13 @@ unsigned int ZrCompactFile::OpenCacheFile(const PelmUnicodeString& path,
   return m_pCacheFile->Open(path, password, ZrFile64::kRead);
 }
 
+void ZrCompactFile::DetachCacheFile() {
+  std::shared_ptr<ZrCacheFile> detached;  // destroyed without the mutex
+  const std::lock_guard state(m_stateMutex);
+  detached.swap(m_pCacheFile);
+  m_bHasCacheFile = false;
+}
+
 unsigned int ZrCompactFile::Join() {
   if (GetSwapData() != nullptr) return ZrResult::kOk;
   Close();
@@ -209,29 +220,28 @@ bool ZrCompactFile::IsOpenAt(const PelmUnicodeString& path) const {
 void ZrCompactFile::SetIdentity(const PelmUnicodeString& path,
                                 const PelmUnicodeString& absolutePath,
                                 const PelmUnicodeString& password, ZrOpenMode mode) {
-  m_strAbsolutePath = absolutePath;
   m_strPassword = password;
   m_xorString = Format::MakeXorString(password.GetBuffer());
   m_nOpenMode = mode;
   const std::lock_guard state(m_stateMutex);
   m_strPath = path;
+  m_strAbsolutePath = absolutePath;
 }
 
-// Locks and loads the file that the members name.
+// Locks and loads the file that the members name. An older cache file is let go before it is known
+// whether the container can be loaded.
 unsigned int ZrCompactFile::TakeIntoUse() {
   unsigned int result = ZrResult::kNotUsable;
   if (m_bLockHeld || (ProcessLockInit() && WriterLock(0))) {
-    result = RefreshIndex();
+    DetachCacheFile();
+    result = RefreshIndex(m_file != nullptr);
     if (!m_bLockHeld) WriterUnlock();
   } else if (!ZrFile64().Open(m_strAbsolutePath, ZrFile64::kRead)) {
     result = ZrResult::kNotOpen;  // what cannot be opened cannot be locked
   }
-  std::shared_ptr<ZrCacheFile> detached;
   if (result == ZrResult::kOk) {
     const std::lock_guard state(m_stateMutex);
     m_bOpened = true;
-    detached.swap(m_pCacheFile);
-    m_bHasCacheFile = false;
   }
   if (result == ZrResult::kOk && GetSwapData() == nullptr) result = ZrResult::kNotUsable;
   if (result != ZrResult::kOk) TearDown();

@@ -302,7 +302,7 @@ unsigned int ZrCompactFile::LookUp_Inner(const TileEntry& entry, const Engine::N
   const std::uint32_t older = record.Versions().SelectForLookup(version);
   if (older != 0 && !read(Format::PositionOf(record.Versions().Locator(older)), {headSize, 0}))
     return ZrResult::kReadFailure;
-  data.SwapContents(buffer);
+  record.HandOver(buffer, data);
   filledLength = std::min(record.Head().filledLength, record.Head().capacity);
   return ZrResult::kOk;
 }

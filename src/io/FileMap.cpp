@@ -19,7 +19,8 @@ std::uint64_t FileMap::ReadUpTo(std::uint64_t position, void* target, std::uint6
     return position < length ? std::min(size, length - position) : 0;
   };
   std::uint64_t available = inFile();
-  if (available < size && Extend()) available = inFile();
+  if (available < size && !m_isUseless.load(std::memory_order_relaxed) && Extend())
+    available = inFile();
   if (available != 0)
     std::memcpy(target, m_view.load(std::memory_order_acquire)->bytes + position, available);
   return available;
@@ -37,7 +38,10 @@ bool FileMap::Extend() {
     if (length > INT64_MAX / 4) return false;
     const std::uint64_t size = std::max(2 * length, kSmallest);
     const unsigned char* bytes = m_file->Map(size);
-    if (bytes == nullptr) return false;
+    if (bytes == nullptr) {
+      m_isUseless.store(view == nullptr, std::memory_order_relaxed);
+      return false;
+    }
     try {
       m_views.push_back({bytes, size});
     } catch (const std::bad_alloc&) {

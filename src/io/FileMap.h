@@ -37,6 +37,7 @@ class FileMap {
   const std::shared_ptr<const ZrFile64> m_file;
   std::atomic<std::uint64_t> m_length{0};  // of the file as far as it may be touched in m_view
   std::atomic<const View*> m_view{nullptr};
+  std::atomic<bool> m_isUseless{false};  // the file cannot be mapped
   std::mutex m_mutex;
   std::deque<View> m_views;  // all that were ever handed out; guarded by m_mutex
 };

@@ -47,6 +47,16 @@ bool RecordReader::Read(std::uint64_t position, RecordGuess guess, ZrByteArray& 
   return false;
 }
 
+void RecordReader::HandOver(ZrByteArray& buffer, ZrByteArray& data) const {
+  constexpr std::uint64_t kAlwaysKept = 64 * 1024;
+  const std::uint64_t memory = m_head.size + buffer.GetReserve();  // the head lies in front
+  if (memory > std::max<std::uint64_t>(kAlwaysKept, 2 * buffer.GetSize())) {
+    ZrByteArray copy;
+    if (copy.Assign(buffer.GetData(), buffer.GetSize())) buffer.SwapContents(copy);
+  }
+  data.SwapContents(buffer);
+}
+
 // What a map does not give is asked of the file.
 std::uint64_t RecordReader::ReadUpTo(std::uint64_t position, void* target, std::uint64_t size) {
   const std::uint64_t got = m_map != nullptr ? m_map->ReadUpTo(position, target, size) : 0;

@@ -33,6 +33,10 @@ class RecordReader {
 
   /// Reads a record; `buffer` gets exactly its payload area, and is unspecified on failure.
   bool Read(std::uint64_t position, RecordGuess guess, ZrByteArray& buffer);
+  /// Gives the caller of a lookup the payload that Read has put into `buffer`. `data` gets the
+  /// buffer itself and leaves its own memory there; of a buffer that is much larger than the
+  /// payload it gets a copy, and the buffer is let go: callers may keep many tiles.
+  void HandOver(ZrByteArray& buffer, ZrByteArray& data) const;
   /// Reads a head; `buffer` gets exactly that. `guessedLength` is the whole record's, as it was
   /// when it was last read or written; 0: unknown. If it is right, the file is not asked for its
   /// length.

@@ -49,7 +49,7 @@ unsigned int ZrCompactFileReader::Lookup(unsigned int row, unsigned int col, ZrB
     if (!isRead) return ZrResult::kReadFailure;
     if (record.Versions().SelectForLookup(nVersion) != 0)
       return ZrResult::kOk;  // an older version, which this class deliberately does not follow
-    data.SwapContents(m_payload);
+    record.HandOver(m_payload, data);
     nFilled = std::min(record.Head().filledLength, record.Head().capacity);
     return ZrResult::kOk;
   }

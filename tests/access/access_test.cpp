@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cmath>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <thread>
 
@@ -120,6 +121,40 @@ TEST_F(Access, StubFollowsItsPath) {
   for (const PelmUnicodeString& unusable : {PelmUnicodeString(), path, folder.GetPath("t.sc")}) {
     stub.SetPath(unusable);
     EXPECT_TRUE(!Put(stub, 3, "x") && Get(stub, 3) == "no");
+  }
+}
+
+// The memory of a large tile does not go to those who look up small ones. A length may be either of
+// the 64-bit types.
+TEST_F(Access, CallersKeepLittleMoreThanTheirTiles) {
+  const PelmUnicodeString names = folder.GetPath("n.cf");
+  ZrCompactFile grid, mapped, naming;
+  ZrCompactFileReader reader;
+  const ZrByteArray large = Data(std::string(4 << 20, 'l')), small = Data("small");
+  ASSERT_EQ(grid.Create(path, 1, 2, u"", 4) + naming.Create(names, 2ULL, u"", 4), 0U);
+  ASSERT_EQ(grid.SetAt(0, 0, large, 0, 0, 1) + grid.SetAt(0, 1, small, 0, 0, 1), 0U);
+  ASSERT_EQ(naming.SetAt(u"0", large, 0, 0, 1) + naming.SetAt(u"1", small, 0, 0, 1), 0U);
+  ASSERT_EQ(mapped.Open(path, u"", 18) + reader.Open(path, u"", 2), 0U);
+  stub.SetPath(path);
+  using Lookup = std::function<unsigned int(unsigned int, ZrByteArray&, std::uint64_t&)>;
+  const std::pair<const char*, Lookup> lookups[] = {
+      {"cell", [&](auto col, auto& data, auto& n) { return grid.Lookup(0, col, data, n, 1); }},
+      {"mapped", [&](auto col, auto& data, auto& n) { return mapped.Lookup(0, col, data, n, 1); }},
+      {"name", [&](auto col, auto& data,
+                   auto& n) { return naming.Lookup(col == 0 ? u"0" : u"1", data, n, 1); }},
+      {"reader", [&](auto col, auto& data, auto& n) { return reader.Lookup(0, col, data, n, 1); }},
+      {"stub", [&](auto col, auto& data, auto& n) { return !stub.Read(0, col, data, n, 1); }},
+  };
+  for (const auto& [what, lookup] : lookups) {
+    SCOPED_TRACE(what);
+    for (const ZrByteArray* tile : {&large, &small, &small, &large}) {
+      ZrByteArray data;
+      std::uint64_t filled = 0;
+      EXPECT_EQ(lookup(tile == &small, data, filled), 0U);
+      EXPECT_EQ(filled, tile->GetSize());
+      EXPECT_EQ(Content(data), Content(*tile));
+      EXPECT_LE(data.GetReserve(), 2 * tile->GetSize() + 64 * 1024);
+    }
   }
 }
 

@@ -39,8 +39,11 @@ TEST_F(Lifecycle, OpenMakesAMissingFileUnlessTheModeIsExactlyReadOnly) {
   EXPECT_EQ(object.GetFullPath(), folder.GetPath("d/tiles.cf"));
   EXPECT_EQ(IndexInfo(object), (Info{1, 128, 0}));
   EXPECT_EQ(object.Open(folder.GetPath("ten"), u"", 10), 0U);
-  EXPECT_EQ(object.Open(u"", u"", 4), 5U);
-  EXPECT_EQ(object.Open(PelmUnicodeString(u"a\0b", 3), u"", 4), 5U);
+  EXPECT_EQ(object.Open(folder.GetPath("mapped"), u"", 18), 5U);
+  for (const PelmUnicodeString& none : {PelmUnicodeString(), PelmUnicodeString(u"a\0b", 3)}) {
+    EXPECT_EQ(object.Open(none, u"", 4), 2U);
+    EXPECT_EQ(object.Open(none, u"", 2), 5U);
+  }
 }
 
 TEST_F(Lifecycle, CreateAnswers) {
@@ -163,6 +166,30 @@ TEST_F(Lifecycle, ForReadingOnly) {
     object.Close();
   }
   EXPECT_EQ(ReadFile(path), before);
+
+  // Who creates it for reading only writes until another process has changed it.
+  ASSERT_EQ(object.Create(path, 1, 2, u"", 11), 0U);
+  EXPECT_EQ(Store(0, 0, "mine", 1), 0U);
+  ZrCompactFile other;
+  ASSERT_EQ(other.Open(path, u"", 12), 0U);
+  ASSERT_EQ(other.SetAt(0, 1, Data("theirs"), 0, 0, 1), 0U);
+  EXPECT_EQ(Store(0, 0, "mine", 1), 10U);
+  EXPECT_EQ(Read(0, 1, 1).payload, "theirs");
+}
+
+TEST_F(Lifecycle, AFileWithoutAPathHasNoStatus) {
+  MakeGrid(1024, 1, false, 12);
+  ASSERT_EQ(Store(0, 0, "in memory", 1), 0U);
+  ZrFile::Delete(path);
+  for (const unsigned int row : {0U, 1023U})
+    EXPECT_EQ(object.GetStatus(row, 0), ZrCompactFile::kUnknown);
+  object.Close();
+  RefeshIndexCallBack(&object);  // does nothing to a closed object
+  RefeshIndexCallBack(nullptr);
+  MakeGrid(1, 1);
+  object.Close();
+  RefeshIndexCallBack(&object);
+  EXPECT_FALSE(object.Flush());
 }
 
 TEST_F(Lifecycle, ARelativePathOutlivesAChangeOfFolder) {
@@ -186,7 +213,10 @@ class Cache : public ZrCacheFile {
     m_path = file;
     return direction == 2 ? 0 : 99;
   }
-  bool Close() override { return !std::exchange(m_path, u"").IsEmpty(); }
+  bool Close() override {
+    ++closed;
+    return !std::exchange(m_path, u"").IsEmpty();
+  }
   bool IsOpen() const override { return !m_path.IsEmpty(); }
   PelmUnicodeString GetFullPath() const override { return m_path; }
   std::uint32_t GetStatus(ZrCacheFileStatus& status, std::uint32_t) override {
@@ -194,6 +224,8 @@ class Cache : public ZrCacheFile {
     return 0;
   }
   std::uint32_t SetPassword(const PelmUnicodeString&) override { return 5; }
+
+  static inline int closed = 0;
 
  private:
   PelmUnicodeString m_path;
@@ -203,6 +235,8 @@ TEST_F(Lifecycle, OlderCacheFilesAreHandedOn) {
   EXPECT_EQ(object.Open(u"none.sc", u"", 4), 1U) << "nobody has registered";
   EXPECT_FALSE(object.IsOpen());
   ZrCacheFile::Register([]() -> std::unique_ptr<ZrCacheFile> { return std::make_unique<Cache>(); });
+  { ZrCompactFile().Open(u"old.sc", u"", 4); }
+  EXPECT_EQ(Cache::closed, 1) << "the object closes it when it goes";
   ZrCompactFile cached;
   EXPECT_EQ(cached.Open(u"old.Sc", u"", 4), 0U);
   ZrCacheFile::Register(nullptr);
@@ -213,6 +247,10 @@ TEST_F(Lifecycle, OlderCacheFilesAreHandedOn) {
   EXPECT_EQ(cached.Open(folder.GetPath("none"), u"", 2), 5U) << "closes it and leaves it attached";
   EXPECT_FALSE(cached.IsOpen());
   EXPECT_EQ(IndexInfo(cached), (Info{3, 11, 22}));
+  WriteFile(path, {'X'});
+  EXPECT_EQ(cached.Open(path, u"", 4), 3U) << "lets it go before it loads the file";
+  EXPECT_EQ(IndexInfo(cached)[0], 0U);
+  ZrFile::Delete(path);
   EXPECT_EQ(cached.Create(path, 2, 1, u"", 4), 0U);
   EXPECT_EQ(IndexInfo(cached), (Info{0, 2, 1}));
   EXPECT_EQ(cached.GetFullPath(), path);

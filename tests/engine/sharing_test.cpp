@@ -587,5 +587,38 @@ TEST_P(SharingReadOnly, SeesAllAndDisturbsNobody) {
   if (ledger.arrived >= kUnable) GTEST_SKIP() << "needs root, and that it may mount";
 }
 
+// The first one who opens the file for writing gives it a copy of its own, in another layer.
+TEST_F(Sharing, OnAnOverlayOneWhoMayNotWriteSeesWhatIsStored) {
+  constexpr unsigned int kMappedForReading = 26;
+  constexpr int kUnable = 42 << 8;
+  constexpr uid_t kNobody = 65534;
+  MakeGrid(1, 1, false, kLocked);
+  ASSERT_EQ(Store(0, 0, "old", 1), 0U);
+  object.Close();
+  ::chmod(path.ToUtf8().c_str(), 0644);
+  ::chmod(folder.GetFolder().c_str(), 0755);
+  const TemporaryFolder place(TemporaryFolder::kMemory);
+  const std::string upper = place.GetFolder() / "upper", work = place.GetFolder() / "work";
+  const auto child = Fork(1, [&](unsigned int) -> unsigned int {
+    const std::string layers =
+        "lowerdir=" + folder.GetFolder().string() + ",upperdir=" + upper + ",workdir=" + work;
+    if (::mkdir(upper.c_str(), 0755) + ::mkdir(work.c_str(), 0755) != 0 ||
+        ::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("overlay", folder.GetFolder().c_str(), "overlay", 0, layers.c_str()) != 0 ||
+        ::seteuid(kNobody) != 0)
+      ::_exit(kUnable >> 8);
+    unsigned int faults = fresh.Open(path, u"", kMappedForReading) != 0;
+    faults += (ReadTile(fresh, 0, 0, 1).payload != "old") + (::seteuid(0) != 0);
+    ZrCompactFile writer;
+    faults += writer.Open(path, u"", kLocked) + writer.SetAt(0, 0, Data("new"), 0, 0, 1);
+    return faults + (ReadTile(fresh, 0, 0, 1).payload != "new");
+  });
+  int status = -1;
+  ::waitpid(child[0], &status, 0);
+  if (status == kUnable) GTEST_SKIP() << "needs root, and an overlay";
+  EXPECT_EQ(status, 0);
+}
+
 }  // namespace
 }  // namespace Zarn

@@ -72,7 +72,8 @@ class HX_PLATFORM_API ZrFileStream {
   bool CopyFrom(const ZrFileStream& source, std::uint64_t position, std::uint64_t size);
 
   /// Maps `size` bytes from the start of the file for reading in any order, also beyond its end,
-  /// where they must not be touched. Null if that is not possible. The caller unmaps them.
+  /// where they must not be touched. Null if that is not possible, or if it would not show what
+  /// others write: in a file opened for reading on an overlay. The caller unmaps them.
   const unsigned char* Map(std::uint64_t size) const;
 
   /// Writes eight bytes, which must lie within the file, by one store into its pages: a process

@@ -1,6 +1,8 @@
 #include "ZrFileStream.h"
 
+#include <linux/magic.h>
 #include <sys/mman.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -62,6 +64,14 @@ bool WriteAll(int fd, std::uint64_t position, iovec first, iovec second) {
                           : calls.pwritev(fd, parts, count, offset);
       });
   return moved == std::uint64_t{first.iov_len} + second.iov_len;
+}
+
+// There a file gets a copy of its own when it is first opened for writing. What was opened before
+// reads the copy from then on, but a mapping shows the original for ever.
+bool IsOnOverlay(int fd) {
+  struct statfs status;
+  return Uninterrupted([&] { return ::fstatfs(fd, &status); }) != 0 ||
+         status.f_type == OVERLAYFS_SUPER_MAGIC;
 }
 
 iovec Part(const void* bytes, std::uint64_t size) { return {const_cast<void*>(bytes), size}; }
@@ -175,6 +185,7 @@ bool ZrFileStream::CopyFrom(const ZrFileStream& source, std::uint64_t position,
 }
 
 const unsigned char* ZrFileStream::Map(std::uint64_t size) const {
+  if (m_readOnly && IsOnOverlay(m_fd)) return nullptr;
   void* const bytes =
       GetFileSyscalls().mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_NORESERVE, m_fd, 0);
   if (bytes == MAP_FAILED) return nullptr;
