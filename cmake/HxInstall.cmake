@@ -27,6 +27,11 @@ install(DIRECTORY include/ platform/base/include/ platform/stream/include/ platf
   DESTINATION ${hx_include_dir} COMPONENT Development
   PATTERN FileSyscalls.h EXCLUDE)  # for tests
 
+# The documents, which link to each other and to the examples.
+install(FILES README.md CONTRIBUTING.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
+install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development
+  PATTERN Doxyfile EXCLUDE)
+
 configure_file(cmake/HxCompactFileConfig.cmake.in HxCompactFileConfig.cmake COPYONLY)
 write_basic_package_version_file(HxCompactFileConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 export(EXPORT HxCompactFileTargets NAMESPACE HxCompactFile::)

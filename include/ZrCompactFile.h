@@ -105,7 +105,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// Lookups copy tiles from a mapping of the file instead of reading them, which is faster for
   /// tiles that are in memory. It asks for trust in everybody else: if the file is cut by a program
   /// that does not take kProcessLock, or its disk fails, a lookup may end the process by SIGBUS,
-  /// where without this bit it answers kReadFailure. Damage within the file is reported as ever.
+  /// where without this bit it answers kReadFailure. (A store may in either case, for an index
+  /// entry on two pages is stored through a mapping.) Damage within the file is reported as ever.
   /// Where the file cannot be mapped, the bit has no effect.
   static constexpr ZrOpenMode kMapped = 16;
 
@@ -227,7 +228,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   using ZrFinding = Zarn::ZrVerifyFinding;        ///< what a check finds
   using ZrVerifySummary = Zarn::ZrVerifySummary;  ///< what it counts
   /// Told each finding; false ends the check. Called in the checking thread, which must not use the
-  /// object meanwhile. An exception counts as false.
+  /// object meanwhile, nor store into the file through another one, which would wait for ever. An
+  /// exception counts as false.
   using VerifyReport = std::function<bool(const ZrFinding& finding)>;
   /// Told how many of all index entries are done; the same rules. `done` never goes down, and ends
   /// at `total`.
@@ -278,8 +280,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
 
   /// Reads a tile.
   ///
-  /// @param data         receives the whole payload area; its memory is exchanged for the object's
-  ///                     own, so a pointer from before is stale. Position 0.
+  /// @param data         receives the whole payload area, in memory of at most twice its size or
+  ///                     64 KiB. That is exchanged, so a pointer from before is stale. Position 0.
   /// @param filledLength receives how far the area is filled: where the last write into it ended.
   /// @param version      the exact stamp of an older version selects it, any other the newest.
   ///
