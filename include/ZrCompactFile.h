@@ -75,6 +75,10 @@ struct TileStore;
 /// writes nothing. Among openers without that bit, or one with and one without, nothing is
 /// guaranteed. Two objects on one file within a process count as two processes.
 ///
+/// Paths. One that is empty or has a NUL inside is unusable. A relative one is taken from the
+/// working directory of the moment; it is unusable if that directory was deleted, or its name is
+/// not UTF-8.
+///
 /// Fork. A child must not touch an object that its parent had open.
 ///
 /// Crash. What an operation has acknowledged survives the death of the process at any moment. An
@@ -139,10 +143,10 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// slots, if it is missing and the mode is not exactly kReadOnly.
   ///
   /// kOk; kNotUsable if the lock, memory or the index cannot be had; kNotCreated if a missing file
-  /// cannot be made; kWrongFile for no compact file or a wrong password; kNotFound; kNotOpen if the
-  /// file cannot be opened, or is no regular file. A file that cannot be opened for writing is
-  /// opened for reading. A ".sc" path gives the result of the registered ZrCacheFile, to which the
-  /// object then delegates.
+  /// cannot be made; kWrongFile for no compact file or a wrong password; kNotFound, also for an
+  /// unusable path; kNotOpen if the file cannot be opened, or is no regular file. A file that
+  /// cannot be opened for writing is opened for reading. A ".sc" path gives the result of the
+  /// registered ZrCacheFile, to which the object then delegates.
   unsigned int Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
                     ZrOpenMode mode);
 

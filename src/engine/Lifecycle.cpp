@@ -159,6 +159,7 @@ unsigned int ZrCompactFile::OpenContainer(const PelmUnicodeString& path,
   const PelmUnicodeString completed = Format::CompletePath(path);
   if (m_pCacheFile == nullptr && IsOpenAt(completed)) return Join();  // other threads use it
   const PelmUnicodeString absolutePath = ZrFile::GetAbsolute(completed);
+  if (absolutePath.IsEmpty()) return ZrResult::kNotFound;
   if (!ZrFile::IsExist(absolutePath)) {
     if ((mode & ~kMapped) == kReadOnly) return ZrResult::kNotFound;
     NewContainer container(absolutePath, password, false);

@@ -300,6 +300,14 @@ TEST_F(Compaction, OnlyTheContentsChange) {
   EXPECT_EQ(before.st_mode, after.st_mode);
   EXPECT_EQ(before.st_ino, after.st_ino);
   EXPECT_TRUE(std::filesystem::is_symlink(link.ToUtf8()));
+
+  // Where the path beside the file cannot be expressed, nothing changes.
+  const auto unnamed = folder.GetFolder() / "\xFF", there = unnamed / "t.cf";
+  std::filesystem::create_directory(unnamed);
+  std::filesystem::rename(path.ToUtf8(), there);
+  std::filesystem::create_symlink(there, path.ToUtf8());
+  Reopen();
+  EXPECT_EQ(object.Compact(), 2U);
 }
 
 TEST_F(Compaction, AHugeEmptyGridIsAndStaysSmall) {

@@ -176,6 +176,22 @@ TEST_F(Lifecycle, ARelativePathOutlivesAChangeOfFolder) {
   ASSERT_EQ(other.SetAt(0, 0, Data("new"), 0, 0, 1), 0U);
   EXPECT_EQ(Read(0, 0, 1).payload, "new");
   EXPECT_FALSE(ZrFile::IsExist(u"t.cf"));
+
+  // What would not outlive it is not made. In a folder whose name is not UTF-8, and in a deleted
+  // one.
+  const auto unnamed = folder.GetFolder() / "\xFF", deleted = folder.GetFolder() / "deleted";
+  for (const auto& where : {unnamed, deleted}) {
+    std::filesystem::create_directory(where);
+    std::filesystem::current_path(where);
+    if (where == deleted) std::filesystem::remove(where);
+    ZrCompactFileStub stub;
+    stub.SetPath(u"s");
+    EXPECT_EQ(other.Open(u"o", u"", 4), 5U);
+    EXPECT_EQ(other.Create(u"c", 1, 1, u"", 4), 2U);
+    std::filesystem::current_path(start);
+    EXPECT_FALSE(stub.Write(0, 0, Data("x"), 0, 0, 1));
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(unnamed) && !ZrFile::IsExist(u"s.cf"));
 }
 
 // A host's class for older files, as far as it is asked here.

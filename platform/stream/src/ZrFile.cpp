@@ -52,7 +52,7 @@ PelmUnicodeString ZrFile::GetAbsolute(const PelmUnicodeString& path) {
   std::error_code error;
   const std::string folder = std::filesystem::current_path(error).string() + '/';
   const PelmUnicodeString start = PelmUnicodeString::FromUtf8(folder);
-  return error || start.ToUtf8() != folder ? path : start + path;
+  return error || start.ToUtf8() != folder ? PelmUnicodeString() : start + path;
 }
 
 PelmUnicodeString ZrFile::FollowLink(const PelmUnicodeString& path) {
@@ -60,8 +60,9 @@ PelmUnicodeString ZrFile::FollowLink(const PelmUnicodeString& path) {
   const std::filesystem::path native = path.ToUtf8();
   if (!std::filesystem::is_symlink(native, error)) return path;
   const std::string target = std::filesystem::canonical(native, error).string();
+  if (error) return path;
   const PelmUnicodeString found = PelmUnicodeString::FromUtf8(target);
-  return error || found.ToUtf8() != target ? path : found;
+  return found.ToUtf8() != target ? PelmUnicodeString() : found;
 }
 
 bool ZrFile::IsExist(const PelmUnicodeString& path) {
