@@ -210,14 +210,18 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// instead; then it has another inode, and other hard links of the old one lead to a file that
   /// opens no more.
   ///
+  /// A file that is mounted by itself, as into an application's container, is not compacted there:
+  /// its folder is another one for others, who would not find the file beside it after a crash.
+  ///
   /// kOk; kNotOpen; kUnknownKind; kNotCreated for a file opened for reading, one that has lost its
-  /// path, a naming file whose index cannot be brought up to date, and if the file beside it cannot
-  /// be made or another compaction is at work; kReadFailure for a grid whose index cannot be
-  /// brought up to date, and for a tile that cannot be read; kWriteFailure if there is no room, for
-  /// a name that cannot be converted or that two names would become, and if the progress answered
-  /// false. After all of these the file is as it was. kNotUsable if the compacted file could not be
-  /// opened again, or if it could not be put in its place, where both files are then left for the
-  /// next Open. A ".sc" file gives the result of its ZrCacheFile's Reconstruction.
+  /// path or is mounted by itself, a naming file whose index cannot be brought up to date, and if
+  /// the file beside it cannot be made or another compaction is at work; kReadFailure for a grid
+  /// whose index cannot be brought up to date, and for a tile that cannot be read; kWriteFailure if
+  /// there is no room, for a name that cannot be converted or that two names would become, and if
+  /// the progress answered false. After all of these the file is as it was. kNotUsable if the
+  /// compacted file could not be opened again, or if it could not be put in its place, where both
+  /// files are then left for the next Open. A ".sc" file gives the result of its ZrCacheFile's
+  /// Reconstruction.
   unsigned int Compact();
   /// The same, and tells how far it has come; an empty function is none.
   unsigned int Compact(const CompactProgress& progress);

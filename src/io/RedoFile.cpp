@@ -150,7 +150,8 @@ bool RedoFile::Make(const PelmUnicodeString& path, ZrFile64& container) {
   m_containerPath = ZrFile::FollowLink(path);
   m_path = Format::TemporaryPath(m_containerPath);
   constexpr unsigned int kOwnerOnly = 0600;  // until it has the permissions of the container
-  if (m_containerPath.IsEmpty() || !m_file.Begin(m_path, kOwnerOnly) ||
+  // Others find the image by their path of the container.
+  if (!ZrFile::IsOnMountOfFolder(m_containerPath) || !m_file.Begin(m_path, kOwnerOnly) ||
       !m_stream.TryClaim(m_file.GetTemporaryPath()) || !m_stream.TakeOwner(container))
     return false;
   ZrNewFile::Outcome outcome = m_file.Publish();

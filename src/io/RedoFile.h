@@ -34,7 +34,8 @@ class RedoFile {
   };
 
   /// For the container at `path`, open in `container`. What a killed run has left is replaced.
-  /// False if somebody else is at work, or if the file cannot be made.
+  /// False if somebody else is at work, if the file cannot be made, or if the container is mounted
+  /// as a single file, where others would not find this one.
   bool Make(const PelmUnicodeString& path, ZrFile64& container);
   ZrFile64& GetStream() { return m_stream; }
   /// `sum` is that of all chunks from the one at `sumStart` on. Memory for the copies that follow

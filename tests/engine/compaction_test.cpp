@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +19,7 @@
 #include "ZrToolkit.h"
 #include "engine/EngineFixture.h"
 #include "support/PowerLoss.h"
+#include "support/Processes.h"
 #include "support/RawFile.h"
 #include "support/SyscallFaults.h"
 
@@ -308,6 +311,35 @@ TEST_F(Compaction, OnlyTheContentsChange) {
   std::filesystem::create_symlink(there, path.ToUtf8());
   Reopen();
   EXPECT_EQ(object.Compact(), 2U);
+}
+
+// The folder of a file that is mounted by itself is not where others look for an image.
+TEST_F(Compaction, NotOfASingleMountedFile) {
+  MakeGrid(1, 1);
+  ASSERT_EQ(Store(0, 0, "old", 1) + Store(0, 0, "newer", 1), 0U);
+  const Support::Bytes before = ReadFile(path);
+  const Name mounted = folder.GetPath("mounted/t.cf");
+  ASSERT_TRUE(ZrFile::MkDirEx(ZrFile::GetDir(mounted)));
+  Support::WriteFile(mounted, {});
+  constexpr int kUnable = 100;
+  const auto children = Support::Fork(1, [&](unsigned int) {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount(path.ToUtf8().c_str(), mounted.ToUtf8().c_str(), nullptr, MS_BIND, nullptr) != 0)
+      ::_exit(kUnable);
+    ZrCompactFile file;
+    bool hasLooked = false;
+    const auto look = [&](auto, auto) { return hasLooked = true; };
+    return file.Open(mounted, u"", kMode) == 0 && file.Compact(look) == 2 && !hasLooked ? 0 : 1;
+  });
+  int status = 0;
+  ASSERT_EQ(::waitpid(children[0], &status, 0), children[0]);
+  if (WEXITSTATUS(status) == kUnable) GTEST_SKIP() << "needs to mount";
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ReadFile(path), before);
+  const SyscallFaults restore;
+  GetFileSyscalls().statx = [](auto...) { return errno = ENOSYS, -1; };
+  EXPECT_EQ(object.Compact(), 0U);
 }
 
 TEST_F(Compaction, AHugeEmptyGridIsAndStaysSmall) {

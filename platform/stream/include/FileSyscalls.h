@@ -22,6 +22,7 @@ struct FileSyscalls {
                              unsigned int flags);
   int (*fstat)(int fd, struct stat* status);
   int (*stat)(const char* path, struct stat* status);
+  int (*statx)(int folder, const char* path, int flags, unsigned int mask, struct statx* status);
   off_t (*lseek)(int fd, off_t position, int whence);
   void* (*mmap)(void* address, size_t size, int protection, int flags, int fd, off_t position);
   int (*ftruncate)(int fd, off_t length);

@@ -26,6 +26,11 @@ class HX_PLATFORM_API ZrFile {
   /// Empty if the path of that file is not UTF-8.
   static PelmUnicodeString FollowLink(const PelmUnicodeString& path);
 
+  /// Whether a file is reached through the mount that its folder is in. A single file may be
+  /// mounted by itself: what lies beside it here does not lie beside it elsewhere. Where the system
+  /// does not tell mounts apart, the devices are compared.
+  static bool IsOnMountOfFolder(const PelmUnicodeString& path);
+
   /// Whether anything is at the path; a link counts for what it leads to.
   static bool IsExist(const PelmUnicodeString& path);
   /// Makes a directory and its missing parents; what exists already is fine.

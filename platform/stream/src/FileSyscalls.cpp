@@ -17,6 +17,7 @@ FileSyscalls g_syscalls = {
     ::copy_file_range,
     ::fstat,
     ::stat,
+    ::statx,
     ::lseek,
     ::mmap,
     ::ftruncate,

@@ -1,7 +1,9 @@
 #include "ZrFile.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
+#include <utility>
 
 #include "Descriptors.h"
 #include "FileSyscalls.h"
@@ -29,6 +31,20 @@ bool MakeDirectories(const std::string& path) {
   const std::size_t slash = nameEnd == path.npos ? path.npos : path.rfind('/', nameEnd);
   if (slash == path.npos || slash == 0 || !MakeDirectories(path.substr(0, slash))) return false;
   return GetFileSyscalls().mkdir(path.c_str(), kMode) == 0 || IsDirectory(path);
+}
+
+// The mount that a path leads to, and 0 for the device; or 0 and the device.
+bool FindMount(const std::string& path, std::pair<std::uint64_t, dev_t>& mount) {
+  struct statx more;
+  if (GetFileSyscalls().statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &more) == 0 &&
+      (more.stx_mask & STATX_MNT_ID) != 0) {
+    mount = {more.stx_mnt_id, 0};
+    return true;
+  }
+  struct stat status;
+  if (GetFileSyscalls().stat(path.c_str(), &status) != 0) return false;
+  mount = {0, status.st_dev};
+  return true;
 }
 
 }  // namespace
@@ -63,6 +79,15 @@ PelmUnicodeString ZrFile::FollowLink(const PelmUnicodeString& path) {
   if (error) return path;
   const PelmUnicodeString found = PelmUnicodeString::FromUtf8(target);
   return found.ToUtf8() != target ? PelmUnicodeString() : found;
+}
+
+bool ZrFile::IsOnMountOfFolder(const PelmUnicodeString& path) {
+  const PelmUnicodeString folder = GetDir(path);
+  std::string native;
+  std::pair<std::uint64_t, dev_t> mount, mountOfFolder;
+  return ToNative(path, native) && FindMount(native, mount) &&
+         FindMount(folder.IsEmpty() ? "." : folder.ToUtf8(), mountOfFolder) &&
+         mount == mountOfFolder;
 }
 
 bool ZrFile::IsExist(const PelmUnicodeString& path) {
