@@ -204,7 +204,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// A crash, a kill or a loss of power at any moment costs nothing: the file is as before, or the
   /// next Open, also of a light class, finishes what was begun, for which it needs the right to
   /// write the file and the file beside it; without, it fails. A file beside it that is not needed
-  /// any more is replaced by the next compaction, and may be deleted after a Flush of the file.
+  /// any more is replaced by the next compaction, even one that cannot be opened, if the folder
+  /// lets it be deleted; it may be deleted after a Flush of the file. A folder of that name stays.
   ///
   /// If the file cannot be written while it is being replaced, the file beside it takes its path
   /// instead; then it has another inode, and other hard links of the old one lead to a file that

@@ -197,6 +197,19 @@ TEST_F(Compaction, Answers) {
     EXPECT_EQ(object.Compact(), 2U) << "another compaction is at work";
     EXPECT_EQ(ReadFile(TemporaryPath()).size(), 100000U);
   }
+  for (const bool isFifo : {true, false}) {  // neither of which can be opened
+    const std::string leftover = TemporaryPath().ToUtf8();
+    std::filesystem::remove(leftover);
+    ASSERT_EQ(isFifo ? ::mkfifo(leftover.c_str(), 0600) : ::symlink("nowhere", leftover.c_str()),
+              0);
+    ZrFile64 other;
+    ASSERT_TRUE(other.Open(path, ZrFile64::kReadWrite) && other.TryClaim(path));
+    EXPECT_EQ(object.Compact(), 2U) << "another compaction is at work";
+    EXPECT_EQ(folder.CountFiles(), 2U);
+    other.Close();
+    EXPECT_EQ(object.Compact(), 0U);
+    EXPECT_EQ(folder.CountFiles(), 1U);
+  }
   struct Damage {
     const char* what;
     std::size_t offset;
@@ -260,6 +273,9 @@ TEST_F(Compaction, ProgressTellsAndCancels) {
     EXPECT_EQ(ReadFile(path), before);
     EXPECT_EQ(folder.CountFiles(), 1U);
   }
+  EXPECT_EQ(object.Compact([&](auto, auto) { return ZrFile::Delete(TemporaryPath()) || true; }),
+            10U);
+  EXPECT_EQ(ReadFile(path), before) << "no mark without an image";
   unsigned long long last = 0;
   unsigned int changes = 0, steps = 0;
   const auto watch = [&](unsigned long long done, unsigned long long total) {
