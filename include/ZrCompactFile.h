@@ -188,12 +188,13 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// Rewrites the file without the space that replaced and removed tiles and versions have left.
   ///
   /// What is alive is collected in a file beside it, which needs as much room: ".$" and the name,
-  /// in the same folder. That then takes the place of the old contents, byte by byte; path and
-  /// inode stay. All versions stay, with their stamps and with how far they are filled, and so does
-  /// the size of the index; the time of creation is a new one. Names of an older file become
-  /// UTF-16, and a file of the other byte order becomes one of this host's. Beyond some fixed
-  /// buffers it takes as much memory as the largest tile, and of a naming file some 100 bytes per
-  /// name.
+  /// in the same folder. Nobody may open it whom the permissions of this one, its group and its
+  /// access control list keep out; where those cannot be given to it, it has fewer. That then takes
+  /// the place of the old contents, byte by byte; path and inode stay. All versions stay, with
+  /// their stamps and with how far they are filled, and so does the size of the index; the time of
+  /// creation is a new one. Names of an older file become UTF-16, and a file of the other byte
+  /// order becomes one of this host's. Beyond some fixed buffers it takes as much memory as the
+  /// largest tile, and of a naming file some 100 bytes per name.
   ///
   /// The object works as before afterwards, for all its threads; the calling one is among its users
   /// then. Operations of other threads and, with kProcessLock, of other processes wait meanwhile,

@@ -3,6 +3,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -11,6 +12,8 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "FileSyscalls.h"
@@ -327,6 +330,47 @@ TEST_F(Compaction, OnlyTheContentsChange) {
   std::filesystem::create_symlink(there, path.ToUtf8());
   Reopen();
   EXPECT_EQ(object.Compact(), 2U);
+}
+
+// An access control list: user 1234 may read and write, the group may not, which the mode does not
+// tell.
+bool SetList(const std::string& file, const char* name) {
+  Support::Bytes list = Support::Number(2, 4, false);
+  for (const auto& [tag, permissions, user] :
+       {std::tuple(1U, 6U, ~0U), {2U, 6U, 1234U}, {4U, 0U, ~0U}, {16U, 6U, ~0U}, {32U, 0U, ~0U}})
+    list =
+        list + Support::Number(tag | permissions << 16, 4, false) + Support::Number(user, 4, false);
+  return ::setxattr(file.c_str(), name, list.data(), list.size(), 0) == 0;
+}
+
+TEST_F(Compaction, AnImageLetsInNobodyElse) {
+  constexpr const char* kList = "system.posix_acl_access";
+  const std::string file = path.ToUtf8(), where = folder.GetFolder().string();
+  // The mode of the image, and whether it has a list.
+  std::pair<unsigned int, bool> seen;
+  const auto look = [&](auto, auto) {
+    struct stat status = {};
+    const std::string image = TemporaryPath().ToUtf8();
+    ::stat(image.c_str(), &status);
+    seen = {status.st_mode & 0777, ::getxattr(image.c_str(), kList, nullptr, 0) > 0};
+    return false;
+  };
+  const auto compact = [&] {
+    EXPECT_EQ(object.Compact(look), 10U);
+    return seen;
+  };
+  const SyscallFaults restore;
+  MakeGrid(1, 1);
+  if (!SetList(file, kList)) GTEST_SKIP() << "no lists here";
+  EXPECT_EQ(compact(), std::pair(0660U, true));
+  GetFileSyscalls().fsetxattr = [](auto...) { return errno = EPERM, -1; };
+  EXPECT_EQ(compact(), std::pair(0600U, false));
+  ASSERT_EQ(::removexattr(file.c_str(), kList) + ::chmod(file.c_str(), 0664), 0);
+  ASSERT_TRUE(SetList(where, "system.posix_acl_default"));
+  EXPECT_EQ(compact(), std::pair(0664U, false)) << "the folder's is for new files";
+  if (::chown(file.c_str(), 0, 1234) != 0) GTEST_SKIP() << "needs root";
+  GetFileSyscalls().fchown = [](auto...) { return errno = EPERM, -1; };
+  EXPECT_EQ(compact(), std::pair(0644U, false)) << "another group";
 }
 
 // The folder of a file that is mounted by itself is not where others look for an image.

@@ -32,6 +32,9 @@ struct FileSyscalls {
   int (*sync_file_range)(int fd, off_t position, off_t length, unsigned int flags);
   int (*fchmod)(int fd, mode_t mode);
   int (*fchown)(int fd, uid_t user, gid_t group);
+  ssize_t (*fgetxattr)(int fd, const char* name, void* value, size_t size);
+  int (*fsetxattr)(int fd, const char* name, const void* value, size_t size, int flags);
+  int (*fremovexattr)(int fd, const char* name);
   int (*mkdir)(const char* path, mode_t mode);
   int (*unlink)(const char* path);
   int (*link)(const char* from, const char* to);

@@ -115,7 +115,10 @@ class HX_PLATFORM_API ZrFileStream {
   bool TryClaim(const PelmUnicodeString& path);
   /// The same, but waits for the other.
   bool Claim(const PelmUnicodeString& path);
-  /// Gives the open file the permissions of another and, as far as this process may, its owner.
+  /// Gives the open file, as far as this process may, the owner, the group, the permissions and the
+  /// access control list of another. Where something cannot be had, it gives fewer permissions: the
+  /// file lets in nobody but its owner whom the other one keeps out. It should have none for group
+  /// and others before. False if the permissions cannot be set.
   bool TakeOwner(const ZrFileStream& other);
 
   /// The whole file into `data`; false, too, if the file becomes shorter meanwhile.

@@ -1,6 +1,7 @@
 #include "FileSyscalls.h"
 
 #include <sys/mman.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -27,6 +28,9 @@ FileSyscalls g_syscalls = {
     ::sync_file_range,
     ::fchmod,
     ::fchown,
+    ::fgetxattr,
+    ::fsetxattr,
+    ::fremovexattr,
     ::mkdir,
     ::unlink,
     ::link,

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <optional>
 #include <string>
 
 #include "Descriptors.h"
@@ -62,6 +63,39 @@ bool WriteAll(int fd, std::uint64_t position, iovec first, iovec second) {
                           : calls.pwritev(fd, parts, count, offset);
       });
   return moved == std::uint64_t{first.iov_len} + second.iov_len;
+}
+
+constexpr mode_t kPermissions = 0777;
+constexpr mode_t kOwnerPermissions = 0700;
+
+// For a file of another group: its members were among the others, and the members of the group of
+// before are among them now.
+mode_t WithoutGroup(mode_t mode) {
+  const mode_t both = mode & mode >> 3 & 07;
+  return (mode & kOwnerPermissions) | both << 3 | both;
+}
+
+// An access control list as the kernel gives it, empty for none; nothing if that is not known.
+using AccessList = std::optional<std::string>;
+constexpr const char* kAccessList = "system.posix_acl_access";
+
+bool HasNoList() { return errno == ENODATA || errno == EOPNOTSUPP || errno == ENOSYS; }
+
+AccessList ReadAccessList(int fd) {
+  const FileSyscalls& calls = GetFileSyscalls();
+  ssize_t size = calls.fgetxattr(fd, kAccessList, nullptr, 0);
+  std::string list(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
+  if (size > 0) size = calls.fgetxattr(fd, kAccessList, list.data(), list.size());
+  if (size < 0) return HasNoList() ? AccessList("") : std::nullopt;
+  list.resize(static_cast<std::size_t>(size));
+  return list;
+}
+
+// None takes away the one that the file may have got from its folder.
+bool SetAccessList(int fd, const std::string& list) {
+  const FileSyscalls& calls = GetFileSyscalls();
+  if (!list.empty()) return calls.fsetxattr(fd, kAccessList, list.data(), list.size(), 0) == 0;
+  return calls.fremovexattr(fd, kAccessList) == 0 || HasNoList();
 }
 
 iovec Part(const void* bytes, std::uint64_t size) { return {const_cast<void*>(bytes), size}; }
@@ -294,11 +328,18 @@ bool ZrFileStream::TakeOwner(const ZrFileStream& other) {
   if (!GetStatus(mine) || !other.GetStatus(wanted)) return false;
   const FileSyscalls& calls = GetFileSyscalls();
   constexpr uid_t kSameOwner = static_cast<uid_t>(-1);
-  if (mine.st_uid != wanted.st_uid || mine.st_gid != wanted.st_gid)
-    if (calls.fchown(m_fd, wanted.st_uid, wanted.st_gid) != 0)
-      calls.fchown(m_fd, kSameOwner, wanted.st_gid);  // which a member of the group may
-  constexpr mode_t kPermissions = 0777;
-  const mode_t mode = wanted.st_mode & kPermissions;
+  bool hasGroup = mine.st_gid == wanted.st_gid;
+  if (mine.st_uid != wanted.st_uid || !hasGroup)
+    hasGroup = calls.fchown(m_fd, wanted.st_uid, wanted.st_gid) == 0 ||
+               calls.fchown(m_fd, kSameOwner, wanted.st_gid) == 0 ||  // which a member may
+               hasGroup;
+  mode_t mode = wanted.st_mode & kPermissions;
+  const AccessList list = ReadAccessList(other.m_fd);
+  // Beside a list, the bits of the group stand for all that it names.
+  if (!list || (!hasGroup && !list->empty()) || !SetAccessList(m_fd, *list))
+    mode &= kOwnerPermissions;
+  else if (!hasGroup)
+    mode = WithoutGroup(mode);
   return (mine.st_mode & kPermissions) == mode || calls.fchmod(m_fd, mode) == 0;
 }
 
