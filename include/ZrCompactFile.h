@@ -122,7 +122,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// @{
 
   /// Creates a grid file, with its missing folders, and opens it. The file appears complete or not
-  /// at all; with kReplace it takes the place of an existing one in one step.
+  /// at all; with kReplace it takes the place of an existing one in one step, and
+  /// gets its permissions and access control list and, as far as this process may, owner and group;
+  /// where one of these cannot be had, fewer permissions.
   ///
   /// @param path      ".cf" is appended to a path without an extension.
   /// @param rows,cols at least 1 each, their product at most 0x10000000.

@@ -76,7 +76,19 @@ TEST_F(Lifecycle, CreateAnswers) {
   EXPECT_EQ(grid("g", 3, 5, 4), 2U) << "exists";
   ASSERT_EQ(object.Open(folder.GetPath("g"), u"", 4), 0U);
   EXPECT_EQ(Read(2, 4, 1).payload, "kept");
+  const std::string native = folder.GetPath("g.cf").ToUtf8();
+  ASSERT_EQ(::chmod(native.c_str(), 0640), 0);
+  static int s_wider;  // permissions, before it has the path
+  const SyscallFaults restore;
+  GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
+    struct stat status = {};
+    s_wider += ::fstat(fd, &status) != 0 || (status.st_mode & 0077) != 0;
+    return ::pwrite(fd, bytes, size, position);
+  };
   EXPECT_EQ(grid("g", 1, 1, 1), 0U) << "replaced";
+  struct stat status = {};
+  EXPECT_TRUE(::stat(native.c_str(), &status) == 0 && (status.st_mode & 0777) == 0640);
+  EXPECT_EQ(s_wider, 0);
   EXPECT_EQ(IndexInfo(object), (Info{0, 1, 1}));
   EXPECT_EQ(folder.CountFiles(), 3U);
 }

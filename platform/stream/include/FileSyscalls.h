@@ -32,6 +32,7 @@ struct FileSyscalls {
   int (*sync_file_range)(int fd, off_t position, off_t length, unsigned int flags);
   int (*fchmod)(int fd, mode_t mode);
   int (*fchown)(int fd, uid_t user, gid_t group);
+  ssize_t (*getxattr)(const char* path, const char* name, void* value, size_t size);
   ssize_t (*fgetxattr)(int fd, const char* name, void* value, size_t size);
   int (*fsetxattr)(int fd, const char* name, const void* value, size_t size, int flags);
   int (*fremovexattr)(int fd, const char* name);

@@ -28,6 +28,7 @@ FileSyscalls g_syscalls = {
     ::sync_file_range,
     ::fchmod,
     ::fchown,
+    ::getxattr,
     ::fgetxattr,
     ::fsetxattr,
     ::fremovexattr,

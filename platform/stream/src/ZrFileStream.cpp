@@ -81,11 +81,12 @@ constexpr const char* kAccessList = "system.posix_acl_access";
 
 bool HasNoList() { return errno == ENODATA || errno == EOPNOTSUPP || errno == ENOSYS; }
 
-AccessList ReadAccessList(int fd) {
-  const FileSyscalls& calls = GetFileSyscalls();
-  ssize_t size = calls.fgetxattr(fd, kAccessList, nullptr, 0);
+// `read` is called as getxattr, for that list.
+template <typename Read>
+AccessList ReadAccessList(Read read) {
+  ssize_t size = read(nullptr, 0);
   std::string list(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
-  if (size > 0) size = calls.fgetxattr(fd, kAccessList, list.data(), list.size());
+  if (size > 0) size = read(list.data(), list.size());
   if (size < 0) return HasNoList() ? AccessList("") : std::nullopt;
   list.resize(static_cast<std::size_t>(size));
   return list;
@@ -101,6 +102,12 @@ bool SetAccessList(int fd, const std::string& list) {
 iovec Part(const void* bytes, std::uint64_t size) { return {const_cast<void*>(bytes), size}; }
 
 }  // namespace
+
+// Who may do what with a file.
+struct ZrFileStream::Access {
+  struct stat status;
+  AccessList list;
+};
 
 ZrFileStream::ZrFileStream() = default;
 
@@ -323,9 +330,28 @@ bool ZrFileStream::MakeClaim(const PelmUnicodeString& path, bool wait) {
 }
 
 bool ZrFileStream::TakeOwner(const ZrFileStream& other) {
+  Access access;
+  access.list = ReadAccessList([&](char* list, std::size_t size) {
+    return GetFileSyscalls().fgetxattr(other.m_fd, kAccessList, list, size);
+  });
+  return other.GetStatus(access.status) && TakeAccess(access);
+}
+
+bool ZrFileStream::TakeOwner(const PelmUnicodeString& path) {
+  std::string native;
+  if (!ZrFile::ToNative(path, native)) return false;
+  const FileSyscalls& calls = GetFileSyscalls();
+  Access access;
+  access.list = ReadAccessList([&](char* list, std::size_t size) {
+    return calls.getxattr(native.c_str(), kAccessList, list, size);
+  });
+  return calls.stat(native.c_str(), &access.status) == 0 && TakeAccess(access);
+}
+
+bool ZrFileStream::TakeAccess(const Access& access) {
+  const auto& [wanted, list] = access;
   struct stat mine;
-  struct stat wanted;
-  if (!GetStatus(mine) || !other.GetStatus(wanted)) return false;
+  if (!GetStatus(mine)) return false;
   const FileSyscalls& calls = GetFileSyscalls();
   constexpr uid_t kSameOwner = static_cast<uid_t>(-1);
   bool hasGroup = mine.st_gid == wanted.st_gid;
@@ -334,7 +360,6 @@ bool ZrFileStream::TakeOwner(const ZrFileStream& other) {
                calls.fchown(m_fd, kSameOwner, wanted.st_gid) == 0 ||  // which a member may
                hasGroup;
   mode_t mode = wanted.st_mode & kPermissions;
-  const AccessList list = ReadAccessList(other.m_fd);
   // Beside a list, the bits of the group stand for all that it names.
   if (!list || (!hasGroup && !list->empty()) || !SetAccessList(m_fd, *list))
     mode &= kOwnerPermissions;
