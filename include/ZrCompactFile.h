@@ -77,6 +77,10 @@ struct TileStore;
 /// writes nothing. Among openers without that bit, or one with and one without, nothing is
 /// guaranteed. Two objects on one file within a process count as two processes.
 ///
+/// Paths. One that is empty or has a NUL inside is unusable. A relative one is taken from the
+/// working directory of the moment; it is unusable if that directory was deleted, or its name is
+/// not UTF-8.
+///
 /// Fork. A child must not touch an object that its parent had open.
 ///
 /// Crash. What an operation has acknowledged survives the death of the process at any moment. An
@@ -121,7 +125,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// @{
 
   /// Creates a grid file, with its missing folders, and opens it. The file appears complete or not
-  /// at all; with kReplace it takes the place of an existing one in one step.
+  /// at all; with kReplace it takes the place of an existing one in one step, and
+  /// gets its permissions and access control list and, as far as this process may, owner and group;
+  /// where one of these cannot be had, fewer permissions.
   ///
   /// @param path      ".cf" is appended to a path without an extension.
   /// @param rows,cols at least 1 each, their product at most 0x10000000.
@@ -142,10 +148,10 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// slots, if it is missing and the mode is not exactly kReadOnly.
   ///
   /// kOk; kNotUsable if the lock, memory or the index cannot be had; kNotCreated if a missing file
-  /// cannot be made; kWrongFile for no compact file or a wrong password; kNotFound; kNotOpen if the
-  /// file cannot be opened, or is no regular file. A file that cannot be opened for writing is
-  /// opened for reading. A ".sc" path gives the result of the registered ZrCacheFile, to which the
-  /// object then delegates.
+  /// cannot be made; kWrongFile for no compact file or a wrong password; kNotFound, also for an
+  /// unusable path; kNotOpen if the file cannot be opened, or is no regular file. A file that
+  /// cannot be opened for writing is opened for reading. A ".sc" path gives the result of the
+  /// registered ZrCacheFile, to which the object then delegates.
   unsigned int Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
                     ZrOpenMode mode);
 
@@ -187,12 +193,13 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// Rewrites the file without the space that replaced and removed tiles and versions have left.
   ///
   /// What is alive is collected in a file beside it, which needs as much room: ".$" and the name,
-  /// in the same folder. That then takes the place of the old contents, byte by byte; path and
-  /// inode stay. All versions stay, with their stamps and with how far they are filled, and so does
-  /// the size of the index; the time of creation is a new one. Names of an older file become
-  /// UTF-16, and a file of the other byte order becomes one of this host's. Beyond some fixed
-  /// buffers it takes as much memory as the largest tile, and of a naming file some 100 bytes per
-  /// name.
+  /// in the same folder. Nobody may open it whom the permissions of this one, its group and its
+  /// access control list keep out; where those cannot be given to it, it has fewer. That then takes
+  /// the place of the old contents, byte by byte; path and inode stay. All versions stay, with
+  /// their stamps and with how far they are filled, and so does the size of the index; the time of
+  /// creation is a new one. Names of an older file become UTF-16, and a file of the other byte
+  /// order becomes one of this host's. Beyond some fixed buffers it takes as much memory as the
+  /// largest tile, and of a naming file some 100 bytes per name.
   ///
   /// The object works as before afterwards, for all its threads; the calling one is among its users
   /// then. Operations of other threads and, with kProcessLock, of other processes wait meanwhile,
@@ -203,20 +210,25 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// A crash, a kill or a loss of power at any moment costs nothing: the file is as before, or the
   /// next Open, also of a light class, finishes what was begun, for which it needs the right to
   /// write the file and the file beside it; without, it fails. A file beside it that is not needed
-  /// any more is replaced by the next compaction, and may be deleted after a Flush of the file.
+  /// any more is replaced by the next compaction, even one that cannot be opened, if the folder
+  /// lets it be deleted; it may be deleted after a Flush of the file. A folder of that name stays.
   ///
   /// If the file cannot be written while it is being replaced, the file beside it takes its path
   /// instead; then it has another inode, and other hard links of the old one lead to a file that
   /// opens no more.
   ///
+  /// A file that is mounted by itself, as into an application's container, is not compacted there:
+  /// its folder is another one for others, who would not find the file beside it after a crash.
+  ///
   /// kOk; kNotOpen; kUnknownKind; kNotCreated for a file opened for reading, one that has lost its
-  /// path, a naming file whose index cannot be brought up to date, and if the file beside it cannot
-  /// be made or another compaction is at work; kReadFailure for a grid whose index cannot be
-  /// brought up to date, and for a tile that cannot be read; kWriteFailure if there is no room, for
-  /// a name that cannot be converted or that two names would become, and if the progress answered
-  /// false. After all of these the file is as it was. kNotUsable if the compacted file could not be
-  /// opened again, or if it could not be put in its place, where both files are then left for the
-  /// next Open. A ".sc" file gives the result of its ZrCacheFile's Reconstruction.
+  /// path or is mounted by itself, a naming file whose index cannot be brought up to date, and if
+  /// the file beside it cannot be made or another compaction is at work; kReadFailure for a grid
+  /// whose index cannot be brought up to date, and for a tile that cannot be read; kWriteFailure if
+  /// there is no room, for a name that cannot be converted or that two names would become, and if
+  /// the progress answered false. After all of these the file is as it was. kNotUsable if the
+  /// compacted file could not be opened again, or if it could not be put in its place, where both
+  /// files are then left for the next Open. A ".sc" file gives the result of its ZrCacheFile's
+  /// Reconstruction.
   unsigned int Compact();
   /// The same, and tells how far it has come; an empty function is none.
   unsigned int Compact(const CompactProgress& progress);

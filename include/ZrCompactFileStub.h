@@ -58,7 +58,8 @@ class HX_COMPACTFILE_API ZrCompactFileStub {
   /// ".cf" is appended to a path without an extension; a relative one is taken from the working
   /// directory of now. Nothing happens if the stub is at this path already, compared without regard
   /// to case, unless the other spelling is a file of its own. An empty path leaves the stub without
-  /// a file. So does a shortage of memory.
+  /// a file. So does a shortage of memory, and a relative path where the working directory was
+  /// deleted or has a name that is not UTF-8.
   void SetPath(PelmUnicodeString path);
 
   /// Stores a tile; creates the file if it is missing, also if another process does so meanwhile.

@@ -7,13 +7,16 @@ fail() {
   exit 1
 }
 
-# need COMMAND-OR-FILE=PACKAGE...: installs, through apt, the packages whose command or file is
-# missing.
+# need COMMAND-OR-PATH=PACKAGE...: installs, through apt, the packages whose command or file is
+# missing. A word without a slash is a command: folders of the project have names of commands.
 need() {
   local missing=() pair
   for pair in "$@"; do
     local thing=${pair%%=*} package=${pair#*=}
-    command -v "$thing" >/dev/null || [ -e "$thing" ] || missing+=("$package")
+    case $thing in
+      */*) [ -e "$thing" ] ;;
+      *) command -v "$thing" >/dev/null ;;
+    esac || missing+=("$package")
   done
   [ ${#missing[@]} -eq 0 ] && return
   local log apt=(apt-get)

@@ -1,10 +1,14 @@
 #!/usr/bin/env bash
 # Builds the library and runs all tests.
 #   scripts/test.sh [PRESET] [CTEST-OPTION...]   (preset: dev by default; asan, tsan, coverage)
+# The first word is a preset unless it begins with "-".
 . "$(dirname "$0")/common.sh"
 
-preset=${1:-dev}
-shift || true
+preset=dev
+if [[ ${1--} != -* ]]; then
+  preset=$1
+  shift
+fi
 need_compiler /usr/include/gmock/gmock.h=libgmock-dev python3=python3 pkg-config=pkg-config \
   dpkg-shlibdeps=dpkg-dev file=file doxygen=doxygen
 build "$preset"

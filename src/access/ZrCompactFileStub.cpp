@@ -28,7 +28,8 @@ namespace {
 
 constexpr unsigned int kGridSide = 128;
 
-// The file that a path means now; empty for a path that means none.
+// The file that a path means now; empty for a path that means none, or that would mean another one
+// after a change of the working directory.
 PelmUnicodeString FileOf(const PelmUnicodeString& path) {
   if (!Format::IsUsablePath(path)) return {};
   return ZrFile::GetAbsolute(Format::CompletePath(path));

@@ -114,8 +114,8 @@ unsigned int ZrCompactFile::ReplaceByImage(const Engine::FileState& source, Io::
   TearDown();
   const Outcome outcome =
       image.Replace(*source.file, [&](std::uint64_t done) { report.PutBack(done, length); });
-  // Opening may have to finish what could not be done here, and needs the claim for it.
-  image.GetStream().Close();
+  // Opening may have to finish what could not be done here, and needs the claims for it.
+  image.LetGo();
   if (outcome == Outcome::kByName) lock.LeaveProcessLock();  // it is on the file of before
   if (TakeIntoUse() != ZrResult::kOk) {
     lock.LeaveProcessLock();

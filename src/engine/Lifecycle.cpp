@@ -38,7 +38,11 @@ class NewContainer {
     const PelmUnicodeString folder = ZrFile::GetDir(m_path);
     if (!folder.IsEmpty()) ZrFile::MkDirEx(folder);
     const Format::XorString xorString = Format::MakeXorString(m_password.GetBuffer());
-    if (!m_file.Begin(m_path) || !Engine::WriteEmptyContainer(*m_stream, xorString, header))
+    // What it replaces may be kept from others.
+    constexpr unsigned int kOwnerOnly = 0600, kUsual = 0666;
+    const unsigned int permissions = m_replace && ZrFile::IsExist(m_path) ? kOwnerOnly : kUsual;
+    if (!m_file.Begin(m_path, permissions) ||
+        !Engine::WriteEmptyContainer(*m_stream, xorString, header))
       return ZrNewFile::Outcome::kFailed;
     return m_replace ? m_file.Replace() : m_file.Publish();
   }
@@ -163,6 +167,7 @@ unsigned int ZrCompactFile::OpenContainer(const PelmUnicodeString& path,
   const PelmUnicodeString completed = Format::CompletePath(path);
   if (m_pCacheFile == nullptr && IsOpenAt(completed)) return Join();  // other threads use it
   const PelmUnicodeString absolutePath = ZrFile::GetAbsolute(completed);
+  if (absolutePath.IsEmpty()) return ZrResult::kNotFound;
   if (!ZrFile::IsExist(absolutePath)) {
     if (!mayCreate) return ZrResult::kNotFound;
     NewContainer container(absolutePath, password, false);

@@ -108,25 +108,32 @@ bool CopyImage(const ZrFileStream& image, std::uint64_t length, ZrFileStream& co
 
 // The image takes the path of the container, for good: others may change it from then on. What it
 // has behind its end is dead space.
-bool ReplaceByName(const PelmUnicodeString& imagePath, const PelmUnicodeString& path) {
-  if (!ZrFile::Rename(imagePath, path)) return false;
+bool ReplaceByName(const ZrFileStream& image, const PelmUnicodeString& imagePath,
+                   const PelmUnicodeString& path) {
+  if (!image.IsSameFile(imagePath) || !ZrFile::Rename(imagePath, path)) return false;
   ZrFile::SyncDir(path);  // without that, both may be as they were, which is as good
   return true;
 }
 
-void RemoveImage(const PelmUnicodeString& imagePath) {
+void RemoveImage(const ZrFileStream& image, const PelmUnicodeString& imagePath) {
+  if (!image.IsSameFile(imagePath)) return;
   ZrFile::Delete(imagePath);
   ZrFile::SyncDir(imagePath);
 }
 
-// Deletes an image that nobody works on, and that no container needs: the mark may still be on the
-// disk where the header is in memory.
+// Deletes what lies where an image belongs, if nobody works on it, and the container, which is
+// claimed, does not need it: the mark may still be on the disk where the header is in memory.
+//
+// What cannot be opened, as a file of somebody else, a FIFO or a broken link, cannot be claimed.
+// But who works on an image of this container has claimed that, too, so nobody does.
 bool RemoveLeftover(const PelmUnicodeString& imagePath, ZrFileStream& container) {
   ZrFile64 leftover;
   HeaderImage header;
-  return leftover.Open(imagePath, ZrFile64::kReadWrite) && leftover.TryClaim(imagePath) &&
-         leftover.IsSameFile(imagePath) && ReadHeaderBytes(container, header) &&
-         !Format::DecodeRedoMark(header) && container.Sync() && ZrFile::Delete(imagePath);
+  if (leftover.Open(imagePath, ZrFile64::kReadWrite) &&
+      !(leftover.TryClaim(imagePath) && leftover.IsSameFile(imagePath)))
+    return false;
+  return ReadHeaderBytes(container, header) && !Format::DecodeRedoMark(header) &&
+         container.Sync() && ZrFile::Delete(imagePath);
 }
 
 // Whether `image` is what the mark asks for, and whole.
@@ -150,13 +157,21 @@ bool RedoFile::Make(const PelmUnicodeString& path, ZrFile64& container) {
   m_containerPath = ZrFile::FollowLink(path);
   m_path = Format::TemporaryPath(m_containerPath);
   constexpr unsigned int kOwnerOnly = 0600;  // until it has the permissions of the container
-  if (!m_file.Begin(m_path, kOwnerOnly) || !m_stream.TryClaim(m_file.GetTemporaryPath()) ||
+  // Others find the image by their path of the container.
+  if (!ZrFile::IsOnMountOfFolder(m_containerPath) || !ClaimContainer(container) ||
+      !m_file.Begin(m_path, kOwnerOnly) || !m_stream.TryClaim(m_file.GetTemporaryPath()) ||
       !m_stream.TakeOwner(container))
     return false;
   ZrNewFile::Outcome outcome = m_file.Publish();
   if (outcome == ZrNewFile::Outcome::kExists && RemoveLeftover(m_path, container))
     outcome = m_file.Publish();
   return outcome == ZrNewFile::Outcome::kPublished;
+}
+
+// By a stream of its own, for the other one is used on.
+bool RedoFile::ClaimContainer(const ZrFile64& container) {
+  return m_container.Open(m_containerPath, ZrFile64::kReadWrite) &&
+         m_container.TryClaim(m_containerPath) && container.IsSameFile(m_containerPath);
 }
 
 bool RedoFile::Seal(Format::RedoChecksum sum, std::uint64_t sumStart) {
@@ -183,18 +198,24 @@ bool RedoFile::Reserve(ZrFile64& container) const {
 RedoFile::Outcome RedoFile::Replace(ZrFile64& container, const Progress& progress) {
   m_file.Commit();  // the image is deleted only where this says so
   HeaderImage header;
-  if (ReadHeaderBytes(m_stream, header) &&
+  // What the mark asks for must be there.
+  if (m_stream.IsSameFile(m_path) && ReadHeaderBytes(m_stream, header) &&
       WriteHeaderBytes(container, Format::EncodeRedoMark(m_trailer.id, header)) &&
       CopyImage(m_stream, m_trailer.imageLength, container, m_buffer, progress)) {
-    RemoveImage(m_path);
+    RemoveImage(m_stream, m_path);
     return Outcome::kInPlace;
   }
-  return ReplaceByName(m_path, m_containerPath) ? Outcome::kByName : Outcome::kNot;
+  return ReplaceByName(m_stream, m_path, m_containerPath) ? Outcome::kByName : Outcome::kNot;
+}
+
+void RedoFile::LetGo() {
+  m_stream.Close();
+  m_container.Close();
 }
 
 void RedoFile::Delete(ZrFile64& container) {
-  m_stream.Close();
-  RemoveLeftover(m_path, container);
+  LetGo();
+  if (ClaimContainer(container)) RemoveLeftover(m_path, container);
 }
 
 bool FinishReplacement(const PelmUnicodeString& path) {
@@ -208,17 +229,17 @@ bool FinishReplacement(const PelmUnicodeString& path) {
   };
   if (!container.Open(containerPath, ZrFile64::kReadWrite)) return false;
   if (!readMark()) return true;  // somebody else may just have finished
-  if (!image.Open(imagePath, ZrFile64::kReadWrite) || !image.Claim(imagePath) ||
-      !image.IsSameFile(imagePath))
+  if (!container.Claim(containerPath) || !image.Open(imagePath, ZrFile64::kReadWrite) ||
+      !image.Claim(imagePath) || !image.IsSameFile(imagePath))
     return true;
-  const auto id = readMark();  // whoever had the claim may have finished
+  const auto id = readMark();  // whoever had the claims may have finished
   ZrByteArray buffer;
   std::uint64_t length;
   if (!id || !IsImageOf(*id, image, buffer, length)) return true;
   if (CopyImage(image, length, container, buffer, nullptr))
-    RemoveImage(imagePath);
+    RemoveImage(image, imagePath);
   else
-    ReplaceByName(imagePath, containerPath);
+    ReplaceByName(image, imagePath, containerPath);
   return true;
 }
 

@@ -21,8 +21,10 @@ namespace Zarn::Io {
 ///              the header. With a sync after each. Then the image is deleted.
 ///
 /// Whoever finds the mark puts the image in its place with FinishReplacement. All of them, and all
-/// who make such a file, claim it first, so only one of them works at any time, whether or not any
-/// other lock is in use. When the header is back, the container may be changed by others at once.
+/// who make such a file, claim the container and then the image, so only one of them works at any
+/// time, whether or not any other lock is in use: by the container, also where not all of them may
+/// open each other's images; by the image, also where another file has taken the container's path.
+/// When the header is back, the container may be changed by others at once.
 class RedoFile {
  public:
   /// Bytes of the image that are in place.
@@ -34,7 +36,8 @@ class RedoFile {
   };
 
   /// For the container at `path`, open in `container`. What a killed run has left is replaced.
-  /// False if somebody else is at work, or if the file cannot be made.
+  /// False if somebody else is at work, if the file cannot be made, or if the container is mounted
+  /// as a single file, where others would not find this one.
   bool Make(const PelmUnicodeString& path, ZrFile64& container);
   ZrFile64& GetStream() { return m_stream; }
   /// `sum` is that of all chunks from the one at `sumStart` on. Memory for the copies that follow
@@ -43,14 +46,20 @@ class RedoFile {
   bool Reserve(ZrFile64& container) const;
   Outcome Replace(ZrFile64& container, const Progress& progress);
 
+  /// Gives up the claims, and with them the stream.
+  void LetGo();
+
   std::uint64_t GetImageLength() const { return m_trailer.imageLength; }
   /// Gives up the image of a replacement that has come to nothing, and deletes it if the container
   /// is whole.
   void Delete(ZrFile64& container);
 
  private:
+  bool ClaimContainer(const ZrFile64& container);
+
   PelmUnicodeString m_path;           // of the image
   PelmUnicodeString m_containerPath;  // no symbolic link
+  ZrFile64 m_container;               // has the claim; closed last
   ZrFile64 m_stream;
   ZrNewFile m_file{m_stream};
   ZrByteArray m_buffer;

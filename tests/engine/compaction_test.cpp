@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -9,6 +12,8 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "FileSyscalls.h"
@@ -17,6 +22,7 @@
 #include "ZrToolkit.h"
 #include "engine/EngineFixture.h"
 #include "support/PowerLoss.h"
+#include "support/Processes.h"
 #include "support/RawFile.h"
 #include "support/SyscallFaults.h"
 
@@ -194,6 +200,19 @@ TEST_F(Compaction, Answers) {
     EXPECT_EQ(object.Compact(), 2U) << "another compaction is at work";
     EXPECT_EQ(ReadFile(TemporaryPath()).size(), 100000U);
   }
+  for (const bool isFifo : {true, false}) {  // neither of which can be opened
+    const std::string leftover = TemporaryPath().ToUtf8();
+    std::filesystem::remove(leftover);
+    ASSERT_EQ(isFifo ? ::mkfifo(leftover.c_str(), 0600) : ::symlink("nowhere", leftover.c_str()),
+              0);
+    ZrFile64 other;
+    ASSERT_TRUE(other.Open(path, ZrFile64::kReadWrite) && other.TryClaim(path));
+    EXPECT_EQ(object.Compact(), 2U) << "another compaction is at work";
+    EXPECT_EQ(folder.CountFiles(), 2U);
+    other.Close();
+    EXPECT_EQ(object.Compact(), 0U);
+    EXPECT_EQ(folder.CountFiles(), 1U);
+  }
   struct Damage {
     const char* what;
     std::size_t offset;
@@ -257,6 +276,9 @@ TEST_F(Compaction, ProgressTellsAndCancels) {
     EXPECT_EQ(ReadFile(path), before);
     EXPECT_EQ(folder.CountFiles(), 1U);
   }
+  EXPECT_EQ(object.Compact([&](auto, auto) { return ZrFile::Delete(TemporaryPath()) || true; }),
+            10U);
+  EXPECT_EQ(ReadFile(path), before) << "no mark without an image";
   unsigned long long last = 0;
   unsigned int changes = 0, steps = 0;
   const auto watch = [&](unsigned long long done, unsigned long long total) {
@@ -300,6 +322,84 @@ TEST_F(Compaction, OnlyTheContentsChange) {
   EXPECT_EQ(before.st_mode, after.st_mode);
   EXPECT_EQ(before.st_ino, after.st_ino);
   EXPECT_TRUE(std::filesystem::is_symlink(link.ToUtf8()));
+
+  // Where the path beside the file cannot be expressed, nothing changes.
+  const auto unnamed = folder.GetFolder() / "\xFF", there = unnamed / "t.cf";
+  std::filesystem::create_directory(unnamed);
+  std::filesystem::rename(path.ToUtf8(), there);
+  std::filesystem::create_symlink(there, path.ToUtf8());
+  Reopen();
+  EXPECT_EQ(object.Compact(), 2U);
+}
+
+// An access control list: user 1234 may read and write, the group may not, which the mode does not
+// tell.
+bool SetList(const std::string& file, const char* name) {
+  Support::Bytes list = Support::Number(2, 4, false);
+  for (const auto& [tag, permissions, user] :
+       {std::tuple(1U, 6U, ~0U), {2U, 6U, 1234U}, {4U, 0U, ~0U}, {16U, 6U, ~0U}, {32U, 0U, ~0U}})
+    list =
+        list + Support::Number(tag | permissions << 16, 4, false) + Support::Number(user, 4, false);
+  return ::setxattr(file.c_str(), name, list.data(), list.size(), 0) == 0;
+}
+
+TEST_F(Compaction, AnImageLetsInNobodyElse) {
+  constexpr const char* kList = "system.posix_acl_access";
+  const std::string file = path.ToUtf8(), where = folder.GetFolder().string();
+  // The mode of the image, and whether it has a list.
+  std::pair<unsigned int, bool> seen;
+  const auto look = [&](auto, auto) {
+    struct stat status = {};
+    const std::string image = TemporaryPath().ToUtf8();
+    ::stat(image.c_str(), &status);
+    seen = {status.st_mode & 0777, ::getxattr(image.c_str(), kList, nullptr, 0) > 0};
+    return false;
+  };
+  const auto compact = [&] {
+    EXPECT_EQ(object.Compact(look), 10U);
+    return seen;
+  };
+  const SyscallFaults restore;
+  MakeGrid(1, 1);
+  if (!SetList(file, kList)) GTEST_SKIP() << "no lists here";
+  EXPECT_EQ(compact(), std::pair(0660U, true));
+  GetFileSyscalls().fsetxattr = [](auto...) { return errno = EPERM, -1; };
+  EXPECT_EQ(compact(), std::pair(0600U, false));
+  ASSERT_EQ(::removexattr(file.c_str(), kList) + ::chmod(file.c_str(), 0664), 0);
+  ASSERT_TRUE(SetList(where, "system.posix_acl_default"));
+  EXPECT_EQ(compact(), std::pair(0664U, false)) << "the folder's is for new files";
+  if (::chown(file.c_str(), 0, 1234) != 0) GTEST_SKIP() << "needs root";
+  GetFileSyscalls().fchown = [](auto...) { return errno = EPERM, -1; };
+  EXPECT_EQ(compact(), std::pair(0644U, false)) << "another group";
+}
+
+// The folder of a file that is mounted by itself is not where others look for an image.
+TEST_F(Compaction, NotOfASingleMountedFile) {
+  MakeGrid(1, 1);
+  ASSERT_EQ(Store(0, 0, "old", 1) + Store(0, 0, "newer", 1), 0U);
+  const Support::Bytes before = ReadFile(path);
+  const Name mounted = folder.GetPath("mounted/t.cf");
+  ASSERT_TRUE(ZrFile::MkDirEx(ZrFile::GetDir(mounted)));
+  Support::WriteFile(mounted, {});
+  constexpr int kUnable = 100;
+  const auto children = Support::Fork(1, [&](unsigned int) {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount(path.ToUtf8().c_str(), mounted.ToUtf8().c_str(), nullptr, MS_BIND, nullptr) != 0)
+      ::_exit(kUnable);
+    ZrCompactFile file;
+    bool hasLooked = false;
+    const auto look = [&](auto, auto) { return hasLooked = true; };
+    return file.Open(mounted, u"", kMode) == 0 && file.Compact(look) == 2 && !hasLooked ? 0 : 1;
+  });
+  int status = 0;
+  ASSERT_EQ(::waitpid(children[0], &status, 0), children[0]);
+  if (WEXITSTATUS(status) == kUnable) GTEST_SKIP() << "needs to mount";
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ReadFile(path), before);
+  const SyscallFaults restore;
+  GetFileSyscalls().statx = [](auto...) { return errno = ENOSYS, -1; };
+  EXPECT_EQ(object.Compact(), 0U);
 }
 
 TEST_F(Compaction, AHugeEmptyGridIsAndStaysSmall) {

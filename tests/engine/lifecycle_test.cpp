@@ -79,7 +79,19 @@ TEST_F(Lifecycle, CreateAnswers) {
   EXPECT_EQ(grid("g", 3, 5, 4), 2U) << "exists";
   ASSERT_EQ(object.Open(folder.GetPath("g"), u"", 4), 0U);
   EXPECT_EQ(Read(2, 4, 1).payload, "kept");
+  const std::string native = folder.GetPath("g.cf").ToUtf8();
+  ASSERT_EQ(::chmod(native.c_str(), 0640), 0);
+  static int s_wider;  // permissions, before it has the path
+  const SyscallFaults restore;
+  GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
+    struct stat status = {};
+    s_wider += ::fstat(fd, &status) != 0 || (status.st_mode & 0077) != 0;
+    return ::pwrite(fd, bytes, size, position);
+  };
   EXPECT_EQ(grid("g", 1, 1, 1), 0U) << "replaced";
+  struct stat status = {};
+  EXPECT_TRUE(::stat(native.c_str(), &status) == 0 && (status.st_mode & 0777) == 0640);
+  EXPECT_EQ(s_wider, 0);
   EXPECT_EQ(IndexInfo(object), (Info{0, 1, 1}));
   EXPECT_EQ(folder.CountFiles(), 3U);
 }
@@ -203,6 +215,22 @@ TEST_F(Lifecycle, ARelativePathOutlivesAChangeOfFolder) {
   ASSERT_EQ(other.SetAt(0, 0, Data("new"), 0, 0, 1), 0U);
   EXPECT_EQ(Read(0, 0, 1).payload, "new");
   EXPECT_FALSE(ZrFile::IsExist(u"t.cf"));
+
+  // What would not outlive it is not made. In a folder whose name is not UTF-8, and in a deleted
+  // one.
+  const auto unnamed = folder.GetFolder() / "\xFF", deleted = folder.GetFolder() / "deleted";
+  for (const auto& where : {unnamed, deleted}) {
+    std::filesystem::create_directory(where);
+    std::filesystem::current_path(where);
+    if (where == deleted) std::filesystem::remove(where);
+    ZrCompactFileStub stub;
+    stub.SetPath(u"s");
+    EXPECT_EQ(other.Open(u"o", u"", 4), 5U);
+    EXPECT_EQ(other.Create(u"c", 1, 1, u"", 4), 2U);
+    std::filesystem::current_path(start);
+    EXPECT_FALSE(stub.Write(0, 0, Data("x"), 0, 0, 1));
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(unnamed) && !ZrFile::IsExist(u"s.cf"));
 }
 
 // A host's class for older files, as far as it is asked here.

@@ -22,6 +22,7 @@ struct FileSyscalls {
                              unsigned int flags);
   int (*fstat)(int fd, struct stat* status);
   int (*stat)(const char* path, struct stat* status);
+  int (*statx)(int folder, const char* path, int flags, unsigned int mask, struct statx* status);
   off_t (*lseek)(int fd, off_t position, int whence);
   void* (*mmap)(void* address, size_t size, int protection, int flags, int fd, off_t position);
   int (*ftruncate)(int fd, off_t length);
@@ -31,6 +32,10 @@ struct FileSyscalls {
   int (*sync_file_range)(int fd, off_t position, off_t length, unsigned int flags);
   int (*fchmod)(int fd, mode_t mode);
   int (*fchown)(int fd, uid_t user, gid_t group);
+  ssize_t (*getxattr)(const char* path, const char* name, void* value, size_t size);
+  ssize_t (*fgetxattr)(int fd, const char* name, void* value, size_t size);
+  int (*fsetxattr)(int fd, const char* name, const void* value, size_t size, int flags);
+  int (*fremovexattr)(int fd, const char* name);
   int (*mkdir)(const char* path, mode_t mode);
   int (*unlink)(const char* path);
   int (*link)(const char* from, const char* to);

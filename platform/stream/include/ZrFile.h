@@ -18,12 +18,18 @@ class HX_PLATFORM_API ZrFile {
   /// The last component.
   static PelmUnicodeString GetName(const PelmUnicodeString& path);
 
-  /// The path from the root on; a relative one is taken from the working directory, and stays as it
-  /// is if the name of that is not UTF-8.
+  /// The path from the root on. A relative one is taken from the working directory; empty if that
+  /// is deleted, or its name is not UTF-8.
   static PelmUnicodeString GetAbsolute(const PelmUnicodeString& path);
 
   /// The file that a symbolic link leads to; any other path, and one that leads nowhere, as it is.
+  /// Empty if the path of that file is not UTF-8.
   static PelmUnicodeString FollowLink(const PelmUnicodeString& path);
+
+  /// Whether a file is reached through the mount that its folder is in. A single file may be
+  /// mounted by itself: what lies beside it here does not lie beside it elsewhere. Where the system
+  /// does not tell mounts apart, the devices are compared.
+  static bool IsOnMountOfFolder(const PelmUnicodeString& path);
 
   /// Whether anything is at the path; a link counts for what it leads to.
   static bool IsExist(const PelmUnicodeString& path);

@@ -116,8 +116,13 @@ class HX_PLATFORM_API ZrFileStream {
   bool TryClaim(const PelmUnicodeString& path);
   /// The same, but waits for the other.
   bool Claim(const PelmUnicodeString& path);
-  /// Gives the open file the permissions of another and, as far as this process may, its owner.
+  /// Gives the open file, as far as this process may, the owner, the group, the permissions and the
+  /// access control list of another. Where something cannot be had, it gives fewer permissions: the
+  /// file lets in nobody but its owner whom the other one keeps out. It should have none for group
+  /// and others before. False if the permissions cannot be set.
   bool TakeOwner(const ZrFileStream& other);
+  /// The same, of what is at a path, which need not be one that can be opened.
+  bool TakeOwner(const PelmUnicodeString& path);
 
   /// The whole file into `data`; false, too, if the file becomes shorter meanwhile.
   bool Load(ZrByteArray& data) const;
@@ -136,10 +141,12 @@ class HX_PLATFORM_API ZrFileStream {
 
  private:
   friend class ZrNewFile;
+  struct Access;
 
   /// Takes over a descriptor; false, and it is closed, if it is not a regular file's.
   bool Attach(int fd, bool readOnly);
   bool WriteZeros(std::uint64_t position, std::uint64_t size);
+  bool TakeAccess(const Access& access);
   bool MakeClaim(const PelmUnicodeString& path, bool wait);
 
   std::unique_ptr<FileLock> m_claim;

@@ -36,7 +36,8 @@ class HX_PLATFORM_API ZrNewFile {
   PelmUnicodeString GetTemporaryPath() const { return PelmUnicodeString::FromUtf8(m_temporary); }
   /// Names the file; the stream stays open on it.
   Outcome Publish();
-  /// The same, replacing a file that has the path: never kExists.
+  /// The same, replacing a file that has the path: never kExists. Before it has the path, the new
+  /// file gets owner and permissions of the one that it replaces, as ZrFileStream::TakeOwner does.
   Outcome Replace();
   /// Keeps the file, and lets go of what it has replaced.
   void Commit();
@@ -48,6 +49,7 @@ class HX_PLATFORM_API ZrNewFile {
   bool Make(const std::string& temporary, unsigned int permissions);
 
   ZrFileStream& m_stream;
+  PelmUnicodeString m_path;
   std::string m_nativePath;
   std::string m_temporary;  // names the new file, or while exchanged what it has replaced
   State m_state = State::kNone;

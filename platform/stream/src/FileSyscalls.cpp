@@ -1,6 +1,7 @@
 #include "FileSyscalls.h"
 
 #include <sys/mman.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,6 +18,7 @@ FileSyscalls g_syscalls = {
     ::copy_file_range,
     ::fstat,
     ::stat,
+    ::statx,
     ::lseek,
     ::mmap,
     ::ftruncate,
@@ -26,6 +28,10 @@ FileSyscalls g_syscalls = {
     ::sync_file_range,
     ::fchmod,
     ::fchown,
+    ::getxattr,
+    ::fgetxattr,
+    ::fsetxattr,
+    ::fremovexattr,
     ::mkdir,
     ::unlink,
     ::link,

@@ -1,7 +1,9 @@
 #include "ZrFile.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
+#include <utility>
 
 #include "Descriptors.h"
 #include "FileSyscalls.h"
@@ -31,6 +33,20 @@ bool MakeDirectories(const std::string& path) {
   return GetFileSyscalls().mkdir(path.c_str(), kMode) == 0 || IsDirectory(path);
 }
 
+// The mount that a path leads to, and 0 for the device; or 0 and the device.
+bool FindMount(const std::string& path, std::pair<std::uint64_t, dev_t>& mount) {
+  struct statx more;
+  if (GetFileSyscalls().statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &more) == 0 &&
+      (more.stx_mask & STATX_MNT_ID) != 0) {
+    mount = {more.stx_mnt_id, 0};
+    return true;
+  }
+  struct stat status;
+  if (GetFileSyscalls().stat(path.c_str(), &status) != 0) return false;
+  mount = {0, status.st_dev};
+  return true;
+}
+
 }  // namespace
 
 PelmUnicodeString ZrFile::GetExt(const PelmUnicodeString& path) {
@@ -52,7 +68,7 @@ PelmUnicodeString ZrFile::GetAbsolute(const PelmUnicodeString& path) {
   std::error_code error;
   const std::string folder = std::filesystem::current_path(error).string() + '/';
   const PelmUnicodeString start = PelmUnicodeString::FromUtf8(folder);
-  return error || start.ToUtf8() != folder ? path : start + path;
+  return error || start.ToUtf8() != folder ? PelmUnicodeString() : start + path;
 }
 
 PelmUnicodeString ZrFile::FollowLink(const PelmUnicodeString& path) {
@@ -60,8 +76,18 @@ PelmUnicodeString ZrFile::FollowLink(const PelmUnicodeString& path) {
   const std::filesystem::path native = path.ToUtf8();
   if (!std::filesystem::is_symlink(native, error)) return path;
   const std::string target = std::filesystem::canonical(native, error).string();
+  if (error) return path;
   const PelmUnicodeString found = PelmUnicodeString::FromUtf8(target);
-  return error || found.ToUtf8() != target ? path : found;
+  return found.ToUtf8() != target ? PelmUnicodeString() : found;
+}
+
+bool ZrFile::IsOnMountOfFolder(const PelmUnicodeString& path) {
+  const PelmUnicodeString folder = GetDir(path);
+  std::string native;
+  std::pair<std::uint64_t, dev_t> mount, mountOfFolder;
+  return ToNative(path, native) && FindMount(native, mount) &&
+         FindMount(folder.IsEmpty() ? "." : folder.ToUtf8(), mountOfFolder) &&
+         mount == mountOfFolder;
 }
 
 bool ZrFile::IsExist(const PelmUnicodeString& path) {

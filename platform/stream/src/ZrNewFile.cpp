@@ -33,6 +33,7 @@ int LinkIntoPlace(const char* from, const char* to) {
 bool ZrNewFile::Begin(const PelmUnicodeString& path, unsigned int permissions) {
   Undo();
   m_stream.Close();
+  m_path = path;
   if (!ZrFile::ToNative(path, m_nativePath)) return false;
   const std::string directory = ZrFile::GetDir(path).ToUtf8();
   constexpr int kAttempts = 16;  // a clash of random names even once is next to impossible
@@ -71,7 +72,10 @@ ZrNewFile::Outcome ZrNewFile::Replace() {
   if (m_state != State::kBegun) return Outcome::kFailed;
   struct stat old;
   const FileSyscalls& calls = GetFileSyscalls();
-  if (calls.stat(m_nativePath.c_str(), &old) == 0 && S_ISDIR(old.st_mode)) return Outcome::kFailed;
+  const bool isThere = calls.stat(m_nativePath.c_str(), &old) == 0;
+  if (isThere ? S_ISDIR(old.st_mode) || !m_stream.TakeOwner(m_path)
+              : errno != ENOENT && errno != ELOOP)
+    return Outcome::kFailed;
   if (calls.renameExchange(m_temporary.c_str(), m_nativePath.c_str()) == 0) {
     m_state = State::kExchanged;
     return Outcome::kPublished;
