@@ -571,6 +571,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// Where the data of a grid file end, and whether that is known. Guarded by m_mutex.
   const std::unique_ptr<Io::DataEnd> m_pDataEnd;
   bool m_bDataEndFound = false;
+  /// How long it was when a record was last appended. Guarded by m_mutex.
+  std::uint64_t m_nLengthBefore = 0;
+
 
   /// The number of the locked file that the state was loaded from; 0 without the lock between
   /// processes. Guarded by m_mutex.

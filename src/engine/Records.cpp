@@ -61,6 +61,7 @@ unsigned long long ZrCompactFile::GetAppendPosition() {
   std::uint64_t length = std::exchange(m_nFileEnd, 0);
   if ((length == 0 && !m_file->GetLength(length)) || !FindDataEnd(length)) return 0;
   const unsigned long long end = Io::NextPlace(
+  m_nLengthBefore = length;
       m_pDataEnd->lost, std::max<std::uint64_t>({length, GetIndexEnd(), m_pDataEnd->end}));
   return end <= Format::kPositionMask - Format::kGridRecordHead - kMaxCapacity ? end : 0;
 }
@@ -142,7 +143,8 @@ bool ZrCompactFile::ReplaceLocator(Engine::RecordReference& reference, unsigned 
 // Puts the record in the image, with the data if there is a store, where it does not grow. A write
 // of a killed process stops between two pages. So the record is at the end of the file by now, as
 // `copy`, and that is the one that counts while its place is overwritten. Then the place counts
-// again, and the copy is cut off. Returns where the record is; 0 if it is as it was.
+// again, and the file gets the length that it had before the copy, which may lie behind room that
+// a light writer has reserved. Returns where the record is; 0 if it is as it was.
 unsigned long long ZrCompactFile::MoveHome(Engine::RecordReference& reference,
                                            unsigned long long copy, unsigned long long home,
                                            const Format::RecordImage& image,
@@ -153,7 +155,8 @@ unsigned long long ZrCompactFile::MoveHome(Engine::RecordReference& reference,
                                         : WriteDataToDataFile(home, false, image) != 0;
   if (!written || !PointTo(reference, home)) return copy;
   std::uint64_t fileLength;
-  if (m_file->GetLength(fileLength) && fileLength == copy + length) m_file->SetLength(copy);
+  if (m_file->GetLength(fileLength) && fileLength == copy + length)
+    m_file->SetLength(m_nLengthBefore);
   return home;
 }
 

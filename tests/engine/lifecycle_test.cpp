@@ -241,6 +241,23 @@ TEST_F(Lifecycle, NothingIsAppendedIntoWhatALightWriterHasReserved) {
   }
 }
 
+// A copy meanwhile lies behind what the last record has reserved; afterwards the file ends where it
+// did.
+TEST_F(Lifecycle, ARewriteInPlaceKeepsTheLengthOfALightWritersFile) {
+  const std::string large(5000, 'L');
+  ZrCompactFileWriter writer;
+  ASSERT_EQ(writer.Create(path, 1, 2, u"", kMode), 0U);
+  ASSERT_EQ(writer.SetAt(0, 0, Data(large), 0, 0, 1), 0U);
+  ASSERT_EQ(writer.SetAt(0, 1, Data("part"), 10000, 0, 1), 0U);
+  writer.Close();
+  const auto before = std::filesystem::file_size(path.ToUtf8());
+  ASSERT_EQ(writer.Open(path, u"", kMode) + writer.SetAt(0, 0, Data(large), 0, 0, 1), 0U);
+  EXPECT_EQ(std::filesystem::file_size(path.ToUtf8()), before);
+  Reopen();
+  ASSERT_EQ(Store(0, 0, large, 1), 0U);
+  EXPECT_EQ(std::filesystem::file_size(path.ToUtf8()), before);
+}
+
 TEST_F(Lifecycle, NothingIsAppendedWhereTheLastRecordCannotBeRead) {
   bool failed = true;
   for (std::size_t n = 1; failed; ++n) {
