@@ -476,6 +476,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned long long MoveHome(Engine::RecordReference& reference, unsigned long long copy,
                               unsigned long long home, const Format::RecordImage& image,
                               const Engine::TileStore* store);
+  bool IsOwnRecord(unsigned long long position) const;
+  bool RunsOverRecord(unsigned long long position, unsigned long long from,
+                      unsigned long long to) const;
   unsigned long long RewriteRecord(Engine::RecordReference& reference, unsigned long long position,
                                    const Format::RecordImage& image);
   bool UpdateSwapData(Format::RecordImage& image, const Engine::TileStore& store);
@@ -568,12 +571,12 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// it; 0: unknown. Guarded by m_mutex.
   std::uint64_t m_nFileEnd = 0;
 
-  /// Where the data of a grid file end, and whether that is known. Guarded by m_mutex.
-  const std::unique_ptr<Io::DataEnd> m_pDataEnd;
-  bool m_bDataEndFound = false;
   /// How long it was when a record was last appended. Guarded by m_mutex.
   std::uint64_t m_nLengthBefore = 0;
 
+  /// Where the data of a grid file end, and whether that is known. Guarded by m_mutex.
+  const std::unique_ptr<Io::DataEnd> m_pDataEnd;
+  bool m_bDataEndFound = false;
 
   /// The number of the locked file that the state was loaded from; 0 without the lock between
   /// processes. Guarded by m_mutex.

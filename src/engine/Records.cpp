@@ -6,6 +6,7 @@
 #include "DataEnd.h"
 #include "Header.h"
 #include "IndexValue.h"
+#include "Neighbours.h"
 #include "RecordImage.h"
 #include "RecordReader.h"
 #include "ReplaceWord.h"
@@ -60,9 +61,10 @@ bool ZrCompactFile::IsRecordPlace(unsigned long long position, unsigned long lon
 unsigned long long ZrCompactFile::GetAppendPosition() {
   std::uint64_t length = std::exchange(m_nFileEnd, 0);
   if ((length == 0 && !m_file->GetLength(length)) || !FindDataEnd(length)) return 0;
-  const unsigned long long end = Io::NextPlace(
   m_nLengthBefore = length;
+  const unsigned long long end = Io::NextPlace(
       m_pDataEnd->lost, std::max<std::uint64_t>({length, GetIndexEnd(), m_pDataEnd->end}));
+  m_pDataEnd->ownStart = std::min<std::uint64_t>(m_pDataEnd->ownStart, end);
   return end <= Format::kPositionMask - Format::kGridRecordHead - kMaxCapacity ? end : 0;
 }
 
@@ -160,10 +162,27 @@ unsigned long long ZrCompactFile::MoveHome(Engine::RecordReference& reference,
   return home;
 }
 
-// Puts the record in the image over the one at `position`, which is no shorter.
+// Whether the record was appended since the file was opened.
+bool ZrCompactFile::IsOwnRecord(unsigned long long position) const {
+  return IsNaming() || position >= m_pDataEnd->ownStart;
+}
+
+// Whether a write of these bytes of the record at `position`, which it has not filled, runs over
+// another tile's.
+bool ZrCompactFile::RunsOverRecord(unsigned long long position, unsigned long long from,
+                                   unsigned long long to) const {
+  return from < to && !IsOwnRecord(position) &&
+         Io::RunsOverRecord(*m_file, m_bSwap, position + from, position + to);
+}
+
+// Puts the record in the image over the one at `position`, which is no shorter, unless another
+// tile's record lies in its room.
 unsigned long long ZrCompactFile::RewriteRecord(Engine::RecordReference& reference,
                                                 unsigned long long position,
                                                 const Format::RecordImage& image) {
+  const Format::RecordHead& head = image.Head();
+  if (RunsOverRecord(position, head.size + std::min(head.filledLength, head.capacity), head.length))
+    return WriteDataToDataFile(0, true, image);
   if (!Io::SpansPages(position, image.Head().length))
     return WriteDataToDataFile(position, false, image);
   return MoveHome(reference, WriteDataToDataFile(0, true, image), position, image, nullptr);

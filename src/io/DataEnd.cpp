@@ -83,7 +83,7 @@ bool FindDataEnd(const ZrFileStream& file, const Format::IndexArea& index, bool 
                  std::uint64_t fileLength, DataEnd& data) {
   data.end = fileLength;
   if (data.lastRecord != 0 && FollowRecords(file, swap, fileLength, data.lastRecord)) return true;
-  data = {};
+  data = {.ownStart = data.ownStart};
   try {
     const auto sort = [&](std::uint64_t record) {
       if (record >= fileLength)
