@@ -202,6 +202,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// write the file and the file beside it; without, it fails. A file beside it that is not needed
   /// any more is replaced by the next compaction, and may be deleted after a Flush of the file.
   ///
+  /// The file becomes no longer, but for names of an older file, which become UTF-16.
+  ///
   /// If the file cannot be written while it is being replaced, the file beside it takes its path
   /// instead; then it has another inode, and other hard links of the old one lead to a file that
   /// opens no more.
