@@ -213,6 +213,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// any more is replaced by the next compaction, even one that cannot be opened, if the folder
   /// lets it be deleted; it may be deleted after a Flush of the file. A folder of that name stays.
   ///
+  /// The file becomes no longer, but for names of an older file, which become UTF-16.
+  ///
   /// If the file cannot be written while it is being replaced, the file beside it takes its path
   /// instead; then it has another inode, and other hard links of the old one lead to a file that
   /// opens no more.
@@ -513,6 +515,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                               const Engine::TileStore* store);
   bool BackUp(Engine::RecordBackup& backup, unsigned long long position, unsigned long long size);
   void PutBack(const Engine::RecordBackup& backup);
+  bool IsOwnRecord(unsigned long long position) const;
+  bool RunsOverRecord(unsigned long long position, unsigned long long from,
+                      unsigned long long to) const;
   unsigned long long RewriteRecord(Engine::RecordReference& reference, unsigned long long position,
                                    const Format::RecordImage& image, Engine::RecordBackup& backup);
   bool UpdateSwapData(Format::RecordImage& image, const Engine::TileStore& store);
@@ -611,6 +616,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// How long the file is, as long as the lock between processes tells that nobody else has changed
   /// it; 0: unknown. Guarded by m_mutex.
   std::uint64_t m_nFileEnd = 0;
+
+  /// How long it was when a record was last appended. Guarded by m_mutex.
+  std::uint64_t m_nLengthBefore = 0;
 
   /// Where the data of a grid file end, and whether that is known. Guarded by m_mutex.
   const std::unique_ptr<Io::DataEnd> m_pDataEnd;

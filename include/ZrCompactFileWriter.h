@@ -107,17 +107,25 @@ class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
   /// Writes a record at a position; answers as WriteDataToFile.
   using RecordWrite = std::function<unsigned long long(unsigned long long position)>;
 
-  unsigned int Rewrite(const CellEntry& cell, unsigned long long size, unsigned long long capacity,
-                       unsigned long long fileLength, const RecordWrite& write);
-  Place FindPlace(unsigned long long entry, unsigned long long capacity,
-                  unsigned long long fileLength) const;
+  /// The beginning of a cell's record, as it was read.
+  struct OldRecord;
+
+  unsigned int Rewrite(const CellEntry& cell, const OldRecord& old, unsigned long long size,
+                       unsigned long long capacity, unsigned long long fileLength,
+                       const RecordWrite& write);
+  Place FindPlace(unsigned long long entry, unsigned long long size, unsigned long long capacity,
+                  unsigned long long fileLength, OldRecord& old) const;
+  bool ReplaceIndexValue(unsigned int row, unsigned int col, unsigned long long before,
+                         unsigned long long after);
   unsigned long long GetAppendPosition(unsigned long long fileLength);
   bool FindDataEnd(unsigned long long fileLength);
+  void ForgetDataEnd();
   bool HoldsRecords() const;
 
-  unsigned long long m_nDataEnd = 0;  // the last record's stated end, of those known
-  std::vector<std::uint64_t> m_lost;  // where entries lead behind the end of the file
-  bool m_bDataEndFound = false;       // the file was looked through for both
+  unsigned long long m_nDataEnd = 0;            // the last record's stated end, of those known
+  std::vector<std::uint64_t> m_lost;            // where entries lead behind the end of the file
+  bool m_bDataEndFound = false;                 // the file was looked through for both
+  unsigned long long m_nOwnStart = UINT64_MAX;  // all records from here on were appended since Open
 };
 
 }  // namespace Zarn

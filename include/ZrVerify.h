@@ -36,8 +36,8 @@ struct ZrVerifySummary {
   unsigned long long indexBytes = 0;  ///< of the file's header and the index
   unsigned long long liveBytes = 0;   ///< of the records of all versions
   unsigned long long deadBytes = 0;   ///< the rest, which a compaction would give back
-  /// What the last record states, but the file does not have, because a light writer has stored
-  /// less than the capacity. The tile cannot be read until another one has been stored.
+  /// What the last records state, but the file does not have, because a light writer has stored
+  /// less than the capacity. These tiles cannot be read until others have been stored.
   unsigned long long unwrittenBytes = 0;
 };
 

@@ -77,18 +77,32 @@ unsigned int ZrCompactFile::BuildImage(const Engine::FileState& source, Io::Redo
   if (!image.Make(m_strAbsolutePath, *source.file) || !WriteEmptyImage(source, image.GetStream()))
     return ZrResult::kNotCreated;
   const ProgressReport report(progress, *source.file);
-  Engine::TileCopier copier(
-      source, image.GetStream(),
-      [this](const Format::StoredName& stored, std::u16string& name) {
-        return DecodeOlderName(stored, name);
-      },
-      [&](std::uint64_t done, std::uint64_t all) { return report.Collected(done, all); });
-  const unsigned int result = copier.Copy();
-  if (result != ZrResult::kOk) return result;
-  return report.CollectedAll() && image.Seal(copier.GetChecksum(), copier.GetChecksumStart()) &&
-                 image.Reserve(*source.file)
-             ? ZrResult::kOk
-             : ZrResult::kWriteFailure;
+  std::uint64_t furthest = 0;
+  const auto collect = [&](Engine::TileCopier::Layout layout, bool& isTooLong) -> unsigned int {
+    Engine::TileCopier copier(
+        source, image.GetStream(), layout,
+        [this](const Format::StoredName& stored, std::u16string& name) {
+          return DecodeOlderName(stored, name);
+        },
+        [&](std::uint64_t done, std::uint64_t all) {
+          furthest = std::max(furthest, done);
+          return report.Collected(furthest, all);
+        });
+    const unsigned int result = copier.Copy();
+    isTooLong = copier.IsTooLong();
+    if (result != ZrResult::kOk) return result;
+    return report.CollectedAll() && image.Seal(copier.GetChecksum(), copier.GetChecksumStart()) &&
+                   image.Reserve(*source.file)
+               ? ZrResult::kOk
+               : ZrResult::kWriteFailure;
+  };
+  bool isTooLong;
+  const unsigned int result = collect(Engine::TileCopier::kAsStored, isTooLong);
+  if (!isTooLong) return result;
+  // No file becomes longer by its compaction.
+  if (!image.GetStream().SetLength(0) || !WriteEmptyImage(source, image.GetStream()))
+    return ZrResult::kWriteFailure;
+  return collect(Engine::TileCopier::kTight, isTooLong);
 }
 
 // Of the same kind and size as the source, and with the same password.

@@ -24,6 +24,11 @@ bool ImageWriter::AppendRecord(const Format::RecordImage& head, const ZrByteArra
          Append(payload.GetData(), payload.GetSize());
 }
 
+bool ImageWriter::AppendZeros(std::uint64_t size) {
+  static constexpr unsigned char kZeros[Format::RedoChecksum::kChunk] = {};
+  return Append(kZeros, size);
+}
+
 bool ImageWriter::Append(const unsigned char* bytes, std::uint64_t size) {
   while (size > 0) {
     const std::uint64_t piece = std::min(size, kBlock - GetPosition() % kBlock);

@@ -26,6 +26,8 @@ class ImageWriter {
   std::uint64_t GetPosition() const { return m_recordsStart + m_records.GetSize(); }
   /// The head in `head`, with `payload` behind it.
   bool AppendRecord(const Format::RecordImage& head, const ZrByteArray& payload);
+  /// Not more than a chunk of the checksum.
+  bool AppendZeros(std::uint64_t size);
   /// `entry`: entrySize bytes. Numbers must ascend.
   bool PutEntry(std::uint64_t number, const void* entry);
   /// Writes what was kept back.

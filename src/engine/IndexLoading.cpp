@@ -190,7 +190,12 @@ bool ZrCompactFile::GetGridIdxValue(unsigned int row, unsigned int col,
   const std::shared_ptr<Engine::IndexPages> index = m_pIndex;
   const bool swap = m_bSwap;
   const Format::HeaderImage header = m_headerOnDisk;
-  const bool isThere = m_bLockDisabled || m_file->IsSameFile(m_strAbsolutePath);
+  bool isThere = m_bLockDisabled;
+  try {
+    isThere = isThere || m_file->IsSameFile(m_strAbsolutePath);
+  } catch (const std::bad_alloc&) {
+    // The lock knows whether it is.
+  }
   state.unlock();
   std::uint64_t stored;
   const bool read =

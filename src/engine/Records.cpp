@@ -6,6 +6,7 @@
 #include "DataEnd.h"
 #include "Header.h"
 #include "IndexValue.h"
+#include "Neighbours.h"
 #include "RecordImage.h"
 #include "RecordReader.h"
 #include "ReplaceWord.h"
@@ -60,8 +61,10 @@ bool ZrCompactFile::IsRecordPlace(unsigned long long position, unsigned long lon
 unsigned long long ZrCompactFile::GetAppendPosition() {
   std::uint64_t length = std::exchange(m_nFileEnd, 0);
   if ((length == 0 && !m_file->GetLength(length)) || !FindDataEnd(length)) return 0;
+  m_nLengthBefore = length;
   const unsigned long long end = Io::NextPlace(
       m_pDataEnd->lost, std::max<std::uint64_t>({length, GetIndexEnd(), m_pDataEnd->end}));
+  m_pDataEnd->ownStart = std::min<std::uint64_t>(m_pDataEnd->ownStart, end);
   return end <= Format::kPositionMask - Format::kGridRecordHead - kMaxCapacity ? end : 0;
 }
 
@@ -142,7 +145,8 @@ bool ZrCompactFile::ReplaceLocator(Engine::RecordReference& reference, unsigned 
 // Puts the record in the image, with the data if there is a store, where it does not grow. A write
 // of a killed process stops between two pages. So the record is at the end of the file by now, as
 // `copy`, and that is the one that counts while its place is overwritten. Then the place counts
-// again, and the copy is cut off. Returns where the record is; 0 if it is as it was.
+// again, and the file gets the length that it had before the copy, which may lie behind room that
+// a light writer has reserved. Returns where the record is; 0 if it is as it was.
 unsigned long long ZrCompactFile::MoveHome(Engine::RecordReference& reference,
                                            unsigned long long copy, unsigned long long home,
                                            const Format::RecordImage& image,
@@ -153,7 +157,8 @@ unsigned long long ZrCompactFile::MoveHome(Engine::RecordReference& reference,
                                         : WriteDataToDataFile(home, false, image) != 0;
   if (!written || !PointTo(reference, home)) return copy;
   std::uint64_t fileLength;
-  if (m_file->GetLength(fileLength) && fileLength == copy + length) m_file->SetLength(copy);
+  if (m_file->GetLength(fileLength) && fileLength == copy + length)
+    m_file->SetLength(m_nLengthBefore);
   return home;
 }
 
@@ -174,11 +179,27 @@ void ZrCompactFile::PutBack(const Engine::RecordBackup& backup) {
   m_file->WriteAt(backup.position, backup.bytes.GetData(), backup.bytes.GetSize());
 }
 
-// Puts the record in the image over the one at `position`, which is no shorter.
+// Whether the record was appended since the file was opened.
+bool ZrCompactFile::IsOwnRecord(unsigned long long position) const {
+  return IsNaming() || position >= m_pDataEnd->ownStart;
+}
+
+// Whether a write of these bytes of the record at `position`, which it has not filled, runs over
+// another tile's.
+bool ZrCompactFile::RunsOverRecord(unsigned long long position, unsigned long long from,
+                                   unsigned long long to) const {
+  return from < to && !IsOwnRecord(position) &&
+         Io::RunsOverRecord(*m_file, m_bSwap, position + from, position + to);
+}
+
+// Puts the record in the image over the one at `position`, which is no shorter, unless another
+// tile's record lies in its room.
 unsigned long long ZrCompactFile::RewriteRecord(Engine::RecordReference& reference,
                                                 unsigned long long position,
-                                                const Format::RecordImage& image,
-                                                Engine::RecordBackup& backup) {
+                                                const Format::RecordImage& image) {
+  const Format::RecordHead& head = image.Head();
+  if (RunsOverRecord(position, head.size + std::min(head.filledLength, head.capacity), head.length))
+    return WriteDataToDataFile(0, true, image);
   if (!Io::SpansPages(position, image.Head().length)) {
     if (!BackUp(backup, position, image.Head().length)) return 0;
     if (WriteDataToDataFile(position, false, image) != 0) return position;

@@ -15,6 +15,8 @@ constexpr std::uint64_t kCellsAtOnce = 8192;
 // Read where the size of a record is unknown: holds most tiles whole, and costs little where not.
 constexpr std::uint64_t kUsualPayload = 16 * 1024;
 constexpr std::uint64_t kTellEvery = 1 << 20;  // bytes written
+// Of a tile, that older versions may have for tables however small the payloads are.
+constexpr std::uint64_t kUsualTables = 4096;
 
 bool IsGrid(std::uint32_t fileKind) { return fileKind == Format::kGridFile; }
 
@@ -37,10 +39,11 @@ ImageWriter WriterFor(const FileState& source, ZrFile64& target) {
 
 }  // namespace
 
-TileCopier::TileCopier(const FileState& source, ZrFile64& target, NameDecoder decode,
+TileCopier::TileCopier(const FileState& source, ZrFile64& target, Layout layout, NameDecoder decode,
                        Progress progress)
     : m_source(source),
       m_target(target),
+      m_layout(layout),
       m_decode(std::move(decode)),
       m_progress(std::move(progress)),
       m_kind(Format::HeaderView(source.header).FileKind()),
@@ -51,15 +54,107 @@ TileCopier::TileCopier(const FileState& source, ZrFile64& target, NameDecoder de
 
 unsigned int TileCopier::Copy() {
   if (!m_source.file->GetLength(m_sourceLength)) return ZrResult::kReadFailure;
-  const unsigned int result = IsGrid(m_kind) ? CopyGrid() : CopyNames();
+  m_limit = std::max(m_sourceLength, m_sourceIndex.end);
+  unsigned int result = ZrResult::kOk;
+  if (IsGrid(m_kind) && m_layout == kTight) result = PlaceCrowdedRecords();
+  if (result == ZrResult::kOk)
+    result = IsGrid(m_kind) ? ForAllCells(&TileCopier::CopyCells) : CopyNames();
   if (result != ZrResult::kOk) return result;
-  return m_writer.Flush() && (IsGrid(m_kind) || WriteCount()) ? ZrResult::kOk
-                                                              : ZrResult::kWriteFailure;
+  return Extend() && (IsGrid(m_kind) || WriteCount()) ? ZrResult::kOk : ZrResult::kWriteFailure;
+}
+
+// Writes what was kept back, and gives the target the room that the placed records state.
+bool TileCopier::Extend() {
+  const std::uint64_t position = m_writer.GetPosition();
+  if (m_statedEnd <= position) return m_writer.Flush();
+  const std::uint64_t chunk = std::min(m_statedEnd, Format::RedoChecksum::ChunkEnd(position));
+  return m_writer.AppendZeros(chunk - position) && m_writer.Flush() &&
+         m_target.SetLength(m_statedEnd);
+}
+
+// A light writer that appends where the file ends puts records into the room that the last one has
+// stated and not filled. If each had its room, the target might be many times as long. So those
+// whose room holds others come first, in the order in which they lie in the source: then none has
+// less room before the end of the file than there.
+unsigned int TileCopier::PlaceCrowdedRecords() {
+  const unsigned int result = ForAllCells(&TileCopier::CollectExtents);
+  if (result != ZrResult::kOk) return result;
+  std::sort(m_extents.begin(), m_extents.end(),
+            [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
+  for (std::size_t i = 0; i + 1 < m_extents.size(); ++i) {
+    const std::uint64_t next = m_extents[i + 1].begin;
+    if (next < m_extents[i].filledEnd || next >= m_extents[i].end) continue;
+    const unsigned int placed = PlaceRecord(m_extents[i]);
+    if (placed != ZrResult::kOk) return placed;
+  }
+  m_read = 0;
+  return ZrResult::kOk;
+}
+
+unsigned int TileCopier::CollectExtents(std::uint64_t, const std::vector<std::uint64_t>& entries) {
+  for (const std::uint64_t entry : entries) {
+    if (Format::StatusOf(entry) == Format::kStatusEmpty) continue;
+    if (!AddExtent(Format::PositionOf(entry))) return ZrResult::kReadFailure;
+    CollectVersions();
+    for (std::size_t i = 1; i < m_versions.size(); ++i)
+      if (!AddExtent(Format::PositionOf(m_versions[i].locator))) return ZrResult::kReadFailure;
+  }
+  return ZrResult::kOk;
+}
+
+// Heads of records that do not overlap are together no longer than the file.
+bool TileCopier::AddExtent(std::uint64_t position) {
+  if (!m_reader.ReadHead(position, 0, m_payload)) return false;
+  const Format::RecordHead& head = m_reader.Head();
+  m_read += head.size;
+  const bool hasReserve = head.versionCount == 1 && head.filledLength < head.capacity &&
+                          head.length == head.size + head.capacity;
+  const std::uint64_t filled = hasReserve ? head.size + head.filledLength : head.length;
+  m_extents.push_back({position, position + filled, position + head.length});
+  return head.versionCount != 0 && m_sourceIndex.LeavesRoom(position, head.length) &&
+         m_read <= m_sourceLength;
+}
+
+// As far as the record is filled. It has one version.
+unsigned int TileCopier::PlaceRecord(const Extent& extent) {
+  if (!m_reader.ReadHead(extent.begin, 0, m_payload)) return ZrResult::kReadFailure;
+  const Format::RecordHead head = m_reader.Head();
+  const Format::VersionTable own = m_reader.Versions();
+  std::uint8_t status = Format::StatusOf(own.Locator(0));
+  if (!Format::HoldsRecord(status)) status = head.StatusByFilling();
+  const std::uint64_t target = m_writer.GetPosition();
+  if (!HasRoomFor(head.length)) return ZrResult::kReadFailure;
+  if (!m_head.Begin({own.Stamp(0), status, head.capacity, head.filledLength}, {}))
+    return ZrResult::kWriteFailure;
+  if (!m_payload.ResizeForOverwrite(head.filledLength) ||
+      !m_source.file->ReadAt(extent.begin + head.size, m_payload.GetData(), head.filledLength))
+    return ZrResult::kReadFailure;
+  if (!m_writer.AppendRecord(m_head, m_payload) || !TellNowAndThen())
+    return ZrResult::kWriteFailure;
+  m_statedEnd = std::max(m_statedEnd, target + head.length);
+  m_placed.push_back({extent.begin, target});
+  return ZrResult::kOk;
+}
+
+bool TileCopier::FindPlaced(std::uint64_t source, std::uint64_t& target) const {
+  const auto found =
+      std::lower_bound(m_placed.begin(), m_placed.end(), source,
+                       [](const Placed& placed, std::uint64_t at) { return placed.source < at; });
+  if (found == m_placed.end() || found->source != source) return false;
+  target = found->target;
+  return true;
+}
+
+// Whether so much may be appended.
+bool TileCopier::HasRoomFor(std::uint64_t size) {
+  const std::uint64_t position = m_writer.GetPosition();
+  m_isTooLong = position > m_limit || size > m_limit - position;
+  return !m_isTooLong;
 }
 
 // By way of the file, not of the index in memory, of which a large grid would fill too much.
 // Entries beyond the end of the file are empty, and may be many more than those within.
-unsigned int TileCopier::CopyGrid() {
+unsigned int TileCopier::ForAllCells(CellsVisit visit) {
   const std::uint64_t start = Format::GridEntryOffset(m_sourceIndex.begin, 0);
   const std::uint64_t inFile =
       (m_sourceLength - std::min(start, m_sourceLength) + Format::kGridEntrySize - 1) /
@@ -76,7 +171,7 @@ unsigned int TileCopier::CopyGrid() {
     cell += empty;
     entries.resize(std::min(kCellsAtOnce, count - cell));
     if (!ReadCells(cell, entries)) return ZrResult::kReadFailure;
-    const unsigned int result = CopyCells(cell, entries);
+    const unsigned int result = (this->*visit)(cell, entries);
     if (result != ZrResult::kOk) return result;
     if (!m_progress(cell + entries.size(), count)) return ZrResult::kWriteFailure;
   }
@@ -106,11 +201,15 @@ unsigned int TileCopier::CopyCells(std::uint64_t first, const std::vector<std::u
     const std::uint64_t next = i + 1 < entries.size() ? entries[i + 1] : 0;
     std::uint64_t length = m_source.index->GetHint(first + i);
     if (length == 0) length = Format::DistanceToNext(entries[i], next);
-    if (!Format::HoldsRecord(Format::StatusOf(entries[i])) || !ReadRecord(position, length))
-      return ZrResult::kReadFailure;
+    if (!Format::HoldsRecord(Format::StatusOf(entries[i]))) return ZrResult::kReadFailure;
     std::uint64_t value;
-    const unsigned int result = WriteTile(entries[i], {}, value);
-    if (result != ZrResult::kOk) return result;
+    if (FindPlaced(position, value)) {
+      value = Format::PackIndexValue(Format::StatusOf(entries[i]), value);
+    } else {
+      if (!ReadRecord(position, length)) return ZrResult::kReadFailure;
+      const unsigned int result = WriteTile(entries[i], {}, value);
+      if (result != ZrResult::kOk) return result;
+    }
     if (!m_writer.PutEntry(first + i, &value)) return ZrResult::kWriteFailure;
   }
   return ZrResult::kOk;
@@ -219,7 +318,7 @@ TileCopier::CodeSearch TileCopier::FindCode(const Name& name, std::uint64_t& cod
 // The record becomes that of m_reader, its payload m_payload. A length of 0 is unknown.
 //
 // Each record is read for its payload, and some once before for their tables. Where that comes to
-// more than twice the file, tiles share records, as only damage can make them: a small file could
+// more than twice the file, tiles share room, as many as damage makes them: a small file could
 // ask for more copies of one record than any disk holds.
 bool TileCopier::ReadRecord(std::uint64_t position, std::uint64_t guessedLength) {
   constexpr std::uint64_t kHead = Format::kGridRecordHead;
@@ -228,21 +327,30 @@ bool TileCopier::ReadRecord(std::uint64_t position, std::uint64_t guessedLength)
       !m_sourceIndex.LeavesRoom(position, m_reader.Head().length))
     return false;
   m_read += m_reader.Head().length;
-  return m_read <= 2 * m_sourceLength;
+  m_isTooLong = m_read > 2 * m_sourceLength;
+  return !m_isTooLong;
 }
 
 // Writes the tile whose current record was just read; `value` is its index value.
 unsigned int TileCopier::WriteTile(std::uint64_t value, const Format::StoredName& name,
                                    std::uint64_t& newValue) {
   CollectVersions();
-  const std::size_t count = m_versions.size();
-  for (std::size_t i = count; i-- > 0;) {
-    const Version version = m_versions[i];
-    const std::uint64_t position = Format::PositionOf(i == 0 ? value : version.locator);
-    if (count > 1 && !ReadRecord(position, 0)) return ZrResult::kReadFailure;
-    if (!AppendVersion(version, name, i + 1 == count)) return ZrResult::kWriteFailure;
+  m_payloadBytes = 0;
+  m_tableBytes = 0;
+  for (std::size_t i = m_versions.size(); i-- > 0;) {
+    std::uint64_t& locator = m_versions[i].locator;
+    const std::uint64_t position = Format::PositionOf(i == 0 ? value : locator);
+    std::uint64_t target;
+    if (FindPlaced(position, target)) {
+      locator = Format::PackIndexValue(Format::StatusOf(locator), target);
+      continue;
+    }
+    if (m_versions.size() > 1 && !ReadRecord(position, 0)) return ZrResult::kReadFailure;
+    if (!AppendVersion(i, name))
+      return m_isTooLong ? ZrResult::kReadFailure : ZrResult::kWriteFailure;
   }
-  newValue = Format::PackIndexValue(Format::StatusOf(value), m_headPosition);
+  newValue =
+      Format::PackIndexValue(Format::StatusOf(value), Format::PositionOf(m_versions[0].locator));
   return ZrResult::kOk;
 }
 
@@ -257,23 +365,39 @@ void TileCopier::CollectVersions() {
   }
 }
 
-// Appends the record that was just read, with a table of the tile's versions so far.
-bool TileCopier::AppendVersion(const Version& version, const Format::StoredName& name,
-                               bool isFirst) {
+// Appends the record that was just read, with a table of the tile's versions so far or of itself.
+// m_versions then says where it is.
+bool TileCopier::AppendVersion(std::size_t number, const Format::StoredName& name) {
+  static_assert(sizeof(Version) == Format::kVersionEntrySize);
   const Format::RecordHead& head = m_reader.Head();
+  Version& version = m_versions[number];
   std::uint8_t status = Format::StatusOf(version.locator);
   if (!Format::HoldsRecord(status)) status = head.StatusByFilling();
-  if (isFirst) {
-    if (!m_head.Begin({version.stamp, status, head.capacity, head.filledLength}, name))
-      return false;
-  } else {
-    const std::uint8_t previous = Format::StatusOf(m_head.Versions().Locator(0));
-    m_head.SetLocator(0, Format::PackIndexValue(previous, m_headPosition));
-    if (!m_head.PushVersion(version.stamp, Format::PackIndexValue(status, 0))) return false;
-    m_head.SetPayload(head.capacity, head.filledLength);
-  }
-  m_headPosition = m_writer.GetPosition();
-  return m_writer.AppendRecord(m_head, m_payload) && TellNowAndThen();
+  version.locator = Format::PackIndexValue(status, 0);
+  const Format::VersionTable table(reinterpret_cast<const unsigned char*>(&version),
+                                   static_cast<std::uint32_t>(m_versions.size() - number), false);
+  if (!m_head.Begin({version.stamp, status, head.capacity, head.filledLength}, name) ||
+      (HasWholeTable(number) && !m_head.ReplaceVersions(table, 0)))
+    return false;
+  // UTF-16 needs up to twice the room of the bytes that an older file has for a name.
+  if (name.bytes.size() > head.nameLength)
+    m_limit += std::min<std::uint64_t>(name.bytes.size() - head.nameLength, head.nameLength);
+  const std::uint64_t position = m_writer.GetPosition();
+  version.locator = Format::PackIndexValue(status, position);
+  return HasRoomFor(m_head.Head().length) && m_writer.AppendRecord(m_head, m_payload) &&
+         TellNowAndThen();
+}
+
+// Only the table of the current record counts. All of them would grow with the square of the number
+// of versions.
+bool TileCopier::HasWholeTable(std::size_t number) {
+  const std::uint64_t others = (m_versions.size() - number - 1) * Format::kVersionEntrySize;
+  m_payloadBytes += m_payload.GetSize();
+  if (number == 0) return true;
+  if (m_layout == kTight || m_tableBytes + others > std::max(kUsualTables, m_payloadBytes))
+    return false;
+  m_tableBytes += others;
+  return true;
 }
 
 bool TileCopier::TellNowAndThen() {

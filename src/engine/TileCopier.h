@@ -14,7 +14,8 @@ namespace Zarn::Engine {
 /// Copies what is alive in a container into a new, empty one of the same kind and size: each tile
 /// with its versions, one record per version, the oldest first. Records come out as if the versions
 /// had been stored in that order, but how far each is filled, and the status of tile and versions,
-/// stay as they were.
+/// stay as they were; and where the tables of older versions, which nothing reads, would take more
+/// than the payloads, they have no entry but their own.
 class TileCopier {
  public:
   /// Turns a stored name, of a file of the older version, into UTF-16; false if it cannot.
@@ -22,12 +23,22 @@ class TileCopier {
   /// Told how many of all entries are done, now and then; false ends the copying.
   using Progress = std::function<bool(std::uint64_t done, std::uint64_t all)>;
 
-  TileCopier(const FileState& source, ZrFile64& target, NameDecoder decode, Progress progress);
+  enum Layout {
+    kAsStored,
+    kTight,  ///< no older version has the table; and records lie in the unused room of others where
+             ///< they do in the source. Takes a look at all heads beforehand.
+  };
+
+  TileCopier(const FileState& source, ZrFile64& target, Layout layout, NameDecoder decode,
+             Progress progress);
 
   /// kOk; kReadFailure if something in the source cannot be read, or holds what nothing writes;
   /// kWriteFailure if the target cannot be written, if a name cannot be converted or stored, or if
   /// the copying was ended.
   unsigned int Copy();
+  /// It has failed because the target would become longer than the source. What names need more in
+  /// UTF-16 does not count.
+  bool IsTooLong() const { return m_isTooLong; }
 
   /// Of what was copied; see ImageWriter.
   const Format::RedoChecksum& GetChecksum() const { return m_writer.GetChecksum(); }
@@ -39,7 +50,28 @@ class TileCopier {
     std::uint64_t locator;
   };
 
-  unsigned int CopyGrid();
+  /// A record of the source. Behind `filledEnd` it has room that a light writer has not written.
+  struct Extent {
+    std::uint64_t begin;
+    std::uint64_t filledEnd;
+    std::uint64_t end;
+  };
+  /// A record that is in the target already.
+  struct Placed {
+    std::uint64_t source;
+    std::uint64_t target;
+  };
+
+  unsigned int PlaceCrowdedRecords();
+  unsigned int CollectExtents(std::uint64_t first, const std::vector<std::uint64_t>& entries);
+  bool AddExtent(std::uint64_t position);
+  unsigned int PlaceRecord(const Extent& extent);
+  bool FindPlaced(std::uint64_t source, std::uint64_t& target) const;
+  bool Extend();
+
+  using CellsVisit = unsigned int (TileCopier::*)(std::uint64_t first,
+                                                  const std::vector<std::uint64_t>& entries);
+  unsigned int ForAllCells(CellsVisit visit);
   bool ReadCells(std::uint64_t first, std::vector<std::uint64_t>& entries) const;
   unsigned int CopyCells(std::uint64_t first, const std::vector<std::uint64_t>& entries);
 
@@ -62,23 +94,32 @@ class TileCopier {
   unsigned int WriteTile(std::uint64_t value, const Format::StoredName& name,
                          std::uint64_t& newValue);
   void CollectVersions();
-  bool AppendVersion(const Version& version, const Format::StoredName& name, bool isFirst);
+  bool AppendVersion(std::size_t number, const Format::StoredName& name);
+  bool HasWholeTable(std::size_t number);
+  bool HasRoomFor(std::uint64_t size);
   bool TellNowAndThen();
 
   const FileState& m_source;
   ZrFile64& m_target;
+  const Layout m_layout;
   const NameDecoder m_decode;
   const Progress m_progress;
   const std::uint32_t m_kind;
   const Format::IndexArea m_sourceIndex;
   Io::RecordReader m_reader;
   std::uint64_t m_sourceLength = 0;  // of the source, in bytes
+  std::uint64_t m_limit = 0;         // of the target
+  bool m_isTooLong = false;
   std::uint64_t m_read = 0;          // bytes of all records read
   ZrByteArray m_payload;             // of the record read last
   std::vector<Version> m_versions;   // of the tile being copied, that are alive
+  std::uint64_t m_payloadBytes = 0;  // of those of them that were written
+  std::uint64_t m_tableBytes = 0;    // of what was written for entries of others
+  std::vector<Extent> m_extents;
+  std::vector<Placed> m_placed;   // ascending
+  std::uint64_t m_statedEnd = 0;  // of those
   ZrByteArray m_headBytes;
-  Format::RecordImage m_head;        // of the version written last
-  std::uint64_t m_headPosition = 0;  // where it is
+  Format::RecordImage m_head;  // of the version written last
   ImageWriter m_writer;
   std::uint64_t m_done = 0;  // entries of the index that were visited
   std::uint64_t m_all = 0;

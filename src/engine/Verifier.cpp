@@ -17,9 +17,11 @@ namespace {
 constexpr std::uint64_t kEntriesAtOnce = 1024;
 // Read first; holds most heads whole.
 constexpr std::uint64_t kUsualHead = 256;
-// Holds a table of 4 million versions, which no file can have: each of their records has a table of
-// all before it.
+// Holds a table of 4 million versions, which nobody stores: each store writes a table of all
+// before.
 constexpr std::uint64_t kLargestHead = 64 << 20;
+
+constexpr const char* kPastTheEnd = "the record runs past the end of the file";
 
 std::uint64_t HashOfUnits(std::string_view bytes, bool swap) {
   std::u16string units(bytes.size() / sizeof(char16_t), u'\0');
@@ -309,21 +311,20 @@ bool Verifier::CheckExtent(Finding::Kind kind, const Head& head) {
   if (length > m_fileLength - head.position) LookForGrowth();
   const std::uint64_t room = m_fileLength - head.position;
   if (length > room) {
-    if (!IsUnwritten(head))
-      return Fail(kind, head.position, "the record runs past the end of the file");
-    m_summary.unwrittenBytes = length - room;
+    if (!HasReserve(head) || room <= head.fields.size)
+      return Fail(kind, head.position, kPastTheEnd);
+    m_summary.unwrittenBytes = std::max<std::uint64_t>(m_summary.unwrittenBytes, length - room);
   }
   return m_index.LeavesRoom(head.position, length) ||
          Fail(kind, head.position, "the record runs into the index");
 }
 
-// What the light writer leaves as the last record of a grid: the capacity that the data do not use
-// is not written.
-bool Verifier::IsUnwritten(const Head& head) const {
+// Whether a light writer may have written it, who does not write the capacity that the data do not
+// use. The file may end there; and it may go on there, if the writer appends where the file ends.
+bool Verifier::HasReserve(const Head& head) const {
   const Format::RecordHead& fields = head.fields;
-  const std::uint64_t room = m_fileLength - head.position;
   return IsGrid() && fields.versionCount == 1 && fields.filledLength < fields.capacity &&
-         room > fields.size && room - fields.size <= fields.filledLength;
+         fields.length == fields.size + fields.capacity;
 }
 
 // Of entry 0 the position may be stale. The status of a version need not be what its filling says:
@@ -361,8 +362,10 @@ void Verifier::CheckName(const Head& head) {
 
 void Verifier::KeepExtent(const Head& head) {
   ++m_summary.versions;
-  m_extents.push_back(
-      {head.position, head.position + head.fields.length, static_cast<std::uint32_t>(m_at.number)});
+  const Format::RecordHead& fields = head.fields;
+  const std::uint64_t filled = HasReserve(head) ? fields.size + fields.filledLength : fields.length;
+  m_extents.push_back({head.position, head.position + filled, head.position + fields.length,
+                       static_cast<std::uint32_t>(m_at.number)});
 }
 
 // The names of one hash have the ordinals 0, 1, 2 and so on; a lookup ends where one is missing.
@@ -386,15 +389,20 @@ void Verifier::CheckOverlaps() {
   if (m_ended) return;
   std::sort(m_extents.begin(), m_extents.end(),
             [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
+  std::uint64_t filledEnd = 0;
   std::uint64_t end = 0;
   for (const Extent& extent : m_extents) {
-    if (extent.begin < end) {
-      SetTile(extent.number);
+    SetTile(extent.number);
+    if (extent.begin < filledEnd)
       Report(Finding::kOverlap, extent.begin, "the record overlaps another one that is alive");
-    }
+    // Something else than other records lies in its reserve.
+    if (extent.end > m_fileLength && extent.filledEnd < m_fileLength &&
+        &extent == &m_extents.back())
+      Report(Finding::kRecord, extent.begin, kPastTheEnd);
     const std::uint64_t begin = std::max(extent.begin, end);
     const std::uint64_t inFile = std::min(extent.end, m_fileLength);
     if (begin < inFile) m_summary.liveBytes += inFile - begin;
+    filledEnd = std::max(filledEnd, extent.filledEnd);
     end = std::max(end, extent.end);
   }
   m_summary.deadBytes = m_fileLength - m_summary.indexBytes - m_summary.liveBytes;

@@ -11,7 +11,7 @@
 namespace Zarn::Engine {
 
 /// Checks a container by what its file says, and believes nothing of it: every number is tested
-/// before it is used. The whole takes time in proportion to the length of the file, and some 24
+/// before it is used. The whole takes time in proportion to the length of the file, and some 32
 /// bytes of memory per version and 16 per name.
 ///
 /// What cannot be told from something that writers leave is not reported; see docs/format.md.
@@ -34,9 +34,11 @@ class Verifier {
     Format::RecordHead fields;
     ZrByteArray bytes;
   };
-  /// The bytes that a record takes, and the number of its entry.
+  /// The bytes that a record takes, and the number of its entry. Nothing but the record lies before
+  /// `filledEnd`; behind that, what a light writer has not written may hold others.
   struct Extent {
     std::uint64_t begin;
+    std::uint64_t filledEnd;
     std::uint64_t end;
     std::uint32_t number;
   };
@@ -75,7 +77,7 @@ class Verifier {
   bool ReadHead(Finding::Kind kind, std::uint64_t position, Head& head);
   bool Spend(std::uint64_t position, std::uint64_t bytes);
   bool CheckExtent(Finding::Kind kind, const Head& head);
-  bool IsUnwritten(const Head& head) const;
+  bool HasReserve(const Head& head) const;
   void CheckTable(Finding::Kind kind, const Head& head);
   void CheckName(const Head& head);
   void KeepExtent(const Head& head);

@@ -130,13 +130,17 @@ unsigned long long ZrCompactFile::AddOldVersionData(unsigned long long recordPos
   return WriteDataToDataFile(0, true, image);
 }
 
-// New data for the version that the image's record holds. In place if the record does not grow;
-// then the rest of the payload area stays as it is.
+// New data for the version that the image's record holds. In place if the record does not grow, and
+// no other tile's lies where the data go; then the rest of the payload area stays as it is.
 unsigned long long ZrCompactFile::ReplaceVersion(Engine::RecordReference& reference,
                                                  unsigned long long position,
                                                  Format::RecordImage& image, const TileStore& store,
                                                  Engine::RecordBackup& backup) {
-  const bool fits = image.Head().size + store.span.capacity <= image.Head().length;
+  const Format::RecordHead& head = image.Head();
+  const bool fits =
+      head.size + store.span.capacity <= head.length &&
+      !RunsOverRecord(position, head.size + std::min(head.filledLength, head.capacity),
+                      head.size + store.span.FilledLength());
   if (fits && IsSafeInPlace(position, image.Head(), store.span))
     return ReplaceInPage(position, image, store, backup) ? position : 0;
   if (!store.span.CoversAll() && !ReadDataFromDataFile(position, image)) return 0;
@@ -252,10 +256,13 @@ bool ZrCompactFile::RecallHead(const TileEntry& entry, const TileStore& store,
   return true;
 }
 
-// After a store, for the next one and for lookups.
+// After a store, for the next one and for lookups. How far the area is filled is not remembered, so
+// the room behind that must be the tile's own.
 void ZrCompactFile::RememberHead(const TileEntry& entry, const Format::RecordImage& image) const {
   Remember(entry, image.Head().length);
-  if (entry.position != 0 && !IsNaming() && image.Head().versionCount == 1)
+  const bool isFilled = image.Head().filledLength == image.Head().capacity;
+  if (entry.position != 0 && !IsNaming() && image.Head().versionCount == 1 &&
+      (isFilled || IsOwnRecord(entry.position)))
     m_pIndex->SetOnlyVersion(entry.number,
                              {image.Versions().Stamp(0), image.Versions().Locator(0)});
 }

@@ -83,7 +83,9 @@ bool FindDataEnd(const ZrFileStream& file, const Format::IndexArea& index, bool 
                  std::uint64_t fileLength, DataEnd& data) {
   data.end = fileLength;
   if (data.lastRecord != 0 && FollowRecords(file, swap, fileLength, data.lastRecord)) return true;
+  const std::uint64_t ownStart = data.ownStart;
   data = {};
+  data.ownStart = ownStart;
   try {
     const auto sort = [&](std::uint64_t record) {
       if (record >= fileLength)

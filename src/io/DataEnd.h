@@ -18,6 +18,9 @@ struct DataEnd {
   /// Where entries lead to behind the end of the file, ascending: a loss of power has taken those
   /// records. Another one that begins there would belong to two cells.
   std::vector<std::uint64_t> lost;
+  /// From here on all records were appended by this library, since the file was opened: behind
+  /// whatever lay before them, so nothing else lies in the room that they have.
+  std::uint64_t ownStart = UINT64_MAX;
 };
 
 /// The first position at or behind this one that is not among the lost ones.

@@ -8,6 +8,7 @@
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
 #include "IndexValue.h"
+#include "Neighbours.h"
 #include "PathRules.h"
 #include "PelmTime.h"
 #include "RecordHead.h"
@@ -19,6 +20,14 @@
 namespace Zarn {
 
 static_assert(ZrCompactFile::kMaxCapacity == Format::kMaxCapacity);
+
+// With the head, at least as much as lies in the page where the record begins and is to be written.
+struct ZrCompactFileWriter::OldRecord {
+  static constexpr std::uint64_t kMost = 4096;
+
+  std::uint64_t size = 0;
+  unsigned char bytes[kMost];
+};
 
 unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned int rows,
                                          unsigned int cols, const PelmUnicodeString& password,
@@ -49,6 +58,7 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
   }
   file.Commit();
   m_bDataEndFound = true;
+  m_nOwnStart = 0;
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
   Close();
@@ -58,19 +68,22 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
 unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,
                                        const PelmUnicodeString& password,
                                        ZrCompactFile::ZrOpenMode mode) {
-  m_nDataEnd = 0;
-  m_lost.clear();
-  m_bDataEndFound = false;
+  ForgetDataEnd();
   return OpenExisting(path, password, mode, kReadWrite);
 }
 
 bool ZrCompactFileWriter::Close() {
   Flush();
   CloseStream();
+  ForgetDataEnd();
+  return true;
+}
+
+void ZrCompactFileWriter::ForgetDataEnd() {
   m_nDataEnd = 0;
   m_lost.clear();
   m_bDataEndFound = false;
-  return true;
+  m_nOwnStart = UINT64_MAX;
 }
 
 unsigned int ZrCompactFileWriter::WriteHeader() {
@@ -110,16 +123,22 @@ bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
                                           unsigned long long value) {
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
   if (!IsOpen() || !cell) return false;
-  const std::uint64_t position = Format::GridEntryOffset(GetIndexOffset(), *cell);
-  std::uint64_t before;
+  unsigned long long before;
+  if (ReadIndexValue(row, col, before)) return ReplaceIndexValue(row, col, before, value);
   std::uint64_t after;
   StoreScalar<std::uint64_t>(&after, value, m_bSwap);
-  const bool isSplit =
-      Io::SpansPages(position, sizeof after) && ReadAt(position, &before, sizeof before);
-  const bool written = isSplit ? Io::ReplaceWord(*this, position, before, after)
-                               : WriteAt(position, &after, sizeof after);
-  Flush();
-  return written;
+  return WriteAt(Format::GridEntryOffset(GetIndexOffset(), *cell), &after, sizeof after);
+}
+
+// The same for an entry of this grid that was read before. If it fails, the old one is there.
+bool ZrCompactFileWriter::ReplaceIndexValue(unsigned int row, unsigned int col,
+                                            unsigned long long before, unsigned long long after) {
+  const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
+  std::uint64_t stored[2];
+  StoreScalar<std::uint64_t>(&stored[0], before, m_bSwap);
+  StoreScalar<std::uint64_t>(&stored[1], after, m_bSwap);
+  return cell && Io::ReplaceWord(*this, Format::GridEntryOffset(GetIndexOffset(), *cell), stored[0],
+                                 stored[1]);
 }
 
 unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, const ZrByteArray& data,
@@ -132,7 +151,8 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
   if (!span || !ReadIndexValue(row, col, entry) || !GetLength(fileLength))
     return ZrResult::kWriteFailure;
 
-  const Place place = FindPlace(entry, span->capacity, fileLength);
+  OldRecord old;
+  const Place place = FindPlace(entry, span->size, span->capacity, fileLength, old);
   if (place == Place::kUnreadable) return ZrResult::kReadFailure;
   if (place == Place::kBeyondFile) return ZrResult::kOk;  // deliberately silent, nothing written
 
@@ -141,18 +161,22 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
     return WriteDataToFile(status, data, span->capacity, nOffset, nVersion, position);
   };
   if (place == Place::kInPlace)
-    return Rewrite({row, col, entry}, span->size, span->capacity, fileLength, std::ref(write));
+    return Rewrite({row, col, entry}, old, span->size, span->capacity, fileLength, std::ref(write));
   const unsigned long long position = write(GetAppendPosition(fileLength));
-  if (position == 0 || !WriteIndexValue(row, col, Format::PackIndexValue(status, position)))
+  if (position == 0 ||
+      !ReplaceIndexValue(row, col, entry, Format::PackIndexValue(status, position)))
     return ZrResult::kWriteFailure;
   return ZrResult::kOk;
 }
 
 // Calls `write` to put a record in the place of the cell's. A write of a killed process stops
-// between two pages; where it may, a copy at the end of the file is the cell's record meanwhile.
-unsigned int ZrCompactFileWriter::Rewrite(const CellEntry& cell, unsigned long long size,
-                                          unsigned long long capacity,
+// between two pages; where it may, a copy at the end of the file is the cell's record meanwhile. A
+// write that fails within a page is taken back.
+unsigned int ZrCompactFileWriter::Rewrite(const CellEntry& cell, const OldRecord& old,
+                                          unsigned long long size, unsigned long long capacity,
                                           unsigned long long fileLength, const RecordWrite& write) {
+  const unsigned long long lengthBefore = fileLength;
+  const unsigned long long dataEndBefore = m_nDataEnd;
   const std::uint64_t home = Format::PositionOf(cell.value);
   const std::uint64_t written = Format::kGridRecordHead + size;
   const std::uint64_t recordLength = Format::kGridRecordHead + capacity;
@@ -161,45 +185,64 @@ unsigned int ZrCompactFileWriter::Rewrite(const CellEntry& cell, unsigned long l
     if (!ZeroFill(fileLength, home + written - fileLength)) return ZrResult::kWriteFailure;
     fileLength = home + written;
   }
-  if (!Io::SpansPages(home, written))
-    return write(home) != 0 ? ZrResult::kOk : ZrResult::kWriteFailure;
+  if (!Io::SpansPages(home, written)) {
+    if (write(home) != 0) return ZrResult::kOk;
+    WriteAt(home, old.bytes, std::min(old.size, written));
+    if (fileLength > lengthBefore) SetLength(lengthBefore);
+    return ZrResult::kWriteFailure;
+  }
 
   const unsigned long long copy = GetAppendPosition(fileLength);
   if (copy == 0) return ZrResult::kWriteFailure;
   const unsigned long long dataEnd = std::max<unsigned long long>(m_nDataEnd, home + recordLength);
   if (write(copy) == 0 || !SetLength(copy + recordLength)) {
-    SetLength(fileLength);
+    if (SetLength(lengthBefore)) m_nDataEnd = dataEndBefore;
     return ZrResult::kWriteFailure;
   }
   const std::uint8_t status = Format::StatusOf(cell.value);  // deliberately stays
-  if (!WriteIndexValue(cell.row, cell.col, Format::PackIndexValue(status, copy))) {
-    WriteIndexValue(cell.row, cell.col, cell.value);
-    return ZrResult::kWriteFailure;
-  }
-  if (write(home) != 0 && WriteIndexValue(cell.row, cell.col, cell.value) && SetLength(fileLength))
+  const unsigned long long meanwhile = Format::PackIndexValue(status, copy);
+  if (!ReplaceIndexValue(cell.row, cell.col, cell.value, meanwhile)) return ZrResult::kWriteFailure;
+  if (write(home) != 0 && ReplaceIndexValue(cell.row, cell.col, meanwhile, cell.value) &&
+      SetLength(fileLength))
     m_nDataEnd = dataEnd;
   return ZrResult::kOk;
 }
 
-// Where a tile of this capacity goes, given its cell's entry. In place needs more than a length
-// that looks sufficient: the whole new record must fit into the old one, or the old one be the last
-// in the file, so that no neighbour is run over.
+// Where a tile of this size and capacity goes, given its cell's entry. In place needs more than a
+// length that looks sufficient: the whole new record must fit into the old one, or the old one be
+// the last in the file, and where the old one is not filled there must be no other, so that no
+// neighbour is run over.
 ZrCompactFileWriter::Place ZrCompactFileWriter::FindPlace(unsigned long long entry,
+                                                          unsigned long long size,
                                                           unsigned long long capacity,
-                                                          unsigned long long fileLength) const {
+                                                          unsigned long long fileLength,
+                                                          OldRecord& old) const {
   const std::uint64_t position = Format::PositionOf(entry);
   if (!Format::HoldsRecord(Format::StatusOf(entry)) || position < GetDataStart())
     return Place::kAppend;
-  std::uint64_t length;
-  if (!ReadAt(position, &length, sizeof length)) return Place::kUnreadable;
-  length = LoadScalar<std::uint64_t>(&length, m_bSwap);
+  const std::uint64_t written = Format::kGridRecordHead + size;
+  const std::uint64_t inPage = OldRecord::kMost - position % OldRecord::kMost;
+  const std::uint64_t inFile = fileLength > position ? fileLength - position : 1;
+  const std::uint64_t wanted =
+      std::max<std::uint64_t>(std::min(inPage, written), Format::kGridRecordHead);
+  old.size = ReadUpTo(position, old.bytes, std::min(wanted, inFile));
+  if (old.size < Format::kRecordLengthSize) return Place::kUnreadable;
+  Format::RecordHead head;
+  const auto parse = Format::ParseRecordHead(old.bytes, old.size, Format::kGridFile, m_bSwap, head);
+  const std::uint64_t length = head.length;
   if (length < Format::kGridRecordHead) return Place::kAppend;
   if (fileLength < position || length > fileLength - position) return Place::kBeyondFile;
 
   const bool allowed = !IsVersionEnabled() || length >= Format::kMinGridRecord + capacity;
   const bool harmless =
       length >= Format::kGridRecordHead + capacity || length == fileLength - position;
-  return allowed && harmless ? Place::kInPlace : Place::kAppend;
+  if (!allowed || !harmless) return Place::kAppend;
+  const std::uint64_t filled = parse.outcome == Format::HeadParse::kComplete
+                                   ? head.size + std::min(head.filledLength, head.capacity)
+                                   : Format::kGridRecordHead;
+  const bool isCrowded = filled < written && position < m_nOwnStart &&
+                         Io::RunsOverRecord(*this, m_bSwap, position + filled, position + written);
+  return isCrowded ? Place::kAppend : Place::kInPlace;
 }
 
 unsigned long long ZrCompactFileWriter::WriteDataToFile(
@@ -225,7 +268,10 @@ unsigned long long ZrCompactFileWriter::WriteDataToFile(
 // whose unused capacity nothing may be written yet. 0 if the file cannot be read.
 unsigned long long ZrCompactFileWriter::GetAppendPosition(unsigned long long fileLength) {
   if (!m_bDataEndFound && !FindDataEnd(fileLength)) return 0;
-  return Io::NextPlace(m_lost, std::max({m_nDataEnd, fileLength, GetDataStart()}));
+  const unsigned long long position =
+      Io::NextPlace(m_lost, std::max({m_nDataEnd, fileLength, GetDataStart()}));
+  m_nOwnStart = std::min(m_nOwnStart, position);
+  return position;
 }
 
 bool ZrCompactFileWriter::FindDataEnd(unsigned long long fileLength) {

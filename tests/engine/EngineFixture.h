@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <bit>
+#include <filesystem>
 #include <ostream>
 #include <string>
 #include <string_view>
 
 #include "FileSyscalls.h"
 #include "ZrCompactFile.h"
+#include "ZrCompactFileWriter.h"
 #include "support/FileChecker.h"
 #include "support/TemporaryFolder.h"
 
@@ -90,6 +92,22 @@ class EngineTest : public ::testing::Test {
                     Support::Bytes(std::size_t{8} * rows * cols));
     ASSERT_EQ(object.Open(path, u"", mode), 0U);
   }
+  /// A grid of one row by a light writer that appends where the file ends: inside what the tile
+  /// before has reserved, which each does with `capacity` bytes. Only the last one fills them, if
+  /// `endsInFile`. Not open.
+  void MakeCrowded(unsigned int cols, unsigned long long capacity, bool endsInFile = true) {
+    ZrCompactFileWriter writer;
+    ASSERT_EQ(writer.Create(path, 1, cols, u"", kMode), 0U);
+    for (unsigned int col = 0; col < cols; ++col) {
+      std::string text = CrowdedTile(col);
+      if (endsInFile && col + 1 == cols) text.resize(capacity, 'z');
+      ZrCompactFile::ZrStatus status;
+      const auto at = writer.WriteDataToFile(status, Data(text), capacity, 0, 1,
+                                             std::filesystem::file_size(path.ToUtf8()));
+      ASSERT_TRUE(writer.WriteIndexValue(0, col, 1ULL << 56 | at));
+    }
+  }
+  static std::string CrowdedTile(unsigned int col) { return "tile " + std::to_string(col); }
   /// The same for a naming file.
   void MakeNaming(unsigned long long capacity, bool foreign = false,
                   unsigned int formatVersion = 20120214) {

@@ -307,6 +307,47 @@ TEST_F(Lifecycle, NothingIsAppendedIntoWhatALightWriterHasReserved) {
   }
 }
 
+// A copy meanwhile lies behind what the last record has reserved; afterwards the file ends where it
+// did.
+TEST_F(Lifecycle, ARewriteInPlaceKeepsTheLengthOfALightWritersFile) {
+  const std::string large(5000, 'L');
+  ZrCompactFileWriter writer;
+  ASSERT_EQ(writer.Create(path, 1, 2, u"", kMode), 0U);
+  ASSERT_EQ(writer.SetAt(0, 0, Data(large), 0, 0, 1), 0U);
+  ASSERT_EQ(writer.SetAt(0, 1, Data("part"), 10000, 0, 1), 0U);
+  writer.Close();
+  const auto before = std::filesystem::file_size(path.ToUtf8());
+  ASSERT_EQ(writer.Open(path, u"", kMode) + writer.SetAt(0, 0, Data(large), 0, 0, 1), 0U);
+  EXPECT_EQ(std::filesystem::file_size(path.ToUtf8()), before);
+  Reopen();
+  ASSERT_EQ(Store(0, 0, large, 1), 0U);
+  EXPECT_EQ(std::filesystem::file_size(path.ToUtf8()), before);
+}
+
+// By any kind of store or removal that works in a record's place.
+TEST_F(Lifecycle, NothingRunsOverTilesInWhatARecordHasReserved) {
+  const std::string news(500, 'n');
+  for (const unsigned int kind : {0U, 1U, 2U, 3U, 4U}) {
+    SCOPED_TRACE(kind);
+    ZrFile::Delete(path);
+    MakeCrowded(20, 9000);
+    Reopen();
+    if (kind == 0)
+      EXPECT_EQ(Store(0, 3, news, 1), 0U);
+    else if (kind == 1)  // whose head is remembered
+      EXPECT_EQ(Store(0, 3, "new", 1, 9000) + Store(0, 3, news + std::string(8500, '-'), 1), 0U);
+    else if (kind == 2)  // a piece far behind, and what lies in between
+      EXPECT_EQ(Store(0, 3, "far", 1, 9000, 8997) + Store(0, 3, news, 1, 9000), 0U);
+    else if (kind == 3)  // an older version
+      EXPECT_EQ(Store(0, 3, "newer", 2) + Store(0, 3, news, 1), 0U);
+    else  // an older version becomes the newest
+      EXPECT_EQ(Store(0, 3, news, 1) + Store(0, 5, "newer", 2) + object.Remove(0, 5, 2), 0U);
+    EXPECT_EQ(Read(0, 3, 1).payload.substr(0, news.size()), news);
+    for (unsigned int col = 0; col < 20; col += col == 2 ? 2 : 1)
+      EXPECT_EQ(Read(0, col, 1).payload.find(CrowdedTile(col)), 0U) << col;
+  }
+}
+
 TEST_F(Lifecycle, NothingIsAppendedWhereTheLastRecordCannotBeRead) {
   bool failed = true;
   for (std::size_t n = 1; failed; ++n) {

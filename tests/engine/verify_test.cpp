@@ -122,6 +122,20 @@ TEST_F(EngineTest, VerifyKnowsTheLastRecordOfALightWriter) {
   }
 }
 
+// What one tile has reserved holds the next ones; some of it may not be in the file.
+TEST_F(EngineTest, VerifyKnowsTilesInWhatOthersHaveReserved) {
+  for (const bool endsInFile : {true, false}) {
+    object.Close();
+    std::filesystem::remove(path.ToUtf8());
+    MakeCrowded(3, 300, endsInFile);  // records at 100, 150 and 200
+    Reopen();
+    ZrCompactFile::ZrVerifySummary summary;
+    EXPECT_EQ(object.Verify(summary), 0U);
+    EXPECT_EQ(summary.liveBytes, endsInFile ? 444U : 150U);
+    EXPECT_EQ(summary.unwrittenBytes, endsInFile ? 0U : 294U);
+  }
+}
+
 constexpr unsigned long long kStatus1 = 1ULL << 56;
 
 // Bits that may be flipped without making the file another than writers leave. By fields: offset,

@@ -372,6 +372,25 @@ TEST_F(Lite, NothingIsAppendedIntoTheLastRecord) {
   }
 }
 
+// Another writer appends where the file ends, which is in what the last record has reserved.
+TEST_F(Lite, RunsOverNobodyInWhatARecordHasReserved) {
+  for (const std::size_t size : {55U, 57U, 1000U, 9000U}) {
+    ZrFile::Delete(path);
+    Create(1, 3);
+    ZrCompactFile::ZrStatus status;
+    for (const unsigned int col : {0U, 1U}) {
+      const auto at =
+          writer.WriteDataToFile(status, Data("tile"), 20000, 0, 1, File().size() + col * 52);
+      ASSERT_TRUE(writer.WriteIndexValue(0, col, kCompleteAt | at));
+    }
+    std::filesystem::resize_file(path.ToUtf8(), 30000);
+    Reopen();
+    EXPECT_EQ(Put(0, std::string(size, 'n')) == 100, size == 55);
+    EXPECT_EQ(std::get<1>(Read(0)).substr(0, size), std::string(size, 'n'));
+    EXPECT_EQ(std::get<1>(Read(1)).substr(0, 5), std::string("tile\0", 5));
+  }
+}
+
 TEST_F(Lite, HostileEntriesAndRecords) {
   // Records begin at 236. Each record also lies at 124, in the unused part of the index.
   constexpr unsigned long long kAt = kCompleteAt | 236, kInIndex = kCompleteAt | 124;
@@ -499,6 +518,46 @@ TEST_F(Lite, AFullDiskDoesNotCostTheLastTile) {
   EXPECT_EQ(Read(0), (Tile{0, "acknowledged", 12}));
   EXPECT_EQ(Store(0, "a little too long"), 0U);
   EXPECT_EQ(std::get<1>(Read(0)), "a little too long");
+}
+
+std::size_t g_room;  // bytes that can be written before one write fails
+
+ssize_t WriteIfThereIsRoom(int fd, const iovec* parts, int count, off_t position) {
+  Bytes bytes;
+  for (const iovec& part : std::vector(parts, parts + count)) {
+    const auto* begin = static_cast<const unsigned char*>(part.iov_base);
+    bytes.insert(bytes.end(), begin, begin + part.iov_len);
+  }
+  const std::size_t size = std::min(g_room, bytes.size());
+  if (size == 0) return g_room = SIZE_MAX, errno = EFBIG, -1;
+  g_room -= size;
+  return ::pwrite(fd, bytes.data(), size, position);
+}
+
+// A write is cut short, as by a limit on the size of files, and then fails.
+TEST_F(Lite, AStoreThatFailsLeavesTheOldTile) {
+  const std::string small(300, 'o'), large(5000, 'o');
+  for (const auto& [before, size] :
+       {std::pair{small, 300}, {small, 310}, {small, 400}, {large, 5000}})
+    for (std::size_t room = 0; room < 2 * (before.size() + 100); room += 1 + before.size() / 1000) {
+      SCOPED_TRACE(std::to_string(size) + " " + std::to_string(room));
+      const std::string after(static_cast<std::size_t>(size), 'n');
+      writer.Close();
+      ZrFile::Delete(path);
+      Create(1, 2);
+      Put(0, before);
+      const SyscallFaults restore;
+      g_room = room;
+      GetFileSyscalls().pwritev = WriteIfThereIsRoom;
+      GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t count, off_t position) {
+        const iovec part = {const_cast<void*>(bytes), count};
+        return WriteIfThereIsRoom(fd, &part, 1, position);
+      };
+      const unsigned int result = Store(0, after);
+      const std::string& left = result == 0 ? after : before;
+      ASSERT_TRUE(result == 0 || result == 10);
+      ASSERT_TRUE(Read(0) == Tile(0, left, left.size()));
+    }
 }
 
 // What a writer does before the n-th read of an open (1, 2) and a lookup (entry, record, entry).
