@@ -62,13 +62,8 @@ bool AddNames(const FileState& state, std::uint64_t indexOffset, std::uint64_t f
   return present == count || state.names->Insert(0, static_cast<std::uint32_t>(count - 1));
 }
 
-bool FindsSlot(const NameTable& names, std::uint64_t code, std::uint64_t slot) {
-  const auto found = names.Find(code);
-  return found && found->slot == slot;
-}
-
 // Whether the index has only grown since `previous` was loaded. Slots are never taken back, so it
-// then has the names that it had. One that was made anew, by compaction, has another time of
+// then has the names that it had. One that was made anew, by compaction, has a later time of
 // creation; and the last slot that was known must still be the same.
 bool HasOnlyGrown(const FileState& state, const FileState& previous, std::uint64_t indexOffset) {
   if (previous.names == nullptr || previous.file != state.file ||
@@ -81,7 +76,7 @@ bool HasOnlyGrown(const FileState& state, const FileState& previous, std::uint64
   std::uint64_t code;
   return state.file->ReadAt(Format::NamingSlotOffset(indexOffset, last) + Format::kWidth8, &code,
                             sizeof code) &&
-         FindsSlot(*previous.names, LoadScalar<std::uint64_t>(&code, state.swap), last);
+         previous.names->Find(LoadScalar<std::uint64_t>(&code, state.swap)) == last;
 }
 
 bool LoadNamingIndex(FileState& state, const FileState& previous, std::uint64_t indexOffset) {

@@ -1,7 +1,6 @@
 #include "NameTable.h"
 
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <new>
 
@@ -24,21 +23,11 @@ std::size_t NameTable::PlaceOf(std::uint64_t code) const {
   return place;
 }
 
-std::optional<NameTable::Found> NameTable::Find(std::uint64_t code) const {
+std::optional<std::uint32_t> NameTable::Find(std::uint64_t code) const {
   if (m_places.empty()) return std::nullopt;
-  Place& place = const_cast<Place&>(m_places[PlaceOf(code)]);  // atomic_ref has no const
+  const Place& place = m_places[PlaceOf(code)];
   if (place.slotPlusOne == 0) return std::nullopt;
-  return Found{place.slotPlusOne - 1,
-               std::atomic_ref(place.recordLength).load(std::memory_order_relaxed),
-               std::atomic_ref(place.value).load(std::memory_order_relaxed)};
-}
-
-void NameTable::Note(std::uint64_t code, std::uint64_t value, std::uint32_t recordLength) {
-  if (m_places.empty()) return;
-  Place& place = m_places[PlaceOf(code)];
-  if (place.slotPlusOne == 0) return;
-  std::atomic_ref(place.recordLength).store(recordLength, std::memory_order_relaxed);
-  std::atomic_ref(place.value).store(value, std::memory_order_relaxed);
+  return place.slotPlusOne - 1;
 }
 
 std::uint32_t NameTable::CountSame(std::uint64_t code) const {
@@ -73,7 +62,7 @@ bool NameTable::Insert(std::uint64_t code, std::uint32_t slot) {
   if (!Reserve(m_size + 1)) return false;
   Place& place = m_places[PlaceOf(code)];
   if (place.slotPlusOne == 0) ++m_size;
-  place = {code, slot + 1, 0, 0};
+  place = {code, slot + 1};
   return true;
 }
 

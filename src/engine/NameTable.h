@@ -9,23 +9,16 @@ namespace Zarn::Engine {
 /// The slots of a naming index by their hash codes. Open addressing with linear probing in one
 /// array: codes are hashes already, so a multiplication spreads them well enough.
 ///
-/// One thread at a time, except that any number may look, and note, while nobody inserts or
-/// forgets.
+/// One thread at a time, except that any number may look while nobody inserts.
 class NameTable {
  public:
-  /// A slot, and what its owner has noted of it, so that to look there is to know it all.
-  struct Found {
-    std::uint32_t slot = 0;
-    std::uint32_t recordLength = 0;  // 0: not noted
-    std::uint64_t value = 0;         // of the slot's entry; 0: not noted
-  };
   struct Entry {
     std::uint64_t code;
     std::uint32_t slot;
   };
 
   std::size_t GetSize() const { return m_size; }
-  std::optional<Found> Find(std::uint64_t code) const;
+  std::optional<std::uint32_t> Find(std::uint64_t code) const;
   /// Number of codes present without a gap from `code` on, through its ordinals. The last ordinal
   /// counts once, so there are at most 256.
   std::uint32_t CountSame(std::uint64_t code) const;
@@ -36,10 +29,6 @@ class NameTable {
   /// Of two slots with one code the later insertion counts. False if memory is short.
   bool Insert(std::uint64_t code, std::uint32_t slot);
 
-  /// Notes what the slot of a code holds, as long as that is so.
-  void Note(std::uint64_t code, std::uint64_t value, std::uint32_t recordLength);
-  void Forget(std::uint64_t code) { Note(code, 0, 0); }
-
   /// All entries in ascending order of their codes.
   std::vector<Entry> Sorted() const;
 
@@ -48,8 +37,6 @@ class NameTable {
   struct Place {
     std::uint64_t code = 0;
     std::uint32_t slotPlusOne = 0;
-    std::uint32_t recordLength = 0;  // this and the next one atomic
-    std::uint64_t value = 0;
   };
 
   std::size_t Home(std::uint64_t code) const;

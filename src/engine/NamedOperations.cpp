@@ -61,7 +61,6 @@ unsigned int ZrCompactFile::StoreName(const ZrNameStore& store) {
   // The index grows before the name is looked up, deliberately also for one that is there.
   if (!key.IsStorable() || !IncreaseNamingIndexCapacity() || !GetNamingIdxValue(key, *buffer, slot))
     return ZrResult::kWriteFailure;
-  m_mapHashCode->Forget(slot.code);
   std::string scratch;
   std::string_view stored;
   if (!slot.entry.HoldsRecord()) {
@@ -143,7 +142,6 @@ unsigned int ZrCompactFile::Remove(const PelmUnicodeString& name, unsigned long 
     NameSlot slot;
     if (!GetNamingIdxValue(key, *buffer, slot) || slot.isNew) return ZrResult::kWriteFailure;
     if (!slot.entry.HoldsRecord() || !HasVersions()) return ZrResult::kOk;
-    m_mapHashCode->Forget(slot.code);
     if (!RemoveFromTile(slot.entry, version)) return ZrResult::kWriteFailure;
     return UpdateNamingIndex(slot) ? ZrResult::kOk : ZrResult::kWriteFailure;
   } catch (const std::bad_alloc&) {

@@ -52,7 +52,7 @@ bool ZrCompactFile::GetNamingIdxValue(const NameKey& key, ZrByteArray& buffer,
   std::uint64_t probe = key.GetHashCode();
   const std::uint32_t run = m_mapHashCode->CountSame(probe);
   for (std::uint32_t i = 0; i < run; ++i) {
-    const std::uint32_t number = m_mapHashCode->Find(probe)->slot;
+    const std::uint32_t number = *m_mapHashCode->Find(probe);
     std::uint64_t value;
     slot = {};
     if (!m_pIndex->ReadStableValue(number, m_bSwap, value)) return false;
@@ -87,18 +87,12 @@ Io::NameRead ZrCompactFile::GetKeyString(unsigned long long recordPosition, unsi
       .ReadName(recordPosition, most, key);
 }
 
-// The slot of a hash that only one name has, for a lookup. Where nobody else can change it, it is
-// noted in the table: the index and what it knows of lengths lie elsewhere in memory.
+// The slot of a hash that only one name has, for a lookup.
 bool ZrCompactFile::ReadOnlySlot(std::uint64_t code, NameSlot& slot) const {
-  const Engine::NameTable::Found found = *m_mapHashCode->Find(code);
-  std::uint64_t value = found.value;
-  const bool isNoted = m_bLockDisabled && found.recordLength != 0;
-  if (!isNoted && !m_pIndex->ReadStableValue(found.slot, m_bSwap, value)) return false;
-  slot = {{found.slot, value}, code, false};
-  if (isNoted)
-    slot.entry.recordLength = found.recordLength;
-  else if (m_bLockDisabled)
-    m_mapHashCode->Note(code, value, m_pIndex->GetHint(found.slot));
+  const std::uint32_t number = *m_mapHashCode->Find(code);
+  std::uint64_t value;
+  if (!m_pIndex->ReadStableValue(number, m_bSwap, value)) return false;
+  slot = {{number, value}, code, false};
   return true;
 }
 

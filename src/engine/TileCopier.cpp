@@ -205,7 +205,7 @@ TileCopier::CodeSearch TileCopier::FindCode(const Name& name, std::uint64_t& cod
     const auto found = m_names.Find(code);
     if (!found) return CodeSearch::kFree;
     Name other;
-    if (!ReadName(found->slot, other) || !Decode(other)) return CodeSearch::kUnreadable;
+    if (!ReadName(*found, other) || !Decode(other)) return CodeSearch::kUnreadable;
     if (other.units == name.units) {
       const bool isSame = other.stored == name.stored && other.charset == name.charset;
       return isSame ? CodeSearch::kShadowed : CodeSearch::kTaken;

@@ -242,15 +242,13 @@ void ZrCompactFile::RememberHead(const TileEntry& entry, const Format::RecordIma
 // How long a tile's record is, so that reading it takes one call.
 void ZrCompactFile::Remember(const TileEntry& entry, unsigned long long recordLength) const {
   const auto hint = recordLength <= UINT32_MAX ? static_cast<std::uint32_t>(recordLength) : 0;
-  if (entry.recordLength != hint && m_pIndex->GetHint(entry.number) != hint)
-    m_pIndex->SetHint(entry.number, hint);
+  if (m_pIndex->GetHint(entry.number) != hint) m_pIndex->SetHint(entry.number, hint);
 }
 
 // What was remembered, or what the next entry suggests.
 Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry,
                                            unsigned long long headSize) const {
-  std::uint64_t length = entry.recordLength;
-  if (length == 0) length = m_pIndex->GetHint(entry.number);
+  std::uint64_t length = m_pIndex->GetHint(entry.number);
   std::uint64_t next;
   if (length == 0 && m_pIndex->ReadStableValue(std::uint64_t{entry.number} + 1, m_bSwap, next))
     length = Format::DistanceToNext(entry.position, next);
