@@ -6,6 +6,7 @@
 #include "OpenPath.h"
 #include "OperationLock.h"
 #include "PathRules.h"
+#include "PelmTime.h"
 #include "StoreArguments.h"
 #include "ZrCompactFile.h"
 #include "ZrFile.h"
@@ -38,7 +39,8 @@ class NewContainer {
     const PelmUnicodeString folder = ZrFile::GetDir(m_path);
     if (!folder.IsEmpty()) ZrFile::MkDirEx(folder);
     const Format::XorString xorString = Format::MakeXorString(m_password.GetBuffer());
-    if (!m_file.Begin(m_path) || !Engine::WriteEmptyContainer(*m_stream, xorString, header))
+    const double now = PelmTime().GetCurTime().GetTime();
+    if (!m_file.Begin(m_path) || !Engine::WriteEmptyContainer(*m_stream, xorString, header, now))
       return ZrNewFile::Outcome::kFailed;
     return m_replace ? m_file.Replace() : m_file.Publish();
   }

@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <bit>
+#include <cmath>
+#include <cstring>
 #include <set>
 #include <string>
 #include <tuple>
@@ -161,6 +164,44 @@ TEST_F(EngineTest, NamesOfAnotherProcessAreFound) {
   EXPECT_EQ(capacity, 32768U) << "doubled again and again";
   EXPECT_EQ(count, kCount);
   Check();
+}
+
+// Other openers tell by the time of creation that a compaction has put the slots into another
+// order. So that must grow even if the clock stands still behind it.
+TEST_F(EngineTest, NamesAreFoundAfterACompactionWhateverTheClock) {
+  constexpr unsigned int kLocked = kMode | ZrCompactFile::kProcessLock;
+  const auto put = [&](const Name& name) {
+    return object.SetAt(name, Data(name.ToUtf8()), 0, 0, 1);
+  };
+  MakeNaming(64);
+  for (unsigned int i = 0; i < 40; ++i)
+    ASSERT_EQ(put(Numbered(i)), 0U);
+  PelmArray<Name> names;  // in the order that compaction gives them
+  ASSERT_TRUE(object.GetValidNamingList(names));
+  for (const double time : {1e9, 0.0, -1e9, HUGE_VAL, std::nan("")}) {
+    SCOPED_TRACE(time);
+    object.Close();
+    ZrFile::Delete(path);
+    MakeNaming(64);
+    object.Close();
+    Support::Poke(path, 11, Number(std::bit_cast<std::uint64_t>(time)));
+    ZrCompactFile other;
+    ASSERT_EQ(object.Open(path, u"", kLocked) + other.Open(path, u"", kLocked), 0U);
+    // All in another order, but the last one.
+    for (std::size_t i = names.GetSize() - 1; i-- > 0;)
+      ASSERT_EQ(put(names[i]), 0U);
+    ASSERT_EQ(put(names[names.GetSize() - 1]), 0U);
+    double before = std::isfinite(time) ? time : 0;
+    for (int round = 0; round < 2; ++round) {
+      ASSERT_EQ(other.Compact(), 0U);
+      double now;
+      std::memcpy(&now, Support::ReadFile(path).data() + 11, sizeof now);
+      EXPECT_LT(before, now);
+      before = now;
+      for (const Name& name : names)
+        EXPECT_EQ(ReadTile(object, name, 1).payload, name.ToUtf8());
+    }
+  }
 }
 
 }  // namespace
