@@ -394,7 +394,7 @@ TEST_F(Sharing, ThreadsOnOneAndOnTwoObjects) {
 
 TEST_F(Sharing, ThreadsLookUpNamesThatWereJustStored) {
   MakeNaming(1024);
-  constexpr unsigned int kNames = 1000, kRounds = 4;
+  constexpr unsigned int kNames = 1000, kRounds = 10;
   const auto name = [](unsigned int i) { return PelmUnicodeString::FromUtf8(std::to_string(i)); };
   std::atomic<unsigned int> step = 0, faults = 0;
   for (unsigned int round = 0; round < kRounds; ++round) {
@@ -407,7 +407,7 @@ TEST_F(Sharing, ThreadsLookUpNamesThatWereJustStored) {
         const PelmUnicodeString wanted = name(i);
         unsigned int waits = 0;
         for (++step; step < 2 * i + 2;)
-          if (++waits % 1024 == 0) std::this_thread::yield();
+          if (++waits % 65536 == 0) std::this_thread::yield();
         faults += ReadTile(object, wanted, 1) != Tile{0, "tile", 4};
       }
     };
