@@ -189,7 +189,7 @@ bool TileCopier::ReadName(std::uint32_t slot, Name& name) {
   if (!m_source.index->ReadValue(slot, m_source.swap, value)) return false;
   const std::uint64_t position = Format::PositionOf(value);
   if (!m_source.file->ReadAt(position + Format::kCharsetOffset, charset, sizeof charset) ||
-      reader.ReadName(position, UINT32_MAX, bytes) != Io::NameRead::kRead)
+      reader.ReadName(position, bytes) != Io::NameRead::kRead)
     return false;
   name.charset = LoadScalar<std::uint32_t>(charset, m_source.swap);
   name.stored.assign(reinterpret_cast<const char*>(bytes.GetData()), bytes.GetSize());

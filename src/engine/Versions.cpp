@@ -55,9 +55,7 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store) {
   }
   if (!entry.HoldsRecord()) return true;  // occupied by something unknown: deliberately left alone
 
-  if (!RecallHead(entry, store, image) &&
-      !ReadHead(entry.position, m_pIndex->GetHint(entry.number), image))
-    return false;
+  if (!RecallHead(entry, store, image) && !ReadCurrentHead(entry, image)) return false;
   if (!HasVersions()) return true;  // deliberately: a tile without versions is never rewritten
   m_pIndex->SetOnlyVersion(entry.number, {});
 
@@ -160,6 +158,12 @@ bool ZrCompactFile::UpdateOlderVersion(TileEntry& entry, const Format::RecordIma
   return ReplaceLocator(reference, LocatorOf(store, newPosition));
 }
 
+// The head of the record that the entry leads to.
+bool ZrCompactFile::ReadCurrentHead(const TileEntry& entry, Format::RecordImage& image) const {
+  return entry.isHeadRead ? image.Parse()
+                          : ReadHead(entry.position, m_pIndex->GetHint(entry.number), image);
+}
+
 // Only a record whose own newest version has the stamp that it is named by, and which is not the
 // current one, may be written to as an older one.
 bool ZrCompactFile::ReadOlderHead(unsigned long long position, unsigned long long currentPosition,
@@ -174,7 +178,7 @@ bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version)
   if (buffer == nullptr) return false;
   m_pIndex->SetOnlyVersion(entry.number, {});
   Format::RecordImage image = MakeImage(*buffer);
-  if (!ReadHead(entry.position, m_pIndex->GetHint(entry.number), image)) return false;
+  if (!ReadCurrentHead(entry, image)) return false;
   const std::uint32_t count = image.Versions().Count();
   const std::uint32_t index = image.Versions().Find(version, 0);
   if (index == count) return true;

@@ -108,25 +108,44 @@ TEST_P(Names, OfAnOlderFile) {
   EXPECT_EQ(Get(name).result, 5U);
 }
 
+// A record that cannot be read may have any name of its hash. It hides no other one, but nothing is
+// stored beside it.
 TEST_P(Names, DamagedRecordsFailForTheirOwnNameOnly) {
-  MakeNaming(4, GetParam());
-  ASSERT_EQ(Put(u"1yeg98dgy", "first"), 0U);   // record at 164
-  ASSERT_EQ(Put(u"sm38f3s71", "second"), 0U);  // the same hash
-  object.Close();
-  const Support::Bytes good = Support::ReadFile(path);
-  // What is put where, and the answers for the first name and for the second.
-  using Case = std::tuple<std::size_t, Support::Bytes, unsigned int, unsigned int>;
-  for (const auto& [offset, bytes, first, second] :
-       {Case{164, Number(10000), 9, 0},      // runs over the end; the name is readable
-        {164, Number(20), 5, 0},             // too short for its name
-        {176, Number(UINT32_MAX, 4), 5, 0},  // name over the end
-        {100, Number(3ULL << 56 | 164), 9, 0},
-        {100, Number(1ULL << 56 | 99), 5, 0}}) {
-    Support::WriteFile(path, good);
-    Support::Poke(path, offset, bytes);
-    Reopen();
-    EXPECT_EQ(Get(u"1yeg98dgy").result, first) << offset;
-    EXPECT_EQ(Get(u"sm38f3s71").result, second) << offset;
+  const Name first = u"1yeg98dgy", second = u"sm38f3s71";  // of one hash
+  // What is put where; the status of the first name, and what looking for the second, which is not
+  // there, and storing either answer.
+  using Case = std::tuple<std::size_t, Support::Bytes, unsigned int, unsigned int, unsigned int>;
+  for (const bool isAlone : {true, false}) {
+    ZrFile::Delete(path);
+    MakeNaming(4, GetParam());
+    ASSERT_EQ(Put(first, "first"), 0U);  // record at 164
+    ASSERT_TRUE(isAlone || Put(second, "second") == 0);
+    object.Close();
+    const Support::Bytes good = Support::ReadFile(path);
+    for (const auto& [offset, bytes, status, unknown, stored] :
+         {Case{164, Number(10000), 1, 9, 10},      // runs over the end
+          {164, Number(20), 1, 9, 10},             // too short for its name
+          {176, Number(UINT32_MAX, 4), 1, 9, 10},  // name over the end
+          {176, Number(20, 4), 1, 9, 10},          // name over the version table
+          {100, Number(1ULL << 56 | 99), 1, 9, 10},
+          {100, Number(3ULL << 56 | 164), 3, 5, 0}}) {
+      SCOPED_TRACE(std::to_string(offset) + (isAlone ? " alone" : ""));
+      Support::WriteFile(path, good);
+      Support::Poke(path, offset, bytes);
+      Reopen();
+      EXPECT_EQ(Get(first).result, 9U);
+      EXPECT_EQ(object.GetStatus(first), status);
+      EXPECT_EQ(Put(first, "new"), stored);
+      if (isAlone) {
+        EXPECT_EQ(Get(second).result, unknown);
+      } else {
+        EXPECT_EQ(Get(second).payload, "second");
+        EXPECT_EQ(Put(second, "2nd"), 0U);
+        EXPECT_EQ(object.Remove(second, 1), 0U);
+      }
+      EXPECT_EQ(Put(second, "again"), stored) << "neither a new slot nor one that is gone";
+      object.Close();
+    }
   }
 }
 
