@@ -7,7 +7,8 @@
 namespace Zarn::Engine {
 
 /// The slots of a naming index by their hash codes. Open addressing with linear probing in one
-/// array: codes are hashes already, so a multiplication spreads them well enough.
+/// array: codes are hashes already, so a multiplication spreads them well enough. By what number is
+/// drawn once in each process, so that nobody can make a file whose codes meet in one place.
 ///
 /// One thread at a time, except that any number may look while nobody inserts.
 class NameTable {
@@ -22,6 +23,9 @@ class NameTable {
   /// Number of codes present without a gap from `code` on, through its ordinals. The last ordinal
   /// counts once, so there are at most 256.
   std::uint32_t CountSame(std::uint64_t code) const;
+
+  /// How many places a search for the code looks at; for tests.
+  std::size_t CountSteps(std::uint64_t code) const;
 
   /// Makes room for `size` codes, so that as many insertions need no memory. False, and nothing
   /// changes, if it cannot be had.
@@ -39,11 +43,13 @@ class NameTable {
     std::uint32_t slotPlusOne = 0;
   };
 
+  static std::uint64_t GetSpread();
   std::size_t Home(std::uint64_t code) const;
   std::size_t PlaceOf(std::uint64_t code) const;
   std::size_t Next(std::size_t place) const { return (place + 1) & (m_places.size() - 1); }
 
   std::vector<Place> m_places;  // a power of two, never more than half full
+  const std::uint64_t m_spread = GetSpread();
   unsigned m_shift = 64;
   std::size_t m_size = 0;
 };
