@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <tuple>
@@ -147,6 +149,40 @@ TEST_P(Names, DamagedRecordsFailForTheirOwnNameOnly) {
       object.Close();
     }
   }
+}
+
+// Memory for names depends on what the file has, not on what it claims; and a table that is just
+// full is no larger than one for a name less.
+TEST_F(EngineTest, NamesTakeMemoryForWhatIsThere) {
+  using Support::operator+;
+  const auto open = [&](std::uint64_t count, std::uint64_t present) {
+    object.Close();
+    MakeNaming(1);
+    object.Close();
+    std::filesystem::resize_file(path.ToUtf8(), 100 + 16 * count);
+    Support::Poke(path, 64, Number(count) + Number(count));
+    Support::Bytes slots;
+    for (std::uint64_t i = 0; i < present; ++i)
+      for (const unsigned char byte : Number(0) + Number(i + 1))
+        slots.push_back(byte);
+    Support::Poke(path, 100 + 16 * (count - present), slots);
+    const struct mallinfo2 before = ::mallinfo2();
+    EXPECT_EQ(object.Open(path, u"", kMode), 0U);
+    const struct mallinfo2 after = ::mallinfo2();
+    return after.uordblks + after.hblkhd - before.uordblks - before.hblkhd;
+  };
+  const std::size_t usual = open(65535, 65535);
+  EXPECT_LT(open(65536, 65536), usual + 100000);
+  EXPECT_LT(open(4000000, 20), 1000000U);
+  PelmArray<Name> names;
+  EXPECT_TRUE(object.GetValidNamingList(names));
+  EXPECT_EQ(object.GetStatus(u"a"), ZrCompactFile::kEmpty);
+  ZrCompactFile::ZrVerifySummary summary;
+  EXPECT_EQ(object.Verify(summary), 9U);
+  EXPECT_LT(summary.findings, 10000U);
+  ASSERT_EQ(object.SetAt(u"a", Data("tile"), 0, 0, 1), 0U);
+  EXPECT_EQ(object.Compact(), 0U);
+  EXPECT_EQ(ReadTile(object, u"a", 1).payload, "tile");
 }
 
 // Another process stores names; what it has finished is found, at a cost that does not grow.
