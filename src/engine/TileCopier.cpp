@@ -198,7 +198,8 @@ bool TileCopier::ReadName(std::uint32_t slot, Name& name) {
 
 // The code under which the target is to find the name: the first that no other name has. A name
 // that was copied already is shadowed by that copy, for lookups find the lower code first; it is
-// the same name only if it is stored the same way. Two that become one are no case for a choice.
+// the same name if the stored bytes are, for lookups do not ask for their charset. Bytes that
+// differ and become one name are no case for a choice.
 TileCopier::CodeSearch TileCopier::FindCode(const Name& name, std::uint64_t& code) {
   code = Format::HashUnits(name.units);
   for (;;) {
@@ -206,10 +207,8 @@ TileCopier::CodeSearch TileCopier::FindCode(const Name& name, std::uint64_t& cod
     if (!found) return CodeSearch::kFree;
     Name other;
     if (!ReadName(*found, other) || !Decode(other)) return CodeSearch::kUnreadable;
-    if (other.units == name.units) {
-      const bool isSame = other.stored == name.stored && other.charset == name.charset;
-      return isSame ? CodeSearch::kShadowed : CodeSearch::kTaken;
-    }
+    if (other.units == name.units)
+      return other.stored == name.stored ? CodeSearch::kShadowed : CodeSearch::kTaken;
     const std::uint64_t next = Format::NextHashCode(code);
     if (next == code) return CodeSearch::kTaken;
     code = next;
