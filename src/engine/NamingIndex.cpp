@@ -88,7 +88,7 @@ bool ZrCompactFile::ReadSlot(std::uint64_t code, NameSlot& slot) const {
 std::optional<bool> ZrCompactFile::HasName(TileEntry& entry, const NameKey& key,
                                            ZrByteArray& buffer) const {
   Format::RecordImage image = MakeImage(buffer);
-  entry.isHeadRead = ReadCurrentHead(entry, image);
+  entry.isHeadRead = ReadHead(entry.position, m_pIndex->GetHint(entry.number), image);
   if (!entry.isHeadRead) return std::nullopt;
   const std::string_view name = image.Name().bytes;
   return key.Matches(reinterpret_cast<const unsigned char*>(name.data()), name.size());
