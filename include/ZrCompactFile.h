@@ -450,11 +450,10 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool IsNaming() const;
   bool GetNamingIdxValue(const Engine::NameKey& key, ZrByteArray& buffer,
                          Engine::NameSlot& slot) const;
-  Io::NameRead GetKeyString(unsigned long long recordPosition, unsigned long long most,
-                            ZrByteArray& key) const;
-  std::optional<bool> HasName(const Engine::TileEntry& entry, const Engine::NameKey& key,
+  Io::NameRead GetKeyString(unsigned long long recordPosition, ZrByteArray& key) const;
+  std::optional<bool> HasName(Engine::TileEntry& entry, const Engine::NameKey& key,
                               ZrByteArray& buffer) const;
-  bool ReadOnlySlot(std::uint64_t code, Engine::NameSlot& slot) const;
+  bool ReadSlot(std::uint64_t code, Engine::NameSlot& slot) const;
   bool UpdateNamingIndex(Engine::NameSlot& slot);
   bool AddSlots(const Engine::NameSlot* slots, unsigned long long count);
   bool WriteNamingHeader(unsigned long long indexOffset, unsigned long long capacity,
@@ -548,6 +547,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool UpdateOlderVersion(Engine::TileEntry& entry, const Format::RecordImage& image,
                           unsigned int index, const Engine::TileStore& store,
                           unsigned long long newestLocator, Engine::RecordBackup& backup);
+  bool ReadCurrentHead(const Engine::TileEntry& entry, Format::RecordImage& image) const;
   bool ReadOlderHead(unsigned long long position, unsigned long long currentPosition,
                      unsigned long long stamp, Format::RecordImage& image) const;
   bool RemoveNewest(Engine::TileEntry& entry, const Format::RecordImage& current,

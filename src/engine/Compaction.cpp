@@ -1,11 +1,14 @@
 #include <algorithm>
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <new>
 
 #include "EmptyContainer.h"
 #include "FileState.h"
 #include "OperationLock.h"
 #include "PELM.h"
+#include "PelmTime.h"
 #include "RedoFile.h"
 #include "TileCopier.h"
 #include "ZrCompactFile.h"
@@ -18,6 +21,14 @@ namespace {
 
 bool IsKnownKind(std::uint32_t fileKind) {
   return fileKind == Format::kGridFile || fileKind == Format::kNamingFile;
+}
+
+// By the time of creation others know that the file is another one than they have loaded. So it
+// always grows, whatever the clock says.
+double TimeAfter(double previous) {
+  const double now = PelmTime().GetCurTime().GetTime();
+  const double next = std::nextafter(previous, std::numeric_limits<double>::infinity());
+  return std::isfinite(next) && next > now ? next : now;
 }
 
 // Tells the caller how far a compaction has come. Collecting counts as much as putting back.
@@ -108,14 +119,16 @@ unsigned int ZrCompactFile::BuildImage(const Engine::FileState& source, Io::Redo
 // Of the same kind and size as the source, and with the same password.
 bool ZrCompactFile::WriteEmptyImage(const Engine::FileState& source, ZrFile64& image) const {
   constexpr std::uint32_t kFlags = Format::kVersionsEnabled;
+  const double time = TimeAfter(Format::HeaderView(source.header).CreateTime());
   const Format::NamingHeader& naming = source.naming;
   return IsNaming()
              ? Engine::WriteEmptyContainer(image, m_xorString,
                                            Format::NamingHeader{naming.capacity, 0, naming.maxSize1,
-                                                                naming.maxSize2, kFlags})
+                                                                naming.maxSize2, kFlags},
+                                           time)
              : Engine::WriteEmptyContainer(
                    image, m_xorString,
-                   Format::GridHeader{source.grid.rowCount, source.grid.colCount, kFlags});
+                   Format::GridHeader{source.grid.rowCount, source.grid.colCount, kFlags}, time);
 }
 
 // Puts the image in the place of the source, and opens that again.

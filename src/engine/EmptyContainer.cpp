@@ -2,15 +2,14 @@
 
 #include "HeaderIo.h"
 #include "IndexValue.h"
-#include "PelmTime.h"
 
 namespace Zarn::Engine {
 namespace {
 
 template <typename IndexHeaderImage>
 bool Write(ZrFile64& file, const Format::XorString& xorString, std::uint32_t fileKind,
-           const IndexHeaderImage& indexHeader, std::uint64_t fileLength) {
-  const Format::HeaderImage header = Format::NewHeader(fileKind, PelmTime().GetCurTime().GetTime());
+           double createTime, const IndexHeaderImage& indexHeader, std::uint64_t fileLength) {
+  const Format::HeaderImage header = Format::NewHeader(fileKind, createTime);
   return Io::WriteFileHeader(file, xorString, header, false) &&
          file.WriteAt(Format::kHeaderSize, indexHeader.data(), indexHeader.size()) &&
          file.SetLength(fileLength);
@@ -19,14 +18,16 @@ bool Write(ZrFile64& file, const Format::XorString& xorString, std::uint32_t fil
 }  // namespace
 
 bool WriteEmptyContainer(ZrFile64& file, const Format::XorString& xorString,
-                         const Format::GridHeader& header) {
-  return Write(file, xorString, Format::kGridFile, Format::EncodeGridHeader(header, false),
+                         const Format::GridHeader& header, double createTime) {
+  return Write(file, xorString, Format::kGridFile, createTime,
+               Format::EncodeGridHeader(header, false),
                Format::GridDataStart(Format::kHeaderSize, header.rowCount, header.colCount));
 }
 
 bool WriteEmptyContainer(ZrFile64& file, const Format::XorString& xorString,
-                         const Format::NamingHeader& header) {
-  return Write(file, xorString, Format::kNamingFile, Format::EncodeNamingHeader(header, false),
+                         const Format::NamingHeader& header, double createTime) {
+  return Write(file, xorString, Format::kNamingFile, createTime,
+               Format::EncodeNamingHeader(header, false),
                Format::NamingSlotOffset(Format::kHeaderSize, header.capacity));
 }
 

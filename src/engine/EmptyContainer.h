@@ -9,8 +9,8 @@
 namespace Zarn::Engine {
 
 bool WriteEmptyContainer(ZrFile64& file, const Format::XorString& xorString,
-                         const Format::GridHeader& header);
+                         const Format::GridHeader& header, double createTime);
 bool WriteEmptyContainer(ZrFile64& file, const Format::XorString& xorString,
-                         const Format::NamingHeader& header);
+                         const Format::NamingHeader& header, double createTime);
 
 }  // namespace Zarn::Engine

@@ -35,40 +35,67 @@ bool LoadGridIndex(FileState& state, std::uint64_t indexOffset, bool isShared) {
                        Format::kGridEntrySize, isShared, state.swap});
 }
 
-// Reads the hash codes of the slots from `first` on into the table. Those beyond the end of the
-// file are empty, all with the code 0, of which the last counts.
+constexpr std::uint64_t kSlotsAtOnce = 16384;
+
+struct SlotRun {
+  std::uint64_t first;
+  std::uint64_t end;
+};
+
+// The slots from `slot` on, up to `end`, that do not lie wholly in the next hole, up to the one
+// after it. Few slots are read sooner than the file is asked for holes.
+SlotRun NextRun(const ZrFile64& file, std::uint64_t start, std::uint64_t slot, std::uint64_t end) {
+  constexpr std::uint64_t kSize = Format::kNamingSlotSize;
+  if (end - slot <= kSlotsAtOnce) return {slot, end};
+  const std::uint64_t data = file.NextData(start + slot * kSize);
+  const std::uint64_t first = std::min((data - start) / kSize, end);
+  const std::uint64_t hole = std::max(file.NextHole(data), data + 1);
+  return {first, std::min((hole - start + kSize - 1) / kSize, end)};
+}
+
+bool ReadCodes(const FileState& state, std::uint64_t start, const SlotRun& run) {
+  constexpr std::uint64_t kSize = Format::kNamingSlotSize;
+  ZrByteArray slots;
+  if (!state.names->Reserve(state.names->GetSize() + run.end - run.first)) return false;
+  for (std::uint64_t slot = run.first; slot < run.end; slot += kSlotsAtOnce) {
+    const std::uint64_t now = std::min(kSlotsAtOnce, run.end - slot);
+    if (!slots.ResizeForOverwrite(now * kSize) ||
+        !state.file->ReadAt(start + slot * kSize, slots.GetData(), slots.GetSize()))
+      return false;
+    for (std::uint64_t i = 0; i < now; ++i)
+      if (!state.names->Insert(
+              LoadScalar<std::uint64_t>(slots.GetData() + i * kSize + Format::kWidth8, state.swap),
+              static_cast<std::uint32_t>(slot + i)))
+        return false;
+  }
+  return true;
+}
+
+// Reads the hash codes of the slots from `first` on into the table. Those in holes, and beyond the
+// end of the file, are empty, all with the code 0, of which the last counts: so a file that claims
+// many names takes memory only for those that it has.
 bool AddNames(const FileState& state, std::uint64_t indexOffset, std::uint64_t first) {
-  constexpr std::uint64_t kSlotsAtOnce = 16384;
-  constexpr std::uint64_t kSlotSize = Format::kNamingSlotSize;
   const std::uint64_t start = Format::NamingSlotOffset(indexOffset, 0);
   const std::uint64_t count = state.naming.count;
   std::uint64_t fileLength;
   if (!state.file->GetLength(fileLength)) return false;
-  const std::uint64_t inFile = fileLength > start ? (fileLength - start) / kSlotSize : 0;
+  const std::uint64_t inFile =
+      fileLength > start ? (fileLength - start) / Format::kNamingSlotSize : 0;
   const std::uint64_t present = std::min(count, inFile);
-  ZrByteArray slots;
-  if (!state.names->Reserve(present + 1)) return false;
-  for (std::uint64_t slot = first; slot < present; slot += kSlotsAtOnce) {
-    const std::uint64_t now = std::min(kSlotsAtOnce, present - slot);
-    if (!slots.ResizeForOverwrite(now * kSlotSize) ||
-        !state.file->ReadAt(start + slot * kSlotSize, slots.GetData(), slots.GetSize()))
-      return false;
-    for (std::uint64_t i = 0; i < now; ++i)
-      if (!state.names->Insert(LoadScalar<std::uint64_t>(
-                                   slots.GetData() + i * kSlotSize + Format::kWidth8, state.swap),
-                               static_cast<std::uint32_t>(slot + i)))
-        return false;
+  const auto addEmpty = [&](std::uint64_t end) {
+    return state.names->Insert(0, static_cast<std::uint32_t>(end - 1));
+  };
+  for (std::uint64_t slot = first; slot < present;) {
+    const SlotRun run = NextRun(*state.file, start, slot, present);
+    if (run.first > slot && !addEmpty(run.first)) return false;
+    if (!ReadCodes(state, start, run)) return false;
+    slot = run.end;
   }
-  return present == count || state.names->Insert(0, static_cast<std::uint32_t>(count - 1));
-}
-
-bool FindsSlot(const NameTable& names, std::uint64_t code, std::uint64_t slot) {
-  const auto found = names.Find(code);
-  return found && found->slot == slot;
+  return present == count || addEmpty(count);
 }
 
 // Whether the index has only grown since `previous` was loaded. Slots are never taken back, so it
-// then has the names that it had. One that was made anew, by compaction, has another time of
+// then has the names that it had. One that was made anew, by compaction, has a later time of
 // creation; and the last slot that was known must still be the same.
 bool HasOnlyGrown(const FileState& state, const FileState& previous, std::uint64_t indexOffset) {
   if (previous.names == nullptr || previous.file != state.file ||
@@ -81,7 +108,7 @@ bool HasOnlyGrown(const FileState& state, const FileState& previous, std::uint64
   std::uint64_t code;
   return state.file->ReadAt(Format::NamingSlotOffset(indexOffset, last) + Format::kWidth8, &code,
                             sizeof code) &&
-         FindsSlot(*previous.names, LoadScalar<std::uint64_t>(&code, state.swap), last);
+         previous.names->Find(LoadScalar<std::uint64_t>(&code, state.swap)) == last;
 }
 
 bool LoadNamingIndex(FileState& state, const FileState& previous, std::uint64_t indexOffset) {

@@ -6,6 +6,7 @@
 #include "OpenPath.h"
 #include "OperationLock.h"
 #include "PathRules.h"
+#include "PelmTime.h"
 #include "StoreArguments.h"
 #include "ZrCompactFile.h"
 #include "ZrFile.h"
@@ -41,8 +42,9 @@ class NewContainer {
     // What it replaces may be kept from others.
     constexpr unsigned int kOwnerOnly = 0600, kUsual = 0666;
     const unsigned int permissions = m_replace && ZrFile::IsExist(m_path) ? kOwnerOnly : kUsual;
+    const double now = PelmTime().GetCurTime().GetTime();
     if (!m_file.Begin(m_path, permissions) ||
-        !Engine::WriteEmptyContainer(*m_stream, xorString, header))
+        !Engine::WriteEmptyContainer(*m_stream, xorString, header, now))
       return ZrNewFile::Outcome::kFailed;
     return m_replace ? m_file.Replace() : m_file.Publish();
   }

@@ -30,8 +30,6 @@ class NameKey {
   /// Whether these bytes of a record are this name.
   bool Matches(const unsigned char* stored, std::uint64_t length) const;
   std::uint64_t GetStoredLength() const;
-  /// No more bytes of a record can be this name.
-  std::uint64_t GetMostStored() const { return m_isUtf16 ? GetStoredLength() : UINT32_MAX; }
 
   std::uint32_t GetCharset() const { return m_charset; }
   /// The bytes for a record: those of the name itself, or made in `scratch`.

@@ -1,7 +1,8 @@
 #include "NameTable.h"
 
+#include <sys/random.h>
+
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <new>
 
@@ -9,11 +10,21 @@
 
 namespace Zarn::Engine {
 
+// Odd, so that no bit of a code gets lost.
+std::uint64_t NameTable::GetSpread() {
+  static const std::uint64_t spread = [] {
+    constexpr std::uint64_t kGolden = 0x9E3779B97F4A7C15;
+    std::uint64_t number;
+    if (::getrandom(&number, sizeof number, GRND_NONBLOCK) < 0) number = kGolden;
+    return number | 1;
+  }();
+  return spread;
+}
+
 // The same for all ordinals of a hash: who asks for one mostly asks for the next, too, and finds it
 // in the same line of the processor's cache.
 std::size_t NameTable::Home(std::uint64_t code) const {
-  constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15;  // 2^64 divided by the golden ratio
-  return static_cast<std::size_t>((code & Format::kHashMask) * kSpread >> m_shift);
+  return static_cast<std::size_t>((code & Format::kHashMask) * m_spread >> m_shift);
 }
 
 // Where the code is, or where it would go.
@@ -24,21 +35,11 @@ std::size_t NameTable::PlaceOf(std::uint64_t code) const {
   return place;
 }
 
-std::optional<NameTable::Found> NameTable::Find(std::uint64_t code) const {
+std::optional<std::uint32_t> NameTable::Find(std::uint64_t code) const {
   if (m_places.empty()) return std::nullopt;
-  Place& place = const_cast<Place&>(m_places[PlaceOf(code)]);  // atomic_ref has no const
+  const Place& place = m_places[PlaceOf(code)];
   if (place.slotPlusOne == 0) return std::nullopt;
-  return Found{place.slotPlusOne - 1,
-               std::atomic_ref(place.recordLength).load(std::memory_order_relaxed),
-               std::atomic_ref(place.value).load(std::memory_order_relaxed)};
-}
-
-void NameTable::Note(std::uint64_t code, std::uint64_t value, std::uint32_t recordLength) {
-  if (m_places.empty()) return;
-  Place& place = m_places[PlaceOf(code)];
-  if (place.slotPlusOne == 0) return;
-  std::atomic_ref(place.recordLength).store(recordLength, std::memory_order_relaxed);
-  std::atomic_ref(place.value).store(value, std::memory_order_relaxed);
+  return place.slotPlusOne - 1;
 }
 
 std::uint32_t NameTable::CountSame(std::uint64_t code) const {
@@ -50,6 +51,10 @@ std::uint32_t NameTable::CountSame(std::uint64_t code) const {
     code = next;
   }
   return count;
+}
+
+std::size_t NameTable::CountSteps(std::uint64_t code) const {
+  return ((PlaceOf(code) - Home(code)) & (m_places.size() - 1)) + 1;
 }
 
 bool NameTable::Reserve(std::size_t size) {
@@ -70,10 +75,11 @@ bool NameTable::Reserve(std::size_t size) {
 }
 
 bool NameTable::Insert(std::uint64_t code, std::uint32_t slot) {
-  if (!Reserve(m_size + 1)) return false;
+  const bool isFull = m_places.size() < 2 * (m_size + 1);
+  if (isFull && !Find(code) && !Reserve(m_size + 1)) return false;
   Place& place = m_places[PlaceOf(code)];
   if (place.slotPlusOne == 0) ++m_size;
-  place = {code, slot + 1, 0, 0};
+  place = {code, slot + 1};
   return true;
 }
 

@@ -7,38 +7,31 @@
 namespace Zarn::Engine {
 
 /// The slots of a naming index by their hash codes. Open addressing with linear probing in one
-/// array: codes are hashes already, so a multiplication spreads them well enough.
+/// array: codes are hashes already, so a multiplication spreads them well enough. By what number is
+/// drawn once in each process, so that nobody can make a file whose codes meet in one place.
 ///
-/// One thread at a time, except that any number may look, and note, while nobody inserts or
-/// forgets.
+/// One thread at a time, except that any number may look while nobody inserts.
 class NameTable {
  public:
-  /// A slot, and what its owner has noted of it, so that to look there is to know it all.
-  struct Found {
-    std::uint32_t slot = 0;
-    std::uint32_t recordLength = 0;  // 0: not noted
-    std::uint64_t value = 0;         // of the slot's entry; 0: not noted
-  };
   struct Entry {
     std::uint64_t code;
     std::uint32_t slot;
   };
 
   std::size_t GetSize() const { return m_size; }
-  std::optional<Found> Find(std::uint64_t code) const;
+  std::optional<std::uint32_t> Find(std::uint64_t code) const;
   /// Number of codes present without a gap from `code` on, through its ordinals. The last ordinal
   /// counts once, so there are at most 256.
   std::uint32_t CountSame(std::uint64_t code) const;
+
+  /// How many places a search for the code looks at; for tests.
+  std::size_t CountSteps(std::uint64_t code) const;
 
   /// Makes room for `size` codes, so that as many insertions need no memory. False, and nothing
   /// changes, if it cannot be had.
   bool Reserve(std::size_t size);
   /// Of two slots with one code the later insertion counts. False if memory is short.
   bool Insert(std::uint64_t code, std::uint32_t slot);
-
-  /// Notes what the slot of a code holds, as long as that is so.
-  void Note(std::uint64_t code, std::uint64_t value, std::uint32_t recordLength);
-  void Forget(std::uint64_t code) { Note(code, 0, 0); }
 
   /// All entries in ascending order of their codes.
   std::vector<Entry> Sorted() const;
@@ -48,15 +41,15 @@ class NameTable {
   struct Place {
     std::uint64_t code = 0;
     std::uint32_t slotPlusOne = 0;
-    std::uint32_t recordLength = 0;  // this and the next one atomic
-    std::uint64_t value = 0;
   };
 
+  static std::uint64_t GetSpread();
   std::size_t Home(std::uint64_t code) const;
   std::size_t PlaceOf(std::uint64_t code) const;
   std::size_t Next(std::size_t place) const { return (place + 1) & (m_places.size() - 1); }
 
   std::vector<Place> m_places;  // a power of two, never more than half full
+  const std::uint64_t m_spread = GetSpread();
   unsigned m_shift = 64;
   std::size_t m_size = 0;
 };

@@ -61,7 +61,6 @@ unsigned int ZrCompactFile::StoreName(const ZrNameStore& store) {
   // The index grows before the name is looked up, deliberately also for one that is there.
   if (!key.IsStorable() || !IncreaseNamingIndexCapacity() || !GetNamingIdxValue(key, *buffer, slot))
     return ZrResult::kWriteFailure;
-  m_mapHashCode->Forget(slot.code);
   std::string scratch;
   std::string_view stored;
   if (!slot.entry.HoldsRecord()) {
@@ -121,7 +120,7 @@ unsigned int ZrCompactFile::LookupName(const NameKey& key, OperationLock& lock, 
   const std::uint32_t candidates = m_mapHashCode->CountSame(key.GetHashCode());
   if (candidates == 0) return ZrResult::kNotFound;
   if (candidates == 1) {
-    if (!ReadOnlySlot(key.GetHashCode(), slot)) return ZrResult::kReadFailure;
+    if (!ReadSlot(key.GetHashCode(), slot)) return ZrResult::kReadFailure;
   } else if (!GetNamingIdxValue(key, *buffer, slot)) {
     return slot.isNew ? ZrResult::kNotFound : ZrResult::kReadFailure;
   }
@@ -133,7 +132,7 @@ unsigned int ZrCompactFile::LookupName(const NameKey& key, OperationLock& lock, 
         LookUp_Inner(slot.entry, &key, *buffer, data, filledLength, version);
     if (result != ZrResult::kReadFailure) return result;
   }
-  // What cannot be read is a failure for its own name only.
+  // A record that cannot be read may have the name; one that can, and has another, is not meant.
   return HasName(slot.entry, key, *buffer) == false ? ZrResult::kNotFound : ZrResult::kReadFailure;
 }
 
@@ -147,7 +146,6 @@ unsigned int ZrCompactFile::Remove(const PelmUnicodeString& name, unsigned long 
     NameSlot slot;
     if (!GetNamingIdxValue(key, *buffer, slot) || slot.isNew) return ZrResult::kWriteFailure;
     if (!slot.entry.HoldsRecord() || !HasVersions()) return ZrResult::kOk;
-    m_mapHashCode->Forget(slot.code);
     Engine::RecordBackup backup;
     if (!RemoveFromTile(slot.entry, version, backup)) return ZrResult::kWriteFailure;
     if (UpdateNamingIndex(slot)) return ZrResult::kOk;
@@ -166,7 +164,8 @@ ZrCompactFile::ZrStatus ZrCompactFile::GetStatus(const PelmUnicodeString& name) 
   try {
     const NameKey key(name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
     NameSlot slot;
-    if (!GetNamingIdxValue(key, *buffer, slot)) return slot.isNew ? kEmpty : kUnknown;
+    // Of a record that cannot be read, too, the slot tells.
+    if (!GetNamingIdxValue(key, *buffer, slot) && slot.isNew) return kEmpty;
     return static_cast<ZrStatus>(slot.entry.status);
   } catch (const std::bad_alloc&) {
     return kUnknown;

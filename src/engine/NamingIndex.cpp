@@ -6,6 +6,7 @@
 #include "NameHash.h"
 #include "NameKey.h"
 #include "OperationLock.h"
+#include "RecordImage.h"
 #include "RecordReader.h"
 #include "ReplaceWord.h"
 #include "Tile.h"
@@ -43,63 +44,60 @@ bool ZrCompactFile::IsNaming() const {
 
 // Finds the slot of a name, or the code under which it would get one. The walk through the names of
 // one hash deliberately stops at the first slot whose tile is gone, even if the name follows
-// further on: that slot is then taken for the name.
+// further on: that slot is then taken for the name. The head of the record that has the name stays
+// in the buffer.
 //
-// False, with `slot.isNew`, if all ordinals are taken by other names; false without, if the index
-// or a name that had to be compared could not be read.
+// False, with `slot.isNew`, if all ordinals are taken by other names. False without, if it cannot
+// be told: no record that could be read has the name, and that of `slot` could not; or not even the
+// index could, and the slot's status is unknown.
 bool ZrCompactFile::GetNamingIdxValue(const NameKey& key, ZrByteArray& buffer,
                                       NameSlot& slot) const {
   std::uint64_t probe = key.GetHashCode();
   const std::uint32_t run = m_mapHashCode->CountSame(probe);
-  for (std::uint32_t i = 0; i < run; ++i) {
-    const std::uint32_t number = m_mapHashCode->Find(probe)->slot;
-    std::uint64_t value;
-    slot = {};
-    if (!m_pIndex->ReadStableValue(number, m_bSwap, value)) return false;
-    slot = {{number, value}, probe, false};
-    if (slot.entry.status == Format::kStatusEmpty) return true;
+  std::optional<NameSlot> unreadable;  // the first one
+  std::uint32_t i = 0;
+  for (; i < run; ++i) {
+    if (!ReadSlot(probe, slot)) return false;
+    if (slot.entry.status == Format::kStatusEmpty) break;
     const auto matches = HasName(slot.entry, key, buffer);
-    if (!matches || *matches) return matches.has_value();
+    if (matches == true) return true;
+    if (!matches && !unreadable) unreadable = slot;
     probe = Format::NextHashCode(probe);
   }
+  if (unreadable) {
+    slot = *unreadable;
+    return false;
+  }
+  if (i < run) return true;
   slot = {{static_cast<std::uint32_t>(m_nNamingCount), 0}, probe, true};
   return run <= Format::kLastOrdinal;
 }
 
-// Whether the record of an entry has this name; nothing if that cannot be told. A record whose name
-// is damaged has another one.
-std::optional<bool> ZrCompactFile::HasName(const TileEntry& entry, const NameKey& key,
-                                           ZrByteArray& buffer) const {
-  switch (GetKeyString(entry.position, key.GetMostStored(), buffer)) {
-    case Io::NameRead::kRead:
-      return key.Matches(buffer.GetData(), buffer.GetSize());
-    case Io::NameRead::kNone:
-      return false;
-    default:
-      return std::nullopt;
-  }
+// The slot of a code that the table has.
+bool ZrCompactFile::ReadSlot(std::uint64_t code, NameSlot& slot) const {
+  const std::uint32_t number = *m_mapHashCode->Find(code);
+  std::uint64_t value;
+  const bool isRead = m_pIndex->ReadStableValue(number, m_bSwap, value);
+  if (!isRead) value = Format::PackIndexValue(Format::kStatusUnknown, 0);
+  slot = {{number, value}, code, false};
+  return isRead;
 }
 
-Io::NameRead ZrCompactFile::GetKeyString(unsigned long long recordPosition, unsigned long long most,
+// Whether the record of an entry has this name; nothing if the record cannot be read, and so may
+// have any. Its head is left in the buffer.
+std::optional<bool> ZrCompactFile::HasName(TileEntry& entry, const NameKey& key,
+                                           ZrByteArray& buffer) const {
+  Format::RecordImage image = MakeImage(buffer);
+  entry.isHeadRead = ReadHead(entry.position, m_pIndex->GetHint(entry.number), image);
+  if (!entry.isHeadRead) return std::nullopt;
+  const std::string_view name = image.Name().bytes;
+  return key.Matches(reinterpret_cast<const unsigned char*>(name.data()), name.size());
+}
+
+Io::NameRead ZrCompactFile::GetKeyString(unsigned long long recordPosition,
                                          ZrByteArray& key) const {
   if (!IsRecordPlace(recordPosition, Format::kNameOffset)) return Io::NameRead::kNone;
-  return Io::RecordReader(*m_file, Format::kNamingFile, m_bSwap)
-      .ReadName(recordPosition, most, key);
-}
-
-// The slot of a hash that only one name has, for a lookup. Where nobody else can change it, it is
-// noted in the table: the index and what it knows of lengths lie elsewhere in memory.
-bool ZrCompactFile::ReadOnlySlot(std::uint64_t code, NameSlot& slot) const {
-  const Engine::NameTable::Found found = *m_mapHashCode->Find(code);
-  std::uint64_t value = found.value;
-  const bool isNoted = m_bLockDisabled && found.recordLength != 0;
-  if (!isNoted && !m_pIndex->ReadStableValue(found.slot, m_bSwap, value)) return false;
-  slot = {{found.slot, value}, code, false};
-  if (isNoted)
-    slot.entry.recordLength = found.recordLength;
-  else if (m_bLockDisabled)
-    m_mapHashCode->Note(code, value, m_pIndex->GetHint(found.slot));
-  return true;
+  return Io::RecordReader(*m_file, Format::kNamingFile, m_bSwap).ReadName(recordPosition, key);
 }
 
 bool ZrCompactFile::UpdateNamingIndex(NameSlot& slot) {
@@ -222,7 +220,7 @@ bool ZrCompactFile::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
     for (const Engine::NameTable::Entry& place : m_mapHashCode->Sorted()) {
       std::uint64_t value;
       if (!m_pIndex->ReadValue(place.slot, m_bSwap, value)) return false;
-      const auto read = GetKeyString(Format::PositionOf(value), UINT32_MAX, key);
+      const auto read = GetKeyString(Format::PositionOf(value), key);
       if (read == Io::NameRead::kFailed) return false;
       if (read == Io::NameRead::kNone) continue;
       if (key.GetSize() > left) return false;

@@ -196,7 +196,8 @@ bool ZrCompactFile::RunsOverRecord(unsigned long long position, unsigned long lo
 // tile's record lies in its room.
 unsigned long long ZrCompactFile::RewriteRecord(Engine::RecordReference& reference,
                                                 unsigned long long position,
-                                                const Format::RecordImage& image) {
+                                                const Format::RecordImage& image,
+                                                Engine::RecordBackup& backup) {
   const Format::RecordHead& head = image.Head();
   if (RunsOverRecord(position, head.size + std::min(head.filledLength, head.capacity), head.length))
     return WriteDataToDataFile(0, true, image);

@@ -14,7 +14,7 @@ struct TileEntry {
   std::uint64_t stored = 0;  // the index value in the file
   std::uint8_t status = Format::StatusOf(stored);
   std::uint64_t position = Format::PositionOf(stored);
-  std::uint32_t recordLength = 0;  // if it was noted; a guess
+  bool isHeadRead = false;  // the record's head, and it is in the thread's buffer
 
   std::uint64_t Value() const { return Format::PackIndexValue(status, position); }
   bool HoldsRecord() const { return Format::HoldsRecord(status); }

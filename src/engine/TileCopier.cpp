@@ -288,7 +288,7 @@ bool TileCopier::ReadName(std::uint32_t slot, Name& name) {
   if (!m_source.index->ReadValue(slot, m_source.swap, value)) return false;
   const std::uint64_t position = Format::PositionOf(value);
   if (!m_source.file->ReadAt(position + Format::kCharsetOffset, charset, sizeof charset) ||
-      reader.ReadName(position, UINT32_MAX, bytes) != Io::NameRead::kRead)
+      reader.ReadName(position, bytes) != Io::NameRead::kRead)
     return false;
   name.charset = LoadScalar<std::uint32_t>(charset, m_source.swap);
   name.stored.assign(reinterpret_cast<const char*>(bytes.GetData()), bytes.GetSize());
@@ -297,18 +297,17 @@ bool TileCopier::ReadName(std::uint32_t slot, Name& name) {
 
 // The code under which the target is to find the name: the first that no other name has. A name
 // that was copied already is shadowed by that copy, for lookups find the lower code first; it is
-// the same name only if it is stored the same way. Two that become one are no case for a choice.
+// the same name if the stored bytes are, for lookups do not ask for their charset. Bytes that
+// differ and become one name are no case for a choice.
 TileCopier::CodeSearch TileCopier::FindCode(const Name& name, std::uint64_t& code) {
   code = Format::HashUnits(name.units);
   for (;;) {
     const auto found = m_names.Find(code);
     if (!found) return CodeSearch::kFree;
     Name other;
-    if (!ReadName(found->slot, other) || !Decode(other)) return CodeSearch::kUnreadable;
-    if (other.units == name.units) {
-      const bool isSame = other.stored == name.stored && other.charset == name.charset;
-      return isSame ? CodeSearch::kShadowed : CodeSearch::kTaken;
-    }
+    if (!ReadName(*found, other) || !Decode(other)) return CodeSearch::kUnreadable;
+    if (other.units == name.units)
+      return other.stored == name.stored ? CodeSearch::kShadowed : CodeSearch::kTaken;
     const std::uint64_t next = Format::NextHashCode(code);
     if (next == code) return CodeSearch::kTaken;
     code = next;

@@ -22,6 +22,7 @@ constexpr std::uint64_t kUsualHead = 256;
 constexpr std::uint64_t kLargestHead = 64 << 20;
 
 constexpr const char* kPastTheEnd = "the record runs past the end of the file";
+constexpr const char* kNeverUsed = "the slot counts as used and never was";
 
 std::uint64_t HashOfUnits(std::string_view bytes, bool swap) {
   std::u16string units(bytes.size() / sizeof(char16_t), u'\0');
@@ -150,8 +151,7 @@ std::uint64_t Verifier::EntryPosition(std::uint64_t number) const {
 void Verifier::CheckEntries() {
   const std::uint64_t entrySize = EntryPosition(1) - EntryPosition(0);
   std::vector<unsigned char> block;
-  for (std::uint64_t entry = SkipEmptyCells(0); entry < m_count && !m_ended;
-       entry = SkipEmptyCells(entry)) {
+  for (std::uint64_t entry = SkipHole(0); entry < m_count && !m_ended; entry = SkipHole(entry)) {
     const std::uint64_t now = std::min(kEntriesAtOnce, m_count - entry);
     block.resize(now * entrySize);
     SetTile(entry);
@@ -174,11 +174,18 @@ bool Verifier::ReadEntries(std::uint64_t position, std::vector<unsigned char>& b
          block.size();
 }
 
-// The first entry, from `entry` on, that does not lie in a hole of a grid's index.
-std::uint64_t Verifier::SkipEmptyCells(std::uint64_t entry) const {
-  if (!IsGrid() || entry >= m_count) return entry;
+// The first entry, from `entry` on, that does not lie in a hole of the index. Cells are empty
+// there; slots of names should not be, but there may be more of them than the file has bytes.
+std::uint64_t Verifier::SkipHole(std::uint64_t entry) {
+  if (entry >= m_count) return entry;
   const std::uint64_t position = EntryPosition(entry);
-  return entry + (m_file.NextData(position) - position) / Format::kGridEntrySize;
+  const std::uint64_t skipped =
+      (m_file.NextData(position) - position) / (EntryPosition(1) - EntryPosition(0));
+  if (skipped > 0 && !IsGrid()) {
+    SetTile(entry);
+    Report(Finding::kEntry, position, kNeverUsed);
+  }
+  return entry + skipped;
 }
 
 void Verifier::CheckEntry(std::uint64_t number, const unsigned char* bytes) {
@@ -203,7 +210,7 @@ void Verifier::CheckEmptySlot(std::uint64_t value) {
   const std::uint64_t position = Format::PositionOf(value);
   const std::uint64_t slot = EntryPosition(m_at.number);
   if (position == 0) {
-    if (m_code == 0) Report(Finding::kEntry, slot, "the slot counts as used and never was");
+    if (m_code == 0) Report(Finding::kEntry, slot, kNeverUsed);
   } else if (!IsPlace(position)) {
     Report(Finding::kEntry, slot, "the entry names a place where no record can be");
   } else if (ReadHead(Finding::kRecord, position, m_current)) {

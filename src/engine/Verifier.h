@@ -12,7 +12,7 @@ namespace Zarn::Engine {
 
 /// Checks a container by what its file says, and believes nothing of it: every number is tested
 /// before it is used. The whole takes time in proportion to the length of the file, and some 32
-/// bytes of memory per version and 16 per name.
+/// bytes of memory per version and 16 per name that does not lie in a hole.
 ///
 /// What cannot be told from something that writers leave is not reported; see docs/format.md.
 class Verifier {
@@ -67,7 +67,7 @@ class Verifier {
 
   void CheckEntries();
   bool ReadEntries(std::uint64_t position, std::vector<unsigned char>& block) const;
-  std::uint64_t SkipEmptyCells(std::uint64_t entry) const;
+  std::uint64_t SkipHole(std::uint64_t entry);
   void CheckEntry(std::uint64_t number, const unsigned char* bytes);
   void CheckEmptySlot(std::uint64_t value);
   void CheckTile(std::uint64_t position);

@@ -56,9 +56,7 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store,
   }
   if (!entry.HoldsRecord()) return true;  // occupied by something unknown: deliberately left alone
 
-  if (!RecallHead(entry, store, image) &&
-      !ReadHead(entry.position, m_pIndex->GetHint(entry.number), image))
-    return false;
+  if (!RecallHead(entry, store, image) && !ReadCurrentHead(entry, image)) return false;
   if (!HasVersions()) return true;  // deliberately: a tile without versions is never rewritten
   m_pIndex->SetOnlyVersion(entry.number, {});
 
@@ -182,6 +180,12 @@ bool ZrCompactFile::UpdateOlderVersion(TileEntry& entry, const Format::RecordIma
          ReplaceLocator(reference, LocatorOf(store, newPosition));
 }
 
+// The head of the record that the entry leads to.
+bool ZrCompactFile::ReadCurrentHead(const TileEntry& entry, Format::RecordImage& image) const {
+  return entry.isHeadRead ? image.Parse()
+                          : ReadHead(entry.position, m_pIndex->GetHint(entry.number), image);
+}
+
 // Only a record whose own newest version has the stamp that it is named by, and which is not the
 // current one, may be written to as an older one.
 bool ZrCompactFile::ReadOlderHead(unsigned long long position, unsigned long long currentPosition,
@@ -197,7 +201,7 @@ bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version,
   if (buffer == nullptr) return false;
   m_pIndex->SetOnlyVersion(entry.number, {});
   Format::RecordImage image = MakeImage(*buffer);
-  if (!ReadHead(entry.position, m_pIndex->GetHint(entry.number), image)) return false;
+  if (!ReadCurrentHead(entry, image)) return false;
   const std::uint32_t count = image.Versions().Count();
   const std::uint32_t index = image.Versions().Find(version, 0);
   if (index == count) return true;
@@ -270,15 +274,13 @@ void ZrCompactFile::RememberHead(const TileEntry& entry, const Format::RecordIma
 // How long a tile's record is, so that reading it takes one call.
 void ZrCompactFile::Remember(const TileEntry& entry, unsigned long long recordLength) const {
   const auto hint = recordLength <= UINT32_MAX ? static_cast<std::uint32_t>(recordLength) : 0;
-  if (entry.recordLength != hint && m_pIndex->GetHint(entry.number) != hint)
-    m_pIndex->SetHint(entry.number, hint);
+  if (m_pIndex->GetHint(entry.number) != hint) m_pIndex->SetHint(entry.number, hint);
 }
 
 // What was remembered, or what the next entry suggests.
 Io::RecordGuess ZrCompactFile::GuessRecord(const TileEntry& entry,
                                            unsigned long long headSize) const {
-  std::uint64_t length = entry.recordLength;
-  if (length == 0) length = m_pIndex->GetHint(entry.number);
+  std::uint64_t length = m_pIndex->GetHint(entry.number);
   std::uint64_t next;
   if (length == 0 && m_pIndex->ReadStableValue(std::uint64_t{entry.number} + 1, m_bSwap, next))
     length = Format::DistanceToNext(entry.position, next);

@@ -75,15 +75,14 @@ bool RecordReader::ReadHead(std::uint64_t position, std::uint64_t guessedLength,
   return (isKnown || CompleteHead(position, got, parse, buffer)) && buffer.Resize(m_head.size);
 }
 
-NameRead RecordReader::ReadName(std::uint64_t position, std::uint64_t most, ZrByteArray& buffer) {
+NameRead RecordReader::ReadName(std::uint64_t position, ZrByteArray& buffer) {
   if (!buffer.ResizeForOverwrite(kUsualHead)) return NameRead::kFailed;
   const std::uint64_t got = m_file.ReadUpTo(position, buffer.GetData(), kUsualHead);
   if (got < Format::kNameOffset) return MissingName(position + Format::kNameOffset);
   const auto length = LoadScalar<std::uint64_t>(buffer.GetData(), m_swap);
   const auto nameLength =
       LoadScalar<std::uint32_t>(buffer.GetData() + Format::kNameLengthOffset, m_swap);
-  if (length < Format::kMinNamingRecord || nameLength > length - Format::kMinNamingRecord ||
-      nameLength > most)
+  if (length < Format::kMinNamingRecord || nameLength > length - Format::kMinNamingRecord)
     return NameRead::kNone;
   const std::uint64_t end = Format::kNameOffset + nameLength;
   if (end > got) {

@@ -43,8 +43,8 @@ class RecordReader {
   bool ReadHead(std::uint64_t position, std::uint64_t guessedLength, ZrByteArray& buffer);
 
   /// Reads the name in a record of a naming file, of which nothing else need be sound; `buffer`
-  /// gets exactly its bytes. A name of more than `most` bytes counts as none.
-  NameRead ReadName(std::uint64_t position, std::uint64_t most, ZrByteArray& buffer);
+  /// gets exactly its bytes.
+  NameRead ReadName(std::uint64_t position, ZrByteArray& buffer);
 
   /// What was read last; valid after a success.
   const Format::RecordHead& Head() const { return m_head; }

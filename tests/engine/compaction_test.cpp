@@ -307,6 +307,33 @@ TEST_P(CompactionInBothOrders, NamesOfAnOlderFile) {
   EXPECT_EQ(Get(longest).payload, "short");
 }
 
+// Two slots of one hash hold the same bytes, of which a lookup finds the first, whatever their
+// charsets. Where these make two names of them, both are kept.
+TEST_P(CompactionInBothOrders, BytesOfTwoCharsets) {
+  using Case = std::tuple<unsigned char, PELMCharset::Charset, PELMCharset::Charset, bool>;
+  for (const auto& [last, first, second, areTwo] :
+       {Case{'c', PELMCharset::kUtf8, PELMCharset::kGreek, false},
+        {0xE1, PELMCharset::kGreek, PELMCharset::kAnsi, true}}) {
+    MakeNaming(4, GetParam(), 20111111);
+    ASSERT_EQ(Put(u"abc", "one") + Put(u"abd", "two"), 0U);  // records at 164 and 222
+    Support::Bytes code = ReadFile(path);
+    code = Support::Bytes(code.begin() + 108, code.begin() + 116);
+    code[IsBig() ? 0 : 7] = 1;
+    Support::Poke(path, 124, code);
+    for (const auto& [record, charset] : {std::pair{164, first}, {222, second}}) {
+      Support::Poke(path, record + 8, Number(charset, 4));
+      Support::Poke(path, record + 18, Support::Bytes{last});
+    }
+    Reopen();
+    EXPECT_EQ(object.Compact(), 0U);
+    EXPECT_EQ(Get(areTwo ? u"ab\u03B1" : u"abc").payload, "one");
+    EXPECT_EQ(Get(u"ab\u00E1").payload, areTwo ? "two" : "");
+    Check();
+    object.Close();
+    ZrFile::Delete(path);
+  }
+}
+
 TEST_F(Compaction, Answers) {
   EXPECT_EQ(object.Compact(), 6U);
   EXPECT_EQ(folder.CountFiles(), 0U);

@@ -420,6 +420,8 @@ TEST_F(Lifecycle, SystemCallsPerOperation) {
   lookUp(u"first", "tile");  // loads a page of the index
   EXPECT_EQ(lookUp(u"second", "tile"), 1U) << "the size is known from the next slot";
   EXPECT_EQ(lookUp(u"unknown", ""), 0U);
+  EXPECT_EQ(calls([&] { return object.SetAt(u"second", Data("2nd"), 0, 0, 1); }, 0U), 3U)
+      << "head, which has the name; what is replaced; record in place";
   EXPECT_EQ(calls([&] { return object.SetAt(u"new", Data("tile"), 0, 0, 1); }, 0U), 4U)
       << "length of the file, record, slot, count";
 }

@@ -1,6 +1,11 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <unistd.h>
 
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
 #include <set>
 #include <string>
 #include <tuple>
@@ -105,26 +110,79 @@ TEST_P(Names, OfAnOlderFile) {
   EXPECT_EQ(Get(name).result, 5U);
 }
 
+// A record that cannot be read may have any name of its hash. It hides no other one, but nothing is
+// stored beside it.
 TEST_P(Names, DamagedRecordsFailForTheirOwnNameOnly) {
-  MakeNaming(4, GetParam());
-  ASSERT_EQ(Put(u"1yeg98dgy", "first"), 0U);   // record at 164
-  ASSERT_EQ(Put(u"sm38f3s71", "second"), 0U);  // the same hash
-  object.Close();
-  const Support::Bytes good = Support::ReadFile(path);
-  // What is put where, and the answers for the first name and for the second.
-  using Case = std::tuple<std::size_t, Support::Bytes, unsigned int, unsigned int>;
-  for (const auto& [offset, bytes, first, second] :
-       {Case{164, Number(10000), 9, 0},      // runs over the end; the name is readable
-        {164, Number(20), 5, 0},             // too short for its name
-        {176, Number(UINT32_MAX, 4), 5, 0},  // name over the end
-        {100, Number(3ULL << 56 | 164), 9, 0},
-        {100, Number(1ULL << 56 | 99), 5, 0}}) {
-    Support::WriteFile(path, good);
-    Support::Poke(path, offset, bytes);
-    Reopen();
-    EXPECT_EQ(Get(u"1yeg98dgy").result, first) << offset;
-    EXPECT_EQ(Get(u"sm38f3s71").result, second) << offset;
+  const Name first = u"1yeg98dgy", second = u"sm38f3s71";  // of one hash
+  // What is put where; the status of the first name, and what looking for the second, which is not
+  // there, and storing either answer.
+  using Case = std::tuple<std::size_t, Support::Bytes, unsigned int, unsigned int, unsigned int>;
+  for (const bool isAlone : {true, false}) {
+    ZrFile::Delete(path);
+    MakeNaming(4, GetParam());
+    ASSERT_EQ(Put(first, "first"), 0U);  // record at 164
+    ASSERT_TRUE(isAlone || Put(second, "second") == 0);
+    object.Close();
+    const Support::Bytes good = Support::ReadFile(path);
+    for (const auto& [offset, bytes, status, unknown, stored] :
+         {Case{164, Number(10000), 1, 9, 10},      // runs over the end
+          {164, Number(20), 1, 9, 10},             // too short for its name
+          {176, Number(UINT32_MAX, 4), 1, 9, 10},  // name over the end
+          {176, Number(20, 4), 1, 9, 10},          // name over the version table
+          {100, Number(1ULL << 56 | 99), 1, 9, 10},
+          {100, Number(3ULL << 56 | 164), 3, 5, 0}}) {
+      SCOPED_TRACE(std::to_string(offset) + (isAlone ? " alone" : ""));
+      Support::WriteFile(path, good);
+      Support::Poke(path, offset, bytes);
+      Reopen();
+      EXPECT_EQ(Get(first).result, 9U);
+      EXPECT_EQ(object.GetStatus(first), status);
+      EXPECT_EQ(Put(first, "new"), stored);
+      if (isAlone) {
+        EXPECT_EQ(Get(second).result, unknown);
+      } else {
+        EXPECT_EQ(Get(second).payload, "second");
+        EXPECT_EQ(Put(second, "2nd"), 0U);
+        EXPECT_EQ(object.Remove(second, 1), 0U);
+      }
+      EXPECT_EQ(Put(second, "again"), stored) << "neither a new slot nor one that is gone";
+      object.Close();
+    }
   }
+}
+
+// Memory for names depends on what the file has, not on what it claims; and a table that is just
+// full is no larger than one for a name less.
+TEST_F(EngineTest, NamesTakeMemoryForWhatIsThere) {
+  using Support::operator+;
+  const auto open = [&](std::uint64_t count, std::uint64_t present) {
+    object.Close();
+    MakeNaming(1);
+    object.Close();
+    std::filesystem::resize_file(path.ToUtf8(), 100 + 16 * count);
+    Support::Poke(path, 64, Number(count) + Number(count));
+    Support::Bytes slots;
+    for (std::uint64_t i = 0; i < present; ++i)
+      for (const unsigned char byte : Number(0) + Number(i + 1))
+        slots.push_back(byte);
+    Support::Poke(path, 100 + 16 * (count - present), slots);
+    const struct mallinfo2 before = ::mallinfo2();
+    EXPECT_EQ(object.Open(path, u"", kMode), 0U);
+    const struct mallinfo2 after = ::mallinfo2();
+    return after.uordblks + after.hblkhd - before.uordblks - before.hblkhd;
+  };
+  const std::size_t usual = open(65535, 65535);
+  EXPECT_LT(open(65536, 65536), usual + 100000);
+  EXPECT_LT(open(4000000, 20), 1000000U);
+  PelmArray<Name> names;
+  EXPECT_TRUE(object.GetValidNamingList(names));
+  EXPECT_EQ(object.GetStatus(u"a"), ZrCompactFile::kEmpty);
+  ZrCompactFile::ZrVerifySummary summary;
+  EXPECT_EQ(object.Verify(summary), 9U);
+  EXPECT_LT(summary.findings, 10000U);
+  ASSERT_EQ(object.SetAt(u"a", Data("tile"), 0, 0, 1), 0U);
+  EXPECT_EQ(object.Compact(), 0U);
+  EXPECT_EQ(ReadTile(object, u"a", 1).payload, "tile");
 }
 
 // Another process stores names; what it has finished is found, at a cost that does not grow.
@@ -161,6 +219,44 @@ TEST_F(EngineTest, NamesOfAnotherProcessAreFound) {
   EXPECT_EQ(capacity, 32768U) << "doubled again and again";
   EXPECT_EQ(count, kCount);
   Check();
+}
+
+// Other openers tell by the time of creation that a compaction has put the slots into another
+// order. So that must grow even if the clock stands still behind it.
+TEST_F(EngineTest, NamesAreFoundAfterACompactionWhateverTheClock) {
+  constexpr unsigned int kLocked = kMode | ZrCompactFile::kProcessLock;
+  const auto put = [&](const Name& name) {
+    return object.SetAt(name, Data(name.ToUtf8()), 0, 0, 1);
+  };
+  MakeNaming(64);
+  for (unsigned int i = 0; i < 40; ++i)
+    ASSERT_EQ(put(Numbered(i)), 0U);
+  PelmArray<Name> names;  // in the order that compaction gives them
+  ASSERT_TRUE(object.GetValidNamingList(names));
+  for (const double time : {1e9, 0.0, -1e9, HUGE_VAL, std::nan("")}) {
+    SCOPED_TRACE(time);
+    object.Close();
+    ZrFile::Delete(path);
+    MakeNaming(64);
+    object.Close();
+    Support::Poke(path, 11, Number(std::bit_cast<std::uint64_t>(time)));
+    ZrCompactFile other;
+    ASSERT_EQ(object.Open(path, u"", kLocked) + other.Open(path, u"", kLocked), 0U);
+    // All in another order, but the last one.
+    for (std::size_t i = names.GetSize() - 1; i-- > 0;)
+      ASSERT_EQ(put(names[i]), 0U);
+    ASSERT_EQ(put(names[names.GetSize() - 1]), 0U);
+    double before = std::isfinite(time) ? time : 0;
+    for (int round = 0; round < 2; ++round) {
+      ASSERT_EQ(other.Compact(), 0U);
+      double now;
+      std::memcpy(&now, Support::ReadFile(path).data() + 11, sizeof now);
+      EXPECT_LT(before, now);
+      before = now;
+      for (const Name& name : names)
+        EXPECT_EQ(ReadTile(object, name, 1).payload, name.ToUtf8());
+    }
+  }
 }
 
 }  // namespace

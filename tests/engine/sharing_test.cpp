@@ -392,6 +392,32 @@ TEST_F(Sharing, ThreadsOnOneAndOnTwoObjects) {
   RunThreads({&object, &fresh});
 }
 
+TEST_F(Sharing, ThreadsLookUpNamesThatWereJustStored) {
+  MakeNaming(1024);
+  constexpr unsigned int kNames = 1000, kRounds = 10;
+  const auto name = [](unsigned int i) { return PelmUnicodeString::FromUtf8(std::to_string(i)); };
+  std::atomic<unsigned int> step = 0, faults = 0;
+  for (unsigned int round = 0; round < kRounds; ++round) {
+    for (unsigned int i = 0; i < kNames; ++i)
+      ASSERT_EQ(object.SetAt(name(i), Data("tile"), 0, 0, 1), 0U);
+    step = 0;
+    const auto look = [&] {
+      ReadTile(object, name(0), 1);
+      for (unsigned int i = 0; i < kNames; ++i) {
+        const PelmUnicodeString wanted = name(i);
+        unsigned int waits = 0;
+        for (++step; step < 2 * i + 2;)
+          if (++waits % 65536 == 0) std::this_thread::yield();
+        faults += ReadTile(object, wanted, 1) != Tile{0, "tile", 4};
+      }
+    };
+    std::thread other(look);
+    look();
+    other.join();
+  }
+  EXPECT_EQ(faults, 0U);
+}
+
 TEST_F(Sharing, AccessorsGoOnAndNeverMixTwoFiles) {
   using Info = std::array<unsigned int, 3>;
   const PelmUnicodeString naming = folder.GetPath("n.cf");
