@@ -3,10 +3,12 @@
 // while one after the other is killed at a random moment and replaced. What they have acknowledged
 // or seen stands in memory that they share, and is held against what lookups give: nothing may be
 // lost, torn, or older than what anybody has seen before; nobody may wait for ever. An operation
-// that was cut short must have been done, or not.
+// that was cut short must have been done, or not; one that a limit on the size of files stops must
+// have changed nothing.
 
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -21,6 +23,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -45,6 +48,7 @@ constexpr std::uint32_t kMostProcesses = 64;
 constexpr std::uint32_t kMostInBatch = 12;
 constexpr std::uint32_t kOperationsPerCompaction = 2000;  // of one worker
 constexpr std::uint32_t kOperationsPerPassword = 1000;
+constexpr std::uint32_t kChangesPerLimit = 16;
 constexpr std::chrono::seconds kAge(6);  // then other files are begun
 constexpr unsigned int kHangSeconds = 20;
 constexpr ZrCompactFile::ZrOpenMode kMode =
@@ -98,7 +102,7 @@ struct Ledger {
   std::array<std::atomic<std::int64_t>, kMostProcesses>
       begun;  // by slot, of its latest operation: when, in ms
   std::array<std::atomic<std::uint32_t>, 2> passwords;  // of each file: the latest that was tried
-  std::atomic<std::uint64_t> lookups, changes, batches, compactions, newPasswords, errors;
+  std::atomic<std::uint64_t> lookups, changes, batches, compactions, newPasswords, refused, errors;
 };
 
 Ledger* g_ledger;
@@ -225,6 +229,12 @@ class User {
     return true;
   }
   /// Makes the changes that the tiles name: a removal alone, a store alone or in a batch.
+  unsigned int Apply(const std::vector<std::uint32_t>& tiles, bool isLimited) {
+    m_isLimited = isLimited;
+    const unsigned int result = Apply(tiles);
+    m_isLimited = false;
+    return result;
+  }
   unsigned int Apply(const std::vector<std::uint32_t>& tiles) {
     const std::uint32_t first = tiles[0], stamp = g_ledger->tiles[first].stamp;
     if (g_ledger->tiles[first].kind == Tile::kRemove)
@@ -254,6 +264,10 @@ class User {
       });
     });
   }
+  std::uint64_t GetFileSize() const {
+    std::error_code ignored;
+    return std::filesystem::file_size(m_path.ToUtf8(), ignored);
+  }
   unsigned int Compact() {
     return Try([&] { return m_file.Compact(); });
   }
@@ -279,10 +293,11 @@ class User {
     return m_named ? operation(NameOf(tile)) : operation(tile / kSide, tile % kSide);
   }
 
-  // Does it again if another process had changed the password, for which it has failed.
+  // Does it again if another process had changed the password, for which it has failed; but not
+  // under a limit, which may be why.
   unsigned int Try(const std::function<unsigned int()>& operation) {
     unsigned int result = operation();
-    while (result != ZrResult::kOk && result != ZrResult::kNotFound && Reopen())
+    while (!m_isLimited && result != ZrResult::kOk && result != ZrResult::kNotFound && Reopen())
       result = operation();
     return result;
   }
@@ -305,6 +320,7 @@ class User {
   const PelmUnicodeString m_path;
   const bool m_named;
   std::uint32_t m_password = 0;
+  bool m_isLimited = false;
   ZrCompactFile m_file;
 };
 
@@ -316,6 +332,25 @@ struct Users {
   User& Of(std::uint32_t tile) { return files[tile / kTiles]; }
 
   std::array<User, 2> files;
+};
+
+/// While it lives, no file of this process becomes longer, or is written behind this place.
+class SizeLimit {
+ public:
+  explicit SizeLimit(rlim_t size) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &m_before);
+    Set({std::min(size, m_before.rlim_max), m_before.rlim_max});
+  }
+  ~SizeLimit() { Set(m_before); }
+  SizeLimit(const SizeLimit&) = delete;
+  SizeLimit& operator=(const SizeLimit&) = delete;
+
+ private:
+  static void Set(const rlimit& limit) {
+    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) std::abort();
+  }
+  rlimit m_before;
 };
 
 class Worker {
@@ -337,7 +372,7 @@ class Worker {
       else if (Random(2) == 0)
         Look(AnyTile(), Random(kVersions));
       else
-        Change(Random(20) == 0 ? kMostInBatch : 1);
+        Change(Random(20) == 0 ? kMostInBatch : 1, Random(kChangesPerLimit) == 0);
     }
   }
 
@@ -378,7 +413,8 @@ class Worker {
   }
 
   // A tile that something is wrong with stays owned, which takes it out of use.
-  void Change(std::uint32_t most) {
+  void Change(std::uint32_t most, bool isLimited) {
+    if (isLimited) most = 1;
     const std::uint32_t first = AnyTile();
     std::vector<std::uint32_t> numbers;
     for (std::uint32_t i = 0; i < most; ++i) {
@@ -389,7 +425,12 @@ class Worker {
       numbers.push_back(number);
     }
     if (numbers.empty()) return;
-    const unsigned int result = m_users.Of(first).Apply(numbers);
+    User& file = m_users.Of(first);
+    std::optional<SizeLimit> limit;
+    if (isLimited) limit.emplace(m_random() % (file.GetFileSize() + 1));
+    const unsigned int result = file.Apply(numbers, isLimited);
+    limit.reset();
+    if (isLimited && result == ZrResult::kWriteFailure) return Refuse(numbers[0]);
     if (result != ZrResult::kOk) return Fail("not done", numbers[0], 0, result);
     g_ledger->batches += most > 1;
     for (const std::uint32_t number : numbers)
@@ -403,6 +444,17 @@ class Worker {
     const Sight sight = m_users.Of(number).Lookup(number, tile.stamp);
     if (!sight.Fits(number, tile.stamp, tile.Acknowledged()))
       return Fail("not as stored", number, tile.stamp, sight.result);
+    tile.owner = 0;
+  }
+
+  void Refuse(std::uint32_t number) {
+    Tile& tile = g_ledger->tiles[number];
+    if (!m_users.Of(number).AllFit(number, tile.Acknowledged()))
+      return Fail("refused and changed", number, tile.stamp, tile.kind);
+    const std::uint32_t stamp = tile.stamp;
+    tile.Plan(tile.kind, stamp, tile.acknowledged[stamp].load());
+    tile.Acknowledge();
+    ++g_ledger->refused;
     tile.owner = 0;
   }
 
@@ -465,13 +517,14 @@ class Soak {
     m_nextReport = Clock::now() + std::chrono::seconds(3);
     const std::chrono::duration<double> time = Clock::now() - m_begin;
     std::printf(
-        "%4.0f s: %llu lookups, %llu changes, %llu batches, %llu compactions, %llu passwords, "
+        "%4.0f s: %llu lookups, %llu changes, %llu refused, %llu batches, %llu compactions, "
+        "%llu passwords, "
         "%llu kills (%llu left a change: %llu of them done), %llu pairs of files, "
         "longest operation %lld ms, %llu errors\n",
         time.count(), Number(g_ledger->lookups), Number(g_ledger->changes),
-        Number(g_ledger->batches), Number(g_ledger->compactions), Number(g_ledger->newPasswords),
-        m_kills, m_cuts, m_done, m_files, static_cast<long long>(m_longest),
-        Number(g_ledger->errors));
+        Number(g_ledger->refused), Number(g_ledger->batches), Number(g_ledger->compactions),
+        Number(g_ledger->newPasswords), m_kills, m_cuts, m_done, m_files,
+        static_cast<long long>(m_longest), Number(g_ledger->errors));
     std::fflush(stdout);
   }
 
