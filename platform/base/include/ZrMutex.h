@@ -3,12 +3,13 @@
 #include <pthread.h>
 
 #include "HxPlatformExport.h"
+#include "HxThreadSafety.h"
 
 namespace Zarn {
 
 /// Mutual exclusion between the threads of one process. Meets the standard's Lockable
 /// requirements, so std::lock_guard and std::unique_lock work on it.
-class HX_PLATFORM_API ZrMutex {
+class HX_PLATFORM_API HX_CAPABILITY("mutex") ZrMutex {
  public:
   /// 1: re-entrant, the owner may lock it again and must unlock it as often. 0: plain.
   explicit ZrMutex(int reentrant = 0);
@@ -17,18 +18,18 @@ class HX_PLATFORM_API ZrMutex {
   ZrMutex& operator=(const ZrMutex&) = delete;
 
   /// Waits until the calling thread has the lock.
-  void Lock();
+  void Lock() HX_ACQUIRE();
   /// For the thread that has it.
-  void Unlock();
+  void Unlock() HX_RELEASE();
   /// Takes the lock if no other thread has it; whether it did.
-  bool TryLock();
+  bool TryLock() HX_TRY_ACQUIRE(true);
 
   /// Lock, by the standard's name.
-  void lock() { Lock(); }
+  void lock() HX_ACQUIRE() { Lock(); }
   /// Unlock, by the standard's name.
-  void unlock() { Unlock(); }
+  void unlock() HX_RELEASE() { Unlock(); }
   /// TryLock, by the standard's name.
-  bool try_lock() { return TryLock(); }
+  bool try_lock() HX_TRY_ACQUIRE(true) { return TryLock(); }
 
  private:
   pthread_mutex_t m_mutex;

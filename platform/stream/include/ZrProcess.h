@@ -39,6 +39,9 @@ namespace Zarn {
 /// Fork: the parent's lock stays the parent's. In the child of fork(), lock calls fail and unlock
 /// calls do nothing until ProcessLockInit is called there.
 class HX_PLATFORM_API ZrProcess {
+  struct Impl;
+  std::shared_ptr<Impl> m_impl;
+
  public:
   ZrProcess();
   virtual ~ZrProcess();
@@ -80,6 +83,10 @@ class HX_PLATFORM_API ZrProcess {
   bool isLocked() const;
 
  protected:
+  /// Another face of the same lock, with the same state: for an owner that keeps the lock in a part
+  /// of its own, which reaches what is protected here.
+  explicit ZrProcess(ZrProcess* other);
+
   /// Says whether the state in memory is that of the file now. Has no effect without the lock.
   void SetStateLoaded(bool loaded);
   /// Whether it is, as far as is known; while the lock is held. What a callback could not load, or
@@ -98,11 +105,7 @@ class HX_PLATFORM_API ZrProcess {
   bool IsPathDeleted() const;
 
   /// While true, lock calls answer true and unlock calls do nothing; neither counts as one.
-  std::atomic<bool> m_bLockDisabled{false};
-
- private:
-  struct Impl;
-  std::unique_ptr<Impl> m_impl;
+  std::atomic<bool>& m_bLockDisabled;
 };
 
 }  // namespace Zarn

@@ -53,6 +53,7 @@ struct __attribute__((visibility("hidden"))) ZrProcess::Impl {
   void Unlock();
   bool IsHeld() const { return m_lock.GetMode() != LockMode::kNone; }
 
+  std::atomic<bool> m_disabled{false};
   std::string m_path;  // empty while not set up
   FileLock m_lock;
   ChangeWatch m_watch;
@@ -138,7 +139,10 @@ void ZrProcess::Impl::Unlock() {
   m_lock.Unlock();
 }
 
-ZrProcess::ZrProcess() : m_impl(std::make_unique<Impl>()) {}
+ZrProcess::ZrProcess() : m_impl(std::make_shared<Impl>()), m_bLockDisabled(m_impl->m_disabled) {}
+
+ZrProcess::ZrProcess(ZrProcess* other)
+    : m_impl(other->m_impl), m_bLockDisabled(m_impl->m_disabled) {}
 
 ZrProcess::~ZrProcess() = default;
 
