@@ -1,0 +1,29 @@
+#include "SafeRewrite.h"
+
+namespace Zarn::Io {
+
+bool SafeRewrite::KeepOld(std::uint64_t position, std::uint64_t size) {
+  const bool isRead =
+      m_buffer.ResizeForOverwrite(size) && m_file.ReadAt(position, m_buffer.GetData(), size);
+  KeepOld(position, m_buffer.GetData(), isRead ? size : 0);
+  return isRead;
+}
+
+void SafeRewrite::KeepOld(std::uint64_t position, const unsigned char* bytes, std::uint64_t size) {
+  m_oldPosition = position;
+  m_old = bytes;
+  m_oldSize = size;
+}
+
+// Whatever part of these bytes could be replaced can be written again.
+void SafeRewrite::PutBack() {
+  if (m_oldSize != 0) m_file.WriteAt(m_oldPosition, m_old, m_oldSize);
+}
+
+void SafeRewrite::CutCopy(const Copy& copy) {
+  std::uint64_t length;
+  if (m_others == kNoOthers || (m_file.GetLength(length) && length == copy.end))
+    m_tail.CutBack(m_file);
+}
+
+}  // namespace Zarn::Io

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "Tail.h"
+#include "ZrByteArray.h"
+
+namespace Zarn::Io {
+
+/// Replaces a record in its place so that a kill or a failure at any moment leaves the old one or
+/// the new one.
+///
+/// The kernel stops a write of a killed process between two pages, never within one. So a write
+/// within one page needs no more than the old bytes, to put them back if it fails. Across pages a
+/// copy at the end of the file counts while the place is overwritten.
+///
+/// `write` and `point` are callables that take a position and tell whether they have succeeded:
+/// `write` writes the new record there; `point` lets the tile's entry or locator lead there, or
+/// leaves it as it was.
+///
+/// One object serves one operation of one thread.
+class SafeRewrite {
+ public:
+  enum Others {
+    kNoOthers,   ///< this is the file's only writer
+    kMayAppend,  ///< what others have appended behind the copy must not be cut off
+  };
+
+  SafeRewrite(ZrFileStream& file, Tail& tail, Others others)
+      : m_file(file), m_tail(tail), m_others(others) {}
+
+  /// Reads the bytes that a write within a page is about to replace.
+  bool KeepOld(std::uint64_t position, std::uint64_t size);
+  /// The same for a caller who has them, and keeps them as long as this object.
+  void KeepOld(std::uint64_t position, const unsigned char* bytes, std::uint64_t size);
+  /// Writes over the bytes that were kept. False: they are as they were.
+  template <typename Write>
+  bool WithinPage(Write write) {
+    if (write(m_oldPosition)) return true;
+    PutBack();
+    return false;
+  }
+  /// Writes the kept bytes again, if there are any, for an operation that fails later.
+  void PutBack();
+
+  /// The copy at the end of the file; the last place that the tail has reserved.
+  struct Copy {
+    std::uint64_t position = 0;  // 0: it could not be written
+    std::uint64_t end = 0;       // of the file, if nobody has appended
+  };
+  /// Overwrites the record at `home`, which has a copy by now. Returns where the record is: `home`,
+  /// and the file has its length of before; the copy, if `home` could not be written; 0 if the old
+  /// one still counts.
+  template <typename Write, typename Point>
+  std::uint64_t AcrossPages(const Copy& copy, std::uint64_t home, Write write, Point point) {
+    if (copy.position == 0 || !point(copy.position)) return 0;
+    if (!write(home) || !point(home)) return copy.position;
+    CutCopy(copy);
+    return home;
+  }
+
+ private:
+  void CutCopy(const Copy& copy);
+
+  ZrFileStream& m_file;
+  Tail& m_tail;
+  const Others m_others;
+  std::uint64_t m_oldPosition = 0;
+  const unsigned char* m_old = nullptr;  // what was kept
+  std::uint64_t m_oldSize = 0;           // 0: nothing
+  ZrByteArray m_buffer;                  // for bytes that were read here
+};
+
+}  // namespace Zarn::Io
