@@ -1,13 +1,15 @@
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <vector>
+#include <memory>
 
 #include "ZrByteArray.h"
 #include "ZrGridFile.h"
 
 namespace Zarn {
+
+namespace Io {
+class Tail;
+}
 
 /// Creates grid files and stores one record per cell, without any lock.
 ///
@@ -34,8 +36,8 @@ namespace Zarn {
 ///   cell again does nothing, for the old record seems to end beyond the file.
 class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
  public:
-  ZrCompactFileWriter() = default;
-  ~ZrCompactFileWriter() { Close(); }
+  ZrCompactFileWriter();
+  ~ZrCompactFileWriter();
 
   /// Creates a grid file, with its missing folders, and leaves it open. The file appears complete
   /// or not at all.
@@ -98,34 +100,20 @@ class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
 
  private:
   enum class Place { kInPlace, kAppend, kBeyondFile, kUnreadable };
+  struct Store;  // one call of SetAt, and what it finds
 
-  struct CellEntry {
-    unsigned int row;
-    unsigned int col;
-    unsigned long long value;
-  };
-  /// Writes a record at a position; answers as WriteDataToFile.
-  using RecordWrite = std::function<unsigned long long(unsigned long long position)>;
-
-  /// The beginning of a cell's record, as it was read.
-  struct OldRecord;
-
-  unsigned int Rewrite(const CellEntry& cell, const OldRecord& old, unsigned long long size,
-                       unsigned long long capacity, unsigned long long fileLength,
-                       const RecordWrite& write);
-  Place FindPlace(unsigned long long entry, unsigned long long size, unsigned long long capacity,
-                  unsigned long long fileLength, OldRecord& old) const;
+  Place FindPlace(Store& store) const;
+  unsigned int Append(const Store& store);
+  unsigned int Rewrite(const Store& store);
+  bool RewriteAcrossPages(const Store& store, unsigned long long fileLength);
+  unsigned long long WriteRecord(const Store& store, unsigned long long position,
+                                 ZrCompactFile::ZrStatus& status);
   bool ReplaceIndexValue(unsigned int row, unsigned int col, unsigned long long before,
                          unsigned long long after);
   unsigned long long GetAppendPosition(unsigned long long fileLength);
-  bool FindDataEnd(unsigned long long fileLength);
-  void ForgetDataEnd();
   bool HoldsRecords() const;
 
-  unsigned long long m_nDataEnd = 0;            // the last record's stated end, of those known
-  std::vector<std::uint64_t> m_lost;            // where entries lead behind the end of the file
-  bool m_bDataEndFound = false;                 // the file was looked through for both
-  unsigned long long m_nOwnStart = UINT64_MAX;  // all records from here on were appended since Open
+  const std::unique_ptr<Io::Tail> m_pTail;  // where the next record goes
 };
 
 }  // namespace Zarn

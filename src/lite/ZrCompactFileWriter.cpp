@@ -1,19 +1,19 @@
 #include "ZrCompactFileWriter.h"
 
 #include <algorithm>
-#include <functional>
 #include <new>
+#include <utility>
 
-#include "DataEnd.h"
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
-#include "IndexValue.h"
-#include "Neighbours.h"
+#include "IndexShape.h"
 #include "PathRules.h"
 #include "PelmTime.h"
 #include "RecordHead.h"
 #include "ReplaceWord.h"
+#include "SafeRewrite.h"
 #include "StoreArguments.h"
+#include "Tail.h"
 #include "ZrFile.h"
 #include "ZrNewFile.h"
 
@@ -21,13 +21,34 @@ namespace Zarn {
 
 static_assert(ZrCompactFile::kMaxCapacity == Format::kMaxCapacity);
 
-// With the head, at least as much as lies in the page where the record begins and is to be written.
-struct ZrCompactFileWriter::OldRecord {
-  static constexpr std::uint64_t kMost = 4096;
+struct ZrCompactFileWriter::Store {
+  /// Of the old record, the head and at least as much of what is to be replaced as lies in the page
+  /// where the record begins.
+  static constexpr std::uint64_t kMostOld = 4096;
 
-  std::uint64_t size = 0;
-  unsigned char bytes[kMost];
+  Store(unsigned int theRow, unsigned int theCol, const ZrByteArray& theData,
+        const Format::StoreSpan& theSpan, unsigned long long theVersion)
+      : row(theRow), col(theCol), data(theData), span(theSpan), version(theVersion) {}
+
+  unsigned int row;
+  unsigned int col;
+  const ZrByteArray& data;
+  Format::StoreSpan span;
+  unsigned long long version;
+  unsigned long long entry = 0;  // of the cell, as it was
+  std::uint64_t fileLength = 0;  // as it was
+  std::uint64_t oldSize = 0;
+  unsigned char old[kMostOld];  // oldSize bytes of it
+
+  std::uint64_t Home() const { return Format::PositionOf(entry); }
+  std::uint64_t WrittenLength() const { return Format::kGridRecordHead + span.size; }
+  std::uint64_t RecordLength() const { return Format::kGridRecordHead + span.capacity; }
 };
+
+ZrCompactFileWriter::ZrCompactFileWriter()
+    : m_pTail(std::make_unique<Io::Tail>(Format::IndexShape{}, false, false)) {}
+
+ZrCompactFileWriter::~ZrCompactFileWriter() { Close(); }
 
 unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned int rows,
                                          unsigned int cols, const PelmUnicodeString& password,
@@ -57,8 +78,7 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
     return ZrResult::kNotCreated;
   }
   file.Commit();
-  m_bDataEndFound = true;
-  m_nOwnStart = 0;
+  *m_pTail = Io::Tail::OfNewFile({}, m_bSwap, false);
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
   Close();
@@ -68,22 +88,15 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
 unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,
                                        const PelmUnicodeString& password,
                                        ZrCompactFile::ZrOpenMode mode) {
-  ForgetDataEnd();
-  return OpenExisting(path, password, mode, kReadWrite);
+  const unsigned int result = OpenExisting(path, password, mode, kReadWrite);
+  *m_pTail = Io::Tail({}, m_bSwap, false);
+  return result;
 }
 
 bool ZrCompactFileWriter::Close() {
   Flush();
   CloseStream();
-  ForgetDataEnd();
   return true;
-}
-
-void ZrCompactFileWriter::ForgetDataEnd() {
-  m_nDataEnd = 0;
-  m_lost.clear();
-  m_bDataEndFound = false;
-  m_nOwnStart = UINT64_MAX;
 }
 
 unsigned int ZrCompactFileWriter::WriteHeader() {
@@ -146,103 +159,115 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
                                         unsigned long long nVersion) {
   if (!IsOpen()) return ZrResult::kNotOpen;
   const auto span = Format::ResolveStore(nCapacity, nOffset, data.GetSize());
-  unsigned long long entry;
-  std::uint64_t fileLength;
-  if (!span || !ReadIndexValue(row, col, entry) || !GetLength(fileLength))
+  if (!span) return ZrResult::kWriteFailure;
+  Store store(row, col, data, *span, nVersion);
+  if (!ReadIndexValue(row, col, store.entry) || !GetLength(store.fileLength))
     return ZrResult::kWriteFailure;
-
-  OldRecord old;
-  const Place place = FindPlace(entry, span->size, span->capacity, fileLength, old);
-  if (place == Place::kUnreadable) return ZrResult::kReadFailure;
-  if (place == Place::kBeyondFile) return ZrResult::kOk;  // deliberately silent, nothing written
-
-  ZrCompactFile::ZrStatus status;
-  const auto write = [&](unsigned long long position) {
-    return WriteDataToFile(status, data, span->capacity, nOffset, nVersion, position);
-  };
-  if (place == Place::kInPlace)
-    return Rewrite({row, col, entry}, old, span->size, span->capacity, fileLength, std::ref(write));
-  const unsigned long long position = write(GetAppendPosition(fileLength));
-  if (position == 0 ||
-      !ReplaceIndexValue(row, col, entry, Format::PackIndexValue(status, position)))
-    return ZrResult::kWriteFailure;
-  return ZrResult::kOk;
+  switch (FindPlace(store)) {
+    case Place::kInPlace:
+      return Rewrite(store);
+    case Place::kAppend:
+      return Append(store);
+    case Place::kBeyondFile:
+      return ZrResult::kOk;  // deliberately silent, nothing written
+    default:
+      return ZrResult::kReadFailure;
+  }
 }
 
-// Calls `write` to put a record in the place of the cell's. A write of a killed process stops
-// between two pages; where it may, a copy at the end of the file is the cell's record meanwhile. A
-// write that fails within a page is taken back.
-unsigned int ZrCompactFileWriter::Rewrite(const CellEntry& cell, const OldRecord& old,
-                                          unsigned long long size, unsigned long long capacity,
-                                          unsigned long long fileLength, const RecordWrite& write) {
-  const unsigned long long lengthBefore = fileLength;
-  const unsigned long long dataEndBefore = m_nDataEnd;
-  const std::uint64_t home = Format::PositionOf(cell.value);
-  const std::uint64_t written = Format::kGridRecordHead + size;
-  const std::uint64_t recordLength = Format::kGridRecordHead + capacity;
-  // A last record that grows gets the room first: a full disk must not cost the tile.
-  if (home + written > fileLength) {
-    if (!ZeroFill(fileLength, home + written - fileLength)) return ZrResult::kWriteFailure;
-    fileLength = home + written;
-  }
-  if (!Io::SpansPages(home, written)) {
-    if (write(home) != 0) return ZrResult::kOk;
-    WriteAt(home, old.bytes, std::min(old.size, written));
-    if (fileLength > lengthBefore) SetLength(lengthBefore);
-    return ZrResult::kWriteFailure;
-  }
-
-  const unsigned long long copy = GetAppendPosition(fileLength);
-  if (copy == 0) return ZrResult::kWriteFailure;
-  const unsigned long long dataEnd = std::max<unsigned long long>(m_nDataEnd, home + recordLength);
-  if (write(copy) == 0 || !SetLength(copy + recordLength)) {
-    if (SetLength(lengthBefore)) m_nDataEnd = dataEndBefore;
-    return ZrResult::kWriteFailure;
-  }
-  const std::uint8_t status = Format::StatusOf(cell.value);  // deliberately stays
-  const unsigned long long meanwhile = Format::PackIndexValue(status, copy);
-  if (!ReplaceIndexValue(cell.row, cell.col, cell.value, meanwhile)) return ZrResult::kWriteFailure;
-  if (write(home) != 0 && ReplaceIndexValue(cell.row, cell.col, meanwhile, cell.value) &&
-      SetLength(fileLength))
-    m_nDataEnd = dataEnd;
-  return ZrResult::kOk;
-}
-
-// Where a tile of this size and capacity goes, given its cell's entry. In place needs more than a
-// length that looks sufficient: the whole new record must fit into the old one, or the old one be
-// the last in the file, and where the old one is not filled there must be no other, so that no
-// neighbour is run over.
-ZrCompactFileWriter::Place ZrCompactFileWriter::FindPlace(unsigned long long entry,
-                                                          unsigned long long size,
-                                                          unsigned long long capacity,
-                                                          unsigned long long fileLength,
-                                                          OldRecord& old) const {
-  const std::uint64_t position = Format::PositionOf(entry);
-  if (!Format::HoldsRecord(Format::StatusOf(entry)) || position < GetDataStart())
+// Where the tile goes. In place needs more than a length that looks sufficient: the whole new
+// record must fit into the old one, or the old one be the last in the file, and where the old one
+// is not filled there must be no other, so that no neighbour is run over.
+ZrCompactFileWriter::Place ZrCompactFileWriter::FindPlace(Store& store) const {
+  const std::uint64_t position = store.Home();
+  if (!Format::HoldsRecord(Format::StatusOf(store.entry)) || position < GetDataStart())
     return Place::kAppend;
-  const std::uint64_t written = Format::kGridRecordHead + size;
-  const std::uint64_t inPage = OldRecord::kMost - position % OldRecord::kMost;
-  const std::uint64_t inFile = fileLength > position ? fileLength - position : 1;
+  const std::uint64_t written = store.WrittenLength();
+  const std::uint64_t inPage = Store::kMostOld - position % Store::kMostOld;
+  const std::uint64_t inFile = store.fileLength > position ? store.fileLength - position : 1;
   const std::uint64_t wanted =
       std::max<std::uint64_t>(std::min(inPage, written), Format::kGridRecordHead);
-  old.size = ReadUpTo(position, old.bytes, std::min(wanted, inFile));
-  if (old.size < Format::kRecordLengthSize) return Place::kUnreadable;
+  store.oldSize = ReadUpTo(position, store.old, std::min(wanted, inFile));
+  if (store.oldSize < Format::kRecordLengthSize) return Place::kUnreadable;
   Format::RecordHead head;
-  const auto parse = Format::ParseRecordHead(old.bytes, old.size, Format::kGridFile, m_bSwap, head);
+  const auto parse =
+      Format::ParseRecordHead(store.old, store.oldSize, Format::kGridFile, m_bSwap, head);
   const std::uint64_t length = head.length;
   if (length < Format::kGridRecordHead) return Place::kAppend;
-  if (fileLength < position || length > fileLength - position) return Place::kBeyondFile;
+  if (store.fileLength < position || length > store.fileLength - position)
+    return Place::kBeyondFile;
 
+  const std::uint64_t capacity = store.span.capacity;
   const bool allowed = !IsVersionEnabled() || length >= Format::kMinGridRecord + capacity;
-  const bool harmless =
-      length >= Format::kGridRecordHead + capacity || length == fileLength - position;
+  const bool harmless = length >= store.RecordLength() || length == store.fileLength - position;
   if (!allowed || !harmless) return Place::kAppend;
   const std::uint64_t filled = parse.outcome == Format::HeadParse::kComplete
                                    ? head.size + std::min(head.filledLength, head.capacity)
                                    : Format::kGridRecordHead;
-  const bool isCrowded = filled < written && position < m_nOwnStart &&
-                         Io::RunsOverRecord(*this, m_bSwap, position + filled, position + written);
-  return isCrowded ? Place::kAppend : Place::kInPlace;
+  return m_pTail->IsCrowded(*this, position, filled, written) ? Place::kAppend : Place::kInPlace;
+}
+
+unsigned int ZrCompactFileWriter::Append(const Store& store) {
+  ZrCompactFile::ZrStatus status;
+  const unsigned long long position =
+      WriteRecord(store, GetAppendPosition(store.fileLength), status);
+  const bool isStored =
+      position != 0 && ReplaceIndexValue(store.row, store.col, store.entry,
+                                         Format::PackIndexValue(status, position));
+  return isStored ? ZrResult::kOk : ZrResult::kWriteFailure;
+}
+
+// Puts the record in the place of the cell's.
+unsigned int ZrCompactFileWriter::Rewrite(const Store& store) {
+  const std::uint64_t home = store.Home();
+  const std::uint64_t written = store.WrittenLength();
+  const std::uint64_t fileLength = std::max(store.fileLength, home + written);
+  // A last record that grows gets the room first: a full disk must not cost the tile.
+  const bool grows = fileLength > store.fileLength;
+  if (grows && !ZeroFill(store.fileLength, fileLength - store.fileLength))
+    return ZrResult::kWriteFailure;
+  if (Io::SpansPages(home, written))
+    return RewriteAcrossPages(store, fileLength) ? ZrResult::kOk : ZrResult::kWriteFailure;
+
+  Io::SafeRewrite rewrite(*this, *m_pTail, Io::SafeRewrite::kNoOthers);
+  rewrite.KeepOld(home, store.old, std::min(store.oldSize, written));
+  ZrCompactFile::ZrStatus status;
+  if (rewrite.WithinPage(
+          [&](std::uint64_t position) { return WriteRecord(store, position, status) != 0; }))
+    return ZrResult::kOk;
+  if (grows) SetLength(store.fileLength);
+  return ZrResult::kWriteFailure;
+}
+
+// The entry deliberately keeps its status.
+bool ZrCompactFileWriter::RewriteAcrossPages(const Store& store, unsigned long long fileLength) {
+  ZrCompactFile::ZrStatus status;
+  const auto write = [&](std::uint64_t position) {
+    return WriteRecord(store, position, status) != 0;
+  };
+  const std::uint64_t copy = GetAppendPosition(fileLength);
+  const std::uint64_t copyEnd = copy + store.RecordLength();
+  // Readers take a record that the file holds wholly.
+  if (copy == 0 || !write(copy) || !SetLength(copyEnd)) {
+    m_pTail->CutBack(*this);
+    if (fileLength > store.fileLength) SetLength(store.fileLength);
+    return false;
+  }
+  unsigned long long entry = store.entry;
+  const auto point = [&](std::uint64_t position) {
+    const auto next = Format::PackIndexValue(Format::StatusOf(entry), position);
+    return ReplaceIndexValue(store.row, store.col, std::exchange(entry, next), next);
+  };
+  Io::SafeRewrite rewrite(*this, *m_pTail, Io::SafeRewrite::kNoOthers);
+  const std::uint64_t place = rewrite.AcrossPages({copy, copyEnd}, store.Home(), write, point);
+  if (place != 0) m_pTail->Claim(place + store.RecordLength());
+  return place != 0;
+}
+
+unsigned long long ZrCompactFileWriter::WriteRecord(const Store& store, unsigned long long position,
+                                                    ZrCompactFile::ZrStatus& status) {
+  return WriteDataToFile(status, store.data, store.span.capacity, store.span.offset, store.version,
+                         position);
 }
 
 unsigned long long ZrCompactFileWriter::WriteDataToFile(
@@ -259,29 +284,15 @@ unsigned long long ZrCompactFileWriter::WriteDataToFile(
   Format::EncodeGridRecordHead(head, {nVersion, span->Status(), capacity, span->FilledLength()},
                                false);
   if (!WriteParts(position, head, sizeof head, data.GetData(), data.GetSize())) return 0;
-  m_nDataEnd = std::max<unsigned long long>(m_nDataEnd, position + recordLength);
+  m_pTail->Claim(position + recordLength);
   Flush();
   return position;
 }
 
-// Behind everything: the file's end, the index area, and the stated end of the last record, of
-// whose unused capacity nothing may be written yet. 0 if the file cannot be read.
+// Where the next record goes; 0 if the file cannot be read.
 unsigned long long ZrCompactFileWriter::GetAppendPosition(unsigned long long fileLength) {
-  if (!m_bDataEndFound && !FindDataEnd(fileLength)) return 0;
-  const unsigned long long position =
-      Io::NextPlace(m_lost, std::max({m_nDataEnd, fileLength, GetDataStart()}));
-  m_nOwnStart = std::min(m_nOwnStart, position);
-  return position;
-}
-
-bool ZrCompactFileWriter::FindDataEnd(unsigned long long fileLength) {
-  Io::DataEnd data;
-  if (!Io::FindDataEnd(*this, {GetIndexOffset(), GetDataStart()}, m_bSwap, fileLength, data))
-    return false;
-  m_nDataEnd = std::max<unsigned long long>(m_nDataEnd, data.end);
-  m_lost.swap(data.lost);
-  m_bDataEndFound = true;
-  return true;
+  m_pTail->SetIndex(Format::IndexShape::OfGrid(GetIndexOffset(), m_nRowCount, m_nColCount));
+  return m_pTail->Reserve(*this, fileLength);
 }
 
 }  // namespace Zarn

@@ -347,13 +347,18 @@ TEST_F(Lite, NothingIsAppendedIntoTheLastRecord) {
   Create(1, kLast + 1);
   for (std::size_t size : {76U, 76 + 8 * (kLast + 1)})  // makes the index a hole
     std::filesystem::resize_file(path.ToUtf8(), size);
-  const auto first = Put(kLast, "first", 1000);
+  const auto first = Put(kLast, "first", 5000);
   EXPECT_EQ(Read(kLast), kUnread) << "runs over the end of the file";
   Reopen();
   const auto second = Put(1, "second", 2000);
-  EXPECT_EQ(second, first + 44 + 1000) << "found after opening";
-  EXPECT_EQ(Read(kLast), (Tile{0, "first" + std::string(995, '\0'), 5}));
+  EXPECT_EQ(second, first + 44 + 5000) << "found after opening";
+  EXPECT_EQ(Read(kLast), (Tile{0, "first" + std::string(4995, '\0'), 5}));
   Reopen();
+  {
+    SyscallFaults faults;
+    faults.FailCall(1, ENOSPC, SyscallFaults::kFromThenOn);
+    EXPECT_EQ(Store(kLast, std::string(5000, '1')), 10U) << "no room for a copy";
+  }
   const auto third = Put(2, "third", 3000);
   EXPECT_EQ(third, second + 44 + 2000) << "the highest of two";
   EXPECT_EQ(Put(3, "fourth"), third + 44 + 3000) << "remembered";
