@@ -1,0 +1,56 @@
+#pragma once
+
+#include "IndexValue.h"
+#include "RecordHead.h"
+#include "StoreArguments.h"
+#include "ZrByteArray.h"
+
+/// What operations on tiles and the rooms below them hand to each other, however a tile is
+/// addressed.
+namespace Zarn::Engine::Rooms {
+
+/// A tile's index entry while an operation works on it.
+struct TileEntry {
+  std::uint32_t number = 0;  // cell of a grid, slot of a naming index
+  std::uint64_t stored = 0;  // the index value in the file
+  std::uint8_t status = Format::StatusOf(stored);
+  std::uint64_t position = Format::PositionOf(stored);
+  /// Length of the record; 0: unknown. Before a store or removal it must have been seen: a record
+  /// of that length counts as lying wholly in the file. Before a lookup it may be a guess.
+  /// Afterwards it is what was read or written.
+  std::uint64_t recordLength = 0;
+  bool isHeadRead = false;  // the record's head is in the thread's buffer
+
+  /// The index value that the entry is to get.
+  std::uint64_t Value() const { return Format::PackIndexValue(status, position); }
+  bool HoldsRecord() const { return Format::HoldsRecord(status); }
+  /// The status follows the completeness of the write just made, deliberately also when that went
+  /// to an older version, or nowhere.
+  void FollowCompleteness(const Format::StoreSpan& span) {
+    if (span.Status() == Format::kStatusPartial)
+      status = Format::kStatusPartial;
+    else if (status == Format::kStatusPartial)
+      status = Format::kStatusComplete;
+  }
+};
+
+/// What a caller stores.
+struct StoreRequest {
+  const ZrByteArray& data;
+  Format::StoreSpan span;  // where in the payload area the data go
+  std::uint64_t version;
+  Format::StoredName name;  // for the record of a new name
+};
+
+/// Writes entries of the index that the caller has read.
+class EntryWriter {
+ public:
+  /// Writes the entry's Value(), if that is not what is stored, and notes it as stored. False: the
+  /// file has the old one.
+  virtual bool WriteIndexValue(TileEntry& entry) = 0;
+
+ protected:
+  ~EntryWriter() = default;
+};
+
+}  // namespace Zarn::Engine::Rooms

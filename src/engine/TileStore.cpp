@@ -1,0 +1,378 @@
+#include "TileStore.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "NameKey.h"
+#include "RecordReader.h"
+#include "ReplaceWord.h"
+#include "ZrResult.h"
+
+namespace Zarn::Engine::Rooms {
+
+using StorePlace = Format::VersionTable::StorePlace;
+
+namespace {
+
+std::uint64_t LocatorOf(const StoreRequest& request, std::uint64_t position) {
+  return Format::PackIndexValue(request.span.Status(), position);
+}
+
+// Whether a store may change a record, whose head this is, in its place: then it can be killed at
+// any moment. All that it writes lies in one page, or its data lies where the head does not yet
+// count it as filled, and the head in one page.
+bool IsSafeInPlace(std::uint64_t position, const Format::RecordHead& head,
+                   const Format::StoreSpan& span) {
+  if (span.offset == 0) return !Io::SpansPages(position, head.size + span.size);
+  return span.offset >= head.filledLength && !Io::SpansPages(position, head.size);
+}
+
+// Where an operation has put the tile's current record, whose image this is; 0: it has failed.
+bool MoveTo(TileEntry& entry, std::uint64_t position, const Format::RecordImage& image) {
+  entry.position = position;
+  entry.recordLength = image.Head().length;
+  return position != 0;
+}
+
+}  // namespace
+
+TileStore::TileStore(const Place& place, ZrByteArray& buffer)
+    : m_place(place),
+      m_buffer(buffer),
+      m_current(MakeImage(buffer)),
+      m_rewrite(place.file, place.tail, Io::SafeRewrite::kMayAppend) {}
+
+bool TileStore::ReadCurrentHead(TileEntry& entry) {
+  entry.isHeadRead = entry.isHeadRead ? m_current.Parse()
+                                      : ReadHead(entry.position, entry.recordLength, m_current);
+  if (entry.isHeadRead) entry.recordLength = m_current.Head().length;
+  return entry.isHeadRead;
+}
+
+bool TileStore::StoreIntoTile(TileEntry& entry, const StoreRequest& request) {
+  if (entry.status == Format::kStatusEmpty) {
+    entry.status = request.span.Status();
+    return MoveTo(entry, AddNewData(m_current, request, request.name), m_current);
+  }
+  if (!entry.HoldsRecord()) return true;  // occupied by something unknown: deliberately left alone
+  if (!ReadCurrentHead(entry)) return false;
+  // Deliberately: a tile without versions is never rewritten.
+  return !m_place.hasVersions || StoreVersion(entry, request);
+}
+
+bool TileStore::StoreVersion(TileEntry& entry, const StoreRequest& request) {
+  unsigned int index = 0;
+  const std::uint64_t newestLocator = m_current.Versions().Locator(0);
+  Reference reference = {entry};
+  switch (GetStatusAndVersionOrder(index, entry.position, request.version)) {
+    case StorePlace::kNewest:
+      entry.status = request.span.Status();
+      return MoveTo(entry, AddMaxNewVersionData(entry.position, request), m_current);
+    case StorePlace::kReplaceNewest:
+      entry.status = request.span.Status();
+      return MoveTo(entry, ReplaceVersion(reference, entry.position, m_current, request),
+                    m_current);
+    case StorePlace::kInsertOlder:
+      return MoveTo(entry, AddOldVersionData(entry.position, index, request), m_current);
+    default:
+      return UpdateOlderVersion(entry, index, request, newestLocator);
+  }
+}
+
+// Tells where a store of `version` belongs among the tile's versions, and gives entry 0, which may
+// say "this record" by position 0, the record's position: it is about to be copied. The newest
+// version becomes an older one when a newer is stored, so there a stale position, left from before
+// the record moved, is corrected too.
+unsigned int TileStore::GetStatusAndVersionOrder(unsigned int& index, std::uint64_t recordPosition,
+                                                 std::uint64_t version) {
+  const StorePlace place = m_current.Versions().PlaceForStore(version);
+  const std::uint64_t locator = m_current.Versions().Locator(0);
+  const std::uint8_t status = Format::StatusOf(locator);
+  const std::uint64_t position = Format::PositionOf(locator);
+  if (status != Format::kStatusEmpty && (position == 0 || place.order == StorePlace::kNewest))
+    m_current.SetLocator(0, Format::PackIndexValue(status, recordPosition));
+  index = place.index;
+  return place.order;
+}
+
+// The first record of a tile.
+std::uint64_t TileStore::AddNewData(Image& image, const StoreRequest& request,
+                                    const Format::StoredName& name) {
+  const Format::NewRecord record = {request.version, request.span.Status(), request.span.capacity,
+                                    request.span.FilledLength()};
+  return image.Begin(record, name) ? AppendNewRecord(image, request) : 0;
+}
+
+// A version newer than all: a new record with a longer table. What the data leaves of its payload
+// area is what lay at the same distance from the record's start before.
+std::uint64_t TileStore::AddMaxNewVersionData(std::uint64_t recordPosition,
+                                              const StoreRequest& request) {
+  if (!request.span.CoversAll() && !ReadDataFromDataFile(recordPosition, m_current)) return 0;
+  return m_current.PushVersion(request.version, LocatorOf(request, 0))
+             ? AppendSwapData(m_current, request)
+             : 0;
+}
+
+// A version older than the newest: a record of its own, and a new current record that names it.
+std::uint64_t TileStore::AddOldVersionData(std::uint64_t recordPosition, unsigned int index,
+                                           const StoreRequest& request) {
+  ZrByteArray ownBuffer;
+  Image own = MakeImage(ownBuffer);
+  if (!ReadDataFromDataFile(recordPosition, m_current)) return 0;
+  const std::uint64_t ownPosition = AddNewData(own, request, m_current.Name());
+  if (ownPosition == 0 ||
+      !m_current.InsertVersion(index, request.version, LocatorOf(request, ownPosition)))
+    return 0;
+  return WriteDataToDataFile(0, true, m_current);
+}
+
+// New data for the version that the image's record holds. In place if the record does not grow, and
+// no other tile's lies where the data go; then the rest of the payload area stays as it is.
+std::uint64_t TileStore::ReplaceVersion(Reference& reference, std::uint64_t position, Image& image,
+                                        const StoreRequest& request) {
+  const Format::RecordHead& head = image.Head();
+  const bool fits = head.size + request.span.capacity <= head.length &&
+                    !IsCrowded(position, head, head.size + request.span.FilledLength());
+  if (fits && IsSafeInPlace(position, head, request.span))
+    return ReplaceInPage(position, image, request) ? position : 0;
+  if (!request.span.CoversAll() && !ReadDataFromDataFile(position, image)) return 0;
+  const std::uint64_t copy = AppendSwapData(image, request);
+  return fits ? MoveHome(reference, copy, position, image, &request) : copy;
+}
+
+// Of a store with an offset only the head must be replaced in one page; its data lies where nothing
+// counts yet.
+bool TileStore::ReplaceInPage(std::uint64_t position, Image& image, const StoreRequest& request) {
+  image.SetPayload(request.span.capacity, request.span.FilledLength());
+  const std::uint64_t data = request.span.offset == 0 ? request.span.size : 0;
+  return m_rewrite.KeepOld(position, image.Head().size + data) &&
+         m_rewrite.WithinPage(
+             [&](std::uint64_t home) { return WriteHeadAndData(home, image, request); });
+}
+
+// New data for an older version. If its record moves, the current one gets the new locator, and the
+// own position that entry 0 of the image was given; `newestLocator` is entry 0's in the file. The
+// current record's own position never changes.
+bool TileStore::UpdateOlderVersion(TileEntry& entry, unsigned int index,
+                                   const StoreRequest& request, std::uint64_t newestLocator) {
+  Reference reference = {entry, entry.position + m_current.LocatorOffset(index),
+                         m_current.Versions().Locator(index)};
+  const std::uint64_t position = Format::PositionOf(reference.locator);
+  ZrByteArray olderBuffer;
+  Image older = MakeImage(olderBuffer);
+  if (!ReadOlderHead(position, entry.position, request.version, older)) return false;
+  const std::uint64_t newPosition = ReplaceVersion(reference, position, older, request);
+  if (newPosition == 0) return false;
+  if (newPosition == position) return true;  // the locator's status deliberately stays, too
+  Reference newest = {entry, entry.position + m_current.LocatorOffset(0), newestLocator};
+  return (m_current.Versions().Locator(0) == newestLocator ||
+          ReplaceLocator(newest, m_current.Versions().Locator(0))) &&
+         ReplaceLocator(reference, LocatorOf(request, newPosition));
+}
+
+bool TileStore::RemoveFromTile(TileEntry& entry, std::uint64_t version, bool isReadOnly) {
+  if (!ReadCurrentHead(entry)) return false;
+  const std::uint32_t count = m_current.Versions().Count();
+  const std::uint32_t index = m_current.Versions().Find(version, 0);
+  if (index == count) return true;
+  if (isReadOnly) return false;
+  if (count > 1) return index == 0 ? RemoveNewest(entry) : RemoveOlder(entry, index);
+  entry.status = Format::kStatusEmpty;
+  return true;
+}
+
+// The current record without that entry of its table; the version's own record is dead then.
+bool TileStore::RemoveOlder(TileEntry& entry, unsigned int index) {
+  if (!ReadDataFromDataFile(entry.position, m_current)) return false;
+  m_current.RemoveVersion(index);
+  Reference reference = {entry};
+  return MoveTo(entry, RewriteRecord(reference, entry.position, m_current), m_current);
+}
+
+// The next older version becomes the current one: its record gets the rest of the table.
+bool TileStore::RemoveNewest(TileEntry& entry) {
+  const Format::VersionTable versions = m_current.Versions();
+  const std::uint64_t locator = versions.Locator(1);
+  const std::uint64_t position = Format::PositionOf(locator);
+  ZrByteArray olderBuffer;
+  Image older = MakeImage(olderBuffer);
+  if (!ReadOlderHead(position, entry.position, versions.Stamp(1), older) ||
+      !ReadDataFromDataFile(position, older))
+    return false;
+
+  const std::uint64_t oldLength = older.Head().length;
+  if (!older.ReplaceVersions(versions, 1)) return false;
+  entry.status = Format::StatusOf(locator);
+  if (!entry.HoldsRecord())  // marked as removed, yet it is the newest that there is
+    entry.status = older.Head().StatusByFilling();
+  Reference reference = {entry};
+  return MoveTo(entry,
+                older.Head().length <= oldLength ? RewriteRecord(reference, position, older)
+                                                 : WriteDataToDataFile(0, true, older),
+                older);
+}
+
+// Reads the head of a record into an image. `seenLength` is the record's, if it was seen before.
+bool TileStore::ReadHead(std::uint64_t position, std::uint64_t seenLength, Image& image) const {
+  Io::RecordReader record(m_place.file, m_place.shape.kind, m_place.shape.swap, m_place.map);
+  return record.ReadHead(position, seenLength, image.Bytes()) && record.Head().versionCount > 0 &&
+         m_place.index.LeavesRoom(position, record.Head().length) && image.Parse();
+}
+
+// Only a record whose own newest version has the stamp that it is named by, and which is not the
+// current one, may be written to as an older one.
+bool TileStore::ReadOlderHead(std::uint64_t position, std::uint64_t currentPosition,
+                              std::uint64_t stamp, Image& image) const {
+  return position != currentPosition && ReadHead(position, 0, image) &&
+         image.Versions().Stamp(0) == stamp;
+}
+
+// Completes an image that holds only the head of the record at `position`.
+bool TileStore::ReadDataFromDataFile(std::uint64_t position, Image& image) const {
+  const Format::RecordHead& head = image.Head();
+  ZrByteArray& bytes = image.Bytes();
+  return bytes.Resize(head.length) &&
+         m_place.file.ReadAt(position + head.size, bytes.GetData() + head.size,
+                             head.length - head.size);
+}
+
+// Puts the data into the payload area of an image that holds the whole record. Where the area grows
+// beyond the record, it is zero.
+bool TileStore::UpdateSwapData(Image& image, const StoreRequest& request) {
+  image.SetPayload(request.span.capacity, request.span.FilledLength());
+  if (!image.Bytes().Resize(image.Head().length)) return false;
+  std::memcpy(image.Bytes().GetData() + image.Head().size + request.span.offset,
+              request.data.GetData(), request.data.GetSize());
+  return true;
+}
+
+// Appends the record in the image with the data in its payload area. Data that covers the whole
+// area is written from where it is, and only the head of the image counts.
+std::uint64_t TileStore::AppendSwapData(Image& image, const StoreRequest& request) {
+  if (!request.span.CoversAll())
+    return UpdateSwapData(image, request) ? WriteDataToDataFile(0, true, image) : 0;
+  image.SetPayload(request.span.capacity, request.span.FilledLength());
+  const std::uint64_t position = m_place.tail.Reserve(m_place.file);
+  return position != 0 && WriteHeadAndData(position, image, request) ? position : 0;
+}
+
+// Appends a record that is new altogether. What the data leaves of its payload area reads as zero,
+// and has its room on the disk: a later piece must not fail for want of it.
+std::uint64_t TileStore::AppendNewRecord(const Image& image, const StoreRequest& request) {
+  const std::uint64_t position = m_place.tail.Reserve(m_place.file);
+  if (position == 0 || !WriteHeadAndData(position, image, request)) return 0;
+  if (request.span.CoversAll()) {
+    m_place.tail.EndsAt(position + image.Head().length);
+    return position;
+  }
+  const std::uint64_t payload = position + image.Head().size;
+  const std::uint64_t filled = request.span.FilledLength();
+  const bool hasRoom = m_place.file.ZeroFill(payload, request.span.offset) &&
+                       m_place.file.ZeroFill(payload + filled, request.span.capacity - filled);
+  return hasRoom ? position : 0;
+}
+
+// Writes the head in the image and the data at its place behind it, and nothing else.
+bool TileStore::WriteHeadAndData(std::uint64_t position, const Image& image,
+                                 const StoreRequest& request) {
+  const unsigned char* head = image.Bytes().GetData();
+  const std::uint64_t headSize = image.Head().size;
+  const ZrByteArray& data = request.data;
+  if (request.span.offset == 0)
+    return m_place.file.WriteParts(position, head, headSize, data.GetData(), data.GetSize());
+  return m_place.file.WriteAt(position + headSize + request.span.offset, data.GetData(),
+                              data.GetSize()) &&
+         m_place.file.WriteAt(position, head, headSize);
+}
+
+// Writes the whole record in the image, at the end of the file or where it was. Returns where; 0 on
+// failure, or if the buffer holds less than the record states.
+std::uint64_t TileStore::WriteDataToDataFile(std::uint64_t position, bool append,
+                                             const Image& image) {
+  const std::uint64_t length = image.Head().length;
+  if (append) position = m_place.tail.Reserve(m_place.file);
+  const bool written = position != 0 && length <= image.Bytes().GetSize() &&
+                       m_place.file.WriteAt(position, image.Bytes().GetData(), length);
+  return written ? position : 0;
+}
+
+// Puts the record in the image over the one at `position`, which is no shorter, unless another
+// tile's record lies in its room.
+std::uint64_t TileStore::RewriteRecord(Reference& reference, std::uint64_t position,
+                                       const Image& image) {
+  const Format::RecordHead& head = image.Head();
+  if (IsCrowded(position, head, head.length)) return WriteDataToDataFile(0, true, image);
+  if (Io::SpansPages(position, head.length))
+    return MoveHome(reference, WriteDataToDataFile(0, true, image), position, image, nullptr);
+  const bool isReplaced =
+      m_rewrite.KeepOld(position, head.length) && m_rewrite.WithinPage([&](std::uint64_t home) {
+        return WriteDataToDataFile(home, false, image) != 0;
+      });
+  return isReplaced ? position : 0;
+}
+
+// Puts the record in the image, with the data if there is a request, where it does not grow; it was
+// written to `copy` before. Returns where the record is; 0 if the old one still counts.
+std::uint64_t TileStore::MoveHome(Reference& reference, std::uint64_t copy, std::uint64_t home,
+                                  const Image& image, const StoreRequest* request) {
+  const auto write = [&](std::uint64_t position) {
+    return request != nullptr ? WriteHeadAndData(position, image, *request)
+                              : WriteDataToDataFile(position, false, image) != 0;
+  };
+  const auto point = [&](std::uint64_t position) { return PointTo(reference, position); };
+  return m_rewrite.AcrossPages({copy, copy + image.Head().length}, home, write, point);
+}
+
+// Whether other records lie in the room of the one at `position`, behind what it has filled and
+// before `end`, which counts from its start.
+bool TileStore::IsCrowded(std::uint64_t position, const Format::RecordHead& head,
+                          std::uint64_t end) const {
+  return m_place.tail.IsCrowded(m_place.file, position,
+                                head.size + std::min(head.filledLength, head.capacity), end);
+}
+
+// Makes a record the one that counts.
+bool TileStore::PointTo(Reference& reference, std::uint64_t position) {
+  if (reference.locatorPlace == 0) {
+    reference.entry.position = position;
+    return m_place.entries.WriteIndexValue(reference.entry);
+  }
+  const std::uint8_t status = Format::StatusOf(reference.locator);
+  return ReplaceLocator(reference, Format::PackIndexValue(status, position));
+}
+
+bool TileStore::ReplaceLocator(Reference& reference, std::uint64_t locator) {
+  std::uint64_t before;
+  std::uint64_t after;
+  StoreScalar(&before, reference.locator, m_place.shape.swap);
+  StoreScalar(&after, locator, m_place.shape.swap);
+  if (!Io::ReplaceWord(m_place.file, reference.locatorPlace, before, after)) return false;
+  reference.locator = locator;
+  return true;
+}
+
+unsigned int TileStore::LookUp_Inner(TileEntry& entry, const NameKey* key, ZrByteArray& data,
+                                     unsigned long long& filledLength,
+                                     std::uint64_t version) const {
+  const std::uint64_t headSize = key == nullptr
+                                     ? Format::kGridRecordHead
+                                     : Format::NamingRecordHeadSize(key->GetStoredLength());
+  Io::RecordReader record(m_place.file, m_place.shape.kind, m_place.shape.swap, m_place.map);
+  const auto read = [&](std::uint64_t position, std::uint64_t length) {
+    const std::uint64_t payload = length > headSize ? length - headSize : 0;
+    return record.Read(position, {headSize, payload}, m_buffer) && record.Head().versionCount > 0 &&
+           m_place.index.LeavesRoom(position, record.Head().length);
+  };
+  if (!read(entry.position, entry.recordLength)) return ZrResult::kReadFailure;
+  entry.recordLength = record.Head().length;
+  if (key != nullptr && !key->Matches(record.NameBytes(), record.Head().nameLength))
+    return ZrResult::kNotFound;
+  const std::uint32_t older = record.Versions().SelectForLookup(version);
+  if (older != 0 && !read(Format::PositionOf(record.Versions().Locator(older)), 0))
+    return ZrResult::kReadFailure;
+  record.HandOver(m_buffer, data);
+  filledLength = std::min(record.Head().filledLength, record.Head().capacity);
+  return ZrResult::kOk;
+}
+
+}  // namespace Zarn::Engine::Rooms

@@ -1,0 +1,119 @@
+#pragma once
+
+#include "FileMap.h"
+#include "IndexShape.h"
+#include "RecordImage.h"
+#include "SafeRewrite.h"
+#include "TileEntry.h"
+#include "ZrFile64.h"
+
+namespace Zarn::Engine {
+
+class NameKey;
+
+namespace Rooms {
+
+/// Records and versions of tiles: takes an index entry, reads or changes the records that it leads
+/// to, and returns the entry as it is to be. The caller writes it; only while a record is replaced
+/// in its place does the store write it itself.
+///
+/// A store or removal that fails leaves the tile as it was. One that a kill cuts short leaves it
+/// so, or as it was to become.
+///
+/// It takes no lock: the caller keeps writers out during a lookup, and everybody else during a
+/// store or removal. One operation of one thread uses one object; what the place refers to and the
+/// buffer outlive it.
+class TileStore {
+ public:
+  /// Where the records are.
+  struct Place {
+    ZrFile64& file;
+    Io::FileMap* map;  // of the file, to read from; null: none
+    Format::RecordShape shape;
+    Format::IndexShape index;  // no record lies in it
+    bool hasVersions;          // without, only empty entries get tiles
+    Io::Tail& tail;
+    EntryWriter& entries;
+  };
+
+  /// `buffer` is the thread's, for a record.
+  TileStore(const Place& place, ZrByteArray& buffer);
+
+  /// Reads the head of the entry's record into the buffer, unless it is there already.
+  bool ReadCurrentHead(TileEntry& entry);
+  /// The name in the head that was read last; valid until the buffer changes.
+  Format::StoredName CurrentName() const { return m_current.Name(); }
+
+  /// Stores a version, whatever versions the tile has. Only a version that is new and newest
+  /// changes the entry's status.
+  bool StoreIntoTile(TileEntry& entry, const StoreRequest& request);
+  /// Removes the version with exactly this stamp, if there is one, of an entry that holds a record,
+  /// in a file with versions. With `isReadOnly` it fails instead.
+  bool RemoveFromTile(TileEntry& entry, std::uint64_t version, bool isReadOnly);
+  /// After StoreIntoTile or RemoveFromTile, if the entry could not be written.
+  void PutBack() { m_rewrite.PutBack(); }
+
+  /// Reads the version that a lookup of `version` selects. With a `key` the record must have that
+  /// name, which lies in what is read anyway.
+  ///
+  /// kOk; kNotFound for the record of another name; kReadFailure. Without kOk `data` and
+  /// `filledLength` are as they were.
+  unsigned int LookUp_Inner(TileEntry& entry, const NameKey* key, ZrByteArray& data,
+                            unsigned long long& filledLength, std::uint64_t version) const;
+
+ private:
+  using Image = Format::RecordImage;
+  /// What leads to a record of a tile: its entry or, to an older version, a locator in the current
+  /// record.
+  struct Reference {
+    TileEntry& entry;
+    std::uint64_t locatorPlace = 0;  // in the file; 0: the entry leads there
+    std::uint64_t locator = 0;       // what it is now
+  };
+
+  // Versions.
+  bool StoreVersion(TileEntry& entry, const StoreRequest& request);
+  unsigned int GetStatusAndVersionOrder(unsigned int& index, std::uint64_t recordPosition,
+                                        std::uint64_t version);
+  std::uint64_t AddNewData(Image& image, const StoreRequest& request,
+                           const Format::StoredName& name);
+  std::uint64_t AddMaxNewVersionData(std::uint64_t recordPosition, const StoreRequest& request);
+  std::uint64_t AddOldVersionData(std::uint64_t recordPosition, unsigned int index,
+                                  const StoreRequest& request);
+  std::uint64_t ReplaceVersion(Reference& reference, std::uint64_t position, Image& image,
+                               const StoreRequest& request);
+  bool ReplaceInPage(std::uint64_t position, Image& image, const StoreRequest& request);
+  bool UpdateOlderVersion(TileEntry& entry, unsigned int index, const StoreRequest& request,
+                          std::uint64_t newestLocator);
+  bool RemoveOlder(TileEntry& entry, unsigned int index);
+  bool RemoveNewest(TileEntry& entry);
+
+  // Records.
+  bool ReadHead(std::uint64_t position, std::uint64_t seenLength, Image& image) const;
+  bool ReadOlderHead(std::uint64_t position, std::uint64_t currentPosition, std::uint64_t stamp,
+                     Image& image) const;
+  bool ReadDataFromDataFile(std::uint64_t position, Image& image) const;
+  bool UpdateSwapData(Image& image, const StoreRequest& request);
+  std::uint64_t AppendSwapData(Image& image, const StoreRequest& request);
+  std::uint64_t AppendNewRecord(const Image& image, const StoreRequest& request);
+  bool WriteHeadAndData(std::uint64_t position, const Image& image, const StoreRequest& request);
+  std::uint64_t WriteDataToDataFile(std::uint64_t position, bool append, const Image& image);
+  std::uint64_t RewriteRecord(Reference& reference, std::uint64_t position, const Image& image);
+  std::uint64_t MoveHome(Reference& reference, std::uint64_t copy, std::uint64_t home,
+                         const Image& image, const StoreRequest* request);
+  bool IsCrowded(std::uint64_t position, const Format::RecordHead& head, std::uint64_t end) const;
+
+  bool PointTo(Reference& reference, std::uint64_t position);
+  bool ReplaceLocator(Reference& reference, std::uint64_t locator);
+  Image MakeImage(ZrByteArray& bytes) const {
+    return Image(bytes, m_place.shape.kind, m_place.shape.swap);
+  }
+
+  const Place m_place;
+  ZrByteArray& m_buffer;
+  Image m_current;  // the tile's current record, in the buffer
+  Io::SafeRewrite m_rewrite;
+};
+
+}  // namespace Rooms
+}  // namespace Zarn::Engine
