@@ -1,7 +1,5 @@
 #pragma once
 
-#include <future>
-
 #include "RecordImage.h"
 #include "RedoMarks.h"
 #include "ZrFile64.h"
@@ -9,8 +7,7 @@
 namespace Zarn::Engine {
 
 /// Writes the records and the index entries of a new container, each in ascending order, in large
-/// blocks: one is written, in a thread of its own, while the next is filled. Entries that are never
-/// put are zero, as the empty container has them.
+/// blocks. Entries that are never put are zero, as the empty container has them.
 class ImageWriter {
  public:
   /// Entries of `entrySize` bytes from `entriesStart` on; records from `dataStart` on.
@@ -31,7 +28,7 @@ class ImageWriter {
   /// `entry`: entrySize bytes. Numbers must ascend.
   bool PutEntry(std::uint64_t number, const void* entry);
   /// Writes what was kept back.
-  bool Flush() { return StartBlock() && FinishBlock() && FlushEntries(); }
+  bool Flush() { return FlushRecords() && FlushEntries(); }
 
   /// Of all chunks from GetChecksumStart on; for after Flush.
   const Format::RedoChecksum& GetChecksum() const { return m_checksum; }
@@ -40,9 +37,7 @@ class ImageWriter {
 
  private:
   bool Append(const unsigned char* bytes, std::uint64_t size);
-  bool StartBlock();
-  bool FinishBlock();
-  bool WriteBlock(std::uint64_t position);
+  bool FlushRecords();
   bool FlushEntries();
 
   ZrFile64& m_file;
@@ -51,11 +46,9 @@ class ImageWriter {
   const std::uint64_t m_dataStart;
   std::uint64_t m_recordsStart;  // of the records kept back
   ZrByteArray m_records;
-  ZrByteArray m_block;  // being written; of m_writing while that runs, with m_checksum
   Format::RedoChecksum m_checksum;
   std::uint64_t m_firstEntry = 0;  // of the entries kept back
   ZrByteArray m_entries;
-  std::future<bool> m_writing;  // last: its end is waited for before the others go
 };
 
 }  // namespace Zarn::Engine
