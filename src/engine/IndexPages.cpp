@@ -31,10 +31,7 @@ IndexPages::IndexPages(std::shared_ptr<const ZrFile64> file, const Area& area)
       m_area(area),
       m_bytes(area.size),
       m_loaded(BitmapSize(area.size)),
-      m_hints(area.size / area.entrySize * sizeof(std::uint32_t)),
-      m_onlyVersions(area.isShared || area.entrySize != Format::kGridEntrySize
-                         ? 0
-                         : area.size / area.entrySize * sizeof(OnlyVersion)) {}
+      m_hints(area.size / area.entrySize * sizeof(std::uint32_t)) {}
 
 bool IndexPages::IsUsable() const {
   return m_bytes.IsUsable() && m_loaded.IsUsable() && m_hints.IsUsable();
@@ -158,17 +155,6 @@ std::uint32_t IndexPages::GetHint(std::uint64_t entry) const {
 void IndexPages::SetHint(std::uint64_t entry, std::uint32_t hint) {
   auto* hints = reinterpret_cast<std::uint32_t*>(m_hints.Get());
   std::atomic_ref(hints[entry]).store(hint, std::memory_order_relaxed);
-}
-
-IndexPages::OnlyVersion IndexPages::GetOnlyVersion(std::uint64_t entry) const {
-  const auto* versions = reinterpret_cast<const OnlyVersion*>(m_onlyVersions.Get());
-  return versions != nullptr ? versions[entry] : OnlyVersion();
-}
-
-void IndexPages::SetOnlyVersion(std::uint64_t entry, const OnlyVersion& version) {
-  auto* versions = reinterpret_cast<OnlyVersion*>(m_onlyVersions.Get());
-  if (versions == nullptr || versions[entry] == version) return;  // its memory is not committed
-  versions[entry] = version;
 }
 
 }  // namespace Zarn::Engine
