@@ -52,17 +52,17 @@ bool ImageWriter::FlushRecords() {
 }
 
 bool ImageWriter::PutEntry(std::uint64_t number, const void* entry) {
-  if ((number - m_firstEntry + 1) * m_entrySize > kEntriesAtOnce && !FlushEntries()) return false;
+  const std::uint64_t size = m_index.EntrySize();
+  if ((number - m_firstEntry + 1) * size > kEntriesAtOnce && !FlushEntries()) return false;
   if (m_entries.IsEmpty()) m_firstEntry = number;
   // Entries left out between two are zero, as they are in the file.
-  return m_entries.Resize((number - m_firstEntry) * m_entrySize) &&
-         Add(m_entries, entry, m_entrySize, kEntriesAtOnce);
+  return m_entries.Resize((number - m_firstEntry) * size) &&
+         Add(m_entries, entry, size, kEntriesAtOnce);
 }
 
 bool ImageWriter::FlushEntries() {
   if (m_entries.IsEmpty()) return true;
-  return m_file.WriteAt(m_entriesStart + m_firstEntry * m_entrySize, m_entries.GetData(),
-                        m_entries.GetSize()) &&
+  return m_file.WriteAt(m_index.EntryAt(m_firstEntry), m_entries.GetData(), m_entries.GetSize()) &&
          m_entries.ResizeForOverwrite(0);
 }
 

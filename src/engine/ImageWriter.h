@@ -10,14 +10,9 @@ namespace Zarn::Engine {
 /// blocks. Entries that are never put are zero, as the empty container has them.
 class ImageWriter {
  public:
-  /// Entries of `entrySize` bytes from `entriesStart` on; records from `dataStart` on.
-  ImageWriter(ZrFile64& file, std::uint64_t entriesStart, std::uint64_t entrySize,
-              std::uint64_t dataStart)
-      : m_file(file),
-        m_entriesStart(entriesStart),
-        m_entrySize(entrySize),
-        m_dataStart(dataStart),
-        m_recordsStart(dataStart) {}
+  /// Records follow the index.
+  ImageWriter(ZrFile64& file, const Format::IndexShape& index)
+      : m_file(file), m_index(index), m_recordsStart(index.End()) {}
 
   /// Where the next record goes.
   std::uint64_t GetPosition() const { return m_recordsStart + m_records.GetSize(); }
@@ -25,7 +20,7 @@ class ImageWriter {
   bool AppendRecord(const Format::RecordImage& head, const ZrByteArray& payload);
   /// Not more than a chunk of the checksum.
   bool AppendZeros(std::uint64_t size);
-  /// `entry`: entrySize bytes. Numbers must ascend.
+  /// `entry`: all bytes of one. Numbers must ascend.
   bool PutEntry(std::uint64_t number, const void* entry);
   /// Writes what was kept back.
   bool Flush() { return FlushRecords() && FlushEntries(); }
@@ -33,7 +28,7 @@ class ImageWriter {
   /// Of all chunks from GetChecksumStart on; for after Flush.
   const Format::RedoChecksum& GetChecksum() const { return m_checksum; }
   /// The first chunk that holds records only.
-  std::uint64_t GetChecksumStart() const { return Format::RedoChecksum::ChunkEnd(m_dataStart); }
+  std::uint64_t GetChecksumStart() const { return Format::RedoChecksum::ChunkEnd(m_index.End()); }
 
  private:
   bool Append(const unsigned char* bytes, std::uint64_t size);
@@ -41,9 +36,7 @@ class ImageWriter {
   bool FlushEntries();
 
   ZrFile64& m_file;
-  const std::uint64_t m_entriesStart;
-  const std::uint64_t m_entrySize;
-  const std::uint64_t m_dataStart;
+  const Format::IndexShape m_index;
   std::uint64_t m_recordsStart;  // of the records kept back
   ZrByteArray m_records;
   Format::RedoChecksum m_checksum;

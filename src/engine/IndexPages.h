@@ -9,7 +9,7 @@
 
 #include "FileMap.h"
 #include "Header.h"
-#include "Layout.h"
+#include "IndexShape.h"
 #include "ZrFile64.h"
 
 namespace Zarn::Engine {
@@ -41,13 +41,13 @@ class ZeroMemory {
 /// to read one.
 class IndexPages {
  public:
-  /// Where the entries lie in a file.
+  /// Which index, and how it is read.
   struct Area {
     bool operator==(const Area&) const = default;
 
-    std::uint64_t position = 0;
-    std::uint64_t size = 0;
-    std::uint64_t entrySize = Format::kGridEntrySize;
+    std::uint64_t Size() const { return index.count * index.EntrySize(); }
+
+    Format::IndexShape index;
     /// Others store new tiles meanwhile; and the file is in the other byte order.
     bool isShared = false;
     bool swap = false;

@@ -270,7 +270,7 @@ unsigned int ZrCompactFile::LookUp_Inner(const TileEntry& entry, const Engine::N
   const std::uint64_t headSize = key == nullptr
                                      ? Format::kGridRecordHead
                                      : Format::NamingRecordHeadSize(key->GetStoredLength());
-  Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap, m_pMap.get());
+  Io::RecordReader record(*m_file, Format::HeaderView(m_header).Records(m_bSwap), m_pMap.get());
   const auto read = [&](std::uint64_t position, Io::RecordGuess guess) {
     return record.Read(position, guess, buffer) && record.Head().versionCount > 0 &&
            IsRecordPlace(position, record.Head().length);
