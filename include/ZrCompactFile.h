@@ -552,9 +552,6 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                      unsigned long long stamp, Format::RecordImage& image) const;
   bool RemoveNewest(Engine::TileEntry& entry, const Format::RecordImage& current,
                     Engine::RecordBackup& backup);
-  bool RecallHead(const Engine::TileEntry& entry, const Engine::TileStore& store,
-                  Format::RecordImage& image) const;
-  void RememberHead(const Engine::TileEntry& entry, const Format::RecordImage& image) const;
   void Remember(const Engine::TileEntry& entry, unsigned long long recordLength) const;
   Io::RecordGuess GuessRecord(const Engine::TileEntry& entry, unsigned long long headSize) const;
   unsigned int LookUp_Inner(const Engine::TileEntry& entry, const Engine::NameKey* key,

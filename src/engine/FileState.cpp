@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "IndexValue.h"
+#include "IndexWalker.h"
 #include "RedoFile.h"
 #include "ZrResult.h"
 
@@ -29,75 +29,47 @@ bool LoadGridIndex(FileState& state, std::uint64_t indexOffset, bool isShared) {
   Format::GridHeaderImage image;
   if (!state.file->ReadAt(indexOffset, image.data(), image.size())) return false;
   state.grid = Format::DecodeGridHeader(image, state.swap);
-  const std::uint64_t count = Format::GridEntryCount(state.grid.rowCount, state.grid.colCount);
-  return ProvideIndex(state,
-                      {Format::GridEntryOffset(indexOffset, 0), count * Format::kGridEntrySize,
-                       Format::kGridEntrySize, isShared, state.swap});
+  const auto index =
+      Format::IndexShape::OfGrid(indexOffset, state.grid.rowCount, state.grid.colCount);
+  return ProvideIndex(state, {index, isShared, state.swap});
 }
 
 constexpr std::uint64_t kSlotsAtOnce = 16384;
 
-struct SlotRun {
-  std::uint64_t first;
-  std::uint64_t end;
-};
-
-// The slots from `slot` on, up to `end`, that do not lie wholly in the next hole, up to the one
-// after it. Few slots are read sooner than the file is asked for holes.
-SlotRun NextRun(const ZrFile64& file, std::uint64_t start, std::uint64_t slot, std::uint64_t end) {
-  constexpr std::uint64_t kSize = Format::kNamingSlotSize;
-  if (end - slot <= kSlotsAtOnce) return {slot, end};
-  const std::uint64_t data = file.NextData(start + slot * kSize);
-  const std::uint64_t first = std::min((data - start) / kSize, end);
-  const std::uint64_t hole = std::max(file.NextHole(data), data + 1);
-  return {first, std::min((hole - start + kSize - 1) / kSize, end)};
-}
-
-bool ReadCodes(const FileState& state, std::uint64_t start, const SlotRun& run) {
-  constexpr std::uint64_t kSize = Format::kNamingSlotSize;
-  ZrByteArray slots;
-  if (!state.names->Reserve(state.names->GetSize() + run.end - run.first)) return false;
-  for (std::uint64_t slot = run.first; slot < run.end; slot += kSlotsAtOnce) {
-    const std::uint64_t now = std::min(kSlotsAtOnce, run.end - slot);
-    if (!slots.ResizeForOverwrite(now * kSize) ||
-        !state.file->ReadAt(start + slot * kSize, slots.GetData(), slots.GetSize()))
-      return false;
-    for (std::uint64_t i = 0; i < now; ++i)
-      if (!state.names->Insert(
-              LoadScalar<std::uint64_t>(slots.GetData() + i * kSize + Format::kWidth8, state.swap),
-              static_cast<std::uint32_t>(slot + i)))
-        return false;
-  }
-  return true;
-}
-
 // Reads the hash codes of the slots from `first` on into the table. Those in holes, and beyond the
 // end of the file, are empty, all with the code 0, of which the last counts: so a file that claims
 // many names takes memory only for those that it has.
-bool AddNames(const FileState& state, std::uint64_t indexOffset, std::uint64_t first) {
-  const std::uint64_t start = Format::NamingSlotOffset(indexOffset, 0);
+bool AddNames(const FileState& state, const Format::IndexShape& index, std::uint64_t first) {
   const std::uint64_t count = state.naming.count;
   std::uint64_t fileLength;
   if (!state.file->GetLength(fileLength)) return false;
   const std::uint64_t inFile =
-      fileLength > start ? (fileLength - start) / Format::kNamingSlotSize : 0;
-  const std::uint64_t present = std::min(count, inFile);
-  const auto addEmpty = [&](std::uint64_t end) {
-    return state.names->Insert(0, static_cast<std::uint32_t>(end - 1));
+      fileLength > index.EntryAt(0) ? (fileLength - index.EntryAt(0)) / index.EntrySize() : 0;
+  const auto insert = [&](std::uint64_t code, std::uint64_t slot) {
+    return state.names->Insert(code, static_cast<std::uint32_t>(slot));
   };
-  for (std::uint64_t slot = first; slot < present;) {
-    const SlotRun run = NextRun(*state.file, start, slot, present);
-    if (run.first > slot && !addEmpty(run.first)) return false;
-    if (!ReadCodes(state, start, run)) return false;
-    slot = run.end;
+  Io::IndexWalker slots(*state.file, index, state.swap, std::min(count, inFile),
+                        {.first = first, .blockSize = kSlotsAtOnce, .readsLastBlock = true});
+  std::uint64_t next = slots.Position();
+  std::uint64_t roomUpTo = 0;
+  while (slots.Next()) {
+    if (slots.First() > next && !insert(0, slots.First() - 1)) return false;
+    next = slots.Position();
+    if (next > roomUpTo) {
+      roomUpTo = slots.NextHole();
+      if (!state.names->Reserve(state.names->GetSize() + roomUpTo - slots.First())) return false;
+    }
+    for (std::size_t i = 0; i < slots.Size(); ++i)
+      if (!insert(slots.Code(i), slots.First() + i)) return false;
   }
-  return present == count || addEmpty(count);
+  return !slots.HasFailed() && (next == count || insert(0, count - 1));
 }
 
 // Whether the index has only grown since `previous` was loaded. Slots are never taken back, so it
 // then has the names that it had. One that was made anew, by compaction, has a later time of
 // creation; and the last slot that was known must still be the same.
-bool HasOnlyGrown(const FileState& state, const FileState& previous, std::uint64_t indexOffset) {
+bool HasOnlyGrown(const FileState& state, const FileState& previous,
+                  const Format::IndexShape& index) {
   if (previous.names == nullptr || previous.file != state.file ||
       Format::HeaderView(previous.header).CreateTime() !=
           Format::HeaderView(state.header).CreateTime() ||
@@ -106,8 +78,7 @@ bool HasOnlyGrown(const FileState& state, const FileState& previous, std::uint64
   if (previous.naming.count == 0) return true;
   const std::uint64_t last = previous.naming.count - 1;
   std::uint64_t code;
-  return state.file->ReadAt(Format::NamingSlotOffset(indexOffset, last) + Format::kWidth8, &code,
-                            sizeof code) &&
+  return state.file->ReadAt(index.EntryAt(last) + Format::kWidth8, &code, sizeof code) &&
          previous.names->Find(LoadScalar<std::uint64_t>(&code, state.swap)) == last;
 }
 
@@ -118,13 +89,11 @@ bool LoadNamingIndex(FileState& state, const FileState& previous, std::uint64_t 
   if (state.naming.capacity > Format::kMaxNamingCapacity ||
       state.naming.count > state.naming.capacity)
     return false;
-  if (!ProvideIndex(state,
-                    {Format::NamingSlotOffset(indexOffset, 0),
-                     state.naming.capacity * Format::kNamingSlotSize, Format::kNamingSlotSize}))
-    return false;
-  const bool hasGrown = HasOnlyGrown(state, previous, indexOffset);
+  const auto index = Format::IndexShape::OfNames(indexOffset, state.naming.capacity);
+  if (!ProvideIndex(state, {index})) return false;
+  const bool hasGrown = HasOnlyGrown(state, previous, index);
   state.names = hasGrown ? previous.names : std::make_shared<NameTable>();
-  return AddNames(state, indexOffset, hasGrown ? previous.naming.count : 0);
+  return AddNames(state, index, hasGrown ? previous.naming.count : 0);
 }
 
 bool LoadIndex(FileState& state, const FileState& previous, bool isShared) {

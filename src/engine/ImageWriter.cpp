@@ -1,7 +1,6 @@
 #include "ImageWriter.h"
 
 #include <algorithm>
-#include <system_error>
 
 namespace Zarn::Engine {
 namespace {
@@ -33,53 +32,37 @@ bool ImageWriter::Append(const unsigned char* bytes, std::uint64_t size) {
   while (size > 0) {
     const std::uint64_t piece = std::min(size, kBlock - GetPosition() % kBlock);
     if (!Add(m_records, bytes, piece, kBlock)) return false;
-    if (GetPosition() % kBlock == 0 && !StartBlock()) return false;
+    if (GetPosition() % kBlock == 0 && !FlushRecords()) return false;
     bytes += piece;
     size -= piece;
   }
   return true;
 }
 
-// Begins to write what was kept back.
-bool ImageWriter::StartBlock() {
-  if (!FinishBlock()) return false;
-  m_block.SwapContents(m_records);
-  const std::uint64_t position = m_recordsStart;
-  m_recordsStart += m_block.GetSize();
-  if (!m_records.ResizeForOverwrite(0)) return false;
-  try {
-    m_writing = std::async(std::launch::async, &ImageWriter::WriteBlock, this, position);
-    return true;
-  } catch (const std::system_error&) {
-    return WriteBlock(position);  // there is no thread to be had
-  }
-}
-
-bool ImageWriter::FinishBlock() { return !m_writing.valid() || m_writing.get(); }
-
-bool ImageWriter::WriteBlock(std::uint64_t position) {
-  const unsigned char* bytes = m_block.GetData();
-  const std::uint64_t size = m_block.GetSize();
-  if (!m_file.WriteAt(position, bytes, size)) return false;
-  m_file.BeginSync(position, size);
-  const std::uint64_t begin = std::max(position, GetChecksumStart());
-  if (begin < position + size)
-    m_checksum.Add(begin, bytes + (begin - position), size - (begin - position));
-  return true;
+bool ImageWriter::FlushRecords() {
+  const unsigned char* bytes = m_records.GetData();
+  const std::uint64_t size = m_records.GetSize();
+  if (!m_file.WriteAt(m_recordsStart, bytes, size)) return false;
+  m_file.BeginSync(m_recordsStart, size);
+  const std::uint64_t skipped =
+      std::min(size, std::max(m_recordsStart, GetChecksumStart()) - m_recordsStart);
+  if (skipped < size) m_checksum.Add(m_recordsStart + skipped, bytes + skipped, size - skipped);
+  m_recordsStart += size;
+  return m_records.ResizeForOverwrite(0);
 }
 
 bool ImageWriter::PutEntry(std::uint64_t number, const void* entry) {
-  if ((number - m_firstEntry + 1) * m_entrySize > kEntriesAtOnce && !FlushEntries()) return false;
+  const std::uint64_t size = m_index.EntrySize();
+  if ((number - m_firstEntry + 1) * size > kEntriesAtOnce && !FlushEntries()) return false;
   if (m_entries.IsEmpty()) m_firstEntry = number;
   // Entries left out between two are zero, as they are in the file.
-  return m_entries.Resize((number - m_firstEntry) * m_entrySize) &&
-         Add(m_entries, entry, m_entrySize, kEntriesAtOnce);
+  return m_entries.Resize((number - m_firstEntry) * size) &&
+         Add(m_entries, entry, size, kEntriesAtOnce);
 }
 
 bool ImageWriter::FlushEntries() {
   if (m_entries.IsEmpty()) return true;
-  return m_file.WriteAt(m_entriesStart + m_firstEntry * m_entrySize, m_entries.GetData(),
-                        m_entries.GetSize()) &&
+  return m_file.WriteAt(m_index.EntryAt(m_firstEntry), m_entries.GetData(), m_entries.GetSize()) &&
          m_entries.ResizeForOverwrite(0);
 }
 

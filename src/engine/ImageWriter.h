@@ -1,7 +1,5 @@
 #pragma once
 
-#include <future>
-
 #include "RecordImage.h"
 #include "RedoMarks.h"
 #include "ZrFile64.h"
@@ -9,18 +7,12 @@
 namespace Zarn::Engine {
 
 /// Writes the records and the index entries of a new container, each in ascending order, in large
-/// blocks: one is written, in a thread of its own, while the next is filled. Entries that are never
-/// put are zero, as the empty container has them.
+/// blocks. Entries that are never put are zero, as the empty container has them.
 class ImageWriter {
  public:
-  /// Entries of `entrySize` bytes from `entriesStart` on; records from `dataStart` on.
-  ImageWriter(ZrFile64& file, std::uint64_t entriesStart, std::uint64_t entrySize,
-              std::uint64_t dataStart)
-      : m_file(file),
-        m_entriesStart(entriesStart),
-        m_entrySize(entrySize),
-        m_dataStart(dataStart),
-        m_recordsStart(dataStart) {}
+  /// Records follow the index.
+  ImageWriter(ZrFile64& file, const Format::IndexShape& index)
+      : m_file(file), m_index(index), m_recordsStart(index.End()) {}
 
   /// Where the next record goes.
   std::uint64_t GetPosition() const { return m_recordsStart + m_records.GetSize(); }
@@ -28,34 +20,28 @@ class ImageWriter {
   bool AppendRecord(const Format::RecordImage& head, const ZrByteArray& payload);
   /// Not more than a chunk of the checksum.
   bool AppendZeros(std::uint64_t size);
-  /// `entry`: entrySize bytes. Numbers must ascend.
+  /// `entry`: all bytes of one. Numbers must ascend.
   bool PutEntry(std::uint64_t number, const void* entry);
   /// Writes what was kept back.
-  bool Flush() { return StartBlock() && FinishBlock() && FlushEntries(); }
+  bool Flush() { return FlushRecords() && FlushEntries(); }
 
   /// Of all chunks from GetChecksumStart on; for after Flush.
   const Format::RedoChecksum& GetChecksum() const { return m_checksum; }
   /// The first chunk that holds records only.
-  std::uint64_t GetChecksumStart() const { return Format::RedoChecksum::ChunkEnd(m_dataStart); }
+  std::uint64_t GetChecksumStart() const { return Format::RedoChecksum::ChunkEnd(m_index.End()); }
 
  private:
   bool Append(const unsigned char* bytes, std::uint64_t size);
-  bool StartBlock();
-  bool FinishBlock();
-  bool WriteBlock(std::uint64_t position);
+  bool FlushRecords();
   bool FlushEntries();
 
   ZrFile64& m_file;
-  const std::uint64_t m_entriesStart;
-  const std::uint64_t m_entrySize;
-  const std::uint64_t m_dataStart;
+  const Format::IndexShape m_index;
   std::uint64_t m_recordsStart;  // of the records kept back
   ZrByteArray m_records;
-  ZrByteArray m_block;  // being written; of m_writing while that runs, with m_checksum
   Format::RedoChecksum m_checksum;
   std::uint64_t m_firstEntry = 0;  // of the entries kept back
   ZrByteArray m_entries;
-  std::future<bool> m_writing;  // last: its end is waited for before the others go
 };
 
 }  // namespace Zarn::Engine

@@ -277,8 +277,7 @@ bool ZrCompactFile::WriteIndexValue(Engine::TileEntry& entry) {
     return true;
   }
   m_file->WriteAt(start + offset, &before, sizeof before);
-  m_pIndex->SetOnlyVersion(entry.number, {});  // that of the record which is not led to
-  if (!isNew) m_pIndex->Forget();              // lookups may be reading beside one that is new
+  if (!isNew) m_pIndex->Forget();  // lookups may be reading beside one that is new
   return false;
 }
 

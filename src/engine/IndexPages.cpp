@@ -29,12 +29,9 @@ ZeroMemory::~ZeroMemory() {
 IndexPages::IndexPages(std::shared_ptr<const ZrFile64> file, const Area& area)
     : m_file(std::move(file)),
       m_area(area),
-      m_bytes(area.size),
-      m_loaded(BitmapSize(area.size)),
-      m_hints(area.size / area.entrySize * sizeof(std::uint32_t)),
-      m_onlyVersions(area.isShared || area.entrySize != Format::kGridEntrySize
-                         ? 0
-                         : area.size / area.entrySize * sizeof(OnlyVersion)) {}
+      m_bytes(area.Size()),
+      m_loaded(BitmapSize(area.Size())),
+      m_hints(area.index.count * sizeof(std::uint32_t)) {}
 
 bool IndexPages::IsUsable() const {
   return m_bytes.IsUsable() && m_loaded.IsUsable() && m_hints.IsUsable();
@@ -46,7 +43,7 @@ bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size) {
 
 bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size,
                       const Format::HeaderImage* header) {
-  if (offset > m_area.size || size > m_area.size - offset) return false;
+  if (offset > m_area.Size() || size > m_area.Size() - offset) return false;
   const std::lock_guard guard(m_mutex);
   if (!LoadPages(offset, size, header)) return false;
   std::memcpy(target, m_bytes.Get() + offset, size);
@@ -54,14 +51,14 @@ bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size,
 }
 
 bool IndexPages::ReadValue(std::uint64_t entry, bool swap, std::uint64_t& value) {
-  if (!Read(entry * m_area.entrySize, &value, sizeof value)) return false;
+  if (!Read(entry * m_area.index.EntrySize(), &value, sizeof value)) return false;
   value = LoadScalar<std::uint64_t>(&value, swap);
   return true;
 }
 
 bool IndexPages::ReadStableValue(std::uint64_t entry, bool swap, std::uint64_t& value) {
-  const std::uint64_t offset = entry * m_area.entrySize;
-  if (offset > m_area.size || sizeof value > m_area.size - offset) return false;
+  const std::uint64_t offset = entry * m_area.index.EntrySize();
+  if (offset > m_area.Size() || sizeof value > m_area.Size() - offset) return false;
   if (!IsLoaded(offset / kPageSize) || !IsLoaded((offset + sizeof value - 1) / kPageSize))
     return ReadValue(entry, swap, value);
   value = ValueAt(offset).load(std::memory_order_acquire);
@@ -71,24 +68,24 @@ bool IndexPages::ReadStableValue(std::uint64_t entry, bool swap, std::uint64_t& 
 
 bool IndexPages::ReadValueUnlocked(std::uint64_t entry, bool swap,
                                    const Format::HeaderImage& header, std::uint64_t& value) {
-  if (!Read(entry * m_area.entrySize, &value, sizeof value, &header)) return false;
+  if (!Read(entry * m_area.index.EntrySize(), &value, sizeof value, &header)) return false;
   value = LoadScalar<std::uint64_t>(&value, swap);
   return true;
 }
 
 bool IndexPages::ReadNewValue(std::uint64_t entry, Io::FileMap* map, std::uint64_t& value) const {
-  const std::uint64_t offset = entry * m_area.entrySize;
+  const std::uint64_t offset = entry * m_area.index.EntrySize();
   unsigned char bytes[sizeof value];
   const bool isMapped =
-      map != nullptr && Io::ReadSharedEntries(*map, m_area.position + offset, bytes, sizeof bytes,
-                                              m_area.swap) == sizeof bytes;
+      map != nullptr && Io::ReadSharedEntries(*map, m_area.index.EntryAt(0) + offset, bytes,
+                                              sizeof bytes, m_area.swap) == sizeof bytes;
   if (!isMapped && !ReadFile(offset, bytes, sizeof bytes)) return false;
   value = LoadScalar<std::uint64_t>(bytes, m_area.swap);
   return true;
 }
 
 bool IndexPages::Write(std::uint64_t offset, const void* source, std::uint64_t size) {
-  if (offset > m_area.size || size > m_area.size - offset) return false;
+  if (offset > m_area.Size() || size > m_area.Size() - offset) return false;
   const std::lock_guard guard(m_mutex);
   if (!LoadPages(offset, size, nullptr)) return false;  // lest loading it later undoes the change
   const auto* bytes = static_cast<const unsigned char*>(source);
@@ -102,7 +99,7 @@ bool IndexPages::Write(std::uint64_t offset, const void* source, std::uint64_t s
 
 void IndexPages::Forget() {
   const std::lock_guard guard(m_mutex);
-  if (m_area.size != 0) std::memset(m_loaded.Get(), 0, BitmapSize(m_area.size));
+  if (m_area.Size() != 0) std::memset(m_loaded.Get(), 0, BitmapSize(m_area.Size()));
 }
 
 bool IndexPages::LoadPages(std::uint64_t offset, std::uint64_t size,
@@ -111,7 +108,7 @@ bool IndexPages::LoadPages(std::uint64_t offset, std::uint64_t size,
   for (std::uint64_t page = offset / kPageSize; page < end; ++page) {
     if (IsLoaded(page)) continue;
     const std::uint64_t begin = page * kPageSize;
-    const std::uint64_t now = std::min(kPageSize, m_area.size - begin);
+    const std::uint64_t now = std::min(kPageSize, m_area.Size() - begin);
     if (!ReadFile(begin, m_bytes.Get() + begin, now) || (header != nullptr && !HasHeader(*header)))
       return false;
     const auto bit = static_cast<unsigned char>(1U << page % 8);
@@ -134,7 +131,7 @@ bool IndexPages::HasHeader(const Format::HeaderImage& header) const {
 }
 
 bool IndexPages::ReadFile(std::uint64_t offset, unsigned char* target, std::uint64_t size) const {
-  const std::uint64_t position = m_area.position + offset;
+  const std::uint64_t position = m_area.index.EntryAt(0) + offset;
   const std::uint64_t got =
       m_area.isShared ? Io::ReadSharedEntries(*m_file, position, target, size, m_area.swap)
                       : m_file->ReadUpTo(position, target, size);
@@ -158,17 +155,6 @@ std::uint32_t IndexPages::GetHint(std::uint64_t entry) const {
 void IndexPages::SetHint(std::uint64_t entry, std::uint32_t hint) {
   auto* hints = reinterpret_cast<std::uint32_t*>(m_hints.Get());
   std::atomic_ref(hints[entry]).store(hint, std::memory_order_relaxed);
-}
-
-IndexPages::OnlyVersion IndexPages::GetOnlyVersion(std::uint64_t entry) const {
-  const auto* versions = reinterpret_cast<const OnlyVersion*>(m_onlyVersions.Get());
-  return versions != nullptr ? versions[entry] : OnlyVersion();
-}
-
-void IndexPages::SetOnlyVersion(std::uint64_t entry, const OnlyVersion& version) {
-  auto* versions = reinterpret_cast<OnlyVersion*>(m_onlyVersions.Get());
-  if (versions == nullptr || versions[entry] == version) return;  // its memory is not committed
-  versions[entry] = version;
 }
 
 }  // namespace Zarn::Engine

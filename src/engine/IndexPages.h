@@ -9,7 +9,7 @@
 
 #include "FileMap.h"
 #include "Header.h"
-#include "Layout.h"
+#include "IndexShape.h"
 #include "ZrFile64.h"
 
 namespace Zarn::Engine {
@@ -41,13 +41,13 @@ class ZeroMemory {
 /// to read one.
 class IndexPages {
  public:
-  /// Where the entries lie in a file.
+  /// Which index, and how it is read.
   struct Area {
     bool operator==(const Area&) const = default;
 
-    std::uint64_t position = 0;
-    std::uint64_t size = 0;
-    std::uint64_t entrySize = Format::kGridEntrySize;
+    std::uint64_t Size() const { return index.count * index.EntrySize(); }
+
+    Format::IndexShape index;
     /// Others store new tiles meanwhile; and the file is in the other byte order.
     bool isShared = false;
     bool swap = false;
@@ -87,18 +87,6 @@ class IndexPages {
   std::uint32_t GetHint(std::uint64_t entry) const;
   void SetHint(std::uint64_t entry, std::uint32_t hint);
 
-  /// What the head of a tile's only version says, besides sizes.
-  struct OnlyVersion {
-    bool operator==(const OnlyVersion&) const = default;
-
-    std::uint64_t stamp = 0;
-    std::uint64_t locator = 0;  // 0: nothing is known, the tile may have other versions
-  };
-  /// What the owner remembers for an entry; nothing in an index that is shared, where others may
-  /// have changed the tile since. For one thread at a time.
-  OnlyVersion GetOnlyVersion(std::uint64_t entry) const;
-  void SetOnlyVersion(std::uint64_t entry, const OnlyVersion& version);
-
  private:
   bool Read(std::uint64_t offset, void* target, std::uint64_t size,
             const Format::HeaderImage* header);
@@ -114,7 +102,6 @@ class IndexPages {
   ZeroMemory m_bytes;   // guarded by m_mutex; of loaded pages, read also without: values, atomic
   ZeroMemory m_loaded;  // one bit per page, atomic; changed with m_mutex held
   ZeroMemory m_hints;   // 32 bits per entry, atomic
-  ZeroMemory m_onlyVersions;  // one per cell; none in an index that is shared
 };
 
 }  // namespace Zarn::Engine

@@ -97,7 +97,8 @@ std::optional<bool> ZrCompactFile::HasName(TileEntry& entry, const NameKey& key,
 Io::NameRead ZrCompactFile::GetKeyString(unsigned long long recordPosition,
                                          ZrByteArray& key) const {
   if (!IsRecordPlace(recordPosition, Format::kNameOffset)) return Io::NameRead::kNone;
-  return Io::RecordReader(*m_file, Format::kNamingFile, m_bSwap).ReadName(recordPosition, key);
+  return Io::RecordReader(*m_file, Format::HeaderView(m_header).Records(m_bSwap))
+      .ReadName(recordPosition, key);
 }
 
 bool ZrCompactFile::UpdateNamingIndex(NameSlot& slot) {
@@ -166,7 +167,7 @@ bool ZrCompactFile::IncreaseNamingIndexCapacity() {
   std::shared_ptr<Engine::IndexPages> index;
   try {
     index = std::make_shared<Engine::IndexPages>(
-        m_file, Engine::IndexPages::Area{newStart, 2 * oldSize, Format::kNamingSlotSize});
+        m_file, Engine::IndexPages::Area{Format::IndexShape::OfNames(newOffset, capacity)});
   } catch (const std::bad_alloc&) {
     return false;
   }

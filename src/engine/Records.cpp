@@ -78,13 +78,13 @@ bool ZrCompactFile::FindDataEnd(unsigned long long fileLength) {
 }
 
 Format::RecordImage ZrCompactFile::MakeImage(ZrByteArray& buffer) const {
-  return Format::RecordImage(buffer, Format::HeaderView(m_header).FileKind(), m_bSwap);
+  return Format::RecordImage(buffer, Format::HeaderView(m_header).Records(m_bSwap));
 }
 
 // Reads the head of a record into an image. `guessedLength` is the record's; 0: unknown.
 bool ZrCompactFile::ReadHead(unsigned long long position, unsigned long long guessedLength,
                              Format::RecordImage& image) const {
-  Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap, m_pMap.get());
+  Io::RecordReader record(*m_file, Format::HeaderView(m_header).Records(m_bSwap), m_pMap.get());
   return record.ReadHead(position, guessedLength, image.Bytes()) &&
          record.Head().versionCount > 0 && IsRecordPlace(position, record.Head().length) &&
          image.Parse();

@@ -1,7 +1,6 @@
 #include "TileCopier.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "IndexValue.h"
 #include "NameHash.h"
@@ -11,30 +10,16 @@
 namespace Zarn::Engine {
 namespace {
 
-constexpr std::uint64_t kCellsAtOnce = 8192;
 // Read where the size of a record is unknown: holds most tiles whole, and costs little where not.
 constexpr std::uint64_t kUsualPayload = 16 * 1024;
 constexpr std::uint64_t kTellEvery = 1 << 20;  // bytes written
 // Of a tile, that older versions may have for tables however small the payloads are.
 constexpr std::uint64_t kUsualTables = 4096;
 
-bool IsGrid(std::uint32_t fileKind) { return fileKind == Format::kGridFile; }
-
-Format::IndexArea IndexAreaOf(const FileState& state) {
-  const Format::HeaderView header(state.header);
-  const std::uint64_t begin = header.IndexOffset();
-  return {begin, IsGrid(header.FileKind())
-                     ? Format::GridDataStart(begin, state.grid.rowCount, state.grid.colCount)
-                     : Format::NamingSlotOffset(begin, state.naming.capacity)};
-}
-
-ImageWriter WriterFor(const FileState& source, ZrFile64& target) {
-  constexpr std::uint64_t kIndex = Format::kHeaderSize;
-  if (IsGrid(Format::HeaderView(source.header).FileKind()))
-    return {target, Format::GridEntryOffset(kIndex, 0), Format::kGridEntrySize,
-            Format::GridDataStart(kIndex, source.grid.rowCount, source.grid.colCount)};
-  return {target, Format::NamingSlotOffset(kIndex, 0), Format::kNamingSlotSize,
-          Format::NamingSlotOffset(kIndex, source.naming.capacity)};
+Format::IndexShape ShapeAt(std::uint64_t begin, const FileState& state) {
+  return Format::HeaderView(state.header).FileKind() == Format::kGridFile
+             ? Format::IndexShape::OfGrid(begin, state.grid.rowCount, state.grid.colCount)
+             : Format::IndexShape::OfNames(begin, state.naming.capacity);
 }
 
 }  // namespace
@@ -46,21 +31,21 @@ TileCopier::TileCopier(const FileState& source, ZrFile64& target, Layout layout,
       m_layout(layout),
       m_decode(std::move(decode)),
       m_progress(std::move(progress)),
-      m_kind(Format::HeaderView(source.header).FileKind()),
-      m_sourceIndex(IndexAreaOf(source)),
-      m_reader(*source.file, m_kind, source.swap),
-      m_head(m_headBytes, m_kind, false),
-      m_writer(WriterFor(source, target)) {}
+      m_records(Format::HeaderView(source.header).Records(source.swap)),
+      m_index(ShapeAt(Format::HeaderView(source.header).IndexOffset(), source)),
+      m_reader(*source.file, m_records),
+      m_head(m_headBytes, {m_records.kind}),
+      m_writer(target, ShapeAt(Format::kHeaderSize, source)) {}
 
 unsigned int TileCopier::Copy() {
   if (!m_source.file->GetLength(m_sourceLength)) return ZrResult::kReadFailure;
-  m_limit = std::max(m_sourceLength, m_sourceIndex.end);
+  m_limit = std::max(m_sourceLength, m_index.End());
   unsigned int result = ZrResult::kOk;
-  if (IsGrid(m_kind) && m_layout == kTight) result = PlaceCrowdedRecords();
+  if (m_index.IsGrid() && m_layout == kTight) result = PlaceCrowdedRecords();
   if (result == ZrResult::kOk)
-    result = IsGrid(m_kind) ? ForAllCells(&TileCopier::CopyCells) : CopyNames();
+    result = m_index.IsGrid() ? ForAllCells(&TileCopier::CopyCells) : CopyNames();
   if (result != ZrResult::kOk) return result;
-  return Extend() && (IsGrid(m_kind) || WriteCount()) ? ZrResult::kOk : ZrResult::kWriteFailure;
+  return Extend() && (m_index.IsGrid() || WriteCount()) ? ZrResult::kOk : ZrResult::kWriteFailure;
 }
 
 // Writes what was kept back, and gives the target the room that the placed records state.
@@ -91,8 +76,9 @@ unsigned int TileCopier::PlaceCrowdedRecords() {
   return ZrResult::kOk;
 }
 
-unsigned int TileCopier::CollectExtents(std::uint64_t, const std::vector<std::uint64_t>& entries) {
-  for (const std::uint64_t entry : entries) {
+unsigned int TileCopier::CollectExtents(const Io::IndexWalker& cells) {
+  for (std::size_t cell = 0; cell < cells.Size(); ++cell) {
+    const std::uint64_t entry = cells.Value(cell);
     if (Format::StatusOf(entry) == Format::kStatusEmpty) continue;
     if (!AddExtent(Format::PositionOf(entry))) return ZrResult::kReadFailure;
     CollectVersions();
@@ -111,7 +97,7 @@ bool TileCopier::AddExtent(std::uint64_t position) {
                           head.length == head.size + head.capacity;
   const std::uint64_t filled = hasReserve ? head.size + head.filledLength : head.length;
   m_extents.push_back({position, position + filled, position + head.length});
-  return head.versionCount != 0 && m_sourceIndex.LeavesRoom(position, head.length) &&
+  return head.versionCount != 0 && m_index.LeavesRoom(position, head.length) &&
          m_read <= m_sourceLength;
 }
 
@@ -153,64 +139,36 @@ bool TileCopier::HasRoomFor(std::uint64_t size) {
 }
 
 // By way of the file, not of the index in memory, of which a large grid would fill too much.
-// Entries beyond the end of the file are empty, and may be many more than those within.
 unsigned int TileCopier::ForAllCells(CellsVisit visit) {
-  const std::uint64_t start = Format::GridEntryOffset(m_sourceIndex.begin, 0);
-  const std::uint64_t inFile =
-      (m_sourceLength - std::min(start, m_sourceLength) + Format::kGridEntrySize - 1) /
-      Format::kGridEntrySize;
-  const std::uint64_t count = std::min<std::uint64_t>(
-      Format::GridEntryCount(m_source.grid.rowCount, m_source.grid.colCount), inFile);
-  m_all = count;
-  std::vector<std::uint64_t> entries;
-  for (std::uint64_t cell = 0; cell < count; cell += entries.size()) {
-    const std::uint64_t position = start + cell * Format::kGridEntrySize;
-    const std::uint64_t empty =
-        (m_source.file->NextData(position) - position) / Format::kGridEntrySize;
-    if (empty >= count - cell) break;
-    cell += empty;
-    entries.resize(std::min(kCellsAtOnce, count - cell));
-    if (!ReadCells(cell, entries)) return ZrResult::kReadFailure;
-    const unsigned int result = (this->*visit)(cell, entries);
+  m_all = m_index.CountIn(m_sourceLength);
+  Io::IndexWalker cells(*m_source.file, m_index, m_records.swap, m_all);
+  while (cells.Next()) {
+    const unsigned int result = (this->*visit)(cells);
     if (result != ZrResult::kOk) return result;
-    if (!m_progress(cell + entries.size(), count)) return ZrResult::kWriteFailure;
+    if (!m_progress(cells.Position(), m_all)) return ZrResult::kWriteFailure;
   }
-  return ZrResult::kOk;
+  return cells.HasFailed() ? ZrResult::kReadFailure : ZrResult::kOk;
 }
 
-// Entries beyond the end of the file are empty.
-bool TileCopier::ReadCells(std::uint64_t first, std::vector<std::uint64_t>& entries) const {
-  const std::uint64_t position =
-      Format::GridEntryOffset(m_sourceIndex.begin, 0) + first * Format::kGridEntrySize;
-  const std::uint64_t size = entries.size() * Format::kGridEntrySize;
-  auto* bytes = reinterpret_cast<unsigned char*>(entries.data());
-  const std::uint64_t got = m_source.file->ReadUpTo(position, bytes, size);
-  std::uint64_t length;
-  if (got < size && (!m_source.file->GetLength(length) || length > position + got)) return false;
-  std::memset(bytes + got, 0, size - got);
-  for (std::uint64_t& entry : entries)
-    entry = LoadScalar<std::uint64_t>(&entry, m_source.swap);
-  return true;
-}
-
-unsigned int TileCopier::CopyCells(std::uint64_t first, const std::vector<std::uint64_t>& entries) {
-  for (std::size_t i = 0; i < entries.size(); ++i) {
-    m_done = first + i;
-    const std::uint64_t position = Format::PositionOf(entries[i]);
-    if (Format::StatusOf(entries[i]) == Format::kStatusEmpty) continue;
-    const std::uint64_t next = i + 1 < entries.size() ? entries[i + 1] : 0;
-    std::uint64_t length = m_source.index->GetHint(first + i);
-    if (length == 0) length = Format::DistanceToNext(entries[i], next);
-    if (!Format::HoldsRecord(Format::StatusOf(entries[i]))) return ZrResult::kReadFailure;
+unsigned int TileCopier::CopyCells(const Io::IndexWalker& cells) {
+  for (std::size_t i = 0; i < cells.Size(); ++i) {
+    m_done = cells.First() + i;
+    const std::uint64_t entry = cells.Value(i);
+    const std::uint64_t position = Format::PositionOf(entry);
+    if (Format::StatusOf(entry) == Format::kStatusEmpty) continue;
+    const std::uint64_t next = i + 1 < cells.Size() ? cells.Value(i + 1) : 0;
+    std::uint64_t length = m_source.index->GetHint(m_done);
+    if (length == 0) length = Format::DistanceToNext(entry, next);
+    if (!Format::HoldsRecord(Format::StatusOf(entry))) return ZrResult::kReadFailure;
     std::uint64_t value;
     if (FindPlaced(position, value)) {
-      value = Format::PackIndexValue(Format::StatusOf(entries[i]), value);
+      value = Format::PackIndexValue(Format::StatusOf(entry), value);
     } else {
       if (!ReadRecord(position, length)) return ZrResult::kReadFailure;
-      const unsigned int result = WriteTile(entries[i], {}, value);
+      const unsigned int result = WriteTile(entry, {}, value);
       if (result != ZrResult::kOk) return result;
     }
-    if (!m_writer.PutEntry(first + i, &value)) return ZrResult::kWriteFailure;
+    if (!m_writer.PutEntry(m_done, &value)) return ZrResult::kWriteFailure;
   }
   return ZrResult::kOk;
 }
@@ -221,7 +179,7 @@ unsigned int TileCopier::CopyNames() {
   for (std::size_t i = 0; i < places.size(); ++i) {
     m_done = i;
     std::uint64_t value;
-    if (!m_source.index->ReadValue(places[i].slot, m_source.swap, value))
+    if (!m_source.index->ReadValue(places[i].slot, m_records.swap, value))
       return ZrResult::kReadFailure;
     if (Format::StatusOf(value) == Format::kStatusEmpty) continue;
     const unsigned int result = CopyName(places[i], value);
@@ -269,13 +227,13 @@ bool TileCopier::WriteCount() {
 }
 
 bool TileCopier::Decode(Name& name) const {
-  const std::uint32_t version = Format::HeaderView(m_source.header).FormatVersion();
+  const std::uint32_t version = m_records.formatVersion;
   if (version == Format::kOlderVersion) return m_decode({name.charset, name.stored}, name.units);
   if (version != Format::kCurrentVersion || name.stored.size() % sizeof(char16_t) != 0)
     return false;
   name.units.resize(name.stored.size() / sizeof(char16_t));
   for (std::size_t i = 0; i < name.units.size(); ++i)
-    name.units[i] = LoadScalar<std::uint16_t>(&name.stored[i * sizeof(char16_t)], m_source.swap);
+    name.units[i] = LoadScalar<std::uint16_t>(&name.stored[i * sizeof(char16_t)], m_records.swap);
   return true;
 }
 
@@ -284,13 +242,13 @@ bool TileCopier::ReadName(std::uint32_t slot, Name& name) {
   std::uint64_t value;
   ZrByteArray bytes;
   unsigned char charset[Format::kWidth4];
-  Io::RecordReader reader(*m_source.file, m_kind, m_source.swap);
-  if (!m_source.index->ReadValue(slot, m_source.swap, value)) return false;
+  Io::RecordReader reader(*m_source.file, m_records);
+  if (!m_source.index->ReadValue(slot, m_records.swap, value)) return false;
   const std::uint64_t position = Format::PositionOf(value);
   if (!m_source.file->ReadAt(position + Format::kCharsetOffset, charset, sizeof charset) ||
       reader.ReadName(position, bytes) != Io::NameRead::kRead)
     return false;
-  name.charset = LoadScalar<std::uint32_t>(charset, m_source.swap);
+  name.charset = LoadScalar<std::uint32_t>(charset, m_records.swap);
   name.stored.assign(reinterpret_cast<const char*>(bytes.GetData()), bytes.GetSize());
   return true;
 }
@@ -323,7 +281,7 @@ bool TileCopier::ReadRecord(std::uint64_t position, std::uint64_t guessedLength)
   constexpr std::uint64_t kHead = Format::kGridRecordHead;
   const std::uint64_t payload = guessedLength > kHead ? guessedLength - kHead : kUsualPayload;
   if (!m_reader.Read(position, {kHead, payload}, m_payload) || m_reader.Head().versionCount == 0 ||
-      !m_sourceIndex.LeavesRoom(position, m_reader.Head().length))
+      !m_index.LeavesRoom(position, m_reader.Head().length))
     return false;
   m_read += m_reader.Head().length;
   m_isTooLong = m_read > 2 * m_sourceLength;

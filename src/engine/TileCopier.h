@@ -6,7 +6,7 @@
 
 #include "FileState.h"
 #include "ImageWriter.h"
-#include "IndexValue.h"
+#include "IndexWalker.h"
 #include "RecordReader.h"
 
 namespace Zarn::Engine {
@@ -63,17 +63,15 @@ class TileCopier {
   };
 
   unsigned int PlaceCrowdedRecords();
-  unsigned int CollectExtents(std::uint64_t first, const std::vector<std::uint64_t>& entries);
+  unsigned int CollectExtents(const Io::IndexWalker& cells);
   bool AddExtent(std::uint64_t position);
   unsigned int PlaceRecord(const Extent& extent);
   bool FindPlaced(std::uint64_t source, std::uint64_t& target) const;
   bool Extend();
 
-  using CellsVisit = unsigned int (TileCopier::*)(std::uint64_t first,
-                                                  const std::vector<std::uint64_t>& entries);
+  using CellsVisit = unsigned int (TileCopier::*)(const Io::IndexWalker& cells);
   unsigned int ForAllCells(CellsVisit visit);
-  bool ReadCells(std::uint64_t first, std::vector<std::uint64_t>& entries) const;
-  unsigned int CopyCells(std::uint64_t first, const std::vector<std::uint64_t>& entries);
+  unsigned int CopyCells(const Io::IndexWalker& cells);
 
   unsigned int CopyNames();
   unsigned int CopyName(const NameTable::Entry& place, std::uint64_t value);
@@ -104,8 +102,8 @@ class TileCopier {
   const Layout m_layout;
   const NameDecoder m_decode;
   const Progress m_progress;
-  const std::uint32_t m_kind;
-  const Format::IndexArea m_sourceIndex;
+  const Format::RecordShape m_records;  // of the source
+  const Format::IndexShape m_index;     // of the source
   Io::RecordReader m_reader;
   std::uint64_t m_sourceLength = 0;  // of the source, in bytes
   std::uint64_t m_limit = 0;         // of the target

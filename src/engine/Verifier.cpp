@@ -9,7 +9,6 @@
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
 #include "NameHash.h"
-#include "SharedEntries.h"
 
 namespace Zarn::Engine {
 namespace {
@@ -57,7 +56,7 @@ unsigned int Verifier::Run() {
 
 bool Verifier::CheckHeader() {
   constexpr auto kKind = Finding::kHeader;
-  switch (Io::ReadFileHeader(m_file, m_xorString, m_header, m_swap)) {
+  switch (Io::ReadFileHeader(m_file, m_xorString, m_header, m_records.swap)) {
     case Io::HeaderRead::kTooShort:
       return Fail(kKind, 0, "the file has no whole header");
     case Io::HeaderRead::kBadMagic:
@@ -66,19 +65,19 @@ bool Verifier::CheckHeader() {
       break;
   }
   const Format::HeaderView header(m_header);
-  m_kind = header.FileKind();
-  m_formatVersion = header.FormatVersion();
-  m_index.begin = header.IndexOffset();
+  m_records = header.Records(m_records.swap);
+  m_index = {m_records.kind, header.IndexOffset()};
   if (m_header[Format::kBigEndianFlagOffset] > 1)
     Report(kKind, Format::kBigEndianFlagOffset, "the byte order is neither 0 nor 1");
-  if (m_formatVersion != Format::kCurrentVersion && m_formatVersion != Format::kOlderVersion)
+  if (m_records.formatVersion != Format::kCurrentVersion &&
+      m_records.formatVersion != Format::kOlderVersion)
     Report(kKind, Format::kFormatVersionOffset, "the format version is unknown");
   if (!std::isfinite(header.CreateTime()))
     Report(kKind, Format::kCreateTimeOffset, "the time of creation is not a number");
   if (std::any_of(m_header.begin() + Format::kReservedOffset, m_header.end(),
                   [](unsigned char byte) { return byte != 0; }))
     Report(kKind, Format::kReservedOffset, "the reserved bytes are not zero");
-  if (!IsGrid() && m_kind != Format::kNamingFile)
+  if (!IsGrid() && !m_records.IsNaming())
     return Fail(kKind, Format::kFileKindOffset, "the kind of the file is unknown");
   // Only the index of names ever moves.
   if (IsGrid() ? m_index.begin != Format::kHeaderSize : m_index.begin < Format::kHeaderSize)
@@ -87,7 +86,7 @@ bool Verifier::CheckHeader() {
 }
 
 bool Verifier::CheckIndexHeader() {
-  const std::uint64_t size = IsGrid() ? Format::kGridHeaderSize : Format::kNamingHeaderSize;
+  const std::uint64_t size = m_index.HeaderSize();
   if (m_fileLength < size || m_index.begin > m_fileLength - size)
     return Fail(Finding::kIndex, m_index.begin, "the index header does not lie in the file");
   if (!(IsGrid() ? CheckGridHeader() : CheckNamingHeader())) return false;
@@ -100,14 +99,14 @@ bool Verifier::CheckGridHeader() {
   Format::GridHeaderImage image;
   if (!m_file.ReadAt(m_index.begin, image.data(), image.size()))
     return Fail(Finding::kUnreadable, m_index.begin, "the index header cannot be read");
-  const Format::GridHeader grid = Format::DecodeGridHeader(image, m_swap);
+  const Format::GridHeader grid = Format::DecodeGridHeader(image, m_records.swap);
   const std::uint32_t cells = grid.rowCount * grid.colCount;  // wraps, as where it is created
   if (grid.rowCount == 0 || grid.colCount == 0 || cells > Format::kMaxGridCells)
     Report(kKind, m_index.begin, "no grid has this number of rows and columns");
   CheckFlags(grid.flags, m_index.begin + Format::kGridFlagsOffset);
   m_colCount = grid.colCount;
-  m_count = Format::GridEntryCount(grid.rowCount, grid.colCount);
-  m_index.end = Format::GridDataStart(m_index.begin, grid.rowCount, grid.colCount);
+  m_index = Format::IndexShape::OfGrid(m_index.begin, grid.rowCount, grid.colCount);
+  m_count = m_index.count;
   return true;
 }
 
@@ -116,7 +115,7 @@ bool Verifier::CheckNamingHeader() {
   Format::NamingHeaderImage image;
   if (!m_file.ReadAt(m_index.begin, image.data(), image.size()))
     return Fail(Finding::kUnreadable, m_index.begin, "the index header cannot be read");
-  const Format::NamingHeader naming = Format::DecodeNamingHeader(image, m_swap);
+  const Format::NamingHeader naming = Format::DecodeNamingHeader(image, m_records.swap);
   if (naming.capacity == 0 || naming.capacity > Format::kMaxNamingCapacity)
     return Fail(kKind, m_index.begin, "no index has this number of slots");
   if (naming.count > naming.capacity)
@@ -124,7 +123,7 @@ bool Verifier::CheckNamingHeader() {
                 "more slots are in use than there are");
   CheckFlags(naming.flags, m_index.begin + Format::kNamingFlagsOffset);
   m_count = naming.count;
-  m_index.end = Format::NamingSlotOffset(m_index.begin, naming.capacity);
+  m_index.count = naming.capacity;
   return true;
 }
 
@@ -135,80 +134,69 @@ void Verifier::CheckFlags(std::uint32_t flags, std::uint64_t position) {
 }
 
 void Verifier::CheckIndexArea() {
-  m_summary.indexBytes = Format::kHeaderSize + std::min(m_index.end, m_fileLength) - m_index.begin;
-  if (m_index.end <= m_fileLength) return;
+  m_summary.indexBytes =
+      Format::kHeaderSize + std::min(m_index.End(), m_fileLength) - m_index.begin;
+  if (m_index.End() <= m_fileLength) return;
   Report(Finding::kIndex, m_fileLength, "the file ends within the index");
-  const std::uint64_t first = EntryPosition(0);
+  const std::uint64_t first = m_index.EntryAt(0);
   const std::uint64_t room = m_fileLength > first ? m_fileLength - first : 0;
-  m_count = std::min(m_count, room / (EntryPosition(1) - first));
-}
-
-std::uint64_t Verifier::EntryPosition(std::uint64_t number) const {
-  return IsGrid() ? Format::GridEntryOffset(m_index.begin, static_cast<std::uint32_t>(number))
-                  : Format::NamingSlotOffset(m_index.begin, number);
-}
-
-void Verifier::CheckEntries() {
-  const std::uint64_t entrySize = EntryPosition(1) - EntryPosition(0);
-  std::vector<unsigned char> block;
-  for (std::uint64_t entry = SkipHole(0); entry < m_count && !m_ended; entry = SkipHole(entry)) {
-    const std::uint64_t now = std::min(kEntriesAtOnce, m_count - entry);
-    block.resize(now * entrySize);
-    SetTile(entry);
-    if (ReadEntries(EntryPosition(entry), block)) {
-      for (std::uint64_t i = 0; i < now && !m_ended; ++i)
-        CheckEntry(entry + i, &block[i * entrySize]);
-    } else {
-      Report(Finding::kUnreadable, EntryPosition(entry), "the index cannot be read");
-    }
-    entry += now;
-    if (entry < m_count) TellProgress(entry);
-  }
-  TellProgress(m_count);
+  m_count = std::min(m_count, room / m_index.EntrySize());
 }
 
 // Beside the check another process may store new tiles in a grid.
-bool Verifier::ReadEntries(std::uint64_t position, std::vector<unsigned char>& block) const {
-  if (!IsGrid()) return m_file.ReadAt(position, block.data(), block.size());
-  return Io::ReadSharedEntries(m_file, position, block.data(), block.size(), m_swap) ==
-         block.size();
-}
-
-// The first entry, from `entry` on, that does not lie in a hole of the index. Cells are empty
-// there; slots of names should not be, but there may be more of them than the file has bytes.
-std::uint64_t Verifier::SkipHole(std::uint64_t entry) {
-  if (entry >= m_count) return entry;
-  const std::uint64_t position = EntryPosition(entry);
-  const std::uint64_t skipped =
-      (m_file.NextData(position) - position) / (EntryPosition(1) - EntryPosition(0));
-  if (skipped > 0 && !IsGrid()) {
-    SetTile(entry);
-    Report(Finding::kEntry, position, kNeverUsed);
+void Verifier::CheckEntries() {
+  Io::IndexWalker entries(m_file, m_index, m_records.swap, m_count,
+                          {.isShared = true, .blockSize = kEntriesAtOnce});
+  for (std::uint64_t next = 0; next < m_count && !m_ended;) {
+    const bool isRead = entries.Next();
+    if (entries.First() > next) CheckHole(next);
+    if (!isRead && !entries.HasFailed()) break;
+    CheckBlock(entries);
+    next = entries.Position();
+    if (next < m_count) TellProgress(next);
   }
-  return entry + skipped;
+  if (!m_ended && entries.Position() < m_count) ReportUnreadable(entries.Position());
+  TellProgress(m_count);
 }
 
-void Verifier::CheckEntry(std::uint64_t number, const unsigned char* bytes) {
-  const auto value = LoadScalar<std::uint64_t>(bytes, m_swap);
+// Cells in a hole are empty. Slots of names should not be there, but there may be more of them than
+// the file has bytes.
+void Verifier::CheckHole(std::uint64_t first) {
+  if (IsGrid()) return;
+  SetTile(first);
+  Report(Finding::kEntry, m_index.EntryAt(first), kNeverUsed);
+}
+
+void Verifier::CheckBlock(const Io::IndexWalker& entries) {
+  if (entries.HasFailed()) ReportUnreadable(entries.First());
+  for (std::size_t i = 0; i < entries.Size() && !m_ended; ++i)
+    CheckEntry(entries.First() + i, entries.Value(i), IsGrid() ? 0 : entries.Code(i));
+}
+
+void Verifier::ReportUnreadable(std::uint64_t first) {
+  SetTile(first);
+  Report(Finding::kUnreadable, m_index.EntryAt(first), "the index cannot be read");
+}
+
+void Verifier::CheckEntry(std::uint64_t number, std::uint64_t value, std::uint64_t code) {
   if (IsGrid() && Format::StatusOf(value) == Format::kStatusEmpty) return;
   SetTile(number);
-  if (!IsGrid()) {
-    m_code = LoadScalar<std::uint64_t>(bytes + Format::kWidth8, m_swap);
+  m_code = code;
+  if (!IsGrid())
     m_codes.push_back({std::rotl(m_code, 64 - static_cast<int>(Format::kOrdinalShift)),
                        static_cast<std::uint32_t>(number)});
-  }
   if (Format::StatusOf(value) == Format::kStatusEmpty)
     CheckEmptySlot(value);
   else if (Format::HoldsRecord(Format::StatusOf(value)))
     CheckTile(Format::PositionOf(value));
   else
-    Report(Finding::kEntry, EntryPosition(number), "the entry has a status that is never stored");
+    Report(Finding::kEntry, m_index.EntryAt(number), "the entry has a status that is never stored");
 }
 
 // A name whose tile is gone is still listed, from the record that the slot goes on naming.
 void Verifier::CheckEmptySlot(std::uint64_t value) {
   const std::uint64_t position = Format::PositionOf(value);
-  const std::uint64_t slot = EntryPosition(m_at.number);
+  const std::uint64_t slot = m_index.EntryAt(m_at.number);
   if (position == 0) {
     if (m_code == 0) Report(Finding::kEntry, slot, kNeverUsed);
   } else if (!IsPlace(position)) {
@@ -220,7 +208,7 @@ void Verifier::CheckEmptySlot(std::uint64_t value) {
 
 void Verifier::CheckTile(std::uint64_t position) {
   if (!IsPlace(position))
-    return Report(Finding::kEntry, EntryPosition(m_at.number),
+    return Report(Finding::kEntry, m_index.EntryAt(m_at.number),
                   "the entry names a place where no record can be");
   if (!ReadRecord(Finding::kRecord, position, m_current)) return;
   ++m_summary.tiles;
@@ -289,8 +277,8 @@ bool Verifier::ReadHead(Finding::Kind kind, std::uint64_t position, Head& head) 
     if (!head.bytes.ResizeForOverwrite(wanted)) throw std::bad_alloc();
     if (!m_file.ReadAt(position, head.bytes.GetData(), wanted))
       return Fail(Finding::kUnreadable, position, "the record cannot be read");
-    const HeadParse parse =
-        Format::ParseRecordHead(head.bytes.GetData(), wanted, m_kind, m_swap, head.fields);
+    const HeadParse parse = Format::ParseRecordHead(head.bytes.GetData(), wanted, m_records.kind,
+                                                    m_records.swap, head.fields);
     if (parse.outcome == HeadParse::kComplete) return Spend(position, head.fields.size);
     if (parse.outcome == HeadParse::kDamaged)
       return Fail(kind, position, "the record does not hold what it states");
@@ -357,12 +345,12 @@ Format::StoredName Verifier::NameOf(const Head& head) const {
 
 void Verifier::CheckName(const Head& head) {
   const Format::StoredName name = NameOf(head);
-  const bool isUtf16 = m_formatVersion == Format::kCurrentVersion;
-  if (!isUtf16 && m_formatVersion != Format::kOlderVersion) return;  // has no names
+  const bool isUtf16 = m_records.formatVersion == Format::kCurrentVersion;
+  if (!isUtf16 && m_records.formatVersion != Format::kOlderVersion) return;  // has no names
   if (isUtf16 && (name.charset != Format::kNameCharsetUtf16 || name.bytes.size() % 2 != 0))
     Report(Finding::kRecord, head.position, "the name is not UTF-16");
   const std::uint64_t hash =
-      isUtf16 ? HashOfUnits(name.bytes, m_swap) : Format::HashBytes(name.bytes);
+      isUtf16 ? HashOfUnits(name.bytes, m_records.swap) : Format::HashBytes(name.bytes);
   if (hash != (m_code & Format::kHashMask))
     Report(Finding::kRecord, head.position, "the name has another hash than its slot says");
 }
@@ -385,7 +373,7 @@ void Verifier::CheckOrdinals() {
     const bool isFirst = (code.rotated & Format::kLastOrdinal) == 0;
     if (code.rotated != next && (!isFirst || code.rotated < next)) {
       SetTile(code.number);
-      Report(Finding::kEntry, EntryPosition(code.number),
+      Report(Finding::kEntry, m_index.EntryAt(code.number),
              "the ordinal of the hash code is not the next one of its hash");
     }
     next = code.rotated + 1;

@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "Header.h"
-#include "IndexValue.h"
+#include "IndexWalker.h"
 #include "RecordHead.h"
 #include "Scramble.h"
 #include "ZrCompactFile.h"
@@ -49,12 +49,11 @@ class Verifier {
     std::uint32_t number;
   };
 
-  bool IsGrid() const { return m_kind == Format::kGridFile; }
-  std::uint64_t EntryPosition(std::uint64_t number) const;
+  bool IsGrid() const { return m_index.IsGrid(); }
   bool IsPlace(std::uint64_t position);
   void LookForGrowth();
   Format::VersionTable VersionsOf(const Head& head) const {
-    return head.fields.Table(head.bytes.GetData(), m_swap);
+    return head.fields.Table(head.bytes.GetData(), m_records.swap);
   }
   Format::StoredName NameOf(const Head& head) const;
 
@@ -66,9 +65,10 @@ class Verifier {
   void CheckIndexArea();
 
   void CheckEntries();
-  bool ReadEntries(std::uint64_t position, std::vector<unsigned char>& block) const;
-  std::uint64_t SkipHole(std::uint64_t entry);
-  void CheckEntry(std::uint64_t number, const unsigned char* bytes);
+  void CheckHole(std::uint64_t first);
+  void CheckBlock(const Io::IndexWalker& entries);
+  void ReportUnreadable(std::uint64_t first);
+  void CheckEntry(std::uint64_t number, std::uint64_t value, std::uint64_t code);
   void CheckEmptySlot(std::uint64_t value);
   void CheckTile(std::uint64_t position);
   void CheckOlderVersion(std::uint32_t entry);
@@ -102,10 +102,8 @@ class Verifier {
   std::uint64_t m_fileLength = 0;
 
   Format::HeaderImage m_header{};
-  bool m_swap = false;
-  std::uint32_t m_kind = 0;
-  std::uint32_t m_formatVersion = 0;
-  Format::IndexArea m_index;
+  Format::RecordShape m_records;
+  Format::IndexShape m_index;
   std::uint32_t m_colCount = 0;  // of a grid
   bool m_hasVersions = false;
   std::uint64_t m_count = 0;  // entries that are in use, and in the file

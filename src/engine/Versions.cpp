@@ -51,14 +51,13 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store,
   if (entry.status == Format::kStatusEmpty) {
     entry.status = store.span.Status();
     entry.position = AddNewData(image, store, store.name);
-    RememberHead(entry, image);
+    Remember(entry, image.Head().length);
     return entry.position != 0;
   }
   if (!entry.HoldsRecord()) return true;  // occupied by something unknown: deliberately left alone
 
-  if (!RecallHead(entry, store, image) && !ReadCurrentHead(entry, image)) return false;
+  if (!ReadCurrentHead(entry, image)) return false;
   if (!HasVersions()) return true;  // deliberately: a tile without versions is never rewritten
-  m_pIndex->SetOnlyVersion(entry.number, {});
 
   unsigned int index = 0;
   const std::uint64_t newestLocator = image.Versions().Locator(0);
@@ -78,7 +77,7 @@ bool ZrCompactFile::StoreIntoTile(TileEntry& entry, const TileStore& store,
     default:
       return UpdateOlderVersion(entry, image, index, store, newestLocator, backup);
   }
-  RememberHead(entry, image);
+  Remember(entry, image.Head().length);
   return entry.position != 0;
 }
 
@@ -199,7 +198,6 @@ bool ZrCompactFile::RemoveFromTile(TileEntry& entry, unsigned long long version,
                                    Engine::RecordBackup& backup) {
   ZrByteArray* buffer = GetSwapData();
   if (buffer == nullptr) return false;
-  m_pIndex->SetOnlyVersion(entry.number, {});
   Format::RecordImage image = MakeImage(*buffer);
   if (!ReadCurrentHead(entry, image)) return false;
   const std::uint32_t count = image.Versions().Count();
@@ -244,33 +242,6 @@ bool ZrCompactFile::RemoveNewest(TileEntry& entry, const Format::RecordImage& cu
   return entry.position != 0;
 }
 
-// Makes the image the head of a tile that this object has stored itself in one version, without
-// reading it. What is not remembered is what the store replaces: how far the payload area is
-// filled.
-bool ZrCompactFile::RecallHead(const TileEntry& entry, const TileStore& store,
-                               Format::RecordImage& image) const {
-  const Engine::IndexPages::OnlyVersion known = m_pIndex->GetOnlyVersion(entry.number);
-  const std::uint64_t length = m_pIndex->GetHint(entry.number);
-  if (known.locator == 0 || length == 0 || !store.span.CoversAll() || store.version < known.stamp)
-    return false;
-  const std::uint64_t capacity = length - Format::kGridRecordHead;
-  if (!image.Begin({known.stamp, Format::StatusOf(known.locator), capacity, capacity}, {}))
-    return false;
-  image.SetLocator(0, known.locator);
-  return true;
-}
-
-// After a store, for the next one and for lookups. How far the area is filled is not remembered, so
-// the room behind that must be the tile's own.
-void ZrCompactFile::RememberHead(const TileEntry& entry, const Format::RecordImage& image) const {
-  Remember(entry, image.Head().length);
-  const bool isFilled = image.Head().filledLength == image.Head().capacity;
-  if (entry.position != 0 && !IsNaming() && image.Head().versionCount == 1 &&
-      (isFilled || IsOwnRecord(entry.position)))
-    m_pIndex->SetOnlyVersion(entry.number,
-                             {image.Versions().Stamp(0), image.Versions().Locator(0)});
-}
-
 // How long a tile's record is, so that reading it takes one call.
 void ZrCompactFile::Remember(const TileEntry& entry, unsigned long long recordLength) const {
   const auto hint = recordLength <= UINT32_MAX ? static_cast<std::uint32_t>(recordLength) : 0;
@@ -299,7 +270,7 @@ unsigned int ZrCompactFile::LookUp_Inner(const TileEntry& entry, const Engine::N
   const std::uint64_t headSize = key == nullptr
                                      ? Format::kGridRecordHead
                                      : Format::NamingRecordHeadSize(key->GetStoredLength());
-  Io::RecordReader record(*m_file, Format::HeaderView(m_header).FileKind(), m_bSwap, m_pMap.get());
+  Io::RecordReader record(*m_file, Format::HeaderView(m_header).Records(m_bSwap), m_pMap.get());
   const auto read = [&](std::uint64_t position, Io::RecordGuess guess) {
     return record.Read(position, guess, buffer) && record.Head().versionCount > 0 &&
            IsRecordPlace(position, record.Head().length);

@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "Layout.h"
+#include "IndexShape.h"
 #include "ZrByteOrder.h"
 
 /// The 64-byte file header as bytes, and typed access to its fields.
@@ -22,6 +22,8 @@ class HeaderView {
   std::uint32_t FileKind() const { return Field<std::uint32_t>(kFileKindOffset); }
   double CreateTime() const { return Field<double>(kCreateTimeOffset); }
   std::uint64_t IndexOffset() const { return Field<std::uint64_t>(kIndexOffsetOffset); }
+  /// How the file's records are laid out. `swap`: the file is in the other byte order.
+  RecordShape Records(bool swap) const { return {FileKind(), FormatVersion(), swap}; }
 
  private:
   template <typename T>

@@ -5,30 +5,30 @@
 namespace Zarn::Format {
 
 bool RecordImage::Parse() {
-  return ParseRecordHead(m_bytes.GetData(), m_bytes.GetSize(), m_fileKind, m_swap, m_head)
+  return ParseRecordHead(m_bytes.GetData(), m_bytes.GetSize(), m_shape.kind, m_shape.swap, m_head)
              .outcome == HeadParse::kComplete;
 }
 
 bool RecordImage::Begin(const NewRecord& record, const StoredName& name) {
-  const bool named = m_fileKind == kNamingFile;
+  const bool named = m_shape.kind == kNamingFile;
   if (!m_bytes.ResizeForOverwrite(named ? NamingRecordHeadSize(name.bytes.size())
                                         : kGridRecordHead))
     return false;
   if (named)
-    EncodeNamingRecordHead(m_bytes.GetData(), name, record, m_swap);
+    EncodeNamingRecordHead(m_bytes.GetData(), name, record, m_shape.swap);
   else
-    EncodeGridRecordHead(m_bytes.GetData(), record, m_swap);
+    EncodeGridRecordHead(m_bytes.GetData(), record, m_shape.swap);
   return Parse();
 }
 
 void RecordImage::SetLocator(std::uint32_t entry, std::uint64_t locator) {
-  StoreScalar(Entry(entry) + kWidth8, locator, m_swap);
+  StoreScalar(Entry(entry) + kWidth8, locator, m_shape.swap);
 }
 
 void RecordImage::SetPayload(std::uint64_t capacity, std::uint64_t filledLength) {
   unsigned char* sizes = m_bytes.GetData() + m_head.size - kPayloadSizesSize;
-  StoreScalar(sizes, capacity, m_swap);
-  StoreScalar(sizes + kWidth8, filledLength, m_swap);
+  StoreScalar(sizes, capacity, m_shape.swap);
+  StoreScalar(sizes + kWidth8, filledLength, m_shape.swap);
   m_head.capacity = capacity;
   m_head.filledLength = filledLength;
   SetLength(m_head.size + capacity);
@@ -75,18 +75,18 @@ bool RecordImage::ReplaceVersions(const VersionTable& other, std::uint32_t first
 }
 
 void RecordImage::SetLength(std::uint64_t length) {
-  StoreScalar(m_bytes.GetData(), length, m_swap);
+  StoreScalar(m_bytes.GetData(), length, m_shape.swap);
   m_head.length = length;
 }
 
 void RecordImage::SetCount(std::uint32_t count) {
-  StoreScalar(m_bytes.GetData() + m_head.tableOffset - kVersionCountSize, count, m_swap);
+  StoreScalar(m_bytes.GetData() + m_head.tableOffset - kVersionCountSize, count, m_shape.swap);
   m_head.versionCount = count;
   m_head.size = m_head.tableOffset + std::uint64_t{count} * kVersionEntrySize + kPayloadSizesSize;
 }
 
 void RecordImage::SetEntry(std::uint32_t index, std::uint64_t stamp, std::uint64_t locator) {
-  StoreScalar(Entry(index), stamp, m_swap);
+  StoreScalar(Entry(index), stamp, m_shape.swap);
   SetLocator(index, locator);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "IndexShape.h"
 #include "RecordHead.h"
 #include "ZrByteArray.h"
 
@@ -12,8 +13,7 @@ namespace Zarn::Format {
 /// Changes that need memory answer false, and change nothing, when it cannot be had.
 class RecordImage {
  public:
-  RecordImage(ZrByteArray& bytes, std::uint32_t fileKind, bool swap)
-      : m_bytes(bytes), m_fileKind(fileKind), m_swap(swap) {}
+  RecordImage(ZrByteArray& bytes, const RecordShape& shape) : m_bytes(bytes), m_shape(shape) {}
 
   /// Parses the buffer. False if it holds no whole head.
   bool Parse();
@@ -24,7 +24,7 @@ class RecordImage {
     return {m_head.charset,
             {reinterpret_cast<const char*>(m_bytes.GetData()) + kNameOffset, m_head.nameLength}};
   }
-  VersionTable Versions() const { return m_head.Table(m_bytes.GetData(), m_swap); }
+  VersionTable Versions() const { return m_head.Table(m_bytes.GetData(), m_shape.swap); }
   ZrByteArray& Bytes() { return m_bytes; }
   const ZrByteArray& Bytes() const { return m_bytes; }
   /// Makes the buffer the head, in one version, of a new record. Only a naming file's has the name.
@@ -62,8 +62,7 @@ class RecordImage {
   }
 
   ZrByteArray& m_bytes;
-  std::uint32_t m_fileKind;
-  bool m_swap;
+  RecordShape m_shape;
   RecordHead m_head;
 };
 

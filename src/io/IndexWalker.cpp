@@ -7,33 +7,62 @@
 
 namespace Zarn::Io {
 
+IndexWalker::IndexWalker(const ZrFileStream& file, const Format::IndexShape& index, bool swap,
+                         std::uint64_t end, const WalkOptions& options)
+    : m_file(file),
+      m_index(index),
+      m_swap(swap),
+      m_options(options),
+      m_blockSize(options.blockSize != 0 ? options.blockSize : 64 * 1024 / index.EntrySize()),
+      m_end(end),
+      m_next(std::min(options.first, end)),
+      m_first(m_next) {}
+
 bool IndexWalker::Next() {
-  constexpr std::uint64_t kBlock = 64 * 1024;
-  m_failed = false;
   m_size = 0;
-  if (m_next >= m_count) return false;
-  const std::uint64_t position = m_index.EntryAt(m_next);
-  const std::uint64_t hole = std::max(m_file.NextData(position), position) - position;
-  m_next += hole / m_index.EntrySize();
-  if (m_next >= m_count) return false;
+  m_failed = false;
+  SkipHole();
   m_first = m_next;
-  const std::uint64_t size = std::min(kBlock / m_index.EntrySize(), m_count - m_first);
-  m_next += size;
-  m_bytes.resize(size * m_index.EntrySize());
-  m_failed = !ReadBlock(m_index.EntryAt(m_first));
-  if (!m_failed) m_size = size;
-  return !m_failed;
+  if (m_first == m_end) return false;
+  m_size = std::min(m_blockSize, m_end - m_first);
+  m_next += m_size;
+  m_failed = !ReadBlock();
+  if (m_failed) m_size = 0;
+  return m_size != 0;
 }
 
-// What lies beyond the end of the file is zero; nothing else may be missing.
-bool IndexWalker::ReadBlock(std::uint64_t position) {
+void IndexWalker::SkipHole() {
+  const std::uint64_t left = m_end - m_next;
+  const std::uint64_t position = m_index.EntryAt(m_next);
+  if (left == 0 || position < m_holeAt || (m_options.readsLastBlock && left <= m_blockSize)) return;
+  const std::uint64_t hole = std::max(m_file.NextData(position), position) - position;
+  m_next += std::min(hole / m_index.EntrySize(), left);
+}
+
+// Only the end of the file makes entries missing; the last one may be there in part.
+bool IndexWalker::ReadBlock() {
+  const std::uint64_t position = m_index.EntryAt(m_first);
+  const std::uint64_t entrySize = m_index.EntrySize();
+  m_bytes.resize(m_size * entrySize);
   const std::uint64_t size = m_bytes.size();
-  const std::uint64_t got = m_isShared && m_index.IsGrid()
+  const std::uint64_t got = m_options.isShared && m_index.IsGrid()
                                 ? ReadSharedEntries(m_file, position, m_bytes.data(), size, m_swap)
                                 : m_file.ReadUpTo(position, m_bytes.data(), size);
-  std::memset(m_bytes.data() + got, 0, size - got);
+  if (got == size) return true;
   std::uint64_t length;
-  return got == size || (m_file.GetLength(length) && length <= position + got);
+  if (!m_file.GetLength(length) || length > position + got) return false;
+  std::memset(&m_bytes[got], 0, size - got);
+  m_size = (got + entrySize - 1) / entrySize;
+  m_end = m_next = m_first + m_size;
+  return true;
+}
+
+std::uint64_t IndexWalker::NextHole() {
+  if (m_next == m_end) return m_end;
+  const std::uint64_t begin = m_index.EntryAt(m_next);
+  m_holeAt = std::max(m_file.NextHole(begin), begin);
+  const std::uint64_t entries = (m_holeAt - begin + m_index.EntrySize() - 1) / m_index.EntrySize();
+  return m_next + std::min(entries, m_end - m_next);
 }
 
 }  // namespace Zarn::Io

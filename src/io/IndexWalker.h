@@ -7,48 +7,68 @@
 
 namespace Zarn::Io {
 
-/// Visits the entries of an index in order, in blocks. Entries in holes of the file and beyond its
-/// end are zero and are passed over; so a large and mostly empty index costs little.
+/// How to walk over an index.
+struct WalkOptions {
+  bool isShared = false;        ///< others store new tiles in a grid meanwhile
+  std::uint64_t first = 0;      ///< the entry to begin with
+  std::uint64_t blockSize = 0;  ///< entries in a block; 0: as many as lie in 64 KiB
+  bool readsLastBlock = false;  ///< without asking whether it lies in a hole
+};
+
+/// Visits the entries of an index in order, in blocks. Entries in holes of the file are zero and
+/// are passed over, so a large and mostly empty index costs little; a hole within a block is read.
+/// The walk ends where the file does.
+///
+///   while (walker.Next())
+///     for (std::size_t i = 0; i < walker.Size(); ++i)
+///       ...walker.First() + i, walker.Value(i)...
+///   return !walker.HasFailed();
 class IndexWalker {
  public:
-  /// `count`: how many entries to visit, at most the index's. Others may store new tiles in a grid
-  /// meanwhile if `isShared`.
+  /// The entries before `end`.
   IndexWalker(const ZrFileStream& file, const Format::IndexShape& index, bool swap,
-              std::uint64_t count, bool isShared = false)
-      : m_file(file), m_index(index), m_swap(swap), m_isShared(isShared), m_count(count) {}
+              std::uint64_t end, const WalkOptions& options = {});
 
-  /// Goes on to the next block. False at the end, and where the file cannot be read: then the next
-  /// call goes on behind that block. Throws std::bad_alloc.
+  /// Goes on to the next block. False at the end, and for a block that cannot be read; then the
+  /// next call goes on behind that. Throws std::bad_alloc.
   bool Next();
-  /// Why Next has answered false.
+  /// The last call of Next has found a block that cannot be read.
   bool HasFailed() const { return m_failed; }
 
-  /// The number of the block's first entry; of the first one that could not be read.
+  /// The number of the first entry of the block, or of the block that cannot be read. What lies
+  /// between the block before and this one is a hole; at the end, this is the last entry's
+  /// successor.
   std::uint64_t First() const { return m_first; }
   /// Entries in the block.
   std::size_t Size() const { return m_size; }
+  /// The first entry behind the block.
+  std::uint64_t Position() const { return m_next; }
   /// The index value of an entry of the block.
   std::uint64_t Value(std::size_t entry) const { return Word(entry, 0); }
   /// The hash code of a slot of the block.
   std::uint64_t Code(std::size_t slot) const { return Word(slot, Format::kWidth8); }
-  /// The first entry behind the block.
-  std::uint64_t Position() const { return m_next; }
+
+  /// The first entry behind the block that lies wholly in a hole of the file, or is not visited.
+  std::uint64_t NextHole();
 
  private:
   std::uint64_t Word(std::size_t entry, std::size_t offset) const {
     return LoadScalar<std::uint64_t>(&m_bytes[entry * m_index.EntrySize() + offset], m_swap);
   }
-  bool ReadBlock(std::uint64_t position);
+  void SkipHole();
+  bool ReadBlock();
 
   const ZrFileStream& m_file;
   const Format::IndexShape m_index;
   const bool m_swap;
-  const bool m_isShared;
-  const std::uint64_t m_count;
-  std::uint64_t m_next = 0;
-  std::uint64_t m_first = 0;
+  const WalkOptions m_options;
+  const std::uint64_t m_blockSize;
+  std::uint64_t m_end;
+  std::uint64_t m_next;
+  std::uint64_t m_first;
   std::size_t m_size = 0;
   bool m_failed = false;
+  std::uint64_t m_holeAt = 0;  // up to this position of the file there is no hole; as far as known
   std::vector<unsigned char> m_bytes;
 };
 

@@ -79,9 +79,9 @@ NameRead RecordReader::ReadName(std::uint64_t position, ZrByteArray& buffer) {
   if (!buffer.ResizeForOverwrite(kUsualHead)) return NameRead::kFailed;
   const std::uint64_t got = m_file.ReadUpTo(position, buffer.GetData(), kUsualHead);
   if (got < Format::kNameOffset) return MissingName(position + Format::kNameOffset);
-  const auto length = LoadScalar<std::uint64_t>(buffer.GetData(), m_swap);
+  const auto length = LoadScalar<std::uint64_t>(buffer.GetData(), m_shape.swap);
   const auto nameLength =
-      LoadScalar<std::uint32_t>(buffer.GetData() + Format::kNameLengthOffset, m_swap);
+      LoadScalar<std::uint32_t>(buffer.GetData() + Format::kNameLengthOffset, m_shape.swap);
   if (length < Format::kMinNamingRecord || nameLength > length - Format::kMinNamingRecord)
     return NameRead::kNone;
   const std::uint64_t end = Format::kNameOffset + nameLength;
@@ -123,7 +123,7 @@ bool RecordReader::EndsInFile(std::uint64_t position) const {
 
 HeadParse RecordReader::Parse(const unsigned char* bytes, std::uint64_t available) {
   m_bytes = bytes;
-  return Format::ParseRecordHead(bytes, available, m_fileKind, m_swap, m_head);
+  return Format::ParseRecordHead(bytes, available, m_shape.kind, m_shape.swap, m_head);
 }
 
 }  // namespace Zarn::Io

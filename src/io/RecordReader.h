@@ -1,6 +1,7 @@
 #pragma once
 
 #include "FileMap.h"
+#include "IndexShape.h"
 #include "RecordHead.h"
 #include "ZrByteArray.h"
 #include "ZrFileStream.h"
@@ -28,8 +29,8 @@ enum class NameRead {
 class RecordReader {
  public:
   /// With a map, records are copied out of that.
-  RecordReader(const ZrFileStream& file, std::uint32_t fileKind, bool swap, FileMap* map = nullptr)
-      : m_file(file), m_map(map), m_fileKind(fileKind), m_swap(swap) {}
+  RecordReader(const ZrFileStream& file, const Format::RecordShape& shape, FileMap* map = nullptr)
+      : m_file(file), m_map(map), m_shape(shape) {}
 
   /// Reads a record; `buffer` gets exactly its payload area, and is unspecified on failure.
   bool Read(std::uint64_t position, RecordGuess guess, ZrByteArray& buffer);
@@ -51,7 +52,7 @@ class RecordReader {
   /// The name in it, in a naming file; valid as long as the version table.
   const unsigned char* NameBytes() const { return m_bytes + Format::kNameOffset; }
   /// Its version table; valid until the buffer is read into again or changed.
-  Format::VersionTable Versions() const { return m_head.Table(m_bytes, m_swap); }
+  Format::VersionTable Versions() const { return m_head.Table(m_bytes, m_shape.swap); }
 
  private:
   std::uint64_t ReadUpTo(std::uint64_t position, void* target, std::uint64_t size);
@@ -63,8 +64,7 @@ class RecordReader {
 
   const ZrFileStream& m_file;
   FileMap* m_map;
-  std::uint32_t m_fileKind;
-  bool m_swap;
+  Format::RecordShape m_shape;
   Format::RecordHead m_head;
   const unsigned char* m_bytes = nullptr;  // the record, in the buffer
 };

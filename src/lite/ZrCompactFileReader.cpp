@@ -41,7 +41,7 @@ unsigned int ZrCompactFileReader::Lookup(unsigned int row, unsigned int col, ZrB
       data.Resize(0);
       return ZrResult::kOk;
     }
-    Io::RecordReader record(*this, Format::kGridFile, m_bSwap);
+    Io::RecordReader record(*this, {.swap = m_bSwap});
     const bool isRead = ReadRecord(Format::PositionOf(entry), sizeHint, record);
     unsigned long long now;
     if (!ReadIndexValue(row, col, now)) return ZrResult::kReadFailure;
