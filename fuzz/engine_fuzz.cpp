@@ -9,7 +9,8 @@
 
 #include "Harness.h"
 #include "HeaderIo.h"
-#include "IndexValue.h"
+#include "IndexShape.h"
+#include "ZrFile64.h"
 
 namespace {
 
@@ -78,8 +79,8 @@ class Session {
     CHECK(stream.Open(m_path, Zarn::ZrFile64::kRead) &&
           Zarn::Io::ReadFileHeader(stream, password, header, swap) == Zarn::Io::HeaderRead::kOk);
     return m_file.GetIndexInfo(capacity, count) == 1 &&
-           Zarn::Format::NamingSlotOffset(Zarn::Format::HeaderView(header).IndexOffset(), count) >
-               LengthOf(m_path);
+           Zarn::Format::IndexShape::OfNames(Zarn::Format::HeaderView(header).IndexOffset(), count)
+                   .End() > LengthOf(m_path);
   }
 
   void Operate(char letter) {

@@ -1,15 +1,8 @@
 #pragma once
 
-#include <array>
-#include <atomic>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <optional>
-#include <shared_mutex>
-#include <utility>
 #include <vector>
 
 #include "HxCompactFileExport.h"
@@ -17,44 +10,16 @@
 #include "PelmUnicodeString.h"
 #include "ZrBatch.h"
 #include "ZrByteArray.h"
-#include "ZrCacheFile.h"
-#include "ZrFile64.h"
 #include "ZrFilledLength.h"
-#include "ZrMutex.h"
 #include "ZrProcess.h"
 #include "ZrResult.h"
-#include "ZrTextCodec.h"
 #include "ZrVerify.h"
 
 namespace Zarn {
 
-namespace Format {
-class RecordImage;
-struct StoredName;
-}  // namespace Format
-namespace Io {
-struct DataEnd;
-enum class NameRead;
-class FileMap;
-class RecordReader;
-class RedoFile;
-struct RecordGuess;
-}  // namespace Io
 namespace Engine {
-class IndexPages;
-class LookupBarrier;
-class NameKey;
-class NameTable;
-class OperationLock;
-struct FileState;
-struct BatchSource;
-struct NameSlot;
-struct RecordBackup;
-struct RecordReference;
-class StoreBatch;
-struct TileEntry;
-struct TileStore;
-}  // namespace Engine
+class Engine;
+}
 
 /// One container file, for all threads of a process: tiles stored whole or in pieces, in versions,
 /// and read back while others write.
@@ -407,236 +372,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// @}
 
  private:
-  friend class Engine::LookupBarrier;
-  friend class Engine::OperationLock;
   friend HX_COMPACTFILE_API void RefeshIndexCallBack(void* owner);
 
-  // Lifecycle. Called with m_mutex held.
-  unsigned int OpenCacheFile(const PelmUnicodeString& path, const PelmUnicodeString& password);
-  unsigned int CreateGrid(const PelmUnicodeString& path, unsigned int rows, unsigned int cols,
-                          const PelmUnicodeString& password, ZrOpenMode mode);
-  unsigned int CreateNaming(const PelmUnicodeString& path, unsigned long long capacity,
-                            const PelmUnicodeString& password, ZrOpenMode mode);
-  bool TakeNewFile(std::shared_ptr<ZrFile64> stream, const PelmUnicodeString& absolutePath,
-                   const PelmUnicodeString& path, const PelmUnicodeString& password,
-                   ZrOpenMode mode);
-  unsigned int OpenContainer(const PelmUnicodeString& path, const PelmUnicodeString& password,
-                             ZrOpenMode mode);
-  void DetachCacheFile();
-  unsigned int Join();
-  unsigned int TakeIntoUse();
-  bool IsOpenAt(const PelmUnicodeString& path) const;
-  void TearDown();
-  void SetIdentity(const PelmUnicodeString& path, const PelmUnicodeString& absolutePath,
-                   const PelmUnicodeString& password, ZrOpenMode mode);
-  std::pair<double, double> GetMaxSizes() const;
-  bool ProcessLockInit();
-
-  // Index. Called with m_mutex held.
-  unsigned int RefreshIndex(bool keepsWriting = false);
-  bool HasOnlyOtherTiles() const;
-  void ForgetTiles();
-  void Publish(Engine::FileState& state);
-  Engine::FileState GetState() const;
-  bool HasVersions() const;
-  unsigned long long GetIndexEnd() const;
-  std::optional<std::uint32_t> FindCell(unsigned int row, unsigned int col) const;
-  bool ReadGridIdxValueLocked(unsigned int row, unsigned int col, unsigned long long& value) const;
-  bool ReadGridSlot(unsigned int row, unsigned int col, Engine::TileEntry& entry) const;
-  bool ReadSharedSlot(unsigned int row, unsigned int col, Engine::TileEntry& entry) const;
-  bool WriteIndexValue(Engine::TileEntry& entry);
-
-  // Naming index. Called with m_mutex and the lock between processes held.
-  bool IsNaming() const;
-  bool GetNamingIdxValue(const Engine::NameKey& key, ZrByteArray& buffer,
-                         Engine::NameSlot& slot) const;
-  Io::NameRead GetKeyString(unsigned long long recordPosition, ZrByteArray& key) const;
-  std::optional<bool> HasName(Engine::TileEntry& entry, const Engine::NameKey& key,
-                              ZrByteArray& buffer) const;
-  bool ReadSlot(std::uint64_t code, Engine::NameSlot& slot) const;
-  bool UpdateNamingIndex(Engine::NameSlot& slot);
-  bool AddSlots(const Engine::NameSlot* slots, unsigned long long count);
-  bool WriteNamingHeader(unsigned long long indexOffset, unsigned long long capacity,
-                         unsigned long long count);
-  bool IncreaseNamingIndexCapacity();
-  bool CopySlots(unsigned long long from, unsigned long long to, unsigned long long size);
-  unsigned int LookupName(const Engine::NameKey& key, Engine::OperationLock& lock,
-                          ZrByteArray& data, unsigned long long& filledLength,
-                          unsigned long long version);
-  std::shared_ptr<ZrCacheFile> GetCacheFile() const;
-
-  ZrTextCodec* GetTextCodec(PELMCharset::Charset from, PELMCharset::Charset to);
-  bool DecodeOlderName(const Format::StoredName& stored, std::u16string& name);
-
-  // Compaction. Called with m_mutex held, and with the lock between processes: ReplaceByImage gives
-  // that back if the file has become another one.
-  unsigned int BuildImage(const Engine::FileState& source, Io::RedoFile& image,
-                          const CompactProgress& progress);
-  bool WriteEmptyImage(const Engine::FileState& source, ZrFile64& image) const;
-  unsigned int ReplaceByImage(const Engine::FileState& source, Io::RedoFile& image,
-                              Engine::OperationLock& lock, const CompactProgress& progress);
-
-  // Stores. Called with m_mutex and the lock between processes held for writing.
-  unsigned int StoreCell(const ZrCellStore& store, Engine::OperationLock& lock);
-  unsigned int StoreName(const ZrNameStore& store);
-
-  // Batches. Likewise, but for StoreAll and StoreTogether.
-  unsigned int StoreAll(const Engine::BatchSource& source, std::vector<unsigned int>& results);
-  bool StoreTogether(const Engine::BatchSource& source, std::vector<unsigned int>& results);
-  bool AddToBatch(const ZrCellStore& store, std::size_t number, Engine::StoreBatch& batch);
-  bool AddToBatch(const ZrNameStore& store, std::size_t number, Engine::StoreBatch& batch);
-  void WriteBlock(Engine::StoreBatch& batch, std::vector<unsigned int>& results);
-  void WriteBatch(Engine::StoreBatch& batch, Engine::OperationLock& lock,
-                  std::vector<unsigned int>& results);
-  bool WriteEntries(const Engine::NameSlot* slots, std::size_t count);
-  bool WriteCells(const Engine::NameSlot* cells, std::size_t count);
-
-  // Records. Called with m_mutex and the lock between processes held.
-  ZrByteArray* GetSwapData();
-  std::atomic<ZrByteArray*>* FindBuffer();
-  void ForgetBuffers();
-  bool IsReadOnly() const;
-  bool IsRecordPlace(unsigned long long position, unsigned long long length) const;
-  unsigned long long GetAppendPosition();
-  bool FindDataEnd(unsigned long long fileLength);
-  Format::RecordImage MakeImage(ZrByteArray& buffer) const;
-  bool ReadHead(unsigned long long position, unsigned long long guessedLength,
-                Format::RecordImage& image) const;
-  bool ReadDataFromDataFile(unsigned long long position, Format::RecordImage& image) const;
-  bool WriteHeadAndData(unsigned long long position, const Format::RecordImage& image,
-                        const Engine::TileStore& store);
-  unsigned long long WriteDataToDataFile(unsigned long long position, bool append,
-                                         const Format::RecordImage& image);
-  bool PointTo(Engine::RecordReference& reference, unsigned long long position);
-  bool ReplaceLocator(Engine::RecordReference& reference, unsigned long long locator);
-  unsigned long long MoveHome(Engine::RecordReference& reference, unsigned long long copy,
-                              unsigned long long home, const Format::RecordImage& image,
-                              const Engine::TileStore* store);
-  bool BackUp(Engine::RecordBackup& backup, unsigned long long position, unsigned long long size);
-  void PutBack(const Engine::RecordBackup& backup);
-  bool IsOwnRecord(unsigned long long position) const;
-  bool RunsOverRecord(unsigned long long position, unsigned long long from,
-                      unsigned long long to) const;
-  unsigned long long RewriteRecord(Engine::RecordReference& reference, unsigned long long position,
-                                   const Format::RecordImage& image, Engine::RecordBackup& backup);
-  bool UpdateSwapData(Format::RecordImage& image, const Engine::TileStore& store);
-  unsigned long long AppendSwapData(Format::RecordImage& image, const Engine::TileStore& store);
-  unsigned long long AppendNewRecord(Format::RecordImage& image, const Engine::TileStore& store);
-
-  // Versions. Likewise.
-  bool StoreIntoTile(Engine::TileEntry& entry, const Engine::TileStore& store,
-                     Engine::RecordBackup& backup);
-  bool RemoveFromTile(Engine::TileEntry& entry, unsigned long long version,
-                      Engine::RecordBackup& backup);
-  unsigned int GetStatusAndVersionOrder(Format::RecordImage& image, unsigned int& index,
-                                        unsigned long long recordPosition,
-                                        unsigned long long version);
-  unsigned long long AddNewData(Format::RecordImage& image, const Engine::TileStore& store,
-                                const Format::StoredName& name);
-  unsigned long long AddMaxNewVersionData(unsigned long long recordPosition,
-                                          Format::RecordImage& image,
-                                          const Engine::TileStore& store);
-  unsigned long long AddOldVersionData(unsigned long long recordPosition,
-                                       Format::RecordImage& image, unsigned int index,
-                                       const Engine::TileStore& store);
-  unsigned long long ReplaceVersion(Engine::RecordReference& reference, unsigned long long position,
-                                    Format::RecordImage& image, const Engine::TileStore& store,
-                                    Engine::RecordBackup& backup);
-  bool ReplaceInPage(unsigned long long position, Format::RecordImage& image,
-                     const Engine::TileStore& store, Engine::RecordBackup& backup);
-  bool UpdateOlderVersion(Engine::TileEntry& entry, const Format::RecordImage& image,
-                          unsigned int index, const Engine::TileStore& store,
-                          unsigned long long newestLocator, Engine::RecordBackup& backup);
-  bool ReadCurrentHead(const Engine::TileEntry& entry, Format::RecordImage& image) const;
-  bool ReadOlderHead(unsigned long long position, unsigned long long currentPosition,
-                     unsigned long long stamp, Format::RecordImage& image) const;
-  bool RemoveNewest(Engine::TileEntry& entry, const Format::RecordImage& current,
-                    Engine::RecordBackup& backup);
-  void Remember(const Engine::TileEntry& entry, unsigned long long recordLength) const;
-  Io::RecordGuess GuessRecord(const Engine::TileEntry& entry, unsigned long long headSize) const;
-  unsigned int LookUp_Inner(const Engine::TileEntry& entry, const Engine::NameKey* key,
-                            ZrByteArray& buffer, ZrByteArray& data,
-                            unsigned long long& filledLength, unsigned long long version) const;
-
-  /// A compaction is under way and holds the lock between processes for all operations: those that
-  /// its progress function calls. Guarded by m_mutex.
-  bool m_bLockHeld = false;
-
-  /// Lookups of several threads that hold the lock between processes together. Guarded by m_mutex.
-  struct ReaderFlight {
-    std::uint64_t number = 0;
-    unsigned int aboard = 0;   ///< 0: the lock is not held for reading
-    unsigned int boarded = 0;  ///< since the lock was taken
-
-    void End() {
-      aboard = 0;
-      ++number;
-    }
-  };
-  ReaderFlight m_flight;
-  /// Readers that take long. Nobody waits for them, but who stores. Raised with m_mutex held.
-  std::atomic<unsigned int> m_nLongReaders{0};
-
-  /// The published state of the open file. Changed with m_mutex and m_stateMutex both held, so
-  /// either of them is enough to read it; but the two sizes, which SetMaxSize changes, need
-  /// m_stateMutex.
-  mutable std::mutex m_stateMutex;
-  std::shared_ptr<ZrFile64> m_file;                ///< null while nothing is open
-  std::array<unsigned char, 64> m_header;          ///< unscrambled, in host order
-  std::array<unsigned char, 64> m_headerOnDisk{};  ///< the same as it was in the file when loaded
-  std::uint32_t m_nRowCount = 0;                   ///< grid files
-  std::uint32_t m_nColCount = 0;                   ///< grid files
-  std::uint32_t m_nGridFlags = 0;                  ///< grid files; bit 0: versions
-  std::uint64_t m_nNamingCapacity = 0;             ///< naming files: slots
-  std::uint64_t m_nNamingCount = 0;                ///< naming files: slots in use
-  double m_dMaxSize1 = 0;                          ///< the host's, see SetMaxSize
-  double m_dMaxSize2 = 0;
-  std::uint32_t m_nNamingFlags = 0;              ///< naming files; bit 0: versions
-  std::shared_ptr<Engine::IndexPages> m_pIndex;  ///< entries, in the file's order
-  std::shared_ptr<Io::FileMap> m_pMap;           ///< the file as memory, with kMapped
-  bool m_bSwap = false;                          ///< the file is in the other byte order
-  bool m_bOpened = false;
-  bool m_bIndexValid = false;                 ///< the last refresh succeeded
-  std::shared_ptr<ZrCacheFile> m_pCacheFile;  ///< the ".sc" file that is in use instead
-  std::atomic<bool> m_bHasCacheFile{false};   ///< whether there is one; also to be read without
-  PelmUnicodeString m_strPath;                ///< as given, completed
-
-  /// Guarded by m_mutex.
-  std::shared_ptr<Engine::NameTable> m_mapHashCode;  ///< naming files: slots by hash code
-  std::map<std::uint64_t, std::unique_ptr<ZrTextCodec>> m_mapTextCodec;  ///< by both charsets
-  std::map<std::uint32_t, std::unique_ptr<ZrByteArray>> m_mapSwapData;   ///< by thread: its users
-  std::array<unsigned char, 256> m_xorString{};                          ///< the password's
-  PelmUnicodeString m_strAbsolutePath;  ///< where the file is, whatever the working directory
-  PelmUnicodeString m_strPassword;
-  ZrOpenMode m_nOpenMode = 0;
-
-  /// How long the file is, as long as the lock between processes tells that nobody else has changed
-  /// it; 0: unknown. Guarded by m_mutex.
-  std::uint64_t m_nFileEnd = 0;
-
-  /// How long it was when a record was last appended. Guarded by m_mutex.
-  std::uint64_t m_nLengthBefore = 0;
-
-  /// Where the data of a grid file end, and whether that is known. Guarded by m_mutex.
-  const std::unique_ptr<Io::DataEnd> m_pDataEnd;
-  bool m_bDataEndFound = false;
-
-  /// The number of the locked file that the state was loaded from; 0 without the lock between
-  /// processes. Guarded by m_mutex.
-  std::uint64_t m_nLoadedFile = 0;
-
-  /// The lock order: m_mutex, the lock between processes, m_readers, m_stateMutex, the index's own.
-  ZrMutex m_mutex{1};
-  /// Held shared by a lookup while it reads without m_mutex, and exclusively by whoever changes
-  /// records or the index, or closes the file.
-  std::shared_mutex m_readers;
-  /// Those who wait to hold m_readers exclusively, and m_mutex already: lookups then wait for that.
-  std::atomic<unsigned int> m_nBarriers{0};
-  /// Lookups need not take m_mutex at all. Guarded by m_readers.
-  bool m_bSharedLookups = false;
-  /// The buffers of m_mapSwapData of the threads with the lowest numbers. Changed with m_mutex
-  /// held, and taken out with m_readers as well, but for a thread's own.
-  std::array<std::atomic<ZrByteArray*>, 64> m_buffers{};
+  const std::unique_ptr<Engine::Engine> m_engine;
 };
 
 /// What the lock between processes calls when another process has changed the file; `owner` is the

@@ -10,6 +10,10 @@
 
 namespace Zarn {
 
+namespace Format {
+struct IndexShape;
+}
+
 /// What ZrCompactFileWriter and ZrCompactFileReader have in common: an open grid file whose index
 /// entries are read straight from the file. Use one of those two.
 ///
@@ -57,6 +61,7 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
   /// First byte of the index area.
   unsigned long long GetIndexOffset() const;
   /// First byte behind the index area.
+  Format::IndexShape GetIndexShape() const;
   unsigned long long GetDataStart() const;
 
   ZrCompactFile::ZrOpenMode m_nOpenMode = 0;  ///< stored, not interpreted

@@ -1,30 +1,11 @@
 #include <new>
 #include <utility>
 
-#include "DataEnd.h"
-#include "Header.h"
-#include "IndexPages.h"
-#include "IndexValue.h"
-#include "NameKey.h"
-#include "NameTable.h"
-#include "OperationLock.h"
-#include "ReplaceWord.h"
+#include "Engine.h"
 #include "StoreBatch.h"
-#include "ZrCompactFile.h"
 
-namespace Zarn {
-
-using Engine::NameKey;
-using Engine::NameSlot;
-using Engine::OperationLock;
-using Engine::StoreBatch;
-
+namespace Zarn::Engine {
 namespace {
-
-const ZrByteArray& DataOf(const ZrByteArray* data) {
-  static const ZrByteArray empty;
-  return data != nullptr ? *data : empty;
-}
 
 template <typename Store>
 Format::NewRecord HeadOf(const Store& store) {
@@ -40,115 +21,102 @@ bool FillsItsRecord(const Store& store) {
   return span && span->CoversAll();
 }
 
-// Of the entries that lie at `position`, those that span pages: a kill must not cut them in two.
-bool ReplaceSplitEntries(ZrFile64& file, std::uint64_t position, const ZrByteArray& before,
-                         const ZrByteArray& after) {
-  for (std::uint64_t at = 0; at < after.GetSize(); at += Format::kGridEntrySize) {
-    if (Io::SpansPages(position + at, Format::kGridEntrySize) &&
-        !Io::ReplaceWord(file, position + at,
-                         LoadScalar<std::uint64_t>(before.GetData() + at, false),
-                         LoadScalar<std::uint64_t>(after.GetData() + at, false)))
-      return false;
-  }
-  return true;
-}
-
 }  // namespace
 
-unsigned int ZrCompactFile::SetBatch(const std::vector<ZrCellStore>& stores,
-                                     std::vector<unsigned int>& results) {
-  return StoreAll(
-      {stores.size(),
-       [&](std::size_t i, StoreBatch& batch) { return AddToBatch(stores[i], i, batch); },
-       [&](std::size_t i, OperationLock& lock) { return StoreCell(stores[i], lock); },
-       [&](std::size_t i) {
-         const ZrCellStore& store = stores[i];
-         return SetAt(store.row, store.col, DataOf(store.data), store.capacity, store.offset,
-                      store.version);
-       }},
-      results);
+unsigned int Engine::SetBatch(const std::vector<ZrCellStore>& stores,
+                              std::vector<unsigned int>& results) {
+  return StoreAll(stores, results);
 }
 
-unsigned int ZrCompactFile::SetBatch(const std::vector<ZrNameStore>& stores,
-                                     std::vector<unsigned int>& results) {
-  return StoreAll(
-      {stores.size(),
-       [&](std::size_t i, StoreBatch& batch) { return AddToBatch(stores[i], i, batch); },
-       [&](std::size_t i, OperationLock&) { return StoreName(stores[i]); },
-       [&](std::size_t i) {
-         const ZrNameStore& store = stores[i];
-         return SetAt(store.name, DataOf(store.data), store.capacity, store.offset, store.version);
-       }},
-      results);
+unsigned int Engine::SetBatch(const std::vector<ZrNameStore>& stores,
+                              std::vector<unsigned int>& results) {
+  return StoreAll(stores, results);
 }
 
-unsigned int ZrCompactFile::StoreAll(const Engine::BatchSource& source,
-                                     std::vector<unsigned int>& results) {
+// Where the file as a whole takes no stores, each store by itself says why.
+template <typename Store>
+unsigned int Engine::StoreAll(const std::vector<Store>& stores,
+                              std::vector<unsigned int>& results) {
   try {
-    results.assign(source.count, ZrResult::kOk);
+    results.assign(stores.size(), ZrResult::kOk);
   } catch (const std::bad_alloc&) {
     return ZrResult::kWriteFailure;
   }
-  if (!StoreTogether(source, results))
-    for (std::size_t i = 0; i < source.count; ++i)
-      results[i] = source.storeUnlocked(i);
+  if (!StoreTogether(stores, results))
+    for (std::size_t i = 0; i < stores.size(); ++i)
+      results[i] = StoreByItself(stores[i]);
   for (const unsigned int result : results)
     if (result != ZrResult::kOk) return result;
   return ZrResult::kOk;
 }
 
+unsigned int Engine::StoreByItself(const ZrCellStore& store) {
+  static const ZrByteArray kNothing;
+  ZrCellStore one = store;
+  if (one.data == nullptr) one.data = &kNothing;
+  return SetAt(one);
+}
+
+unsigned int Engine::StoreByItself(const ZrNameStore& store) {
+  static const ZrByteArray kNothing;
+  return SetAt(store.name, store.data != nullptr ? *store.data : kNothing, store.capacity,
+               store.offset, store.version);
+}
+
 // New tiles are kept back, and written together with the next ones; whatever else is to be stored
 // waits until they are in place. False if the file cannot be stored into at all.
-bool ZrCompactFile::StoreTogether(const Engine::BatchSource& source,
-                                  std::vector<unsigned int>& results) {
+template <typename Store>
+bool Engine::StoreTogether(const std::vector<Store>& stores, std::vector<unsigned int>& results) {
   if (GetCacheFile() != nullptr) return false;
-  OperationLock lock(*this, OperationLock::kStore);
-  if (!lock.IsUsable() || IsReadOnly() || GetSwapData() == nullptr) return false;
-  if (IsNaming() && !lock.ExcludeLookups()) return false;
-  GetAppendPosition();  // finds where no record may begin
+  WriteOperation operation(m_locks, m_buffers, Operation::kStore);
+  if (!operation.IsUsable() || IsReadOnly() || GetSwapData() == nullptr) return false;
+  if (File().Names() != nullptr && !operation.ExcludeLookups()) return false;
+  File().GetTail().Reserve(*File().GetStream());  // finds where no record may begin
   StoreBatch batch;
-  for (std::size_t i = 0; i < source.count; ++i) {
+  for (std::size_t i = 0; i < stores.size(); ++i) {
     try {
-      if (source.add(i, batch)) {
+      if (AddToBatch(stores[i], i, batch)) {
         if (batch.IsBlockFull()) WriteBlock(batch, results);
         continue;
       }
-      WriteBatch(batch, lock, results);
-      results[i] = source.store(i, lock);
+      WriteBatch(batch, operation, results);
+      results[i] = StoreAlone(stores[i], operation);
     } catch (const std::bad_alloc&) {
       results[i] = ZrResult::kWriteFailure;
     }
   }
-  WriteBatch(batch, lock, results);
+  WriteBatch(batch, operation, results);
   return true;
 }
 
-bool ZrCompactFile::AddToBatch(const ZrCellStore& store, std::size_t number, StoreBatch& batch) {
+bool Engine::AddToBatch(const ZrCellStore& store, std::size_t number, StoreBatch& batch) {
   // Each place counts where records have been lost.
-  if (!FillsItsRecord(store) || !m_pDataEnd->lost.empty()) return false;
+  const CellIndex* const cells = File().Cells();
+  if (!FillsItsRecord(store) || cells == nullptr || File().GetTail().HasLostRecords()) return false;
   StoreBatch::Tile tile;
   tile.store = number;
   tile.data = store.data;
-  Engine::TileEntry& entry = tile.slot.entry;
-  if (!ReadGridSlot(store.row, store.col, entry) || entry.status != Format::kStatusEmpty ||
+  TileEntry& entry = tile.slot.entry;
+  if (!cells->Read(store.row, store.col, entry) || entry.status != Format::kStatusEmpty ||
       batch.Holds(entry.number))
     return false;
   entry.status = Format::kStatusComplete;
   tile.head.resize(Format::kGridRecordHead);
-  Format::EncodeGridRecordHead(tile.head.data(), HeadOf(store), m_bSwap);
+  Format::EncodeGridRecordHead(tile.head.data(), HeadOf(store), File().GetShape().swap);
   const std::uint64_t key = entry.number;
   batch.Add(key, std::move(tile));
   return true;
 }
 
-bool ZrCompactFile::AddToBatch(const ZrNameStore& store, std::size_t number, StoreBatch& batch) {
-  const std::uint64_t slotNumber = m_nNamingCount + batch.GetCount();
-  if (!FillsItsRecord(store) || !IsNaming() || !NameKey::IsUsable(store.name) ||
-      slotNumber >= m_nNamingCapacity)
-    return false;
-  const NameKey key(store.name, Format::HeaderView(m_header).FormatVersion(), m_bSwap);
+bool Engine::AddToBatch(const ZrNameStore& store, std::size_t number, StoreBatch& batch) {
+  const NameIndex* const names = File().Names();
+  if (!FillsItsRecord(store) || names == nullptr || !NameKey::IsUsable(store.name)) return false;
+  const std::uint64_t slotNumber = names->GetCount() + batch.GetCount();
+  const NameKey key = MakeKey(store.name);
   const std::uint64_t code = key.GetHashCode();
-  if (!key.IsStorable() || m_mapHashCode->Find(code) || batch.Holds(code)) return false;
+  if (slotNumber >= names->GetCapacity() || !key.IsStorable() || names->HasCode(code) ||
+      batch.Holds(code))
+    return false;
   StoreBatch::Tile tile;
   tile.store = number;
   tile.data = store.data;
@@ -158,19 +126,20 @@ bool ZrCompactFile::AddToBatch(const ZrNameStore& store, std::size_t number, Sto
   const std::string_view stored = key.GetStoredBytes(scratch);
   tile.head.resize(Format::NamingRecordHeadSize(stored.size()));
   Format::EncodeNamingRecordHead(tile.head.data(), {key.GetCharset(), stored}, HeadOf(store),
-                                 m_bSwap);
+                                 File().GetShape().swap);
   batch.Add(code, std::move(tile));
   return true;
 }
 
 // Writes the records of the block; those that could not be written are given up.
-void ZrCompactFile::WriteBlock(StoreBatch& batch, std::vector<unsigned int>& results) {
+void Engine::WriteBlock(StoreBatch& batch, std::vector<unsigned int>& results) {
   if (!batch.HasBlock()) return;
+  ZrFile64& file = *File().GetStream();
   bool written = false;
   try {
-    const std::uint64_t position = GetAppendPosition();
+    const std::uint64_t position = File().GetTail().Reserve(file);
     std::vector<iovec> parts = batch.PlaceBlock(position);
-    written = position != 0 && m_file->WriteGathered(position, parts.data(), parts.size());
+    written = position != 0 && file.WriteGathered(position, parts.data(), parts.size());
   } catch (const std::bad_alloc&) {
   }
   if (written) return batch.KeepBlock();
@@ -179,8 +148,8 @@ void ZrCompactFile::WriteBlock(StoreBatch& batch, std::vector<unsigned int>& res
 }
 
 // Writes the records that are left, and then all entries: those of neighbours at once.
-void ZrCompactFile::WriteBatch(StoreBatch& batch, OperationLock& lock,
-                               std::vector<unsigned int>& results) {
+void Engine::WriteBatch(StoreBatch& batch, WriteOperation& operation,
+                        std::vector<unsigned int>& results) {
   WriteBlock(batch, results);
   const std::vector<StoreBatch::Tile> tiles = batch.TakeTiles();
   std::vector<NameSlot> slots;
@@ -194,42 +163,23 @@ void ZrCompactFile::WriteBatch(StoreBatch& batch, OperationLock& lock,
     do
       ++end;
     while (end < slots.size() && slots[end].entry.number == slots[end - 1].entry.number + 1);
-    const bool written =
-        end <= slots.size() && lock.ExcludeLookups() && WriteEntries(&slots[first], end - first);
+    const bool written = end <= slots.size() && operation.ExcludeLookups() &&
+                         WriteEntries(&slots[first], end - first);
     for (std::size_t i = first; i < end; ++i) {
-      if (written)
-        Remember(slots[i].entry, tiles[i].GetLength());
-      else
+      if (written) {
+        slots[i].entry.recordLength = tiles[i].GetLength();
+        File().Index().KeepHint(slots[i].entry);
+      } else {
         results[tiles[i].store] = ZrResult::kWriteFailure;
+      }
     }
   }
 }
 
 // The entries of new tiles, whose numbers have no gap.
-bool ZrCompactFile::WriteEntries(const NameSlot* slots, std::size_t count) {
-  return IsNaming() ? AddSlots(slots, count) : WriteCells(slots, count);
+bool Engine::WriteEntries(const NameSlot* slots, std::size_t count) {
+  if (NameIndex* const names = File().Names()) return names->AddSlots(slots, count);
+  return File().Cells()->WriteCells(slots, count);
 }
 
-// Writes the entries of neighbouring cells that were empty, or takes them back.
-bool ZrCompactFile::WriteCells(const NameSlot* cells, std::size_t count) {
-  const std::uint64_t size = count * Format::kGridEntrySize;
-  const std::uint64_t offset = cells[0].entry.number * std::uint64_t{Format::kGridEntrySize};
-  const std::uint64_t start =
-      Format::GridEntryOffset(Format::HeaderView(m_header).IndexOffset(), 0);
-  ZrByteArray bytes;
-  ZrByteArray before;
-  if (!bytes.ResizeForOverwrite(size) || !before.ResizeForOverwrite(size)) return false;
-  for (std::size_t i = 0; i < count; ++i) {
-    StoreScalar(bytes.GetData() + i * Format::kGridEntrySize, cells[i].entry.Value(), m_bSwap);
-    StoreScalar(before.GetData() + i * Format::kGridEntrySize, cells[i].entry.stored, m_bSwap);
-  }
-  if (ReplaceSplitEntries(*m_file, start + offset, before, bytes) &&
-      m_file->WriteAt(start + offset, bytes.GetData(), size) &&
-      m_pIndex->Write(offset, bytes.GetData(), size))
-    return true;
-  m_file->WriteAt(start + offset, before.GetData(), size);
-  m_pIndex->Forget();
-  return false;
-}
-
-}  // namespace Zarn
+}  // namespace Zarn::Engine

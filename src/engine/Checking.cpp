@@ -1,30 +1,25 @@
 #include <new>
 
-#include "OperationLock.h"
+#include "Engine.h"
 #include "Verifier.h"
-#include "ZrCompactFile.h"
 
-namespace Zarn {
+namespace Zarn::Engine {
 
-unsigned int ZrCompactFile::Verify(ZrVerifySummary& summary) {
-  return Verify(summary, VerifyReport());
-}
-
-unsigned int ZrCompactFile::Verify(ZrVerifySummary& summary, const VerifyReport& report,
-                                   const VerifyProgress& progress) {
+unsigned int Engine::Verify(ZrVerifySummary& summary, const ZrCompactFile::VerifyReport& report,
+                            const ZrCompactFile::VerifyProgress& progress) {
   summary = {};
   if (GetCacheFile() != nullptr) return ZrResult::kNotUsable;
-  Engine::OperationLock lock(*this, Engine::OperationLock::kLongReader);
-  if (!m_bOpened) return ZrResult::kNotOpen;
-  if (!lock.IsUsable()) return ZrResult::kReadFailure;
-  const std::shared_ptr<ZrFile64> file = m_file;
-  const Format::XorString xorString = m_xorString;
-  lock.LeaveMutex();
+  ReadOperation operation(m_locks, m_buffers, Operation::kLongReader);
+  if (!operation.IsOpen()) return ZrResult::kNotOpen;
+  if (!operation.IsUsable()) return ZrResult::kReadFailure;
+  const std::shared_ptr<ZrFile64> file = File().GetStream();
+  const Format::XorString xorString = File().GetHeader().GetXorString();
+  operation.LeaveMutex();
   try {
-    return Engine::Verifier(*file, xorString, report, progress, summary).Run();
+    return Verifier(*file, xorString, report, progress, summary).Run();
   } catch (const std::bad_alloc&) {
     return ZrResult::kNotUsable;
   }
 }
 
-}  // namespace Zarn
+}  // namespace Zarn::Engine

@@ -5,15 +5,13 @@
 #include <new>
 
 #include "EmptyContainer.h"
-#include "FileState.h"
-#include "OperationLock.h"
+#include "Engine.h"
 #include "PELM.h"
 #include "PelmTime.h"
 #include "RedoFile.h"
 #include "TileCopier.h"
-#include "ZrCompactFile.h"
 
-namespace Zarn {
+namespace Zarn::Engine {
 
 using Outcome = Io::RedoFile::Outcome;
 
@@ -62,36 +60,37 @@ class ProgressReport {
 
 }  // namespace
 
-unsigned int ZrCompactFile::Compact() { return Compact(CompactProgress()); }
-
-unsigned int ZrCompactFile::Compact(const CompactProgress& progress) {
+unsigned int Engine::Compact(const ZrCompactFile::CompactProgress& progress) {
   if (const auto cache = GetCacheFile()) return cache->Reconstruction();
-  Engine::OperationLock lock(*this, Engine::OperationLock::kCompaction);
-  if (!m_bOpened) return ZrResult::kNotOpen;
-  if (!IsKnownKind(Format::HeaderView(m_header).FileKind())) return ZrResult::kUnknownKind;
-  if (!lock.IsUsable()) return IsNaming() ? ZrResult::kNotCreated : ZrResult::kReadFailure;
+  WriteOperation operation(m_locks, m_buffers, Operation::kCompaction);
+  if (!operation.IsOpen()) return ZrResult::kNotOpen;
+  if (!IsKnownKind(File().GetKind())) return ZrResult::kUnknownKind;
+  if (!operation.IsUsable())
+    return File().Names() != nullptr ? ZrResult::kNotCreated : ZrResult::kReadFailure;
   try {
-    if (IsReadOnly() || !m_file->IsSameFile(m_strAbsolutePath)) return ZrResult::kNotCreated;
-    const Engine::FileState source = GetState();
+    if (IsReadOnly() || !File().GetStream()->IsSameFile(m_strAbsolutePath))
+      return ZrResult::kNotCreated;
     Io::RedoFile image;
-    const unsigned int result = BuildImage(source, image, progress);
-    return result == ZrResult::kOk ? ReplaceByImage(source, image, lock, progress) : result;
+    const unsigned int result = BuildImage(image, progress);
+    return result == ZrResult::kOk ? ReplaceByImage(image, operation, progress) : result;
   } catch (const std::bad_alloc&) {
-    return m_bOpened ? ZrResult::kWriteFailure : ZrResult::kNotUsable;
+    return operation.IsOpen() ? ZrResult::kWriteFailure : ZrResult::kNotUsable;
   }
 }
 
 // The compacted container, complete and on the disk; and all that can fail while the source is
 // whole.
-unsigned int ZrCompactFile::BuildImage(const Engine::FileState& source, Io::RedoFile& image,
-                                       const CompactProgress& progress) {
-  if (!image.Make(m_strAbsolutePath, *source.file) || !WriteEmptyImage(source, image.GetStream()))
+unsigned int Engine::BuildImage(Io::RedoFile& image,
+                                const ZrCompactFile::CompactProgress& progress) {
+  const OpenFile& file = File();
+  ZrFile64& source = *file.GetStream();
+  if (!image.Make(m_strAbsolutePath, source) || !WriteEmptyImage(image.GetStream()))
     return ZrResult::kNotCreated;
-  const ProgressReport report(progress, *source.file);
+  const ProgressReport report(progress, source);
   std::uint64_t furthest = 0;
-  const auto collect = [&](Engine::TileCopier::Layout layout, bool& isTooLong) -> unsigned int {
-    Engine::TileCopier copier(
-        source, image.GetStream(), layout,
+  const auto collect = [&](TileCopier::Layout layout, bool& isTooLong) -> unsigned int {
+    TileCopier copier(
+        file, m_maxSizes.Get(), image.GetStream(), layout,
         [this](const Format::StoredName& stored, std::u16string& name) {
           return DecodeOlderName(stored, name);
         },
@@ -103,54 +102,58 @@ unsigned int ZrCompactFile::BuildImage(const Engine::FileState& source, Io::Redo
     isTooLong = copier.IsTooLong();
     if (result != ZrResult::kOk) return result;
     return report.CollectedAll() && image.Seal(copier.GetChecksum(), copier.GetChecksumStart()) &&
-                   image.Reserve(*source.file)
+                   image.Reserve(source)
                ? ZrResult::kOk
                : ZrResult::kWriteFailure;
   };
   bool isTooLong;
-  const unsigned int result = collect(Engine::TileCopier::kAsStored, isTooLong);
+  const unsigned int result = collect(TileCopier::kAsStored, isTooLong);
   if (!isTooLong) return result;
   // No file becomes longer by its compaction.
-  if (!image.GetStream().SetLength(0) || !WriteEmptyImage(source, image.GetStream()))
+  if (!image.GetStream().SetLength(0) || !WriteEmptyImage(image.GetStream()))
     return ZrResult::kWriteFailure;
-  return collect(Engine::TileCopier::kTight, isTooLong);
+  return collect(TileCopier::kTight, isTooLong);
 }
 
 // Of the same kind and size as the source, and with the same password.
-bool ZrCompactFile::WriteEmptyImage(const Engine::FileState& source, ZrFile64& image) const {
+bool Engine::WriteEmptyImage(ZrFile64& image) {
   constexpr std::uint32_t kFlags = Format::kVersionsEnabled;
-  const double time = TimeAfter(Format::HeaderView(source.header).CreateTime());
-  const Format::NamingHeader& naming = source.naming;
-  return IsNaming()
-             ? Engine::WriteEmptyContainer(image, m_xorString,
-                                           Format::NamingHeader{naming.capacity, 0, naming.maxSize1,
-                                                                naming.maxSize2, kFlags},
-                                           time)
-             : Engine::WriteEmptyContainer(
-                   image, m_xorString,
-                   Format::GridHeader{source.grid.rowCount, source.grid.colCount, kFlags}, time);
+  const Io::FileHeader& header = File().GetHeader();
+  const double time = TimeAfter(header.View().CreateTime());
+  if (const CellIndex* const cells = File().Cells())
+    return WriteEmptyContainer(
+        image, header.GetXorString(),
+        Format::GridHeader{cells->GetRowCount(), cells->GetColCount(), kFlags}, time);
+  const MaxSizes::Values sizes = m_maxSizes.Get();
+  return WriteEmptyContainer(
+      image, header.GetXorString(),
+      Format::NamingHeader{File().Names()->GetCapacity(), 0, sizes.first, sizes.second, kFlags},
+      time);
 }
 
 // Puts the image in the place of the source, and opens that again.
-unsigned int ZrCompactFile::ReplaceByImage(const Engine::FileState& source, Io::RedoFile& image,
-                                           Engine::OperationLock& lock,
-                                           const CompactProgress& progress) {
-  const ProgressReport report(progress, *source.file);
+unsigned int Engine::ReplaceByImage(Io::RedoFile& image, WriteOperation& operation,
+                                    const ZrCompactFile::CompactProgress& progress) {
+  m_locks.AssertMutexHeld();
+  if (!operation.ExcludeLookups()) return ZrResult::kWriteFailure;
+  const std::shared_ptr<ZrFile64> source = File().GetStream();
+  const Format::HeaderImage header = File().GetHeader().GetFields();
+  const ProgressReport report(progress, *source);
   const std::uint64_t length = image.GetImageLength();
-  if (!lock.ExcludeLookups()) return ZrResult::kWriteFailure;
   TearDown();
   const Outcome outcome =
-      image.Replace(*source.file, [&](std::uint64_t done) { report.PutBack(done, length); });
+      image.Replace(*source, [&](std::uint64_t done) { report.PutBack(done, length); });
   // Opening may have to finish what could not be done here, and needs the claims for it.
   image.LetGo();
-  if (outcome == Outcome::kByName) lock.LeaveProcessLock();  // it is on the file of before
-  if (TakeIntoUse() != ZrResult::kOk) {
-    lock.LeaveProcessLock();
+  if (outcome == Outcome::kByName) operation.LeaveProcessLock();  // it is on the file of before
+  if (TakeIntoUse(nullptr) != ZrResult::kOk) {
+    operation.LeaveProcessLock();
     TearDown();
     return ZrResult::kNotUsable;
   }
-  if (outcome == Outcome::kNot && m_header == source.header) {  // not even the mark was written
-    image.Delete(*source.file);
+  // Not even the mark was written.
+  if (outcome == Outcome::kNot && File().GetHeader().GetFields() == header) {
+    image.Delete(*source);
     return ZrResult::kWriteFailure;
   }
   report.PutBackAll();
@@ -159,7 +162,7 @@ unsigned int ZrCompactFile::ReplaceByImage(const Engine::FileState& source, Io::
 
 // The name that a file of the older version stores, in UTF-16 of this host's byte order, which has
 // a charset number of its own.
-bool ZrCompactFile::DecodeOlderName(const Format::StoredName& stored, std::u16string& name) {
+bool Engine::DecodeOlderName(const Format::StoredName& stored, std::u16string& name) {
   constexpr PELMCharset::Charset kWide =
       PELM::un_bigendina == 1 ? PELMCharset::kUtf16Le : PELMCharset::kUtf16Be;
   const auto charset = PELMCharset::Resolve(static_cast<PELMCharset::Charset>(stored.charset));
@@ -171,7 +174,7 @@ bool ZrCompactFile::DecodeOlderName(const Format::StoredName& stored, std::u16st
 }
 
 // Kept until the file is closed. One that could not be opened converts nothing.
-ZrTextCodec* ZrCompactFile::GetTextCodec(PELMCharset::Charset from, PELMCharset::Charset to) {
+ZrTextCodec* Engine::GetTextCodec(PELMCharset::Charset from, PELMCharset::Charset to) {
   std::unique_ptr<ZrTextCodec>& codec = m_mapTextCodec[std::uint64_t{from} << 32 | to];
   if (codec == nullptr) {
     codec = std::make_unique<ZrTextCodec>();
@@ -180,4 +183,4 @@ ZrTextCodec* ZrCompactFile::GetTextCodec(PELMCharset::Charset from, PELMCharset:
   return codec.get();
 }
 
-}  // namespace Zarn
+}  // namespace Zarn::Engine

@@ -1,7 +1,7 @@
 #include "EmptyContainer.h"
 
 #include "HeaderIo.h"
-#include "IndexValue.h"
+#include "IndexShape.h"
 
 namespace Zarn::Engine {
 namespace {
@@ -19,16 +19,16 @@ bool Write(ZrFile64& file, const Format::XorString& xorString, std::uint32_t fil
 
 bool WriteEmptyContainer(ZrFile64& file, const Format::XorString& xorString,
                          const Format::GridHeader& header, double createTime) {
-  return Write(file, xorString, Format::kGridFile, createTime,
-               Format::EncodeGridHeader(header, false),
-               Format::GridDataStart(Format::kHeaderSize, header.rowCount, header.colCount));
+  return Write(
+      file, xorString, Format::kGridFile, createTime, Format::EncodeGridHeader(header, false),
+      Format::IndexShape::OfGrid(Format::kHeaderSize, header.rowCount, header.colCount).End());
 }
 
 bool WriteEmptyContainer(ZrFile64& file, const Format::XorString& xorString,
                          const Format::NamingHeader& header, double createTime) {
   return Write(file, xorString, Format::kNamingFile, createTime,
                Format::EncodeNamingHeader(header, false),
-               Format::NamingSlotOffset(Format::kHeaderSize, header.capacity));
+               Format::IndexShape::OfNames(Format::kHeaderSize, header.capacity).End());
 }
 
 }  // namespace Zarn::Engine

@@ -50,26 +50,26 @@ bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size,
   return true;
 }
 
-bool IndexPages::ReadValue(std::uint64_t entry, bool swap, std::uint64_t& value) {
+bool IndexPages::ReadValue(std::uint64_t entry, std::uint64_t& value) {
   if (!Read(entry * m_area.index.EntrySize(), &value, sizeof value)) return false;
-  value = LoadScalar<std::uint64_t>(&value, swap);
+  value = LoadScalar<std::uint64_t>(&value, m_area.swap);
   return true;
 }
 
-bool IndexPages::ReadStableValue(std::uint64_t entry, bool swap, std::uint64_t& value) {
+bool IndexPages::ReadStableValue(std::uint64_t entry, std::uint64_t& value) {
   const std::uint64_t offset = entry * m_area.index.EntrySize();
   if (offset > m_area.Size() || sizeof value > m_area.Size() - offset) return false;
   if (!IsLoaded(offset / kPageSize) || !IsLoaded((offset + sizeof value - 1) / kPageSize))
-    return ReadValue(entry, swap, value);
+    return ReadValue(entry, value);
   value = ValueAt(offset).load(std::memory_order_acquire);
-  value = LoadScalar<std::uint64_t>(&value, swap);
+  value = LoadScalar<std::uint64_t>(&value, m_area.swap);
   return true;
 }
 
-bool IndexPages::ReadValueUnlocked(std::uint64_t entry, bool swap,
-                                   const Format::HeaderImage& header, std::uint64_t& value) {
+bool IndexPages::ReadValueUnlocked(std::uint64_t entry, const Format::HeaderImage& header,
+                                   std::uint64_t& value) {
   if (!Read(entry * m_area.index.EntrySize(), &value, sizeof value, &header)) return false;
-  value = LoadScalar<std::uint64_t>(&value, swap);
+  value = LoadScalar<std::uint64_t>(&value, m_area.swap);
   return true;
 }
 
@@ -97,7 +97,7 @@ bool IndexPages::Write(std::uint64_t offset, const void* source, std::uint64_t s
   return true;
 }
 
-void IndexPages::Forget() {
+void IndexPages::Invalidate() {
   const std::lock_guard guard(m_mutex);
   if (m_area.Size() != 0) std::memset(m_loaded.Get(), 0, BitmapSize(m_area.Size()));
 }

@@ -58,6 +58,7 @@ class IndexPages {
 
   /// False if memory was short; then nothing else may be called.
   bool IsUsable() const;
+  const Area& GetArea() const { return m_area; }
   bool Covers(const ZrFile64* file, const Area& area) const {
     return m_file.get() == file && m_area == area;
   }
@@ -65,14 +66,14 @@ class IndexPages {
   /// Copies `size` bytes at `offset`. False if they lie outside, or the file cannot be read.
   bool Read(std::uint64_t offset, void* target, std::uint64_t size);
   /// The index value of an entry: its first 8 bytes as a number.
-  bool ReadValue(std::uint64_t entry, bool swap, std::uint64_t& value);
+  bool ReadValue(std::uint64_t entry, std::uint64_t& value);
   /// The same for a caller who knows that nobody forgets meanwhile; takes no mutex for a page that
   /// is there.
-  bool ReadStableValue(std::uint64_t entry, bool swap, std::uint64_t& value);
+  bool ReadStableValue(std::uint64_t entry, std::uint64_t& value);
   /// The same for a caller without the lock between processes, while another process may be
   /// replacing the whole file: false also if the file's header is no longer `header`, as it was on
   /// disk when this index was loaded, and the page of the entry had to be read.
-  bool ReadValueUnlocked(std::uint64_t entry, bool swap, const Format::HeaderImage& header,
+  bool ReadValueUnlocked(std::uint64_t entry, const Format::HeaderImage& header,
                          std::uint64_t& value);
   /// The same as it is in the file now, whatever is in memory; from a map of it, if there is one
   /// that reaches so far.
@@ -80,10 +81,10 @@ class IndexPages {
   /// Changes whole entries in memory, for one who has written them to the file.
   bool Write(std::uint64_t offset, const void* source, std::uint64_t size);
   /// Forgets all pages; they are read again when asked for.
-  void Forget();
+  void Invalidate();
 
   /// A number that the owner remembers for an entry, to guess how large its record is; 0 at first.
-  /// A guess only: it survives Forget.
+  /// A guess only: it survives Invalidate.
   std::uint32_t GetHint(std::uint64_t entry) const;
   void SetHint(std::uint64_t entry, std::uint32_t hint);
 

@@ -1,25 +1,20 @@
 #include <new>
+#include <utility>
 
-#include "DataEnd.h"
 #include "EmptyContainer.h"
-#include "FileState.h"
+#include "Engine.h"
 #include "OpenPath.h"
-#include "OperationLock.h"
 #include "PathRules.h"
 #include "PelmTime.h"
 #include "StoreArguments.h"
-#include "ZrCompactFile.h"
 #include "ZrFile.h"
 #include "ZrNewFile.h"
-#include "ZrThread.h"
 
-namespace Zarn {
+namespace Zarn::Engine {
 
 static_assert(ZrCompactFile::kMaxCapacity == Format::kMaxCapacity);
 
 namespace {
-
-constexpr std::uint64_t kMissingFileCapacity = 128;  // slots of a naming file that Open makes
 
 /// Writes a whole new container and gives it its path.
 class NewContainer {
@@ -39,12 +34,12 @@ class NewContainer {
     const PelmUnicodeString folder = ZrFile::GetDir(m_path);
     if (!folder.IsEmpty()) ZrFile::MkDirEx(folder);
     const Format::XorString xorString = Format::MakeXorString(m_password.GetBuffer());
-    // What it replaces may be kept from others.
+    // The file that it replaces may be kept from other users.
     constexpr unsigned int kOwnerOnly = 0600, kUsual = 0666;
     const unsigned int permissions = m_replace && ZrFile::IsExist(m_path) ? kOwnerOnly : kUsual;
     const double now = PelmTime().GetCurTime().GetTime();
     if (!m_file.Begin(m_path, permissions) ||
-        !Engine::WriteEmptyContainer(*m_stream, xorString, header, now))
+        !WriteEmptyContainer(*m_stream, xorString, header, now))
       return ZrNewFile::Outcome::kFailed;
     return m_replace ? m_file.Replace() : m_file.Publish();
   }
@@ -61,95 +56,61 @@ class NewContainer {
 
 }  // namespace
 
-ZrCompactFile::ZrCompactFile()
-    : m_header(Format::PresetHeader()), m_pDataEnd(std::make_unique<Io::DataEnd>()) {
-  SetCallBack(RefeshIndexCallBack, this);
-}
-
-ZrCompactFile::~ZrCompactFile() {
-  const std::lock_guard lock(m_mutex);
+Engine::~Engine() {
+  const Guard lock(m_locks.GetMutex());
   if (m_pCacheFile != nullptr) m_pCacheFile->Close();
   TearDown();
 }
 
-unsigned int ZrCompactFile::Create(const PelmUnicodeString& path, unsigned int rows,
-                                   unsigned int cols, const PelmUnicodeString& password,
-                                   ZrOpenMode mode) {
-  const std::lock_guard lock(m_mutex);
-  if (m_bLockHeld) return ZrResult::kNotCreated;
-  try {
-    Close();
-    return CreateGrid(path, rows, cols, password, mode);
-  } catch (const std::bad_alloc&) {
-    TearDown();
-    return ZrResult::kNotCreated;
-  }
-}
-
-unsigned int ZrCompactFile::Create(const PelmUnicodeString& path, unsigned long long capacity,
-                                   const PelmUnicodeString& password, ZrOpenMode mode) {
-  const std::lock_guard lock(m_mutex);
-  if (m_bLockHeld) return ZrResult::kNotCreated;
-  try {
-    Close();
-    return CreateNaming(path, capacity, password, mode);
-  } catch (const std::bad_alloc&) {
-    TearDown();
-    return ZrResult::kNotCreated;
-  }
-}
-
-unsigned int ZrCompactFile::CreateGrid(const PelmUnicodeString& path, unsigned int rows,
-                                       unsigned int cols, const PelmUnicodeString& password,
-                                       ZrOpenMode mode) {
+unsigned int Engine::Create(const PelmUnicodeString& path, unsigned int rows, unsigned int cols,
+                            const PelmUnicodeString& password, Mode mode) {
+  const Guard lock(m_locks.GetMutex());
+  if (m_locks.IsHeldByCompaction()) return ZrResult::kNotCreated;
+  CloseForThread();
   // In 64 bits: a product that wraps below the limit would ask for more memory than there is.
   const std::uint64_t cells = std::uint64_t{rows} * cols;
-  if (cells == 0 || cells > Format::kMaxGridCells || Format::IsCachePath(path) ||
-      !Format::IsUsablePath(path))
-    return ZrResult::kNotCreated;
-  NewContainer container(path, password, (mode & kReplace) != 0);
-  if (container.Make(Format::GridHeader{rows, cols, Format::kVersionsEnabled}) !=
-          ZrNewFile::Outcome::kPublished ||
-      !TakeNewFile(container.Stream(), container.Path(), path, password, mode))
-    return ZrResult::kNotCreated;
-  container.Commit();
-  return ZrResult::kOk;
+  if (cells == 0 || cells > Format::kMaxGridCells) return ZrResult::kNotCreated;
+  return CreateContainer(Format::GridHeader{rows, cols, Format::kVersionsEnabled}, path, password,
+                         mode);
 }
 
-unsigned int ZrCompactFile::CreateNaming(const PelmUnicodeString& path, unsigned long long capacity,
-                                         const PelmUnicodeString& password, ZrOpenMode mode) {
-  if (capacity == 0 || capacity > Format::kMaxNamingCapacity || Format::IsCachePath(path) ||
-      !Format::IsUsablePath(path))
-    return ZrResult::kNotCreated;
-  NewContainer container(path, password, (mode & kReplace) != 0);
-  const auto [maxSize1, maxSize2] = GetMaxSizes();
-  if (container.Make(
-          Format::NamingHeader{capacity, 0, maxSize1, maxSize2, Format::kVersionsEnabled}) !=
-          ZrNewFile::Outcome::kPublished ||
-      !TakeNewFile(container.Stream(), container.Path(), path, password, mode))
-    return ZrResult::kNotCreated;
-  container.Commit();
-  return ZrResult::kOk;
+unsigned int Engine::Create(const PelmUnicodeString& path, std::uint64_t capacity,
+                            const PelmUnicodeString& password, Mode mode) {
+  const Guard lock(m_locks.GetMutex());
+  if (m_locks.IsHeldByCompaction()) return ZrResult::kNotCreated;
+  CloseForThread();
+  if (capacity == 0 || capacity > Format::kMaxNamingCapacity) return ZrResult::kNotCreated;
+  const MaxSizes::Values sizes = m_maxSizes.Get();
+  return CreateContainer(
+      Format::NamingHeader{capacity, 0, sizes.first, sizes.second, Format::kVersionsEnabled}, path,
+      password, mode);
 }
 
-// Goes on with what was just created, by the stream that it was created through; that may write
-// even where the mode says read-only, until the first refresh.
-bool ZrCompactFile::TakeNewFile(std::shared_ptr<ZrFile64> stream,
-                                const PelmUnicodeString& absolutePath,
-                                const PelmUnicodeString& path, const PelmUnicodeString& password,
-                                ZrOpenMode mode) {
-  TearDown();
-  SetIdentity(Format::CompletePath(path), absolutePath, password, mode);
-  std::unique_lock state(m_stateMutex);
-  m_file = std::move(stream);
-  state.unlock();
-  return TakeIntoUse() == ZrResult::kOk;
+// The object goes on with the stream that the file was created through, which may write even where
+// the mode says read-only, until the first refresh.
+template <typename IndexHeader>
+unsigned int Engine::CreateContainer(const IndexHeader& header, const PelmUnicodeString& path,
+                                     const PelmUnicodeString& password, Mode mode) {
+  try {
+    if (Format::IsCachePath(path) || !Format::IsUsablePath(path)) return ZrResult::kNotCreated;
+    NewContainer container(path, password, (mode & ZrCompactFile::kReplace) != 0);
+    if (container.Make(header) != ZrNewFile::Outcome::kPublished) return ZrResult::kNotCreated;
+    TearDown();
+    SetIdentity({Format::CompletePath(path), container.Path(),
+                 Format::MakeXorString(password.GetBuffer()), mode});
+    if (TakeIntoUse(container.Stream()) != ZrResult::kOk) return ZrResult::kNotCreated;
+    container.Commit();
+    return ZrResult::kOk;
+  } catch (const std::bad_alloc&) {
+    TearDown();
+    return ZrResult::kNotCreated;
+  }
 }
 
-unsigned int ZrCompactFile::Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
-                                 ZrOpenMode mode) {
-  const std::lock_guard lock(m_mutex);
-  if (m_bLockHeld) return ZrResult::kNotUsable;
+unsigned int Engine::Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                          Mode mode) {
+  const Guard lock(m_locks.GetMutex());
+  if (m_locks.IsHeldByCompaction()) return ZrResult::kNotUsable;
   try {
     if (Format::IsCachePath(path)) return OpenCacheFile(path, password);
     if (m_pCacheFile == nullptr && IsOpenAt(path)) return Join();
@@ -161,170 +122,215 @@ unsigned int ZrCompactFile::Open(const PelmUnicodeString& path, const PelmUnicod
   }
 }
 
-unsigned int ZrCompactFile::OpenContainer(const PelmUnicodeString& path,
-                                          const PelmUnicodeString& password, ZrOpenMode mode) {
+unsigned int Engine::OpenContainer(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                                   Mode mode) {
   // The bit of the mapping takes nothing from "exactly kReadOnly".
-  const bool mayCreate = (mode & ~kMapped) != kReadOnly;
+  const bool mayCreate = (mode & ~ZrCompactFile::kMapped) != ZrCompactFile::kReadOnly;
   if (!Format::IsUsablePath(path)) return mayCreate ? ZrResult::kNotCreated : ZrResult::kNotFound;
-  const PelmUnicodeString completed = Format::CompletePath(path);
-  if (m_pCacheFile == nullptr && IsOpenAt(completed)) return Join();  // other threads use it
-  const PelmUnicodeString absolutePath = ZrFile::GetAbsolute(completed);
-  if (absolutePath.IsEmpty()) return ZrResult::kNotFound;
-  if (!ZrFile::IsExist(absolutePath)) {
+  Identity identity = {
+      Format::CompletePath(path), {}, Format::MakeXorString(password.GetBuffer()), mode};
+  if (m_pCacheFile == nullptr && IsOpenAt(identity.path)) return Join();  // other threads use it
+  identity.absolutePath = ZrFile::GetAbsolute(identity.path);
+  if (identity.absolutePath.IsEmpty()) return ZrResult::kNotFound;
+  if (!ZrFile::IsExist(identity.absolutePath)) {
     if (!mayCreate) return ZrResult::kNotFound;
-    NewContainer container(absolutePath, password, false);
-    const auto [maxSize1, maxSize2] = GetMaxSizes();
-    // Whoever made it meanwhile: the file is there.
-    if (container.Make(Format::NamingHeader{kMissingFileCapacity, 0, maxSize1, maxSize2,
-                                            Format::kVersionsEnabled}) ==
-        ZrNewFile::Outcome::kFailed)
-      return ZrResult::kNotCreated;
-    container.Commit();
+    if (!MakeMissing(identity.absolutePath, password)) return ZrResult::kNotCreated;
   }
-  if (m_bOpened) {
-    // Other threads lose the file that they use only to one that can be opened.
-    Engine::FileState probe;
-    const Format::XorString xorString = Format::MakeXorString(password.GetBuffer());
+  if (m_locks.IsOpen()) {
+    // Check that the new file opens before closing the one that other threads use.
+    std::shared_ptr<OpenFile> probe;
+    MaxSizes ignored;
     const unsigned int result =
-        LoadFileState({absolutePath, (mode & kReadOnly) != 0, false, false, xorString}, probe);
+        OpenFile::Load({identity.absolutePath, identity.xorString,
+                        (mode & ZrCompactFile::kReadOnly) != 0, false, false, nullptr},
+                       ignored, nullptr, probe);
     if (result != ZrResult::kOk) return result;
   }
   TearDown();
-  SetIdentity(completed, absolutePath, password, mode);
-  return TakeIntoUse();
+  SetIdentity(std::move(identity));
+  return TakeIntoUse(nullptr);
 }
 
-unsigned int ZrCompactFile::OpenCacheFile(const PelmUnicodeString& path,
-                                          const PelmUnicodeString& password) {
+// A naming file. True as well if somebody else makes it meanwhile: the file is there.
+bool Engine::MakeMissing(const PelmUnicodeString& absolutePath, const PelmUnicodeString& password) {
+  constexpr std::uint64_t kCapacity = 128;
+  const MaxSizes::Values sizes = m_maxSizes.Get();
+  NewContainer container(absolutePath, password, false);
+  if (container.Make(Format::NamingHeader{kCapacity, 0, sizes.first, sizes.second,
+                                          Format::kVersionsEnabled}) == ZrNewFile::Outcome::kFailed)
+    return false;
+  container.Commit();
+  return true;
+}
+
+unsigned int Engine::OpenCacheFile(const PelmUnicodeString& path,
+                                   const PelmUnicodeString& password) {
   if (m_pCacheFile == nullptr) {
     std::shared_ptr<ZrCacheFile> made = ZrCacheFile::Make();
-    const std::lock_guard state(m_stateMutex);
+    const Guard state(m_stateMutex);
     m_pCacheFile = std::move(made);
     m_bHasCacheFile = m_pCacheFile != nullptr;
   }
   return m_pCacheFile->Open(path, password, ZrFile64::kRead);
 }
 
-void ZrCompactFile::DetachCacheFile() {
+void Engine::DetachCacheFile() {
   std::shared_ptr<ZrCacheFile> detached;  // destroyed without the mutex
-  const std::lock_guard state(m_stateMutex);
+  const Guard state(m_stateMutex);
   detached.swap(m_pCacheFile);
   m_bHasCacheFile = false;
 }
 
-unsigned int ZrCompactFile::Join() {
-  if (GetSwapData() != nullptr) return ZrResult::kOk;
+unsigned int Engine::Join() {
+  if (m_buffers.GetSwapData(m_file->GetShape().swap) != nullptr) return ZrResult::kOk;
   Close();
   return ZrResult::kNotUsable;
 }
 
-// One whose index cannot be brought up to date, perhaps for a password that has changed, is opened
+// A file whose index could not be refreshed, perhaps for a password that has changed, is opened
 // anew rather than joined.
-bool ZrCompactFile::IsOpenAt(const PelmUnicodeString& path) const {
-  return m_bOpened && m_bIndexValid && Io::IsPathOf(path, m_strPath, *m_file);
+bool Engine::IsOpenAt(const PelmUnicodeString& path) const {
+  return m_locks.IsCurrent() && Io::IsPathOf(path, m_strPath, *m_file->GetStream());
 }
 
-void ZrCompactFile::SetIdentity(const PelmUnicodeString& path,
-                                const PelmUnicodeString& absolutePath,
-                                const PelmUnicodeString& password, ZrOpenMode mode) {
-  m_strPassword = password;
-  m_xorString = Format::MakeXorString(password.GetBuffer());
-  m_nOpenMode = mode;
-  const std::lock_guard state(m_stateMutex);
-  m_strPath = path;
-  m_strAbsolutePath = absolutePath;
+void Engine::SetIdentity(Identity identity) {
+  m_xorString = identity.xorString;
+  m_nOpenMode = identity.mode;
+  const Guard state(m_stateMutex);
+  m_strPath = std::move(identity.path);
+  m_strAbsolutePath = std::move(identity.absolutePath);
 }
 
-// Locks and loads the file that the members name. An older cache file is let go before it is known
-// whether the container can be loaded.
-unsigned int ZrCompactFile::TakeIntoUse() {
+// Without the mode's bit the lock is never touched: it would cost system calls and do nothing.
+bool Engine::ProcessLockInit() {
+  ProcessLock& lock = m_locks.GetProcessLock();
+  lock.SetDisabled((m_nOpenMode & ZrCompactFile::kProcessLock) == 0);
+  if (lock.IsDisabled()) return true;
+  constexpr unsigned int kLastUsable = 1;
+  if (lock.ProcessLockInit(m_strAbsolutePath) <= kLastUsable) return true;
+  lock.ProcessLockRelease();
+  return false;
+}
+
+// Locks and loads the file that the members name; `created`: the stream that it was just created
+// through. An older cache file is let go before it is known whether the container can be loaded.
+unsigned int Engine::TakeIntoUse(std::shared_ptr<ZrFile64> created) {
+  ProcessLock& lock = m_locks.GetProcessLock();
+  const bool isHeld = m_locks.IsHeldByCompaction();
   unsigned int result = ZrResult::kNotUsable;
-  if (m_bLockHeld || (ProcessLockInit() && WriterLock(0))) {
+  if (isHeld || (ProcessLockInit() && lock.WriterLock(0))) {
     DetachCacheFile();
-    result = RefreshIndex(m_file != nullptr);
-    if (!m_bLockHeld) WriterUnlock();
+    result = RefreshIndex(std::move(created));
+    if (!isHeld) lock.WriterUnlock();
   } else if (!ZrFile64().Open(m_strAbsolutePath, ZrFile64::kRead)) {
     result = ZrResult::kNotOpen;  // what cannot be opened cannot be locked
   }
-  if (result == ZrResult::kOk) {
-    const std::lock_guard state(m_stateMutex);
-    m_bOpened = true;
-  }
-  if (result == ZrResult::kOk && GetSwapData() == nullptr) result = ZrResult::kNotUsable;
+  if (result == ZrResult::kOk && m_buffers.GetSwapData(m_file->GetShape().swap) == nullptr)
+    result = ZrResult::kNotUsable;
   if (result != ZrResult::kOk) TearDown();
   return result;
 }
 
-bool ZrCompactFile::Close() {
-  const std::lock_guard lock(m_mutex);
+void Engine::Refresh() {
+  const Guard lock(m_locks.GetMutex());
+  if (m_locks.IsOpen()) RefreshIndex(nullptr);
+}
+
+// Loads the file that the members name, or the one that has taken its place. What was there before
+// stays until everything is loaded. If that fails, the index is not current, and every operation
+// tries again before it does anything.
+unsigned int Engine::RefreshIndex(std::shared_ptr<ZrFile64> created) {
+  const LookupBarrier barrier(m_locks);
+  ProcessLock& lock = m_locks.GetProcessLock();
+  if (m_file != nullptr && m_file->Map() != nullptr) m_file->Map()->Invalidate();
+  const bool mustReopen = (m_nOpenMode & ZrCompactFile::kReadOnly) != 0 && m_file != nullptr &&
+                          !m_file->GetStream()->IsReadOnly();
+  if (m_locks.IsCurrent() && !mustReopen && lock.isLocked() &&
+      m_file->GetLockedFile() == lock.GetLockedFile() && m_file->HasSameHeaders()) {
+    m_file->InvalidateTiles();
+    lock.SetStateLoaded(true);
+    return ZrResult::kOk;
+  }
+  m_locks.Admit({m_locks.IsOpen(), m_locks.IsCurrent(), false});
+  std::shared_ptr<OpenFile> loaded;
+  unsigned int result = ZrResult::kNotUsable;
+  try {
+    result = LoadFile(created, loaded);
+  } catch (const std::bad_alloc&) {
+  }
+  if (result == ZrResult::kOk)
+    Publish(std::move(loaded));
+  else
+    m_locks.Admit({m_locks.IsOpen(), false, false});
+  lock.SetStateLoaded(result == ZrResult::kOk);
+  return result;
+}
+
+unsigned int Engine::LoadFile(const std::shared_ptr<ZrFile64>& created,
+                              std::shared_ptr<OpenFile>& loaded) {
+  const ProcessLock& lock = m_locks.GetProcessLock();
+  const bool isReadOnly = (m_nOpenMode & ZrCompactFile::kReadOnly) != 0 && created == nullptr;
+  std::shared_ptr<ZrFile64> stream = created;
+  if (stream == nullptr && m_file != nullptr && (!isReadOnly || m_file->GetStream()->IsReadOnly()))
+    stream = m_file->GetStream();
+  // The lock is always on the file that the path leads to.
+  if (!lock.isLocked() || stream == nullptr || !lock.IsLockOn(*stream)) stream = nullptr;
+  const unsigned int result = OpenFile::Load(
+      {m_strAbsolutePath, m_xorString, isReadOnly, (m_nOpenMode & ZrCompactFile::kMapped) != 0,
+       !lock.IsDisabled(), stream != nullptr ? stream : created},
+      m_maxSizes, m_file.get(), loaded);
+  if (result != ZrResult::kOk) return result;
+  // The path may have come to name another file since the lock was taken, on which nobody waits; by
+  // finishing a replacement, too.
+  const bool isChecked = stream != nullptr && loaded->GetStream() == stream;
+  if (lock.isLocked() && !isChecked && !lock.IsLockOn(*loaded->GetStream()))
+    return ZrResult::kNotUsable;
+  loaded->SetLockedFile(lock.isLocked() ? lock.GetLockedFile() : 0);
+  return ZrResult::kOk;
+}
+
+void Engine::Publish(std::shared_ptr<OpenFile> file) {
+  if (m_file == nullptr || m_file->GetShape().swap != file->GetShape().swap) m_buffers.Invalidate();
+  if (file->Names() != nullptr) m_maxSizes.Set(file->Names()->GetSizesInFile());
+  m_locks.Admit({true, true, m_locks.GetProcessLock().IsDisabled()});
+  const Guard state(m_stateMutex);
+  m_file.swap(file);
+}
+
+bool Engine::Close() {
+  const Guard lock(m_locks.GetMutex());
   if (m_pCacheFile != nullptr) return m_pCacheFile->Close();
-  if (!m_bOpened || m_bLockHeld) return true;
-  if (auto* const known = FindBuffer()) *known = nullptr;
-  m_mapSwapData.erase(ZrThread::GetCurrentThreadId());
-  if (m_mapSwapData.empty()) TearDown();
+  if (!m_locks.IsHeldByCompaction()) CloseForThread();
   return true;
+}
+
+// The calling thread does not use the file any more; the last one closes it.
+void Engine::CloseForThread() {
+  if (m_pCacheFile != nullptr) {
+    m_pCacheFile->Close();
+    return;
+  }
+  if (!m_locks.IsOpen()) return;
+  m_buffers.DropOwn();
+  if (!m_buffers.HasUsers()) TearDown();
 }
 
 // Lets go of the file, in whatever state the object is: after this it is as good as new, except
 // that it keeps its path, and what SetMaxSize gave it while nothing was open.
-void ZrCompactFile::TearDown() {
-  const Engine::LookupBarrier barrier(*this);  // lookups under way end first
-  m_bSharedLookups = false;
-  ForgetBuffers();
-  if (!m_bLockHeld) {
-    m_flight.End();
-    ProcessLockRelease();
-    m_mapSwapData.clear();
+void Engine::TearDown() {
+  const LookupBarrier barrier(m_locks);  // lookups under way end first
+  if (m_locks.IsOpen()) m_maxSizes.Set({});
+  m_locks.Admit({});
+  m_buffers.Invalidate();
+  if (!m_locks.IsHeldByCompaction()) {
+    m_locks.EndFlight();
+    m_locks.GetProcessLock().ProcessLockRelease();
+    m_buffers.DropAll();
   }
-  // Closed and freed only when the accessors can go on.
-  std::shared_ptr<ZrFile64> file;
-  std::shared_ptr<Engine::IndexPages> index;
-  std::shared_ptr<Io::FileMap> map;
-  const std::lock_guard state(m_stateMutex);
-  if (m_bOpened) m_dMaxSize1 = m_dMaxSize2 = 0;
-  file.swap(m_file);
-  index.swap(m_pIndex);
-  map.swap(m_pMap);
-  m_mapHashCode = nullptr;
   m_mapTextCodec.clear();
-  m_header = Format::PresetHeader();
-  m_nRowCount = m_nColCount = m_nGridFlags = m_nNamingFlags = 0;
-  m_nNamingCapacity = m_nNamingCount = 0;
-  m_bSwap = m_bOpened = m_bIndexValid = false;
+  std::shared_ptr<OpenFile> file;  // closed only when the accessors can go on
+  const Guard state(m_stateMutex);
+  file.swap(m_file);
 }
 
-bool ZrCompactFile::IsOpen() const {
-  std::unique_lock state(m_stateMutex);
-  const std::shared_ptr<ZrCacheFile> cache = m_pCacheFile;
-  if (cache == nullptr) return m_bOpened;
-  state.unlock();
-  return cache->IsOpen();
-}
-
-bool ZrCompactFile::Flush() {
-  std::unique_lock state(m_stateMutex);
-  const std::shared_ptr<ZrFile64> file = m_file;
-  state.unlock();
-  return file != nullptr && file->Sync();
-}
-
-PelmUnicodeString ZrCompactFile::GetFullPath() const {
-  std::unique_lock state(m_stateMutex);
-  const std::shared_ptr<ZrCacheFile> cache = m_pCacheFile;
-  if (cache == nullptr) return m_strPath;
-  state.unlock();
-  return cache->GetFullPath();
-}
-
-std::pair<double, double> ZrCompactFile::GetMaxSizes() const {
-  const std::lock_guard state(m_stateMutex);
-  return {m_dMaxSize1, m_dMaxSize2};
-}
-
-void ZrCompactFile::SetMaxSize(double first, double second) {
-  const std::lock_guard state(m_stateMutex);
-  m_dMaxSize1 = first;
-  m_dMaxSize2 = second;
-}
-
-}  // namespace Zarn
+}  // namespace Zarn::Engine

@@ -9,20 +9,20 @@
 
 namespace Zarn::Engine {
 
-NameKey::NameKey(const PelmUnicodeString& name, std::uint32_t formatVersion, bool swap)
+NameKey::NameKey(const PelmUnicodeString& name, const Format::RecordShape& shape)
     : m_name(name),
-      m_swap(swap),
-      m_isUtf16(formatVersion == Format::kCurrentVersion),
+      m_swap(shape.swap),
+      m_isUtf16(shape.formatVersion == Format::kCurrentVersion),
       m_code(Format::kHashOfNothing),
       m_charset(Format::kNameCharsetUtf16) {
   if (m_isUtf16) {
     m_code = Format::HashUnits(name.GetUnits());
-  } else if (formatVersion == Format::kOlderVersion) {
+  } else if (shape.formatVersion == Format::kOlderVersion) {
     PelmMBString text;
     PelmUnicodeString back;
     m_storable = name.ToStd(text) && PelmUnicodeString::FromMBString(text, back) && back == name;
-    m_bytes = text.GetBytes();
-    m_code = Format::HashBytes(m_bytes);
+    m_keyBufA = text.GetBytes();
+    m_code = Format::HashBytes(m_keyBufA);
     m_charset = text.GetCharset();
   } else {
     m_storable = false;
@@ -30,7 +30,7 @@ NameKey::NameKey(const PelmUnicodeString& name, std::uint32_t formatVersion, boo
 }
 
 std::uint64_t NameKey::GetStoredLength() const {
-  return m_isUtf16 ? 2 * m_name.GetLength() : m_bytes.size();
+  return m_isUtf16 ? 2 * m_name.GetLength() : m_keyBufA.size();
 }
 
 bool NameKey::Matches(const unsigned char* stored, std::uint64_t length) const {
@@ -53,7 +53,7 @@ bool NameKey::Matches(const unsigned char* stored, std::uint64_t length) const {
 }
 
 std::string_view NameKey::GetStoredBytes(std::string& scratch) const {
-  if (!m_isUtf16) return m_bytes;
+  if (!m_isUtf16) return m_keyBufA;
   if (!m_swap) return {reinterpret_cast<const char*>(m_name.GetBuffer()), GetStoredLength()};
   scratch.resize(GetStoredLength());
   std::size_t at = 0;

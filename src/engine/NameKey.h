@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "IndexShape.h"
 #include "PelmUnicodeString.h"
 
 namespace Zarn::Engine {
@@ -20,7 +21,7 @@ class NameKey {
   }
 
   /// `name` must outlive this object.
-  NameKey(const PelmUnicodeString& name, std::uint32_t formatVersion, bool swap);
+  NameKey(const PelmUnicodeString& name, const Format::RecordShape& shape);
 
   /// Whether the file can hold the name: not in a file of an unknown version, and in an older file
   /// only if it survives the way into the current charset and back.
@@ -42,7 +43,7 @@ class NameKey {
   bool m_storable = true;
   std::uint64_t m_code;
   std::uint32_t m_charset;
-  std::string m_bytes;  // of an older file's name, in the current charset
+  std::string m_keyBufA;  // of an older file's name, in the current charset
 };
 
 }  // namespace Zarn::Engine

@@ -42,11 +42,11 @@ std::optional<std::uint32_t> NameTable::Find(std::uint64_t code) const {
   return place.slotPlusOne - 1;
 }
 
-std::uint32_t NameTable::CountSame(std::uint64_t code) const {
+std::uint32_t NameTable::GetSameHashCodeCount(std::uint64_t code) const {
   std::uint32_t count = 0;
   while (Find(code)) {
     ++count;
-    const std::uint64_t next = Format::NextHashCode(code);
+    const std::uint64_t next = Format::GetNextHashCode(code);
     if (next == code) break;
     code = next;
   }

@@ -22,7 +22,7 @@ class NameTable {
   std::optional<std::uint32_t> Find(std::uint64_t code) const;
   /// Number of codes present without a gap from `code` on, through its ordinals. The last ordinal
   /// counts once, so there are at most 256.
-  std::uint32_t CountSame(std::uint64_t code) const;
+  std::uint32_t GetSameHashCodeCount(std::uint64_t code) const;
 
   /// How many places a search for the code looks at; for tests.
   std::size_t CountSteps(std::uint64_t code) const;

@@ -3,11 +3,10 @@
 #include <sys/uio.h>
 
 #include <algorithm>
-#include <functional>
 #include <unordered_set>
 #include <vector>
 
-#include "Tile.h"
+#include "TileEntry.h"
 
 namespace Zarn::Engine {
 
@@ -54,18 +53,6 @@ class StoreBatch {
   std::vector<Tile> m_tiles;
   std::size_t m_inFile = 0;
   std::uint64_t m_blockSize = 0;  // bytes
-};
-
-class OperationLock;
-
-/// The stores that a batch is asked for, by their numbers.
-struct BatchSource {
-  std::size_t count;
-  std::function<bool(std::size_t store, StoreBatch& batch)>
-      add;  ///< false if it must be stored alone
-  std::function<unsigned int(std::size_t store, OperationLock& lock)>
-      store;                                                     ///< alone, under the batch's locks
-  std::function<unsigned int(std::size_t store)> storeUnlocked;  ///< alone, with locks of its own
 };
 
 }  // namespace Zarn::Engine

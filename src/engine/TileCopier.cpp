@@ -16,29 +16,32 @@ constexpr std::uint64_t kTellEvery = 1 << 20;  // bytes written
 // Of a tile, that older versions may have for tables however small the payloads are.
 constexpr std::uint64_t kUsualTables = 4096;
 
-Format::IndexShape ShapeAt(std::uint64_t begin, const FileState& state) {
-  return Format::HeaderView(state.header).FileKind() == Format::kGridFile
-             ? Format::IndexShape::OfGrid(begin, state.grid.rowCount, state.grid.colCount)
-             : Format::IndexShape::OfNames(begin, state.naming.capacity);
+// An index of the same kind and size in a new container.
+Format::IndexShape NewIndexOf(const OpenFile& source) {
+  Format::IndexShape shape = source.Index().GetShape();
+  shape.begin = Format::kHeaderSize;
+  return shape;
 }
 
 }  // namespace
 
-TileCopier::TileCopier(const FileState& source, ZrFile64& target, Layout layout, NameDecoder decode,
-                       Progress progress)
+TileCopier::TileCopier(const OpenFile& source, const MaxSizes::Values& sizes, ZrFile64& target,
+                       Layout layout, NameDecoder decode, Progress progress)
     : m_source(source),
+      m_sizes(sizes),
+      m_file(*source.GetStream()),
       m_target(target),
       m_layout(layout),
       m_decode(std::move(decode)),
       m_progress(std::move(progress)),
-      m_records(Format::HeaderView(source.header).Records(source.swap)),
-      m_index(ShapeAt(Format::HeaderView(source.header).IndexOffset(), source)),
-      m_reader(*source.file, m_records),
+      m_records(source.GetShape()),
+      m_index(source.Index().GetShape()),
+      m_reader(m_file, m_records),
       m_head(m_headBytes, {m_records.kind}),
-      m_writer(target, ShapeAt(Format::kHeaderSize, source)) {}
+      m_writer(target, NewIndexOf(source)) {}
 
 unsigned int TileCopier::Copy() {
-  if (!m_source.file->GetLength(m_sourceLength)) return ZrResult::kReadFailure;
+  if (!m_file.GetLength(m_sourceLength)) return ZrResult::kReadFailure;
   m_limit = std::max(m_sourceLength, m_index.End());
   unsigned int result = ZrResult::kOk;
   if (m_index.IsGrid() && m_layout == kTight) result = PlaceCrowdedRecords();
@@ -113,7 +116,7 @@ unsigned int TileCopier::PlaceRecord(const Extent& extent) {
   if (!m_head.Begin({own.Stamp(0), status, head.capacity, head.filledLength}, {}))
     return ZrResult::kWriteFailure;
   if (!m_payload.ResizeForOverwrite(head.filledLength) ||
-      !m_source.file->ReadAt(extent.begin + head.size, m_payload.GetData(), head.filledLength))
+      !m_file.ReadAt(extent.begin + head.size, m_payload.GetData(), head.filledLength))
     return ZrResult::kReadFailure;
   if (!m_writer.AppendRecord(m_head, m_payload) || !TellNowAndThen())
     return ZrResult::kWriteFailure;
@@ -141,7 +144,7 @@ bool TileCopier::HasRoomFor(std::uint64_t size) {
 // By way of the file, not of the index in memory, of which a large grid would fill too much.
 unsigned int TileCopier::ForAllCells(CellsVisit visit) {
   m_all = m_index.CountIn(m_sourceLength);
-  Io::IndexWalker cells(*m_source.file, m_index, m_records.swap, m_all);
+  Io::IndexWalker cells(m_file, m_index, m_records.swap, m_all);
   while (cells.Next()) {
     const unsigned int result = (this->*visit)(cells);
     if (result != ZrResult::kOk) return result;
@@ -157,7 +160,7 @@ unsigned int TileCopier::CopyCells(const Io::IndexWalker& cells) {
     const std::uint64_t position = Format::PositionOf(entry);
     if (Format::StatusOf(entry) == Format::kStatusEmpty) continue;
     const std::uint64_t next = i + 1 < cells.Size() ? cells.Value(i + 1) : 0;
-    std::uint64_t length = m_source.index->GetHint(m_done);
+    std::uint64_t length = m_source.Index().GetPages()->GetHint(m_done);
     if (length == 0) length = Format::DistanceToNext(entry, next);
     if (!Format::HoldsRecord(Format::StatusOf(entry))) return ZrResult::kReadFailure;
     std::uint64_t value;
@@ -174,12 +177,12 @@ unsigned int TileCopier::CopyCells(const Io::IndexWalker& cells) {
 }
 
 unsigned int TileCopier::CopyNames() {
-  const std::vector<NameTable::Entry> places = m_source.names->Sorted();
+  const std::vector<NameTable::Entry> places = m_source.Names()->GetTable().Sorted();
   m_all = places.size();
   for (std::size_t i = 0; i < places.size(); ++i) {
     m_done = i;
     std::uint64_t value;
-    if (!m_source.index->ReadValue(places[i].slot, m_records.swap, value))
+    if (!m_source.Index().GetPages()->ReadValue(places[i].slot, value))
       return ZrResult::kReadFailure;
     if (Format::StatusOf(value) == Format::kStatusEmpty) continue;
     const unsigned int result = CopyName(places[i], value);
@@ -190,7 +193,7 @@ unsigned int TileCopier::CopyNames() {
 
 unsigned int TileCopier::CopyName(const NameTable::Entry& place, std::uint64_t value) {
   if (!Format::HoldsRecord(Format::StatusOf(value)) ||
-      !ReadRecord(Format::PositionOf(value), m_source.index->GetHint(place.slot)))
+      !ReadRecord(Format::PositionOf(value), m_source.Index().GetPages()->GetHint(place.slot)))
     return ZrResult::kReadFailure;
   const Format::RecordHead& head = m_reader.Head();
   Name name;
@@ -219,10 +222,9 @@ unsigned int TileCopier::CopyName(const NameTable::Entry& place, std::uint64_t v
 }
 
 bool TileCopier::WriteCount() {
-  Format::NamingHeader header = m_source.naming;
-  header.count = m_names.GetSize();
-  header.flags = Format::kVersionsEnabled;
-  const auto image = Format::EncodeNamingHeader(header, false);
+  const auto image = Format::EncodeNamingHeader(
+      {m_index.count, m_names.GetSize(), m_sizes.first, m_sizes.second, Format::kVersionsEnabled},
+      false);
   return m_target.WriteAt(Format::kHeaderSize, image.data(), image.size());
 }
 
@@ -242,10 +244,10 @@ bool TileCopier::ReadName(std::uint32_t slot, Name& name) {
   std::uint64_t value;
   ZrByteArray bytes;
   unsigned char charset[Format::kWidth4];
-  Io::RecordReader reader(*m_source.file, m_records);
-  if (!m_source.index->ReadValue(slot, m_records.swap, value)) return false;
+  Io::RecordReader reader(m_file, m_records);
+  if (!m_source.Index().GetPages()->ReadValue(slot, value)) return false;
   const std::uint64_t position = Format::PositionOf(value);
-  if (!m_source.file->ReadAt(position + Format::kCharsetOffset, charset, sizeof charset) ||
+  if (!m_file.ReadAt(position + Format::kCharsetOffset, charset, sizeof charset) ||
       reader.ReadName(position, bytes) != Io::NameRead::kRead)
     return false;
   name.charset = LoadScalar<std::uint32_t>(charset, m_records.swap);
@@ -266,7 +268,7 @@ TileCopier::CodeSearch TileCopier::FindCode(const Name& name, std::uint64_t& cod
     if (!ReadName(*found, other) || !Decode(other)) return CodeSearch::kUnreadable;
     if (other.units == name.units)
       return other.stored == name.stored ? CodeSearch::kShadowed : CodeSearch::kTaken;
-    const std::uint64_t next = Format::NextHashCode(code);
+    const std::uint64_t next = Format::GetNextHashCode(code);
     if (next == code) return CodeSearch::kTaken;
     code = next;
   }

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "FileState.h"
 #include "ImageWriter.h"
 #include "IndexWalker.h"
+#include "OpenFile.h"
 #include "RecordReader.h"
 
 namespace Zarn::Engine {
@@ -29,8 +29,9 @@ class TileCopier {
              ///< they do in the source. Takes a look at all heads beforehand.
   };
 
-  TileCopier(const FileState& source, ZrFile64& target, Layout layout, NameDecoder decode,
-             Progress progress);
+  /// `sizes`: the host's numbers, for a naming file.
+  TileCopier(const OpenFile& source, const MaxSizes::Values& sizes, ZrFile64& target, Layout layout,
+             NameDecoder decode, Progress progress);
 
   /// kOk; kReadFailure if something in the source cannot be read, or holds what nothing writes;
   /// kWriteFailure if the target cannot be written, if a name cannot be converted or stored, or if
@@ -97,7 +98,9 @@ class TileCopier {
   bool HasRoomFor(std::uint64_t size);
   bool TellNowAndThen();
 
-  const FileState& m_source;
+  const OpenFile& m_source;
+  const MaxSizes::Values m_sizes;
+  const ZrFile64& m_file;  // of the source
   ZrFile64& m_target;
   const Layout m_layout;
   const NameDecoder m_decode;

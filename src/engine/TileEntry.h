@@ -7,7 +7,7 @@
 
 /// What operations on tiles and the rooms below them hand to each other, however a tile is
 /// addressed.
-namespace Zarn::Engine::Rooms {
+namespace Zarn::Engine {
 
 /// A tile's index entry while an operation works on it.
 struct TileEntry {
@@ -34,6 +34,13 @@ struct TileEntry {
   }
 };
 
+/// The same of a tile with a name; of a cell only the entry counts.
+struct NameSlot {
+  TileEntry entry;
+  std::uint64_t code = 0;  // with the ordinal under which the name is found
+  bool isNew = false;      // no slot has this code yet
+};
+
 /// What a caller stores.
 struct StoreRequest {
   const ZrByteArray& data;
@@ -53,4 +60,4 @@ class EntryWriter {
   ~EntryWriter() = default;
 };
 
-}  // namespace Zarn::Engine::Rooms
+}  // namespace Zarn::Engine

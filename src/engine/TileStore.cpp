@@ -8,7 +8,7 @@
 #include "ReplaceWord.h"
 #include "ZrResult.h"
 
-namespace Zarn::Engine::Rooms {
+namespace Zarn::Engine {
 
 using StorePlace = Format::VersionTable::StorePlace;
 
@@ -214,7 +214,7 @@ bool TileStore::RemoveNewest(TileEntry& entry) {
 
 // Reads the head of a record into an image. `seenLength` is the record's, if it was seen before.
 bool TileStore::ReadHead(std::uint64_t position, std::uint64_t seenLength, Image& image) const {
-  Io::RecordReader record(m_place.file, m_place.shape.kind, m_place.shape.swap, m_place.map);
+  Io::RecordReader record(m_place.file, m_place.shape, m_place.map);
   return record.ReadHead(position, seenLength, image.Bytes()) && record.Head().versionCount > 0 &&
          m_place.index.LeavesRoom(position, record.Head().length) && image.Parse();
 }
@@ -357,7 +357,7 @@ unsigned int TileStore::LookUp_Inner(TileEntry& entry, const NameKey* key, ZrByt
   const std::uint64_t headSize = key == nullptr
                                      ? Format::kGridRecordHead
                                      : Format::NamingRecordHeadSize(key->GetStoredLength());
-  Io::RecordReader record(m_place.file, m_place.shape.kind, m_place.shape.swap, m_place.map);
+  Io::RecordReader record(m_place.file, m_place.shape, m_place.map);
   const auto read = [&](std::uint64_t position, std::uint64_t length) {
     const std::uint64_t payload = length > headSize ? length - headSize : 0;
     return record.Read(position, {headSize, payload}, m_buffer) && record.Head().versionCount > 0 &&
@@ -375,4 +375,4 @@ unsigned int TileStore::LookUp_Inner(TileEntry& entry, const NameKey* key, ZrByt
   return ZrResult::kOk;
 }
 
-}  // namespace Zarn::Engine::Rooms
+}  // namespace Zarn::Engine

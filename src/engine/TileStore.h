@@ -11,8 +11,6 @@ namespace Zarn::Engine {
 
 class NameKey;
 
-namespace Rooms {
-
 /// Records and versions of tiles: takes an index entry, reads or changes the records that it leads
 /// to, and returns the entry as it is to be. The caller writes it; only while a record is replaced
 /// in its place does the store write it itself.
@@ -105,9 +103,7 @@ class TileStore {
 
   bool PointTo(Reference& reference, std::uint64_t position);
   bool ReplaceLocator(Reference& reference, std::uint64_t locator);
-  Image MakeImage(ZrByteArray& bytes) const {
-    return Image(bytes, m_place.shape.kind, m_place.shape.swap);
-  }
+  Image MakeImage(ZrByteArray& bytes) const { return Image(bytes, m_place.shape); }
 
   const Place m_place;
   ZrByteArray& m_buffer;
@@ -115,5 +111,4 @@ class TileStore {
   Io::SafeRewrite m_rewrite;
 };
 
-}  // namespace Rooms
 }  // namespace Zarn::Engine

@@ -7,6 +7,7 @@
 #include "RecordHead.h"
 #include "Scramble.h"
 #include "ZrCompactFile.h"
+#include "ZrFile64.h"
 
 namespace Zarn::Engine {
 

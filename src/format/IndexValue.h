@@ -4,7 +4,7 @@
 
 #include "Layout.h"
 
-/// Index values (also the locators of version tables), and where index entries lie.
+/// Index values, also the locators of version tables, and the numbers of cells.
 namespace Zarn::Format {
 
 inline constexpr unsigned kStatusShift = 56;
@@ -51,31 +51,5 @@ constexpr std::optional<std::uint32_t> GridCellNumber(std::uint32_t rows, std::u
   if (cell >= GridEntryCount(rows, cols)) return std::nullopt;
   return static_cast<std::uint32_t>(cell);
 }
-
-constexpr std::uint64_t GridEntryOffset(std::uint64_t indexOffset, std::uint32_t cell) {
-  return indexOffset + kGridHeaderSize + std::uint64_t{cell} * kGridEntrySize;
-}
-
-/// First byte behind the index area of a grid, where records may begin.
-constexpr std::uint64_t GridDataStart(std::uint64_t indexOffset, std::uint32_t rows,
-                                      std::uint32_t cols) {
-  return GridEntryOffset(indexOffset, GridEntryCount(rows, cols));
-}
-
-constexpr std::uint64_t NamingSlotOffset(std::uint64_t indexOffset, std::uint64_t slot) {
-  return indexOffset + kNamingHeaderSize + slot * kNamingSlotSize;
-}
-
-/// Where the index lies, header included.
-struct IndexArea {
-  std::uint64_t begin = 0;
-  std::uint64_t end = 0;
-
-  /// Whether a record may lie there: behind the file's header, and outside this.
-  constexpr bool LeavesRoom(std::uint64_t position, std::uint64_t length) const {
-    if (position < kHeaderSize) return false;
-    return position >= end || (position < begin && length <= begin - position);
-  }
-};
 
 }  // namespace Zarn::Format

@@ -23,7 +23,7 @@ inline constexpr std::uint64_t kHashMask = (std::uint64_t{1} << kOrdinalShift) -
 inline constexpr std::uint64_t kLastOrdinal = 0xFF;
 
 /// The next code to probe: one ordinal further, but never beyond the last.
-constexpr std::uint64_t NextHashCode(std::uint64_t code) {
+constexpr std::uint64_t GetNextHashCode(std::uint64_t code) {
   return code >> kOrdinalShift == kLastOrdinal ? code : code + (std::uint64_t{1} << kOrdinalShift);
 }
 

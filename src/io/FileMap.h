@@ -24,7 +24,7 @@ class FileMap {
   /// if it cannot be mapped. Meanwhile the file must not become shorter.
   std::uint64_t ReadUpTo(std::uint64_t position, void* target, std::uint64_t size);
   /// For after the file may have become shorter.
-  void Forget() { m_length.store(0); }
+  void Invalidate() { m_length.store(0); }
 
  private:
   struct View {

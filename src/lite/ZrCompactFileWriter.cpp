@@ -115,8 +115,9 @@ unsigned int ZrCompactFileWriter::WriteHeaderGrid(unsigned int rows, unsigned in
   if (m_bSwap || HoldsRecords()) return ZrResult::kWriteFailure;
   const Format::GridHeader header = {rows, cols, m_nGridFlags | Format::kVersionsEnabled};
   const auto image = Format::EncodeGridHeader(header, false);
-  const std::uint64_t entries = Format::GridEntryOffset(GetIndexOffset(), 0);
-  const std::uint64_t end = Format::GridDataStart(GetIndexOffset(), rows, cols);
+  const auto shape = Format::IndexShape::OfGrid(GetIndexOffset(), rows, cols);
+  const std::uint64_t entries = shape.EntryAt(0);
+  const std::uint64_t end = shape.End();
   if (!WriteAt(GetIndexOffset(), image.data(), image.size()) || !ZeroFill(entries, end - entries) ||
       !SetLength(end))
     return ZrResult::kWriteFailure;
@@ -140,7 +141,7 @@ bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
   if (ReadIndexValue(row, col, before)) return ReplaceIndexValue(row, col, before, value);
   std::uint64_t after;
   StoreScalar<std::uint64_t>(&after, value, m_bSwap);
-  return WriteAt(Format::GridEntryOffset(GetIndexOffset(), *cell), &after, sizeof after);
+  return WriteAt(GetIndexShape().EntryAt(*cell), &after, sizeof after);
 }
 
 // The same for an entry of this grid that was read before. If it fails, the old one is there.
@@ -150,8 +151,7 @@ bool ZrCompactFileWriter::ReplaceIndexValue(unsigned int row, unsigned int col,
   std::uint64_t stored[2];
   StoreScalar<std::uint64_t>(&stored[0], before, m_bSwap);
   StoreScalar<std::uint64_t>(&stored[1], after, m_bSwap);
-  return cell && Io::ReplaceWord(*this, Format::GridEntryOffset(GetIndexOffset(), *cell), stored[0],
-                                 stored[1]);
+  return cell && Io::ReplaceWord(*this, GetIndexShape().EntryAt(*cell), stored[0], stored[1]);
 }
 
 unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, const ZrByteArray& data,
@@ -291,7 +291,7 @@ unsigned long long ZrCompactFileWriter::WriteDataToFile(
 
 // Where the next record goes; 0 if the file cannot be read.
 unsigned long long ZrCompactFileWriter::GetAppendPosition(unsigned long long fileLength) {
-  m_pTail->SetIndex(Format::IndexShape::OfGrid(GetIndexOffset(), m_nRowCount, m_nColCount));
+  m_pTail->SetIndex(GetIndexShape());
   return m_pTail->Reserve(*this, fileLength);
 }
 

@@ -5,7 +5,7 @@
 
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
-#include "IndexValue.h"
+#include "IndexShape.h"
 #include "OpenPath.h"
 #include "PathRules.h"
 #include "RedoFile.h"
@@ -103,7 +103,7 @@ unsigned int ZrGridFile::ReadEntries(unsigned int row, unsigned int col,
   if (!m_bOpened || !cell) return 0;
   const unsigned int following = Format::GridEntryCount(m_nRowCount, m_nColCount) - *cell;
   const std::uint64_t size = std::min(count, following) * std::uint64_t{Format::kGridEntrySize};
-  const std::uint64_t position = Format::GridEntryOffset(GetIndexOffset(), *cell);
+  const std::uint64_t position = GetIndexShape().EntryAt(*cell);
   const auto got =
       static_cast<unsigned int>(ReadUpTo(position, entries, size) / Format::kGridEntrySize);
   for (unsigned int i = 0; i < got; ++i)
@@ -121,8 +121,10 @@ unsigned long long ZrGridFile::GetIndexOffset() const {
   return Format::HeaderView(m_header).IndexOffset();
 }
 
-unsigned long long ZrGridFile::GetDataStart() const {
-  return Format::GridDataStart(GetIndexOffset(), m_nRowCount, m_nColCount);
+Format::IndexShape ZrGridFile::GetIndexShape() const {
+  return Format::IndexShape::OfGrid(GetIndexOffset(), m_nRowCount, m_nColCount);
 }
+
+unsigned long long ZrGridFile::GetDataStart() const { return GetIndexShape().End(); }
 
 }  // namespace Zarn

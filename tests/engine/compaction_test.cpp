@@ -20,6 +20,7 @@
 #include "FileSyscalls.h"
 #include "ZrCompactFileReader.h"
 #include "ZrFile.h"
+#include "ZrFile64.h"
 #include "ZrToolkit.h"
 #include "engine/EngineFixture.h"
 #include "support/PowerLoss.h"

@@ -7,6 +7,7 @@
 #include <string>
 #include <tuple>
 
+#include "ZrCacheFile.h"
 #include "ZrCompactFileStub.h"
 #include "ZrCompactFileWriter.h"
 #include "ZrFile.h"

@@ -10,7 +10,7 @@
 #include "support/RawFile.h"
 #include "support/TemporaryFolder.h"
 
-namespace Zarn::Engine::Rooms {
+namespace Zarn::Engine {
 namespace {
 
 using namespace Support;
@@ -63,6 +63,7 @@ class TileStoreTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
     TileStore store({file, nullptr, shape, index, true, tail, entries}, buffer);
     TileEntry tile = entry;
     std::string scratch;
+    const NameKey key(ownName, shape);
     if (!(span ? store.StoreIntoTile(tile, {data, *span, stamp, {251, key.GetStoredBytes(scratch)}})
                : store.RemoveFromTile(tile, stamp, false)))
       return false;
@@ -75,7 +76,7 @@ class TileStoreTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
   /// What a lookup gives, as far as it is filled.
   std::string Read(std::uint64_t stamp, const PelmUnicodeString& name = u"ab") {
     const TileStore store({file, nullptr, shape, index, true, tail, entries}, buffer);
-    const NameKey wanted(name, Format::kCurrentVersion, shape.swap);
+    const NameKey wanted(name, shape);
     ZrByteArray data;
     unsigned long long filled = 0;
     TileEntry tile = entry;
@@ -100,7 +101,6 @@ class TileStoreTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
   TemporaryFolder folder;
   const PelmUnicodeString path = folder.GetPath("t");
   const PelmUnicodeString ownName = u"ab";
-  const NameKey key{ownName, Format::kCurrentVersion, std::get<1>(GetParam())};
   Format::IndexShape index;
   Format::RecordShape shape;
   bool isBig = false;
@@ -202,4 +202,4 @@ INSTANTIATE_TEST_SUITE_P(KindsAndByteOrders, TileStoreTest,
                          ::testing::Combine(::testing::Bool(), ::testing::Bool()));
 
 }  // namespace
-}  // namespace Zarn::Engine::Rooms
+}  // namespace Zarn::Engine

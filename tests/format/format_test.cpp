@@ -157,8 +157,8 @@ TEST(NameHash, KnownValues) {
   EXPECT_EQ(HashBytes("\xE9"), 0x007B4C47627B4C47U);
   EXPECT_EQ(HashUnits(u"1yeg98dgy"), 0x000077B24DCCC90DU);
   EXPECT_EQ(HashUnits(u"sm38f3s71"), 0x000077B24DCCC90DU);
-  EXPECT_EQ(NextHashCode(0x00ABCDEF01234567), 0x01ABCDEF01234567U);
-  EXPECT_EQ(NextHashCode(0xFFABCDEF01234567), 0xFFABCDEF01234567U) << "saturates";
+  EXPECT_EQ(GetNextHashCode(0x00ABCDEF01234567), 0x01ABCDEF01234567U);
+  EXPECT_EQ(GetNextHashCode(0xFFABCDEF01234567), 0xFFABCDEF01234567U) << "saturates";
 }
 
 // The product wraps at 32 bits, and no two cells may share an entry because of it.

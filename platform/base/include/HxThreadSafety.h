@@ -32,5 +32,7 @@
 #define HX_EXCLUDES(...) HX_THREAD_SAFETY(locks_excluded(__VA_ARGS__))
 /// A function that returns the lock.
 #define HX_RETURN_CAPABILITY(lock) HX_THREAD_SAFETY(lock_returned(lock))
+/// A function whose callers hold the lock, though the check cannot see it.
+#define HX_ASSERT_HELD(lock) HX_THREAD_SAFETY(assert_capability(lock))
 /// A function that the check cannot follow; a comment says why it is right.
 #define HX_NOT_CHECKED HX_THREAD_SAFETY(no_thread_safety_analysis)

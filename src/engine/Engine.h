@@ -1,0 +1,194 @@
+#pragma once
+
+#include <map>
+#include <memory>
+
+#include "Locks.h"
+#include "MaxSizes.h"
+#include "OpenFile.h"
+#include "Operation.h"
+#include "RecordBuffers.h"
+#include "ZrCacheFile.h"
+#include "ZrCompactFile.h"
+#include "ZrTextCodec.h"
+
+namespace Zarn::Io {
+class RedoFile;
+}
+
+namespace Zarn::Engine {
+
+class NameKey;
+class StoreBatch;
+struct NameSlot;
+struct StoreRequest;
+
+/// What a ZrCompactFile points to: the operations on one container file, for all threads. The
+/// public class documents each operation; here are their steps. An operation takes its locks, asks
+/// the rooms of the open file (CellIndex or NameIndex, TileStore, Tail), writes the index entry,
+/// and answers a result code.
+///
+/// State and who guards it:
+///   m_file        the open file; changed with the mutex, the readers' lock and m_stateMutex held,
+///                 so any of them is enough to use it
+///   m_strPath, m_strAbsolutePath, m_pCacheFile   the same with the mutex and m_stateMutex
+///   m_nOpenMode, m_xorString, m_mapTextCodec     by the mutex
+///   m_buffers, m_maxSizes, m_locks               by themselves
+class Engine {
+ public:
+  using Mode = ZrCompactFile::ZrOpenMode;
+
+  explicit Engine(ZrProcess& object) : m_locks(object) {}
+  ~Engine();
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  // Lifecycle.cpp
+  unsigned int Create(const PelmUnicodeString& path, unsigned int rows, unsigned int cols,
+                      const PelmUnicodeString& password, Mode mode);
+  unsigned int Create(const PelmUnicodeString& path, std::uint64_t capacity,
+                      const PelmUnicodeString& password, Mode mode);
+  unsigned int Open(const PelmUnicodeString& path, const PelmUnicodeString& password, Mode mode);
+  bool Close();
+  /// For the callback of the lock between processes; does nothing while no file is open.
+  void Refresh();
+
+  // Accessors.cpp: take no operation's locks.
+  bool IsOpen() const;
+  bool Flush();
+  PelmUnicodeString GetFullPath() const;
+  void SetMaxSize(double first, double second) { m_maxSizes.Set({first, second}); }
+  bool IsVersionEnabled() const;
+  unsigned int GetIndexInfo(unsigned int& first, unsigned int& second) const;
+  bool GetGridIdxValue(unsigned int row, unsigned int col, unsigned long long& value);
+
+  // GridOperations.cpp
+  unsigned int SetAt(const ZrCellStore& store);
+  unsigned int SetAt(unsigned int row, unsigned int col, const PelmUnicodeString& filePath,
+                     std::uint64_t version);
+  unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
+                      unsigned long long& filledLength, std::uint64_t version);
+  unsigned int Remove(unsigned int row, unsigned int col, std::uint64_t version);
+
+  // NamedOperations.cpp
+  unsigned int SetAt(const PelmUnicodeString& name, const ZrByteArray& data, std::uint64_t capacity,
+                     std::uint64_t offset, std::uint64_t version);
+  unsigned int SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,
+                     std::uint64_t version);
+  unsigned int Lookup(const PelmUnicodeString& name, ZrByteArray& data,
+                      unsigned long long& filledLength, std::uint64_t version);
+  unsigned int Remove(const PelmUnicodeString& name, std::uint64_t version);
+  ZrCompactFile::ZrStatus GetStatus(const PelmUnicodeString& name);
+  bool GetValidNamingList(PelmArray<PelmUnicodeString>& names);
+
+  // BatchOperations.cpp
+  unsigned int SetBatch(const std::vector<ZrCellStore>& stores, std::vector<unsigned int>& results);
+  unsigned int SetBatch(const std::vector<ZrNameStore>& stores, std::vector<unsigned int>& results);
+
+  // Compaction.cpp, Checking.cpp, Password.cpp
+  unsigned int Compact(const ZrCompactFile::CompactProgress& progress);
+  unsigned int Verify(ZrVerifySummary& summary, const ZrCompactFile::VerifyReport& report,
+                      const ZrCompactFile::VerifyProgress& progress);
+  unsigned int SetPassword(const PelmUnicodeString& password);
+
+ private:
+  /// What an object was asked for.
+  struct Identity {
+    PelmUnicodeString path;          // as given, completed
+    PelmUnicodeString absolutePath;  // where the file is, whatever the working directory
+    Format::XorString xorString{};   // of the password
+    Mode mode = 0;
+  };
+
+  // The open file. Both are for callers that hold a lock which keeps it.
+  OpenFile& File() const HX_REQUIRES_SHARED(m_locks) { return *m_file; }
+  ZrByteArray* GetSwapData() HX_REQUIRES_SHARED(m_locks);
+  std::shared_ptr<OpenFile> GetFile() const;
+  std::shared_ptr<ZrCacheFile> GetCacheFile() const;
+  bool IsReadOnly() const HX_REQUIRES_SHARED(m_locks);
+
+  // Lifecycle.cpp
+  template <typename IndexHeader>
+  unsigned int CreateContainer(const IndexHeader& header, const PelmUnicodeString& path,
+                               const PelmUnicodeString& password, Mode mode)
+      HX_REQUIRES(m_locks.GetMutex());
+  unsigned int OpenCacheFile(const PelmUnicodeString& path, const PelmUnicodeString& password)
+      HX_REQUIRES(m_locks.GetMutex());
+  unsigned int OpenContainer(const PelmUnicodeString& path, const PelmUnicodeString& password,
+                             Mode mode) HX_REQUIRES(m_locks.GetMutex());
+  bool MakeMissing(const PelmUnicodeString& absolutePath, const PelmUnicodeString& password);
+  unsigned int Join() HX_REQUIRES(m_locks.GetMutex());
+  bool IsOpenAt(const PelmUnicodeString& path) const HX_REQUIRES(m_locks.GetMutex());
+  void SetIdentity(Identity identity) HX_REQUIRES(m_locks.GetMutex());
+  bool ProcessLockInit() HX_REQUIRES(m_locks.GetMutex());
+  unsigned int TakeIntoUse(std::shared_ptr<ZrFile64> created) HX_REQUIRES(m_locks.GetMutex());
+  unsigned int RefreshIndex(std::shared_ptr<ZrFile64> created) HX_REQUIRES(m_locks.GetMutex());
+  unsigned int LoadFile(const std::shared_ptr<ZrFile64>& created, std::shared_ptr<OpenFile>& loaded)
+      HX_REQUIRES(m_locks.GetMutex());
+  void Publish(std::shared_ptr<OpenFile> file) HX_REQUIRES(m_locks.GetMutex());
+  void DetachCacheFile() HX_REQUIRES(m_locks.GetMutex());
+  void CloseForThread() HX_REQUIRES(m_locks.GetMutex());
+  void TearDown() HX_REQUIRES(m_locks.GetMutex());
+
+  // GridOperations.cpp, NamedOperations.cpp
+  unsigned int StoreCell(const ZrCellStore& store, WriteOperation& operation) HX_REQUIRES(m_locks);
+  unsigned int StoreTile(TileEntry& entry, NameSlot* slot, const StoreRequest& request)
+      HX_REQUIRES(m_locks);
+  unsigned int RemoveVersion(TileEntry& entry, ZrByteArray& buffer, std::uint64_t version)
+      HX_REQUIRES(m_locks);
+  unsigned int StoreName(const ZrNameStore& store) HX_REQUIRES(m_locks);
+  bool GrowIndex() HX_REQUIRES(m_locks);
+  static bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data);
+  unsigned int LookupName(const NameKey& key, ReadOperation& operation, ZrByteArray& data,
+                          unsigned long long& filledLength, std::uint64_t version)
+      HX_REQUIRES_SHARED(m_locks);
+  NameKey MakeKey(const PelmUnicodeString& name) const HX_REQUIRES_SHARED(m_locks);
+
+  // BatchOperations.cpp
+  template <typename Store>
+  unsigned int StoreAll(const std::vector<Store>& stores, std::vector<unsigned int>& results);
+  unsigned int StoreByItself(const ZrCellStore& store);
+  unsigned int StoreByItself(const ZrNameStore& store);
+  template <typename Store>
+  bool StoreTogether(const std::vector<Store>& stores, std::vector<unsigned int>& results);
+  unsigned int StoreAlone(const ZrCellStore& store, WriteOperation& operation)
+      HX_REQUIRES(m_locks) {
+    return StoreCell(store, operation);
+  }
+  unsigned int StoreAlone(const ZrNameStore& store, WriteOperation&) HX_REQUIRES(m_locks) {
+    return StoreName(store);
+  }
+  bool AddToBatch(const ZrCellStore& store, std::size_t number, StoreBatch& batch)
+      HX_REQUIRES(m_locks);
+  bool AddToBatch(const ZrNameStore& store, std::size_t number, StoreBatch& batch)
+      HX_REQUIRES(m_locks);
+  void WriteBlock(StoreBatch& batch, std::vector<unsigned int>& results) HX_REQUIRES(m_locks);
+  void WriteBatch(StoreBatch& batch, WriteOperation& operation, std::vector<unsigned int>& results)
+      HX_REQUIRES(m_locks);
+  bool WriteEntries(const NameSlot* slots, std::size_t count) HX_REQUIRES(m_locks);
+
+  // Compaction.cpp
+  unsigned int BuildImage(Io::RedoFile& image, const ZrCompactFile::CompactProgress& progress)
+      HX_REQUIRES(m_locks);
+  bool WriteEmptyImage(ZrFile64& image) HX_REQUIRES(m_locks);
+  unsigned int ReplaceByImage(Io::RedoFile& image, WriteOperation& operation,
+                              const ZrCompactFile::CompactProgress& progress) HX_REQUIRES(m_locks);
+  bool DecodeOlderName(const Format::StoredName& stored, std::u16string& name);
+  ZrTextCodec* GetTextCodec(PELMCharset::Charset from, PELMCharset::Charset to);
+
+  Locks m_locks;
+  RecordBuffers m_buffers;
+  MaxSizes m_maxSizes;
+  /// Null while nothing is open.
+  std::shared_ptr<OpenFile> m_file;
+  mutable Mutex m_stateMutex;
+  PelmUnicodeString m_strPath;
+  PelmUnicodeString m_strAbsolutePath;
+  std::shared_ptr<ZrCacheFile> m_pCacheFile;  // the ".sc" file that is in use instead
+  std::atomic<bool> m_bHasCacheFile{false};   // whether there is one; to be read without a lock
+  Mode m_nOpenMode HX_GUARDED_BY(m_locks.GetMutex()) = 0;
+  Format::XorString m_xorString HX_GUARDED_BY(m_locks.GetMutex()){};
+  std::map<std::uint64_t, std::unique_ptr<ZrTextCodec>> m_mapTextCodec;  // by both charsets
+};
+
+}  // namespace Zarn::Engine

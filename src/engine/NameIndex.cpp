@@ -1,0 +1,263 @@
+#include "NameIndex.h"
+
+#include <algorithm>
+#include <new>
+
+#include "IndexWalker.h"
+#include "NameHash.h"
+#include "ReplaceWord.h"
+#include "TileStore.h"
+
+namespace Zarn::Engine {
+namespace {
+
+// Writes a header that lies on two pages, field by field; all that ever change have eight bytes.
+// The count goes last of them: once it is there, nothing can fail any more.
+bool WriteByFields(ZrFile64& file, std::uint64_t position, const Format::NamingHeaderImage& bytes) {
+  constexpr std::size_t kFlags = Format::kNamingFlagsOffset;
+  Format::NamingHeaderImage now;
+  if (!file.ReadAt(position, now.data(), now.size())) return false;
+  if (!file.WriteAt(position + kFlags, &bytes[kFlags], bytes.size() - kFlags)) return false;
+  for (std::size_t field = kFlags; field > 0;) {
+    field -= Format::kWidth8;
+    const auto before = LoadScalar<std::uint64_t>(&now[field], false);
+    const auto after = LoadScalar<std::uint64_t>(&bytes[field], false);
+    if (before != after && !Io::ReplaceWord(file, position + field, before, after)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+// A table that was taken over and cannot be completed is of no use to its old index either.
+std::unique_ptr<NameIndex> NameIndex::Load(const std::shared_ptr<ZrFile64>& file,
+                                           Io::FileHeader& header, MaxSizes& maxSizes,
+                                           NameIndex* previous, double previousCreateTime) {
+  const std::uint64_t indexOffset = header.View().IndexOffset();
+  Format::NamingHeaderImage bytes;
+  if (!file->ReadAt(indexOffset, bytes.data(), bytes.size())) return nullptr;
+  const Format::NamingHeader naming = Format::DecodeNamingHeader(bytes, header.IsSwapped());
+  if (naming.capacity > Format::kMaxNamingCapacity || naming.count > naming.capacity)
+    return nullptr;
+  const auto shape = Format::IndexShape::OfNames(indexOffset, naming.capacity);
+  auto index = std::make_unique<NameIndex>(
+      file, header, maxSizes, naming, IndexPages::Area{shape, false, header.IsSwapped()}, previous);
+  if (!index->IsUsable()) return nullptr;
+  // An index that was made anew, by compaction, has a later time of creation.
+  const bool hasGrown = previous != nullptr && previousCreateTime == header.View().CreateTime() &&
+                        index->HasGrownFrom(*previous);
+  index->m_mapHashCode = hasGrown ? previous->m_mapHashCode : std::make_shared<NameTable>();
+  if (hasGrown) previous->m_mapHashCode = std::make_shared<NameTable>();
+  return index->InitHashCodeMap(hasGrown ? previous->GetCount() : 0) ? std::move(index) : nullptr;
+}
+
+NameIndex::NameIndex(std::shared_ptr<ZrFile64> file, Io::FileHeader& fileHeader, MaxSizes& maxSizes,
+                     const Format::NamingHeader& header, const IndexPages::Area& area,
+                     const NameIndex* previous)
+    : IndexEntries(std::move(file), area, previous != nullptr ? previous->GetPages() : nullptr),
+      m_header(fileHeader),
+      m_maxSizes(maxSizes),
+      m_nNamingCapacity(header.capacity),
+      m_nNamingCount(header.count),
+      m_nNamingFlags(header.flags),
+      m_sizesInFile{header.maxSize1, header.maxSize2} {}
+
+// Slots are never taken back, so an index that has grown has the names that it had: the last slot
+// that was there is still the same.
+bool NameIndex::HasGrownFrom(const NameIndex& previous) const {
+  if (previous.m_file != m_file || previous.GetCount() > GetCount()) return false;
+  if (previous.GetCount() == 0) return true;
+  const std::uint64_t last = previous.GetCount() - 1;
+  std::uint64_t code;
+  return m_file->ReadAt(GetShape().EntryAt(last) + Format::kWidth8, &code, sizeof code) &&
+         previous.m_mapHashCode->Find(LoadScalar<std::uint64_t>(&code, IsSwapped())) == last;
+}
+
+// Adds the hash codes of the slots from `first` on. Those in holes, and beyond the end of the file,
+// are empty, all with the code 0, of which the last counts: so a file that claims many names takes
+// memory only for those that it has.
+bool NameIndex::InitHashCodeMap(std::uint64_t first) {
+  constexpr std::uint64_t kSlotsAtOnce = 16384;
+  const std::uint64_t count = GetCount();
+  const auto insert = [&](std::uint64_t code, std::uint64_t slot) {
+    return m_mapHashCode->Insert(code, static_cast<std::uint32_t>(slot));
+  };
+  std::uint64_t fileLength;
+  if (!m_file->GetLength(fileLength)) return false;
+  const std::uint64_t start = GetShape().EntryAt(0);
+  const std::uint64_t inFile = (std::max(fileLength, start) - start) / GetShape().EntrySize();
+  Io::IndexWalker slots(*m_file, GetShape(), IsSwapped(), std::min(count, inFile),
+                        {.first = first, .blockSize = kSlotsAtOnce, .readsLastBlock = true});
+  std::uint64_t next = slots.Position();
+  std::uint64_t roomUpTo = 0;
+  while (slots.Next()) {
+    if (slots.First() > next && !insert(0, slots.First() - 1)) return false;
+    next = slots.Position();
+    if (next > roomUpTo) {
+      roomUpTo = slots.NextHole();
+      if (!m_mapHashCode->Reserve(m_mapHashCode->GetSize() + roomUpTo - slots.First()))
+        return false;
+    }
+    for (std::size_t i = 0; i < slots.Size(); ++i)
+      if (!insert(slots.Code(i), slots.First() + i)) return false;
+  }
+  return !slots.HasFailed() && (next == count || insert(0, count - 1));
+}
+
+bool NameIndex::ReadSlot(std::uint64_t code, NameSlot& slot) const {
+  const std::uint32_t number = *m_mapHashCode->Find(code);
+  slot = {{number, Format::PackIndexValue(Format::kStatusUnknown, 0)}, code, false};
+  return ReadEntry(number, slot.entry);
+}
+
+bool NameIndex::GetNamingIdxValue(const NameKey& key, TileStore& store, NameSlot& slot) const {
+  slot = {{static_cast<std::uint32_t>(GetCount()), 0}, key.GetHashCode(), true};
+  const std::uint32_t run = GetSameHashCodeCount(slot.code);
+  return run == 0 || ReSetHashCodeAndIndexValue(key, store, run, slot);
+}
+
+// Walks through the names of one hash. Deliberately it stops at the first slot whose tile is gone,
+// even if the name follows further on: that slot is then taken for the name.
+bool NameIndex::ReSetHashCodeAndIndexValue(const NameKey& key, TileStore& store, std::uint32_t run,
+                                           NameSlot& slot) const {
+  const NameSlot next = slot;
+  std::uint64_t probe = slot.code;
+  std::optional<NameSlot> unreadable;  // the first one
+  std::uint32_t i = 0;
+  for (; i < run; ++i) {
+    if (!ReadSlot(probe, slot)) return false;
+    if (slot.entry.status == Format::kStatusEmpty) break;
+    const auto matches = HasName(slot.entry, key, store);
+    if (matches == true) return true;
+    if (!matches && !unreadable) unreadable = slot;
+    probe = Format::GetNextHashCode(probe);
+  }
+  if (unreadable) {
+    slot = *unreadable;
+    return false;
+  }
+  if (i < run) return true;
+  slot = next;
+  slot.code = probe;
+  return run <= Format::kLastOrdinal;
+}
+
+std::optional<bool> NameIndex::HasName(TileEntry& entry, const NameKey& key, TileStore& store) {
+  if (!store.ReadCurrentHead(entry)) return std::nullopt;
+  const std::string_view name = store.CurrentName().bytes;
+  return key.Matches(reinterpret_cast<const unsigned char*>(name.data()), name.size());
+}
+
+bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
+  const std::uint64_t oldCount = m_nNamingCount;
+  const std::uint64_t size = count * Format::kNamingSlotSize;
+  unsigned char one[Format::kNamingSlotSize];
+  ZrByteArray many;
+  if (oldCount + count > m_nNamingCapacity ||
+      !m_mapHashCode->Reserve(m_mapHashCode->GetSize() + count) ||
+      (count > 1 && !many.ResizeForOverwrite(size)))
+    return false;
+  unsigned char* const bytes = count > 1 ? many.GetData() : one;
+  for (std::uint64_t i = 0; i < count; ++i) {
+    unsigned char* slot = bytes + i * Format::kNamingSlotSize;
+    StoreScalar(slot, slots[i].entry.Value(), IsSwapped());
+    StoreScalar(slot + Format::kWidth8, slots[i].code, IsSwapped());
+  }
+  const std::uint64_t indexOffset = GetShape().begin;
+  const std::uint64_t place = GetShape().EntryAt(oldCount);
+  if (!m_file->WriteAt(place, bytes, size) ||
+      !WriteHeader(indexOffset, m_nNamingCapacity, oldCount + count)) {
+    WriteHeader(indexOffset, m_nNamingCapacity, oldCount);
+    m_file->ZeroFill(place, size);
+    m_pIndex->Invalidate();
+    return false;
+  }
+  // The file has them now, also if what is in memory cannot follow.
+  if (!m_pIndex->Write(place - GetShape().EntryAt(0), bytes, size)) m_pIndex->Invalidate();
+  for (std::uint64_t i = 0; i < count; ++i)
+    m_mapHashCode->Insert(slots[i].code, slots[i].entry.number);
+  m_nNamingCount = oldCount + count;
+  return true;
+}
+
+bool NameIndex::WriteHeader(std::uint64_t indexOffset, std::uint64_t capacity,
+                            std::uint64_t count) {
+  const MaxSizes::Values sizes = m_maxSizes.Get();
+  const auto bytes = Format::EncodeNamingHeader(
+      {capacity, count, sizes.first, sizes.second, m_nNamingFlags}, IsSwapped());
+  return Io::SpansPages(indexOffset, bytes.size())
+             ? WriteByFields(*m_file, indexOffset, bytes)
+             : m_file->WriteAt(indexOffset, bytes.data(), bytes.size());
+}
+
+bool NameIndex::IncreaseNamingIndexCapacity(std::uint64_t position) {
+  const Format::IndexShape old = GetShape();
+  const auto larger = Format::IndexShape::OfNames(position, 2 * old.count);
+  if (old.count == 0 || larger.count > Format::kMaxNamingCapacity || position == 0) return false;
+  const std::uint64_t oldSize = old.End() - old.EntryAt(0);
+  // An index of which the file has lost a part does not count as full, whatever it states.
+  std::uint64_t length;
+  if (!m_file->GetLength(length) || length < old.End()) return false;
+  Pages pages;
+  try {
+    pages = std::make_shared<IndexPages>(m_file, IndexPages::Area{larger, false, IsSwapped()});
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  // All the room first: a full disk shows before anything is copied.
+  if (!pages->IsUsable() || !m_file->ZeroFill(position, larger.End() - position) ||
+      !WriteHeader(position, larger.count, m_nNamingCount) ||
+      !CopySlots(old.EntryAt(0), larger.EntryAt(0), oldSize) || !m_file->Sync()) {
+    m_file->SetLength(length);  // lest every attempt take more of the disk
+    return false;
+  }
+  if (!m_header.MoveIndex(*m_file, position)) return false;
+  m_nNamingCapacity = larger.count;
+  m_pIndex = std::move(pages);
+  return true;
+}
+
+bool NameIndex::CopySlots(std::uint64_t from, std::uint64_t to, std::uint64_t size) {
+  constexpr std::uint64_t kPiece = 1 << 20;
+  ZrByteArray piece;
+  if (!piece.ResizeForOverwrite(std::min(kPiece, size))) return false;
+  for (std::uint64_t done = 0; done < size;) {
+    const std::uint64_t now = std::min<std::uint64_t>(piece.GetSize(), size - done);
+    if (!m_file->ReadAt(from + done, piece.GetData(), now) ||
+        !m_file->WriteAt(to + done, piece.GetData(), now))
+      return false;
+    done += now;
+  }
+  return true;
+}
+
+bool NameIndex::List(const Format::RecordShape& shape, PelmArray<PelmUnicodeString>& names) const {
+  const bool isUtf16 = shape.formatVersion == Format::kCurrentVersion;
+  if (!isUtf16 && shape.formatVersion != Format::kOlderVersion) return true;
+  ZrByteArray keyBuf;
+  std::uint64_t left;
+  if (!m_file->GetLength(left)) return false;
+  for (const NameTable::Entry& place : m_mapHashCode->Sorted()) {
+    TileEntry entry;
+    if (!ReadEntry(place.slot, entry)) return false;
+    const auto read = GetKeyString(entry.position, shape, keyBuf);
+    if (read == Io::NameRead::kFailed) return false;
+    if (read == Io::NameRead::kNone) continue;
+    if (keyBuf.GetSize() > left) return false;
+    left -= keyBuf.GetSize();
+    std::u16string units;  // stays empty in an older file
+    for (std::uint64_t i = 0; isUtf16 && i + 1 < keyBuf.GetSize(); i += sizeof(char16_t))
+      units.push_back(LoadScalar<std::uint16_t>(keyBuf.GetData() + i, shape.swap));
+    names.Add(PelmUnicodeString(std::move(units)));
+  }
+  return true;
+}
+
+// The name as the record stores it.
+Io::NameRead NameIndex::GetKeyString(std::uint64_t recordPosition, const Format::RecordShape& shape,
+                                     ZrByteArray& keyBuf) const {
+  if (!GetShape().LeavesRoom(recordPosition, Format::kNameOffset)) return Io::NameRead::kNone;
+  return Io::RecordReader(*m_file, shape).ReadName(recordPosition, keyBuf);
+}
+
+}  // namespace Zarn::Engine

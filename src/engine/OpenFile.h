@@ -1,0 +1,92 @@
+#pragma once
+
+#include <optional>
+
+#include "CellIndex.h"
+#include "FileHeader.h"
+#include "NameIndex.h"
+#include "Tail.h"
+#include "TileStore.h"
+
+namespace Zarn::Engine {
+
+/// All that an object knows of the file that it has open: the stream, the header, the index, the
+/// mapping, and where the data end. It is loaded aside and replaced as a whole; whoever works with
+/// one holds a reference.
+///
+/// Threads: see the rooms in it. The stream and the kind of the file never change.
+class OpenFile {
+ public:
+  struct Source {
+    const PelmUnicodeString& path;
+    const Format::XorString& xorString;
+    bool readOnly;
+    bool mapped;    ///< for lookups
+    bool isShared;  ///< with other processes, by the process lock
+    /// The stream that is open on the file at the path; null if there is none, or if that is not
+    /// known.
+    std::shared_ptr<ZrFile64> stream;
+  };
+
+  /// Opens the file and reads its headers, in a number of calls that does not depend on its size;
+  /// of a naming file the hash codes as well. What `previous`, of the same object or null, knows is
+  /// kept as far as it is still the file's. A file that cannot be opened for writing is opened for
+  /// reading; none is created. A replacement that was cut short is finished first.
+  ///
+  /// kOk; kNotOpen; kWrongFile; kNotUsable for an index that does not lie in the file or does not
+  /// fit into memory. After a failure `loaded` is null. Throws std::bad_alloc.
+  static unsigned int Load(const Source& source, MaxSizes& maxSizes, OpenFile* previous,
+                           std::shared_ptr<OpenFile>& loaded);
+
+  OpenFile() = default;
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+
+  const std::shared_ptr<ZrFile64>& GetStream() const { return m_file; }
+  const Io::FileHeader& GetHeader() const { return m_header; }
+  Io::FileHeader& GetHeader() { return m_header; }
+  const Format::RecordShape& GetShape() const { return m_shape; }
+  std::uint32_t GetKind() const { return m_shape.kind; }
+  /// Null in a file of another kind.
+  CellIndex* Cells() const { return m_cells.get(); }
+  NameIndex* Names() const { return m_names.get(); }
+  /// The one of the two that there is.
+  IndexEntries& Index() const {
+    return m_cells != nullptr ? static_cast<IndexEntries&>(*m_cells) : *m_names;
+  }
+  /// Whether tiles keep versions.
+  bool HasVersions() const;
+  /// Null without kMapped.
+  Io::FileMap* Map() const { return m_pMap.get(); }
+  /// For a file that has an index.
+  Io::Tail& GetTail() { return *m_tail; }
+
+  /// Records and versions, with a thread's record buffer. For a file that has an index.
+  TileStore MakeStore(ZrByteArray& buffer);
+
+  /// The number of the locked file that it was loaded from; 0 without the process lock.
+  std::uint64_t GetLockedFile() const { return m_nLockedFile; }
+  void SetLockedFile(std::uint64_t number) { m_nLockedFile = number; }
+  /// Whether the file's headers are those of this grid: then what others have changed are tiles.
+  bool HasSameHeaders() const;
+  /// Others have changed tiles of this grid.
+  void InvalidateTiles();
+
+ private:
+  bool OpenStream(const Source& source);
+  bool ReadHeader(const Source& source);
+  void TakeMap(const Source& source, const OpenFile* previous);
+  bool ReadIndex(const Source& source, MaxSizes& maxSizes, OpenFile* previous);
+  void TakeTail(const Source& source, const OpenFile* previous);
+
+  std::shared_ptr<ZrFile64> m_file;
+  Io::FileHeader m_header;
+  Format::RecordShape m_shape;
+  std::shared_ptr<Io::FileMap> m_pMap;
+  std::unique_ptr<CellIndex> m_cells;
+  std::unique_ptr<NameIndex> m_names;
+  std::optional<Io::Tail> m_tail;  // where the data end
+  std::uint64_t m_nLockedFile = 0;
+};
+
+}  // namespace Zarn::Engine
