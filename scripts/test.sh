@@ -10,6 +10,6 @@ if [[ ${1--} != -* ]]; then
   shift
 fi
 need_compiler /usr/include/gmock/gmock.h=libgmock-dev python3=python3 pkg-config=pkg-config \
-  dpkg-shlibdeps=dpkg-dev file=file doxygen=doxygen
+  dpkg-shlibdeps=dpkg-dev file=file doxygen=doxygen abidiff=abigail-tools
 build "$preset"
 exec ctest --preset "$preset" "$@"

@@ -5,12 +5,15 @@
 #   run.sh pkg_config         the same, and the README's program
 #   run.sh debian             makes the packages and unpacks them
 #   run.sh exports            compares what the libraries show with exports.txt
+#   run.sh abi                compares their symbols and public types with abi/LIBRARY.abi
+#   run.sh write_abi          writes these (scripts/abi.sh does; no test)
 #   run.sh add_subdirectory   builds the library as a part of another project
 # From the environment: PROJECT, BUILD (its build folder), CXX, and EXAMPLES (their names).
 set -euo pipefail
 work=$BUILD/package/$1
 prefix=$BUILD/package/prefix
 rm -rf "$work" && mkdir -p "$work"
+libraries="HxBase HxStream HxToolkit HxCompactFile"
 warnings="-Wall -Wextra -Wpedantic -Werror"
 fail() {
   echo "$*" >&2
@@ -96,14 +99,56 @@ debian() {
   dpkg-deb -f "$work"/libhxcompactfile-dev_*.deb Depends | grep '^libhxcompactfile1 (= '
 }
 
+installed() { find "$prefix" -name "lib$1.so"; }
+
 # A line "library name" for each class, and for each function outside of one.
 exports() {
   local library
-  for library in HxBase HxStream HxToolkit HxCompactFile; do
-    nm -D --defined-only -C "$(find "$prefix" -name "lib$library.so")" |
+  for library in $libraries; do
+    nm -D --defined-only -C "$(installed "$library")" |
       sed -E -e 's/^[0-9a-f]+ . //' -e 's/^(vtable|typeinfo|typeinfo name) for (.*)/\2::/' \
         -e 's/(\[abi:|\().*//' -e '/^Zarn::[^:]*$/!s/::[^:]*$//' -e "s/^/$library /"
   done | LC_ALL=C sort -u | diff "$PROJECT/tests/package/exports.txt" -
+}
+
+# What programs depend on that were linked before: the symbols, and the types of installed headers.
+abi=$PROJECT/tests/package/abi
+abi_headers=$prefix/include/HxCompactFile
+abi_options=(--suppressions "$abi/types.ini" --no-corpus-path --exported-interfaces-only)
+
+build_abi_types() {
+  "$CXX" -std=c++17 -g -shared -fPIC -fvisibility=hidden -fvisibility-inlines-hidden \
+    -I"$abi_headers" "$abi/types.cpp" -o "$prefix/libHxTypes.so"
+}
+
+write_abi() {
+  local library
+  build_abi_types
+  for library in $libraries HxTypes; do
+    abidw "${abi_options[@]}" --headers-dir "$abi_headers" --drop-private-types --no-architecture \
+      --no-comp-dir-path --no-show-locs --no-parameter-names --no-elf-needed \
+      --drop-undefined-syms --type-id-style hash "$(installed "$library")" |
+      sed "s| path='[^']*/| path='|" >"$abi/$library.abi"
+  done
+}
+
+abi() {
+  local library changed="" other=()
+  readelf -S "$(installed HxCompactFile)" | grep -F .debug_info >/dev/null || {
+    echo "skipped: built without debug information"
+    exit 77
+  }
+  [[ $("$CXX" --version) != *clang* ]] || other=(--suppressions "$abi/clang.ini")
+  build_abi_types
+  for library in $libraries HxTypes; do
+    [ $library != HxTypes ] || other=()
+    abidiff "${abi_options[@]}" "${other[@]}" --no-architecture --no-show-locs \
+      --leaf-changes-only --no-added-syms "$abi/$library.abi" "$(installed "$library")" ||
+      changed+=" $library"
+  done
+  [ -z "$changed" ] || fail "not as in tests/package/abi:$changed. Programs that were linked before" \
+    "may break. If that is intended, run scripts/abi.sh and commit what it writes; after a" \
+    "release, raise SOVERSION as well."
 }
 
 $1

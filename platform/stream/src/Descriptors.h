@@ -6,6 +6,7 @@
 #include <new>
 
 #include "FileSyscalls.h"
+#include "HxThreadSafety.h"
 
 namespace Zarn {
 
@@ -32,12 +33,13 @@ inline int AboveStandardStreams(int fd) {
 
 /// Makes the one Registry of the process, which has a mutex `m_mutex`, hold that mutex while a
 /// thread forks, and makes the child call its DropInChild(). So a child drops each descriptor that
-/// the registry knows, if the registry's mutex is held wherever one is opened or closed.
+/// the registry knows, if the registry's mutex is held wherever one is opened or closed. One
+/// function takes the mutex and another one releases it, which clang cannot follow.
 template <typename Registry>
 void HandleForkOf() {
-  const int result = ::pthread_atfork([] { Registry::Get().m_mutex.Lock(); },
-                                      [] { Registry::Get().m_mutex.Unlock(); },
-                                      [] {
+  const int result = ::pthread_atfork([]() HX_NOT_CHECKED { Registry::Get().m_mutex.Lock(); },
+                                      []() HX_NOT_CHECKED { Registry::Get().m_mutex.Unlock(); },
+                                      []() HX_NOT_CHECKED {
                                         Registry::Get().DropInChild();
                                         Registry::Get().m_mutex.Unlock();
                                       });
