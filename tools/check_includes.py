@@ -2,7 +2,8 @@
 """Holds the layers of docs/design.md against the code: who may include whom.
 
 Every quoted include must name a header of this project, in a folder that the including file's
-layer may see, and every public and platform header must compile on its own. Usage:
+layer may see. Within the engine, operations include rooms, and rooms never operations. No headers
+include each other in a circle. Every public and platform header must compile on its own. Usage:
 check_includes.py PROJECT COMPILER.
 """
 
@@ -23,6 +24,16 @@ LAYERS = {
     "engine": (["src/engine"], ["io", "format", "include", "base", "stream", "toolkit"]),
     "access": (["src/access"], ["io", "format", "include", "base", "stream", "toolkit"]),
     "tools": (["tools", "examples", "benchmarks"], ["include", "base", "stream", "toolkit"]),
+}
+OPERATIONS = [f"{name}.cpp" for name in (
+    "ZrCompactFile", "Lifecycle", "GridOperations", "NamedOperations", "BatchOperations",
+    "Compaction", "Checking", "Password", "Accessors")]
+# Header of src/engine: the files that may include it. All others are for every room.
+ONLY_FOR = {
+    "Engine.h": OPERATIONS,
+    "Operation.h": ["Engine.h", "Operation.cpp", *OPERATIONS],
+    "Locks.h": ["Engine.h", "Operation.h", *OPERATIONS],
+    "OpenFile.h": ["Engine.h", "OpenFile.cpp", "TileCopier.h", *OPERATIONS],
 }
 QUOTED = re.compile(r'^\s*#include "([^"]+)"', re.MULTILINE)
 
@@ -48,6 +59,31 @@ def layering_errors(project):
                     yield f"{path.relative_to(project)} ({layer}) includes {name} ({target})"
 
 
+def room_errors(project):
+    for path in sources(project, ["src/engine"]):
+        for name in QUOTED.findall(path.read_text()):
+            if name in ONLY_FOR and path.name not in ONLY_FOR[name]:
+                yield f"{path.relative_to(project)} includes {name}, which is for operations"
+
+
+def circle_errors(project):
+    """One path for each circle of headers, found by walking the includes from every header."""
+    includes = {path.name: QUOTED.findall(path.read_text())
+                for path in sources(project, ["include", "src", "platform"]) if path.suffix == ".h"}
+    finished = set()
+
+    def walk(name, trail):
+        if name in trail:
+            yield "a circle: " + " -> ".join([*trail[trail.index(name):], name])
+        elif name not in finished:
+            for target in includes.get(name, []):
+                yield from walk(pathlib.PurePath(target).name, [*trail, name])
+            finished.add(name)
+
+    for name in includes:
+        yield from walk(name, [])
+
+
 def standalone_errors(project, compiler):
     folders = [project / "include", *sorted(project.glob("platform/*/include"))]
     flags = [f"-I{folder}" for folder in folders]
@@ -64,7 +100,8 @@ def standalone_errors(project, compiler):
 
 def main():
     project = pathlib.Path(sys.argv[1]).resolve()
-    errors = [*layering_errors(project), *standalone_errors(project, sys.argv[2])]
+    errors = [*layering_errors(project), *room_errors(project), *circle_errors(project),
+              *standalone_errors(project, sys.argv[2])]
     for error in errors:
         print(error)
     print(f"{len(errors)} errors")
