@@ -99,7 +99,7 @@ debian() {
   dpkg-deb -f "$work"/libhxcompactfile-dev_*.deb Depends | grep '^libhxcompactfile1 (= '
 }
 
-installed() { find "$prefix" -name "lib$1.so"; }
+installed() { find "$prefix" "$work" -name "lib$1.so"; }
 
 # A line "library name" for each class, and for each function outside of one.
 exports() {
@@ -118,7 +118,7 @@ abi_options=(--suppressions "$abi/types.ini" --no-corpus-path --exported-interfa
 
 build_abi_types() {
   "$CXX" -std=c++17 -g -shared -fPIC -fvisibility=hidden -fvisibility-inlines-hidden \
-    -I"$abi_headers" "$abi/types.cpp" -o "$prefix/libHxTypes.so"
+    -I"$abi_headers" "$abi/types.cpp" -o "$work/libHxTypes.so"
 }
 
 write_abi() {
