@@ -80,10 +80,7 @@ unsigned int Engine::Create(const PelmUnicodeString& path, std::uint64_t capacit
   if (m_locks.IsHeldByCompaction()) return ZrResult::kNotCreated;
   CloseForThread();
   if (capacity == 0 || capacity > Format::kMaxNamingCapacity) return ZrResult::kNotCreated;
-  const MaxSizes::Values sizes = m_maxSizes.Get();
-  return CreateContainer(
-      Format::NamingHeader{capacity, 0, sizes.first, sizes.second, Format::kVersionsEnabled}, path,
-      password, mode);
+  return CreateContainer(m_maxSizes.Get().MakeHeader(capacity, 0), path, password, mode);
 }
 
 // The object goes on with the stream that the file was created through, which may write even where
@@ -154,10 +151,8 @@ unsigned int Engine::OpenContainer(const PelmUnicodeString& path, const PelmUnic
 // A naming file. True as well if somebody else makes it meanwhile: the file is there.
 bool Engine::MakeMissing(const PelmUnicodeString& absolutePath, const PelmUnicodeString& password) {
   constexpr std::uint64_t kCapacity = 128;
-  const MaxSizes::Values sizes = m_maxSizes.Get();
   NewContainer container(absolutePath, password, false);
-  if (container.Make(Format::NamingHeader{kCapacity, 0, sizes.first, sizes.second,
-                                          Format::kVersionsEnabled}) == ZrNewFile::Outcome::kFailed)
+  if (container.Make(m_maxSizes.Get().MakeHeader(kCapacity, 0)) == ZrNewFile::Outcome::kFailed)
     return false;
   container.Commit();
   return true;

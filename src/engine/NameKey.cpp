@@ -9,6 +9,13 @@
 
 namespace Zarn::Engine {
 
+std::u16string UnitsOf(std::string_view stored, bool swap) {
+  std::u16string units(stored.size() / sizeof(char16_t), u'\0');
+  for (std::size_t i = 0; i < units.size(); ++i)
+    units[i] = LoadScalar<std::uint16_t>(&stored[i * sizeof(char16_t)], swap);
+  return units;
+}
+
 NameKey::NameKey(const PelmUnicodeString& name, const Format::RecordShape& shape)
     : m_name(name),
       m_swap(shape.swap),

@@ -9,6 +9,9 @@
 
 namespace Zarn::Engine {
 
+/// The units of a name that is stored in UTF-16.
+std::u16string UnitsOf(std::string_view stored, bool swap);
+
 /// A name as a file of some format version stores it and finds it.
 class NameKey {
  public:

@@ -4,13 +4,13 @@
 #include <bit>
 #include <cmath>
 #include <new>
-#include <string>
 #include <vector>
 
 #include "HeaderIo.h"
 #include "IndexHeaders.h"
 #include "IndexWalker.h"
 #include "NameHash.h"
+#include "NameKey.h"
 #include "RecordHead.h"
 
 namespace Zarn::Engine {
@@ -26,13 +26,6 @@ constexpr std::uint64_t kLargestHead = 64 << 20;
 constexpr const char* kPastTheEnd = "the record runs past the end of the file";
 constexpr const char* kIndexUnreadable = "the index cannot be read";
 constexpr const char* kNeverUsed = "the slot counts as used and never was";
-
-std::uint64_t HashOfUnits(std::string_view bytes, bool swap) {
-  std::u16string units(bytes.size() / sizeof(char16_t), u'\0');
-  for (std::size_t i = 0; i < units.size(); ++i)
-    units[i] = LoadScalar<std::uint16_t>(&bytes[i * sizeof(char16_t)], swap);
-  return Format::HashUnits(units);
-}
 
 /// One check.
 class Verifier {
@@ -360,8 +353,8 @@ class Verifier {
     if (!isUtf16 && m_records.formatVersion != Format::kOlderVersion) return;  // has no names
     if (isUtf16 && (name.charset != Format::kNameCharsetUtf16 || name.bytes.size() % 2 != 0))
       Report(Finding::kRecord, head.position, "the name is not UTF-16");
-    const std::uint64_t hash =
-        isUtf16 ? HashOfUnits(name.bytes, m_records.swap) : Format::HashBytes(name.bytes);
+    const std::uint64_t hash = isUtf16 ? Format::HashUnits(UnitsOf(name.bytes, m_records.swap))
+                                       : Format::HashBytes(name.bytes);
     if (hash != (m_code & Format::kHashMask))
       Report(Finding::kRecord, head.position, "the name has another hash than its slot says");
   }
