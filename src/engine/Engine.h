@@ -44,6 +44,7 @@ class Engine {
   unsigned int Create(const PelmUnicodeString& path, std::uint64_t capacity,
                       const PelmUnicodeString& password, Mode mode);
   unsigned int Open(const PelmUnicodeString& path, const PelmUnicodeString& password, Mode mode);
+  unsigned int SetPassword(const PelmUnicodeString& password);
   bool Close();
   /// For the callback of the lock between processes; does nothing while no file is open.
   void Refresh();
@@ -81,11 +82,10 @@ class Engine {
   unsigned int SetBatch(const std::vector<ZrCellStore>& stores, std::vector<unsigned int>& results);
   unsigned int SetBatch(const std::vector<ZrNameStore>& stores, std::vector<unsigned int>& results);
 
-  // Compaction.cpp, Checking.cpp, Password.cpp
+  // Compaction.cpp, Checking.cpp
   unsigned int Compact(const ZrCompactFile::CompactProgress& progress);
   unsigned int Verify(ZrVerifySummary& summary, const ZrCompactFile::VerifyReport& report,
                       const ZrCompactFile::VerifyProgress& progress);
-  unsigned int SetPassword(const PelmUnicodeString& password);
 
  private:
   /// What an object was asked for.
@@ -112,7 +112,7 @@ class Engine {
       HX_REQUIRES(m_locks.GetMutex());
   unsigned int OpenContainer(const PelmUnicodeString& path, const PelmUnicodeString& password,
                              Mode mode) HX_REQUIRES(m_locks.GetMutex());
-  bool MakeMissing(const PelmUnicodeString& absolutePath, const PelmUnicodeString& password);
+  bool MakeMissing(const Identity& identity);
   unsigned int Join() HX_REQUIRES(m_locks.GetMutex());
   bool IsOpenAt(const PelmUnicodeString& path) const HX_REQUIRES(m_locks.GetMutex());
   void SetIdentity(Identity identity) HX_REQUIRES(m_locks.GetMutex());

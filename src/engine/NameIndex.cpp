@@ -173,7 +173,7 @@ bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
     return false;
   }
   // The file has them now, also if what is in memory cannot follow.
-  if (!m_pIndex->Write(place - GetShape().EntryAt(0), bytes, size)) m_pIndex->Invalidate();
+  if (!m_pIndex->Write(oldCount, bytes, size)) m_pIndex->Invalidate();
   for (std::uint64_t i = 0; i < count; ++i)
     m_mapHashCode->Insert(slots[i].code, slots[i].entry.number);
   m_nNamingCount = oldCount + count;
