@@ -1,24 +1,174 @@
+#include <sys/uio.h>
+
+#include <algorithm>
 #include <new>
+#include <unordered_set>
 #include <utility>
 
 #include "Engine.h"
-#include "StoreBatch.h"
 
 namespace Zarn::Engine {
 namespace {
 
-template <typename Store>
-Format::NewRecord HeadOf(const Store& store) {
-  const std::uint64_t size = store.data->GetSize();
-  return {store.version, Format::kStatusComplete, size, size};
-}
+/// New tiles that are stored together: first their records, in blocks that are written at once,
+/// then their entries in the index. What needs memory throws std::bad_alloc, and has changed
+/// nothing then.
+class StoreBatch {
+ public:
+  /// `results` receives the failures.
+  StoreBatch(OpenFile& file, std::vector<unsigned int>& results)
+      : m_file(file), m_results(results), m_record(m_headBytes, file.GetShape()) {}
 
-// A store whose data fill the payload area, so that a record of its own holds nothing else.
+  /// Takes the store of this number, if it makes a new tile whose record holds nothing but its
+  /// data.
+  bool Add(const ZrCellStore& store, std::size_t number);
+  bool Add(const ZrNameStore& store, std::size_t number);
+  /// Writes all tiles: what is left of their records, then their entries, those of neighbours at
+  /// once.
+  void Write(WriteOperation& operation);
+
+ private:
+  struct Tile {
+    NameSlot slot;                    // of a cell the code is its number
+    std::size_t store;                // its number among the caller's stores
+    const ZrByteArray* data;          // fills the payload area of the record
+    std::vector<unsigned char> head;  // of the record
+  };
+
+  template <typename Store>
+  bool Add(const Store& store, std::size_t number, NameSlot slot, const Format::StoredName& name);
+  void WriteBlock();
+  std::vector<iovec> PlaceBlock(std::uint64_t position);
+  bool WriteEntries(const NameSlot* slots, std::size_t count);
+
+  OpenFile& m_file;
+  std::vector<unsigned int>& m_results;
+  ZrByteArray m_headBytes;
+  Format::RecordImage m_record;  // the head of the tile that is being added
+  std::unordered_set<std::uint64_t> m_codes;
+  std::vector<Tile> m_tiles;
+  std::size_t m_inFile = 0;       // tiles whose records are written; the others are the block
+  std::uint64_t m_blockSize = 0;  // bytes of their records
+};
+
+// A store whose data fill the payload area.
 template <typename Store>
 bool FillsItsRecord(const Store& store) {
   if (store.data == nullptr) return false;
   const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
   return span && span->CoversAll();
+}
+
+bool StoreBatch::Add(const ZrCellStore& store, std::size_t number) {
+  // Each place counts where records have been lost.
+  const CellIndex* const cells = m_file.Cells();
+  NameSlot slot;
+  if (!FillsItsRecord(store) || cells == nullptr || m_file.GetTail().HasLostRecords() ||
+      !cells->Read(store.row, store.col, slot.entry) || slot.entry.status != Format::kStatusEmpty)
+    return false;
+  slot.code = slot.entry.number;
+  return Add(store, number, slot, {});
+}
+
+bool StoreBatch::Add(const ZrNameStore& store, std::size_t number) {
+  const NameIndex* const names = m_file.Names();
+  if (!FillsItsRecord(store) || names == nullptr || !NameKey::IsUsable(store.name)) return false;
+  const NameKey key(store.name, m_file.GetShape());
+  const std::uint64_t code = key.GetHashCode();
+  const std::uint64_t slot = names->GetCount() + m_tiles.size();
+  if (slot >= names->GetCapacity() || !key.IsStorable() || names->GetSameHashCodeCount(code) != 0)
+    return false;
+  std::string scratch;
+  return Add(store, number, {{static_cast<std::uint32_t>(slot), 0}, code, true},
+             key.GetStoredName(scratch));
+}
+
+template <typename Store>
+bool StoreBatch::Add(const Store& store, std::size_t number, NameSlot slot,
+                     const Format::StoredName& name) {
+  constexpr std::uint64_t kBlock = 1 << 20;
+  constexpr std::size_t kTiles = 512;  // of two parts each: a system call takes 1024
+  if (m_codes.count(slot.code) != 0) return false;
+  const std::uint64_t size = store.data->GetSize();
+  if (!m_record.Begin({store.version, Format::kStatusComplete, size, size}, name))
+    throw std::bad_alloc();
+  slot.entry.status = Format::kStatusComplete;
+  slot.entry.recordLength = m_record.Head().length;
+  const unsigned char* const head = m_headBytes.GetData();
+  Tile tile = {slot, number, store.data, {head, head + m_headBytes.GetSize()}};
+  m_codes.insert(slot.code);
+  m_tiles.push_back(std::move(tile));
+  m_blockSize += slot.entry.recordLength;
+  if (m_blockSize >= kBlock || m_tiles.size() - m_inFile >= kTiles) WriteBlock();
+  return true;
+}
+
+// Writes the records of the block; those that could not be written are given up.
+void StoreBatch::WriteBlock() {
+  if (m_inFile == m_tiles.size()) return;
+  bool written = false;
+  try {
+    const std::uint64_t position = m_file.GetTail().Reserve(*m_file.GetStream());
+    std::vector<iovec> parts = PlaceBlock(position);
+    written =
+        position != 0 && m_file.GetStream()->WriteGathered(position, parts.data(), parts.size());
+  } catch (const std::bad_alloc&) {
+  }
+  while (!written && m_tiles.size() > m_inFile) {
+    m_results[m_tiles.back().store] = ZrResult::kWriteFailure;
+    m_tiles.pop_back();
+  }
+  m_inFile = m_tiles.size();
+  m_blockSize = 0;
+}
+
+// Gives the records of the block their places, the first one `position`, and returns their bytes.
+std::vector<iovec> StoreBatch::PlaceBlock(std::uint64_t position) {
+  std::vector<iovec> parts;
+  parts.reserve(2 * (m_tiles.size() - m_inFile));
+  for (std::size_t i = m_inFile; i < m_tiles.size(); ++i) {
+    Tile& tile = m_tiles[i];
+    parts.push_back({tile.head.data(), tile.head.size()});
+    parts.push_back({const_cast<unsigned char*>(tile.data->GetData()), tile.data->GetSize()});
+    tile.slot.entry.position = position;
+    position += tile.slot.entry.recordLength;
+  }
+  return parts;
+}
+
+void StoreBatch::Write(WriteOperation& operation) {
+  WriteBlock();
+  std::vector<Tile> tiles = std::exchange(m_tiles, {});
+  m_codes.clear();
+  m_inFile = 0;
+  std::sort(tiles.begin(), tiles.end(),
+            [](const Tile& a, const Tile& b) { return a.slot.entry.number < b.slot.entry.number; });
+  std::vector<NameSlot> slots;
+  try {
+    for (const Tile& tile : tiles)
+      slots.push_back(tile.slot);
+  } catch (const std::bad_alloc&) {
+    slots.clear();  // none is written
+  }
+  for (std::size_t first = 0, end = 0; first < tiles.size(); first = end) {
+    do
+      ++end;
+    while (end < slots.size() && slots[end].entry.number == slots[end - 1].entry.number + 1);
+    const bool written = end <= slots.size() && operation.ExcludeLookups() &&
+                         WriteEntries(&slots[first], end - first);
+    for (std::size_t i = first; i < end; ++i) {
+      if (written)
+        m_file.Index().KeepHint(slots[i].entry);
+      else
+        m_results[tiles[i].store] = ZrResult::kWriteFailure;
+    }
+  }
+}
+
+// The entries of new tiles, whose numbers have no gap.
+bool StoreBatch::WriteEntries(const NameSlot* slots, std::size_t count) {
+  if (NameIndex* const names = m_file.Names()) return names->AddSlots(slots, count);
+  return m_file.Cells()->WriteCells(slots, count);
 }
 
 }  // namespace
@@ -44,20 +194,13 @@ unsigned int Engine::StoreAll(const std::vector<Store>& stores,
   }
   if (!StoreTogether(stores, results))
     for (std::size_t i = 0; i < stores.size(); ++i)
-      results[i] = StoreByItself(stores[i]);
+      results[i] = SetAt(stores[i]);
   for (const unsigned int result : results)
     if (result != ZrResult::kOk) return result;
   return ZrResult::kOk;
 }
 
-unsigned int Engine::StoreByItself(const ZrCellStore& store) {
-  static const ZrByteArray kNothing;
-  ZrCellStore one = store;
-  if (one.data == nullptr) one.data = &kNothing;
-  return SetAt(one);
-}
-
-unsigned int Engine::StoreByItself(const ZrNameStore& store) {
+unsigned int Engine::SetAt(const ZrNameStore& store) {
   static const ZrByteArray kNothing;
   return SetAt(store.name, store.data != nullptr ? *store.data : kNothing, store.capacity,
                store.offset, store.version);
@@ -72,114 +215,18 @@ bool Engine::StoreTogether(const std::vector<Store>& stores, std::vector<unsigne
   if (!operation.IsUsable() || IsReadOnly() || GetSwapData() == nullptr) return false;
   if (File().Names() != nullptr && !operation.ExcludeLookups()) return false;
   File().GetTail().Reserve(*File().GetStream());  // finds where no record may begin
-  StoreBatch batch;
+  StoreBatch batch(File(), results);
   for (std::size_t i = 0; i < stores.size(); ++i) {
     try {
-      if (AddToBatch(stores[i], i, batch)) {
-        if (batch.IsBlockFull()) WriteBlock(batch, results);
-        continue;
-      }
-      WriteBatch(batch, operation, results);
-      results[i] = StoreAlone(stores[i], operation);
+      if (batch.Add(stores[i], i)) continue;
+      batch.Write(operation);
+      results[i] = StoreOne(stores[i], operation);
     } catch (const std::bad_alloc&) {
       results[i] = ZrResult::kWriteFailure;
     }
   }
-  WriteBatch(batch, operation, results);
+  batch.Write(operation);
   return true;
-}
-
-bool Engine::AddToBatch(const ZrCellStore& store, std::size_t number, StoreBatch& batch) {
-  // Each place counts where records have been lost.
-  const CellIndex* const cells = File().Cells();
-  if (!FillsItsRecord(store) || cells == nullptr || File().GetTail().HasLostRecords()) return false;
-  StoreBatch::Tile tile;
-  tile.store = number;
-  tile.data = store.data;
-  TileEntry& entry = tile.slot.entry;
-  if (!cells->Read(store.row, store.col, entry) || entry.status != Format::kStatusEmpty ||
-      batch.Holds(entry.number))
-    return false;
-  entry.status = Format::kStatusComplete;
-  tile.head.resize(Format::kGridRecordHead);
-  Format::EncodeGridRecordHead(tile.head.data(), HeadOf(store), File().GetShape().swap);
-  const std::uint64_t key = entry.number;
-  batch.Add(key, std::move(tile));
-  return true;
-}
-
-bool Engine::AddToBatch(const ZrNameStore& store, std::size_t number, StoreBatch& batch) {
-  const NameIndex* const names = File().Names();
-  if (!FillsItsRecord(store) || names == nullptr || !NameKey::IsUsable(store.name)) return false;
-  const std::uint64_t slotNumber = names->GetCount() + batch.GetCount();
-  const NameKey key = MakeKey(store.name);
-  const std::uint64_t code = key.GetHashCode();
-  if (slotNumber >= names->GetCapacity() || !key.IsStorable() || names->HasCode(code) ||
-      batch.Holds(code))
-    return false;
-  StoreBatch::Tile tile;
-  tile.store = number;
-  tile.data = store.data;
-  tile.slot = {{static_cast<std::uint32_t>(slotNumber), 0}, code, true};
-  tile.slot.entry.status = Format::kStatusComplete;
-  std::string scratch;
-  const std::string_view stored = key.GetStoredBytes(scratch);
-  tile.head.resize(Format::NamingRecordHeadSize(stored.size()));
-  Format::EncodeNamingRecordHead(tile.head.data(), {key.GetCharset(), stored}, HeadOf(store),
-                                 File().GetShape().swap);
-  batch.Add(code, std::move(tile));
-  return true;
-}
-
-// Writes the records of the block; those that could not be written are given up.
-void Engine::WriteBlock(StoreBatch& batch, std::vector<unsigned int>& results) {
-  if (!batch.HasBlock()) return;
-  ZrFile64& file = *File().GetStream();
-  bool written = false;
-  try {
-    const std::uint64_t position = File().GetTail().Reserve(file);
-    std::vector<iovec> parts = batch.PlaceBlock(position);
-    written = position != 0 && file.WriteGathered(position, parts.data(), parts.size());
-  } catch (const std::bad_alloc&) {
-  }
-  if (written) return batch.KeepBlock();
-  batch.DropBlock(
-      [&results](const StoreBatch::Tile& tile) { results[tile.store] = ZrResult::kWriteFailure; });
-}
-
-// Writes the records that are left, and then all entries: those of neighbours at once.
-void Engine::WriteBatch(StoreBatch& batch, WriteOperation& operation,
-                        std::vector<unsigned int>& results) {
-  WriteBlock(batch, results);
-  const std::vector<StoreBatch::Tile> tiles = batch.TakeTiles();
-  std::vector<NameSlot> slots;
-  try {
-    for (const StoreBatch::Tile& tile : tiles)
-      slots.push_back(tile.slot);
-  } catch (const std::bad_alloc&) {
-    slots.clear();  // none is written
-  }
-  for (std::size_t first = 0, end = 0; first < tiles.size(); first = end) {
-    do
-      ++end;
-    while (end < slots.size() && slots[end].entry.number == slots[end - 1].entry.number + 1);
-    const bool written = end <= slots.size() && operation.ExcludeLookups() &&
-                         WriteEntries(&slots[first], end - first);
-    for (std::size_t i = first; i < end; ++i) {
-      if (written) {
-        slots[i].entry.recordLength = tiles[i].GetLength();
-        File().Index().KeepHint(slots[i].entry);
-      } else {
-        results[tiles[i].store] = ZrResult::kWriteFailure;
-      }
-    }
-  }
-}
-
-// The entries of new tiles, whose numbers have no gap.
-bool Engine::WriteEntries(const NameSlot* slots, std::size_t count) {
-  if (NameIndex* const names = File().Names()) return names->AddSlots(slots, count);
-  return File().Cells()->WriteCells(slots, count);
 }
 
 }  // namespace Zarn::Engine

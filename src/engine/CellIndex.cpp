@@ -5,7 +5,7 @@
 namespace Zarn::Engine {
 namespace {
 
-// Of the entries that lie at `position`, those that span pages: a kill must not cut them in two.
+// Writes those of the entries at `position` that span pages: a kill must not cut them in two.
 bool ReplaceSplitEntries(ZrFile64& file, std::uint64_t position, const ZrByteArray& before,
                          const ZrByteArray& after) {
   for (std::uint64_t at = 0; at < after.GetSize(); at += Format::kGridEntrySize) {
@@ -67,8 +67,7 @@ bool CellIndex::ReadForLookup(std::uint32_t row, std::uint32_t col, Io::FileMap*
 bool CellIndex::ReadUnlocked(std::uint32_t row, std::uint32_t col,
                              const Format::HeaderImage& header, std::uint64_t& value) const {
   const auto cell = Find(row, col);
-  return cell && (IsShared() ? m_pIndex->ReadValueUnlocked(*cell, header, value)
-                             : m_pIndex->ReadValue(*cell, value));
+  return cell && m_pIndex->ReadValue(*cell, value, IsShared() ? &header : nullptr);
 }
 
 bool CellIndex::WriteCells(const NameSlot* cells, std::size_t count) {
@@ -84,7 +83,7 @@ bool CellIndex::WriteCells(const NameSlot* cells, std::size_t count) {
   }
   if (ReplaceSplitEntries(*m_file, place, before, bytes) &&
       m_file->WriteAt(place, bytes.GetData(), size) &&
-      m_pIndex->Write(place - GetShape().EntryAt(0), bytes.GetData(), size))
+      m_pIndex->Write(cells[0].entry.number, bytes.GetData(), size))
     return true;
   m_file->WriteAt(place, before.GetData(), size);
   m_pIndex->Invalidate();

@@ -28,11 +28,10 @@ class CellIndex final : public IndexEntries {
   /// The bytes of the index header in the file.
   Format::GridHeaderImage GetHeaderBytes() const;
 
-  /// The entry of a cell, for the one who may change it. False outside the grid, and if it cannot
-  /// be read.
+  /// The entry of a cell, for a store or removal. False outside the grid, and if it cannot be read.
   bool Read(std::uint32_t row, std::uint32_t col, TileEntry& entry) const;
-  /// The same for a lookup: where others store new tiles meanwhile, an empty cell is looked at in
-  /// the file. With a map all are.
+  /// The same for a lookup: where others store new tiles meanwhile, the entry of an empty cell is
+  /// read from the file. With a map every entry is.
   bool ReadForLookup(std::uint32_t row, std::uint32_t col, Io::FileMap* map,
                      TileEntry& entry) const;
   /// The index value, for a caller without locks. False as well if the file's header bytes are no

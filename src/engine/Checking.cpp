@@ -16,7 +16,7 @@ unsigned int Engine::Verify(ZrVerifySummary& summary, const ZrCompactFile::Verif
   const Format::XorString xorString = File().GetHeader().GetXorString();
   operation.LeaveMutex();
   try {
-    return Verifier(*file, xorString, report, progress, summary).Run();
+    return VerifyFile(*file, xorString, report, progress, summary);
   } catch (const std::bad_alloc&) {
     return ZrResult::kNotUsable;
   }

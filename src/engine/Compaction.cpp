@@ -88,7 +88,9 @@ unsigned int Engine::BuildImage(Io::RedoFile& image,
     return ZrResult::kNotCreated;
   const ProgressReport report(progress, source);
   std::uint64_t furthest = 0;
-  const auto collect = [&](TileCopier::Layout layout, bool& isTooLong) -> unsigned int {
+  for (const auto layout : {TileCopier::kAsStored, TileCopier::kTight}) {
+    const bool isFirst = layout == TileCopier::kAsStored;
+    if (!isFirst && (!image.GetStream().SetLength(0) || !WriteEmptyImage(image.GetStream()))) break;
     TileCopier copier(
         file, m_maxSizes.Get(), image.GetStream(), layout,
         [this](const Format::StoredName& stored, std::u16string& name) {
@@ -99,36 +101,28 @@ unsigned int Engine::BuildImage(Io::RedoFile& image,
           return report.Collected(furthest, all);
         });
     const unsigned int result = copier.Copy();
-    isTooLong = copier.IsTooLong();
+    if (isFirst && copier.IsTooLong()) continue;  // no file becomes longer by its compaction
     if (result != ZrResult::kOk) return result;
-    return report.CollectedAll() && image.Seal(copier.GetChecksum(), copier.GetChecksumStart()) &&
-                   image.Reserve(source)
-               ? ZrResult::kOk
-               : ZrResult::kWriteFailure;
-  };
-  bool isTooLong;
-  const unsigned int result = collect(TileCopier::kAsStored, isTooLong);
-  if (!isTooLong) return result;
-  // No file becomes longer by its compaction.
-  if (!image.GetStream().SetLength(0) || !WriteEmptyImage(image.GetStream()))
-    return ZrResult::kWriteFailure;
-  return collect(TileCopier::kTight, isTooLong);
+    if (report.CollectedAll() && image.Seal(copier.GetChecksum(), copier.GetChecksumStart()) &&
+        image.Reserve(source))
+      return ZrResult::kOk;
+    break;
+  }
+  return ZrResult::kWriteFailure;
 }
 
 // Of the same kind and size as the source, and with the same password.
 bool Engine::WriteEmptyImage(ZrFile64& image) {
-  constexpr std::uint32_t kFlags = Format::kVersionsEnabled;
   const Io::FileHeader& header = File().GetHeader();
   const double time = TimeAfter(header.View().CreateTime());
+  const Format::XorString& xorString = header.GetXorString();
   if (const CellIndex* const cells = File().Cells())
     return WriteEmptyContainer(
-        image, header.GetXorString(),
-        Format::GridHeader{cells->GetRowCount(), cells->GetColCount(), kFlags}, time);
-  const MaxSizes::Values sizes = m_maxSizes.Get();
-  return WriteEmptyContainer(
-      image, header.GetXorString(),
-      Format::NamingHeader{File().Names()->GetCapacity(), 0, sizes.first, sizes.second, kFlags},
-      time);
+        image, xorString,
+        Format::GridHeader{cells->GetRowCount(), cells->GetColCount(), Format::kVersionsEnabled},
+        time);
+  return WriteEmptyContainer(image, xorString,
+                             m_maxSizes.Get().MakeHeader(File().Names()->GetCapacity(), 0), time);
 }
 
 // Puts the image in the place of the source, and opens that again.

@@ -18,11 +18,6 @@ class RedoFile;
 
 namespace Zarn::Engine {
 
-class NameKey;
-class StoreBatch;
-struct NameSlot;
-struct StoreRequest;
-
 /// What a ZrCompactFile points to: the operations on one container file, for all threads. The
 /// public class documents each operation; here are their steps. An operation takes its locks, asks
 /// the rooms of the open file (CellIndex or NameIndex, TileStore, Tail), writes the index entry,
@@ -49,6 +44,7 @@ class Engine {
   unsigned int Create(const PelmUnicodeString& path, std::uint64_t capacity,
                       const PelmUnicodeString& password, Mode mode);
   unsigned int Open(const PelmUnicodeString& path, const PelmUnicodeString& password, Mode mode);
+  unsigned int SetPassword(const PelmUnicodeString& password);
   bool Close();
   /// For the callback of the lock between processes; does nothing while no file is open.
   void Refresh();
@@ -82,14 +78,14 @@ class Engine {
   bool GetValidNamingList(PelmArray<PelmUnicodeString>& names);
 
   // BatchOperations.cpp
+  unsigned int SetAt(const ZrNameStore& store);
   unsigned int SetBatch(const std::vector<ZrCellStore>& stores, std::vector<unsigned int>& results);
   unsigned int SetBatch(const std::vector<ZrNameStore>& stores, std::vector<unsigned int>& results);
 
-  // Compaction.cpp, Checking.cpp, Password.cpp
+  // Compaction.cpp, Checking.cpp
   unsigned int Compact(const ZrCompactFile::CompactProgress& progress);
   unsigned int Verify(ZrVerifySummary& summary, const ZrCompactFile::VerifyReport& report,
                       const ZrCompactFile::VerifyProgress& progress);
-  unsigned int SetPassword(const PelmUnicodeString& password);
 
  private:
   /// What an object was asked for.
@@ -116,7 +112,7 @@ class Engine {
       HX_REQUIRES(m_locks.GetMutex());
   unsigned int OpenContainer(const PelmUnicodeString& path, const PelmUnicodeString& password,
                              Mode mode) HX_REQUIRES(m_locks.GetMutex());
-  bool MakeMissing(const PelmUnicodeString& absolutePath, const PelmUnicodeString& password);
+  bool MakeMissing(const Identity& identity);
   unsigned int Join() HX_REQUIRES(m_locks.GetMutex());
   bool IsOpenAt(const PelmUnicodeString& path) const HX_REQUIRES(m_locks.GetMutex());
   void SetIdentity(Identity identity) HX_REQUIRES(m_locks.GetMutex());
@@ -131,41 +127,22 @@ class Engine {
   void TearDown() HX_REQUIRES(m_locks.GetMutex());
 
   // GridOperations.cpp, NamedOperations.cpp
-  unsigned int StoreCell(const ZrCellStore& store, WriteOperation& operation) HX_REQUIRES(m_locks);
+  unsigned int StoreOne(const ZrCellStore& store, WriteOperation& operation) HX_REQUIRES(m_locks);
+  unsigned int StoreOne(const ZrNameStore& store, WriteOperation& operation) HX_REQUIRES(m_locks);
   unsigned int StoreTile(TileEntry& entry, NameSlot* slot, const StoreRequest& request)
       HX_REQUIRES(m_locks);
   unsigned int RemoveVersion(TileEntry& entry, ZrByteArray& buffer, std::uint64_t version)
       HX_REQUIRES(m_locks);
-  unsigned int StoreName(const ZrNameStore& store) HX_REQUIRES(m_locks);
   bool GrowIndex() HX_REQUIRES(m_locks);
-  static bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data);
   unsigned int LookupName(const NameKey& key, ReadOperation& operation, ZrByteArray& data,
                           unsigned long long& filledLength, std::uint64_t version)
       HX_REQUIRES_SHARED(m_locks);
-  NameKey MakeKey(const PelmUnicodeString& name) const HX_REQUIRES_SHARED(m_locks);
 
   // BatchOperations.cpp
   template <typename Store>
   unsigned int StoreAll(const std::vector<Store>& stores, std::vector<unsigned int>& results);
-  unsigned int StoreByItself(const ZrCellStore& store);
-  unsigned int StoreByItself(const ZrNameStore& store);
   template <typename Store>
   bool StoreTogether(const std::vector<Store>& stores, std::vector<unsigned int>& results);
-  unsigned int StoreAlone(const ZrCellStore& store, WriteOperation& operation)
-      HX_REQUIRES(m_locks) {
-    return StoreCell(store, operation);
-  }
-  unsigned int StoreAlone(const ZrNameStore& store, WriteOperation&) HX_REQUIRES(m_locks) {
-    return StoreName(store);
-  }
-  bool AddToBatch(const ZrCellStore& store, std::size_t number, StoreBatch& batch)
-      HX_REQUIRES(m_locks);
-  bool AddToBatch(const ZrNameStore& store, std::size_t number, StoreBatch& batch)
-      HX_REQUIRES(m_locks);
-  void WriteBlock(StoreBatch& batch, std::vector<unsigned int>& results) HX_REQUIRES(m_locks);
-  void WriteBatch(StoreBatch& batch, WriteOperation& operation, std::vector<unsigned int>& results)
-      HX_REQUIRES(m_locks);
-  bool WriteEntries(const NameSlot* slots, std::size_t count) HX_REQUIRES(m_locks);
 
   // Compaction.cpp
   unsigned int BuildImage(Io::RedoFile& image, const ZrCompactFile::CompactProgress& progress)

@@ -18,11 +18,11 @@ unsigned int Engine::SetAt(const ZrCellStore& store) {
   if (store.capacity > Format::kMaxCapacity) return ZrResult::kWriteFailure;
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
   if (!operation.IsUsable() || IsReadOnly()) return ZrResult::kWriteFailure;
-  return StoreCell(store, operation);
+  return StoreOne(store, operation);
 }
 
 // A new tile disturbs no lookup; whatever else there is, a lookup may be reading.
-unsigned int Engine::StoreCell(const ZrCellStore& store, WriteOperation& operation) {
+unsigned int Engine::StoreOne(const ZrCellStore& store, WriteOperation& operation) {
   CellIndex* const cells = File().Cells();
   if (store.data == nullptr || cells == nullptr) return ZrResult::kWriteFailure;
   const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());

@@ -22,13 +22,12 @@ bool IndexEntries::ReadEntry(std::uint32_t number, TileEntry& entry) const {
   return true;
 }
 
-// What the kernel has not taken must not be believed in memory. A failed write, which may have
-// stopped half-way, is taken back.
+// Memory follows only when the file has the entry. A failed write, which may have stopped half-way,
+// is taken back.
 bool IndexEntries::WriteIndexValue(TileEntry& entry) {
   if (entry.Value() == entry.stored) return true;
   const Format::IndexShape& shape = GetShape();
   const std::uint64_t place = shape.EntryAt(entry.number);
-  const std::uint64_t offset = place - shape.EntryAt(0);
   const bool isNew = shape.IsGrid() && Format::StatusOf(entry.stored) == Format::kStatusEmpty;
   const bool isSeen = IsShared() || Io::SpansPages(place, sizeof entry.stored);
   std::uint64_t before;
@@ -37,7 +36,7 @@ bool IndexEntries::WriteIndexValue(TileEntry& entry) {
   StoreScalar(&after, entry.Value(), IsSwapped());
   if ((isNew && isSeen ? Io::FillEmptyEntry(*m_file, place, entry.Value(), IsSwapped())
                        : Io::ReplaceWord(*m_file, place, before, after)) &&
-      m_pIndex->Write(offset, &after, sizeof after)) {
+      m_pIndex->Write(entry.number, &after, sizeof after)) {
     entry.stored = entry.Value();
     return true;
   }

@@ -9,6 +9,7 @@ namespace Zarn::Engine {
 namespace {
 
 constexpr std::uint64_t kPageSize = 4096;
+static_assert(kPageSize % Format::kGridEntrySize == 0 && kPageSize % Format::kNamingSlotSize == 0);
 
 std::uint64_t PageCount(std::uint64_t size) { return (size + kPageSize - 1) / kPageSize; }
 std::uint64_t BitmapSize(std::uint64_t size) { return (PageCount(size) + 7) / 8; }
@@ -37,38 +38,22 @@ bool IndexPages::IsUsable() const {
   return m_bytes.IsUsable() && m_loaded.IsUsable() && m_hints.IsUsable();
 }
 
-bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size) {
-  return Read(offset, target, size, nullptr);
-}
-
-bool IndexPages::Read(std::uint64_t offset, void* target, std::uint64_t size,
-                      const Format::HeaderImage* header) {
-  if (offset > m_area.Size() || size > m_area.Size() - offset) return false;
-  const std::lock_guard guard(m_mutex);
-  if (!LoadPages(offset, size, header)) return false;
-  std::memcpy(target, m_bytes.Get() + offset, size);
-  return true;
-}
-
-bool IndexPages::ReadValue(std::uint64_t entry, std::uint64_t& value) {
-  if (!Read(entry * m_area.index.EntrySize(), &value, sizeof value)) return false;
-  value = LoadScalar<std::uint64_t>(&value, m_area.swap);
-  return true;
-}
-
-bool IndexPages::ReadStableValue(std::uint64_t entry, std::uint64_t& value) {
+bool IndexPages::ReadValue(std::uint64_t entry, std::uint64_t& value,
+                           const Format::HeaderImage* header) {
+  if (entry >= m_area.index.count) return false;
   const std::uint64_t offset = entry * m_area.index.EntrySize();
-  if (offset > m_area.Size() || sizeof value > m_area.Size() - offset) return false;
-  if (!IsLoaded(offset / kPageSize) || !IsLoaded((offset + sizeof value - 1) / kPageSize))
-    return ReadValue(entry, value);
-  value = ValueAt(offset).load(std::memory_order_acquire);
-  value = LoadScalar<std::uint64_t>(&value, m_area.swap);
+  const std::lock_guard guard(m_mutex);
+  if (!LoadPages(offset, sizeof value, header)) return false;
+  value = LoadScalar<std::uint64_t>(m_bytes.Get() + offset, m_area.swap);
   return true;
 }
 
-bool IndexPages::ReadValueUnlocked(std::uint64_t entry, const Format::HeaderImage& header,
-                                   std::uint64_t& value) {
-  if (!Read(entry * m_area.index.EntrySize(), &value, sizeof value, &header)) return false;
+// No entry lies on two pages, for pages are counted from the first entry.
+bool IndexPages::ReadStableValue(std::uint64_t entry, std::uint64_t& value) {
+  if (entry >= m_area.index.count) return false;
+  const std::uint64_t offset = entry * m_area.index.EntrySize();
+  if (!IsLoaded(offset / kPageSize)) return ReadValue(entry, value);
+  value = ValueAt(offset).load(std::memory_order_acquire);
   value = LoadScalar<std::uint64_t>(&value, m_area.swap);
   return true;
 }
@@ -84,7 +69,8 @@ bool IndexPages::ReadNewValue(std::uint64_t entry, Io::FileMap* map, std::uint64
   return true;
 }
 
-bool IndexPages::Write(std::uint64_t offset, const void* source, std::uint64_t size) {
+bool IndexPages::Write(std::uint64_t entry, const void* source, std::uint64_t size) {
+  const std::uint64_t offset = entry * m_area.index.EntrySize();
   if (offset > m_area.Size() || size > m_area.Size() - offset) return false;
   const std::lock_guard guard(m_mutex);
   if (!LoadPages(offset, size, nullptr)) return false;  // lest loading it later undoes the change
@@ -123,7 +109,7 @@ bool IndexPages::IsLoaded(std::uint64_t page) const {
   return (bits >> page % 8 & 1) != 0;
 }
 
-// Whoever replaces the file changes the header first. So what was read before the header was found
+// A replacement of the file changes the header first. So what was read before the header was found
 // unchanged is not yet the new file's.
 bool IndexPages::HasHeader(const Format::HeaderImage& header) const {
   Format::HeaderImage now;

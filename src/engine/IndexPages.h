@@ -22,7 +22,7 @@ class ZeroMemory {
   ZeroMemory(const ZeroMemory&) = delete;
   ZeroMemory& operator=(const ZeroMemory&) = delete;
 
-  /// Null if the memory could not be had, or none was asked for.
+  /// Null if the memory could not be allocated, or none was asked for.
   unsigned char* Get() const { return m_bytes; }
   bool IsUsable() const { return m_bytes != nullptr || m_size == 0; }
 
@@ -32,8 +32,8 @@ class ZeroMemory {
 };
 
 /// The entries of an index area in memory, as they lie in the file, read page by page when they
-/// are first asked for. So opening costs nothing per entry, and forgetting everything after
-/// another process's change costs next to nothing.
+/// are first asked for. So opening costs nothing per entry, and an Invalidate after another
+/// process's change costs next to nothing.
 ///
 /// What lies beyond the end of the file reads as zero: an index cut short has empty entries.
 ///
@@ -48,9 +48,8 @@ class IndexPages {
     std::uint64_t Size() const { return index.count * index.EntrySize(); }
 
     Format::IndexShape index;
-    /// Others store new tiles meanwhile; and the file is in the other byte order.
-    bool isShared = false;
-    bool swap = false;
+    bool isShared = false;  // others store new tiles meanwhile
+    bool swap = false;      // the file is in the other byte order
   };
 
   /// `file` is kept open as long as this object lives.
@@ -63,34 +62,30 @@ class IndexPages {
     return m_file.get() == file && m_area == area;
   }
 
-  /// Copies `size` bytes at `offset`. False if they lie outside, or the file cannot be read.
-  bool Read(std::uint64_t offset, void* target, std::uint64_t size);
-  /// The index value of an entry: its first 8 bytes as a number.
-  bool ReadValue(std::uint64_t entry, std::uint64_t& value);
-  /// The same for a caller who knows that nobody forgets meanwhile; takes no mutex for a page that
-  /// is there.
+  /// The index value of an entry: its first 8 bytes as a number. False if there is no such entry,
+  /// or if the file cannot be read.
+  ///
+  /// `header` is for callers without the process lock, beside which another process may replace the
+  /// whole file: the header bytes of when this index was loaded. If the page of the entry has to be
+  /// read, and the file has other header bytes then, this fails, too.
+  bool ReadValue(std::uint64_t entry, std::uint64_t& value,
+                 const Format::HeaderImage* header = nullptr);
+  /// The same while nobody calls Invalidate; takes no mutex for a page that is there.
   bool ReadStableValue(std::uint64_t entry, std::uint64_t& value);
-  /// The same for a caller without the lock between processes, while another process may be
-  /// replacing the whole file: false also if the file's header is no longer `header`, as it was on
-  /// disk when this index was loaded, and the page of the entry had to be read.
-  bool ReadValueUnlocked(std::uint64_t entry, const Format::HeaderImage& header,
-                         std::uint64_t& value);
-  /// The same as it is in the file now, whatever is in memory; from a map of it, if there is one
-  /// that reaches so far.
+  /// The index value in the file, whatever is in memory. Reads from the map, if there is one that
+  /// reaches so far.
   bool ReadNewValue(std::uint64_t entry, Io::FileMap* map, std::uint64_t& value) const;
-  /// Changes whole entries in memory, for one who has written them to the file.
-  bool Write(std::uint64_t offset, const void* source, std::uint64_t size);
-  /// Forgets all pages; they are read again when asked for.
+  /// Changes whole entries in memory, from the one of this number on; they are in the file already.
+  bool Write(std::uint64_t entry, const void* source, std::uint64_t size);
+  /// The pages are read again when they are asked for.
   void Invalidate();
 
-  /// A number that the owner remembers for an entry, to guess how large its record is; 0 at first.
-  /// A guess only: it survives Invalidate.
+  /// The hint for an entry: how large its record was when it was last seen; 0 at first. It survives
+  /// Invalidate, and may be wrong.
   std::uint32_t GetHint(std::uint64_t entry) const;
   void SetHint(std::uint64_t entry, std::uint32_t hint);
 
  private:
-  bool Read(std::uint64_t offset, void* target, std::uint64_t size,
-            const Format::HeaderImage* header);
   bool LoadPages(std::uint64_t offset, std::uint64_t size, const Format::HeaderImage* header);
   bool IsLoaded(std::uint64_t page) const;
   bool HasHeader(const Format::HeaderImage& header) const;

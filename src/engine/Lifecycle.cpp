@@ -16,42 +16,27 @@ static_assert(ZrCompactFile::kMaxCapacity == Format::kMaxCapacity);
 
 namespace {
 
-/// Writes a whole new container and gives it its path.
-class NewContainer {
- public:
-  NewContainer(const PelmUnicodeString& path, const PelmUnicodeString& password, bool replace)
-      : m_path(ZrFile::GetAbsolute(Format::CompletePath(path))),
-        m_password(password),
-        m_replace(replace) {}
-
-  const PelmUnicodeString& Path() const { return m_path; }
-  /// Open for reading and writing once the file is made.
-  const std::shared_ptr<ZrFile64>& Stream() const { return m_stream; }
-
+/// Writes a whole new container and gives it its path. Without file.Commit() it goes away again
+/// with this object.
+struct NewContainer {
   /// With a grid's header, or a naming file's.
   template <typename IndexHeader>
-  ZrNewFile::Outcome Make(const IndexHeader& header) {
-    const PelmUnicodeString folder = ZrFile::GetDir(m_path);
+  ZrNewFile::Outcome Make(const PelmUnicodeString& path, const Format::XorString& xorString,
+                          const IndexHeader& header, bool replace) {
+    const PelmUnicodeString folder = ZrFile::GetDir(path);
     if (!folder.IsEmpty()) ZrFile::MkDirEx(folder);
-    const Format::XorString xorString = Format::MakeXorString(m_password.GetBuffer());
     // The file that it replaces may be kept from other users.
     constexpr unsigned int kOwnerOnly = 0600, kUsual = 0666;
-    const unsigned int permissions = m_replace && ZrFile::IsExist(m_path) ? kOwnerOnly : kUsual;
+    const unsigned int permissions = replace && ZrFile::IsExist(path) ? kOwnerOnly : kUsual;
     const double now = PelmTime().GetCurTime().GetTime();
-    if (!m_file.Begin(m_path, permissions) ||
-        !WriteEmptyContainer(*m_stream, xorString, header, now))
+    if (!file.Begin(path, permissions) || !WriteEmptyContainer(*stream, xorString, header, now))
       return ZrNewFile::Outcome::kFailed;
-    return m_replace ? m_file.Replace() : m_file.Publish();
+    return replace ? file.Replace() : file.Publish();
   }
-  /// Without this the file goes away again with this object.
-  void Commit() { m_file.Commit(); }
 
- private:
-  const PelmUnicodeString m_path;
-  const PelmUnicodeString& m_password;
-  const bool m_replace;
-  const std::shared_ptr<ZrFile64> m_stream = std::make_shared<ZrFile64>();
-  ZrNewFile m_file{*m_stream};
+  // Open for reading and writing once the file is made.
+  const std::shared_ptr<ZrFile64> stream = std::make_shared<ZrFile64>();
+  ZrNewFile file{*stream};
 };
 
 }  // namespace
@@ -80,10 +65,7 @@ unsigned int Engine::Create(const PelmUnicodeString& path, std::uint64_t capacit
   if (m_locks.IsHeldByCompaction()) return ZrResult::kNotCreated;
   CloseForThread();
   if (capacity == 0 || capacity > Format::kMaxNamingCapacity) return ZrResult::kNotCreated;
-  const MaxSizes::Values sizes = m_maxSizes.Get();
-  return CreateContainer(
-      Format::NamingHeader{capacity, 0, sizes.first, sizes.second, Format::kVersionsEnabled}, path,
-      password, mode);
+  return CreateContainer(m_maxSizes.Get().MakeHeader(capacity, 0), path, password, mode);
 }
 
 // The object goes on with the stream that the file was created through, which may write even where
@@ -93,13 +75,17 @@ unsigned int Engine::CreateContainer(const IndexHeader& header, const PelmUnicod
                                      const PelmUnicodeString& password, Mode mode) {
   try {
     if (Format::IsCachePath(path) || !Format::IsUsablePath(path)) return ZrResult::kNotCreated;
-    NewContainer container(path, password, (mode & ZrCompactFile::kReplace) != 0);
-    if (container.Make(header) != ZrNewFile::Outcome::kPublished) return ZrResult::kNotCreated;
+    Identity identity = {
+        Format::CompletePath(path), {}, Format::MakeXorString(password.GetBuffer()), mode};
+    identity.absolutePath = ZrFile::GetAbsolute(identity.path);
+    NewContainer container;
+    if (container.Make(identity.absolutePath, identity.xorString, header,
+                       (mode & ZrCompactFile::kReplace) != 0) != ZrNewFile::Outcome::kPublished)
+      return ZrResult::kNotCreated;
     TearDown();
-    SetIdentity({Format::CompletePath(path), container.Path(),
-                 Format::MakeXorString(password.GetBuffer()), mode});
-    if (TakeIntoUse(container.Stream()) != ZrResult::kOk) return ZrResult::kNotCreated;
-    container.Commit();
+    SetIdentity(std::move(identity));
+    if (TakeIntoUse(container.stream) != ZrResult::kOk) return ZrResult::kNotCreated;
+    container.file.Commit();
     return ZrResult::kOk;
   } catch (const std::bad_alloc&) {
     TearDown();
@@ -134,7 +120,7 @@ unsigned int Engine::OpenContainer(const PelmUnicodeString& path, const PelmUnic
   if (identity.absolutePath.IsEmpty()) return ZrResult::kNotFound;
   if (!ZrFile::IsExist(identity.absolutePath)) {
     if (!mayCreate) return ZrResult::kNotFound;
-    if (!MakeMissing(identity.absolutePath, password)) return ZrResult::kNotCreated;
+    if (!MakeMissing(identity)) return ZrResult::kNotCreated;
   }
   if (m_locks.IsOpen()) {
     // Check that the new file opens before closing the one that other threads use.
@@ -152,14 +138,14 @@ unsigned int Engine::OpenContainer(const PelmUnicodeString& path, const PelmUnic
 }
 
 // A naming file. True as well if somebody else makes it meanwhile: the file is there.
-bool Engine::MakeMissing(const PelmUnicodeString& absolutePath, const PelmUnicodeString& password) {
+bool Engine::MakeMissing(const Identity& identity) {
   constexpr std::uint64_t kCapacity = 128;
-  const MaxSizes::Values sizes = m_maxSizes.Get();
-  NewContainer container(absolutePath, password, false);
-  if (container.Make(Format::NamingHeader{kCapacity, 0, sizes.first, sizes.second,
-                                          Format::kVersionsEnabled}) == ZrNewFile::Outcome::kFailed)
+  NewContainer container;
+  if (container.Make(identity.absolutePath, identity.xorString,
+                     m_maxSizes.Get().MakeHeader(kCapacity, 0),
+                     false) == ZrNewFile::Outcome::kFailed)
     return false;
-  container.Commit();
+  container.file.Commit();
   return true;
 }
 
@@ -297,6 +283,19 @@ void Engine::Publish(std::shared_ptr<OpenFile> file) {
   m_file.swap(file);
 }
 
+unsigned int Engine::SetPassword(const PelmUnicodeString& password) {
+  constexpr unsigned int kDone = 1;
+  constexpr unsigned int kFailed = 0;
+  if (const auto cache = GetCacheFile()) return cache->SetPassword(password);
+  const WriteOperation operation(m_locks, m_buffers);
+  if (!operation.IsUsable() || IsReadOnly()) return kFailed;
+  const Format::XorString xorString = Format::MakeXorString(password.GetBuffer());
+  if (!File().GetHeader().SetPassword(*File().GetStream(), xorString)) return kFailed;
+  m_locks.AssertMutexHeld();
+  m_xorString = xorString;
+  return kDone;
+}
+
 bool Engine::Close() {
   const Guard lock(m_locks.GetMutex());
   if (m_pCacheFile != nullptr) return m_pCacheFile->Close();
@@ -304,7 +303,7 @@ bool Engine::Close() {
   return true;
 }
 
-// The calling thread does not use the file any more; the last one closes it.
+// The calling thread no longer uses the file; the last user closes it.
 void Engine::CloseForThread() {
   if (m_pCacheFile != nullptr) {
     m_pCacheFile->Close();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Guards.h"
+#include "IndexHeaders.h"
 
 namespace Zarn::Engine {
 
@@ -11,6 +12,11 @@ class MaxSizes {
   struct Values {
     double first = 0;
     double second = 0;
+
+    Format::NamingHeader MakeHeader(std::uint64_t capacity, std::uint64_t count,
+                                    std::uint32_t flags = Format::kVersionsEnabled) const {
+      return {capacity, count, first, second, flags};
+    }
   };
 
   Values Get() const {

@@ -173,7 +173,7 @@ bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
     return false;
   }
   // The file has them now, also if what is in memory cannot follow.
-  if (!m_pIndex->Write(place - GetShape().EntryAt(0), bytes, size)) m_pIndex->Invalidate();
+  if (!m_pIndex->Write(oldCount, bytes, size)) m_pIndex->Invalidate();
   for (std::uint64_t i = 0; i < count; ++i)
     m_mapHashCode->Insert(slots[i].code, slots[i].entry.number);
   m_nNamingCount = oldCount + count;
@@ -182,9 +182,8 @@ bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
 
 bool NameIndex::WriteHeader(std::uint64_t indexOffset, std::uint64_t capacity,
                             std::uint64_t count) {
-  const MaxSizes::Values sizes = m_maxSizes.Get();
   const auto bytes = Format::EncodeNamingHeader(
-      {capacity, count, sizes.first, sizes.second, m_nNamingFlags}, IsSwapped());
+      m_maxSizes.Get().MakeHeader(capacity, count, m_nNamingFlags), IsSwapped());
   return Io::SpansPages(indexOffset, bytes.size())
              ? WriteByFields(*m_file, indexOffset, bytes)
              : m_file->WriteAt(indexOffset, bytes.data(), bytes.size());
@@ -245,10 +244,9 @@ bool NameIndex::List(const Format::RecordShape& shape, PelmArray<PelmUnicodeStri
     if (read == Io::NameRead::kNone) continue;
     if (keyBuf.GetSize() > left) return false;
     left -= keyBuf.GetSize();
-    std::u16string units;  // stays empty in an older file
-    for (std::uint64_t i = 0; isUtf16 && i + 1 < keyBuf.GetSize(); i += sizeof(char16_t))
-      units.push_back(LoadScalar<std::uint16_t>(keyBuf.GetData() + i, shape.swap));
-    names.Add(PelmUnicodeString(std::move(units)));
+    const auto* bytes = reinterpret_cast<const char*>(keyBuf.GetData());
+    const std::size_t size = isUtf16 ? keyBuf.GetSize() : 0;  // an older file lists empty names
+    names.Add(PelmUnicodeString(UnitsOf({bytes, size}, shape.swap)));
   }
   return true;
 }

@@ -42,7 +42,6 @@ class NameIndex final : public IndexEntries {
   std::uint32_t GetSameHashCodeCount(std::uint64_t code) const {
     return m_mapHashCode->GetSameHashCodeCount(code);
   }
-  bool HasCode(std::uint64_t code) const { return m_mapHashCode->Find(code).has_value(); }
   /// The slot of a code that the index has. False if it cannot be read: its status is unknown then.
   bool ReadSlot(std::uint64_t code, NameSlot& slot) const;
   /// Finds the slot of a name, or the code under which it would get one. The head of the record

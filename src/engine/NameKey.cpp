@@ -9,6 +9,13 @@
 
 namespace Zarn::Engine {
 
+std::u16string UnitsOf(std::string_view stored, bool swap) {
+  std::u16string units(stored.size() / sizeof(char16_t), u'\0');
+  for (std::size_t i = 0; i < units.size(); ++i)
+    units[i] = LoadScalar<std::uint16_t>(&stored[i * sizeof(char16_t)], swap);
+  return units;
+}
+
 NameKey::NameKey(const PelmUnicodeString& name, const Format::RecordShape& shape)
     : m_name(name),
       m_swap(shape.swap),
@@ -52,16 +59,17 @@ bool NameKey::Matches(const unsigned char* stored, std::uint64_t length) const {
   return true;
 }
 
-std::string_view NameKey::GetStoredBytes(std::string& scratch) const {
-  if (!m_isUtf16) return m_keyBufA;
-  if (!m_swap) return {reinterpret_cast<const char*>(m_name.GetBuffer()), GetStoredLength()};
+Format::StoredName NameKey::GetStoredName(std::string& scratch) const {
+  if (!m_isUtf16) return {m_charset, m_keyBufA};
+  if (!m_swap)
+    return {m_charset, {reinterpret_cast<const char*>(m_name.GetBuffer()), GetStoredLength()}};
   scratch.resize(GetStoredLength());
   std::size_t at = 0;
   for (const char16_t unit : m_name.GetUnits()) {
     StoreScalar<std::uint16_t>(&scratch[at], unit, m_swap);
     at += sizeof unit;
   }
-  return scratch;
+  return {m_charset, scratch};
 }
 
 }  // namespace Zarn::Engine

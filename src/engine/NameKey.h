@@ -2,12 +2,15 @@
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "IndexShape.h"
 #include "PelmUnicodeString.h"
+#include "RecordHead.h"
 
 namespace Zarn::Engine {
+
+/// The units of a name that is stored in UTF-16.
+std::u16string UnitsOf(std::string_view stored, bool swap);
 
 /// A name as a file of some format version stores it and finds it.
 class NameKey {
@@ -32,9 +35,8 @@ class NameKey {
   bool Matches(const unsigned char* stored, std::uint64_t length) const;
   std::uint64_t GetStoredLength() const;
 
-  std::uint32_t GetCharset() const { return m_charset; }
-  /// The bytes for a record: those of the name itself, or made in `scratch`.
-  std::string_view GetStoredBytes(std::string& scratch) const;
+  /// The name for a record: its bytes are those of the name itself, or made in `scratch`.
+  Format::StoredName GetStoredName(std::string& scratch) const;
 
  private:
   const PelmUnicodeString& m_name;
@@ -43,7 +45,7 @@ class NameKey {
   bool m_storable = true;
   std::uint64_t m_code;
   std::uint32_t m_charset;
-  std::string m_keyBufA;  // of an older file's name, in the current charset
+  std::string m_keyBufA;  // the bytes of the name in an older file
 };
 
 }  // namespace Zarn::Engine

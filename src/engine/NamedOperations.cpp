@@ -3,17 +3,27 @@
 #include "Engine.h"
 
 namespace Zarn::Engine {
+namespace {
+
+bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data) try {
+  ZrFile64 file;
+  return file.Open(path, ZrFile64::kRead) && file.Load(data);
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+}  // namespace
 
 unsigned int Engine::SetAt(const PelmUnicodeString& name, const ZrByteArray& data,
                            std::uint64_t capacity, std::uint64_t offset, std::uint64_t version) {
   if (const auto cache = GetCacheFile()) return cache->AddFile(data, name);
   if (!Format::ResolveStore(capacity, offset, data.GetSize()) || !NameKey::IsUsable(name))
     return ZrResult::kWriteFailure;
-  const WriteOperation operation(m_locks, m_buffers);
+  WriteOperation operation(m_locks, m_buffers);
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
   if (!operation.IsUsable() || IsReadOnly()) return ZrResult::kWriteFailure;
   try {
-    return StoreName({name, &data, capacity, offset, version});
+    return StoreOne({name, &data, capacity, offset, version}, operation);
   } catch (const std::bad_alloc&) {
     return ZrResult::kWriteFailure;
   }
@@ -34,21 +44,12 @@ unsigned int Engine::SetAt(unsigned int row, unsigned int col, const PelmUnicode
   return SetAt({row, col, &data, 0, 0, version});
 }
 
-bool Engine::LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data) {
-  try {
-    ZrFile64 file;
-    return file.Open(path, ZrFile64::kRead) && file.Load(data);
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
-}
-
-unsigned int Engine::StoreName(const ZrNameStore& store) {
+unsigned int Engine::StoreOne(const ZrNameStore& store, WriteOperation&) {
   NameIndex* const names = File().Names();
   if (store.data == nullptr || names == nullptr || !NameKey::IsUsable(store.name))
     return ZrResult::kWriteFailure;
   const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
-  const NameKey key = MakeKey(store.name);
+  const NameKey key(store.name, File().GetShape());
   ZrByteArray* const buffer = GetSwapData();
   if (!span || buffer == nullptr || !key.IsStorable()) return ZrResult::kWriteFailure;
   // The index grows before the name is looked up, deliberately also for one that is there.
@@ -57,13 +58,12 @@ unsigned int Engine::StoreName(const ZrNameStore& store) {
   TileStore tiles = File().MakeStore(*buffer);
   if (!names->GetNamingIdxValue(key, tiles, slot)) return ZrResult::kWriteFailure;
   std::string scratch;
-  std::string_view stored;
+  StoreRequest request = {*store.data, *span, store.version, {}};
   if (!slot.entry.HoldsRecord()) {
     slot.entry.status = Format::kStatusEmpty;
-    stored = key.GetStoredBytes(scratch);
+    request.name = key.GetStoredName(scratch);
   }
-  return StoreTile(slot.entry, &slot,
-                   {*store.data, *span, store.version, {key.GetCharset(), stored}});
+  return StoreTile(slot.entry, &slot, request);
 }
 
 // The new index goes to the end of the data.
@@ -75,10 +75,6 @@ bool Engine::GrowIndex() {
   return true;
 }
 
-NameKey Engine::MakeKey(const PelmUnicodeString& name) const {
-  return NameKey(name, File().GetShape());
-}
-
 unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
                             unsigned long long& filledLength, std::uint64_t version) {
   filledLength = 0;
@@ -88,7 +84,7 @@ unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
   if (!operation.IsUsable() || File().Names() == nullptr) return ZrResult::kReadFailure;
   unsigned int result = ZrResult::kReadFailure;
   try {
-    result = LookupName(MakeKey(name), operation, data, filledLength, version);
+    result = LookupName(NameKey(name, File().GetShape()), operation, data, filledLength, version);
   } catch (const std::bad_alloc&) {
   }
   if (result == ZrResult::kNotFound) data.Resize(0);
@@ -139,7 +135,7 @@ unsigned int Engine::Remove(const PelmUnicodeString& name, std::uint64_t version
   try {
     NameSlot slot;
     TileStore tiles = File().MakeStore(*buffer);
-    if (!names->GetNamingIdxValue(MakeKey(name), tiles, slot) || slot.isNew)
+    if (!names->GetNamingIdxValue(NameKey(name, File().GetShape()), tiles, slot) || slot.isNew)
       return ZrResult::kWriteFailure;
     return RemoveVersion(slot.entry, *buffer, version);
   } catch (const std::bad_alloc&) {
@@ -156,7 +152,8 @@ ZrCompactFile::ZrStatus Engine::GetStatus(const PelmUnicodeString& name) {
     NameSlot slot;
     TileStore tiles = File().MakeStore(*buffer);
     // Of a record that cannot be read, too, the slot tells.
-    if (!File().Names()->GetNamingIdxValue(MakeKey(name), tiles, slot) && slot.isNew)
+    const NameKey key(name, File().GetShape());
+    if (!File().Names()->GetNamingIdxValue(key, tiles, slot) && slot.isNew)
       return ZrCompactFile::kEmpty;
     return static_cast<ZrCompactFile::ZrStatus>(slot.entry.status);
   } catch (const std::bad_alloc&) {

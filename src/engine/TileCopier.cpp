@@ -4,8 +4,8 @@
 
 #include "IndexValue.h"
 #include "NameHash.h"
+#include "NameKey.h"
 #include "StoreArguments.h"
-#include "ZrResult.h"
 
 namespace Zarn::Engine {
 namespace {
@@ -43,12 +43,10 @@ TileCopier::TileCopier(const OpenFile& source, const MaxSizes::Values& sizes, Zr
 unsigned int TileCopier::Copy() {
   if (!m_file.GetLength(m_sourceLength)) return ZrResult::kReadFailure;
   m_limit = std::max(m_sourceLength, m_index.End());
-  unsigned int result = ZrResult::kOk;
-  if (m_index.IsGrid() && m_layout == kTight) result = PlaceCrowdedRecords();
-  if (result == ZrResult::kOk)
-    result = m_index.IsGrid() ? ForAllCells(&TileCopier::CopyCells) : CopyNames();
-  if (result != ZrResult::kOk) return result;
-  return Extend() && (m_index.IsGrid() || WriteCount()) ? ZrResult::kOk : ZrResult::kWriteFailure;
+  const bool isCopied = m_index.IsGrid() ? (m_layout != kTight || PlaceCrowdedRecords()) &&
+                                               ForAllCells(&TileCopier::CopyCells) && Extend()
+                                         : CopyNames() && Extend() && WriteCount();
+  return isCopied ? ZrResult::kOk : m_failure;
 }
 
 // Writes what was kept back, and gives the target the room that the placed records state.
@@ -64,31 +62,29 @@ bool TileCopier::Extend() {
 // stated and not filled. If each had its room, the target might be many times as long. So those
 // whose room holds others come first, in the order in which they lie in the source: then none has
 // less room before the end of the file than there.
-unsigned int TileCopier::PlaceCrowdedRecords() {
-  const unsigned int result = ForAllCells(&TileCopier::CollectExtents);
-  if (result != ZrResult::kOk) return result;
+bool TileCopier::PlaceCrowdedRecords() {
+  if (!ForAllCells(&TileCopier::CollectExtents)) return false;
   std::sort(m_extents.begin(), m_extents.end(),
             [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
   for (std::size_t i = 0; i + 1 < m_extents.size(); ++i) {
     const std::uint64_t next = m_extents[i + 1].begin;
-    if (next < m_extents[i].filledEnd || next >= m_extents[i].end) continue;
-    const unsigned int placed = PlaceRecord(m_extents[i]);
-    if (placed != ZrResult::kOk) return placed;
+    const bool isCrowded = next >= m_extents[i].filledEnd && next < m_extents[i].end;
+    if (isCrowded && !PlaceRecord(m_extents[i].begin)) return false;
   }
   m_read = 0;
-  return ZrResult::kOk;
+  return true;
 }
 
-unsigned int TileCopier::CollectExtents(const Io::IndexWalker& cells) {
+bool TileCopier::CollectExtents(const Io::IndexWalker& cells) {
   for (std::size_t cell = 0; cell < cells.Size(); ++cell) {
     const std::uint64_t entry = cells.Value(cell);
     if (Format::StatusOf(entry) == Format::kStatusEmpty) continue;
-    if (!AddExtent(Format::PositionOf(entry))) return ZrResult::kReadFailure;
+    if (!AddExtent(Format::PositionOf(entry))) return CannotRead();
     CollectVersions();
     for (std::size_t i = 1; i < m_versions.size(); ++i)
-      if (!AddExtent(Format::PositionOf(m_versions[i].locator))) return ZrResult::kReadFailure;
+      if (!AddExtent(Format::PositionOf(m_versions[i].locator))) return CannotRead();
   }
-  return ZrResult::kOk;
+  return true;
 }
 
 // Heads of records that do not overlap are together no longer than the file.
@@ -105,127 +101,88 @@ bool TileCopier::AddExtent(std::uint64_t position) {
 }
 
 // As far as the record is filled. It has one version.
-unsigned int TileCopier::PlaceRecord(const Extent& extent) {
-  if (!m_reader.ReadHead(extent.begin, 0, m_payload)) return ZrResult::kReadFailure;
-  const Format::RecordHead head = m_reader.Head();
-  const Format::VersionTable own = m_reader.Versions();
-  std::uint8_t status = Format::StatusOf(own.Locator(0));
-  if (!Format::HoldsRecord(status)) status = head.StatusByFilling();
+bool TileCopier::PlaceRecord(std::uint64_t position) {
+  if (!m_reader.ReadHead(position, 0, m_payload)) return CannotRead();
+  const Format::RecordHead& head = m_reader.Head();
+  Version version = {m_reader.Versions().Stamp(0), m_reader.Versions().Locator(0)};
   const std::uint64_t target = m_writer.GetPosition();
-  if (!HasRoomFor(head.length)) return ZrResult::kReadFailure;
-  if (!m_head.Begin({own.Stamp(0), status, head.capacity, head.filledLength}, {}))
-    return ZrResult::kWriteFailure;
+  if (!HasRoomFor(head.length) || !BeginHead(version, {})) return false;
   if (!m_payload.ResizeForOverwrite(head.filledLength) ||
-      !m_file.ReadAt(extent.begin + head.size, m_payload.GetData(), head.filledLength))
-    return ZrResult::kReadFailure;
-  if (!m_writer.AppendRecord(m_head, m_payload) || !TellNowAndThen())
-    return ZrResult::kWriteFailure;
+      !m_file.ReadAt(position + head.size, m_payload.GetData(), head.filledLength))
+    return CannotRead();
   m_statedEnd = std::max(m_statedEnd, target + head.length);
-  m_placed.push_back({extent.begin, target});
-  return ZrResult::kOk;
-}
-
-bool TileCopier::FindPlaced(std::uint64_t source, std::uint64_t& target) const {
-  const auto found =
-      std::lower_bound(m_placed.begin(), m_placed.end(), source,
-                       [](const Placed& placed, std::uint64_t at) { return placed.source < at; });
-  if (found == m_placed.end() || found->source != source) return false;
-  target = found->target;
-  return true;
+  m_placed.emplace(position, target);
+  return m_writer.AppendRecord(m_head, m_payload) && TellNowAndThen();
 }
 
 // Whether so much may be appended.
 bool TileCopier::HasRoomFor(std::uint64_t size) {
   const std::uint64_t position = m_writer.GetPosition();
   m_isTooLong = position > m_limit || size > m_limit - position;
-  return !m_isTooLong;
+  return !m_isTooLong || CannotRead();
 }
 
 // By way of the file, not of the index in memory, of which a large grid would fill too much.
-unsigned int TileCopier::ForAllCells(CellsVisit visit) {
+bool TileCopier::ForAllCells(CellsVisit visit) {
   m_all = m_index.CountIn(m_sourceLength);
   Io::IndexWalker cells(m_file, m_index, m_records.swap, m_all);
-  while (cells.Next()) {
-    const unsigned int result = (this->*visit)(cells);
-    if (result != ZrResult::kOk) return result;
-    if (!m_progress(cells.Position(), m_all)) return ZrResult::kWriteFailure;
-  }
-  return cells.HasFailed() ? ZrResult::kReadFailure : ZrResult::kOk;
+  while (cells.Next())
+    if (!(this->*visit)(cells) || !m_progress(cells.Position(), m_all)) return false;
+  return !cells.HasFailed() || CannotRead();
 }
 
-unsigned int TileCopier::CopyCells(const Io::IndexWalker& cells) {
+bool TileCopier::CopyCells(const Io::IndexWalker& cells) {
   for (std::size_t i = 0; i < cells.Size(); ++i) {
     m_done = cells.First() + i;
-    const std::uint64_t entry = cells.Value(i);
-    const std::uint64_t position = Format::PositionOf(entry);
-    if (Format::StatusOf(entry) == Format::kStatusEmpty) continue;
-    const std::uint64_t next = i + 1 < cells.Size() ? cells.Value(i + 1) : 0;
+    std::uint64_t value = cells.Value(i);
+    if (Format::StatusOf(value) == Format::kStatusEmpty) continue;
+    if (!Format::HoldsRecord(Format::StatusOf(value))) return CannotRead();
     std::uint64_t length = m_source.Index().GetPages()->GetHint(m_done);
-    if (length == 0) length = Format::DistanceToNext(entry, next);
-    if (!Format::HoldsRecord(Format::StatusOf(entry))) return ZrResult::kReadFailure;
-    std::uint64_t value;
-    if (FindPlaced(position, value)) {
-      value = Format::PackIndexValue(Format::StatusOf(entry), value);
-    } else {
-      if (!ReadRecord(position, length)) return ZrResult::kReadFailure;
-      const unsigned int result = WriteTile(entry, {}, value);
-      if (result != ZrResult::kOk) return result;
-    }
-    if (!m_writer.PutEntry(m_done, &value)) return ZrResult::kWriteFailure;
+    if (length == 0)
+      length = Format::DistanceToNext(value, i + 1 < cells.Size() ? cells.Value(i + 1) : 0);
+    if (!LeadToPlaced(value) &&
+        (!ReadRecord(Format::PositionOf(value), length) || !WriteTile(value, {})))
+      return false;
+    if (!m_writer.PutEntry(m_done, &value)) return false;
   }
-  return ZrResult::kOk;
+  return true;
 }
 
-unsigned int TileCopier::CopyNames() {
+bool TileCopier::CopyNames() {
   const std::vector<NameTable::Entry> places = m_source.Names()->GetTable().Sorted();
   m_all = places.size();
   for (std::size_t i = 0; i < places.size(); ++i) {
     m_done = i;
     std::uint64_t value;
-    if (!m_source.Index().GetPages()->ReadValue(places[i].slot, value))
-      return ZrResult::kReadFailure;
-    if (Format::StatusOf(value) == Format::kStatusEmpty) continue;
-    const unsigned int result = CopyName(places[i], value);
-    if (result != ZrResult::kOk) return result;
+    if (!m_source.Index().GetPages()->ReadValue(places[i].slot, value)) return CannotRead();
+    if (Format::StatusOf(value) != Format::kStatusEmpty && !CopyName(places[i].slot, value))
+      return false;
   }
-  return ZrResult::kOk;
+  return true;
 }
 
-unsigned int TileCopier::CopyName(const NameTable::Entry& place, std::uint64_t value) {
-  if (!Format::HoldsRecord(Format::StatusOf(value)) ||
-      !ReadRecord(Format::PositionOf(value), m_source.Index().GetPages()->GetHint(place.slot)))
-    return ZrResult::kReadFailure;
+bool TileCopier::CopyName(std::uint32_t number, std::uint64_t value) {
+  if (!Format::HoldsRecord(Format::StatusOf(value))) return CannotRead();
+  if (!ReadRecord(Format::PositionOf(value), m_source.Index().GetPages()->GetHint(number)))
+    return false;
   const Format::RecordHead& head = m_reader.Head();
   Name name;
   name.stored.assign(reinterpret_cast<const char*>(m_reader.NameBytes()), head.nameLength);
   name.charset = head.charset;
-  std::uint64_t code;
-  if (!Decode(name)) return ZrResult::kWriteFailure;
-  switch (FindCode(name, code)) {
-    case CodeSearch::kShadowed:
-      return ZrResult::kOk;
-    case CodeSearch::kTaken:
-      return ZrResult::kWriteFailure;
-    case CodeSearch::kUnreadable:
-      return ZrResult::kReadFailure;
-    case CodeSearch::kFree:
-      break;
-  }
+  std::uint64_t slot[2] = {value};
+  std::uint64_t& code = slot[1];
+  if (!Decode(name) || !FindCode(name, code)) return false;
+  if (m_names.Find(code)) return true;  // shadowed
   const std::string_view units(reinterpret_cast<const char*>(name.units.data()),
                                name.units.size() * sizeof(char16_t));
-  std::uint64_t slot[2] = {0, code};
-  const unsigned int result = WriteTile(value, {Format::kNameCharsetUtf16, units}, slot[0]);
-  if (result != ZrResult::kOk) return result;
-  return m_writer.PutEntry(m_names.GetSize(), slot) && m_names.Insert(code, place.slot)
-             ? ZrResult::kOk
-             : ZrResult::kWriteFailure;
+  return WriteTile(slot[0], {Format::kNameCharsetUtf16, units}) &&
+         m_writer.PutEntry(m_names.GetSize(), slot) && m_names.Insert(code, number);
 }
 
 bool TileCopier::WriteCount() {
-  const auto image = Format::EncodeNamingHeader(
-      {m_index.count, m_names.GetSize(), m_sizes.first, m_sizes.second, Format::kVersionsEnabled},
-      false);
-  return m_target.WriteAt(Format::kHeaderSize, image.data(), image.size());
+  const auto bytes =
+      Format::EncodeNamingHeader(m_sizes.MakeHeader(m_index.count, m_names.GetSize()), false);
+  return m_target.WriteAt(Format::kHeaderSize, bytes.data(), bytes.size());
 }
 
 bool TileCopier::Decode(Name& name) const {
@@ -233,9 +190,7 @@ bool TileCopier::Decode(Name& name) const {
   if (version == Format::kOlderVersion) return m_decode({name.charset, name.stored}, name.units);
   if (version != Format::kCurrentVersion || name.stored.size() % sizeof(char16_t) != 0)
     return false;
-  name.units.resize(name.stored.size() / sizeof(char16_t));
-  for (std::size_t i = 0; i < name.units.size(); ++i)
-    name.units[i] = LoadScalar<std::uint16_t>(&name.stored[i * sizeof(char16_t)], m_records.swap);
+  name.units = UnitsOf(name.stored, m_records.swap);
   return true;
 }
 
@@ -256,22 +211,20 @@ bool TileCopier::ReadName(std::uint32_t slot, Name& name) {
 }
 
 // The code under which the target is to find the name: the first that no other name has. A name
-// that was copied already is shadowed by that copy, for lookups find the lower code first; it is
-// the same name if the stored bytes are, for lookups do not ask for their charset. Bytes that
-// differ and become one name are no case for a choice.
-TileCopier::CodeSearch TileCopier::FindCode(const Name& name, std::uint64_t& code) {
+// that was copied already gets the code of that copy, which shadows it, for lookups find the lower
+// code first; it is the same name if the stored bytes are, for lookups do not ask for their
+// charset. Bytes that differ and become one name are no case for a choice.
+bool TileCopier::FindCode(const Name& name, std::uint64_t& code) {
   code = Format::HashUnits(name.units);
-  for (;;) {
-    const auto found = m_names.Find(code);
-    if (!found) return CodeSearch::kFree;
+  while (const auto found = m_names.Find(code)) {
     Name other;
-    if (!ReadName(*found, other) || !Decode(other)) return CodeSearch::kUnreadable;
-    if (other.units == name.units)
-      return other.stored == name.stored ? CodeSearch::kShadowed : CodeSearch::kTaken;
+    if (!ReadName(*found, other) || !Decode(other)) return CannotRead();
+    if (other.units == name.units) return other.stored == name.stored;
     const std::uint64_t next = Format::GetNextHashCode(code);
-    if (next == code) return CodeSearch::kTaken;
+    if (next == code) return false;
     code = next;
   }
+  return true;
 }
 
 // The record becomes that of m_reader, its payload m_payload. A length of 0 is unknown.
@@ -284,33 +237,37 @@ bool TileCopier::ReadRecord(std::uint64_t position, std::uint64_t guessedLength)
   const std::uint64_t payload = guessedLength > kHead ? guessedLength - kHead : kUsualPayload;
   if (!m_reader.Read(position, {kHead, payload}, m_payload) || m_reader.Head().versionCount == 0 ||
       !m_index.LeavesRoom(position, m_reader.Head().length))
-    return false;
+    return CannotRead();
   m_read += m_reader.Head().length;
   m_isTooLong = m_read > 2 * m_sourceLength;
-  return !m_isTooLong;
+  return !m_isTooLong || CannotRead();
 }
 
-// Writes the tile whose current record was just read; `value` is its index value.
-unsigned int TileCopier::WriteTile(std::uint64_t value, const Format::StoredName& name,
-                                   std::uint64_t& newValue) {
+// Writes the tile of an index value, whose current record was just read. The value then leads to
+// the copy.
+bool TileCopier::WriteTile(std::uint64_t& value, const Format::StoredName& name) {
   CollectVersions();
   m_payloadBytes = 0;
   m_tableBytes = 0;
   for (std::size_t i = m_versions.size(); i-- > 0;) {
     std::uint64_t& locator = m_versions[i].locator;
     const std::uint64_t position = Format::PositionOf(i == 0 ? value : locator);
-    std::uint64_t target;
-    if (FindPlaced(position, target)) {
-      locator = Format::PackIndexValue(Format::StatusOf(locator), target);
-      continue;
-    }
-    if (m_versions.size() > 1 && !ReadRecord(position, 0)) return ZrResult::kReadFailure;
-    if (!AppendVersion(i, name))
-      return m_isTooLong ? ZrResult::kReadFailure : ZrResult::kWriteFailure;
+    locator = Format::PackIndexValue(Format::StatusOf(locator), position);
+    if (LeadToPlaced(locator)) continue;
+    if ((m_versions.size() > 1 && !ReadRecord(position, 0)) || !AppendVersion(i, name))
+      return false;
   }
-  newValue =
+  value =
       Format::PackIndexValue(Format::StatusOf(value), Format::PositionOf(m_versions[0].locator));
-  return ZrResult::kOk;
+  return true;
+}
+
+// Whether the record of an index value is in the target already; the value then leads there.
+bool TileCopier::LeadToPlaced(std::uint64_t& value) const {
+  const auto placed = m_placed.find(Format::PositionOf(value));
+  if (placed == m_placed.end()) return false;
+  value = Format::PackIndexValue(Format::StatusOf(value), placed->second);
+  return true;
 }
 
 // The newest version always is alive, whatever its entry says: it is what a lookup gives.
@@ -324,25 +281,30 @@ void TileCopier::CollectVersions() {
   }
 }
 
+// Begins the head of the version's copy. The record that was read last says how far it is filled,
+// and its status where the locator has none.
+bool TileCopier::BeginHead(Version& version, const Format::StoredName& name) {
+  const Format::RecordHead& head = m_reader.Head();
+  std::uint8_t status = Format::StatusOf(version.locator);
+  if (!Format::HoldsRecord(status)) status = head.StatusByFilling();
+  version.locator = Format::PackIndexValue(status, 0);
+  return m_head.Begin({version.stamp, status, head.capacity, head.filledLength}, name);
+}
+
 // Appends the record that was just read, with a table of the tile's versions so far or of itself.
 // m_versions then says where it is.
 bool TileCopier::AppendVersion(std::size_t number, const Format::StoredName& name) {
   static_assert(sizeof(Version) == Format::kVersionEntrySize);
-  const Format::RecordHead& head = m_reader.Head();
   Version& version = m_versions[number];
-  std::uint8_t status = Format::StatusOf(version.locator);
-  if (!Format::HoldsRecord(status)) status = head.StatusByFilling();
-  version.locator = Format::PackIndexValue(status, 0);
   const Format::VersionTable table(reinterpret_cast<const unsigned char*>(&version),
                                    static_cast<std::uint32_t>(m_versions.size() - number), false);
-  if (!m_head.Begin({version.stamp, status, head.capacity, head.filledLength}, name) ||
-      (HasWholeTable(number) && !m_head.ReplaceVersions(table, 0)))
+  if (!BeginHead(version, name) || (HasWholeTable(number) && !m_head.ReplaceVersions(table, 0)))
     return false;
   // UTF-16 needs up to twice the room of the bytes that an older file has for a name.
-  if (name.bytes.size() > head.nameLength)
-    m_limit += std::min<std::uint64_t>(name.bytes.size() - head.nameLength, head.nameLength);
-  const std::uint64_t position = m_writer.GetPosition();
-  version.locator = Format::PackIndexValue(status, position);
+  const std::uint64_t nameLength = m_reader.Head().nameLength;
+  if (name.bytes.size() > nameLength)
+    m_limit += std::min<std::uint64_t>(name.bytes.size() - nameLength, nameLength);
+  version.locator |= m_writer.GetPosition();
   return HasRoomFor(m_head.Head().length) && m_writer.AppendRecord(m_head, m_payload) &&
          TellNowAndThen();
 }

@@ -2,12 +2,14 @@
 
 #include <functional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "ImageWriter.h"
 #include "IndexWalker.h"
 #include "OpenFile.h"
 #include "RecordReader.h"
+#include "ZrResult.h"
 
 namespace Zarn::Engine {
 
@@ -57,25 +59,19 @@ class TileCopier {
     std::uint64_t filledEnd;
     std::uint64_t end;
   };
-  /// A record that is in the target already.
-  struct Placed {
-    std::uint64_t source;
-    std::uint64_t target;
-  };
-
-  unsigned int PlaceCrowdedRecords();
-  unsigned int CollectExtents(const Io::IndexWalker& cells);
+  bool PlaceCrowdedRecords();
+  bool CollectExtents(const Io::IndexWalker& cells);
   bool AddExtent(std::uint64_t position);
-  unsigned int PlaceRecord(const Extent& extent);
-  bool FindPlaced(std::uint64_t source, std::uint64_t& target) const;
+  bool PlaceRecord(std::uint64_t position);
+  bool LeadToPlaced(std::uint64_t& value) const;
   bool Extend();
 
-  using CellsVisit = unsigned int (TileCopier::*)(const Io::IndexWalker& cells);
-  unsigned int ForAllCells(CellsVisit visit);
-  unsigned int CopyCells(const Io::IndexWalker& cells);
+  using CellsVisit = bool (TileCopier::*)(const Io::IndexWalker& cells);
+  bool ForAllCells(CellsVisit visit);
+  bool CopyCells(const Io::IndexWalker& cells);
 
-  unsigned int CopyNames();
-  unsigned int CopyName(const NameTable::Entry& place, std::uint64_t value);
+  bool CopyNames();
+  bool CopyName(std::uint32_t number, std::uint64_t value);
   bool WriteCount();
 
   /// A name as the source stores it, and what it is in the target.
@@ -84,19 +80,23 @@ class TileCopier {
     std::uint32_t charset = 0;
     std::u16string units;
   };
-  enum class CodeSearch { kFree, kShadowed, kTaken, kUnreadable };
   bool Decode(Name& name) const;
   bool ReadName(std::uint32_t slot, Name& name);
-  CodeSearch FindCode(const Name& name, std::uint64_t& code);
+  bool FindCode(const Name& name, std::uint64_t& code);
 
   bool ReadRecord(std::uint64_t position, std::uint64_t guessedLength);
-  unsigned int WriteTile(std::uint64_t value, const Format::StoredName& name,
-                         std::uint64_t& newValue);
+  bool WriteTile(std::uint64_t& value, const Format::StoredName& name);
   void CollectVersions();
+  bool BeginHead(Version& version, const Format::StoredName& name);
   bool AppendVersion(std::size_t number, const Format::StoredName& name);
   bool HasWholeTable(std::size_t number);
   bool HasRoomFor(std::uint64_t size);
   bool TellNowAndThen();
+  // The source cannot be read, or holds what nothing writes.
+  bool CannotRead() {
+    m_failure = ZrResult::kReadFailure;
+    return false;
+  }
 
   const OpenFile& m_source;
   const MaxSizes::Values m_sizes;
@@ -111,13 +111,15 @@ class TileCopier {
   std::uint64_t m_sourceLength = 0;  // of the source, in bytes
   std::uint64_t m_limit = 0;         // of the target
   bool m_isTooLong = false;
-  std::uint64_t m_read = 0;          // bytes of all records read
-  ZrByteArray m_payload;             // of the record read last
-  std::vector<Version> m_versions;   // of the tile being copied, that are alive
-  std::uint64_t m_payloadBytes = 0;  // of those of them that were written
-  std::uint64_t m_tableBytes = 0;    // of what was written for entries of others
+  unsigned int m_failure = ZrResult::kWriteFailure;  // what a failure is answered with
+  std::uint64_t m_read = 0;                          // bytes of all records read
+  ZrByteArray m_payload;                             // of the record read last
+  std::vector<Version> m_versions;                   // of the tile being copied, that are alive
+  std::uint64_t m_payloadBytes = 0;                  // of those of them that were written
+  std::uint64_t m_tableBytes = 0;                    // of what was written for entries of others
   std::vector<Extent> m_extents;
-  std::vector<Placed> m_placed;   // ascending
+  // Records that are in the target already: where they are in the source, and in the target.
+  std::unordered_map<std::uint64_t, std::uint64_t> m_placed;
   std::uint64_t m_statedEnd = 0;  // of those
   ZrByteArray m_headBytes;
   Format::RecordImage m_head;  // of the version written last

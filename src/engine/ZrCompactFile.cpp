@@ -34,17 +34,11 @@ unsigned int ZrCompactFile::Open(const PelmUnicodeString& path, const PelmUnicod
 }
 
 bool ZrCompactFile::Close() { return m_engine->Close(); }
-
 bool ZrCompactFile::IsOpen() const { return m_engine->IsOpen(); }
-
 bool ZrCompactFile::Flush() { return m_engine->Flush(); }
-
 PelmUnicodeString ZrCompactFile::GetFullPath() const { return m_engine->GetFullPath(); }
-
 void ZrCompactFile::SetMaxSize(double first, double second) { m_engine->SetMaxSize(first, second); }
-
 bool ZrCompactFile::IsVersionEnabled() const { return m_engine->IsVersionEnabled(); }
-
 bool ZrCompactFile::IsDeadLocked() const { return isLocked(); }
 
 unsigned int ZrCompactFile::GetIndexInfo(unsigned int& first, unsigned int& second) const {

@@ -64,7 +64,7 @@ class TileStoreTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
     TileEntry tile = entry;
     std::string scratch;
     const NameKey key(ownName, shape);
-    if (!(span ? store.StoreIntoTile(tile, {data, *span, stamp, {251, key.GetStoredBytes(scratch)}})
+    if (!(span ? store.StoreIntoTile(tile, {data, *span, stamp, key.GetStoredName(scratch)})
                : store.RemoveFromTile(tile, stamp, false)))
       return false;
     if (span) tile.FollowCompleteness(*span);
