@@ -74,7 +74,8 @@ bool Engine::GetGridIdxValue(unsigned int row, unsigned int col, unsigned long l
       if (m_locks.IsCurrent()) file = m_file;
       if (!m_locks.GetProcessLock().IsDisabled()) path = m_strAbsolutePath;
     }
-    if (file == nullptr || file->Cells() == nullptr) return false;
+    if (file == nullptr || file->Cells() == nullptr || !file->Cells()->Contains(row, col))
+      return false;
     isThere = path.IsEmpty() || file->GetStream()->IsSameFile(path);
   } catch (const std::bad_alloc&) {
     // The lock knows whether it is.

@@ -213,7 +213,8 @@ bool Engine::StoreTogether(const std::vector<Store>& stores, std::vector<unsigne
   if (GetCacheFile() != nullptr) return false;
   WriteOperation operation(m_locks, m_buffers, Operation::kStore);
   if (!operation.IsUsable() || IsReadOnly() || GetSwapData() == nullptr) return false;
-  if (File().Names() != nullptr && !operation.ExcludeLookups()) return false;
+  if (!File().HasIndex() || (File().Names() != nullptr && !operation.ExcludeLookups()))
+    return false;
   File().GetTail().Reserve(*File().GetStream());  // finds where no record may begin
   StoreBatch batch(File(), results);
   for (std::size_t i = 0; i < stores.size(); ++i) {

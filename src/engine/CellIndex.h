@@ -28,6 +28,7 @@ class CellIndex final : public IndexEntries {
   /// The bytes of the index header in the file.
   Format::GridHeaderImage GetHeaderBytes() const;
 
+  bool Contains(std::uint32_t row, std::uint32_t col) const { return Find(row, col).has_value(); }
   /// The entry of a cell, for a store or removal. False outside the grid, and if it cannot be read.
   bool Read(std::uint32_t row, std::uint32_t col, TileEntry& entry) const;
   /// The same for a lookup: where others store new tiles meanwhile, the entry of an empty cell is

@@ -51,21 +51,31 @@ unsigned int Engine::Create(const PelmUnicodeString& path, unsigned int rows, un
                             const PelmUnicodeString& password, Mode mode) {
   const Guard lock(m_locks.GetMutex());
   if (m_locks.IsHeldByCompaction()) return ZrResult::kNotCreated;
-  CloseForThread();
-  // In 64 bits: a product that wraps below the limit would ask for more memory than there is.
-  const std::uint64_t cells = std::uint64_t{rows} * cols;
-  if (cells == 0 || cells > Format::kMaxGridCells) return ZrResult::kNotCreated;
-  return CreateContainer(Format::GridHeader{rows, cols, Format::kVersionsEnabled}, path, password,
-                         mode);
+  try {
+    CloseForThread();
+    // In 64 bits: a product that wraps below the limit would ask for more memory than there is.
+    const std::uint64_t cells = std::uint64_t{rows} * cols;
+    if (cells == 0 || cells > Format::kMaxGridCells) return ZrResult::kNotCreated;
+    return CreateContainer(Format::GridHeader{rows, cols, Format::kVersionsEnabled}, path, password,
+                           mode);
+  } catch (const std::bad_alloc&) {
+    TearDown();
+    return ZrResult::kNotCreated;
+  }
 }
 
 unsigned int Engine::Create(const PelmUnicodeString& path, std::uint64_t capacity,
                             const PelmUnicodeString& password, Mode mode) {
   const Guard lock(m_locks.GetMutex());
   if (m_locks.IsHeldByCompaction()) return ZrResult::kNotCreated;
-  CloseForThread();
-  if (capacity == 0 || capacity > Format::kMaxNamingCapacity) return ZrResult::kNotCreated;
-  return CreateContainer(m_maxSizes.Get().MakeHeader(capacity, 0), path, password, mode);
+  try {
+    CloseForThread();
+    if (capacity == 0 || capacity > Format::kMaxNamingCapacity) return ZrResult::kNotCreated;
+    return CreateContainer(m_maxSizes.Get().MakeHeader(capacity, 0), path, password, mode);
+  } catch (const std::bad_alloc&) {
+    TearDown();
+    return ZrResult::kNotCreated;
+  }
 }
 
 // The object goes on with the stream that the file was created through, which may write even where
@@ -73,24 +83,19 @@ unsigned int Engine::Create(const PelmUnicodeString& path, std::uint64_t capacit
 template <typename IndexHeader>
 unsigned int Engine::CreateContainer(const IndexHeader& header, const PelmUnicodeString& path,
                                      const PelmUnicodeString& password, Mode mode) {
-  try {
-    if (Format::IsCachePath(path) || !Format::IsUsablePath(path)) return ZrResult::kNotCreated;
-    Identity identity = {
-        Format::CompletePath(path), {}, Format::MakeXorString(password.GetBuffer()), mode};
-    identity.absolutePath = ZrFile::GetAbsolute(identity.path);
-    NewContainer container;
-    if (container.Make(identity.absolutePath, identity.xorString, header,
-                       (mode & ZrCompactFile::kReplace) != 0) != ZrNewFile::Outcome::kPublished)
-      return ZrResult::kNotCreated;
-    TearDown();
-    SetIdentity(std::move(identity));
-    if (TakeIntoUse(container.stream) != ZrResult::kOk) return ZrResult::kNotCreated;
-    container.file.Commit();
-    return ZrResult::kOk;
-  } catch (const std::bad_alloc&) {
-    TearDown();
+  if (Format::IsCachePath(path) || !Format::IsUsablePath(path)) return ZrResult::kNotCreated;
+  Identity identity = {
+      Format::CompletePath(path), {}, Format::MakeXorString(password.GetBuffer()), mode};
+  identity.absolutePath = ZrFile::GetAbsolute(identity.path);
+  NewContainer container;
+  if (container.Make(identity.absolutePath, identity.xorString, header,
+                     (mode & ZrCompactFile::kReplace) != 0) != ZrNewFile::Outcome::kPublished)
     return ZrResult::kNotCreated;
-  }
+  TearDown();
+  SetIdentity(std::move(identity));
+  if (TakeIntoUse(container.stream) != ZrResult::kOk) return ZrResult::kNotCreated;
+  container.file.Commit();
+  return ZrResult::kOk;
 }
 
 unsigned int Engine::Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
@@ -278,9 +283,9 @@ unsigned int Engine::LoadFile(const std::shared_ptr<ZrFile64>& created,
 void Engine::Publish(std::shared_ptr<OpenFile> file) {
   if (m_file == nullptr || m_file->GetShape().swap != file->GetShape().swap) m_buffers.Invalidate();
   if (file->Names() != nullptr) m_maxSizes.Set(file->Names()->GetSizesInFile());
-  m_locks.Admit({true, true, m_locks.GetProcessLock().IsDisabled()});
   const Guard state(m_stateMutex);
   m_file.swap(file);
+  m_locks.Admit({true, true, m_locks.GetProcessLock().IsDisabled()});
 }
 
 unsigned int Engine::SetPassword(const PelmUnicodeString& password) {

@@ -45,13 +45,14 @@ unsigned int Engine::SetAt(unsigned int row, unsigned int col, const PelmUnicode
 }
 
 unsigned int Engine::StoreOne(const ZrNameStore& store, WriteOperation&) {
+  ZrByteArray* const buffer = GetSwapData();
   NameIndex* const names = File().Names();
-  if (store.data == nullptr || names == nullptr || !NameKey::IsUsable(store.name))
+  if (buffer == nullptr || names == nullptr || store.data == nullptr ||
+      !NameKey::IsUsable(store.name))
     return ZrResult::kWriteFailure;
   const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
   const NameKey key(store.name, File().GetShape());
-  ZrByteArray* const buffer = GetSwapData();
-  if (!span || buffer == nullptr || !key.IsStorable()) return ZrResult::kWriteFailure;
+  if (!span || !key.IsStorable()) return ZrResult::kWriteFailure;
   // The index grows before the name is looked up, deliberately also for one that is there.
   if (names->IsFull() && !GrowIndex()) return ZrResult::kWriteFailure;
   NameSlot slot;

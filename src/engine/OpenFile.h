@@ -50,6 +50,7 @@ class OpenFile {
   /// Null in a file of another kind.
   CellIndex* Cells() const { return m_cells.get(); }
   NameIndex* Names() const { return m_names.get(); }
+  bool HasIndex() const { return m_cells != nullptr || m_names != nullptr; }
   /// The one of the two that there is.
   IndexEntries& Index() const {
     return m_cells != nullptr ? static_cast<IndexEntries&>(*m_cells) : *m_names;

@@ -135,6 +135,10 @@ TEST_F(Lifecycle, WhatCannotBeOpened) {
   ASSERT_EQ(object.Open(path, u"", 4), 0U);
   EXPECT_EQ(IndexInfo(object), (Info{7, 77, 77}));
   EXPECT_EQ(Read(0, 0, 1).result, 9U);
+  const ZrByteArray data = Data("x");
+  std::vector<unsigned int> results;
+  EXPECT_EQ(object.SetBatch(std::vector{ZrCompactFile::ZrCellStore{0, 0, &data}}, results), 10U);
+  EXPECT_EQ(object.SetBatch(std::vector{ZrCompactFile::ZrNameStore{u"a", &data}}, results), 10U);
 
   ZrFile::MkDirEx(folder.GetPath("dir.cf"));
   EXPECT_EQ(object.Open(folder.GetPath("dir"), u"", 4), 6U);
@@ -196,6 +200,12 @@ TEST_F(Lifecycle, AFileWithoutAPathHasNoStatus) {
   ZrFile::Delete(path);
   for (const unsigned int row : {0U, 1023U})
     EXPECT_EQ(object.GetStatus(row, 0), ZrCompactFile::kUnknown);
+  {
+    const SyscallFaults calls;
+    EXPECT_EQ(object.GetStatus(1024, 0), ZrCompactFile::kUnknown)
+        << "outside, whatever the file is";
+    EXPECT_EQ(calls.GetCount(), 0U);
+  }
   object.Close();
   RefeshIndexCallBack(&object);  // does nothing to a closed object
   RefeshIndexCallBack(nullptr);
