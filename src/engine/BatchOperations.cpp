@@ -102,7 +102,7 @@ bool Engine::AddToBatch(const ZrCellStore& store, std::size_t number, StoreBatch
     return false;
   entry.status = Format::kStatusComplete;
   tile.head.resize(Format::kGridRecordHead);
-  Format::EncodeGridRecordHead(tile.head.data(), HeadOf(store), File().GetShape().swap);
+  Format::EncodeRecordHead(tile.head.data(), File().GetShape(), {}, HeadOf(store));
   const std::uint64_t key = entry.number;
   batch.Add(key, std::move(tile));
   return true;
@@ -124,9 +124,9 @@ bool Engine::AddToBatch(const ZrNameStore& store, std::size_t number, StoreBatch
   tile.slot.entry.status = Format::kStatusComplete;
   std::string scratch;
   const std::string_view stored = key.GetStoredBytes(scratch);
-  tile.head.resize(Format::NamingRecordHeadSize(stored.size()));
-  Format::EncodeNamingRecordHead(tile.head.data(), {key.GetCharset(), stored}, HeadOf(store),
-                                 File().GetShape().swap);
+  tile.head.resize(Format::RecordHeadSize(File().GetShape(), stored.size()));
+  Format::EncodeRecordHead(tile.head.data(), File().GetShape(), {key.GetCharset(), stored},
+                           HeadOf(store));
   batch.Add(code, std::move(tile));
   return true;
 }

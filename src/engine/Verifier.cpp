@@ -6,7 +6,7 @@
 #include <new>
 #include <string>
 
-#include "HeaderIo.h"
+#include "FileHeader.h"
 #include "IndexHeaders.h"
 #include "NameHash.h"
 
@@ -277,8 +277,8 @@ bool Verifier::ReadHead(Finding::Kind kind, std::uint64_t position, Head& head) 
     if (!head.bytes.ResizeForOverwrite(wanted)) throw std::bad_alloc();
     if (!m_file.ReadAt(position, head.bytes.GetData(), wanted))
       return Fail(Finding::kUnreadable, position, "the record cannot be read");
-    const HeadParse parse = Format::ParseRecordHead(head.bytes.GetData(), wanted, m_records.kind,
-                                                    m_records.swap, head.fields);
+    const HeadParse parse =
+        Format::ParseRecordHead(head.bytes.GetData(), wanted, m_records, head.fields);
     if (parse.outcome == HeadParse::kComplete) return Spend(position, head.fields.size);
     if (parse.outcome == HeadParse::kDamaged)
       return Fail(kind, position, "the record does not hold what it states");

@@ -123,7 +123,7 @@ bool RecordReader::EndsInFile(std::uint64_t position) const {
 
 HeadParse RecordReader::Parse(const unsigned char* bytes, std::uint64_t available) {
   m_bytes = bytes;
-  return Format::ParseRecordHead(bytes, available, m_shape.kind, m_shape.swap, m_head);
+  return Format::ParseRecordHead(bytes, available, m_shape, m_head);
 }
 
 }  // namespace Zarn::Io

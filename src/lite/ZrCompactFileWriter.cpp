@@ -4,7 +4,7 @@
 #include <new>
 #include <utility>
 
-#include "HeaderIo.h"
+#include "FileHeader.h"
 #include "IndexHeaders.h"
 #include "IndexShape.h"
 #include "PathRules.h"
@@ -78,7 +78,8 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
     return ZrResult::kNotCreated;
   }
   file.Commit();
-  *m_pTail = Io::Tail::OfNewFile({}, m_bSwap, false);
+  *m_pTail = Io::Tail({}, m_bSwap, false);
+  m_pTail->SetEmpty();
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
   Close();
@@ -190,8 +191,7 @@ ZrCompactFileWriter::Place ZrCompactFileWriter::FindPlace(Store& store) const {
   store.oldSize = ReadUpTo(position, store.old, std::min(wanted, inFile));
   if (store.oldSize < Format::kRecordLengthSize) return Place::kUnreadable;
   Format::RecordHead head;
-  const auto parse =
-      Format::ParseRecordHead(store.old, store.oldSize, Format::kGridFile, m_bSwap, head);
+  const auto parse = Format::ParseRecordHead(store.old, store.oldSize, {.swap = m_bSwap}, head);
   const std::uint64_t length = head.length;
   if (length < Format::kGridRecordHead) return Place::kAppend;
   if (store.fileLength < position || length > store.fileLength - position)
@@ -281,8 +281,8 @@ unsigned long long ZrCompactFileWriter::WriteDataToFile(
   status = static_cast<ZrCompactFile::ZrStatus>(span->Status());
   unsigned char head[Format::kGridRecordHead];
   // Host order even in a file of the other order, where only the index is swapped.
-  Format::EncodeGridRecordHead(head, {nVersion, span->Status(), capacity, span->FilledLength()},
-                               false);
+  Format::EncodeRecordHead(head, {}, {},
+                           {nVersion, span->Status(), capacity, span->FilledLength()});
   if (!WriteParts(position, head, sizeof head, data.GetData(), data.GetSize())) return 0;
   m_pTail->Claim(position + recordLength);
   Flush();

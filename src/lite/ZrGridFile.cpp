@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <new>
 
-#include "HeaderIo.h"
+#include "FileHeader.h"
 #include "IndexHeaders.h"
 #include "IndexShape.h"
 #include "OpenPath.h"
