@@ -5,7 +5,7 @@
 
 #include "NameKey.h"
 #include "RecordReader.h"
-#include "ReplaceWord.h"
+#include "WholeWords.h"
 #include "ZrResult.h"
 
 namespace Zarn::Engine {

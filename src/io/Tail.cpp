@@ -93,9 +93,11 @@ void Tail::Invalidate() {
   m_statedEnd = 0;
 }
 
+// Nothing else lies in the room of a record that was appended since the file was opened, nor in
+// that of a naming file's record: light writers do not write these.
 bool Tail::IsCrowded(const ZrFileStream& file, std::uint64_t position, std::uint64_t from,
                      std::uint64_t to) const {
-  return from < to && !IsOwn(position) &&
+  return from < to && m_index.IsGrid() && position < m_ownStart &&
          RunsOverRecord(file, m_swap, position + from, position + to);
 }
 

@@ -51,14 +51,9 @@ class Tail {
   /// The index lies elsewhere now, or has grown.
   void SetIndex(const Format::IndexShape& index) { m_index = index; }
 
-  /// Length of the file at the last Reserve.
-  std::uint64_t LengthBefore() const { return m_lengthBefore; }
   /// Whether entries name records behind the end of the file. Then each place must be reserved by
   /// itself: Reserve leaves some positions out.
   bool HasLostRecords() const { return !m_lost.empty(); }
-  /// Whether the record there was appended since the file was opened, so that nothing else lies in
-  /// its room. True for every record of a naming file, which light writers do not write.
-  bool IsOwn(std::uint64_t position) const { return !m_index.IsGrid() || position >= m_ownStart; }
   /// Whether a write of the bytes `from` to `to` of the record at `position`, which it has not
   /// filled, runs over the beginning of another record.
   ///

@@ -10,10 +10,10 @@
 #include "PathRules.h"
 #include "PelmTime.h"
 #include "RecordHead.h"
-#include "ReplaceWord.h"
 #include "SafeRewrite.h"
 #include "StoreArguments.h"
 #include "Tail.h"
+#include "WholeWords.h"
 #include "ZrFile.h"
 #include "ZrNewFile.h"
 
@@ -26,19 +26,15 @@ struct ZrCompactFileWriter::Store {
   /// where the record begins.
   static constexpr std::uint64_t kMostOld = 4096;
 
-  Store(unsigned int theRow, unsigned int theCol, const ZrByteArray& theData,
-        const Format::StoreSpan& theSpan, unsigned long long theVersion)
-      : row(theRow), col(theCol), data(theData), span(theSpan), version(theVersion) {}
-
   unsigned int row;
   unsigned int col;
   const ZrByteArray& data;
   Format::StoreSpan span;
   unsigned long long version;
-  unsigned long long entry = 0;  // of the cell, as it was
-  std::uint64_t fileLength = 0;  // as it was
+  unsigned long long entry = 0;  // of the cell, before the store
+  std::uint64_t fileLength = 0;  // before the store
   std::uint64_t oldSize = 0;
-  unsigned char old[kMostOld];  // oldSize bytes of it
+  unsigned char old[kMostOld] = {};  // oldSize bytes of the old record
 
   std::uint64_t Home() const { return Format::PositionOf(entry); }
   std::uint64_t WrittenLength() const { return Format::kGridRecordHead + span.size; }
@@ -56,8 +52,8 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
   Close();
   if (Format::IsCachePath(path)) return ZrResult::kNotUsable;
   // The product wraps at 32 bits before it is compared.
-  if (rows == 0 || cols == 0 || rows * cols > Format::kMaxGridCells) return ZrResult::kNotCreated;
-  if (!Format::IsUsablePath(path)) return ZrResult::kNotCreated;
+  if (rows == 0 || cols == 0 || rows * cols > Format::kMaxGridCells || !Format::IsUsablePath(path))
+    return ZrResult::kNotCreated;
   const PelmUnicodeString completed = Format::CompletePath(path);
   if (ZrFile::IsExist(completed)) {
     if ((mode & ZrCompactFile::kReplace) != 0) ZrFile::Delete(completed);
@@ -161,7 +157,7 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
   if (!IsOpen()) return ZrResult::kNotOpen;
   const auto span = Format::ResolveStore(nCapacity, nOffset, data.GetSize());
   if (!span) return ZrResult::kWriteFailure;
-  Store store(row, col, data, *span, nVersion);
+  Store store{row, col, data, *span, nVersion};
   if (!ReadIndexValue(row, col, store.entry) || !GetLength(store.fileLength))
     return ZrResult::kWriteFailure;
   switch (FindPlace(store)) {
