@@ -59,7 +59,7 @@ void EncodeRecordHead(unsigned char* target, const RecordShape& shape, const Sto
   unsigned char* const entry = sizes - kVersionEntrySize;
   StoreScalar<std::uint32_t>(entry - kVersionCountSize, 1, swap);
   StoreScalar(entry, record.stamp, swap);
-  // Position 0: this record, whose place is not known before it is appended.
+  // Position 0 stands for this record, which has no place before it is appended.
   StoreScalar(entry + kWidth8, PackIndexValue(record.status, 0), swap);
   StoreScalar(sizes, record.capacity, swap);
   StoreScalar(sizes + kWidth8, record.filledLength, swap);

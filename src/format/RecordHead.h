@@ -19,7 +19,7 @@ struct RecordHead {
   std::uint64_t filledLength = 0;
   std::uint64_t size = 0;
 
-  /// The status of a version of which only the record tells.
+  /// The status of a version that no entry or locator states.
   std::uint8_t StatusByFilling() const {
     return filledLength == capacity ? kStatusComplete : kStatusPartial;
   }
@@ -38,8 +38,8 @@ struct HeadParse {
   std::uint64_t needed = 0;
 };
 
-/// Parses the first `available` bytes of a record. `head` is meaningful as far as the parse came;
-/// the length, which is the first field, even in a damaged record of 8 bytes or more.
+/// Parses the first `available` bytes of a record. `head` holds the fields up to where the parse
+/// ended; the length, which is the first one, even in a damaged record of 8 bytes or more.
 HeadParse ParseRecordHead(const unsigned char* bytes, std::uint64_t available,
                           const RecordShape& shape, RecordHead& head);
 

@@ -14,8 +14,8 @@ enum class HeaderRead {
   kBadMagic,  ///< no compact file, or scrambled by another password
 };
 
-/// Reads and unscrambles the header; `header` becomes its image in host order, and `swap` tells
-/// whether the file is in the other order. Both stay as they are on failure.
+/// Reads and unscrambles the header. `header` gets its bytes in host order, and `swap` tells
+/// whether the file is in the other order; on failure both stay as they are.
 HeaderRead ReadFileHeader(const ZrFileStream& file, const Format::XorString& xorString,
                           Format::HeaderImage& header, bool& swap);
 

@@ -29,7 +29,7 @@ class Tail {
   /// Where the next record goes. 0 if the file cannot be read, if memory is short, or if an index
   /// value could not name the end of a largest record there.
   std::uint64_t Reserve(const ZrFileStream& file);
-  /// The same for a caller who knows the file's length and checks the size of the record itself.
+  /// The same for a caller that has the file's length and checks the size of the record itself.
   std::uint64_t Reserve(const ZrFileStream& file, std::uint64_t fileLength);
   /// The file ends with the record that was just appended.
   void EndsAt(std::uint64_t end) {

@@ -141,7 +141,7 @@ bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
   return WriteAt(GetIndexShape().EntryAt(*cell), &after, sizeof after);
 }
 
-// The same for an entry of this grid that was read before. If it fails, the old one is there.
+// The same for an entry that is `before` in the file. On failure the old one is there.
 bool ZrCompactFileWriter::ReplaceIndexValue(unsigned int row, unsigned int col,
                                             unsigned long long before, unsigned long long after) {
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
@@ -172,9 +172,8 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
   }
 }
 
-// Where the tile goes. In place needs more than a length that looks sufficient: the whole new
-// record must fit into the old one, or the old one be the last in the file, and where the old one
-// is not filled there must be no other, so that no neighbour is run over.
+// Where the tile goes. In place only if the whole new record fits into the old one, or the old one
+// is the last in the file, and if no other record lies in what the old one has not filled.
 ZrCompactFileWriter::Place ZrCompactFileWriter::FindPlace(Store& store) const {
   const std::uint64_t position = store.Home();
   if (!Format::HoldsRecord(Format::StatusOf(store.entry)) || position < GetDataStart())
