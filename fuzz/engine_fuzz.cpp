@@ -7,8 +7,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "FileHeader.h"
 #include "Harness.h"
-#include "HeaderIo.h"
 #include "IndexShape.h"
 #include "ZrFile64.h"
 

@@ -32,15 +32,15 @@ class Engine;
 /// stamp with each, and the offset of the piece; lookups give the whole area and how far it is
 /// filled.
 ///
-/// Threads. Any thread may use the object, without locks of its own. Each that opens it, or works
-/// on its tiles, counts as a user until it calls Close; the last one's Close closes the file. The
-/// accessors marked "lock-free" never wait for an operation that is under way.
+/// Threads. Any thread may use the object, without locks of its own. Each thread that opens it, or
+/// works on its tiles, counts as a user until it calls Close; the Close of the last user closes the
+/// file. The accessors marked "lock-free" never wait for an operation that is under way.
 ///
 /// Processes. Every process that uses a file at the same time must open it with kProcessLock. Then
 /// each operation sees all that others finished before, whether they changed tiles or replaced the
-/// file; an operation that cannot have the lock, or finds the file gone or damaged, fails and
-/// writes nothing. Among openers without that bit, or one with and one without, nothing is
-/// guaranteed. Two objects on one file within a process count as two processes.
+/// file; an operation that cannot get the process lock, or finds the file gone or damaged, fails
+/// and writes nothing. If one of several openers lacks that bit, nothing is guaranteed. Two objects
+/// on one file within a process count as two processes.
 ///
 /// Paths. One that is empty or has a NUL inside is unusable. A relative one is taken from the
 /// working directory of the moment; it is unusable if that directory was deleted, or its name is
@@ -70,12 +70,12 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   static constexpr ZrOpenMode kReplace = 1;        ///< creating replaces an existing file
   static constexpr ZrOpenMode kReadOnly = 2;       ///< open for reading only
   static constexpr ZrOpenMode kCreateMissing = 4;  ///< the mode with which missing files are made
-  static constexpr ZrOpenMode kProcessLock = 8;    ///< use the lock between processes
+  static constexpr ZrOpenMode kProcessLock = 8;    ///< use the process lock
   /// Lookups copy tiles from a mapping of the file instead of reading them, which is faster for
-  /// tiles that are in memory. It asks for trust in everybody else: if the file is cut by a program
-  /// that does not take kProcessLock, or its disk fails, a lookup may end the process by SIGBUS,
-  /// where without this bit it answers kReadFailure. (A store may in either case, for an index
-  /// entry on two pages is stored through a mapping.) Damage within the file is reported as ever.
+  /// tiles that are in memory. It requires trust in other programs: if one without kProcessLock
+  /// cuts the file, or the disk fails, a lookup may end the process by SIGBUS, where without this
+  /// bit it answers kReadFailure. (A store may do so with and without, since it stores an index
+  /// entry on two pages through a mapping.) Damage within the file gives the same results as ever.
   /// Where the file cannot be mapped, the bit has no effect.
   static constexpr ZrOpenMode kMapped = 16;
 
@@ -90,9 +90,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// @{
 
   /// Creates a grid file, with its missing folders, and opens it. The file appears complete or not
-  /// at all; with kReplace it takes the place of an existing one in one step, and
-  /// gets its permissions and access control list and, as far as this process may, owner and group;
-  /// where one of these cannot be had, fewer permissions.
+  /// at all. With kReplace it takes the place of an existing one in one step, and gets the
+  /// permissions, the access control list and, as far as this process may, the owner and the group
+  /// of that; if one of these cannot be given, it gets fewer permissions.
   ///
   /// @param path      ".cf" is appended to a path without an extension.
   /// @param rows,cols at least 1 each, their product at most 0x10000000.
@@ -112,9 +112,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// Opens a file, joins it if it is open in this object, or makes it, as a naming file with 128
   /// slots, if it is missing and the mode is not exactly kReadOnly.
   ///
-  /// kOk; kNotUsable if the lock, memory or the index cannot be had; kNotCreated if a missing file
-  /// cannot be made; kWrongFile for no compact file or a wrong password; kNotFound, also for an
-  /// unusable path; kNotOpen if the file cannot be opened, or is no regular file. A file that
+  /// kOk; kNotUsable if the lock, memory or the index is not available; kNotCreated if a missing
+  /// file cannot be made; kWrongFile for no compact file or a wrong password; kNotFound, also for
+  /// an unusable path; kNotOpen if the file cannot be opened, or is no regular file. A file that
   /// cannot be opened for writing is opened for reading. A ".sc" path gives the result of the
   /// registered ZrCacheFile, to which the object then delegates.
   unsigned int Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
@@ -136,7 +136,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   void SetMaxSize(double first, double second);
   /// Whether tiles of the open file keep versions. Lock-free.
   bool IsVersionEnabled() const;
-  /// Whether this object holds the lock between processes now. Lock-free.
+  /// Whether this object holds the process lock now. Lock-free.
   bool IsDeadLocked() const;
   /// Size of the index: 0 for a grid file, with rows and columns; 1 for a naming file, with
   /// capacity and count (their low 32 bits); 3 for a ".sc" file, with the first fields of its
@@ -147,49 +147,50 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// open, opened for reading, or the header could not be read and written.
   unsigned int SetPassword(const PelmUnicodeString& password);
 
-  /// Told how far a compaction has come: `done` of `total` bytes, which is twice the length of the
-  /// file before, once for collecting what is alive and once for putting it back. `done` never goes
-  /// down, and ends at `total`. False ends a compaction that is still collecting, and has no effect
-  /// later. Called in the compacting thread, which while it collects may look up tiles of the
-  /// object, but not change, open, close or destroy it; it must not touch the file by other
-  /// objects, which would wait for the compaction's own end. An exception counts as false.
+  /// Receives the progress of a compaction: `done` of `total` bytes, which is twice the length of
+  /// the file before, once for collecting what is alive and once for putting it back. `done` never
+  /// goes down, and ends at `total`. Returning false ends a compaction that is still collecting,
+  /// and has no effect later. The compacting thread calls it. While collecting, that thread may
+  /// look up tiles of the object, but not change, open, close or destroy it; it must not use the
+  /// file by other objects, which would wait for the end of the compaction. An exception counts as
+  /// false.
   using CompactProgress = std::function<bool(unsigned long long done, unsigned long long total)>;
 
   /// Rewrites the file without the space that replaced and removed tiles and versions have left.
   ///
-  /// What is alive is collected in a file beside it, which needs as much room: ".$" and the name,
-  /// in the same folder. Nobody may open it whom the permissions of this one, its group and its
-  /// access control list keep out; where those cannot be given to it, it has fewer. That then takes
-  /// the place of the old contents, byte by byte; path and inode stay. All versions stay, with
-  /// their stamps and with how far they are filled, and so does the size of the index; the time of
-  /// creation is a new one. Names of an older file become UTF-16, and a file of the other byte
-  /// order becomes one of this host's. Beyond some fixed buffers it takes as much memory as the
-  /// largest tile, and of a naming file some 100 bytes per name.
+  /// It collects what is alive in the redo image, a file beside this one, which needs as much room:
+  /// ".$" and the name, in the same folder. Its permissions, group and access control list are
+  /// those of this file; where they cannot be given to it, it has fewer permissions. Its bytes then
+  /// take the place of the old contents; path and inode stay. All versions stay, with their stamps
+  /// and with how far they are filled, and so does the size of the index; the time of creation is a
+  /// new one. Names of an older file become UTF-16, and a file of the other byte order gets that of
+  /// this host. A compaction allocates some fixed buffers, as much memory as the largest tile, and
+  /// for a naming file some 100 bytes per name.
   ///
-  /// The object works as before afterwards, for all its threads; the calling one is among its users
-  /// then. Operations of other threads and, with kProcessLock, of other processes wait meanwhile,
-  /// but other processes go on with lookups while what is alive is collected; they must not use the
-  /// file without that bit. While the contents are being replaced, the lock-free
+  /// Afterwards the object works as before for all its threads, and the calling thread is one of
+  /// its users. Operations of other threads and, with kProcessLock, of other processes wait
+  /// meanwhile, except that other processes go on with lookups while the compaction collects; they
+  /// must not use the file without that bit. While the contents are being replaced, the lock-free
   /// accessors of this object answer as if nothing were open.
   ///
   /// A crash, a kill or a loss of power at any moment costs nothing: the file is as before, or the
-  /// next Open, also of a light class, finishes what was begun, for which it needs the right to
-  /// write the file and the file beside it; without, it fails. A file beside it that is not needed
-  /// any more is replaced by the next compaction, even one that cannot be opened, if the folder
-  /// lets it be deleted; it may be deleted after a Flush of the file. A folder of that name stays.
+  /// next Open, also of a light class, finishes the compaction. For that it needs the right to
+  /// write the file and the redo image; without, it fails. The next compaction replaces a redo
+  /// image that is left over, even one that cannot be opened, if the folder lets it be deleted. You
+  /// may delete one after a Flush of the file. A folder of that name stays.
   ///
-  /// The file becomes no longer, but for names of an older file, which become UTF-16.
+  /// The file becomes no longer, except by names of an older file, which become UTF-16.
   ///
-  /// If the file cannot be written while it is being replaced, the file beside it takes its path
+  /// If the file cannot be written while it is being replaced, the redo image takes its path
   /// instead; then it has another inode, and other hard links of the old one lead to a file that
   /// opens no more.
   ///
   /// A file that is mounted by itself, as into an application's container, is not compacted there:
-  /// its folder is another one for others, who would not find the file beside it after a crash.
+  /// other processes see another folder around it, and would not find the redo image after a crash.
   ///
   /// kOk; kNotOpen; kUnknownKind; kNotCreated for a file opened for reading, one that has lost its
   /// path or is mounted by itself, a naming file whose index cannot be brought up to date, and if
-  /// the file beside it cannot be made or another compaction is at work; kReadFailure for a grid
+  /// the redo image cannot be made or another compaction is at work; kReadFailure for a grid
   /// whose index cannot be brought up to date, and for a tile that cannot be read; kWriteFailure if
   /// there is no room, for a name that cannot be converted or that two names would become, and if
   /// the progress answered false. After all of these the file is as it was. kNotUsable if the
@@ -197,7 +198,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// files are then left for the next Open. A ".sc" file gives the result of its ZrCacheFile's
   /// Reconstruction.
   unsigned int Compact();
-  /// The same, and tells how far it has come; an empty function is none.
+  /// The same, and reports its progress; an empty function gets no report.
   unsigned int Compact(const CompactProgress& progress);
   /// @}
 
@@ -206,33 +207,33 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
 
   using ZrFinding = Zarn::ZrVerifyFinding;        ///< what a check finds
   using ZrVerifySummary = Zarn::ZrVerifySummary;  ///< what it counts
-  /// Told each finding; false ends the check. Called in the checking thread, which must not use the
-  /// object meanwhile, nor store into the file through another one, which would wait for ever. An
-  /// exception counts as false.
+  /// Receives each finding; returning false ends the check. The checking thread calls it, and must
+  /// not use the object meanwhile, nor store into the file through another one, which would wait
+  /// for ever. An exception counts as false.
   using VerifyReport = std::function<bool(const ZrFinding& finding)>;
-  /// Told how many of all index entries are done; the same rules. `done` never goes down, and ends
-  /// at `total`.
+  /// Receives how many of all index entries are done; the same rules. `done` never goes down, and
+  /// ends at `total`.
   using VerifyProgress = std::function<bool(unsigned long long done, unsigned long long total)>;
 
-  /// Looks through the whole file, as it is on the disk, for what no writer leaves so: in headers,
-  /// entries, heads of records and version tables, and for records that lie over each other. Tiles
-  /// have no checksums, so damage to their bytes is not found, nor is what gives another sound
-  /// file; docs/format.md lists it. Nothing is changed.
+  /// Checks the whole file, as it is on the disk, for what no writer leaves: in headers, entries,
+  /// heads of records and version tables, and for records that lie over each other. Tiles have no
+  /// checksums, so it does not find damage to their bytes, nor changes that give another sound
+  /// file; docs/format.md lists these. It changes nothing.
   ///
-  /// @param summary  receives what was counted.
+  /// @param summary  receives the counts.
   /// @param report   may be empty.
   /// @param progress may be empty.
   ///
   /// kOk for a sound file; kReadFailure if there were findings, and, without any, if the headers
-  /// cannot be brought up to date under the lock between processes; kNotUsable if the progress
+  /// cannot be brought up to date under the process lock; kNotUsable if the progress
   /// ended the check before there was a finding, if memory is short, and for a ".sc" file;
   /// kNotOpen.
   ///
-  /// Lookups of all threads and processes go on meanwhile. Stores wait until it is done, and what
-  /// this object is asked after such a store waits with it; but new tiles that other processes
-  /// store in a grid do not wait, and may be counted. A program that stores without kProcessLock
-  /// meanwhile may cause findings that are none. It takes time in proportion to the
-  /// number of versions and the size of the index, and some 24 bytes of memory per version.
+  /// Lookups of all threads and processes go on meanwhile. Stores wait for the end of the check,
+  /// and later operations of this object wait behind them. New tiles that other processes store in
+  /// a grid do not wait, and may be counted. A program that stores without kProcessLock meanwhile
+  /// may cause false findings. The time is in proportion to the number of versions and the size of
+  /// the index, and the memory is some 24 bytes per version.
   unsigned int Verify(ZrVerifySummary& summary, const VerifyReport& report,
                       const VerifyProgress& progress = VerifyProgress());
   /// The same, and only counts.
@@ -260,7 +261,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// Reads a tile.
   ///
   /// @param data         receives the whole payload area, in memory of at most twice its size or
-  ///                     64 KiB. That is exchanged, so a pointer from before is stale. Position 0.
+  ///                     64 KiB. The memory is exchanged, so an older pointer is stale. Position 0.
   /// @param filledLength receives how far the area is filled: where the last write into it ended.
   /// @param version      the exact stamp of an older version selects it, any other the newest.
   ///
@@ -284,20 +285,20 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned int Remove(unsigned int row, unsigned int col, unsigned long long version);
 
   using ZrCellStore = Zarn::ZrCellStore;  ///< one of the stores of a batch
-  /// Stores many tiles at once: as so many calls of SetAt one after the other, but under one lock,
-  /// and new tiles with few large writes.
+  /// Stores many tiles at once: like one call of SetAt for each in order, but under one lock, and
+  /// new tiles with few large writes.
   ///
   /// @param stores  in any order; rows of cells in their order are the fastest.
   /// @param results receives what SetAt would have answered to each. A null `data` is as empty.
   ///
-  /// kOk if all were; else the first other result. When it returns, every tile is as safe as after
-  /// SetAt; a process that is killed meanwhile may have stored any of them.
+  /// kOk if all results are; else the first other one. When it returns, every tile is as safe as
+  /// after SetAt; a process that is killed meanwhile may have stored any of them.
   unsigned int SetBatch(const std::vector<ZrCellStore>& stores, std::vector<unsigned int>& results);
 
-  /// Status of a cell; kUnknown if it cannot be read. The index is as it was when it was last
-  /// looked at under the lock, or newer. Lock-free, unless another process is compacting the file
-  /// at that moment, or has done so or replaced the file since: then it may wait as a lookup would.
-  /// With kProcessLock, kUnknown once the file has lost its path.
+  /// Status of a cell; kUnknown if it cannot be read. It is at least as new as the last operation
+  /// under the lock. Lock-free, unless another process compacts the file at that moment, or has
+  /// compacted or replaced it since: then it may wait as a lookup would. With kProcessLock,
+  /// kUnknown once the file has lost its path.
   ZrStatus GetStatus(unsigned int row, unsigned int col) const;
   /// Index value of a cell: status in the top byte, record position below. As GetStatus.
   bool GetGridIdxValue(unsigned int row, unsigned int col, unsigned long long& value) const;
@@ -377,7 +378,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   const std::unique_ptr<Engine::Engine> m_engine;
 };
 
-/// What the lock between processes calls when another process has changed the file; `owner` is the
+/// The process lock calls this when another process has changed the file; `owner` is the
 /// ZrCompactFile, or null.
 HX_COMPACTFILE_API void RefeshIndexCallBack(void* owner);
 

@@ -41,7 +41,7 @@ class ZrCompactFileCollection;
 template <>
 ZrCompactFileCollection* ZrSingleton<ZrCompactFileCollection>::m_pSingleton;
 
-/// The process's register of shared files: one ZrCompactFile per path, for all who ask for it.
+/// The process's register of shared files: one ZrCompactFile per path, for all its users.
 ///
 /// Use: GetCompactFile, then Open on the object that it gives; when done, Close and DelCompactFile
 /// with the same path. The last DelCompactFile destroys the object and so closes the file, whatever
@@ -79,9 +79,9 @@ class HX_COMPACTFILE_API ZrCompactFileCollection : public ZrSingleton<ZrCompactF
   ZrCompactFile* GetCompactFile(const PelmUnicodeString& path);
 
   /// The same; a new object creates a grid file at once, without a password, in mode
-  /// ZrCompactFile::kCreateMissing. Whether that succeeded is not told, and the object is
-  /// registered and returned in any case: ask it by IsOpen. An object that is registered already is
-  /// returned as it is, whatever `rows` and `cols` say.
+  /// ZrCompactFile::kCreateMissing. The object is registered and returned even if that fails:
+  /// IsOpen tells whether it succeeded. An object that is registered already is returned as it is,
+  /// whatever `rows` and `cols` say.
   ZrCompactFile* GetCompactFile(const PelmUnicodeString& path, unsigned int rows,
                                 unsigned int cols);
 

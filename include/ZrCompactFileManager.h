@@ -20,7 +20,7 @@ namespace Zarn {
 /// comes again after that gets a stub without a path.
 ///
 /// Threads. GetInstance and GetKey may be called from any thread, LookUp by one thread at a time.
-/// The stubs themselves are for any number of threads, as long as nobody's LookUp destroys them.
+/// The stubs themselves are for any number of threads, as long as no LookUp destroys them.
 ///
 /// Processes. Each has its own manager.
 ///
@@ -48,7 +48,7 @@ class HX_COMPACTFILE_API ZrCompactFileManager {
   ZrCompactFileManager();
 
   std::map<PelmUnicodeString, std::unique_ptr<ZrCompactFileStub>> m_mapStub;
-  ZrMutex m_mutex{0};  ///< deliberately not locked: no lock could keep a stub from being destroyed
+  ZrMutex m_mutex{0};  ///< deliberately never locked: a lock could not keep a stub alive
 };
 
 }  // namespace Zarn

@@ -12,9 +12,9 @@ class RecordReader;
 /// Reads the tiles of a grid file, without any lock.
 ///
 /// One object belongs to one thread; several may be open on one file while one ZrCompactFileWriter
-/// stores into it. A lookup then gives a tile that its cell had at some moment of it; but of one
-/// that is being rewritten in its place meanwhile, the payload may be half old, half new. Nothing
-/// is kept between calls but one buffer, so every call sees the file as it is.
+/// stores into it. A lookup then gives a tile that its cell had at some moment of the lookup; if
+/// the writer rewrites the tile in its place meanwhile, the payload may be half old, half new. The
+/// reader keeps nothing but one buffer between calls, so every call sees the file as it is.
 class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
  public:
   ZrCompactFileReader() = default;

@@ -27,10 +27,10 @@ struct FileLock;
 /// Threads. Any thread may use the object; one call at a time is carried out. There are never more
 /// open readers than threads have been alive at once.
 ///
-/// Processes. A Write takes the lock between processes for as long as it lasts, so any number of
-/// stubs and of ZrCompactFile objects with kProcessLock may store into one file; it fails where the
-/// lock cannot be had. A Read takes none: a tile that another process is rewriting in its place may
-/// be read half old, half new, and the file must not be compacted while it is being read.
+/// Processes. A Write holds the process lock while it runs, so any number of stubs and of
+/// ZrCompactFile objects with kProcessLock may store into one file; it fails if it cannot get the
+/// lock. A Read takes none: it may read a tile half old, half new that another process is rewriting
+/// in its place, and no process may compact the file while it is being read.
 ///
 /// The file should stay at its path. A Write that finds none there makes a new one, and one that
 /// finds another there goes on with that, as do this object's readers from then on; a stub that
@@ -110,7 +110,7 @@ class HX_COMPACTFILE_API ZrCompactFileStub {
     PelmUnicodeString m_strOpenedFor;  // empty: for none yet
   };
 
-  // Called with m_mutex held.
+  // Callers hold m_mutex.
   void CreateFile();
   bool LockFile();
   bool RefreshWriter();
@@ -120,8 +120,7 @@ class HX_COMPACTFILE_API ZrCompactFileStub {
   ZrMutex m_mutex{0};
   PelmUnicodeString m_strPath;  ///< as given
   PelmUnicodeString m_strFile;  ///< the file that it means, completed and absolute; empty for none
-  /// Its state is the writer's: loaded while nobody else has changed the file that the writer
-  /// knows.
+  /// Its state is the writer's: loaded while no other process has changed the writer's file.
   std::unique_ptr<Access::FileLock> m_pLock;
   std::unique_ptr<ZrCompactFileWriter> m_pWriter;
   std::map<std::int32_t, Reader> m_mapReader;  ///< by thread

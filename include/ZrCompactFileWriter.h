@@ -23,9 +23,8 @@ class Tail;
 /// A process that is killed leaves every tile as it was, or as it was meant to become.
 ///
 /// Limits, kept for the files that exist:
-/// - A tile has one version here. Storing into a cell whose tile has several, made by
-/// ZrCompactFile,
-///   leaves only the new one.
+/// - A tile has one version here. Storing into a cell whose tile has several, as ZrCompactFile
+///   makes them, leaves only the new one.
 /// - The unused capacity of a tile is not written, so the file may end before its last record does.
 ///   Such a record reads as damaged, and storing into its cell does nothing, until something
 ///   follows it.
@@ -49,7 +48,7 @@ class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
   ///                 kNotCreated all the same: a second call then creates the new one.
   ///
   /// kOk; kNotUsable for a ".sc" path, or when no file can be made there; kNotCreated for bad
-  /// sizes, an unusable path, an existing file (also one that somebody else made meanwhile), a full
+  /// sizes, an unusable path, an existing file (also one that appeared meanwhile), a full
   /// disk, or if memory is short. After a failure the writer is closed.
   unsigned int Create(const PelmUnicodeString& path, unsigned int rows, unsigned int cols,
                       const PelmUnicodeString& password, ZrCompactFile::ZrOpenMode mode);

@@ -60,8 +60,9 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
                            unsigned int count) const;
   /// First byte of the index area.
   unsigned long long GetIndexOffset() const;
-  /// First byte behind the index area.
+  /// Where the index area and its entries lie.
   Format::IndexShape GetIndexShape() const;
+  /// First byte behind the index area.
   unsigned long long GetDataStart() const;
 
   ZrCompactFile::ZrOpenMode m_nOpenMode = 0;  ///< stored, not interpreted

@@ -30,7 +30,7 @@ struct ZrVerifyFinding {
 /// What a check has counted, as far as it came. Where nothing overlaps, the bytes of index, live
 /// and dead are those of the file.
 struct ZrVerifySummary {
-  unsigned long long findings = 0;    ///< also where nobody was told
+  unsigned long long findings = 0;    ///< reported or not
   unsigned long long tiles = 0;       ///< cells or names whose current record is there
   unsigned long long versions = 0;    ///< of all tiles, the newest included
   unsigned long long indexBytes = 0;  ///< of the file's header and the index

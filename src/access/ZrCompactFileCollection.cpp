@@ -20,7 +20,7 @@ ZrCompactFileCollection::~ZrCompactFileCollection() {
     ref = nullptr;
 }
 
-// Makes `candidate` the instance if there is none; returns the one that is it now.
+// Makes `candidate` the instance if there is none; returns the instance.
 ZrCompactFileCollection* ZrCompactFileCollection::Register(ZrCompactFileCollection* candidate) {
   ZrCompactFileCollection* instance = nullptr;
   const bool isFirst = std::atomic_ref(m_pSingleton).compare_exchange_strong(instance, candidate);
@@ -30,7 +30,7 @@ ZrCompactFileCollection* ZrCompactFileCollection::Register(ZrCompactFileCollecti
 ZrCompactFileCollection* ZrCompactFileCollection::GetSingletonPtr() {
   if (ZrCompactFileCollection* instance = std::atomic_ref(m_pSingleton).load()) return instance;
   // Never destroyed: at exit other threads may use it, and closing could wait for other processes.
-  // And never short of memory.
+  // In static storage, so it cannot fail for lack of memory.
   alignas(ZrCompactFileCollection) static std::byte storage[sizeof(ZrCompactFileCollection)];
   static ZrCompactFileCollection* const own = new (storage) ZrCompactFileCollection;
   return Register(own);
@@ -49,7 +49,7 @@ ZrCompactFile* ZrCompactFileCollection::GetCompactFile(const PelmUnicodeString& 
   return file;  // deliberately also when nothing was created
 }
 
-// The object of this path with one user more, and whether it was made for this; null if memory is
+// Adds a user to the object of this path; returns it, and whether it is new. Null if memory is
 // short.
 std::pair<ZrCompactFile*, bool> ZrCompactFileCollection::Share(const PelmUnicodeString& path) {
   const auto found = m_mapCompactFile.find(path);

@@ -29,8 +29,8 @@ ZrCompactFileManager::ZrCompactFileManager() = default;
 ZrCompactFileManager::~ZrCompactFileManager() = default;
 
 ZrCompactFileManager* ZrCompactFileManager::GetInstance() {
-  // Never destroyed: other threads may use its stubs while the process ends. And never short of
-  // memory.
+  // Never destroyed: other threads may use its stubs while the process ends. In static storage, so
+  // it cannot fail for lack of memory.
   alignas(ZrCompactFileManager) static std::byte storage[sizeof(ZrCompactFileManager)];
   static ZrCompactFileManager* const instance = new (storage) ZrCompactFileManager;
   return instance;
@@ -46,14 +46,14 @@ PelmUnicodeString ZrCompactFileManager::GetKey(double scale, int row, int col) {
 }
 
 ZrCompactFileStub* ZrCompactFileManager::LookUp(PelmUnicodeString key) {
-  // One by one: the keys are compared without regard to case, but ordered with it.
-  for (const auto& [known, stub] : m_mapStub)
-    if (known.CompareNoCase(key) == 0) return stub.get();
+  // One by one: the comparison ignores case, but the order of the map does not.
+  for (const auto& [itsKey, stub] : m_mapStub)
+    if (itsKey.CompareNoCase(key) == 0) return stub.get();
   try {
     decltype(m_mapStub) added;
     ZrCompactFileStub* const stub =
         added.emplace(std::move(key), std::make_unique<ZrCompactFileStub>()).first->second.get();
-    // Now that nothing can fail. The new key is none of those that may have to go.
+    // Only now, when nothing can fail any more; the new stub must not be the one that goes.
     if (m_mapStub.size() >= kMaxStubs) m_mapStub.erase(m_mapStub.begin());
     m_mapStub.merge(added);
     return stub;

@@ -12,7 +12,7 @@
 
 namespace Zarn {
 
-// The lock between processes on one file.
+// The process lock on one file.
 struct Access::FileLock : ZrProcess {
   // If there is no such file, the lock cannot be taken.
   explicit FileLock(const PelmUnicodeString& file) : m_strFile(file) { ProcessLockInit(file); }
@@ -28,8 +28,8 @@ namespace {
 
 constexpr unsigned int kGridSide = 128;
 
-// The file that a path means now; empty for a path that means none, or that would mean another one
-// after a change of the working directory.
+// The absolute path of the file that `path` means now; empty for an unusable path, or if the
+// working directory has no usable path.
 PelmUnicodeString FileOf(const PelmUnicodeString& path) {
   if (!Format::IsUsablePath(path)) return {};
   return ZrFile::GetAbsolute(Format::CompletePath(path));
@@ -63,7 +63,7 @@ void ZrCompactFileStub::SetPath(PelmUnicodeString path) {
   }
 }
 
-// Leaves a file that is there alone, and the writer closed then.
+// Leaves an existing file alone; then the writer is closed.
 void ZrCompactFileStub::CreateFile() {
   m_pWriter->Create(m_strFile, kGridSide, kGridSide, u"", ZrCompactFile::kCreateMissing);
 }
@@ -82,20 +82,18 @@ bool ZrCompactFileStub::Write(unsigned int row, unsigned int col, const ZrByteAr
   }
 }
 
-// Keeps other processes out, and other stubs of this one, while this one writes: two writers would
-// append at the same position, and one tile would be lost.
+// Keeps other processes and other stubs out while this one writes: two writers would append at the
+// same position, and one tile would be lost.
 bool ZrCompactFileStub::LockFile() {
   if (m_strFile.IsEmpty()) return false;
   if (m_pLock->m_strFile == m_strFile && m_pLock->WriterLock(0)) return true;
-  CreateFile();  // unless somebody else has
-  // The old lock goes last: with the only one of a process goes a queue of events, for which the
-  // kernel takes some milliseconds.
+  CreateFile();  // leaves an existing file alone
   m_pLock = std::make_unique<Access::FileLock>(m_strFile);
   return m_pLock->WriterLock(0);
 }
 
-// Has the writer open on the file that is locked, as it is now. Where it ends, counting capacity
-// that was not written, the writer learns by looking through the index when it is opened.
+// Opens the writer on the locked file, unless it is open there and no other process has changed the
+// file. A newly opened writer looks through the index for the end of the data.
 bool ZrCompactFileStub::RefreshWriter() {
   if (m_pLock->IsStateLoaded() && m_pWriter->IsOpen()) return true;
   m_pWriter->Close();
@@ -118,8 +116,8 @@ bool ZrCompactFileStub::Read(unsigned int row, unsigned int col, ZrByteArray& da
   }
 }
 
-// The calling thread's. Thread numbers are used again, so the map stays as small as the number of
-// threads alive at once.
+// The calling thread's reader. Thread numbers are used again, so the map never holds more readers
+// than threads were alive at once.
 ZrCompactFileStub::Reader& ZrCompactFileStub::GetReader() {
   Reader& reader = m_mapReader[static_cast<std::int32_t>(ZrThread::GetCurrentThreadId())];
   if (reader.m_strOpenedFor != m_strFile) {

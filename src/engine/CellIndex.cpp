@@ -1,6 +1,6 @@
 #include "CellIndex.h"
 
-#include "ReplaceWord.h"
+#include "WholeWords.h"
 
 namespace Zarn::Engine {
 namespace {

@@ -1,6 +1,6 @@
 #include "EmptyContainer.h"
 
-#include "HeaderIo.h"
+#include "FileHeader.h"
 #include "IndexShape.h"
 
 namespace Zarn::Engine {

@@ -1,7 +1,6 @@
 #include "IndexEntries.h"
 
-#include "ReplaceWord.h"
-#include "SharedEntries.h"
+#include "WholeWords.h"
 
 namespace Zarn::Engine {
 

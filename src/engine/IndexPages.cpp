@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "SharedEntries.h"
+#include "WholeWords.h"
 
 namespace Zarn::Engine {
 namespace {
@@ -117,16 +117,9 @@ bool IndexPages::HasHeader(const Format::HeaderImage& header) const {
 }
 
 bool IndexPages::ReadFile(std::uint64_t offset, unsigned char* target, std::uint64_t size) const {
-  const std::uint64_t position = m_area.index.EntryAt(0) + offset;
-  const std::uint64_t got =
-      m_area.isShared ? Io::ReadSharedEntries(*m_file, position, target, size, m_area.swap)
-                      : m_file->ReadUpTo(position, target, size);
-  if (got == size) return true;
-  // Only the end of the file makes entries empty; an entry that cannot be read is not one.
-  std::uint64_t length;
-  if (!m_file->GetLength(length) || length > position + got) return false;
-  std::memset(target + got, 0, size - got);
-  return true;
+  return Io::ReadEntries(*m_file, m_area.index.EntryAt(0) + offset, target, size, m_area.isShared,
+                         m_area.swap)
+      .has_value();
 }
 
 std::atomic_ref<std::uint64_t> IndexPages::ValueAt(std::uint64_t offset) {

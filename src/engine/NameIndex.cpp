@@ -5,8 +5,8 @@
 
 #include "IndexWalker.h"
 #include "NameHash.h"
-#include "ReplaceWord.h"
 #include "TileStore.h"
+#include "WholeWords.h"
 
 namespace Zarn::Engine {
 namespace {

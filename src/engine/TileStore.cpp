@@ -5,7 +5,7 @@
 
 #include "NameKey.h"
 #include "RecordReader.h"
-#include "ReplaceWord.h"
+#include "WholeWords.h"
 #include "ZrResult.h"
 
 namespace Zarn::Engine {
@@ -354,9 +354,8 @@ bool TileStore::ReplaceLocator(Reference& reference, std::uint64_t locator) {
 unsigned int TileStore::LookUp_Inner(TileEntry& entry, const NameKey* key, ZrByteArray& data,
                                      unsigned long long& filledLength,
                                      std::uint64_t version) const {
-  const std::uint64_t headSize = key == nullptr
-                                     ? Format::kGridRecordHead
-                                     : Format::NamingRecordHeadSize(key->GetStoredLength());
+  const std::uint64_t headSize =
+      Format::RecordHeadSize(m_place.shape, key != nullptr ? key->GetStoredLength() : 0);
   Io::RecordReader record(m_place.file, m_place.shape, m_place.map);
   const auto read = [&](std::uint64_t position, std::uint64_t length) {
     const std::uint64_t payload = length > headSize ? length - headSize : 0;

@@ -6,7 +6,7 @@
 #include <new>
 #include <vector>
 
-#include "HeaderIo.h"
+#include "FileHeader.h"
 #include "IndexHeaders.h"
 #include "IndexWalker.h"
 #include "NameHash.h"
@@ -287,8 +287,8 @@ class Verifier {
       if (!head.bytes.ResizeForOverwrite(wanted)) throw std::bad_alloc();
       if (!m_file.ReadAt(position, head.bytes.GetData(), wanted))
         return Fail(Finding::kUnreadable, position, "the record cannot be read");
-      const HeadParse parse = Format::ParseRecordHead(head.bytes.GetData(), wanted, m_records.kind,
-                                                      m_records.swap, head.fields);
+      const HeadParse parse =
+          Format::ParseRecordHead(head.bytes.GetData(), wanted, m_records, head.fields);
       if (parse.outcome == HeadParse::kComplete) return Spend(position, head.fields.size);
       if (parse.outcome == HeadParse::kDamaged)
         return Fail(kind, position, "the record does not hold what it states");

@@ -10,7 +10,7 @@ namespace Zarn::Format {
 
 using HeaderImage = std::array<unsigned char, kHeaderSize>;
 
-/// Reads fields from a header image in host order. Owns nothing.
+/// Reads fields from header bytes in host order. Owns nothing.
 class HeaderView {
  public:
   explicit HeaderView(const HeaderImage& image) : m_image(image) {}
@@ -34,13 +34,13 @@ class HeaderView {
   const HeaderImage& m_image;
 };
 
-/// What a header image holds before a header was read or written.
+/// The header bytes of an object that has read or written no header yet.
 HeaderImage PresetHeader();
 
 /// The header of a new file of this host, its index right behind it. `createTime`: PelmTime's days.
 HeaderImage NewHeader(std::uint32_t fileKind, double createTime);
 
-/// Changes the field of an image in host order.
+/// Changes the field in header bytes of host order.
 void SetIndexOffset(HeaderImage& image, std::uint64_t indexOffset);
 
 /// Reverses the bytes of every multi-byte field: between the file's order and the host's.

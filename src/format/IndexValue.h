@@ -26,14 +26,14 @@ constexpr bool HoldsRecord(std::uint8_t status) {
   return status == kStatusComplete || status == kStatusPartial;
 }
 
-/// How long the record of an index value may be, judging by the next entry's: tiles are mostly
-/// stored in the order of the index, so the next record mostly begins where this one ends. 0 if
-/// that tells nothing, or if acting on a wrong guess would cost more than a right one may save.
+/// A hint of how long the record of an index value is, by the value of the next entry: programs
+/// mostly store tiles in the order of the index, so the next record mostly begins where this one
+/// ends. 0 for no hint, or if a wrong one would cost more than a right one may save.
 constexpr std::uint64_t DistanceToNext(std::uint64_t value, std::uint64_t next) {
-  constexpr std::uint64_t kLargestGuess = 256 * 1024;
+  constexpr std::uint64_t kLargestHint = 256 * 1024;
   // Of a next record that lies before this one, a huge number.
   const std::uint64_t distance = PositionOf(next) - PositionOf(value);
-  return HoldsRecord(StatusOf(next)) && distance <= kLargestGuess ? distance : 0;
+  return HoldsRecord(StatusOf(next)) && distance <= kLargestHint ? distance : 0;
 }
 
 /// Entries that a grid has on disk. Rows times columns times the entry size is a 32-bit product:

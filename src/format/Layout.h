@@ -31,8 +31,8 @@ static_assert(kReservedOffset == 27 && kHeaderSize - kReservedOffset == 37);
 inline constexpr std::uint8_t kMagic[2] = {'C', 'F'};
 /// What a new file gets; its names are UTF-16.
 inline constexpr std::uint32_t kCurrentVersion = 20120214;
-/// The older form, whose names are bytes of some charset; also the preset of a header image that
-/// was neither read nor written yet.
+/// The older form, whose names are bytes of some charset; also the preset of header bytes that were
+/// neither read nor written yet.
 inline constexpr std::uint32_t kOlderVersion = 20111111;
 inline constexpr std::uint32_t kGridFile = 0;
 inline constexpr std::uint32_t kNamingFile = 1;

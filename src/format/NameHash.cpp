@@ -9,7 +9,6 @@ namespace {
 constexpr std::uint32_t kMultiplier = 0x5D588B65;
 constexpr std::uint32_t kSeed = 0x15051505;
 constexpr std::uint32_t kFirstMask = 0xB5A7B5A7;
-constexpr std::uint64_t kHashMask = 0x00FFFFFFFFFFFFFF;
 
 // Bytes count as signed numbers.
 std::uint32_t SignExtended(std::uint8_t byte) {

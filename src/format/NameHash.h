@@ -9,7 +9,7 @@
 /// one hash are told apart by ordinals 0, 1, 2 ... in the order in which they were stored.
 namespace Zarn::Format {
 
-/// Of the empty name, and of every name in a file whose format version is not known.
+/// Of the empty name, and of every name in a file of an unknown format version.
 inline constexpr std::uint64_t kHashOfNothing = 0x002816FE2D2816FE;
 
 /// Of a name in 16-bit units: hashed as little-endian bytes on every host.

@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "IndexValue.h"
 #include "ZrByteOrder.h"
 
 namespace Zarn::Format {
@@ -12,23 +11,12 @@ constexpr HeadParse kDamaged = {HeadParse::kDamaged};
 
 HeadParse NeedsMore(std::uint64_t needed) { return {HeadParse::kNeedsMore, needed}; }
 
-// Version count, the one table entry, capacity and filled length. Entry 0's position is 0: this
-// record, whose place is not known before it is appended.
-void EncodeVersionAndSizes(unsigned char* target, const NewRecord& record, bool swap) {
-  StoreScalar<std::uint32_t>(target, 1, swap);
-  unsigned char* entry = target + kVersionCountSize;
-  StoreScalar(entry, record.stamp, swap);
-  StoreScalar(entry + kWidth8, PackIndexValue(record.status, 0), swap);
-  unsigned char* sizes = entry + kVersionEntrySize;
-  StoreScalar(sizes, record.capacity, swap);
-  StoreScalar(sizes + kWidth8, record.filledLength, swap);
-}
-
 }  // namespace
 
 HeadParse ParseRecordHead(const unsigned char* bytes, std::uint64_t available,
-                          std::uint32_t fileKind, bool swap, RecordHead& head) {
-  const bool named = fileKind == kNamingFile;
+                          const RecordShape& shape, RecordHead& head) {
+  const bool named = shape.IsNaming();
+  const bool swap = shape.swap;
   if (available < kRecordLengthSize) return NeedsMore(kRecordLengthSize);
   head.length = LoadScalar<std::uint64_t>(bytes, swap);
   if (head.length < (named ? kMinNamingRecord : kMinGridRecord)) return kDamaged;
@@ -57,19 +45,24 @@ HeadParse ParseRecordHead(const unsigned char* bytes, std::uint64_t available,
   return {HeadParse::kComplete};
 }
 
-void EncodeGridRecordHead(unsigned char* target, const NewRecord& record, bool swap) {
-  StoreScalar<std::uint64_t>(target, kGridRecordHead + record.capacity, swap);
-  EncodeVersionAndSizes(target + kRecordLengthSize, record, swap);
-}
-
-void EncodeNamingRecordHead(unsigned char* target, const StoredName& name, const NewRecord& record,
-                            bool swap) {
-  const std::uint64_t headSize = NamingRecordHeadSize(name.bytes.size());
+void EncodeRecordHead(unsigned char* target, const RecordShape& shape, const StoredName& name,
+                      const NewRecord& record) {
+  const bool swap = shape.swap;
+  const std::uint64_t headSize = RecordHeadSize(shape, name.bytes.size());
   StoreScalar<std::uint64_t>(target, headSize + record.capacity, swap);
-  StoreScalar(target + kCharsetOffset, name.charset, swap);
-  StoreScalar(target + kNameLengthOffset, static_cast<std::uint32_t>(name.bytes.size()), swap);
-  std::memcpy(target + kNameOffset, name.bytes.data(), name.bytes.size());
-  EncodeVersionAndSizes(target + kNameOffset + name.bytes.size(), record, swap);
+  if (shape.IsNaming()) {
+    StoreScalar(target + kCharsetOffset, name.charset, swap);
+    StoreScalar(target + kNameLengthOffset, static_cast<std::uint32_t>(name.bytes.size()), swap);
+    std::memcpy(target + kNameOffset, name.bytes.data(), name.bytes.size());
+  }
+  unsigned char* const sizes = target + headSize - kPayloadSizesSize;
+  unsigned char* const entry = sizes - kVersionEntrySize;
+  StoreScalar<std::uint32_t>(entry - kVersionCountSize, 1, swap);
+  StoreScalar(entry, record.stamp, swap);
+  // Position 0 stands for this record, which has no place before it is appended.
+  StoreScalar(entry + kWidth8, PackIndexValue(record.status, 0), swap);
+  StoreScalar(sizes, record.capacity, swap);
+  StoreScalar(sizes + kWidth8, record.filledLength, swap);
 }
 
 }  // namespace Zarn::Format

@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "Layout.h"
+#include "IndexShape.h"
 #include "VersionTable.h"
 
 /// The head of a data record: everything before its payload area.
@@ -19,7 +19,7 @@ struct RecordHead {
   std::uint64_t filledLength = 0;
   std::uint64_t size = 0;
 
-  /// The status of a version of which only the record tells.
+  /// The status of a version that no entry or locator states.
   std::uint8_t StatusByFilling() const {
     return filledLength == capacity ? kStatusComplete : kStatusPartial;
   }
@@ -38,10 +38,10 @@ struct HeadParse {
   std::uint64_t needed = 0;
 };
 
-/// Parses the first `available` bytes of a record. `head` is meaningful as far as the parse came;
-/// the length, which is the first field, even in a damaged record of 8 bytes or more.
+/// Parses the first `available` bytes of a record. `head` holds the fields up to where the parse
+/// ended; the length, which is the first one, even in a damaged record of 8 bytes or more.
 HeadParse ParseRecordHead(const unsigned char* bytes, std::uint64_t available,
-                          std::uint32_t fileKind, bool swap, RecordHead& head);
+                          const RecordShape& shape, RecordHead& head);
 
 /// What the head of a new record with one version says.
 struct NewRecord {
@@ -51,21 +51,19 @@ struct NewRecord {
   std::uint64_t filledLength = 0;
 };
 
-constexpr std::uint64_t NamingRecordHeadSize(std::uint64_t nameLength) {
-  return kMinNamingRecord + kVersionEntrySize + nameLength;
-}
-
-/// Writes the kGridRecordHead bytes of a grid record's head to `target`.
-void EncodeGridRecordHead(unsigned char* target, const NewRecord& record, bool swap);
-
 /// A name as a record holds it. Owns nothing.
 struct StoredName {
   std::uint32_t charset = 0;
   std::string_view bytes;
 };
 
-/// Writes the NamingRecordHeadSize bytes of a naming record's head. The name is stored as it is.
-void EncodeNamingRecordHead(unsigned char* target, const StoredName& name, const NewRecord& record,
-                            bool swap);
+/// The size of a head with one version; in a grid it has no name.
+constexpr std::uint64_t RecordHeadSize(const RecordShape& shape, std::uint64_t nameLength) {
+  return shape.IsNaming() ? kMinNamingRecord + kVersionEntrySize + nameLength : kGridRecordHead;
+}
+
+/// Writes the RecordHeadSize bytes of a head. The name is stored as it is.
+void EncodeRecordHead(unsigned char* target, const RecordShape& shape, const StoredName& name,
+                      const NewRecord& record);
 
 }  // namespace Zarn::Format

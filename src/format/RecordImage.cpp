@@ -5,19 +5,13 @@
 namespace Zarn::Format {
 
 bool RecordImage::Parse() {
-  return ParseRecordHead(m_bytes.GetData(), m_bytes.GetSize(), m_shape.kind, m_shape.swap, m_head)
-             .outcome == HeadParse::kComplete;
+  return ParseRecordHead(m_bytes.GetData(), m_bytes.GetSize(), m_shape, m_head).outcome ==
+         HeadParse::kComplete;
 }
 
 bool RecordImage::Begin(const NewRecord& record, const StoredName& name) {
-  const bool named = m_shape.kind == kNamingFile;
-  if (!m_bytes.ResizeForOverwrite(named ? NamingRecordHeadSize(name.bytes.size())
-                                        : kGridRecordHead))
-    return false;
-  if (named)
-    EncodeNamingRecordHead(m_bytes.GetData(), name, record, m_shape.swap);
-  else
-    EncodeGridRecordHead(m_bytes.GetData(), record, m_shape.swap);
+  if (!m_bytes.ResizeForOverwrite(RecordHeadSize(m_shape, name.bytes.size()))) return false;
+  EncodeRecordHead(m_bytes.GetData(), m_shape, name, record);
   return Parse();
 }
 

@@ -6,11 +6,11 @@
 
 namespace Zarn::Format {
 
-/// A record in a byte buffer, from its first byte on, and the changes that stores and removals
-/// make to it. The buffer holds the head at least; a change that moves the payload area moves as
-/// much of the record as is there.
+/// A record buffer: a record from its first byte on, and the changes that stores and removals make
+/// to it. It holds at least the head; a change that moves the payload area moves as much of the
+/// record as the buffer holds.
 ///
-/// Changes that need memory answer false, and change nothing, when it cannot be had.
+/// Changes that need memory answer false, and change nothing, if memory is short.
 class RecordImage {
  public:
   RecordImage(ZrByteArray& bytes, const RecordShape& shape) : m_bytes(bytes), m_shape(shape) {}
@@ -38,11 +38,10 @@ class RecordImage {
   /// Capacity and filled length, and with them the record length: head plus capacity.
   void SetPayload(std::uint64_t capacity, std::uint64_t filledLength);
 
-  /// Makes room for one more entry at the front by taking the 16 bytes behind the table; the head
-  /// grows into the payload area, of which nothing moves. Capacity and filled length are to be set
-  /// afterwards.
+  /// Adds an entry at the front. The table takes the 16 bytes behind it, so the head grows into the
+  /// payload area, and no payload moves. The caller then sets capacity and filled length.
   bool PushVersion(std::uint64_t stamp, std::uint64_t locator);
-  /// Inserts an entry; all that follows moves back by 16 bytes, and the record is longer by them.
+  /// Inserts an entry; all that follows moves back, and the record becomes 16 bytes longer.
   bool InsertVersion(std::uint32_t index, std::uint64_t stamp, std::uint64_t locator);
   /// Takes an entry out; all that follows moves forward. The record keeps its length, so its last
   /// 16 bytes are slack.

@@ -7,7 +7,7 @@
 namespace Zarn::Format {
 namespace {
 
-// What both begin with, then their fields.
+// Mark and trailer begin with a magic and the id.
 constexpr std::size_t kMagicSize = 16;
 constexpr char kMarkMagic[kMagicSize + 1] = "!!being replaced";
 constexpr char kTrailerMagic[kMagicSize + 1] = "end of the image";
@@ -29,43 +29,43 @@ std::uint64_t Mix(std::uint64_t lane, std::uint64_t word) {
   return std::rotl((lane ^ word) * kFactor, 29);
 }
 
-void EncodeId(unsigned char* target, const RedoId& id) {
+void EncodeMagicAndId(unsigned char* target, const char* magic, const RedoId& id) {
+  std::memcpy(target, magic, kMagicSize);
   StoreScalar(target + kFirstIdOffset, id.first, kSwap);
   StoreScalar(target + kSecondIdOffset, id.second, kSwap);
 }
 
-RedoId DecodeId(const unsigned char* bytes) {
-  return {LoadScalar<std::uint64_t>(bytes + kFirstIdOffset, kSwap),
-          LoadScalar<std::uint64_t>(bytes + kSecondIdOffset, kSwap)};
+// The id, if the bytes begin with this magic.
+std::optional<RedoId> DecodeId(const unsigned char* bytes, const char* magic) {
+  if (std::memcmp(bytes, magic, kMagicSize) != 0) return std::nullopt;
+  return RedoId{LoadScalar<std::uint64_t>(bytes + kFirstIdOffset, kSwap),
+                LoadScalar<std::uint64_t>(bytes + kSecondIdOffset, kSwap)};
 }
 
 }  // namespace
 
 HeaderImage EncodeRedoMark(const RedoId& id, const HeaderImage& header) {
   HeaderImage mark = header;
-  std::memcpy(mark.data(), kMarkMagic, kMagicSize);
-  EncodeId(mark.data(), id);
+  EncodeMagicAndId(mark.data(), kMarkMagic, id);
   return mark;
 }
 
 std::optional<RedoId> DecodeRedoMark(const HeaderImage& bytes) {
-  if (std::memcmp(bytes.data(), kMarkMagic, kMagicSize) != 0) return std::nullopt;
-  return DecodeId(bytes.data());
+  return DecodeId(bytes.data(), kMarkMagic);
 }
 
 RedoTrailerImage EncodeRedoTrailer(const RedoTrailer& trailer) {
   RedoTrailerImage image = {};
-  std::memcpy(image.data(), kTrailerMagic, kMagicSize);
-  EncodeId(image.data(), trailer.id);
+  EncodeMagicAndId(image.data(), kTrailerMagic, trailer.id);
   StoreScalar(image.data() + kImageLengthOffset, trailer.imageLength, kSwap);
   StoreScalar(image.data() + kChecksumOffset, trailer.checksum, kSwap);
   return image;
 }
 
 std::optional<RedoTrailer> DecodeRedoTrailer(const RedoTrailerImage& bytes) {
-  if (std::memcmp(bytes.data(), kTrailerMagic, kMagicSize) != 0) return std::nullopt;
-  return RedoTrailer{DecodeId(bytes.data()),
-                     LoadScalar<std::uint64_t>(bytes.data() + kImageLengthOffset, kSwap),
+  const auto id = DecodeId(bytes.data(), kTrailerMagic);
+  if (!id) return std::nullopt;
+  return RedoTrailer{*id, LoadScalar<std::uint64_t>(bytes.data() + kImageLengthOffset, kSwap),
                      LoadScalar<std::uint64_t>(bytes.data() + kChecksumOffset, kSwap)};
 }
 

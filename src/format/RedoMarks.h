@@ -5,12 +5,14 @@
 
 #include "Header.h"
 
-/// What a container carries while it is replaced, byte by byte, by an image in a file beside it.
+/// What a container carries while its bytes are replaced by those of a redo image, a file beside
+/// it.
 ///
-/// The image is followed by a trailer, and is complete if that is there and its checksum is right.
-/// Before the first byte of the container changes, a mark takes the place of its header: from then
-/// on it is no container, and the image whose trailer has the mark's id is to be put in its place.
-/// The true header comes last. The numbers in both are little-endian on every host.
+/// A trailer follows the redo image, which is complete if the trailer is there and its checksum is
+/// right. Before the first byte of the container changes, a mark takes the place of its header:
+/// from then on it is no container, and its contents are those of the redo image whose trailer has
+/// the id of the mark. The true header comes last. The numbers in both are little-endian on every
+/// host.
 namespace Zarn::Format {
 
 /// Tells one replacement from all others.
@@ -21,8 +23,8 @@ struct RedoId {
   bool operator==(const RedoId&) const = default;
 };
 
-/// The mark, as it is on disk. `header` is the image's, as it is on disk: its second half is
-/// reserved, so the mark has it already.
+/// The mark, as it is on disk. `header` is that of the redo image, as it is on disk; the mark keeps
+/// its second half, which is reserved.
 HeaderImage EncodeRedoMark(const RedoId& id, const HeaderImage& header);
 /// The id, if these bytes of a file are a mark. A header never is, however it is scrambled: its
 /// first two bytes differ, and the mark's do not.
@@ -34,14 +36,14 @@ using RedoTrailerImage = std::array<unsigned char, kRedoTrailerSize>;
 struct RedoTrailer {
   RedoId id;
   std::uint64_t imageLength = 0;  // without the trailer
-  std::uint64_t checksum = 0;     // of the image
+  std::uint64_t checksum = 0;     // of the redo image
 };
 
 RedoTrailerImage EncodeRedoTrailer(const RedoTrailer& trailer);
 std::optional<RedoTrailer> DecodeRedoTrailer(const RedoTrailerImage& bytes);
 
 /// Checksum of a file, chunk by chunk in any order; chunks of zeros, and so holes, may be left out.
-/// Fast, and all but certain to notice bytes that were not written. No defence against intent.
+/// It is fast, and notices bytes that were not written almost certainly, but not forgery.
 class RedoChecksum {
  public:
   static constexpr std::size_t kChunk = 64 * 1024;  // all have this size, but the last of the file

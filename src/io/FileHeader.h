@@ -2,28 +2,45 @@
 
 #include <mutex>
 
-#include "HeaderIo.h"
+#include "Header.h"
+#include "Scramble.h"
+#include "ZrFileStream.h"
 
 namespace Zarn::Io {
 
-/// The header of one open file: its fields in host order, and its bytes as they lie in the file.
+enum class HeaderRead {
+  kOk,
+  kTooShort,  ///< the file is shorter than a header, or cannot be read
+  kBadMagic,  ///< no compact file, or scrambled by another password
+};
+
+/// Reads and unscrambles the header. `header` gets its bytes in host order, and `swap` tells
+/// whether the file is in the other order; on failure both stay as they are.
+HeaderRead ReadFileHeader(const ZrFileStream& file, const Format::XorString& xorString,
+                          Format::HeaderImage& header, bool& swap);
+
+/// Writes a header, given in host order, in the file's order and scrambled.
+bool WriteFileHeader(ZrFileStream& file, const Format::XorString& xorString,
+                     const Format::HeaderImage& header, bool swap);
+
+/// The header of one open file, in host order.
 ///
-/// Threads: the file's owner keeps readers from changes, except that any thread may take GetBytes
+/// Threads: the file's owner keeps readers from changes, except that any thread may call GetBytes
 /// at any time.
 class FileHeader {
  public:
   /// Reads and unscrambles the header. On failure the object stays as it was.
   HeaderRead Read(const ZrFileStream& file, const Format::XorString& xorString);
-  /// Writes the header with another place of the index. On failure the old one is written back.
+  /// Writes the header with another place of the index. On failure it writes the old one back.
   bool MoveIndex(ZrFileStream& file, std::uint64_t indexOffset);
-  /// Scrambles the header in the file by another password. It is read again first: the header in
-  /// memory may be older than what another process has written.
+  /// Scrambles the header in the file by another password. Reads it again first: another process
+  /// may have written it since.
   bool SetPassword(ZrFileStream& file, const Format::XorString& xorString);
 
   Format::HeaderView View() const { return Format::HeaderView(m_header); }
   /// The fields, in host order.
   const Format::HeaderImage& GetFields() const { return m_header; }
-  /// The header bytes as they were in the file when it was last read or scrambled.
+  /// The header bytes as they lie in the file.
   Format::HeaderImage GetBytes() const;
   /// What scrambles the header bytes.
   const Format::XorString& GetXorString() const { return m_xorString; }
@@ -31,13 +48,12 @@ class FileHeader {
   bool IsSwapped() const { return m_bSwap; }
 
  private:
-  void SetBytes();
+  void Set(const Format::HeaderImage& header, bool swap, const Format::XorString& xorString);
 
+  mutable std::mutex m_mutex;  // held while the rest changes, and by GetBytes
   Format::HeaderImage m_header{};
   bool m_bSwap = false;
   Format::XorString m_xorString{};
-  mutable std::mutex m_mutex;
-  Format::HeaderImage m_bytes{};  // guarded by m_mutex
 };
 
 }  // namespace Zarn::Io

@@ -26,8 +26,8 @@ std::uint64_t FileMap::ReadUpTo(std::uint64_t position, void* target, std::uint6
   return available;
 }
 
-// Learns how long the file is, and maps more of it if it has outgrown the view: twice as much, so
-// that this is seldom. A view that may be in use stays.
+// Asks for the length of the file, and maps twice as much if the file has outgrown the view, so
+// this is seldom. Readers may use the old view, which stays.
 bool FileMap::Extend() {
   constexpr std::uint64_t kSmallest = std::uint64_t{1} << 28;
   const std::lock_guard guard(m_mutex);

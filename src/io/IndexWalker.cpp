@@ -1,9 +1,8 @@
 #include "IndexWalker.h"
 
 #include <algorithm>
-#include <cstring>
 
-#include "SharedEntries.h"
+#include "WholeWords.h"
 
 namespace Zarn::Io {
 
@@ -39,20 +38,16 @@ void IndexWalker::SkipHole() {
   m_next += std::min(hole / m_index.EntrySize(), left);
 }
 
-// Only the end of the file makes entries missing; the last one may be there in part.
+// The walk ends where the file does; of the last entry it may have a part.
 bool IndexWalker::ReadBlock() {
   const std::uint64_t position = m_index.EntryAt(m_first);
   const std::uint64_t entrySize = m_index.EntrySize();
   m_bytes.resize(m_size * entrySize);
-  const std::uint64_t size = m_bytes.size();
-  const std::uint64_t got = m_options.isShared && m_index.IsGrid()
-                                ? ReadSharedEntries(m_file, position, m_bytes.data(), size, m_swap)
-                                : m_file.ReadUpTo(position, m_bytes.data(), size);
-  if (got == size) return true;
-  std::uint64_t length;
-  if (!m_file.GetLength(length) || length > position + got) return false;
-  std::memset(&m_bytes[got], 0, size - got);
-  m_size = (got + entrySize - 1) / entrySize;
+  const auto got = ReadEntries(m_file, position, m_bytes.data(), m_bytes.size(),
+                               m_options.isShared && m_index.IsGrid(), m_swap);
+  if (!got) return false;
+  if (*got == m_bytes.size()) return true;
+  m_size = (*got + entrySize - 1) / entrySize;
   m_end = m_next = m_first + m_size;
   return true;
 }

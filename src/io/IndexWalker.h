@@ -9,14 +9,14 @@ namespace Zarn::Io {
 
 /// How to walk over an index.
 struct WalkOptions {
-  bool isShared = false;        ///< others store new tiles in a grid meanwhile
+  bool isShared = false;        ///< other processes store new tiles in a grid meanwhile
   std::uint64_t first = 0;      ///< the entry to begin with
   std::uint64_t blockSize = 0;  ///< entries in a block; 0: as many as lie in 64 KiB
-  bool readsLastBlock = false;  ///< without asking whether it lies in a hole
+  bool readsLastBlock = false;  ///< reads the last block even if it lies in a hole
 };
 
-/// Visits the entries of an index in order, in blocks. Entries in holes of the file are zero and
-/// are passed over, so a large and mostly empty index costs little; a hole within a block is read.
+/// Visits the entries of an index in order, in blocks. It passes over entries in holes of the file,
+/// which are zero, so a large and mostly empty index costs little; it reads a hole within a block.
 /// The walk ends where the file does.
 ///
 ///   while (walker.Next())
@@ -25,12 +25,12 @@ struct WalkOptions {
 ///   return !walker.HasFailed();
 class IndexWalker {
  public:
-  /// The entries before `end`.
+  /// Walks over the entries before `end`.
   IndexWalker(const ZrFileStream& file, const Format::IndexShape& index, bool swap,
               std::uint64_t end, const WalkOptions& options = {});
 
-  /// Goes on to the next block. False at the end, and for a block that cannot be read; then the
-  /// next call goes on behind that. Throws std::bad_alloc.
+  /// Goes on to the next block. False at the end, and for a block that cannot be read; the next
+  /// call goes on behind that block. Throws std::bad_alloc.
   bool Next();
   /// The last call of Next has found a block that cannot be read.
   bool HasFailed() const { return m_failed; }
@@ -68,7 +68,7 @@ class IndexWalker {
   std::uint64_t m_first;
   std::size_t m_size = 0;
   bool m_failed = false;
-  std::uint64_t m_holeAt = 0;  // up to this position of the file there is no hole; as far as known
+  std::uint64_t m_holeAt = 0;  // no hole lies between m_next and this position of the file
   std::vector<unsigned char> m_bytes;
 };
 

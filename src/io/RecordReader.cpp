@@ -8,13 +8,13 @@ using Format::HeadParse;
 
 namespace {
 
-// Read first where nothing is known; holds most heads whole, a name and some versions included.
+// The first read without a hint; most heads, with a name and some versions, are no longer.
 constexpr std::uint64_t kUsualHead = 256;
 
-// Two suffice where nobody writes meanwhile.
+// Two suffice unless another process writes meanwhile.
 constexpr int kMostReads = 4;
 
-// The payload is handed out, so it is put where any type may lie.
+// The payload goes to the caller, so it begins where any type may lie.
 constexpr std::uint64_t kAlignment = 16;
 
 std::uint64_t PaddingBefore(std::uint64_t headSize) {
@@ -23,12 +23,12 @@ std::uint64_t PaddingBefore(std::uint64_t headSize) {
 
 }  // namespace
 
-// A second read shows the head again. Where no lock keeps a writer out, it may be another one by
-// then, and what counts is the head that was read together with the payload.
-bool RecordReader::Read(std::uint64_t position, RecordGuess guess, ZrByteArray& buffer) {
-  std::uint64_t padding = PaddingBefore(guess.headSize);
-  std::uint64_t wanted = guess.payloadSize == 0 ? kUsualHead : guess.headSize + guess.payloadSize;
-  std::uint64_t inFile = 0;  // so much of the record is known to lie in the file
+// A second read shows the head again. Where no lock keeps a writer out, the head may be another by
+// then; the one that was read together with the payload counts.
+bool RecordReader::Read(std::uint64_t position, RecordHint hint, ZrByteArray& buffer) {
+  std::uint64_t padding = PaddingBefore(hint.headSize);
+  std::uint64_t wanted = hint.payloadSize == 0 ? kUsualHead : hint.headSize + hint.payloadSize;
+  std::uint64_t inFile = 0;  // so much of the record lies in the file for certain
   for (int reads = 0; reads < kMostReads; ++reads) {
     if (!buffer.ResizeForOverwrite(padding + wanted)) return false;
     const std::uint64_t got = ReadUpTo(position, buffer.GetData() + padding, wanted);
@@ -57,22 +57,20 @@ void RecordReader::HandOver(ZrByteArray& buffer, ZrByteArray& data) const {
   data.SwapContents(buffer);
 }
 
-// What a map does not give is asked of the file.
+// Reads the file where the map gives nothing.
 std::uint64_t RecordReader::ReadUpTo(std::uint64_t position, void* target, std::uint64_t size) {
   const std::uint64_t got = m_map != nullptr ? m_map->ReadUpTo(position, target, size) : 0;
   return got != 0 ? got : m_file.ReadUpTo(position, target, size);
 }
 
-bool RecordReader::ReadHead(std::uint64_t position, std::uint64_t guessedLength,
-                            ZrByteArray& buffer) {
-  const std::uint64_t wanted =
-      guessedLength == 0 ? kUsualHead : std::min(kUsualHead, guessedLength);
+bool RecordReader::ReadHead(std::uint64_t position, std::uint64_t lengthHint, ZrByteArray& buffer) {
+  const std::uint64_t wanted = lengthHint == 0 ? kUsualHead : std::min(kUsualHead, lengthHint);
   if (!buffer.ResizeForOverwrite(wanted)) return false;
   const std::uint64_t got = ReadUpTo(position, buffer.GetData(), wanted);
   const HeadParse parse = Parse(buffer.GetData(), got);
-  // A length that is the guess was seen before, with the record whole in the file.
-  const bool isKnown = parse.outcome == HeadParse::kComplete && m_head.length == guessedLength;
-  return (isKnown || CompleteHead(position, got, parse, buffer)) && buffer.Resize(m_head.size);
+  // A record of the length of the hint lay whole in the file when the length was read or written.
+  const bool isInFile = parse.outcome == HeadParse::kComplete && m_head.length == lengthHint;
+  return (isInFile || CompleteHead(position, got, parse, buffer)) && buffer.Resize(m_head.size);
 }
 
 NameRead RecordReader::ReadName(std::uint64_t position, ZrByteArray& buffer) {
@@ -94,15 +92,15 @@ NameRead RecordReader::ReadName(std::uint64_t position, ZrByteArray& buffer) {
   return buffer.Resize(nameLength) ? NameRead::kRead : NameRead::kFailed;
 }
 
-// What it means that a name which ends at `end` was not read: there is none if the file ends
+// The result for a name which ends at `end` and was not read: there is none if the file ends
 // before.
 NameRead RecordReader::MissingName(std::uint64_t end) const {
   std::uint64_t length;
   return m_file.GetLength(length) && length < end ? NameRead::kNone : NameRead::kFailed;
 }
 
-// Reads on, from the start, until the head is whole. Before memory is had for what the record
-// states, and again when more of it was read, it is known to lie in the file.
+// Reads again, from the start, until the head is whole. Checks that the record lies in the file
+// before it allocates memory for what the record states, and again after each read.
 bool RecordReader::CompleteHead(std::uint64_t position, std::uint64_t available, HeadParse parse,
                                 ZrByteArray& buffer) {
   if (available < Format::kRecordLengthSize) return false;
@@ -123,7 +121,7 @@ bool RecordReader::EndsInFile(std::uint64_t position) const {
 
 HeadParse RecordReader::Parse(const unsigned char* bytes, std::uint64_t available) {
   m_bytes = bytes;
-  return Format::ParseRecordHead(bytes, available, m_shape.kind, m_shape.swap, m_head);
+  return Format::ParseRecordHead(bytes, available, m_shape, m_head);
 }
 
 }  // namespace Zarn::Io

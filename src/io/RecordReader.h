@@ -8,10 +8,10 @@
 
 namespace Zarn::Io {
 
-/// How large a record may be, before anything of it was read.
-struct RecordGuess {
+/// How large a record may be, for its first read.
+struct RecordHint {
   std::uint64_t headSize = 0;     // only the alignment of the payload in memory depends on it
-  std::uint64_t payloadSize = 0;  // 0: unknown, the head is read first
+  std::uint64_t payloadSize = 0;  // 0: no hint, the reader begins with the head
 };
 
 enum class NameRead {
@@ -23,25 +23,23 @@ enum class NameRead {
 /// Reads records of a file into buffers of the caller's. A record that does not hold what it
 /// states, or that runs past the end of the file, is not read.
 ///
-/// With a right guess of the size a read is one plain system call, and the payload is where it
-/// stays: the head is read in front of it into the same buffer, and dropped there. A wrong guess
-/// costs nothing but speed.
+/// With a right hint of the size, one plain system call reads head and payload into the buffer; the
+/// buffer then drops the head, and the payload does not move. A wrong hint costs nothing but speed.
 class RecordReader {
  public:
-  /// With a map, records are copied out of that.
+  /// With a map, copies records out of the map.
   RecordReader(const ZrFileStream& file, const Format::RecordShape& shape, FileMap* map = nullptr)
       : m_file(file), m_map(map), m_shape(shape) {}
 
   /// Reads a record; `buffer` gets exactly its payload area, and is unspecified on failure.
-  bool Read(std::uint64_t position, RecordGuess guess, ZrByteArray& buffer);
-  /// Gives the caller of a lookup the payload that Read has put into `buffer`. `data` gets the
-  /// buffer itself and leaves its own memory there; of a buffer that is much larger than the
-  /// payload it gets a copy, and the buffer is let go: callers may keep many tiles.
+  bool Read(std::uint64_t position, RecordHint hint, ZrByteArray& buffer);
+  /// Gives the caller of a lookup the payload that Read has put into `buffer`: `data` and `buffer`
+  /// exchange their memory. If the buffer is much larger than the payload, `data` gets a copy and
+  /// the buffer is freed: callers may keep many tiles.
   void HandOver(ZrByteArray& buffer, ZrByteArray& data) const;
-  /// Reads a head; `buffer` gets exactly that. `guessedLength` is the whole record's, as it was
-  /// when it was last read or written; 0: unknown. If it is right, the file is not asked for its
-  /// length.
-  bool ReadHead(std::uint64_t position, std::uint64_t guessedLength, ZrByteArray& buffer);
+  /// Reads a head; `buffer` gets exactly that. `lengthHint` is the length of the whole record when
+  /// it was last read or written; 0: none. A right hint saves asking for the length of the file.
+  bool ReadHead(std::uint64_t position, std::uint64_t lengthHint, ZrByteArray& buffer);
 
   /// Reads the name in a record of a naming file, of which nothing else need be sound; `buffer`
   /// gets exactly its bytes.

@@ -15,7 +15,7 @@ namespace {
 
 // Large enough for the disk, and small enough to stay in a processor's cache between reading and
 // writing: 128 MiB were a fifth slower.
-bool HaveBuffer(ZrByteArray& buffer) {
+bool MakeBuffer(ZrByteArray& buffer) {
   constexpr std::uint64_t kUsual = 0x200000;
   constexpr std::uint64_t kSmallest = 0x10000;
   static_assert(kSmallest % Format::RedoChecksum::kChunk == 0);
@@ -24,16 +24,10 @@ bool HaveBuffer(ZrByteArray& buffer) {
   return false;
 }
 
-bool ReadHeaderBytes(const ZrFileStream& file, HeaderImage& bytes) {
-  return file.ReadAt(0, bytes.data(), bytes.size());
-}
+constexpr auto kSkip = [](std::uint64_t, std::uint64_t) { return true; };
 
-bool WriteHeaderBytes(ZrFileStream& file, const HeaderImage& bytes) {
-  return file.WriteAt(0, bytes.data(), bytes.size());
-}
-
-// Calls `data(from, to)` for what the image holds from `begin` on, and `hole(from, to)` for the
-// holes between, in order, until one answers false.
+// Calls `data(from, to)` for what the redo image holds from `begin` on, and `hole(from, to)` for
+// the holes between, in order, until one answers false.
 template <typename Data, typename Hole>
 bool ForEachPart(const ZrFileStream& image, std::uint64_t begin, std::uint64_t end, Data data,
                  Hole hole) {
@@ -48,7 +42,7 @@ bool ForEachPart(const ZrFileStream& image, std::uint64_t begin, std::uint64_t e
   return true;
 }
 
-// Adds the chunks that begin before `end`, of an image of `length` bytes.
+// Adds the chunks that begin before `end`, of a redo image of `length` bytes.
 bool AddChecksum(const ZrFileStream& image, std::uint64_t length, std::uint64_t end,
                  ZrByteArray& buffer, Format::RedoChecksum& sum) {
   constexpr std::uint64_t kChunk = Format::RedoChecksum::kChunk;
@@ -64,25 +58,22 @@ bool AddChecksum(const ZrFileStream& image, std::uint64_t length, std::uint64_t 
     }
     return true;
   };
-  const auto skip = [](std::uint64_t, std::uint64_t) { return true; };
-  return ForEachPart(image, 0, std::min(end, length), add, skip);
+  return ForEachPart(image, 0, std::min(end, length), add, kSkip);
 }
 
-// Within the kernel, if it can: that may even share the blocks of both files.
-bool CopyPiece(const ZrFileStream& image, ZrFileStream& container, std::uint64_t position,
-               std::uint64_t size, ZrByteArray& buffer) {
-  return container.CopyFrom(image, position, size) ||
-         (image.ReadAt(position, buffer.GetData(), size) &&
-          container.WriteAt(position, buffer.GetData(), size));
-}
-
-// The image without its header; its holes become holes.
-bool CopyBody(const ZrFileStream& image, std::uint64_t length, ZrFileStream& container,
-              ZrByteArray& buffer, const RedoFile::Progress& progress) {
+// Puts a complete redo image in the place of a container that is marked; the mark may not be on the
+// disk yet. Holes become holes. The header comes last: with it the container is back, and others
+// may change it, so nothing follows but a sync.
+bool CopyImage(const ZrFileStream& image, std::uint64_t length, ZrFileStream& container,
+               ZrByteArray& buffer, const RedoFile::Progress& progress) {
   const auto copy = [&](std::uint64_t from, std::uint64_t to) {
     while (from < to) {
       const std::uint64_t piece = std::min<std::uint64_t>(buffer.GetSize(), to - from);
-      if (!CopyPiece(image, container, from, piece, buffer)) return false;
+      // The kernel may even share the blocks of both files.
+      if (!container.CopyFrom(image, from, piece) &&
+          !(image.ReadAt(from, buffer.GetData(), piece) &&
+            container.WriteAt(from, buffer.GetData(), piece)))
+        return false;
       container.BeginSync(from, piece);  // the disk works while the next piece is copied
       from += piece;
       if (progress) progress(from);
@@ -92,26 +83,18 @@ bool CopyBody(const ZrFileStream& image, std::uint64_t length, ZrFileStream& con
   const auto clear = [&](std::uint64_t from, std::uint64_t to) {
     return container.MakeHole(from, to - from);
   };
-  return container.SetLength(length) &&
-         ForEachPart(image, Format::kHeaderSize, length, copy, clear) && container.Sync();
-}
-
-// Puts a complete image in the place of a container that is marked; the mark may not be on the disk
-// yet. With its header the container is back, and others may change it: nothing follows but a sync.
-bool CopyImage(const ZrFileStream& image, std::uint64_t length, ZrFileStream& container,
-               ZrByteArray& buffer, const RedoFile::Progress& progress) {
   HeaderImage header;
-  return ReadHeaderBytes(image, header) && container.Sync() &&
-         CopyBody(image, length, container, buffer, progress) &&
-         WriteHeaderBytes(container, header) && container.Sync();
+  return image.ReadAt(0, header.data(), header.size()) && container.Sync() &&
+         container.SetLength(length) && ForEachPart(image, header.size(), length, copy, clear) &&
+         container.Sync() && container.WriteAt(0, header.data(), header.size()) && container.Sync();
 }
 
-// The image takes the path of the container, for good: others may change it from then on. What it
-// has behind its end is dead space.
+// Gives the redo image the path of the container, for good: others may change it from then on. Its
+// trailer is dead space.
 bool ReplaceByName(const ZrFileStream& image, const PelmUnicodeString& imagePath,
                    const PelmUnicodeString& path) {
   if (!image.IsSameFile(imagePath) || !ZrFile::Rename(imagePath, path)) return false;
-  ZrFile::SyncDir(path);  // without that, both may be as they were, which is as good
+  ZrFile::SyncDir(path);  // if it fails, both may be as they were, which is as good
   return true;
 }
 
@@ -121,22 +104,23 @@ void RemoveImage(const ZrFileStream& image, const PelmUnicodeString& imagePath) 
   ZrFile::SyncDir(imagePath);
 }
 
-// Deletes what lies where an image belongs, if nobody works on it, and the container, which is
-// claimed, does not need it: the mark may still be on the disk where the header is in memory.
+// Deletes what lies at the path of the redo image, if no other process works on it and the
+// container, which is claimed, does not need it. The sync comes first: the disk may still have the
+// mark where memory has the header.
 //
-// What cannot be opened, as a file of somebody else, a FIFO or a broken link, cannot be claimed.
-// But who works on an image of this container has claimed that, too, so nobody does.
+// A file of another user, a FIFO or a broken link cannot be opened and so not claimed. But every
+// process that works on a redo image has claimed its container, so none works on this one.
 bool RemoveLeftover(const PelmUnicodeString& imagePath, ZrFileStream& container) {
   ZrFile64 leftover;
   HeaderImage header;
   if (leftover.Open(imagePath, ZrFile64::kReadWrite) &&
       !(leftover.TryClaim(imagePath) && leftover.IsSameFile(imagePath)))
     return false;
-  return ReadHeaderBytes(container, header) && !Format::DecodeRedoMark(header) &&
+  return container.ReadAt(0, header.data(), header.size()) && !Format::DecodeRedoMark(header) &&
          container.Sync() && ZrFile::Delete(imagePath);
 }
 
-// Whether `image` is what the mark asks for, and whole.
+// Whether `image` is the one that the mark names, and whole.
 bool IsImageOf(const Format::RedoId& id, const ZrFileStream& image, ZrByteArray& buffer,
                std::uint64_t& imageLength) {
   std::uint64_t length;
@@ -147,7 +131,7 @@ bool IsImageOf(const Format::RedoId& id, const ZrFileStream& image, ZrByteArray&
   const auto trailer = Format::DecodeRedoTrailer(bytes);
   Format::RedoChecksum sum;
   return trailer && trailer->id == id && trailer->imageLength == imageLength &&
-         HaveBuffer(buffer) && AddChecksum(image, imageLength, imageLength, buffer, sum) &&
+         MakeBuffer(buffer) && AddChecksum(image, imageLength, imageLength, buffer, sum) &&
          sum.Get() == trailer->checksum;
 }
 
@@ -157,7 +141,7 @@ bool RedoFile::Make(const PelmUnicodeString& path, ZrFile64& container) {
   m_containerPath = ZrFile::FollowLink(path);
   m_path = Format::TemporaryPath(m_containerPath);
   constexpr unsigned int kOwnerOnly = 0600;  // until it has the permissions of the container
-  // Others find the image by their path of the container.
+  // Others find the redo image by their path of the container.
   if (!ZrFile::IsOnMountOfFolder(m_containerPath) || !ClaimContainer(container) ||
       !m_file.Begin(m_path, kOwnerOnly) || !m_stream.TryClaim(m_file.GetTemporaryPath()) ||
       !m_stream.TakeOwner(container))
@@ -168,7 +152,7 @@ bool RedoFile::Make(const PelmUnicodeString& path, ZrFile64& container) {
   return outcome == ZrNewFile::Outcome::kPublished;
 }
 
-// By a stream of its own, for the other one is used on.
+// By a stream of its own: the engine goes on with the other one.
 bool RedoFile::ClaimContainer(const ZrFile64& container) {
   return m_container.Open(m_containerPath, ZrFile64::kReadWrite) &&
          m_container.TryClaim(m_containerPath) && container.IsSameFile(m_containerPath);
@@ -177,7 +161,7 @@ bool RedoFile::ClaimContainer(const ZrFile64& container) {
 bool RedoFile::Seal(Format::RedoChecksum sum, std::uint64_t sumStart) {
   Format::RedoId& id = m_trailer.id;
   std::uint64_t& length = m_trailer.imageLength;
-  if (!HaveBuffer(m_buffer) || !m_stream.GetLength(length) ||
+  if (!MakeBuffer(m_buffer) || !m_stream.GetLength(length) ||
       !AddChecksum(m_stream, length, sumStart, m_buffer, sum) ||
       ::getrandom(&id, sizeof id, 0) != ssize_t{sizeof id})
     return false;
@@ -191,16 +175,17 @@ bool RedoFile::Reserve(ZrFile64& container) const {
   const auto reserve = [&](std::uint64_t from, std::uint64_t to) {
     return container.Reserve(from, to - from);
   };
-  const auto skip = [](std::uint64_t, std::uint64_t) { return true; };
-  return ForEachPart(m_stream, 0, m_trailer.imageLength, reserve, skip);
+  return ForEachPart(m_stream, 0, m_trailer.imageLength, reserve, kSkip);
 }
 
 RedoFile::Outcome RedoFile::Replace(ZrFile64& container, const Progress& progress) {
-  m_file.Commit();  // the image is deleted only where this says so
-  HeaderImage header;
-  // What the mark asks for must be there.
-  if (m_stream.IsSameFile(m_path) && ReadHeaderBytes(m_stream, header) &&
-      WriteHeaderBytes(container, Format::EncodeRedoMark(m_trailer.id, header)) &&
+  m_file.Commit();  // from here on only RemoveImage deletes the redo image
+  HeaderImage header = {};
+  // The redo image must lie where the mark leads.
+  const bool isThere =
+      m_stream.IsSameFile(m_path) && m_stream.ReadAt(0, header.data(), header.size());
+  const HeaderImage mark = Format::EncodeRedoMark(m_trailer.id, header);
+  if (isThere && container.WriteAt(0, mark.data(), mark.size()) &&
       CopyImage(m_stream, m_trailer.imageLength, container, m_buffer, progress)) {
     RemoveImage(m_stream, m_path);
     return Outcome::kInPlace;
@@ -225,14 +210,15 @@ bool FinishReplacement(const PelmUnicodeString& path) {
   ZrFile64 image;
   HeaderImage header;
   const auto readMark = [&] {
-    return ReadHeaderBytes(container, header) ? Format::DecodeRedoMark(header) : std::nullopt;
+    return container.ReadAt(0, header.data(), header.size()) ? Format::DecodeRedoMark(header)
+                                                             : std::nullopt;
   };
   if (!container.Open(containerPath, ZrFile64::kReadWrite)) return false;
-  if (!readMark()) return true;  // somebody else may just have finished
+  if (!readMark()) return true;  // another process may just have finished
   if (!container.Claim(containerPath) || !image.Open(imagePath, ZrFile64::kReadWrite) ||
       !image.Claim(imagePath) || !image.IsSameFile(imagePath))
     return true;
-  const auto id = readMark();  // whoever had the claims may have finished
+  const auto id = readMark();  // the last holder of the claims may have finished
   ZrByteArray buffer;
   std::uint64_t length;
   if (!id || !IsImageOf(*id, image, buffer, length)) return true;

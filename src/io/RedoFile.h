@@ -9,67 +9,66 @@
 
 namespace Zarn::Io {
 
-/// A file beside a container, in which the image is built that is to replace it; and the way to put
-/// it there, byte by byte, so that a crash at any moment costs nothing.
+/// The redo image: a file beside a container, which is built there and then put in the place of the
+/// container, byte by byte, so that a crash at any moment costs nothing.
 ///
-///   Make       the file, empty. Up to Replace, destroying this object deletes it.
-///   GetStream  write the image, from position 0 on.
-///   Seal       the image is complete: a trailer says so, and both are on the disk.
-///   Reserve    the container gets the room that it needs, while it is still whole.
-///   Replace    a mark over the header; the container without its old tail and with the image's
-///   body;
-///              the header. With a sync after each. Then the image is deleted.
+///   Make       creates the file, empty. Up to Replace, the destructor deletes it.
+///   GetStream  takes the new contents of the container, from position 0 on.
+///   Seal       writes a trailer behind the contents, which are complete now, and syncs.
+///   Reserve    takes the room that the container needs, while it is still whole.
+///   Replace    writes a mark over the header, the body of the image in the place of the old one,
+///              and the header, with a sync after each. Then it deletes the image.
 ///
-/// Whoever finds the mark puts the image in its place with FinishReplacement. All of them, and all
-/// who make such a file, claim the container and then the image, so only one of them works at any
-/// time, whether or not any other lock is in use: by the container, also where not all of them may
-/// open each other's images; by the image, also where another file has taken the container's path.
-/// When the header is back, the container may be changed by others at once.
+/// FinishReplacement does the rest for a container that carries the mark. Both, and Make, claim the
+/// container and then the redo image, so one process at a time works, with or without other locks.
+/// The first claim also works where users may not open each other's images; the second one where
+/// another file has taken the path of the container. Once the header is back, others may change the
+/// container at once.
 class RedoFile {
  public:
   /// Bytes of the image that are in place.
   using Progress = std::function<void(std::uint64_t done)>;
   enum class Outcome {
-    kInPlace,  ///< the container has the image's bytes
-    kByName,   ///< it could not be written: the image has its path now, as another file
-    kNot,      ///< neither; the image is left where it is, and the container as far as it came
+    kInPlace,  ///< the container has the bytes of the redo image
+    kByName,   ///< it could not be written: the redo image has its path now, as another file
+    kNot,      ///< neither; both files stay, the container as far as it was written
   };
 
-  /// For the container at `path`, open in `container`. What a killed run has left is replaced.
-  /// False if somebody else is at work, if the file cannot be made, or if the container is mounted
-  /// as a single file, where others would not find this one.
+  /// Creates the file for the container at `path`, open in `container`, over what a killed run has
+  /// left. False if another process is at work, if the file cannot be made, or if the container is
+  /// mounted as a single file, where others would not find this one.
   bool Make(const PelmUnicodeString& path, ZrFile64& container);
   ZrFile64& GetStream() { return m_stream; }
-  /// `sum` is that of all chunks from the one at `sumStart` on. Memory for the copies that follow
-  /// is had here, too.
+  /// `sum` is that of all chunks from the one at `sumStart` on. Also allocates the memory for the
+  /// copies that follow.
   bool Seal(Format::RedoChecksum sum, std::uint64_t sumStart);
   bool Reserve(ZrFile64& container) const;
   Outcome Replace(ZrFile64& container, const Progress& progress);
 
   /// Gives up the claims, and with them the stream.
   void LetGo();
-
+  /// Length of the contents, without the trailer; valid after Seal.
   std::uint64_t GetImageLength() const { return m_trailer.imageLength; }
-  /// Gives up the image of a replacement that has come to nothing, and deletes it if the container
-  /// is whole.
+  /// After a replacement that failed: gives up the claims, and deletes the redo image if the
+  /// container is whole.
   void Delete(ZrFile64& container);
 
  private:
   bool ClaimContainer(const ZrFile64& container);
 
-  PelmUnicodeString m_path;           // of the image
+  PelmUnicodeString m_path;           // of the redo image
   PelmUnicodeString m_containerPath;  // no symbolic link
   ZrFile64 m_container;               // has the claim; closed last
-  ZrFile64 m_stream;
-  ZrNewFile m_file{m_stream};
-  ZrByteArray m_buffer;
-  Format::RedoTrailer m_trailer;
+  ZrFile64 m_stream;                  // of the redo image
+  ZrNewFile m_file{m_stream};         // deletes the redo image up to Replace
+  ZrByteArray m_buffer;               // for copies
+  Format::RedoTrailer m_trailer;      // of the redo image, after Seal
 };
 
-/// For one who has found no header in the file at `path`: if it carries the mark, finishes its
-/// replacement, or waits for whoever does. Whether it is worth another look, whatever came of it;
-/// the path may lead to another file then. What has no image, or one that is not its own or
-/// incomplete, is left alone, and so is the image.
+/// For a caller that has found no header in the file at `path`: if the file carries the mark,
+/// finishes its replacement, or waits for another process that does. True if the file is worth
+/// another look; the path may lead to another file then. A marked file stays as it is, and so does
+/// the redo image, if that is missing, incomplete or of another replacement.
 bool FinishReplacement(const PelmUnicodeString& path);
 
 }  // namespace Zarn::Io

@@ -12,8 +12,8 @@ namespace Zarn::Io {
 /// within one page needs no more than the old bytes, to put them back if it fails. Across pages a
 /// copy at the end of the file counts while the place is overwritten.
 ///
-/// `write` and `point` are callables that take a position and tell whether they have succeeded:
-/// `write` writes the new record there; `point` lets the tile's entry or locator lead there, or
+/// `write` and `point` are callables that take a position and return whether they have succeeded:
+/// `write` writes the new record there; `point` makes the tile's entry or locator lead there, or
 /// leaves it as it was.
 ///
 /// One object serves one operation of one thread.
@@ -29,7 +29,7 @@ class SafeRewrite {
 
   /// Reads the bytes that a write within a page is about to replace.
   bool KeepOld(std::uint64_t position, std::uint64_t size);
-  /// The same for a caller who has them, and keeps them as long as this object.
+  /// The same for a caller that has the bytes, and keeps them as long as this object lives.
   void KeepOld(std::uint64_t position, const unsigned char* bytes, std::uint64_t size);
   /// Writes over the bytes that were kept. False: they are as they were.
   template <typename Write>
@@ -44,7 +44,7 @@ class SafeRewrite {
   /// The copy at the end of the file; the last place that the tail has reserved.
   struct Copy {
     std::uint64_t position = 0;  // 0: it could not be written
-    std::uint64_t end = 0;       // of the file, if nobody has appended
+    std::uint64_t end = 0;       // of the file, unless another process has appended
   };
   /// Overwrites the record at `home`, which has a copy by now. Returns where the record is: `home`,
   /// and the file has its length of before; the copy, if `home` could not be written; 0 if the old
@@ -64,9 +64,9 @@ class SafeRewrite {
   Tail& m_tail;
   const Others m_others;
   std::uint64_t m_oldPosition = 0;
-  const unsigned char* m_old = nullptr;  // what was kept
-  std::uint64_t m_oldSize = 0;           // 0: nothing
-  ZrByteArray m_buffer;                  // for bytes that were read here
+  const unsigned char* m_old = nullptr;  // the old bytes
+  std::uint64_t m_oldSize = 0;           // 0: none were kept
+  ZrByteArray m_buffer;                  // holds them if KeepOld has read them
 };
 
 }  // namespace Zarn::Io

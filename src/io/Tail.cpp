@@ -2,31 +2,57 @@
 
 #include <algorithm>
 #include <new>
-#include <utility>
 
 #include "IndexWalker.h"
-#include "Neighbours.h"
 #include "RecordHead.h"
 #include "StoreArguments.h"
+#include "ZrByteArray.h"
 
 namespace Zarn::Io {
 namespace {
 
-// A record that a caller may have asked for states a length in this range. A damaged one may state
+// Every record that a caller may ask for states a length in this range. A damaged one may state
 // any; behind that nothing could be appended.
-bool IsPlausibleLength(std::uint64_t length) {
+bool IsStorableLength(std::uint64_t length) {
   return length >= Format::kGridRecordHead &&
          length <= Format::kGridRecordHead + Format::kMaxCapacity;
 }
 
-}  // namespace
-
-Tail Tail::OfNewFile(const Format::IndexShape& index, bool swap, bool remembersEnd) {
-  Tail tail(index, swap, remembersEnd);
-  tail.m_isFound = true;
-  tail.m_ownStart = 0;
-  return tail;
+// Whether the bytes, eight or more, begin with what every writer puts in front of a record.
+bool LooksLikeRecord(const unsigned char* bytes, std::uint64_t available, bool swap) {
+  const auto length = LoadScalar<std::uint64_t>(bytes, swap);
+  if (length <= Format::kGridRecordHead || length > UINT32_MAX) return false;
+  Format::RecordHead head;
+  const auto parse = Format::ParseRecordHead(bytes, available, {.swap = swap}, head);
+  if (parse.outcome == Format::HeadParse::kDamaged || available < Format::kGridRecordHead ||
+      head.versionCount == 0 ||
+      !Format::HoldsRecord(Format::StatusOf(head.Table(bytes, swap).Locator(0))))
+    return false;
+  // The end of a longer table is not looked at.
+  return parse.outcome == Format::HeadParse::kNeedsMore ||
+         (head.filledLength != 0 && head.filledLength <= head.capacity);
 }
+
+bool RunsOverRecord(const ZrFileStream& file, bool swap, std::uint64_t begin, std::uint64_t end) {
+  constexpr std::uint64_t kPiece = 64 * 1024;
+  ZrByteArray piece;
+  while (begin < end) {
+    if (end - begin > kPiece) begin = file.NextData(begin);
+    if (begin >= end) break;
+    const std::uint64_t starts = std::min(kPiece, end - begin);
+    const std::uint64_t wanted = starts + Format::kGridRecordHead;
+    if (!piece.ResizeForOverwrite(wanted)) return true;
+    const std::uint64_t got = file.ReadUpTo(begin, piece.GetData(), wanted);
+    std::uint64_t length;
+    if (got < wanted && (!file.GetLength(length) || length > begin + got)) return true;
+    for (std::uint64_t i = 0; i < starts && i + Format::kRecordLengthSize <= got; ++i)
+      if (LooksLikeRecord(piece.GetData() + i, got - i, swap)) return true;
+    begin += starts;
+  }
+  return false;
+}
+
+}  // namespace
 
 std::uint64_t Tail::Reserve(const ZrFileStream& file) {
   constexpr std::uint64_t kLast =
@@ -41,15 +67,16 @@ std::uint64_t Tail::Reserve(const ZrFileStream& file, std::uint64_t fileLength) 
   m_fileEnd = 0;
   m_lengthBefore = fileLength;
   if (m_statedEnd <= fileLength) m_statedEnd = 0;
-  if (!LookFor(file, fileLength)) return 0;
+  if (!m_isFound && m_index.IsGrid() && !FollowRecords(file, fileLength) &&
+      !LookThroughIndex(file, fileLength))
+    return 0;
+  m_isFound = true;
   m_statedBefore = m_statedEnd;
-  const std::uint64_t position = SkipLost(std::max({fileLength, m_index.End(), m_statedEnd}));
+  std::uint64_t position = std::max({fileLength, m_index.End(), m_statedEnd});
+  while (std::binary_search(m_lost.begin(), m_lost.end(), position))
+    ++position;
   m_ownStart = std::min(m_ownStart, position);
   return position;
-}
-
-void Tail::EndsAt(std::uint64_t end) {
-  if (m_remembersEnd) m_fileEnd = end;
 }
 
 void Tail::Claim(std::uint64_t statedEnd) { m_statedEnd = std::max(m_statedEnd, statedEnd); }
@@ -66,21 +93,16 @@ void Tail::Invalidate() {
   m_statedEnd = 0;
 }
 
+// Nothing else lies in the room of a record that was appended since the file was opened, nor in
+// that of a naming file's record: light writers do not write these.
 bool Tail::IsCrowded(const ZrFileStream& file, std::uint64_t position, std::uint64_t from,
                      std::uint64_t to) const {
-  return from < to && !IsOwn(position) &&
+  return from < to && m_index.IsGrid() && position < m_ownStart &&
          RunsOverRecord(file, m_swap, position + from, position + to);
 }
 
-bool Tail::LookFor(const ZrFileStream& file, std::uint64_t fileLength) {
-  if (!m_isFound && m_index.IsGrid())
-    m_isFound = FollowRecords(file, fileLength) || LookThroughIndex(file, fileLength);
-  return m_isFound || !m_index.IsGrid();
-}
-
-// Goes on from the last record that was known to those that others have appended since, and tells
-// whether the last of them ends where the file does. Where that takes many steps, the index is as
-// quick.
+// Goes from the last record that was found on to those that others have appended since. True if
+// the last of them ends where the file does. If that takes many steps, the index is as quick.
 bool Tail::FollowRecords(const ZrFileStream& file, std::uint64_t fileLength) {
   constexpr int kSteps = 64;
   std::uint64_t record = m_lastRecord;
@@ -89,7 +111,7 @@ bool Tail::FollowRecords(const ZrFileStream& file, std::uint64_t fileLength) {
     if (fileLength - record < sizeof length || !file.ReadAt(record, &length, sizeof length))
       return false;
     length = LoadScalar<std::uint64_t>(&length, m_swap);
-    if (!IsPlausibleLength(length) || length > fileLength - record) return false;
+    if (!IsStorableLength(length) || length > fileLength - record) return false;
     m_lastRecord = record;
     if (length == fileLength - record) return true;
     record += length;
@@ -129,17 +151,11 @@ bool Tail::ReadStatedEnd(const ZrFileStream& file, std::uint64_t fileLength) {
   Format::RecordHead head;
   if (m_lastRecord == 0 || fileLength - m_lastRecord < sizeof bytes) return true;
   if (!file.ReadAt(m_lastRecord, bytes, sizeof bytes)) return false;
-  const auto parse = Format::ParseRecordHead(bytes, sizeof bytes, Format::kGridFile, m_swap, head);
+  const auto parse = Format::ParseRecordHead(bytes, sizeof bytes, {.swap = m_swap}, head);
   if (parse.outcome == Format::HeadParse::kComplete && head.versionCount == 1 &&
-      head.length == head.size + head.capacity && IsPlausibleLength(head.length))
+      head.length == head.size + head.capacity && IsStorableLength(head.length))
     Claim(m_lastRecord + head.length);
   return true;
-}
-
-std::uint64_t Tail::SkipLost(std::uint64_t position) const {
-  while (std::binary_search(m_lost.begin(), m_lost.end(), position))
-    ++position;
-  return position;
 }
 
 }  // namespace Zarn::Io

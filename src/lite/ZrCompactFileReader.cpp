@@ -26,9 +26,9 @@ bool ZrCompactFileReader::Close() {
   return true;
 }
 
-// Nothing keeps a writer out. An entry may be read while it is being written, half old, half new;
-// and it may lead to the copy that a record has while it is rewritten, which is cut off again and
-// whose place another cell's record may take. So the entry must be the same behind the record.
+// Nothing keeps a writer out. An entry may be read half old, half new; and it may lead to the copy
+// of a record that is being rewritten. The writer cuts the copy off again, and the record of
+// another cell may take its place. So the entry must be the same after the record was read.
 unsigned int ZrCompactFileReader::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                                          unsigned long long& nFilled, unsigned long long nVersion) {
   if (!IsOpen()) return ZrResult::kNotOpen;
@@ -63,7 +63,7 @@ bool ZrCompactFileReader::ReadRecord(unsigned long long position, unsigned long 
          record.Head().length >= Format::kGridRecordHead;
 }
 
-// With the size of its payload, as far as that can be told before the head is read.
+// Reads the cell's entry, and hints at the size of the payload.
 bool ZrCompactFileReader::FindRecord(unsigned int row, unsigned int col, unsigned long long& entry,
                                      unsigned long long& sizeHint) const {
   unsigned long long entries[2];

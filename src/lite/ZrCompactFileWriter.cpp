@@ -4,16 +4,16 @@
 #include <new>
 #include <utility>
 
-#include "HeaderIo.h"
+#include "FileHeader.h"
 #include "IndexHeaders.h"
 #include "IndexShape.h"
 #include "PathRules.h"
 #include "PelmTime.h"
 #include "RecordHead.h"
-#include "ReplaceWord.h"
 #include "SafeRewrite.h"
 #include "StoreArguments.h"
 #include "Tail.h"
+#include "WholeWords.h"
 #include "ZrFile.h"
 #include "ZrNewFile.h"
 
@@ -26,19 +26,15 @@ struct ZrCompactFileWriter::Store {
   /// where the record begins.
   static constexpr std::uint64_t kMostOld = 4096;
 
-  Store(unsigned int theRow, unsigned int theCol, const ZrByteArray& theData,
-        const Format::StoreSpan& theSpan, unsigned long long theVersion)
-      : row(theRow), col(theCol), data(theData), span(theSpan), version(theVersion) {}
-
   unsigned int row;
   unsigned int col;
   const ZrByteArray& data;
   Format::StoreSpan span;
   unsigned long long version;
-  unsigned long long entry = 0;  // of the cell, as it was
-  std::uint64_t fileLength = 0;  // as it was
+  unsigned long long entry = 0;  // of the cell, before the store
+  std::uint64_t fileLength = 0;  // before the store
   std::uint64_t oldSize = 0;
-  unsigned char old[kMostOld];  // oldSize bytes of it
+  unsigned char old[kMostOld] = {};  // oldSize bytes of the old record
 
   std::uint64_t Home() const { return Format::PositionOf(entry); }
   std::uint64_t WrittenLength() const { return Format::kGridRecordHead + span.size; }
@@ -56,8 +52,8 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
   Close();
   if (Format::IsCachePath(path)) return ZrResult::kNotUsable;
   // The product wraps at 32 bits before it is compared.
-  if (rows == 0 || cols == 0 || rows * cols > Format::kMaxGridCells) return ZrResult::kNotCreated;
-  if (!Format::IsUsablePath(path)) return ZrResult::kNotCreated;
+  if (rows == 0 || cols == 0 || rows * cols > Format::kMaxGridCells || !Format::IsUsablePath(path))
+    return ZrResult::kNotCreated;
   const PelmUnicodeString completed = Format::CompletePath(path);
   if (ZrFile::IsExist(completed)) {
     if ((mode & ZrCompactFile::kReplace) != 0) ZrFile::Delete(completed);
@@ -78,7 +74,8 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
     return ZrResult::kNotCreated;
   }
   file.Commit();
-  *m_pTail = Io::Tail::OfNewFile({}, m_bSwap, false);
+  *m_pTail = Io::Tail({}, m_bSwap, false);
+  m_pTail->SetEmpty();
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
   Close();
@@ -144,7 +141,7 @@ bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
   return WriteAt(GetIndexShape().EntryAt(*cell), &after, sizeof after);
 }
 
-// The same for an entry of this grid that was read before. If it fails, the old one is there.
+// The same for an entry that is `before` in the file. On failure the old one is there.
 bool ZrCompactFileWriter::ReplaceIndexValue(unsigned int row, unsigned int col,
                                             unsigned long long before, unsigned long long after) {
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
@@ -160,7 +157,7 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
   if (!IsOpen()) return ZrResult::kNotOpen;
   const auto span = Format::ResolveStore(nCapacity, nOffset, data.GetSize());
   if (!span) return ZrResult::kWriteFailure;
-  Store store(row, col, data, *span, nVersion);
+  Store store{row, col, data, *span, nVersion};
   if (!ReadIndexValue(row, col, store.entry) || !GetLength(store.fileLength))
     return ZrResult::kWriteFailure;
   switch (FindPlace(store)) {
@@ -175,9 +172,8 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
   }
 }
 
-// Where the tile goes. In place needs more than a length that looks sufficient: the whole new
-// record must fit into the old one, or the old one be the last in the file, and where the old one
-// is not filled there must be no other, so that no neighbour is run over.
+// Where the tile goes. In place only if the whole new record fits into the old one, or the old one
+// is the last in the file, and if no other record lies in what the old one has not filled.
 ZrCompactFileWriter::Place ZrCompactFileWriter::FindPlace(Store& store) const {
   const std::uint64_t position = store.Home();
   if (!Format::HoldsRecord(Format::StatusOf(store.entry)) || position < GetDataStart())
@@ -190,8 +186,7 @@ ZrCompactFileWriter::Place ZrCompactFileWriter::FindPlace(Store& store) const {
   store.oldSize = ReadUpTo(position, store.old, std::min(wanted, inFile));
   if (store.oldSize < Format::kRecordLengthSize) return Place::kUnreadable;
   Format::RecordHead head;
-  const auto parse =
-      Format::ParseRecordHead(store.old, store.oldSize, Format::kGridFile, m_bSwap, head);
+  const auto parse = Format::ParseRecordHead(store.old, store.oldSize, {.swap = m_bSwap}, head);
   const std::uint64_t length = head.length;
   if (length < Format::kGridRecordHead) return Place::kAppend;
   if (store.fileLength < position || length > store.fileLength - position)
@@ -281,8 +276,8 @@ unsigned long long ZrCompactFileWriter::WriteDataToFile(
   status = static_cast<ZrCompactFile::ZrStatus>(span->Status());
   unsigned char head[Format::kGridRecordHead];
   // Host order even in a file of the other order, where only the index is swapped.
-  Format::EncodeGridRecordHead(head, {nVersion, span->Status(), capacity, span->FilledLength()},
-                               false);
+  Format::EncodeRecordHead(head, {}, {},
+                           {nVersion, span->Status(), capacity, span->FilledLength()});
   if (!WriteParts(position, head, sizeof head, data.GetData(), data.GetSize())) return 0;
   m_pTail->Claim(position + recordLength);
   Flush();

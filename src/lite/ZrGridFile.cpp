@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <new>
 
-#include "HeaderIo.h"
+#include "FileHeader.h"
 #include "IndexHeaders.h"
 #include "IndexShape.h"
 #include "OpenPath.h"
@@ -36,7 +36,7 @@ unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
   SetIdentity(completed, password, mode);
   if (!ZrFile32::Open(completed, direction)) return ZrResult::kNotOpen;
   unsigned int header = ReadHeader();
-  // Perhaps a compaction was cut short. Finishing it may give the path to another file.
+  // A compaction may have been cut short. Finishing it may give the path to another file.
   if (header == ZrResult::kWrongFile && Io::FinishReplacement(completed) &&
       ZrFile32::Open(completed, direction))
     header = ReadHeader();

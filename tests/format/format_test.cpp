@@ -88,21 +88,23 @@ TEST_P(BothOrders, IndexHeaders) {
 
 TEST_P(BothOrders, RecordHeads) {
   Bytes grid(kGridRecordHead);
-  EncodeGridRecordHead(grid.data(), kRecord, swap);
+  EncodeRecordHead(grid.data(), {.swap = swap}, {}, kRecord);
   EXPECT_EQ(grid, Head(kGridFile));
 
   const Bytes expected = Head(kNamingFile);
   const std::string name(expected.begin() + kNameOffset, expected.begin() + kNameOffset + 6);
-  Bytes naming(NamingRecordHeadSize(name.size()));
-  EncodeNamingRecordHead(naming.data(), {kNameCharsetUtf16, name}, kRecord, swap);
+  const RecordShape names = {.kind = kNamingFile, .swap = swap};
+  Bytes naming(RecordHeadSize(names, name.size()));
+  EncodeRecordHead(naming.data(), names, {kNameCharsetUtf16, name}, kRecord);
   EXPECT_EQ(naming, expected);
 
   for (const auto& [bytes, kind] : {std::pair{grid, kGridFile}, std::pair{naming, kNamingFile}}) {
+    const RecordShape shape = {.kind = kind, .swap = swap};
     RecordHead head;
     // Fed byte by byte as the parser asks for more, it ends complete and never asks for too much.
-    HeadParse parse = ParseRecordHead(bytes.data(), 0, kind, swap, head);
+    HeadParse parse = ParseRecordHead(bytes.data(), 0, shape, head);
     while (parse.outcome == HeadParse::kNeedsMore && parse.needed <= bytes.size())
-      parse = ParseRecordHead(bytes.data(), parse.needed, kind, swap, head);
+      parse = ParseRecordHead(bytes.data(), parse.needed, shape, head);
     ASSERT_EQ(parse.outcome, HeadParse::kComplete);
     EXPECT_EQ(head.size, bytes.size());
     EXPECT_EQ(head.length, bytes.size() + 6);
@@ -131,9 +133,9 @@ TEST_P(BothOrders, DamagedRecordHeadsAreRecognised) {
     Bytes bytes = Head(kind) + Bytes(6);
     const Bytes field = Field(value, width);
     std::copy(field.begin(), field.end(), bytes.begin() + offset);
+    const RecordShape shape = {.kind = kind, .swap = swap};
     RecordHead head;
-    EXPECT_EQ(ParseRecordHead(bytes.data(), bytes.size(), kind, swap, head).outcome,
-              HeadParse::kDamaged)
+    EXPECT_EQ(ParseRecordHead(bytes.data(), bytes.size(), shape, head).outcome, HeadParse::kDamaged)
         << what;
   }
 }

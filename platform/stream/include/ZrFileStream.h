@@ -41,7 +41,7 @@ class HX_PLATFORM_API ZrFileStream {
   bool IsReadOnly() const { return IsOpen() && m_readOnly; }
   /// True if `path` names the very file that is open here.
   bool IsSameFile(const PelmUnicodeString& path) const;
-  /// What the system knows of the open file.
+  /// The system's status of the open file.
   bool GetStatus(struct stat& status) const;
 
   /// Sets where Read and Write go on, in bytes from the beginning; it may lie beyond the end.
@@ -101,25 +101,25 @@ class HX_PLATFORM_API ZrFileStream {
   /// The first position at or after `position` that lies in a hole; the end of the file counts.
   std::uint64_t NextHole(std::uint64_t position) const;
 
-  /// There is nothing to hand over; true while open.
+  /// Does nothing, since there is no buffer; true while open.
   bool Flush() { return IsOpen(); }
   /// Waits until what was written would survive a loss of power.
   bool Sync();
-  /// Has the system begin with that for `size` bytes from `position` on, so that a later Sync finds
-  /// less to do. Promises nothing.
+  /// Makes the system begin to write `size` bytes from `position` on to the disk, so that a later
+  /// Sync has less to do. Promises nothing.
   void BeginSync(std::uint64_t position, std::uint64_t size);
 
-  /// Takes the open file, which is at `path`, for this stream, among all streams of all processes
-  /// that claim it, until it is closed; nothing else is kept from using it. False if another has
-  /// it, if another file is at the path, or without the right to write. The kernel frees the claim
-  /// of a process that dies, and a child of fork() has none.
+  /// Claims the open file, which is at `path`, until it is closed: of all streams of all processes
+  /// one at a time has the claim. It keeps no other call from using the file. False if another
+  /// stream has the claim, if another file is at the path, or without the right to write. The
+  /// kernel frees the claim of a process that dies, and a child of fork() has none.
   bool TryClaim(const PelmUnicodeString& path);
-  /// The same, but waits for the other.
+  /// The same, but waits while another stream has the claim.
   bool Claim(const PelmUnicodeString& path);
   /// Gives the open file, as far as this process may, the owner, the group, the permissions and the
-  /// access control list of another. Where something cannot be had, it gives fewer permissions: the
-  /// file lets in nobody but its owner whom the other one keeps out. It should have none for group
-  /// and others before. False if the permissions cannot be set.
+  /// access control list of another. If one of these cannot be given, the file gets fewer
+  /// permissions, so that besides its owner it admits no user whom the other one keeps out. It
+  /// should have none for group and others before. False if the permissions cannot be set.
   bool TakeOwner(const ZrFileStream& other);
   /// The same, of what is at a path, which need not be one that can be opened.
   bool TakeOwner(const PelmUnicodeString& path);

@@ -16,7 +16,7 @@ namespace Zarn {
 /// ".hxcf-" and 16 hexadecimal digits, which may be deleted.
 class HX_PLATFORM_API ZrNewFile {
  public:
-  /// What giving the file its name came to.
+  /// Results of giving the file its name.
   enum class Outcome {
     kPublished,  ///< the file has its path
     kExists,     ///< something has that path already; it was not touched
@@ -39,7 +39,7 @@ class HX_PLATFORM_API ZrNewFile {
   /// The same, replacing a file that has the path: never kExists. Before it has the path, the new
   /// file gets owner and permissions of the one that it replaces, as ZrFileStream::TakeOwner does.
   Outcome Replace();
-  /// Keeps the file, and lets go of what it has replaced.
+  /// Keeps the file, and deletes what it has replaced.
   void Commit();
 
  private:

@@ -9,29 +9,29 @@
 
 namespace Zarn {
 
-/// Reader/writer lock on a container file, among all objects of all processes; and the knowledge
-/// whether somebody else has changed the file since this object's owner last loaded it.
+/// The process lock: a reader/writer lock on a container file, among all objects of all processes.
+/// It also tells whether another object has changed the file since this object's owner loaded it.
 ///
 /// The owner derives from this class. It wraps every operation in a lock and its unlock, and keeps
 /// to these rules:
 ///  - A lock call that answers false has locked nothing; the operation fails.
-///  - Who has loaded the state of the file says so while holding the lock: SetStateLoaded(true).
-///    With it, the object's own writes under the writer lock count as known.
-///  - Whose write failed half-way, so that memory and file may differ, says SetStateLoaded(false)
-///    before it unlocks.
-///  - Nobody writes while IsLockReadOnly.
-///  - Who puts another file at the path does so under the writer lock, and leaves both files alone
-///    from then on until the next lock, which is that of the new file.
+///  - After loading the state of the file, the owner calls SetStateLoaded(true) while it holds the
+///    lock. From then on its own writes under the writer lock do not count as changes.
+///  - After a write that failed half-way, so that memory and file may differ, it calls
+///    SetStateLoaded(false) before it unlocks.
+///  - It does not write while IsLockReadOnly.
+///  - It puts another file at the path only under the writer lock, and then leaves both files alone
+///    until the next lock, which is that of the new file.
 ///
 /// Threads: one thread at a time makes calls, except isLocked. Two objects exclude each other also
 /// within one process, so one thread must not lock two objects on the same file.
 ///
-/// Processes: any number of readers or one writer. A writer may begin as one who lets readers go
-/// on: while it does what does not disturb them. A waiting writer goes before readers that come
-/// later. The lock is on the file itself, far behind its contents; nothing is written for it, and
-/// there is no other file. It follows the path: if another file has taken the place of the locked
-/// one, the next lock call locks that file, which counts as a change. A directory of the path that
-/// is renamed is not noticed, nor are changes made through a memory mapping.
+/// Processes: any number of readers or one writer. A writer may begin with a reserved lock, which
+/// lets readers go on while it does what does not disturb them. A waiting writer goes before
+/// readers that come later. The lock is on the file itself, far behind its contents; it writes
+/// nothing, and there is no other file. It follows the path: if another file has taken the place of
+/// the locked one, the next lock call locks that file, which counts as a change. It does not notice
+/// when a directory of the path is renamed, nor changes made through a memory mapping.
 ///
 /// Crash: the kernel frees the lock of a process that dies. What it had written by then counts as
 /// a change for the others.
@@ -48,26 +48,25 @@ class HX_PLATFORM_API ZrProcess {
   ZrProcess(const ZrProcess&) = delete;
   ZrProcess& operator=(const ZrProcess&) = delete;
 
-  /// Sets the lock up for the existing file at `path`; gives back first what there was. Nothing
+  /// Sets the lock up for the existing file at `path`, and releases an earlier one first. No state
   /// counts as loaded. 0: usable; 1: usable for reading (see IsLockReadOnly); 2: `path` leads to
   /// nothing; 3: to something that is not a regular file or cannot be opened.
   unsigned int ProcessLockInit(const PelmUnicodeString& path);
-  /// Gives everything back, a held lock included.
+  /// Undoes ProcessLockInit, and unlocks.
   void ProcessLockRelease();
 
-  /// Waits for the lock, shared with other readers. It may be held several times over, and by the
-  /// writer in either way; only the first call has an effect and only the last unlock releases. A
-  /// reader cannot become the writer: that is a mistake, and answers false.
+  /// Waits for the lock, shared with other readers. Lock calls nest, also as reader within writer:
+  /// only the first call has an effect and only the last unlock releases. A reader cannot become
+  /// the writer: that is a mistake, and answers false.
   ///
   /// With `refresh` 1 the first call invokes the callback if the file may have changed since the
   /// state was loaded, or if it never was; again each time until SetStateLoaded(true).
   bool ReaderLock(unsigned char refresh);
   /// The same, for the one writer.
   bool WriterLock(unsigned char refresh);
-  /// The same for the one writer, but readers go on until ExcludeReaders. Given back by
-  /// WriterUnlock.
+  /// The same for the one writer, but readers go on until ExcludeReaders. WriterUnlock releases it.
   bool ReservedLock(unsigned char refresh);
-  /// Waits until a writer has the lock for itself. False if it cannot, or is no writer; then it
+  /// Waits until this writer excludes readers. False on failure, or if it is no writer; then it
   /// holds what it held.
   bool ExcludeReaders();
   /// Does nothing if the lock is not held.
@@ -75,33 +74,33 @@ class HX_PLATFORM_API ZrProcess {
   /// Does nothing if the lock is not held.
   void WriterUnlock();
 
-  /// `function(owner)` is to load the state. It runs in the locking thread while the lock is held,
-  /// and may lock again, for reading at least.
+  /// Sets the callback: `function(owner)` loads the state. It runs in the locking thread while the
+  /// lock is held, and may lock again, for reading at least.
   void SetCallBack(void (*function)(void* owner), void* owner);
 
   /// Whether this object holds the lock now. Safe from any thread.
   bool isLocked() const;
 
  protected:
-  /// Another face of the same lock, with the same state: for an owner that keeps the lock in a part
-  /// of its own, which reaches what is protected here.
+  /// Another object for the same lock, with the same state: for an owner that keeps the lock in a
+  /// part of its own, which calls the protected functions.
   explicit ZrProcess(ZrProcess* other);
 
   /// Says whether the state in memory is that of the file now. Has no effect without the lock.
   void SetStateLoaded(bool loaded);
-  /// Whether it is, as far as is known; while the lock is held. What a callback could not load, or
-  /// what changed without a callback (`refresh` 0, another file at the path), shows here. Always
-  /// true while m_bLockDisabled.
+  /// Whether the lock is held and the state in memory is that of the file. False, too, after a
+  /// callback that could not load it, and after a change without a callback (`refresh` 0, another
+  /// file at the path). Always true while m_bLockDisabled.
   bool IsStateLoaded() const;
-  /// The process may not write the file, so the writer lock does not keep readers out. May differ
-  /// after each lock call, since the file may.
+  /// The process may not write the file, so the writer lock does not keep readers out. May change
+  /// with each lock call, since the file may.
   bool IsLockReadOnly() const;
   /// Whether the file open in `stream` is the one that the lock is on.
   bool IsLockOn(const ZrFileStream& stream) const;
   /// A number of the file that the lock is on. Another file, or the same one after
   /// ProcessLockInit, has another number.
   std::uint64_t GetLockedFile() const;
-  /// Whether nothing is at the path, looked up now. For after a lock or a callback has failed.
+  /// Looks the path up: whether nothing is there. For use after a lock or a callback has failed.
   bool IsPathDeleted() const;
 
   /// While true, lock calls answer true and unlock calls do nothing; neither counts as one.

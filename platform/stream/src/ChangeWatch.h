@@ -5,10 +5,10 @@
 
 namespace Zarn {
 
-/// Counts what happens to the file open at a descriptor, whoever does it: writes, truncations, a
-/// new name, the loss of a name. The kernel reports an event within the system call that causes
-/// it, so a change by somebody who was killed right afterwards is counted, too. Not counted is
-/// what is written through a memory mapping.
+/// Counts what any process does to the file open at a descriptor: writes, truncations, a new name,
+/// the loss of a name. The kernel reports an event within the system call that causes it, so the
+/// watch also counts a change by a process that was killed right afterwards. It does not count
+/// writes through a memory mapping.
 ///
 /// All objects of a process share one queue of events; objects on the same file see the same
 /// counts. Safe from several threads, one at a time per object. A forked child has no watch until
@@ -25,8 +25,8 @@ class ChangeWatch {
   ChangeWatch(const ChangeWatch&) = delete;
   ChangeWatch& operator=(const ChangeWatch&) = delete;
 
-  /// Watches a regular file, in place of what was watched before. It may be that no watch can be
-  /// had: too many in use, events forbidden, or a file system that others change from elsewhere.
+  /// Watches a regular file instead of an earlier one. This may fail: too many watches in use,
+  /// events forbidden, or a file system that other hosts change. Then Poll returns zeros.
   void Start(int fd);
   void Stop();
   /// The counts, with all events up to now. Zeros if there is no watch, or none any more.

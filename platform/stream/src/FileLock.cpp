@@ -35,9 +35,9 @@ bool Ask(int fd, int command, short type, Bytes bytes) {
          (command != F_OFD_GETLK || request.l_type == F_UNLCK);
 }
 
-// Asks again for a while, some tens of microseconds. To fall asleep and to be woken takes longer
-// than most operations hold the lock; and one that uses it without pause has it again each time
-// before the sleeper is awake.
+// Polls for some tens of microseconds before the caller blocks. To block and to be woken takes
+// longer than most operations hold the lock; and a process that locks without pause would get the
+// lock again each time before a blocked one runs.
 bool TryForAWhile(int fd, short type, Bytes bytes) {
   constexpr int kAttempts = 200;
   for (int i = 0; i < kAttempts; ++i)
@@ -49,7 +49,7 @@ bool Wait(int fd, short type, Bytes bytes) {
   return TryForAWhile(fd, type, bytes) || Ask(fd, F_OFD_SETLKW, type, bytes);
 }
 
-// With RESERVE.
+// The caller holds RESERVE.
 bool Exclude(int fd) {
   if (Ask(fd, F_OFD_SETLK, F_WRLCK, kGateAndMain)) return true;
   if (!Wait(fd, F_WRLCK, kGate)) return false;
@@ -71,7 +71,7 @@ bool LockShared(int fd) {
     if (Ask(fd, F_OFD_GETLK, F_RDLCK, kGate)) return true;
     Ask(fd, F_OFD_SETLK, F_UNLCK, kMain);  // a writer waits for it
   }
-  // Behind the gate nobody has MAIN exclusively, nor can: the second wait is none.
+  // While this process holds the gate, none gets MAIN exclusively: the second call does not wait.
   if (!Ask(fd, F_OFD_SETLKW, F_RDLCK, kGate)) return false;
   const bool locked = Ask(fd, F_OFD_SETLKW, F_RDLCK, kMain);
   Ask(fd, F_OFD_SETLK, F_UNLCK, kGate);

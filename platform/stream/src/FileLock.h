@@ -7,21 +7,21 @@
 
 namespace Zarn {
 
-/// kReserved: one holder, beside any number of shared ones, who may come to hold it exclusively.
+/// kReserved: one holder, beside any number of shared ones; it may make its lock exclusive.
 enum class LockMode { kNone, kShared, kReserved, kExclusive };
 
-/// A lock on a file: any number of shared holders and one who has reserved it, or one exclusive
-/// holder, among all FileLock objects of all processes.
+/// A lock on a file: any number of shared holders beside one reserved one, or one exclusive holder,
+/// among all FileLock objects of all processes.
 ///
 /// Bytes far behind any contents stand for it; they are locked, never written:
 ///   MAIN    is what is held, as a read lock or as a write lock.
-///   GATE    is the way to MAIN. Who wants MAIN exclusively keeps the gate from before the wait for
-///           MAIN until both are let go; who wants it shared and finds the gate closed gives MAIN
-///           back, and waits for the gate. So nobody overtakes a waiting writer, and readers that
-///           overlap without end do not starve it.
-///   RESERVE is all that a reservation takes, and what everybody has who takes the other two.
-/// Nobody who has MAIN ever waits for the gate, nor with the gate for RESERVE, hence there is no
-/// deadlock.
+///   GATE    is the way to MAIN. An exclusive holder locks the gate before it waits for MAIN, and
+///           releases both together; a shared one that finds the gate closed releases MAIN, and
+///           waits for the gate. So no reader overtakes a waiting writer, and readers that overlap
+///           without end do not starve it.
+///   RESERVE is all that a reservation takes; an exclusive holder takes it before the other two.
+/// No holder of MAIN ever waits for the gate, and no holder of the gate for RESERVE, hence there is
+/// no deadlock.
 ///
 /// The locks belong to an open file description that only this object has. The kernel frees them
 /// when a process dies, however it dies. A forked child gives up its copies of all descriptors:
@@ -41,24 +41,23 @@ class FileLock {
   /// Lets the lock go as well.
   void Close();
 
-  /// Waits for the lock; false if it cannot be had at all. None may be held.
+  /// Waits for the lock; false on failure. This object must hold none.
   bool Lock(LockMode mode);
-  /// Waits until a reserved lock is an exclusive one; false, and it stays as it is, if it cannot be
-  /// had.
+  /// Waits until a reserved lock is an exclusive one; false, and it stays as it is, on failure.
   bool ExcludeShared();
   void Unlock();
 
-  /// Takes the file for this object, among all that claim it, until it is closed: by a third byte,
-  /// which has nothing to do with the lock. False if another has it and is not waited for, if it
-  /// cannot be had, or without the right to write.
+  /// Claims the file for this object until it is closed, by a fourth byte, which has nothing to do
+  /// with the lock. Without `wait` false if another object has the claim; also false on failure, or
+  /// without the right to write.
   bool Claim(bool wait);
 
   /// What is held. Safe from any thread.
   LockMode GetMode() const { return m_mode.load(std::memory_order_acquire); }
   /// Below 0 while closed.
   int GetDescriptor() const { return m_fd; }
-  /// The process may not write this file. Then all locks are granted like shared ones: the holder
-  /// cannot write, and everyone is kept out who would change what is there.
+  /// The process may not write this file. Then it gets shared locks for all modes: it cannot write,
+  /// and shared locks keep writers out.
   bool IsReadOnly() const { return m_readOnly; }
   bool IsOpenOn(const struct stat& status) const;
 

@@ -67,8 +67,8 @@ bool WriteAll(int fd, std::uint64_t position, iovec first, iovec second) {
   return moved == std::uint64_t{first.iov_len} + second.iov_len;
 }
 
-// There a file gets a copy of its own when it is first opened for writing. What was opened before
-// reads the copy from then on, but a mapping shows the original for ever.
+// On an overlay, a file gets a copy of its own when it is first opened for writing. Earlier
+// descriptors read the copy from then on, but earlier mappings show the original for ever.
 bool IsOnOverlay(int fd) {
   struct statfs status;
   return Uninterrupted([&] { return ::fstatfs(fd, &status); }) != 0 ||
@@ -85,7 +85,8 @@ mode_t WithoutGroup(mode_t mode) {
   return (mode & kOwnerPermissions) | both << 3 | both;
 }
 
-// An access control list as the kernel gives it, empty for none; nothing if that is not known.
+// An access control list as the kernel gives it, empty for none; nothing if the kernel does not
+// tell.
 using AccessList = std::optional<std::string>;
 constexpr const char* kAccessList = "system.posix_acl_access";
 
@@ -102,7 +103,7 @@ AccessList ReadAccessList(Read read) {
   return list;
 }
 
-// None takes away the one that the file may have got from its folder.
+// An empty list removes the one that the file may have got from its folder.
 bool SetAccessList(int fd, const std::string& list) {
   const FileSyscalls& calls = GetFileSyscalls();
   if (!list.empty()) return calls.fsetxattr(fd, kAccessList, list.data(), list.size(), 0) == 0;
@@ -113,7 +114,7 @@ iovec Part(const void* bytes, std::uint64_t size) { return {const_cast<void*>(by
 
 }  // namespace
 
-// Who may do what with a file.
+// Owner, permissions and access control list of a file.
 struct ZrFileStream::Access {
   struct stat status;
   AccessList list;

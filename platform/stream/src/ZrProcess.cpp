@@ -14,7 +14,7 @@
 namespace Zarn {
 namespace {
 
-// Stands for the contents of a file at one moment: the count of a watch, else what stat tells.
+// Stands for the contents of a file at one moment: the count of a watch, or else stat's fields.
 struct FileVersion {
   bool operator==(const FileVersion&) const = default;
 
@@ -128,9 +128,9 @@ AtPath ZrProcess::Impl::Look() {
   return AtPath::kLockedFile;
 }
 
-// A writer's state is that of the file after its writes, too: nobody else has written meanwhile.
-// Without a watch that gives no version, for times do not tell one write from the next. Beside one
-// who may not write, somebody else may have.
+// A writer's state is that of the file after its writes, too: no other process has written
+// meanwhile. Without a watch there is no version, since times do not tell one write from the next.
+// The lock of a process that may not write does not keep writers out.
 void ZrProcess::Impl::Unlock() {
   if (!IsHeld() || --m_depth > 0) return;
   if (m_lock.GetMode() != LockMode::kShared && !m_lock.IsReadOnly())

@@ -16,7 +16,7 @@ struct ZrCacheFileStatus {
   std::uint32_t second = 0;  ///< the other
 };
 
-/// An older cache file (extension ".sc"). Its format is not known here: a host that has such files
+/// An older cache file (extension ".sc"). This library does not read its format: a host that has such files
 /// derives a class and registers a function that makes its objects. The operations of this class
 /// itself touch no file and answer failure: 1, but for Close (true: nothing is open) and
 /// SetPassword.
