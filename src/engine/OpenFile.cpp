@@ -10,19 +10,18 @@ namespace Zarn::Engine {
 unsigned int OpenFile::Load(const Source& source, MaxSizes& maxSizes, OpenFile* previous,
                             std::shared_ptr<OpenFile>& loaded) {
   loaded = nullptr;
+  const OpenFile none;
+  const OpenFile& before = previous != nullptr ? *previous : none;
   auto file = std::make_shared<OpenFile>();
-  file->m_file = source.stream;
-  if (file->m_file == nullptr) {
-    if (previous != nullptr) file->m_file = previous->m_file;
-    if (!file->OpenStream(source)) return ZrResult::kNotOpen;
-  }
+  file->m_file = source.stream != nullptr ? source.stream : before.m_file;
+  if (source.stream == nullptr && !file->OpenStream(source)) return ZrResult::kNotOpen;
   // Perhaps a compaction was cut short. Finishing it may give the path to another file.
   if (!file->ReadHeader(source) && (!Io::FinishReplacement(source.path) ||
                                     !file->OpenStream(source) || !file->ReadHeader(source)))
     return ZrResult::kWrongFile;
-  file->TakeMap(source, previous);
-  if (!file->ReadIndex(source, maxSizes, previous)) return ZrResult::kNotUsable;
-  file->TakeTail(source, previous);
+  file->TakeMap(source, before);
+  if (!file->ReadIndex(source, maxSizes, before)) return ZrResult::kNotUsable;
+  file->TakeTail(source, before);
   loaded = std::move(file);
   return ZrResult::kOk;
 }
@@ -43,39 +42,36 @@ bool OpenFile::ReadHeader(const Source& source) {
   return true;
 }
 
-void OpenFile::TakeMap(const Source& source, const OpenFile* previous) {
+void OpenFile::TakeMap(const Source& source, const OpenFile& previous) {
   if (!source.mapped) return;
-  if (previous != nullptr && previous->m_pMap != nullptr && previous->m_file == m_file) {
-    m_pMap = previous->m_pMap;
+  if (previous.m_file == m_file) m_pMap = previous.m_pMap;
+  if (m_pMap != nullptr)
     m_pMap->Invalidate();
-  } else {
+  else
     m_pMap = std::make_shared<Io::FileMap>(m_file);
-  }
 }
 
 // A kind without an index opens, and can be asked for its kind.
-bool OpenFile::ReadIndex(const Source& source, MaxSizes& maxSizes, OpenFile* previous) {
+bool OpenFile::ReadIndex(const Source& source, MaxSizes& maxSizes, const OpenFile& previous) {
   const std::uint64_t indexOffset = m_header.View().IndexOffset();
   const bool isGrid = GetKind() == Format::kGridFile;
   if (!isGrid && !m_shape.IsNaming()) return true;
   if (indexOffset < Format::kHeaderSize) return false;
   if (isGrid) {
-    m_cells = CellIndex::Load(m_file, indexOffset, m_shape.swap, source.isShared,
-                              previous != nullptr ? previous->Cells() : nullptr);
+    m_cells = CellIndex::Load(m_file, indexOffset, m_shape.swap, source.isShared, previous.Cells());
     return m_cells != nullptr;
   }
-  const double createTime = previous != nullptr ? previous->m_header.View().CreateTime() : 0;
-  m_names = NameIndex::Load(m_file, m_header, maxSizes,
-                            previous != nullptr ? previous->Names() : nullptr, createTime);
+  m_names = NameIndex::Load(m_file, m_header, maxSizes, previous.Names(),
+                            previous.m_header.View().CreateTime());
   return m_names != nullptr;
 }
 
 // Where the data end is looked for again, but from what was there before in the same file.
-void OpenFile::TakeTail(const Source& source, const OpenFile* previous) {
+void OpenFile::TakeTail(const Source& source, const OpenFile& previous) {
   if (m_cells == nullptr && m_names == nullptr) return;
-  if (previous != nullptr && previous->m_tail && previous->m_file == m_file &&
-      previous->m_header.GetFields() == m_header.GetFields())
-    m_tail = previous->m_tail;
+  if (previous.m_tail && previous.m_file == m_file &&
+      previous.m_header.GetFields() == m_header.GetFields())
+    m_tail = previous.m_tail;
   else
     m_tail.emplace(Index().GetShape(), m_shape.swap, source.isShared);
   m_tail->SetIndex(Index().GetShape());

@@ -10,9 +10,9 @@
 
 namespace Zarn::Engine {
 
-/// All that an object knows of the file that it has open: the stream, the header, the index, the
-/// mapping, and where the data end. It is loaded aside and replaced as a whole; whoever works with
-/// one holds a reference.
+/// Everything about the file that is open: the stream, the header, the index, the mapping, and
+/// where the data end. It is loaded aside and replaced as a whole; every user of one holds a
+/// reference.
 ///
 /// Threads: see the rooms in it. The stream and the kind of the file never change.
 class OpenFile {
@@ -76,9 +76,9 @@ class OpenFile {
  private:
   bool OpenStream(const Source& source);
   bool ReadHeader(const Source& source);
-  void TakeMap(const Source& source, const OpenFile* previous);
-  bool ReadIndex(const Source& source, MaxSizes& maxSizes, OpenFile* previous);
-  void TakeTail(const Source& source, const OpenFile* previous);
+  void TakeMap(const Source& source, const OpenFile& previous);
+  bool ReadIndex(const Source& source, MaxSizes& maxSizes, const OpenFile& previous);
+  void TakeTail(const Source& source, const OpenFile& previous);
 
   std::shared_ptr<ZrFile64> m_file;
   Io::FileHeader m_header;

@@ -27,10 +27,10 @@ bool IsSafeInPlace(std::uint64_t position, const Format::RecordHead& head,
   return span.offset >= head.filledLength && !Io::SpansPages(position, head.size);
 }
 
-// Where an operation has put the tile's current record, whose image this is; 0: it has failed.
-bool MoveTo(TileEntry& entry, std::uint64_t position, const Format::RecordImage& image) {
+// The operation has put this record, the tile's current one, there; 0: it has failed.
+bool MoveTo(TileEntry& entry, std::uint64_t position, const Format::RecordImage& record) {
   entry.position = position;
-  entry.recordLength = image.Head().length;
+  entry.recordLength = record.Head().length;
   return position != 0;
 }
 
@@ -39,7 +39,7 @@ bool MoveTo(TileEntry& entry, std::uint64_t position, const Format::RecordImage&
 TileStore::TileStore(const Place& place, ZrByteArray& buffer)
     : m_place(place),
       m_buffer(buffer),
-      m_current(MakeImage(buffer)),
+      m_current(MakeRecord(buffer)),
       m_rewrite(place.file, place.tail, Io::SafeRewrite::kMayAppend) {}
 
 bool TileStore::ReadCurrentHead(TileEntry& entry) {
@@ -96,11 +96,12 @@ unsigned int TileStore::GetStatusAndVersionOrder(unsigned int& index, std::uint6
 }
 
 // The first record of a tile.
-std::uint64_t TileStore::AddNewData(Image& image, const StoreRequest& request,
+std::uint64_t TileStore::AddNewData(Record& record, const StoreRequest& request,
                                     const Format::StoredName& name) {
-  const Format::NewRecord record = {request.version, request.span.Status(), request.span.capacity,
-                                    request.span.FilledLength()};
-  return image.Begin(record, name) ? AppendNewRecord(image, request) : 0;
+  const Format::StoreSpan& span = request.span;
+  return record.Begin({request.version, span.Status(), span.capacity, span.FilledLength()}, name)
+             ? AppendNewRecord(record, request)
+             : 0;
 }
 
 // A version newer than all: a new record with a longer table. What the data leaves of its payload
@@ -117,41 +118,41 @@ std::uint64_t TileStore::AddMaxNewVersionData(std::uint64_t recordPosition,
 std::uint64_t TileStore::AddOldVersionData(std::uint64_t recordPosition, unsigned int index,
                                            const StoreRequest& request) {
   ZrByteArray ownBuffer;
-  Image own = MakeImage(ownBuffer);
+  Record own = MakeRecord(ownBuffer);
   if (!ReadDataFromDataFile(recordPosition, m_current)) return 0;
   const std::uint64_t ownPosition = AddNewData(own, request, m_current.Name());
   if (ownPosition == 0 ||
       !m_current.InsertVersion(index, request.version, LocatorOf(request, ownPosition)))
     return 0;
-  return WriteDataToDataFile(0, true, m_current);
+  return WriteDataToDataFile(0, m_current);
 }
 
-// New data for the version that the image's record holds. In place if the record does not grow, and
-// no other tile's lies where the data go; then the rest of the payload area stays as it is.
-std::uint64_t TileStore::ReplaceVersion(Reference& reference, std::uint64_t position, Image& image,
-                                        const StoreRequest& request) {
-  const Format::RecordHead& head = image.Head();
+// New data for the version of the record. In place if the record does not grow, and no other tile's
+// lies where the data go; then the rest of the payload area stays as it is.
+std::uint64_t TileStore::ReplaceVersion(Reference& reference, std::uint64_t position,
+                                        Record& record, const StoreRequest& request) {
+  const Format::RecordHead& head = record.Head();
   const bool fits = head.size + request.span.capacity <= head.length &&
                     !IsCrowded(position, head, head.size + request.span.FilledLength());
   if (fits && IsSafeInPlace(position, head, request.span))
-    return ReplaceInPage(position, image, request) ? position : 0;
-  if (!request.span.CoversAll() && !ReadDataFromDataFile(position, image)) return 0;
-  const std::uint64_t copy = AppendSwapData(image, request);
-  return fits ? MoveHome(reference, copy, position, image, &request) : copy;
+    return ReplaceInPage(position, record, request) ? position : 0;
+  if (!request.span.CoversAll() && !ReadDataFromDataFile(position, record)) return 0;
+  const std::uint64_t copy = AppendSwapData(record, request);
+  return fits ? MoveHome(reference, copy, position, record, &request) : copy;
 }
 
 // Of a store with an offset only the head must be replaced in one page; its data lies where nothing
 // counts yet.
-bool TileStore::ReplaceInPage(std::uint64_t position, Image& image, const StoreRequest& request) {
-  image.SetPayload(request.span.capacity, request.span.FilledLength());
+bool TileStore::ReplaceInPage(std::uint64_t position, Record& record, const StoreRequest& request) {
+  record.SetPayload(request.span.capacity, request.span.FilledLength());
   const std::uint64_t data = request.span.offset == 0 ? request.span.size : 0;
-  return m_rewrite.KeepOld(position, image.Head().size + data) &&
+  return m_rewrite.KeepOld(position, record.Head().size + data) &&
          m_rewrite.WithinPage(
-             [&](std::uint64_t home) { return WriteHeadAndData(home, image, request); });
+             [&](std::uint64_t home) { return WriteHeadAndData(home, record, request); });
 }
 
 // New data for an older version. If its record moves, the current one gets the new locator, and the
-// own position that entry 0 of the image was given; `newestLocator` is entry 0's in the file. The
+// own position that entry 0 was given in the buffer; `newestLocator` is entry 0's in the file. The
 // current record's own position never changes.
 bool TileStore::UpdateOlderVersion(TileEntry& entry, unsigned int index,
                                    const StoreRequest& request, std::uint64_t newestLocator) {
@@ -159,7 +160,7 @@ bool TileStore::UpdateOlderVersion(TileEntry& entry, unsigned int index,
                          m_current.Versions().Locator(index)};
   const std::uint64_t position = Format::PositionOf(reference.locator);
   ZrByteArray olderBuffer;
-  Image older = MakeImage(olderBuffer);
+  Record older = MakeRecord(olderBuffer);
   if (!ReadOlderHead(position, entry.position, request.version, older)) return false;
   const std::uint64_t newPosition = ReplaceVersion(reference, position, older, request);
   if (newPosition == 0) return false;
@@ -195,7 +196,7 @@ bool TileStore::RemoveNewest(TileEntry& entry) {
   const std::uint64_t locator = versions.Locator(1);
   const std::uint64_t position = Format::PositionOf(locator);
   ZrByteArray olderBuffer;
-  Image older = MakeImage(olderBuffer);
+  Record older = MakeRecord(olderBuffer);
   if (!ReadOlderHead(position, entry.position, versions.Stamp(1), older) ||
       !ReadDataFromDataFile(position, older))
     return false;
@@ -208,75 +209,75 @@ bool TileStore::RemoveNewest(TileEntry& entry) {
   Reference reference = {entry};
   return MoveTo(entry,
                 older.Head().length <= oldLength ? RewriteRecord(reference, position, older)
-                                                 : WriteDataToDataFile(0, true, older),
+                                                 : WriteDataToDataFile(0, older),
                 older);
 }
 
-// Reads the head of a record into an image. `seenLength` is the record's, if it was seen before.
-bool TileStore::ReadHead(std::uint64_t position, std::uint64_t seenLength, Image& image) const {
-  Io::RecordReader record(m_place.file, m_place.shape, m_place.map);
-  return record.ReadHead(position, seenLength, image.Bytes()) && record.Head().versionCount > 0 &&
-         m_place.index.LeavesRoom(position, record.Head().length) && image.Parse();
+// Reads the head of a record. `seenLength` is the record's, if it was seen before.
+bool TileStore::ReadHead(std::uint64_t position, std::uint64_t seenLength, Record& record) const {
+  Io::RecordReader reader(m_place.file, m_place.shape, m_place.map);
+  return reader.ReadHead(position, seenLength, record.Bytes()) && record.Parse() &&
+         record.Head().versionCount > 0 && m_place.index.LeavesRoom(position, record.Head().length);
 }
 
 // Only a record whose own newest version has the stamp that it is named by, and which is not the
 // current one, may be written to as an older one.
 bool TileStore::ReadOlderHead(std::uint64_t position, std::uint64_t currentPosition,
-                              std::uint64_t stamp, Image& image) const {
-  return position != currentPosition && ReadHead(position, 0, image) &&
-         image.Versions().Stamp(0) == stamp;
+                              std::uint64_t stamp, Record& record) const {
+  return position != currentPosition && ReadHead(position, 0, record) &&
+         record.Versions().Stamp(0) == stamp;
 }
 
-// Completes an image that holds only the head of the record at `position`.
-bool TileStore::ReadDataFromDataFile(std::uint64_t position, Image& image) const {
-  const Format::RecordHead& head = image.Head();
-  ZrByteArray& bytes = image.Bytes();
+// Reads the payload area of the record at `position`, of which the buffer holds the head.
+bool TileStore::ReadDataFromDataFile(std::uint64_t position, Record& record) const {
+  const Format::RecordHead& head = record.Head();
+  ZrByteArray& bytes = record.Bytes();
   return bytes.Resize(head.length) &&
          m_place.file.ReadAt(position + head.size, bytes.GetData() + head.size,
                              head.length - head.size);
 }
 
-// Puts the data into the payload area of an image that holds the whole record. Where the area grows
-// beyond the record, it is zero.
-bool TileStore::UpdateSwapData(Image& image, const StoreRequest& request) {
-  image.SetPayload(request.span.capacity, request.span.FilledLength());
-  if (!image.Bytes().Resize(image.Head().length)) return false;
-  std::memcpy(image.Bytes().GetData() + image.Head().size + request.span.offset,
+// Puts the data into the payload area of a whole record in its buffer. Where the area grows beyond
+// the record, it is zero.
+bool TileStore::UpdateSwapData(Record& record, const StoreRequest& request) {
+  record.SetPayload(request.span.capacity, request.span.FilledLength());
+  if (!record.Bytes().Resize(record.Head().length)) return false;
+  std::memcpy(record.Bytes().GetData() + record.Head().size + request.span.offset,
               request.data.GetData(), request.data.GetSize());
   return true;
 }
 
-// Appends the record in the image with the data in its payload area. Data that covers the whole
-// area is written from where it is, and only the head of the image counts.
-std::uint64_t TileStore::AppendSwapData(Image& image, const StoreRequest& request) {
+// Appends the record with the data in its payload area. Data that covers the whole area is written
+// from where it is; then only the head in the buffer counts.
+std::uint64_t TileStore::AppendSwapData(Record& record, const StoreRequest& request) {
   if (!request.span.CoversAll())
-    return UpdateSwapData(image, request) ? WriteDataToDataFile(0, true, image) : 0;
-  image.SetPayload(request.span.capacity, request.span.FilledLength());
+    return UpdateSwapData(record, request) ? WriteDataToDataFile(0, record) : 0;
+  record.SetPayload(request.span.capacity, request.span.FilledLength());
   const std::uint64_t position = m_place.tail.Reserve(m_place.file);
-  return position != 0 && WriteHeadAndData(position, image, request) ? position : 0;
+  return position != 0 && WriteHeadAndData(position, record, request) ? position : 0;
 }
 
 // Appends a record that is new altogether. What the data leaves of its payload area reads as zero,
 // and has its room on the disk: a later piece must not fail for want of it.
-std::uint64_t TileStore::AppendNewRecord(const Image& image, const StoreRequest& request) {
+std::uint64_t TileStore::AppendNewRecord(const Record& record, const StoreRequest& request) {
   const std::uint64_t position = m_place.tail.Reserve(m_place.file);
-  if (position == 0 || !WriteHeadAndData(position, image, request)) return 0;
+  if (position == 0 || !WriteHeadAndData(position, record, request)) return 0;
   if (request.span.CoversAll()) {
-    m_place.tail.EndsAt(position + image.Head().length);
+    m_place.tail.EndsAt(position + record.Head().length);
     return position;
   }
-  const std::uint64_t payload = position + image.Head().size;
+  const std::uint64_t payload = position + record.Head().size;
   const std::uint64_t filled = request.span.FilledLength();
   const bool hasRoom = m_place.file.ZeroFill(payload, request.span.offset) &&
                        m_place.file.ZeroFill(payload + filled, request.span.capacity - filled);
   return hasRoom ? position : 0;
 }
 
-// Writes the head in the image and the data at its place behind it, and nothing else.
-bool TileStore::WriteHeadAndData(std::uint64_t position, const Image& image,
+// Writes the head, and the data at its place behind it, and nothing else.
+bool TileStore::WriteHeadAndData(std::uint64_t position, const Record& record,
                                  const StoreRequest& request) {
-  const unsigned char* head = image.Bytes().GetData();
-  const std::uint64_t headSize = image.Head().size;
+  const unsigned char* head = record.Bytes().GetData();
+  const std::uint64_t headSize = record.Head().size;
   const ZrByteArray& data = request.data;
   if (request.span.offset == 0)
     return m_place.file.WriteParts(position, head, headSize, data.GetData(), data.GetSize());
@@ -285,42 +286,41 @@ bool TileStore::WriteHeadAndData(std::uint64_t position, const Image& image,
          m_place.file.WriteAt(position, head, headSize);
 }
 
-// Writes the whole record in the image, at the end of the file or where it was. Returns where; 0 on
-// failure, or if the buffer holds less than the record states.
-std::uint64_t TileStore::WriteDataToDataFile(std::uint64_t position, bool append,
-                                             const Image& image) {
-  const std::uint64_t length = image.Head().length;
-  if (append) position = m_place.tail.Reserve(m_place.file);
-  const bool written = position != 0 && length <= image.Bytes().GetSize() &&
-                       m_place.file.WriteAt(position, image.Bytes().GetData(), length);
+// Writes the whole record, where it was or, with a position of 0, at the end of the file. Returns
+// where; 0 on failure, or if the buffer holds less than the record states.
+std::uint64_t TileStore::WriteDataToDataFile(std::uint64_t position, const Record& record) {
+  const std::uint64_t length = record.Head().length;
+  if (position == 0) position = m_place.tail.Reserve(m_place.file);
+  const bool written = position != 0 && length <= record.Bytes().GetSize() &&
+                       m_place.file.WriteAt(position, record.Bytes().GetData(), length);
   return written ? position : 0;
 }
 
-// Puts the record in the image over the one at `position`, which is no shorter, unless another
+// Writes the record over the one at `position`, which is no shorter, unless another
 // tile's record lies in its room.
 std::uint64_t TileStore::RewriteRecord(Reference& reference, std::uint64_t position,
-                                       const Image& image) {
-  const Format::RecordHead& head = image.Head();
-  if (IsCrowded(position, head, head.length)) return WriteDataToDataFile(0, true, image);
+                                       const Record& record) {
+  const Format::RecordHead& head = record.Head();
+  if (IsCrowded(position, head, head.length)) return WriteDataToDataFile(0, record);
   if (Io::SpansPages(position, head.length))
-    return MoveHome(reference, WriteDataToDataFile(0, true, image), position, image, nullptr);
+    return MoveHome(reference, WriteDataToDataFile(0, record), position, record, nullptr);
   const bool isReplaced =
       m_rewrite.KeepOld(position, head.length) && m_rewrite.WithinPage([&](std::uint64_t home) {
-        return WriteDataToDataFile(home, false, image) != 0;
+        return WriteDataToDataFile(home, record) != 0;
       });
   return isReplaced ? position : 0;
 }
 
-// Puts the record in the image, with the data if there is a request, where it does not grow; it was
-// written to `copy` before. Returns where the record is; 0 if the old one still counts.
+// Writes the record, with the data if there is a request, over the one at `home`, which is no
+// shorter; it was written to `copy` before. Returns where the record is; 0 if the old one counts.
 std::uint64_t TileStore::MoveHome(Reference& reference, std::uint64_t copy, std::uint64_t home,
-                                  const Image& image, const StoreRequest* request) {
+                                  const Record& record, const StoreRequest* request) {
   const auto write = [&](std::uint64_t position) {
-    return request != nullptr ? WriteHeadAndData(position, image, *request)
-                              : WriteDataToDataFile(position, false, image) != 0;
+    return request != nullptr ? WriteHeadAndData(position, record, *request)
+                              : WriteDataToDataFile(position, record) != 0;
   };
   const auto point = [&](std::uint64_t position) { return PointTo(reference, position); };
-  return m_rewrite.AcrossPages({copy, copy + image.Head().length}, home, write, point);
+  return m_rewrite.AcrossPages({copy, copy + record.Head().length}, home, write, point);
 }
 
 // Whether other records lie in the room of the one at `position`, behind what it has filled and

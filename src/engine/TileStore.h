@@ -60,7 +60,7 @@ class TileStore {
                             unsigned long long& filledLength, std::uint64_t version) const;
 
  private:
-  using Image = Format::RecordImage;
+  using Record = Format::RecordImage;
   /// What leads to a record of a tile: its entry or, to an older version, a locator in the current
   /// record.
   struct Reference {
@@ -73,41 +73,41 @@ class TileStore {
   bool StoreVersion(TileEntry& entry, const StoreRequest& request);
   unsigned int GetStatusAndVersionOrder(unsigned int& index, std::uint64_t recordPosition,
                                         std::uint64_t version);
-  std::uint64_t AddNewData(Image& image, const StoreRequest& request,
+  std::uint64_t AddNewData(Record& record, const StoreRequest& request,
                            const Format::StoredName& name);
   std::uint64_t AddMaxNewVersionData(std::uint64_t recordPosition, const StoreRequest& request);
   std::uint64_t AddOldVersionData(std::uint64_t recordPosition, unsigned int index,
                                   const StoreRequest& request);
-  std::uint64_t ReplaceVersion(Reference& reference, std::uint64_t position, Image& image,
+  std::uint64_t ReplaceVersion(Reference& reference, std::uint64_t position, Record& record,
                                const StoreRequest& request);
-  bool ReplaceInPage(std::uint64_t position, Image& image, const StoreRequest& request);
+  bool ReplaceInPage(std::uint64_t position, Record& record, const StoreRequest& request);
   bool UpdateOlderVersion(TileEntry& entry, unsigned int index, const StoreRequest& request,
                           std::uint64_t newestLocator);
   bool RemoveOlder(TileEntry& entry, unsigned int index);
   bool RemoveNewest(TileEntry& entry);
 
   // Records.
-  bool ReadHead(std::uint64_t position, std::uint64_t seenLength, Image& image) const;
+  bool ReadHead(std::uint64_t position, std::uint64_t seenLength, Record& record) const;
   bool ReadOlderHead(std::uint64_t position, std::uint64_t currentPosition, std::uint64_t stamp,
-                     Image& image) const;
-  bool ReadDataFromDataFile(std::uint64_t position, Image& image) const;
-  bool UpdateSwapData(Image& image, const StoreRequest& request);
-  std::uint64_t AppendSwapData(Image& image, const StoreRequest& request);
-  std::uint64_t AppendNewRecord(const Image& image, const StoreRequest& request);
-  bool WriteHeadAndData(std::uint64_t position, const Image& image, const StoreRequest& request);
-  std::uint64_t WriteDataToDataFile(std::uint64_t position, bool append, const Image& image);
-  std::uint64_t RewriteRecord(Reference& reference, std::uint64_t position, const Image& image);
+                     Record& record) const;
+  bool ReadDataFromDataFile(std::uint64_t position, Record& record) const;
+  bool UpdateSwapData(Record& record, const StoreRequest& request);
+  std::uint64_t AppendSwapData(Record& record, const StoreRequest& request);
+  std::uint64_t AppendNewRecord(const Record& record, const StoreRequest& request);
+  bool WriteHeadAndData(std::uint64_t position, const Record& record, const StoreRequest& request);
+  std::uint64_t WriteDataToDataFile(std::uint64_t position, const Record& record);
+  std::uint64_t RewriteRecord(Reference& reference, std::uint64_t position, const Record& record);
   std::uint64_t MoveHome(Reference& reference, std::uint64_t copy, std::uint64_t home,
-                         const Image& image, const StoreRequest* request);
+                         const Record& record, const StoreRequest* request);
   bool IsCrowded(std::uint64_t position, const Format::RecordHead& head, std::uint64_t end) const;
 
   bool PointTo(Reference& reference, std::uint64_t position);
   bool ReplaceLocator(Reference& reference, std::uint64_t locator);
-  Image MakeImage(ZrByteArray& bytes) const { return Image(bytes, m_place.shape); }
+  Record MakeRecord(ZrByteArray& bytes) const { return Record(bytes, m_place.shape); }
 
   const Place m_place;
   ZrByteArray& m_buffer;
-  Image m_current;  // the tile's current record, in the buffer
+  Record m_current;  // the tile's current record, in the buffer
   Io::SafeRewrite m_rewrite;
 };
 
