@@ -46,7 +46,7 @@ class Engine {
   unsigned int Open(const PelmUnicodeString& path, const PelmUnicodeString& password, Mode mode);
   unsigned int SetPassword(const PelmUnicodeString& password);
   bool Close();
-  /// For the callback of the lock between processes; does nothing while no file is open.
+  /// For the callback of the process lock; does nothing while no file is open.
   void Refresh();
 
   // Accessors.cpp: take no operation's locks.

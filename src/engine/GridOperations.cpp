@@ -67,7 +67,7 @@ unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& dat
   }
   if (!entry.HoldsRecord()) return ZrResult::kReadFailure;
   operation.LeaveMutex();
-  cells->GuessLength(entry);
+  cells->AddHint(entry);
   const unsigned int result =
       File().MakeStore(*buffer).LookUp_Inner(entry, nullptr, data, filledLength, version);
   if (result == ZrResult::kOk) cells->KeepHint(entry);

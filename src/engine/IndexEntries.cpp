@@ -44,7 +44,7 @@ bool IndexEntries::WriteIndexValue(TileEntry& entry) {
   return false;
 }
 
-void IndexEntries::GuessLength(TileEntry& entry) const {
+void IndexEntries::AddHint(TileEntry& entry) const {
   std::uint64_t next;
   if (entry.recordLength == 0 && m_pIndex->ReadStableValue(std::uint64_t{entry.number} + 1, next))
     entry.recordLength = Format::DistanceToNext(entry.position, next);

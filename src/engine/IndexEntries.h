@@ -16,9 +16,9 @@ class IndexEntries : public EntryWriter {
 
   bool WriteIndexValue(TileEntry& entry) override;
 
-  /// Gives an entry without a hint the length that the next entry suggests, for a lookup.
-  void GuessLength(TileEntry& entry) const;
-  /// Keeps the record length that an operation has seen as a hint for the next ones.
+  /// Gives an entry that has no hint the one that the next entry suggests, for a lookup.
+  void AddHint(TileEntry& entry) const;
+  /// Keeps the record length that an operation has seen as the hint for the next ones.
   void KeepHint(const TileEntry& entry) {
     const auto hint = entry.recordLength <= UINT32_MAX ? entry.recordLength : 0;
     if (m_pIndex->GetHint(entry.number) != hint)

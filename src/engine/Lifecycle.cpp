@@ -204,7 +204,7 @@ bool Engine::ProcessLockInit() {
 }
 
 // Locks and loads the file that the members name; `created`: the stream that it was just created
-// through. An older cache file is let go before it is known whether the container can be loaded.
+// through. An older cache file is let go before the container is loaded, even if that fails.
 unsigned int Engine::TakeIntoUse(std::shared_ptr<ZrFile64> created) {
   ProcessLock& lock = m_locks.GetProcessLock();
   const bool isHeld = m_locks.IsHeldByCompaction();
@@ -271,8 +271,8 @@ unsigned int Engine::LoadFile(const std::shared_ptr<ZrFile64>& created,
        !lock.IsDisabled(), stream != nullptr ? stream : created},
       m_maxSizes, m_file.get(), loaded);
   if (result != ZrResult::kOk) return result;
-  // The path may have come to name another file since the lock was taken, on which nobody waits; by
-  // finishing a replacement, too.
+  // Since the lock was taken, the path may have come to lead to another file, which this lock does
+  // not protect; finishing a replacement does that, too.
   const bool isChecked = stream != nullptr && loaded->GetStream() == stream;
   if (lock.isLocked() && !isChecked && !lock.IsLockOn(*loaded->GetStream()))
     return ZrResult::kNotUsable;

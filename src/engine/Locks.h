@@ -14,7 +14,7 @@ namespace Zarn::Engine {
 
 class RecordBuffers;
 
-/// The lock between processes, as the engine reaches it: another face of the object's base class.
+/// The process lock, as the engine reaches it: another face of the object's base class.
 struct ProcessLock : ZrProcess {
   explicit ProcessLock(ZrProcess& object) : ZrProcess(&object) {}
 
@@ -30,10 +30,10 @@ struct ProcessLock : ZrProcess {
 };
 
 /// All locks of an object. Operations take them through Operation, in the order of docs/design.md
-/// (lock order): the object's mutex, the lock between processes, the readers' lock, the state
+/// (lock order): the object's mutex, the process lock, the readers' lock, the state
 /// mutex, and the index's own.
 ///
-/// As a capability it stands for the right of one operation: shared to read what is known of the
+/// As a capability it stands for the right of one operation: shared to read the state of the
 /// open file and the records in it, exclusive to change them.
 class HX_CAPABILITY("operation") Locks {
  public:
@@ -53,9 +53,9 @@ class HX_CAPABILITY("operation") Locks {
   /// For a write operation, which holds the mutex from beginning to end.
   void AssertMutexHeld() const HX_ASSERT_HELD(m_mutex) {}
 
-  /// Whether a compaction holds the lock between processes for the operations of its callbacks.
+  /// Whether a compaction holds the process lock for the operations of its callbacks.
   bool IsHeldByCompaction() const HX_REQUIRES(m_mutex) { return m_bLockHeld; }
-  /// The lock between processes was given up as a whole, whoever held it.
+  /// The process lock was given up as a whole, whoever held it.
   void EndFlight() HX_REQUIRES(m_mutex) { m_flight.End(); }
 
   ZrMutex& GetMutex() const HX_RETURN_CAPABILITY(m_mutex) { return m_mutex; }
@@ -66,7 +66,7 @@ class HX_CAPABILITY("operation") Locks {
   friend class Operation;
   friend class LookupBarrier;
 
-  /// Lookups of several threads that hold the lock between processes together.
+  /// Lookups of several threads that hold the process lock together.
   struct Flight {
     std::uint64_t number = 0;
     unsigned int aboard = 0;   // 0: the lock is not held for reading
@@ -84,12 +84,13 @@ class HX_CAPABILITY("operation") Locks {
   bool m_isOpen HX_GUARDED_BY(m_mutex) = false;
   std::atomic<bool> m_isCurrent{false};
   Flight m_flight HX_GUARDED_BY(m_mutex);
-  /// Readers that take long. Only stores wait for them. Raised with m_mutex held.
+  /// Readers that take long; only stores wait for them. Raised with m_mutex held.
   std::atomic<unsigned int> m_nLongReaders{0};
   /// Held shared by a lookup while it reads without m_mutex, exclusively by whoever changes records
   /// or the index, or closes the file.
   std::shared_mutex m_readers;
-  /// Those who wait to hold m_readers exclusively, and hold m_mutex: lookups then wait for that.
+  /// Operations that hold m_mutex and wait to hold m_readers exclusively. While there are any, a
+  /// lookup takes m_mutex.
   std::atomic<unsigned int> m_nBarriers{0};
   bool m_sharesLookups = false;  // guarded by m_readers, which the check does not know
 };

@@ -21,8 +21,8 @@ std::uint64_t NameTable::GetSpread() {
   return spread;
 }
 
-// The same for all ordinals of a hash: who asks for one mostly asks for the next, too, and finds it
-// in the same line of the processor's cache.
+// The same for all ordinals of a hash: a search for one mostly goes on with the next, which then
+// lies in the same cache line.
 std::size_t NameTable::Home(std::uint64_t code) const {
   return static_cast<std::size_t>((code & Format::kHashMask) * m_spread >> m_shift);
 }

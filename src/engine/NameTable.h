@@ -7,10 +7,10 @@
 namespace Zarn::Engine {
 
 /// The slots of a naming index by their hash codes. Open addressing with linear probing in one
-/// array: codes are hashes already, so a multiplication spreads them well enough. By what number is
-/// drawn once in each process, so that nobody can make a file whose codes meet in one place.
+/// array: codes are hashes already, so a multiplication spreads them well enough. Each process
+/// draws the factor at random, so no file can be made whose codes meet in one place.
 ///
-/// One thread at a time, except that any number may look while nobody inserts.
+/// One thread at a time inserts. Any number of threads may look while none inserts.
 class NameTable {
  public:
   struct Entry {
@@ -28,7 +28,7 @@ class NameTable {
   std::size_t CountSteps(std::uint64_t code) const;
 
   /// Makes room for `size` codes, so that as many insertions need no memory. False, and nothing
-  /// changes, if it cannot be had.
+  /// changes, if memory is short.
   bool Reserve(std::size_t size);
   /// Of two slots with one code the later insertion counts. False if memory is short.
   bool Insert(std::uint64_t code, std::uint32_t slot);

@@ -113,7 +113,7 @@ unsigned int Engine::LookupName(const NameKey& key, ReadOperation& operation, Zr
 
   operation.LeaveMutex();
   if (entry.HoldsRecord()) {
-    names.GuessLength(entry);
+    names.AddHint(entry);
     const unsigned int result = tiles.LookUp_Inner(entry, &key, data, filledLength, version);
     if (result != ZrResult::kReadFailure) {
       names.KeepHint(entry);

@@ -23,8 +23,7 @@ class OpenFile {
     bool readOnly;
     bool mapped;    ///< for lookups
     bool isShared;  ///< with other processes, by the process lock
-    /// The stream that is open on the file at the path; null if there is none, or if that is not
-    /// known.
+    /// A stream that is certainly open on the file at the path; null: none.
     std::shared_ptr<ZrFile64> stream;
   };
 

@@ -6,13 +6,13 @@ namespace Zarn::Engine {
 
 /// Holds an object's locks for one operation, in their one order. Released in reverse order.
 ///
-/// The lock between processes is one per object. Lookups of several threads hold it together, as a
+/// The process lock is one per object. Lookups of several threads hold it together, as a
 /// flight: the first one takes it and the last one gives it back. A flight takes a fixed number of
 /// lookups; then the next one waits until the flight is over, so lookups in turn without end keep
 /// no other process out.
 ///
-/// Where the lock between processes is not in use, a lookup needs no more than the promise that
-/// nothing is changed meanwhile, and takes not even the mutex.
+/// Where the process lock is not in use, a lookup holds only the readers' lock, shared,
+/// and does not even take the mutex.
 class Operation {
  public:
   enum Kind {
@@ -26,7 +26,7 @@ class Operation {
   Operation(const Operation&) = delete;
   Operation& operator=(const Operation&) = delete;
 
-  /// Whether a file is open. For one that holds the mutex.
+  /// Whether a file is open. For operations that hold the mutex.
   bool IsOpen() const HX_NOT_CHECKED { return m_locks.m_isOpen; }
   /// Whether a file is open, the lock is held, and the index is that of the file. If not, the
   /// operation fails and writes nothing.
@@ -66,8 +66,7 @@ class HX_SCOPED_CAPABILITY ReadOperation : public Operation {
       : Operation(locks, buffers, kind) {}
   ~ReadOperation() HX_RELEASE_GENERIC() = default;
 
-  /// For one that has found its record and needs only the file from here on: lets other threads
-  /// work.
+  /// Lets other threads work, once the record is found and only the file is needed.
   void LeaveMutex() { Operation::LeaveMutex(); }
 };
 
@@ -78,10 +77,10 @@ class HX_SCOPED_CAPABILITY WriteOperation : public Operation {
       : Operation(locks, buffers, kind) {}
   ~WriteOperation() HX_RELEASE_GENERIC() = default;
 
-  /// For one that is about to change what a lookup may be reading, here or in another process:
-  /// anything but the end of the file and entries of empty cells. False if it must not.
+  /// Keeps lookups of all threads and processes out, before a change to anything but the end of the
+  /// file and entries of empty cells. False if it must not be made.
   bool ExcludeLookups() { return Operation::ExcludeLookups(); }
-  /// Gives back the lock between processes before the end.
+  /// Gives back the process lock before the end.
   void LeaveProcessLock() { Operation::LeaveProcessLock(); }
 };
 

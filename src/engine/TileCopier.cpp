@@ -227,14 +227,14 @@ bool TileCopier::FindCode(const Name& name, std::uint64_t& code) {
   return true;
 }
 
-// The record becomes that of m_reader, its payload m_payload. A length of 0 is unknown.
+// The record becomes that of m_reader, its payload m_payload. A hint of 0 is none.
 //
 // Each record is read for its payload, and some once before for their tables. Where that comes to
 // more than twice the file, tiles share room, as many as damage makes them: a small file could
 // ask for more copies of one record than any disk holds.
-bool TileCopier::ReadRecord(std::uint64_t position, std::uint64_t guessedLength) {
+bool TileCopier::ReadRecord(std::uint64_t position, std::uint64_t hint) {
   constexpr std::uint64_t kHead = Format::kGridRecordHead;
-  const std::uint64_t payload = guessedLength > kHead ? guessedLength - kHead : kUsualPayload;
+  const std::uint64_t payload = hint > kHead ? hint - kHead : kUsualPayload;
   if (!m_reader.Read(position, {kHead, payload}, m_payload) || m_reader.Head().versionCount == 0 ||
       !m_index.LeavesRoom(position, m_reader.Head().length))
     return CannotRead();

@@ -84,7 +84,7 @@ class TileCopier {
   bool ReadName(std::uint32_t slot, Name& name);
   bool FindCode(const Name& name, std::uint64_t& code);
 
-  bool ReadRecord(std::uint64_t position, std::uint64_t guessedLength);
+  bool ReadRecord(std::uint64_t position, std::uint64_t hint);
   bool WriteTile(std::uint64_t& value, const Format::StoredName& name);
   void CollectVersions();
   bool BeginHead(Version& version, const Format::StoredName& name);

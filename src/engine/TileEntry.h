@@ -16,8 +16,8 @@ struct TileEntry {
   std::uint8_t status = Format::StatusOf(stored);
   std::uint64_t position = Format::PositionOf(stored);
   /// Length of the record; 0: unknown. Before a store or removal it must have been seen: a record
-  /// of that length counts as lying wholly in the file. Before a lookup it may be a guess.
-  /// Afterwards it is what was read or written.
+  /// of that length counts as lying wholly in the file. Before a lookup it is a hint, which may be
+  /// wrong. Afterwards it is what was read or written.
   std::uint64_t recordLength = 0;
   bool isHeadRead = false;  // the record's head is in the thread's buffer
 
@@ -52,7 +52,7 @@ struct StoreRequest {
 /// Writes entries of the index that the caller has read.
 class EntryWriter {
  public:
-  /// Writes the entry's Value(), if that is not what is stored, and notes it as stored. False: the
+  /// Writes the entry's Value(), if that is not what is stored, and sets `stored`. False: the
   /// file has the old one.
   virtual bool WriteIndexValue(TileEntry& entry) = 0;
 

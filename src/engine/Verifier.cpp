@@ -324,7 +324,7 @@ class Verifier {
            Fail(kind, head.position, "the record runs into the index");
   }
 
-  // Whether a light writer may have written it, who does not write the capacity that the data do
+  // Whether a light writer may have written it: that does not write the capacity that the data do
   // not use. The file may end there; and it may go on there, if the writer appends where the file
   // ends.
   bool HasReserve(const Head& head) const {
