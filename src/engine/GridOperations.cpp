@@ -68,8 +68,8 @@ unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& dat
   if (!entry.HoldsRecord()) return ZrResult::kReadFailure;
   operation.LeaveMutex();
   cells->AddHint(entry);
-  const unsigned int result =
-      File().MakeStore(*buffer).LookUp_Inner(entry, nullptr, data, filledLength, version);
+  const unsigned int result = TileStore::LookUp_Inner(File().GetPlace(), *buffer, entry, nullptr,
+                                                      data, filledLength, version);
   if (result == ZrResult::kOk) cells->KeepHint(entry);
   return result;
 }

@@ -99,14 +99,16 @@ unsigned int Engine::LookupName(const NameKey& key, ReadOperation& operation, Zr
   ZrByteArray* const buffer = GetSwapData();
   if (buffer == nullptr) return ZrResult::kReadFailure;
   NameIndex& names = *File().Names();
-  TileStore tiles = File().MakeStore(*buffer);
+  const TileStore::Place place = File().GetPlace();
   NameSlot slot;
   const std::uint32_t candidates = names.GetSameHashCodeCount(key.GetHashCode());
   if (candidates == 0) return ZrResult::kNotFound;
   if (candidates == 1) {
     if (!names.ReadSlot(key.GetHashCode(), slot)) return ZrResult::kReadFailure;
-  } else if (!names.GetNamingIdxValue(key, tiles, slot)) {
-    return slot.isNew ? ZrResult::kNotFound : ZrResult::kReadFailure;
+  } else {
+    TileStore tiles(place, *buffer);
+    if (!names.GetNamingIdxValue(key, tiles, slot))
+      return slot.isNew ? ZrResult::kNotFound : ZrResult::kReadFailure;
   }
   TileEntry& entry = slot.entry;
   if (entry.status == Format::kStatusEmpty) return ZrResult::kNotFound;
@@ -114,7 +116,8 @@ unsigned int Engine::LookupName(const NameKey& key, ReadOperation& operation, Zr
   operation.LeaveMutex();
   if (entry.HoldsRecord()) {
     names.AddHint(entry);
-    const unsigned int result = tiles.LookUp_Inner(entry, &key, data, filledLength, version);
+    const unsigned int result =
+        TileStore::LookUp_Inner(place, *buffer, entry, &key, data, filledLength, version);
     if (result != ZrResult::kReadFailure) {
       names.KeepHint(entry);
       return result;
@@ -123,6 +126,7 @@ unsigned int Engine::LookupName(const NameKey& key, ReadOperation& operation, Zr
   }
   // A record that cannot be read may have the name; one that can, and has another, is not meant.
   entry.isHeadRead = false;
+  TileStore tiles(place, *buffer);
   return NameIndex::HasName(entry, key, tiles) == false ? ZrResult::kNotFound
                                                         : ZrResult::kReadFailure;
 }

@@ -82,10 +82,8 @@ bool OpenFile::HasVersions() const {
   return m_cells != nullptr ? m_cells->HasVersions() : m_names != nullptr && m_names->HasVersions();
 }
 
-TileStore OpenFile::MakeStore(ZrByteArray& buffer) {
-  return TileStore(
-      {*m_file, m_pMap.get(), m_shape, Index().GetShape(), HasVersions(), *m_tail, Index()},
-      buffer);
+TileStore::Place OpenFile::GetPlace() {
+  return {*m_file, m_pMap.get(), m_shape, Index().GetShape(), HasVersions(), *m_tail, Index()};
 }
 
 bool OpenFile::HasSameHeaders() const {

@@ -62,7 +62,8 @@ class OpenFile {
   Io::Tail& GetTail() { return *m_tail; }
 
   /// Records and versions, with a thread's record buffer. For a file that has an index.
-  TileStore MakeStore(ZrByteArray& buffer);
+  TileStore MakeStore(ZrByteArray& buffer) { return TileStore(GetPlace(), buffer); }
+  TileStore::Place GetPlace();
 
   /// The number of the locked file that it was loaded from; 0 without the process lock.
   std::uint64_t GetLockedFile() const { return m_nLockedFile; }

@@ -351,16 +351,16 @@ bool TileStore::ReplaceLocator(Reference& reference, std::uint64_t locator) {
   return true;
 }
 
-unsigned int TileStore::LookUp_Inner(TileEntry& entry, const NameKey* key, ZrByteArray& data,
-                                     unsigned long long& filledLength,
-                                     std::uint64_t version) const {
+unsigned int TileStore::LookUp_Inner(const Place& place, ZrByteArray& buffer, TileEntry& entry,
+                                     const NameKey* key, ZrByteArray& data,
+                                     unsigned long long& filledLength, std::uint64_t version) {
   const std::uint64_t headSize =
-      Format::RecordHeadSize(m_place.shape, key != nullptr ? key->GetStoredLength() : 0);
-  Io::RecordReader record(m_place.file, m_place.shape, m_place.map);
+      Format::RecordHeadSize(place.shape, key != nullptr ? key->GetStoredLength() : 0);
+  Io::RecordReader record(place.file, place.shape, place.map);
   const auto read = [&](std::uint64_t position, std::uint64_t length) {
     const std::uint64_t payload = length > headSize ? length - headSize : 0;
-    return record.Read(position, {headSize, payload}, m_buffer) && record.Head().versionCount > 0 &&
-           m_place.index.LeavesRoom(position, record.Head().length);
+    return record.Read(position, {headSize, payload}, buffer) && record.Head().versionCount > 0 &&
+           place.index.LeavesRoom(position, record.Head().length);
   };
   if (!read(entry.position, entry.recordLength)) return ZrResult::kReadFailure;
   entry.recordLength = record.Head().length;
@@ -369,7 +369,7 @@ unsigned int TileStore::LookUp_Inner(TileEntry& entry, const NameKey* key, ZrByt
   const std::uint32_t older = record.Versions().SelectForLookup(version);
   if (older != 0 && !read(Format::PositionOf(record.Versions().Locator(older)), 0))
     return ZrResult::kReadFailure;
-  record.HandOver(m_buffer, data);
+  record.HandOver(buffer, data);
   filledLength = std::min(record.Head().filledLength, record.Head().capacity);
   return ZrResult::kOk;
 }

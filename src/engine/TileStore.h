@@ -56,8 +56,9 @@ class TileStore {
   ///
   /// kOk; kNotFound for the record of another name; kReadFailure. Without kOk `data` and
   /// `filledLength` are as they were.
-  unsigned int LookUp_Inner(TileEntry& entry, const NameKey* key, ZrByteArray& data,
-                            unsigned long long& filledLength, std::uint64_t version) const;
+  static unsigned int LookUp_Inner(const Place& place, ZrByteArray& buffer, TileEntry& entry,
+                                   const NameKey* key, ZrByteArray& data,
+                                   unsigned long long& filledLength, std::uint64_t version);
 
  private:
   using Record = Format::RecordImage;

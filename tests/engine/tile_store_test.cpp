@@ -75,13 +75,13 @@ class TileStoreTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
   }
   /// What a lookup gives, as far as it is filled.
   std::string Read(std::uint64_t stamp, const PelmUnicodeString& name = u"ab") {
-    const TileStore store({file, nullptr, shape, index, true, tail, entries}, buffer);
+    const TileStore::Place place = {file, nullptr, shape, index, true, tail, entries};
     const NameKey wanted(name, shape);
     ZrByteArray data;
     unsigned long long filled = 0;
     TileEntry tile = entry;
-    const auto result =
-        store.LookUp_Inner(tile, index.IsGrid() ? nullptr : &wanted, data, filled, stamp);
+    const auto result = TileStore::LookUp_Inner(
+        place, buffer, tile, index.IsGrid() ? nullptr : &wanted, data, filled, stamp);
     if (result != 0) return "result " + std::to_string(result);
     return std::string(data.GetData(), data.GetData() + filled);
   }
