@@ -65,7 +65,7 @@ bool TileCopier::Extend() {
 bool TileCopier::PlaceCrowdedRecords() {
   if (!ForAllCells(&TileCopier::CollectExtents)) return false;
   std::sort(m_extents.begin(), m_extents.end(),
-            [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
+            [](const auto& a, const auto& b) { return a.begin < b.begin; });
   for (std::size_t i = 0; i + 1 < m_extents.size(); ++i) {
     const std::uint64_t next = m_extents[i + 1].begin;
     const bool isCrowded = next >= m_extents[i].filledEnd && next < m_extents[i].end;
@@ -92,10 +92,7 @@ bool TileCopier::AddExtent(std::uint64_t position) {
   if (!m_reader.ReadHead(position, 0, m_payload)) return false;
   const Format::RecordHead& head = m_reader.Head();
   m_read += head.size;
-  const bool hasReserve = head.versionCount == 1 && head.filledLength < head.capacity &&
-                          head.length == head.size + head.capacity;
-  const std::uint64_t filled = hasReserve ? head.size + head.filledLength : head.length;
-  m_extents.push_back({position, position + filled, position + head.length});
+  m_extents.push_back(head.ExtentAt(position));
   return head.versionCount != 0 && m_index.LeavesRoom(position, head.length) &&
          m_read <= m_sourceLength;
 }
@@ -275,8 +272,7 @@ void TileCopier::CollectVersions() {
   const Format::VersionTable table = m_reader.Versions();
   m_versions.clear();
   for (std::uint32_t entry = 0; entry < table.Count(); ++entry) {
-    const std::uint8_t status = Format::StatusOf(table.Locator(entry));
-    const bool isGone = status == Format::kStatusEmpty || status == Format::kStatusUnknown;
+    const bool isGone = Format::IsGone(Format::StatusOf(table.Locator(entry)));
     if (entry == 0 || !isGone) m_versions.push_back({table.Stamp(entry), table.Locator(entry)});
   }
 }

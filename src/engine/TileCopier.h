@@ -53,12 +53,6 @@ class TileCopier {
     std::uint64_t locator;
   };
 
-  /// A record of the source. Behind `filledEnd` it has room that a light writer has not written.
-  struct Extent {
-    std::uint64_t begin;
-    std::uint64_t filledEnd;
-    std::uint64_t end;
-  };
   bool PlaceCrowdedRecords();
   bool CollectExtents(const Io::IndexWalker& cells);
   bool AddExtent(std::uint64_t position);
@@ -117,7 +111,7 @@ class TileCopier {
   std::vector<Version> m_versions;                   // of the tile being copied, that are alive
   std::uint64_t m_payloadBytes = 0;                  // of those of them that were written
   std::uint64_t m_tableBytes = 0;                    // of what was written for entries of others
-  std::vector<Extent> m_extents;
+  std::vector<Format::RecordExtent> m_extents;
   // Records that are in the target already: where they are in the source, and in the target.
   std::unordered_map<std::uint64_t, std::uint64_t> m_placed;
   std::uint64_t m_statedEnd = 0;  // of those

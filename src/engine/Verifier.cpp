@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "FileHeader.h"
+#include "Findings.h"
 #include "IndexHeaders.h"
 #include "IndexWalker.h"
 #include "NameHash.h"
@@ -35,20 +36,19 @@ class Verifier {
            ZrCompactFile::ZrVerifySummary& summary)
       : m_file(file),
         m_xorString(xorString),
-        m_report(report),
-        m_progress(progress),
-        m_summary(summary) {}
+        m_summary(summary),
+        m_findings(report, progress, summary.findings) {}
 
   unsigned int Run() {
     if (!m_file.GetLength(m_fileLength)) {
-      Report(Finding::kUnreadable, 0, "the file does not tell its length");
+      m_findings.Report(Finding::kUnreadable, 0, "the file does not tell its length");
     } else if (CheckHeader() && CheckIndexHeader()) {
       CheckEntries();
       CheckOrdinals();
       CheckOverlaps();
     }
     if (m_summary.findings != 0) return ZrResult::kReadFailure;
-    return m_ended ? ZrResult::kNotUsable : ZrResult::kOk;
+    return m_findings.HaveEnded() ? ZrResult::kNotUsable : ZrResult::kOk;
   }
 
  private:
@@ -59,13 +59,8 @@ class Verifier {
     Format::RecordHead fields;
     ZrByteArray bytes;
   };
-  /// The bytes that a record takes, and the number of its entry. Nothing but the record lies before
-  /// `filledEnd`; behind that, what a light writer has not written may hold others.
-  struct Extent {
-    std::uint64_t begin;
-    std::uint64_t filledEnd;
-    std::uint64_t end;
-    std::uint32_t number;
+  struct Extent : Format::RecordExtent {
+    std::uint32_t number;  // of the entry
   };
   /// A hash code, with the ordinal in the lowest byte, so that the codes of one hash are
   /// neighbours.
@@ -88,9 +83,9 @@ class Verifier {
     constexpr auto kKind = Finding::kHeader;
     switch (Io::ReadFileHeader(m_file, m_xorString, m_header, m_records.swap)) {
       case Io::HeaderRead::kTooShort:
-        return Fail(kKind, 0, "the file has no whole header");
+        return m_findings.Fail(kKind, 0, "the file has no whole header");
       case Io::HeaderRead::kBadMagic:
-        return Fail(kKind, 0, "the header does not begin with \"CF\"");
+        return m_findings.Fail(kKind, 0, "the header does not begin with \"CF\"");
       case Io::HeaderRead::kOk:
         break;
     }
@@ -98,31 +93,34 @@ class Verifier {
     m_records = header.Records(m_records.swap);
     m_index = {m_records.kind, header.IndexOffset()};
     if (m_header[Format::kBigEndianFlagOffset] > 1)
-      Report(kKind, Format::kBigEndianFlagOffset, "the byte order is neither 0 nor 1");
+      m_findings.Report(kKind, Format::kBigEndianFlagOffset, "the byte order is neither 0 nor 1");
     if (m_records.formatVersion != Format::kCurrentVersion &&
         m_records.formatVersion != Format::kOlderVersion)
-      Report(kKind, Format::kFormatVersionOffset, "the format version is unknown");
+      m_findings.Report(kKind, Format::kFormatVersionOffset, "the format version is unknown");
     if (!std::isfinite(header.CreateTime()))
-      Report(kKind, Format::kCreateTimeOffset, "the time of creation is not a number");
+      m_findings.Report(kKind, Format::kCreateTimeOffset, "the time of creation is not a number");
     if (std::any_of(m_header.begin() + Format::kReservedOffset, m_header.end(),
                     [](unsigned char byte) { return byte != 0; }))
-      Report(kKind, Format::kReservedOffset, "the reserved bytes are not zero");
+      m_findings.Report(kKind, Format::kReservedOffset, "the reserved bytes are not zero");
     if (!IsGrid() && !m_records.IsNaming())
-      return Fail(kKind, Format::kFileKindOffset, "the kind of the file is unknown");
+      return m_findings.Fail(kKind, Format::kFileKindOffset, "the kind of the file is unknown");
     // Only the index of names ever moves.
     if (IsGrid() ? m_index.begin != Format::kHeaderSize : m_index.begin < Format::kHeaderSize)
-      return Fail(kKind, Format::kIndexOffsetOffset, "the index does not lie behind the header");
+      return m_findings.Fail(kKind, Format::kIndexOffsetOffset,
+                             "the index does not lie behind the header");
     return true;
   }
 
   bool CheckIndexHeader() {
     const std::uint64_t size = m_index.HeaderSize();
     if (m_fileLength < size || m_index.begin > m_fileLength - size)
-      return Fail(Finding::kIndex, m_index.begin, "the index header does not lie in the file");
+      return m_findings.Fail(Finding::kIndex, m_index.begin,
+                             "the index header does not lie in the file");
     Format::GridHeaderImage grid;
     Format::NamingHeaderImage naming;
     if (!m_file.ReadAt(m_index.begin, IsGrid() ? grid.data() : naming.data(), size))
-      return Fail(Finding::kUnreadable, m_index.begin, "the index header cannot be read");
+      return m_findings.Fail(Finding::kUnreadable, m_index.begin,
+                             "the index header cannot be read");
     if (IsGrid())
       CheckGridHeader(Format::DecodeGridHeader(grid, m_records.swap));
     else if (!CheckNamingHeader(Format::DecodeNamingHeader(naming, m_records.swap)))
@@ -134,7 +132,8 @@ class Verifier {
   void CheckGridHeader(const Format::GridHeader& grid) {
     const std::uint32_t cells = grid.rowCount * grid.colCount;  // wraps, as where it is created
     if (grid.rowCount == 0 || grid.colCount == 0 || cells > Format::kMaxGridCells)
-      Report(Finding::kIndex, m_index.begin, "no grid has this number of rows and columns");
+      m_findings.Report(Finding::kIndex, m_index.begin,
+                        "no grid has this number of rows and columns");
     CheckFlags(grid.flags, m_index.begin + Format::kGridFlagsOffset);
     m_colCount = grid.colCount;
     m_index = Format::IndexShape::OfGrid(m_index.begin, grid.rowCount, grid.colCount);
@@ -143,10 +142,10 @@ class Verifier {
 
   bool CheckNamingHeader(const Format::NamingHeader& naming) {
     if (naming.capacity == 0 || naming.capacity > Format::kMaxNamingCapacity)
-      return Fail(Finding::kIndex, m_index.begin, "no index has this number of slots");
+      return m_findings.Fail(Finding::kIndex, m_index.begin, "no index has this number of slots");
     if (naming.count > naming.capacity)
-      return Fail(Finding::kIndex, m_index.begin + Format::kNamingCountOffset,
-                  "more slots are in use than there are");
+      return m_findings.Fail(Finding::kIndex, m_index.begin + Format::kNamingCountOffset,
+                             "more slots are in use than there are");
     CheckFlags(naming.flags, m_index.begin + Format::kNamingFlagsOffset);
     m_index.count = naming.capacity;
     m_count = naming.count;
@@ -156,14 +155,14 @@ class Verifier {
   void CheckFlags(std::uint32_t flags, std::uint64_t position) {
     m_hasVersions = (flags & Format::kVersionsEnabled) != 0;
     if ((flags & ~Format::kVersionsEnabled) != 0)
-      Report(Finding::kIndex, position, "a flag is set that has no meaning");
+      m_findings.Report(Finding::kIndex, position, "a flag is set that has no meaning");
   }
 
   void CheckIndexArea() {
     m_summary.indexBytes =
         Format::kHeaderSize + std::min(m_index.End(), m_fileLength) - m_index.begin;
     if (m_index.End() <= m_fileLength) return;
-    Report(Finding::kIndex, m_fileLength, "the file ends within the index");
+    m_findings.Report(Finding::kIndex, m_fileLength, "the file ends within the index");
     const std::uint64_t first = m_index.EntryAt(0);
     const std::uint64_t room = m_fileLength > first ? m_fileLength - first : 0;
     m_count = std::min(m_count, room / m_index.EntrySize());
@@ -173,7 +172,7 @@ class Verifier {
   void CheckEntries() {
     Io::IndexWalker entries(m_file, m_index, m_records.swap, m_count,
                             {.isShared = true, .blockSize = kEntriesAtOnce});
-    for (std::uint64_t next = 0; next < m_count && !m_ended;) {
+    for (std::uint64_t next = 0; next < m_count && !m_findings.HaveEnded();) {
       const bool isRead = entries.Next();
       // Cells in a hole are empty. Slots should not lie there, but an index may claim more of them
       // than the file has bytes.
@@ -181,16 +180,16 @@ class Verifier {
       if (!isRead && !entries.HasFailed()) break;
       CheckBlock(entries);
       next = entries.Position();
-      if (next < m_count) TellProgress(next);
+      if (next < m_count) m_findings.TellProgress(next, m_count);
     }
-    if (!m_ended && entries.Position() < m_count)
+    if (!m_findings.HaveEnded() && entries.Position() < m_count)
       ReportEntry(Finding::kUnreadable, entries.Position(), kIndexUnreadable);
-    TellProgress(m_count);
+    m_findings.TellProgress(m_count, m_count);
   }
 
   void CheckBlock(const Io::IndexWalker& entries) {
     if (entries.HasFailed()) ReportEntry(Finding::kUnreadable, entries.First(), kIndexUnreadable);
-    for (std::size_t i = 0; i < entries.Size() && !m_ended; ++i)
+    for (std::size_t i = 0; i < entries.Size() && !m_findings.HaveEnded(); ++i)
       CheckEntry(entries.First() + i, entries.Value(i), IsGrid() ? 0 : entries.Code(i));
   }
 
@@ -225,8 +224,9 @@ class Verifier {
     if (!IsGrid()) CheckName(m_current);
     const std::uint32_t count = m_current.fields.versionCount;
     if (count > 1 && !m_hasVersions)
-      Report(Finding::kRecord, position, "the tile has versions, which the file does not keep");
-    for (std::uint32_t entry = 1; entry < count && !m_ended; ++entry)
+      m_findings.Report(Finding::kRecord, position,
+                        "the tile has versions, which the file does not keep");
+    for (std::uint32_t entry = 1; entry < count && !m_findings.HaveEnded(); ++entry)
       CheckOlderVersion(entry);
   }
 
@@ -236,23 +236,24 @@ class Verifier {
     const std::uint64_t locator = VersionsOf(m_current).Locator(entry);
     const std::uint8_t status = Format::StatusOf(locator);
     const std::uint64_t position = Format::PositionOf(locator);
-    m_at.version = VersionsOf(m_current).Stamp(entry);
-    const bool isGone = status == Format::kStatusEmpty || status == Format::kStatusUnknown;
+    const std::uint64_t stamp = VersionsOf(m_current).Stamp(entry);
+    m_findings.At().version = stamp;
+    const bool isGone = Format::IsGone(status);
     if (isGone && position == 0) return;
     const std::uint64_t place = m_current.position + m_current.fields.tableOffset +
                                 std::uint64_t{entry} * Format::kVersionEntrySize;
     if (!isGone && !Format::HoldsRecord(status))
-      return Report(kKind, place, "the version has a status that is never stored");
+      return m_findings.Report(kKind, place, "the version has a status that is never stored");
     if (!IsPlace(position))
-      return Report(kKind, place, "the table names a place where no record can be");
+      return m_findings.Report(kKind, place, "the table names a place where no record can be");
     if (!ReadRecord(kKind, position, m_older)) return;
     if (!isGone) KeepExtent(m_older);
-    if (VersionsOf(m_older).Stamp(0) != m_at.version)
-      Report(kKind, position,
-             "the record of an older version has another stamp than the table says");
+    if (VersionsOf(m_older).Stamp(0) != stamp)
+      m_findings.Report(kKind, position,
+                        "the record of an older version has another stamp than the table says");
     const Format::StoredName name = NameOf(m_current), olderName = NameOf(m_older);
     if (name.charset != olderName.charset || name.bytes != olderName.bytes)
-      Report(kKind, position, "the record of an older version has another name");
+      m_findings.Report(kKind, position, "the record of an older version has another name");
   }
 
   bool IsPlace(std::uint64_t position) {
@@ -270,11 +271,12 @@ class Verifier {
   // Reads and checks the head of a version's record; false if the version cannot be used.
   bool ReadRecord(Finding::Kind kind, std::uint64_t position, Head& head) {
     if (!ReadHead(kind, position, head) || !CheckExtent(kind, head)) return false;
-    if (head.fields.versionCount == 0) return Fail(kind, position, "the record has no version");
+    if (head.fields.versionCount == 0)
+      return m_findings.Fail(kind, position, "the record has no version");
     CheckTable(kind, head);
     const Format::RecordHead& fields = head.fields;
     if (fields.filledLength == 0 || fields.filledLength > fields.capacity)
-      Report(kind, position, "the filled length does not fit the capacity");
+      m_findings.Report(kind, position, "the filled length does not fit the capacity");
     return true;
   }
 
@@ -286,14 +288,14 @@ class Verifier {
     for (;;) {
       if (!head.bytes.ResizeForOverwrite(wanted)) throw std::bad_alloc();
       if (!m_file.ReadAt(position, head.bytes.GetData(), wanted))
-        return Fail(Finding::kUnreadable, position, "the record cannot be read");
+        return m_findings.Fail(Finding::kUnreadable, position, "the record cannot be read");
       const HeadParse parse =
           Format::ParseRecordHead(head.bytes.GetData(), wanted, m_records, head.fields);
       if (parse.outcome == HeadParse::kComplete) return Spend(position, head.fields.size);
       if (parse.outcome == HeadParse::kDamaged)
-        return Fail(kind, position, "the record does not hold what it states");
+        return m_findings.Fail(kind, position, "the record does not hold what it states");
       if (parse.needed > std::min(room, kLargestHead))
-        return Fail(kind, position, "the head of the record does not lie in the file");
+        return m_findings.Fail(kind, position, "the head of the record does not lie in the file");
       if (!Spend(position, parse.needed)) return false;
       wanted = parse.needed;
     }
@@ -305,8 +307,9 @@ class Verifier {
   bool Spend(std::uint64_t position, std::uint64_t bytes) {
     m_headBytes += bytes;
     if (m_headBytes / 3 <= m_fileLength) return true;
-    Report(Finding::kOverlap, position, "so many records overlap that the rest was not looked at");
-    m_ended = true;
+    m_findings.Report(Finding::kOverlap, position,
+                      "so many records overlap that the rest was not looked at");
+    m_findings.End();
     return false;
   }
 
@@ -316,21 +319,12 @@ class Verifier {
     if (length > m_fileLength - head.position) LookForGrowth();
     const std::uint64_t room = m_fileLength - head.position;
     if (length > room) {
-      if (!HasReserve(head) || room <= head.fields.size)
-        return Fail(kind, head.position, kPastTheEnd);
+      if (!IsGrid() || !head.fields.HasReserve() || room <= head.fields.size)
+        return m_findings.Fail(kind, head.position, kPastTheEnd);
       m_summary.unwrittenBytes = std::max<std::uint64_t>(m_summary.unwrittenBytes, length - room);
     }
     return m_index.LeavesRoom(head.position, length) ||
-           Fail(kind, head.position, "the record runs into the index");
-  }
-
-  // Whether a light writer may have written it: that does not write the capacity that the data do
-  // not use. The file may end there; and it may go on there, if the writer appends where the file
-  // ends.
-  bool HasReserve(const Head& head) const {
-    const Format::RecordHead& fields = head.fields;
-    return IsGrid() && fields.versionCount == 1 && fields.filledLength < fields.capacity &&
-           fields.length == fields.size + fields.capacity;
+           m_findings.Fail(kind, head.position, "the record runs into the index");
   }
 
   // Of entry 0 the position may be stale. The status of a version need not be what its filling
@@ -339,12 +333,14 @@ class Verifier {
     const Format::VersionTable table = VersionsOf(head);
     const std::uint64_t own = table.Locator(0);
     if (!Format::HoldsRecord(Format::StatusOf(own)))
-      Report(kind, head.position, "the record's own version has a status that is never stored");
+      m_findings.Report(kind, head.position,
+                        "the record's own version has a status that is never stored");
     if (Format::PositionOf(own) != 0 && !IsPlace(Format::PositionOf(own)))
-      Report(kind, head.position, "the record's own version names a place where no record can be");
+      m_findings.Report(kind, head.position,
+                        "the record's own version names a place where no record can be");
     for (std::uint32_t entry = 1; entry < table.Count(); ++entry)
       if (table.Stamp(entry) >= table.Stamp(entry - 1))
-        return Report(kind, head.position, "the stamps of the table do not descend");
+        return m_findings.Report(kind, head.position, "the stamps of the table do not descend");
   }
 
   void CheckName(const Head& head) {
@@ -352,25 +348,24 @@ class Verifier {
     const bool isUtf16 = m_records.formatVersion == Format::kCurrentVersion;
     if (!isUtf16 && m_records.formatVersion != Format::kOlderVersion) return;  // has no names
     if (isUtf16 && (name.charset != Format::kNameCharsetUtf16 || name.bytes.size() % 2 != 0))
-      Report(Finding::kRecord, head.position, "the name is not UTF-16");
+      m_findings.Report(Finding::kRecord, head.position, "the name is not UTF-16");
     const std::uint64_t hash = isUtf16 ? Format::HashUnits(UnitsOf(name.bytes, m_records.swap))
                                        : Format::HashBytes(name.bytes);
     if (hash != (m_code & Format::kHashMask))
-      Report(Finding::kRecord, head.position, "the name has another hash than its slot says");
+      m_findings.Report(Finding::kRecord, head.position,
+                        "the name has another hash than its slot says");
   }
 
   void KeepExtent(const Head& head) {
     ++m_summary.versions;
-    const Format::RecordHead& fields = head.fields;
-    const std::uint64_t filled =
-        HasReserve(head) ? fields.size + fields.filledLength : fields.length;
-    m_extents.push_back({head.position, head.position + filled, head.position + fields.length,
-                         static_cast<std::uint32_t>(m_at.number)});
+    Format::RecordExtent extent = head.fields.ExtentAt(head.position);
+    if (!IsGrid()) extent.filledEnd = extent.end;
+    m_extents.push_back({extent, static_cast<std::uint32_t>(m_findings.At().number)});
   }
 
   // The names of one hash have the ordinals 0, 1, 2 and so on; a lookup ends where one is missing.
   void CheckOrdinals() {
-    if (m_ended) return;
+    if (m_findings.HaveEnded()) return;
     std::sort(m_codes.begin(), m_codes.end(),
               [](const Code& a, const Code& b) { return a.rotated < b.rotated; });
     std::uint64_t next = 0;  // the code that goes on with the run
@@ -384,7 +379,7 @@ class Verifier {
   }
 
   void CheckOverlaps() {
-    if (m_ended) return;
+    if (m_findings.HaveEnded()) return;
     std::sort(m_extents.begin(), m_extents.end(),
               [](const Extent& a, const Extent& b) { return a.begin < b.begin; });
     std::uint64_t filledEnd = 0;
@@ -392,11 +387,12 @@ class Verifier {
     for (const Extent& extent : m_extents) {
       SetTile(extent.number);
       if (extent.begin < filledEnd)
-        Report(Finding::kOverlap, extent.begin, "the record overlaps another one that is alive");
+        m_findings.Report(Finding::kOverlap, extent.begin,
+                          "the record overlaps another one that is alive");
       // Something else than other records lies in its reserve.
       if (extent.end > m_fileLength && extent.filledEnd < m_fileLength &&
           &extent == &m_extents.back())
-        Report(Finding::kRecord, extent.begin, kPastTheEnd);
+        m_findings.Report(Finding::kRecord, extent.begin, kPastTheEnd);
       const std::uint64_t begin = std::max(extent.begin, end);
       const std::uint64_t inFile = std::min(extent.end, m_fileLength);
       if (begin < inFile) m_summary.liveBytes += inFile - begin;
@@ -407,51 +403,22 @@ class Verifier {
   }
 
   void SetTile(std::uint64_t number) {
-    m_at = {};
-    m_at.number = number;
+    Finding& at = m_findings.At() = {};
+    at.number = number;
     if (!IsGrid()) return;
-    m_at.row = static_cast<unsigned int>(number / m_colCount);
-    m_at.col = static_cast<unsigned int>(number % m_colCount);
-  }
-
-  void TellProgress(std::uint64_t done) { Tell(m_progress, done, m_count); }
-
-  void Report(Finding::Kind kind, std::uint64_t position, const char* message) {
-    if (m_ended) return;
-    ++m_summary.findings;
-    m_at.kind = kind;
-    m_at.position = position;
-    m_at.message = message;
-    Tell(m_report, m_at);
-  }
-
-  // A callback ends the check by its answer false, and by an exception.
-  template <typename Callback, typename... Arguments>
-  void Tell(const Callback& callback, const Arguments&... arguments) {
-    if (m_ended || !callback) return;
-    try {
-      m_ended = !callback(arguments...);
-    } catch (...) {
-      m_ended = true;
-    }
+    at.row = static_cast<unsigned int>(number / m_colCount);
+    at.col = static_cast<unsigned int>(number % m_colCount);
   }
 
   void ReportEntry(Finding::Kind kind, std::uint64_t number, const char* message) {
     SetTile(number);
-    Report(kind, m_index.EntryAt(number), message);
-  }
-
-  // The same, for what makes it pointless to look further.
-  bool Fail(Finding::Kind kind, std::uint64_t position, const char* message) {
-    Report(kind, position, message);
-    return false;
+    m_findings.Report(kind, m_index.EntryAt(number), message);
   }
 
   const ZrFile64& m_file;
   const Format::XorString& m_xorString;
-  const ZrCompactFile::VerifyReport& m_report;
-  const ZrCompactFile::VerifyProgress& m_progress;
   ZrCompactFile::ZrVerifySummary& m_summary;
+  Findings m_findings;
   std::uint64_t m_fileLength = 0;
 
   Format::HeaderImage m_header{};
@@ -461,14 +428,12 @@ class Verifier {
   bool m_hasVersions = false;
   std::uint64_t m_count = 0;  // entries that are in use, and in the file
 
-  Finding m_at;                   // what is being looked at
   std::uint64_t m_code = 0;       // of the slot
   Head m_current;                 // of the tile's current record
   Head m_older;                   // of an older version's
   std::uint64_t m_headBytes = 0;  // that were read of all heads
   std::vector<Extent> m_extents;  // of what is alive
   std::vector<Code> m_codes;      // of all slots in use
-  bool m_ended = false;           // nothing more is to be looked at
 };
 
 }  // namespace

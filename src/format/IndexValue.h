@@ -26,6 +26,11 @@ constexpr bool HoldsRecord(std::uint8_t status) {
   return status == kStatusComplete || status == kStatusPartial;
 }
 
+/// An older version of this status is dead space.
+constexpr bool IsGone(std::uint8_t status) {
+  return status == kStatusEmpty || status == kStatusUnknown;
+}
+
 /// A hint of how long the record of an index value is, by the value of the next entry: programs
 /// mostly store tiles in the order of the index, so the next record mostly begins where this one
 /// ends. 0 for no hint, or if a wrong one would cost more than a right one may save.

@@ -8,6 +8,14 @@
 /// The head of a data record: everything before its payload area.
 namespace Zarn::Format {
 
+/// The bytes of a file that a record takes. Nothing but the record lies before `filledEnd`; behind
+/// that may lie others, where a light writer has left its capacity unwritten.
+struct RecordExtent {
+  std::uint64_t begin;
+  std::uint64_t filledEnd;
+  std::uint64_t end;
+};
+
 /// A parsed head. Every extent in it was found to lie within the stated record length.
 struct RecordHead {
   std::uint64_t length = 0;      // of the whole record, as it states itself
@@ -22,6 +30,16 @@ struct RecordHead {
   /// The status of a version that no entry or locator states.
   std::uint8_t StatusByFilling() const {
     return filledLength == capacity ? kStatusComplete : kStatusPartial;
+  }
+  /// Whether a light writer may have written it, into a grid: that does not write the capacity that
+  /// the data do not use. The file may end there; and it may go on there, if the writer appends
+  /// where the file ends.
+  bool HasReserve() const {
+    return versionCount == 1 && filledLength < capacity && length == size + capacity;
+  }
+  /// The extent of the grid record at `position`.
+  RecordExtent ExtentAt(std::uint64_t position) const {
+    return {position, position + (HasReserve() ? size + filledLength : length), position + length};
   }
   VersionTable Table(const unsigned char* record, bool swap) const {
     return VersionTable(record + tableOffset, versionCount, swap);
