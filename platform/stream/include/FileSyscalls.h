@@ -30,6 +30,8 @@ struct FileSyscalls {
   int (*fdatasync)(int fd);
   int (*fsync)(int fd);
   int (*sync_file_range)(int fd, off_t position, off_t length, unsigned int flags);
+  /// fcntl with the commands for locks of open file descriptions.
+  int (*lock)(int fd, int command, struct flock* lock);
   int (*fchmod)(int fd, mode_t mode);
   int (*fchown)(int fd, uid_t user, gid_t group);
   ssize_t (*getxattr)(const char* path, const char* name, void* value, size_t size);

@@ -31,7 +31,7 @@ bool Ask(int fd, int command, short type, Bytes bytes) {
   request.l_whence = SEEK_SET;
   request.l_start = bytes.start;
   request.l_len = bytes.count;
-  return Uninterrupted([&] { return ::fcntl(fd, command, &request); }) == 0 &&
+  return Uninterrupted([&] { return GetFileSyscalls().lock(fd, command, &request); }) == 0 &&
          (command != F_OFD_GETLK || request.l_type == F_UNLCK);
 }
 

@@ -26,6 +26,7 @@ FileSyscalls g_syscalls = {
     ::fdatasync,
     ::fsync,
     ::sync_file_range,
+    [](int fd, int command, struct flock* lock) { return ::fcntl(fd, command, lock); },
     ::fchmod,
     ::fchown,
     ::getxattr,
