@@ -33,9 +33,10 @@ class Verifier {
  public:
   Verifier(const ZrFile64& file, const Format::XorString& xorString,
            const ZrCompactFile::VerifyReport& report, const ZrCompactFile::VerifyProgress& progress,
-           ZrCompactFile::ZrVerifySummary& summary)
+           const std::function<bool()>& pause, ZrCompactFile::ZrVerifySummary& summary)
       : m_file(file),
         m_xorString(xorString),
+        m_pause(pause),
         m_summary(summary),
         m_findings(report, progress, summary.findings) {}
 
@@ -99,8 +100,12 @@ class Verifier {
       m_findings.Report(kKind, Format::kFormatVersionOffset, "the format version is unknown");
     if (!std::isfinite(header.CreateTime()))
       m_findings.Report(kKind, Format::kCreateTimeOffset, "the time of creation is not a number");
-    if (std::any_of(m_header.begin() + Format::kReservedOffset, m_header.end(),
-                    [](unsigned char byte) { return byte != 0; }))
+    // Between them are the words of the board, which those who use the file leave when they die.
+    const auto isSet = [](unsigned char byte) { return byte != 0; };
+    const auto* const bytes = m_header.data();
+    if (std::any_of(bytes + Format::kReservedOffset,
+                    bytes + Format::kHeaderFieldsSize, isSet) ||
+        std::any_of(bytes + Format::kMaskOffset, bytes + Format::kHeaderSize, isSet))
       m_findings.Report(kKind, Format::kReservedOffset, "the reserved bytes are not zero");
     if (!IsGrid() && !m_records.IsNaming())
       return m_findings.Fail(kKind, Format::kFileKindOffset, "the kind of the file is unknown");
@@ -168,10 +173,9 @@ class Verifier {
     m_count = std::min(m_count, room / m_index.EntrySize());
   }
 
-  // Beside the check another process may store new tiles in a grid.
   void CheckEntries() {
     Io::IndexWalker entries(m_file, m_index, m_records.swap, m_count,
-                            {.isShared = true, .blockSize = kEntriesAtOnce});
+                            {.blockSize = kEntriesAtOnce});
     for (std::uint64_t next = 0; next < m_count && !m_findings.HaveEnded();) {
       const bool isRead = entries.Next();
       // Cells in a hole are empty. Slots should not lie there, but an index may claim more of them
@@ -181,6 +185,7 @@ class Verifier {
       CheckBlock(entries);
       next = entries.Position();
       if (next < m_count) m_findings.TellProgress(next, m_count);
+      if (!m_findings.HaveEnded() && !m_pause()) m_findings.End();
     }
     if (!m_findings.HaveEnded() && entries.Position() < m_count)
       ReportEntry(Finding::kUnreadable, entries.Position(), kIndexUnreadable);
@@ -417,6 +422,7 @@ class Verifier {
 
   const ZrFile64& m_file;
   const Format::XorString& m_xorString;
+  const std::function<bool()>& m_pause;
   ZrCompactFile::ZrVerifySummary& m_summary;
   Findings m_findings;
   std::uint64_t m_fileLength = 0;
@@ -441,8 +447,9 @@ class Verifier {
 unsigned int VerifyFile(const ZrFile64& file, const Format::XorString& xorString,
                         const ZrCompactFile::VerifyReport& report,
                         const ZrCompactFile::VerifyProgress& progress,
+                        const std::function<bool()>& pause,
                         ZrCompactFile::ZrVerifySummary& summary) {
-  return Verifier(file, xorString, report, progress, summary).Run();
+  return Verifier(file, xorString, report, progress, pause, summary).Run();
 }
 
 }  // namespace Zarn::Engine

@@ -15,8 +15,8 @@
 
 // clang-format off
 #define FOR_EACH_CALL(DO)                                                          \
-  DO(open) DO(close) DO(pread) DO(pwrite) DO(pwritev) DO(copy_file_range) DO(fstat) DO(stat) DO(statx) \
-  DO(lseek) DO(mmap) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(sync_file_range) DO(lock) DO(fchmod) DO(fchown) \
+  DO(open) DO(close) DO(pread) DO(pwrite) DO(pwritev) DO(copy_file_range) DO(fstat) DO(fstatfs) DO(stat) DO(statx) \
+  DO(lseek) DO(mmap) DO(madvise) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(sync_file_range) DO(lock) DO(fchmod) DO(fchown) \
   DO(getxattr) DO(fgetxattr) DO(fsetxattr) DO(fremovexattr) DO(mkdir) DO(unlink) \
   DO(link) DO(rename) DO(renameNoReplace) DO(renameExchange)
 // clang-format on
