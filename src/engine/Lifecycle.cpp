@@ -251,11 +251,12 @@ bool Engine::RefreshFile() {
   OpenFile* const file = m_state.file.get();
   const bool mustReopen = (m_nOpenMode & ZrCompactFile::kReadOnly) != 0 && file != nullptr &&
                           !file->GetStream()->IsReadOnly();
-  if (!m_state.IsUsable() || mustReopen || !lock.isLocked() ||
+  if (!m_state.IsUsable() || !lock.isLocked() ||
       file->GetLockedFile() != lock.GetLockedFile())
     return false;
   const auto change = file->Refresh(lock.IsExclusive(), lock.GetLockedLength());
-  if (change == OpenFile::Change::kAll) return false;
+  if (change == OpenFile::Change::kAll || (mustReopen && change != OpenFile::Change::kNone))
+    return false;
   if (change == OpenFile::Change::kNames) {
     m_locks.GetLookups().Stop();
     if (!file->Names()->AddNewNames()) return false;

@@ -111,10 +111,10 @@ OpenFile::Change OpenFile::Refresh(bool mayWrite, std::uint64_t length) {
   if (m_board->GetPlace() == Io::Board::kNowhere && !m_header.IsIn(*m_file)) return Change::kAll;
   if (!HasIndex() || change == Io::Board::Change::kNone) return Change::kNone;
   m_tail->Invalidate();
-  if (m_names == nullptr) return Change::kNone;
+  if (m_names == nullptr) return Change::kTiles;
   switch (m_names->LookForNewNames()) {
     case NameIndex::Growth::kNone:
-      return Change::kNone;
+      return Change::kTiles;
     case NameIndex::Growth::kNewNames:
       return Change::kNames;
     default:

@@ -46,7 +46,7 @@ bool Operation::ExcludeReaders() HX_NOT_CHECKED {
   ProcessLock& lock = m_locks.m_process;
   if (!lock.ExcludeReaders()) return false;
   if (!lock.IsDisabled() &&
-      m_state.file->Refresh(true, lock.GetLockedLength()) != OpenFile::Change::kNone)
+      m_state.file->Refresh(true, lock.GetLockedLength()) == OpenFile::Change::kAll)
     return false;
   BeginWriting();
   return true;

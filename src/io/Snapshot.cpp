@@ -20,8 +20,9 @@ bool Snapshot::Begin() {
   const int looks = m_board.IsNear() ? 2000 : 100;
   if (++m_attempts > kMostAttempts) return false;
   m_comparesEntry = false;
-  m_words = m_board.GetKnown();
-  if (m_attempts == 1 && !m_board.IsBusy() && !m_board.IsNear() && m_board.IsSettled(m_words))
+  const bool mayBeKnown = m_attempts == 1 && !m_board.IsBusy() && !m_board.IsNear();
+  m_words = m_hasNext ? m_next : m_board.GetKnown();
+  if ((m_hasNext || mayBeKnown) && m_board.IsOurs(m_words) && m_board.IsSettled(m_words))
     return true;
   for (int i = 0; i < looks; ++i) {
     if (!m_board.Look(m_words) || !m_board.IsOurs(m_words)) return false;
@@ -46,6 +47,8 @@ bool Snapshot::IsUnchanged(Board::Words& now) {
   if (!m_board.Look(now)) return false;
   const bool isSame = m_board.IsOurs(now) && now.entries == m_words.entries;
   m_board.Note(now, !isSame);
+  m_hasNext = !isSame;
+  m_next = now;
   return isSame;
 }
 

@@ -66,6 +66,8 @@ class Snapshot {
   const ZrFileStream& m_file;
   FileMap* const m_map;
   Board::Words m_words;  // before anything was read
+  Board::Words m_next;   // as the last attempt has left them
+  bool m_hasNext = false;
   int m_attempts = 0;
   bool m_comparesEntry = false;
   std::uint64_t m_entry = 0;

@@ -245,44 +245,6 @@ TEST_P(SharingNewTiles, AreSeenAtOnceAndWhole) {
   Check();
 }
 
-constexpr off_t kNowhere = -1;
-off_t g_cut = kNowhere;  // a read is cut in two here, and g_between comes between
-std::function<void()> g_between;
-
-TEST_F(Sharing, AnEntryIsFilledWhileItIsRead) {
-  GetFileSyscalls().pread = [](int fd, void* bytes, std::size_t size, off_t position) {
-    if (position < g_cut && g_cut < position + static_cast<off_t>(size))
-      return ::pread(fd, bytes, static_cast<std::size_t>(g_cut - position), position);
-    if (position == g_cut) {
-      g_cut = kNowhere;
-      g_between();
-    }
-    return ::pread(fd, bytes, size, position);
-  };
-  for (const bool isForeign : {false, true}) {
-    ZrFile::Delete(path);
-    MakeGrid(1, 200, isForeign, kLocked);
-    ASSERT_EQ(fresh.Open(path, u"", kLocked), 0U);
-    for (unsigned int col = 100; col < 124; ++col) {
-      const Tile whole = {0, Payload(col, 1), Payload(col, 1).size()};
-      g_between = [&] { ASSERT_EQ(Store(0, col, whole.payload, 1), 0U); };
-      ZrCompactFile::ZrVerifySummary summary;
-      if (col < 108) {
-        ASSERT_EQ(Store(0, col - 100, "has the index loaded again", 1), 0U);
-      }
-      g_cut = static_cast<off_t>(64 + 12 + 8 * col + col % 8);
-      if (col < 116) {
-        const Tile tile = ReadTile(fresh, 0, col, 1);
-        EXPECT_TRUE(tile == whole || tile == (Tile{5, "", 0})) << tile;
-      } else {
-        EXPECT_EQ(fresh.Verify(summary), 0U);
-      }
-      EXPECT_EQ(std::pair(g_cut, ReadTile(fresh, 0, col, 1)), std::pair(kNowhere, whole));
-    }
-    fresh.Close();
-  }
-}
-
 // One who joins a reader finds what has been stored since that one began, where the file cannot be
 // mapped, too; and no cell is empty only because it was.
 TEST_F(Sharing, WhatIsEmptyInMemoryIsLookedUpInTheFile) {
