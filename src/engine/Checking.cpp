@@ -15,11 +15,13 @@ unsigned int Engine::Verify(ZrVerifySummary& summary, const ZrCompactFile::Verif
   const std::shared_ptr<ZrFile64> file = File().GetStream();
   const Format::XorString xorString = File().GetHeader().GetXorString();
   const std::uint64_t generation = File().GetBoard().GetKnown().generation;
-  const auto pause = [&] {
-    return operation.Pause() && m_state.file->GetBoard().GetKnown().generation == generation;
+  // Without the locks: others may work meanwhile. The check ends if the file is another one then.
+  const auto tell = [&](unsigned long long done, unsigned long long total) {
+    return operation.Pause([&] { return !progress || progress(done, total); }) &&
+           m_state.file->GetBoard().GetKnown().generation == generation;
   };
   try {
-    return VerifyFile(*file, xorString, report, progress, pause, summary);
+    return VerifyFile(*file, xorString, report, tell, summary);
   } catch (const std::bad_alloc&) {
     return ZrResult::kNotUsable;
   }

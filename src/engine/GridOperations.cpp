@@ -7,7 +7,6 @@ namespace Zarn::Engine {
 
 // The calling thread's record buffer; null while nothing is open, or if memory is short.
 ZrByteArray* Engine::GetSwapData() {
-  if (ZrByteArray* const own = m_buffers.FindOwn()) return own;
   return m_state.file != nullptr ? m_buffers.GetSwapData(m_state.file->GetShape().swap) : nullptr;
 }
 

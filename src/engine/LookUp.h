@@ -26,7 +26,9 @@ bool Engine::LookUp(Attempt attempt, Finish finish, bool usesBuffer) {
   {
     const Lookups::Visit visit(m_locks.GetLookups());
     OpenFile* const file = visit.GetFile();
-    ZrByteArray* const buffer = usesBuffer ? m_buffers.FindOwn() : nullptr;
+    const bool hasBuffer = file != nullptr && usesBuffer;
+    ZrByteArray* const buffer =
+        hasBuffer ? m_buffers.GetSwapData(file->GetShape().swap) : nullptr;
     if (file != nullptr && (buffer != nullptr || !usesBuffer) && file->IsAtPath() &&
         look(*file, buffer))
       return true;

@@ -52,14 +52,19 @@ bool Operation::ExcludeReaders() HX_NOT_CHECKED {
   return true;
 }
 
-bool Operation::Pause() HX_NOT_CHECKED {
+bool Operation::Pause(const std::function<bool()>& action) HX_NOT_CHECKED {
   const OpenFile* const file = m_state.file.get();
   LeaveProcessLock();
   m_locks.m_mutex.Unlock();
+  bool goesOn = false;
+  try {
+    goesOn = action();
+  } catch (...) {
+  }
   std::this_thread::yield();
   m_locks.m_mutex.Lock();
   Acquire();
-  return m_isUsable && m_state.file.get() == file;
+  return goesOn && m_isUsable && m_state.file.get() == file;
 }
 
 Operation::~Operation() HX_NOT_CHECKED {

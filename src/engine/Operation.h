@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 #include "Locks.h"
 
 namespace Zarn::Engine {
@@ -29,7 +31,7 @@ class Operation {
 
   void LeaveProcessLock();
   bool ExcludeReaders();
-  bool Pause();
+  bool Pause(const std::function<bool()>& action);
 
  private:
   void Acquire();
@@ -50,8 +52,9 @@ class HX_SCOPED_CAPABILITY ReadOperation : public Operation {
       : Operation(locks, state, kReader) {}
   ~ReadOperation() HX_RELEASE_GENERIC() = default;
 
-  /// Lets others work for a moment. False if the file is another one now.
-  bool Pause() { return Operation::Pause(); }
+  /// Calls `action`, which may throw, and lets others work meanwhile. False if it answers false, or
+  /// if the file is another one afterwards.
+  bool Pause(const std::function<bool()>& action) { return Operation::Pause(action); }
 };
 
 /// An operation that may change the file.

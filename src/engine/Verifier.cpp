@@ -33,10 +33,9 @@ class Verifier {
  public:
   Verifier(const ZrFile64& file, const Format::XorString& xorString,
            const ZrCompactFile::VerifyReport& report, const ZrCompactFile::VerifyProgress& progress,
-           const std::function<bool()>& pause, ZrCompactFile::ZrVerifySummary& summary)
+           ZrCompactFile::ZrVerifySummary& summary)
       : m_file(file),
         m_xorString(xorString),
-        m_pause(pause),
         m_summary(summary),
         m_findings(report, progress, summary.findings) {}
 
@@ -185,7 +184,6 @@ class Verifier {
       CheckBlock(entries);
       next = entries.Position();
       if (next < m_count) m_findings.TellProgress(next, m_count);
-      if (!m_findings.HaveEnded() && !m_pause()) m_findings.End();
     }
     if (!m_findings.HaveEnded() && entries.Position() < m_count)
       ReportEntry(Finding::kUnreadable, entries.Position(), kIndexUnreadable);
@@ -422,7 +420,6 @@ class Verifier {
 
   const ZrFile64& m_file;
   const Format::XorString& m_xorString;
-  const std::function<bool()>& m_pause;
   ZrCompactFile::ZrVerifySummary& m_summary;
   Findings m_findings;
   std::uint64_t m_fileLength = 0;
@@ -447,9 +444,8 @@ class Verifier {
 unsigned int VerifyFile(const ZrFile64& file, const Format::XorString& xorString,
                         const ZrCompactFile::VerifyReport& report,
                         const ZrCompactFile::VerifyProgress& progress,
-                        const std::function<bool()>& pause,
                         ZrCompactFile::ZrVerifySummary& summary) {
-  return Verifier(file, xorString, report, progress, pause, summary).Run();
+  return Verifier(file, xorString, report, progress, summary).Run();
 }
 
 }  // namespace Zarn::Engine

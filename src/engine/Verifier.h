@@ -12,16 +12,14 @@ namespace Zarn::Engine {
 ///
 /// What cannot be told from something that writers leave is not reported; see docs/format.md.
 ///
-/// `pause` is called between two parts of the check: others may store tiles then. A place where a
-/// record lies or lay gets no other one, so what was seen before stays comparable. False ends the
-/// check.
+/// While `progress` is called others may store tiles. A place where a record lies or lay gets no
+/// other one, so what was seen before stays comparable.
 ///
-/// kOk; kReadFailure if there were findings; kNotUsable if the progress function, or the pause,
-/// ended the check before there were any. Throws std::bad_alloc.
+/// kOk; kReadFailure if there were findings; kNotUsable if the progress function ended the check
+/// before there were any. Throws std::bad_alloc.
 unsigned int VerifyFile(const ZrFile64& file, const Format::XorString& xorString,
                         const ZrCompactFile::VerifyReport& report,
                         const ZrCompactFile::VerifyProgress& progress,
-                        const std::function<bool()>& pause,
                         ZrCompactFile::ZrVerifySummary& summary);
 
 }  // namespace Zarn::Engine

@@ -86,15 +86,11 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
   if (!file.Begin(completed)) return ZrResult::kNotUsable;
   m_bOpened = true;
   if (WriteHeader() != ZrResult::kOk || WriteHeaderGrid(rows, cols) != ZrResult::kOk ||
-      file.Publish() != ZrNewFile::Outcome::kPublished) {
+      file.Publish() != ZrNewFile::Outcome::kPublished || !Join(mode) || !Reload()) {
     Close();
     return ZrResult::kNotCreated;
   }
   file.Commit();
-  if (!Join(mode) || !Reload()) {
-    Close();
-    return ZrResult::kNotUsable;
-  }
   *m_pTail = Io::Tail({}, m_bSwap, {});
   m_pTail->SetEmpty();
   return ZrResult::kOk;

@@ -722,6 +722,7 @@ TEST_F(CompactionToFinish, AsAnotherFileThatIsNotLockedYet) {
   PutBack();
   ASSERT_EQ(object.Open(path, u"secret", kLocked), 0U);
   Leave();
+  Support::Poke(path, 32, Support::Native(1));  // another generation, as a compaction makes it
   {
     const SyscallFaults faults;
     GetFileSyscalls().ftruncate = [](int, off_t) { return -1; };

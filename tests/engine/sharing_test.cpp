@@ -245,34 +245,6 @@ TEST_P(SharingNewTiles, AreSeenAtOnceAndWhole) {
   Check();
 }
 
-// One who joins a reader finds what has been stored since that one began, where the file cannot be
-// mapped, too; and no cell is empty only because it was.
-TEST_F(Sharing, WhatIsEmptyInMemoryIsLookedUpInTheFile) {
-  MakeGrid(1, 2, false, kLocked);
-  GetFileSyscalls().mmap = [](void*, size_t, int, int, int, off_t) { return MAP_FAILED; };
-  for (const auto mode : {kLocked, kLocked | ZrCompactFile::kMapped}) {
-    const unsigned int col = mode == kLocked ? 0 : 1;
-    ASSERT_EQ(fresh.Open(path, u"", mode), 0U);
-    const auto look = [&] {
-      EXPECT_EQ(ReadTile(fresh, 0, col, 1).result, 5U);
-      const auto pread = GetFileSyscalls().pread;
-      GetFileSyscalls().pread = [](int, void*, size_t, off_t) -> ssize_t { return -1; };
-      EXPECT_EQ(ReadTile(fresh, 0, col, 1).result, 9U);
-      GetFileSyscalls().pread = pread;
-      EXPECT_EQ(Store(0, col, "new", 1), 0U);
-      EXPECT_EQ(ReadTile(fresh, 0, col, 1).payload, "new");
-      fresh.Close();
-    };
-    ZrCompactFile::ZrVerifySummary summary;
-    const auto pause = [&](auto, auto) {
-      std::thread(look).join();
-      return false;
-    };
-    EXPECT_EQ(fresh.Verify(summary, {}, pause), 1U);
-    fresh.Close();
-  }
-}
-
 TEST_F(Sharing, ARecordIsBeingWrittenWhenACheckBegins) {
   static off_t s_length = 100;  // of the file as the check finds it: within the record's head
   MakeGrid(1, 2);
@@ -513,14 +485,13 @@ TEST_F(Sharing, AStoppedHolderIsWaitedFor) {
   ASSERT_TRUE(Put(object, kShared, 1, 1) && ledger.Note(kShared, 1));
   struct Case {
     const std::function<bool()>& operation;
-    char readerState;
+    char writerState;
   };
-  // Behind a reader another one waits because the writer does. Writers that have only begun to read
-  // keep no reader out.
-  for (const Case& now : {Case{lookUp, 'S'}, {store, 'Z'}, {compact, 'Z'}}) {
+  // A lookup has no lock; and writers that have only begun to read keep no lookup out.
+  for (const Case& now : {Case{lookUp, 'Z'}, {store, 'S'}, {compact, 'S'}}) {
     const pid_t writer = start(store, false), reader = start(lookUp, false);
     const pid_t holder = start(now.operation, true);
-    for (const auto& [other, state] : {std::pair(writer, 'S'), {reader, now.readerState}}) {
+    for (const auto& [other, state] : {std::pair(writer, now.writerState), {reader, 'Z'}}) {
       ::kill(other, SIGCONT);
       EXPECT_EQ(RestingState(other), state);
     }

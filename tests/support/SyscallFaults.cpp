@@ -95,6 +95,13 @@ auto Limited(std::size_t, Call call, Arguments... arguments) {
   return call(arguments...);
 }
 
+// What gives something up does so even when it reports a failure.
+bool IsRelease(std::string_view, int, int, struct flock* lock) { return lock->l_type == F_UNLCK; }
+template <typename... Arguments>
+bool IsRelease(std::string_view name, Arguments...) {
+  return name == "close";
+}
+
 bool IsWrite(std::string_view name) {
   return name.starts_with("pwrite") || name.starts_with("copy");
 }
@@ -145,7 +152,9 @@ auto Pass(std::string_view name, Call call, Arguments... arguments) {
   const std::size_t limit = fails ? 0 : LimitOf(IsWrite(name), number, range);
   using Result = decltype(call(arguments...));
   const auto failure = (Result)-1;  // of any type: a number, or MAP_FAILED
-  const Result result = fails && name != "close" ? failure : Limited(limit, call, arguments...);
+  const Result result = fails && !IsRelease(name, arguments...)
+                            ? failure
+                            : Limited(limit, call, arguments...);
   if (fails) errno = g_error;
   return fails ? failure : result;
 }
