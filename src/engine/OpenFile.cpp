@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <new>
 
 #include "RedoFile.h"
 #include "ZrResult.h"
@@ -86,7 +87,7 @@ bool OpenFile::HasVersions() const {
 }
 
 // Other programs may move or delete the file. Stores look at the path under the lock.
-bool OpenFile::IsAtPath() {
+bool OpenFile::IsAtPath() try {
   constexpr std::int64_t kInterval = 10;
   if (m_board->GetPlace() != Io::Board::kInFile) return true;
   timespec now = {};
@@ -96,6 +97,8 @@ bool OpenFile::IsAtPath() {
   if (!m_file->IsSameFile(m_strPath)) return false;
   m_nextLook.store(milliseconds + kInterval, std::memory_order_relaxed);
   return true;
+} catch (const std::bad_alloc&) {
+  return false;  // the lock looks as well
 }
 
 TileStore::Place OpenFile::GetPlace() {

@@ -82,21 +82,30 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
   m_nRowCount = m_nColCount = m_nGridFlags = 0;
   const PelmUnicodeString directory = ZrFile::GetDir(completed);
   if (!directory.IsEmpty()) ZrFile::MkDirEx(directory);
-  ZrNewFile file(*this);
-  if (!file.Begin(completed)) return ZrResult::kNotUsable;
-  m_bOpened = true;
-  if (WriteHeader() != ZrResult::kOk || WriteHeaderGrid(rows, cols) != ZrResult::kOk ||
-      file.Publish() != ZrNewFile::Outcome::kPublished || !Join(mode) || !Reload()) {
+  const unsigned int result = MakeFile(rows, cols, mode);
+  if (result != ZrResult::kOk) {
     Close();
-    return ZrResult::kNotCreated;
+    return result;
   }
-  file.Commit();
   *m_pTail = Io::Tail({}, m_bSwap, {});
   m_pTail->SetEmpty();
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
   Close();
   return ZrResult::kNotCreated;
+}
+
+// Without Commit the file goes away again.
+unsigned int ZrCompactFileWriter::MakeFile(unsigned int rows, unsigned int cols,
+                                           ZrCompactFile::ZrOpenMode mode) {
+  ZrNewFile file(*this);
+  if (!file.Begin(m_strPath)) return ZrResult::kNotUsable;
+  m_bOpened = true;
+  if (WriteHeader() != ZrResult::kOk || WriteHeaderGrid(rows, cols) != ZrResult::kOk ||
+      file.Publish() != ZrNewFile::Outcome::kPublished || !Join(mode) || !Reload())
+    return ZrResult::kNotCreated;
+  file.Commit();
+  return ZrResult::kOk;
 }
 
 unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,

@@ -300,9 +300,7 @@ bool ZrFileStream::SetLength(std::uint64_t length) {
          Uninterrupted([&] { return GetFileSyscalls().ftruncate(m_fd, Offset(length)); }) == 0;
 }
 
-bool ZrFileStream::Cut(std::uint64_t length) {
-  return !FileLock::IsMapped(m_fd) && SetLength(length);
-}
+bool ZrFileStream::IsMapped() const { return FileLock::IsMapped(m_fd); }
 
 bool ZrFileStream::ZeroFill(std::uint64_t position, std::uint64_t size) {
   std::uint64_t length;
