@@ -91,12 +91,13 @@ void ReadUntilWritten(Reader& reader, const std::vector<unsigned int>& order, Bo
 
 void WriteWhileRead(Store& store, const Tiles& tiles, unsigned int first, unsigned int count,
                     Board& board) {
+  Payload payload(tiles);
   std::vector<double> times(count);
   const std::uint64_t before = board.gets;
   const Clock::time_point start = Clock::now();
   Clock::time_point last = start;
   for (unsigned int i = 0; i < count; ++i) {
-    store.Put(first + i, tiles.sizes[first + i]);
+    store.Put(first + i, payload.Next(first + i, tiles.sizes[first + i]));
     const Clock::time_point now = Clock::now();
     times[i] = std::chrono::duration<double>(now - last).count();
     last = now;

@@ -47,15 +47,17 @@ void MeasurePuts(Row& row, std::vector<Contender>& contenders, unsigned int coun
 
 void MeasureNewTiles(Report& report, const std::string& what, std::vector<Contender>& contenders,
                      const Tiles& tiles, const Scale& scale) {
+  Payload payload(tiles);
   MeasurePuts(report.Speed(what), contenders, scale.stored, scale.slice,
-              [&](Store& store, unsigned int i) { store.Put(i, tiles.sizes[i]); });
+              [&](Store& store, unsigned int i) { store.Put(i, payload.Next(i, tiles.sizes[i])); });
 }
 
 // In turns as well: then nobody's pages lie in memory of another kind than the others'.
 void Fill(std::vector<Contender>& contenders, const Tiles& tiles, unsigned int slice) {
+  Payload payload(tiles);
   InTurns(tiles.Count() / slice, contenders, [&](Contender& contender, unsigned int repetition) {
-    for (unsigned int i = 0; i < slice; ++i)
-      contender.store->Put(repetition * slice + i, tiles.sizes[repetition * slice + i]);
+    for (unsigned int tile = repetition * slice; tile < (repetition + 1) * slice; ++tile)
+      contender.store->Put(tile, payload.Next(tile, tiles.sizes[tile]));
   });
   Settle(contenders.front().folder);
 }
@@ -119,11 +121,15 @@ void MeasureGets(Report& report, const std::string& what, std::vector<Contender>
 void MeasureRewrites(Report& report, std::vector<Contender>& contenders, const Tiles& tiles,
                      const Scale& scale) {
   const std::vector<unsigned int> order = Shuffled(scale.stored);
-  MeasurePuts(report.Speed("rewrite, same size"), contenders, scale.rewritten, scale.slice,
-              [&](Store& store, unsigned int i) { store.Put(order[i], tiles.sizes[order[i]]); });
-  MeasurePuts(
-      report.Speed("rewrite, 1.5 times larger"), contenders, scale.rewritten, scale.slice,
-      [&](Store& store, unsigned int i) { store.Put(order[i], tiles.sizes[order[i]] * 3 / 2); });
+  Payload payload(tiles);
+  const auto measure = [&](const char* what, unsigned int halves) {
+    MeasurePuts(report.Speed(what), contenders, scale.rewritten, scale.slice,
+                [&](Store& store, unsigned int i) {
+                  store.Put(order[i], payload.Next(order[i], tiles.sizes[order[i]] * halves / 2));
+                });
+  };
+  measure("rewrite, same size", 2);
+  measure("rewrite, 1.5 times larger", 3);
 }
 
 void MeasureBatches(Report& report, const std::string& what, const fs::path& folder,
@@ -211,11 +217,12 @@ void MeasureVersions(Report& report, const Scale& scale, const fs::path& folder)
   ZrCompactFile file;
   Check(file.Create(PelmUnicodeString::FromUtf8((folder / "tiles.cf").string()), tiles.Rows(),
                     kColumns, u"", 0) == 0);
+  Payload payload(tiles);
   for (const unsigned long long stamp : {5ULL, 9ULL})
     for (unsigned int i = 0; i < tiles.Count(); ++i) {
-      const ZrByteArray data(tiles.payload.data(), tiles.sizes[i]);
+      const ZrByteArray& data = payload.Next(i, tiles.sizes[i]);
       Check(file.SetAt(i / kColumns, i % kColumns, data, 0, 0, stamp) == 0);
-      if (stamp == 5) limit->Put(i, tiles.sizes[i]);
+      if (stamp == 5) limit->Put(i, data);
     }
   const std::unique_ptr<Reader> reader = limit->NewReader();
   ZrByteArray data;
