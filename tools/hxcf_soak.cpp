@@ -53,6 +53,7 @@ struct Options {
   bool onlyCreates = false;
   bool keeps = false;
   int descriptors = 0;
+  std::uint32_t compactEvery = 2000;  // operations of a worker
 };
 
 /// Starts, stops and kills the workers, and settles what they leave behind; one more user of the
@@ -293,16 +294,18 @@ constexpr char kUsage[] =
     "  --mounts=FILE          the mount namespace in which these two are, as in /proc/PID/ns/mnt\n"
     "  --create               only creates the files\n"
     "  --keep                 begins with the files that are there, which are empty\n"
-    "  --open=COUNT           every process has that many descriptors of other files\n";
+    "  --open=COUNT           every process has that many descriptors of other files\n"
+    "  --compact-every=COUNT  compacts in one of so many operations (2000)\n";
 
 bool Parse(int argc, char** argv, Options& options) {
-  enum Name { kView, kReadersView, kMounts, kCreate, kKeep, kOpen };
+  enum Name { kView, kReadersView, kMounts, kCreate, kKeep, kOpen, kCompactEvery };
   const option names[] = {{"view", required_argument, nullptr, kView},
                           {"readers-view", required_argument, nullptr, kReadersView},
                           {"mounts", required_argument, nullptr, kMounts},
                           {"create", no_argument, nullptr, kCreate},
                           {"keep", no_argument, nullptr, kKeep},
                           {"open", required_argument, nullptr, kOpen},
+                          {"compact-every", required_argument, nullptr, kCompactEvery},
                           {}};
   for (int name; (name = ::getopt_long(argc, argv, "", names, nullptr)) != -1;) {
     if (name == kView) options.places.view = optarg;
@@ -311,6 +314,7 @@ bool Parse(int argc, char** argv, Options& options) {
     if (name == kCreate) options.onlyCreates = true;
     if (name == kKeep) options.keeps = true;
     if (name == kOpen) options.descriptors = std::atoi(optarg);
+    if (name == kCompactEvery) options.compactEvery = static_cast<std::uint32_t>(std::atoi(optarg));
     if (name == '?' || (name == kMounts && options.places.mounts < 0)) return false;
   }
   const auto number = [&](int i, unsigned long long preset) {
@@ -322,8 +326,8 @@ bool Parse(int argc, char** argv, Options& options) {
   options.processes = static_cast<std::uint32_t>(number(2, options.processes));
   options.seed = number(3, std::random_device()());
   options.mostPause = static_cast<unsigned int>(number(4, options.mostPause));
-  return options.processes >= 1 && options.processes <= kMostProcesses && options.mostPause >= 2 &&
-         options.mostPause <= 1000;
+  return options.compactEvery >= 1 && options.processes >= 1 &&
+         options.processes <= kMostProcesses && options.mostPause >= 2 && options.mostPause <= 1000;
 }
 
 int Run(const Options& options) {
@@ -358,6 +362,7 @@ int main(int argc, char** argv) {
                         MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) return 2;
   Soak::g_ledger = new (memory) Soak::Ledger();
+  Soak::g_ledger->operationsPerCompaction = options.compactEvery;
   Soak::News::Begin();
   ::signal(SIGALRM, Soak::ReportHang);
   std::filesystem::create_directories(options.places.folder);

@@ -141,7 +141,8 @@ struct Ledger {
   std::array<std::atomic<std::uint32_t>, 2> passwords, compactionsBegun;
   std::array<std::array<Count, 2>, std::size(kKindNames)> lookups;  // without and with kMapped
   std::array<Count, kNothing> wrong;
-  bool hasStubs;  // then the grid has no password, for a stub knows none
+  std::uint32_t operationsPerCompaction;  // of one worker
+  bool hasStubs;                          // then the grid has no password, for a stub knows none
   Count told, changes, batches, compactions, newPasswords, refused, waits;
 
   /// Whether a process is compacting that file, or was killed meanwhile.

@@ -179,10 +179,14 @@ bool File::ReopenUnless(std::uint32_t before) {
   return m_password != before;
 }
 
+// An object that has the file open may take any password, so another one tries it first.
 unsigned int File::OpenWith(const PelmUnicodeString& password) {
-  if (!m_isLight) return m_file.Open(m_path, password, m_mode);
-  m_reader.Close();
-  return m_reader.Open(m_path, password, ZrCompactFile::kReadOnly);
+  if (m_isLight) {
+    m_reader.Close();
+    return m_reader.Open(m_path, password, ZrCompactFile::kReadOnly);
+  }
+  const unsigned int result = ZrCompactFile().Open(m_path, password, m_mode);
+  return result == ZrResult::kOk ? m_file.Open(m_path, password, m_mode) : result;
 }
 
 }  // namespace Soak

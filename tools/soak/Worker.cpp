@@ -30,8 +30,7 @@ using Zarn::ZrResult;
 namespace {
 
 constexpr std::uint32_t kMostInBatch = 12;
-constexpr std::uint32_t kOperationsPerCompaction = 2000;  // of one worker
-constexpr std::uint32_t kOperationsPerPassword = 1000;
+constexpr std::uint32_t kOperationsPerPassword = 1000;  // of one worker
 constexpr std::uint32_t kChangesPerLimit = 16;
 constexpr uid_t kOtherUser = 65534;
 
@@ -85,7 +84,7 @@ class Worker {
   [[noreturn]] void Run() {
     for (;;) {
       m_lane.begun = Now();
-      if (MayAdminister() && Random(kOperationsPerCompaction) == 0)
+      if (MayAdminister() && Random(g_ledger->operationsPerCompaction) == 0)
         Compact(Random(2));
       else if (MayAdminister() && Random(kOperationsPerPassword) == 0)
         ChangePassword(Random(2));
