@@ -76,8 +76,9 @@ void OpenFile::TakeTail(const Source& source, const OpenFile& previous) {
     m_tail = previous.m_tail;
   else
     m_tail.emplace(Index().GetShape(), m_shape.swap,
-                   Io::Tail::Use{source.isShared || source.mapped,
-                                 !source.isShared && source.mapped});
+                   Io::Tail::Use{.keepsEnd = source.isShared || source.mapped,
+                                 .keepsLength = !source.isShared && source.mapped,
+                                 .isAlone = !source.isShared});
   m_tail->SetIndex(Index().GetShape());
   m_tail->Invalidate();
 }

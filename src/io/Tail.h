@@ -28,6 +28,8 @@ class Tail {
     bool keepsEnd = false;
     /// This object maps the file and has nobody told: it must not become shorter.
     bool keepsLength = false;
+    /// Nobody else uses the file.
+    bool isAlone = false;
   };
 
   Tail(const Format::IndexShape& index, bool swap, const Use& use)
