@@ -59,6 +59,7 @@ bool ZrCompactFileReader::LookUp(Tile& tile) {
     if (snapshot.IsValid(again)) return true;
   }
   tile.result = ZrResult::kReadFailure;
+  tile.hasEntry = again().has_value();
   return false;
 }
 

@@ -21,7 +21,7 @@ static_assert(ZrCompactFile::kComplete == Format::kStatusComplete &&
               ZrCompactFile::kUnknown == Format::kStatusUnknown);
 
 // The lock of this object, and the board of the file.
-struct ZrGridFile::Sharing : ZrProcess {
+struct __attribute__((visibility("hidden"))) ZrGridFile::Sharing : ZrProcess {
   explicit Sharing(ZrFileStream& stream) { Attach(Io::Board::kInObject, stream, {}); }
 
   void Attach(Io::Board::Place place, ZrFileStream& stream, const Format::HeaderImage& header) {
@@ -71,6 +71,7 @@ unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
     CloseStream();
     return ZrResult::kReadFailure;
   }
+  RepairBoard();
   m_bOpened = true;
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
@@ -96,6 +97,18 @@ bool ZrGridFile::Reload() {
   if (ReadHeader() != ZrResult::kOk || ReadHeaderGrid() != ZrResult::kOk) return false;
   m_pSharing->Attach(SharesPages() ? Io::Board::kInFile : Io::Board::kNowhere, *this, m_header);
   return true;
+}
+
+// A writer makes an odd word even that a dead one has left. Without the lock nobody could tell that.
+void ZrGridFile::RepairBoard() {
+  const bool isOdd = m_header[Format::kEntriesWordOffset] % 2 != 0 ||
+                     m_header[Format::kMaskOffset - 1] % 2 != 0;  // in either byte order
+  if (!isOdd || IsReadOnly() || !m_pSharing->WriterLock(0)) return;
+  if (m_pSharing->IsLockOn(*this)) {
+    GetBoard().Refresh(true);
+    GetBoard().EndWriting();
+  }
+  m_pSharing->WriterUnlock();
 }
 
 // If another file has the path, the lock says nothing about this one.
