@@ -71,8 +71,7 @@ bool OpenFile::ReadIndex(MaxSizes& maxSizes) {
 // Where the data end is looked for again, but from what was there before in the same file.
 void OpenFile::TakeTail(const Source& source, const OpenFile& previous) {
   if (m_cells == nullptr && m_names == nullptr) return;
-  if (previous.m_tail && previous.m_file == m_file &&
-      previous.m_header.HasFieldsOf(m_header))
+  if (previous.m_tail && previous.m_file == m_file && previous.m_header.HasFieldsOf(m_header))
     m_tail = previous.m_tail;
   else
     m_tail.emplace(Index().GetShape(), m_shape.swap,
@@ -103,8 +102,8 @@ bool OpenFile::IsAtPath() try {
 }
 
 TileStore::Place OpenFile::GetPlace() {
-  return {*m_file, m_pMap.get(), m_shape, Index().GetShape(), HasVersions(), *m_tail, *m_board,
-          Index()};
+  return {*m_file,       m_pMap.get(), m_shape,  Index().GetShape(),
+          HasVersions(), *m_tail,      *m_board, Index()};
 }
 
 // A program that does not know the board shows only by the length that it has changed the file.

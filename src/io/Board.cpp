@@ -141,7 +141,7 @@ Board::Change Board::Refresh(bool mayWrite) {
   if (words.entries != m_known.load(std::memory_order_relaxed)) Know(words);
   // Lookups may have seen the change before.
   return std::exchange(m_refreshed, words.entries) == words.entries ? Change::kNone
-                                                                     : Change::kTiles;
+                                                                    : Change::kTiles;
 }
 
 void Board::Forget() {

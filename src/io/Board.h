@@ -131,9 +131,9 @@ class Board {
   void* m_writable = nullptr;                         // the same, to write there
   bool m_mayWritePage = false;                        // in the operation under way
   bool m_overwritesInPlace = false;
-  std::uint64_t m_generation;                         // of what was loaded
-  std::uint64_t m_refreshed;                          // `entries` at the last Refresh
-  std::uint64_t m_odd = 0;                            // that Refresh has left; 0: none
+  std::uint64_t m_generation;  // of what was loaded
+  std::uint64_t m_refreshed;   // `entries` at the last Refresh
+  std::uint64_t m_odd = 0;     // that Refresh has left; 0: none
 
   // Known words of a file; kWriting: this object changes them.
   static constexpr std::uint64_t kWriting = UINT64_MAX;

@@ -82,8 +82,8 @@ std::uint64_t Tail::Reserve(const ZrFileStream& file, std::uint64_t fileLength) 
 void Tail::Claim(std::uint64_t statedEnd) { m_statedEnd = std::max(m_statedEnd, statedEnd); }
 
 bool Tail::CutBack(ZrFileStream& file) {
-  const bool isCut = !m_use.keepsLength && (m_use.isAlone ? file.SetLength(m_lengthBefore)
-                                                          : file.Cut(m_lengthBefore));
+  const bool isCut = !m_use.keepsLength &&
+                     (m_use.isAlone ? file.SetLength(m_lengthBefore) : file.Cut(m_lengthBefore));
   if (!isCut && !m_use.keepsEnd) return false;
   EndsAt(m_lengthBefore);
   m_hasSpare = !isCut;

@@ -48,9 +48,9 @@ class Tail {
   /// A record was written that states this end; the file may end before it.
   void Claim(std::uint64_t statedEnd);
   /// Takes back what was written since the last Reserve: the file gets its length of before, and
-  /// claims count no more. While somebody maps the file, that part is spare instead: the next record
-  /// goes there, unless others change the file before. False, and nothing has changed, if neither
-  /// can be.
+  /// claims count no more. While somebody maps the file, that part is spare instead: the next
+  /// record goes there, unless others change the file before. False, and nothing has changed, if
+  /// neither can be.
   bool CutBack(ZrFileStream& file);
   /// The file is longer than its data, which end here: the rest is spare.
   void HasSpareFrom(std::uint64_t end) {

@@ -128,7 +128,8 @@ unsigned int ZrCompactFileWriter::WriteHeader() {
     return ZrResult::kWriteFailure;
   const Format::HeaderImage header =
       Format::NewHeader(Format::kGridFile, PelmTime().GetCurTime().GetTime());
-  if (!GetBoard().Replaces() || !Io::WriteFileHeader(*this, m_xorString, header, false)) return ZrResult::kWriteFailure;
+  if (!GetBoard().Replaces() || !Io::WriteFileHeader(*this, m_xorString, header, false))
+    return ZrResult::kWriteFailure;
   m_header = header;
   Flush();
   return ZrResult::kOk;
@@ -142,8 +143,7 @@ unsigned int ZrCompactFileWriter::WriteHeaderGrid(unsigned int rows, unsigned in
   const std::uint64_t entries = shape.EntryAt(0);
   const std::uint64_t end = shape.End();
   if (!GetBoard().Replaces() || !WriteAt(GetIndexOffset(), image.data(), image.size()) ||
-      !ZeroFill(entries, end - entries) ||
-      !SetLength(end))
+      !ZeroFill(entries, end - entries) || !SetLength(end))
     return ZrResult::kWriteFailure;
   m_nRowCount = header.rowCount;
   m_nColCount = header.colCount;

@@ -99,7 +99,8 @@ bool ZrGridFile::Reload() {
   return true;
 }
 
-// A writer makes an odd word even that a dead one has left. Without the lock nobody could tell that.
+// A writer makes an odd word even that a dead one has left. Without the lock nobody could tell
+// that.
 void ZrGridFile::RepairBoard() {
   const bool isOdd = m_header[Format::kEntriesWordOffset] % 2 != 0 ||
                      m_header[Format::kMaskOffset - 1] % 2 != 0;  // in either byte order

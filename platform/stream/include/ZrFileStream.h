@@ -99,8 +99,8 @@ class HX_PLATFORM_API ZrFileStream {
   bool GetLength(std::uint64_t& length) const;
   /// Truncates, or extends by bytes that read as zero.
   bool SetLength(std::uint64_t length);
-  /// Whether somebody maps the file (Presence::kMapsFile), so that it must not become shorter. Under
-  /// the writer lock that stays so, as does the contrary.
+  /// Whether somebody maps the file (Presence::kMapsFile), so that it must not become shorter.
+  /// Under the writer lock that stays so, as does the contrary.
   bool IsMapped() const;
   /// Truncates as SetLength does, unless somebody maps the file.
   bool Cut(std::uint64_t length) { return !IsMapped() && SetLength(length); }
