@@ -34,7 +34,7 @@ ONLY_FOR = {
     "LookUp.h": OPERATIONS,
     "Operation.h": ["Engine.h", "Operation.cpp", *OPERATIONS],
     "Locks.h": ["Engine.h", "Locks.cpp", "Operation.h", *OPERATIONS],
-    "OpenFile.h": ["Engine.h", "OpenFile.cpp", "Operation.cpp", "TileCopier.h", *OPERATIONS],
+    "OpenFile.h": ["Engine.h", "Locks.cpp", "OpenFile.cpp", "Operation.cpp", "TileCopier.h", *OPERATIONS],
 }
 QUOTED = re.compile(r'^\s*#include "([^"]+)"', re.MULTILINE)
 

@@ -159,10 +159,13 @@ unsigned int Engine::ReplaceByImage(Io::RedoFile& image, WriteOperation& operati
 Outcome Engine::Replace(Io::RedoFile& image, OpenFile& file,
                         const Io::RedoFile::Progress& progress) {
   Io::Board& board = file.GetBoard();
+  m_locks.GetLookups().Stop();
   if (!board.Replaces()) return Outcome::kNot;
   const Io::BoardChange change(board, Io::BoardChange::kRecord);
   TearDown();
-  return image.Replace(*file.GetStream(), progress);
+  const Outcome outcome = image.Replace(*file.GetStream(), progress);
+  board.Replaces();  // a light reader may have opened it in between
+  return outcome;
 }
 
 // The name that a file of the older version stores, in UTF-16 of this host's byte order, which has

@@ -253,7 +253,7 @@ bool Engine::RefreshFile() {
                           !file->GetStream()->IsReadOnly();
   if (!m_state.IsUsable() || !lock.isLocked() || file->GetLockedFile() != lock.GetLockedFile())
     return false;
-  const auto change = file->Refresh(lock.IsExclusive(), lock.GetLockedLength());
+  const auto change = file->Refresh(lock.GetLockedLength());
   if (change == OpenFile::Change::kAll || (mustReopen && change != OpenFile::Change::kNone))
     return false;
   if (change == OpenFile::Change::kNames) {
@@ -261,9 +261,7 @@ bool Engine::RefreshFile() {
     if (!file->Names()->AddNewNames()) return false;
     AdmitLookups();
   }
-  // Under the lock an odd word is a dead writer's, but for those who write without it.
-  Io::Board& board = file->GetBoard();
-  if (board.IsOdd() && !lock.IsAnotherPresent(Presence::kWritesUnlocked)) board.Bury();
+  lock.Settle(*file);
   return true;
 }
 
@@ -382,8 +380,8 @@ void Engine::LeaveFile() {
   const bool isLocked = hasSpare && lock.WriterLock(0);
   const bool mayCut = isLocked && file.GetLockedFile() == lock.GetLockedFile() &&
                       lock.IsExclusive() &&
-                      file.Refresh(true, lock.GetLockedLength()) == OpenFile::Change::kNone;
-  const bool isLast = lock.LeaveFile();
+                      file.Refresh(lock.GetLockedLength()) == OpenFile::Change::kNone;
+  const bool isLast = file.GetLockedFile() == lock.GetLockedFile() && lock.LeaveFile();
   if (mayCut) file.GetTail().CutSpare(*file.GetStream());
   if (isLast) file.GetBoard().Clear(m_strAbsolutePath);
   if (isLocked) lock.WriterUnlock();

@@ -106,13 +106,18 @@ TileStore::Place OpenFile::GetPlace() {
           HasVersions(), *m_tail,      *m_board, Index()};
 }
 
-// A program that does not know the board shows only by the length that it has changed the file.
-OpenFile::Change OpenFile::Refresh(bool mayWrite, std::uint64_t length) {
+// A program that does not know the board, or one that was killed before it told of its change,
+// shows only by the length that it has changed the file.
+OpenFile::Change OpenFile::Refresh(std::uint64_t length) {
   if (length < Format::kHeaderSize) return Change::kAll;
-  auto change = m_board->Refresh(mayWrite);
+  const auto change = m_board->Refresh();
   if (change == Io::Board::Change::kAll) return Change::kAll;
   if (m_board->GetPlace() == Io::Board::kNowhere && !m_header.IsIn(*m_file)) return Change::kAll;
-  if (!HasIndex() || change == Io::Board::Change::kNone) return Change::kNone;
+  if (!HasIndex()) return Change::kNone;
+  if (change == Io::Board::Change::kNone) {
+    if (m_tail->IsAsLeft(length)) return Change::kNone;
+    m_board->Forget();
+  }
   m_tail->Invalidate();
   if (m_names == nullptr) return Change::kTiles;
   switch (m_names->LookForNewNames()) {

@@ -68,11 +68,11 @@ class OpenFile {
   TileStore::Place GetPlace();
   Io::Board& GetBoard() { return *m_board; }
 
-  /// With the lock: takes notice of what others have done; `mayWrite`: as the one writer. kNames:
-  /// the names that others have added are to be added here, too; kAll: this is another file, to be
+  /// With the lock: takes notice of what others have done; `length`: of the file now. kNames: the
+  /// names that others have added are to be added here, too; kAll: this is another file, to be
   /// loaded again.
   enum class Change { kNone, kTiles, kNames, kAll };
-  Change Refresh(bool mayWrite, std::uint64_t length);
+  Change Refresh(std::uint64_t length);
 
   /// Whether the path still leads to this file, as far as it was seen lately. Any thread may ask.
   bool IsAtPath();

@@ -92,7 +92,9 @@ bool Tail::CutBack(ZrFileStream& file) {
 }
 
 void Tail::CutSpare(ZrFileStream& file) {
-  if (HasSpare() && file.Cut(m_fileEnd)) m_hasSpare = false;
+  std::uint64_t length;
+  if (HasSpare() && file.GetLength(length) && length > m_fileEnd && file.Cut(m_fileEnd))
+    m_hasSpare = false;
 }
 
 void Tail::Invalidate() {

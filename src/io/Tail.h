@@ -64,6 +64,10 @@ class Tail {
   /// Before the file is closed, if nobody maps it any more.
   void CutSpare(ZrFileStream& file);
 
+  /// Whether a file of this length is as it was left, as far as that is known.
+  bool IsAsLeft(std::uint64_t fileLength) const {
+    return m_fileEnd == 0 || m_fileEnd == fileLength || (m_hasSpare && m_fileEnd < fileLength);
+  }
   /// Others may have changed the file: the next Reserve looks again.
   void Invalidate();
   /// The file is new and holds no record.

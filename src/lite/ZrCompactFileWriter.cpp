@@ -207,7 +207,7 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
 
 // Others may have stored tiles, or compacted the file.
 bool ZrCompactFileWriter::LookForChanges() {
-  const auto change = GetBoard().Refresh(false);
+  const auto change = GetBoard().Refresh();
   if (change != Io::Board::Change::kNone) m_pTail->Invalidate();
   return change != Io::Board::Change::kAll || Reload();
 }

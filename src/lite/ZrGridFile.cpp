@@ -103,12 +103,12 @@ bool ZrGridFile::Reload() {
 // that.
 void ZrGridFile::RepairBoard() {
   const bool isOdd = m_header[Format::kEntriesWordOffset] % 2 != 0 ||
-                     m_header[Format::kMaskOffset - 1] % 2 != 0;  // in either byte order
-  if (!isOdd || IsReadOnly() || !m_pSharing->WriterLock(0)) return;
-  if (m_pSharing->IsLockOn(*this)) {
-    GetBoard().Refresh(true);
-    GetBoard().EndWriting();
-  }
+                     m_header[Format::kMaskOffset - 1] % 2 != 0;           // in either byte order
+  const bool isLocked = (m_nOpenMode & ZrCompactFile::kProcessLock) != 0;  // by the caller
+  if (!isOdd || IsReadOnly() || isLocked || !m_pSharing->WriterLock(0)) return;
+  if (m_pSharing->IsLockOn(*this) && GetBoard().Refresh() != Io::Board::Change::kAll &&
+      GetBoard().IsOdd() && !m_pSharing->IsAnotherPresent(Presence::kWritesUnlocked))
+    GetBoard().Repair();
   m_pSharing->WriterUnlock();
 }
 
@@ -116,8 +116,8 @@ void ZrGridFile::RepairBoard() {
 bool ZrGridFile::UnderLock(const std::function<void()>& action) {
   if (!m_pSharing->ReaderLock(0)) return false;
   bool isUsable = m_pSharing->IsLockOn(*this);
-  if (isUsable && GetBoard().Refresh(false) == Io::Board::Change::kAll)
-    isUsable = Reload() && GetBoard().Refresh(false) != Io::Board::Change::kAll;
+  if (isUsable && GetBoard().Refresh() == Io::Board::Change::kAll)
+    isUsable = Reload() && GetBoard().Refresh() != Io::Board::Change::kAll;
   if (isUsable) {
     if (GetBoard().IsOdd() && !m_pSharing->IsAnotherPresent(Presence::kWritesUnlocked))
       GetBoard().Bury();
