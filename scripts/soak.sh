@@ -51,7 +51,8 @@ end() {
     echo "$name: $(tail -n 1 "$log")"
   else
     result=1
-    echo "$name: failed ($log): $(tail -n 1 "$log")" >&2
+    echo "$name: failed ($log): $(grep -m 1 -E '^(lost|torn|stale|failed|hang)' "$log" || true)" >&2
+    echo "  $(tail -n 1 "$log")" >&2
   fi
   clean
 }

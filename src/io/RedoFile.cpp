@@ -3,6 +3,8 @@
 #include <sys/random.h>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 
 #include "PathRules.h"
 #include "ZrFile.h"
@@ -225,8 +227,15 @@ bool FinishReplacement(const PelmUnicodeString& path) {
   };
   if (!container.Open(containerPath, ZrFile64::kReadWrite)) return false;
   if (!readMark()) return true;  // another process may just have finished
-  if (!container.Claim(containerPath) || !image.Open(imagePath, ZrFile64::kReadWrite) ||
-      !image.Claim(imagePath) || !image.IsSameFile(imagePath))
+  // The holder of the claim may be a new compaction that waits for this caller's lock: then the
+  // mark is gone.
+  constexpr int kMostTries = 600'000;
+  for (int i = 0; !container.TryClaim(containerPath); ++i) {
+    if (i == kMostTries || !readMark() || !container.IsSameFile(containerPath)) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  if (!image.Open(imagePath, ZrFile64::kReadWrite) || !image.Claim(imagePath) ||
+      !image.IsSameFile(imagePath))
     return true;
   const auto id = readMark();  // the last holder of the claims may have finished
   ZrByteArray buffer;

@@ -120,8 +120,14 @@ std::uint64_t File::GetFileSize() const {
   return std::filesystem::file_size(m_path.ToUtf8(), ignored);
 }
 
+// Another process may be finishing an earlier compaction, but not for long.
 unsigned int File::Compact() {
-  return Try([&] { return m_file.Compact(); });
+  unsigned int result = ZrResult::kNotCreated;
+  for (int i = 0; i < 100 && result == ZrResult::kNotCreated; ++i) {
+    if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    result = Try([&] { return m_file.Compact(); });
+  }
+  return result;
 }
 
 unsigned int File::Verify() {
@@ -162,12 +168,13 @@ unsigned int File::Try(const Operation& operation, bool isLimited) {
   }
 }
 
-// Whether the file is open by another password afterwards, whichever thread has opened it. No
-// password comes twice; some are never set.
+// Whether the file is open by another password afterwards, whichever thread has opened it, or is
+// open again. No password comes twice; some are never set.
 bool File::ReopenUnless(std::uint32_t before) {
   constexpr std::uint32_t kRecent = 32;
   const std::lock_guard lock(m_mutex);
   if (m_password != before) return true;
+  const bool wasClosed = m_isClosed;
   const unsigned int wrong = m_isLight ? ZrResult::kReadFailure : ZrResult::kWrongFile;
   unsigned int result = wrong;
   for (std::uint32_t i = 0; i < 8 * kRecent && result == wrong; ++i) {
@@ -176,17 +183,22 @@ bool File::ReopenUnless(std::uint32_t before) {
     result = OpenWith(PasswordOf(password));
     if (result == ZrResult::kOk) m_password = password;
   }
-  return m_password != before;
+  return m_password != before || (wasClosed && !m_isClosed);
 }
 
 // An object that has the file open may take any password, so another one tries it first.
 unsigned int File::OpenWith(const PelmUnicodeString& password) {
+  unsigned int result = ZrResult::kOk;
   if (m_isLight) {
     m_reader.Close();
-    return m_reader.Open(m_path, password, ZrCompactFile::kReadOnly);
+    result = m_reader.Open(m_path, password, ZrCompactFile::kReadOnly);
+  } else {
+    result = ZrCompactFile().Open(m_path, password, m_mode);
+    if (result != ZrResult::kOk) return result;
+    result = m_file.Open(m_path, password, m_mode);
   }
-  const unsigned int result = ZrCompactFile().Open(m_path, password, m_mode);
-  return result == ZrResult::kOk ? m_file.Open(m_path, password, m_mode) : result;
+  m_isClosed = result != ZrResult::kOk;
+  return result;
 }
 
 }  // namespace Soak

@@ -58,7 +58,8 @@ class File {
   const Zarn::ZrCompactFile::ZrOpenMode m_mode;
   bool m_mayWrite = false;  // then opening the file finishes a compaction that was cut short
   std::atomic<std::uint32_t> m_password = kNoPassword;
-  std::mutex m_mutex;  // held while a thread opens the file anew
+  bool m_isClosed = false;  // it could not be opened anew
+  std::mutex m_mutex;       // held while a thread opens the file anew
   Zarn::ZrCompactFile m_file;
   Zarn::ZrCompactFileReader m_reader;  // in its place, for the lookups of light users and stubs
   Zarn::ZrCompactFileStub m_stub;      // for the stores of a stub
