@@ -1,0 +1,374 @@
+// A writer changes a file while others look tiles up in it, in every order of their system calls;
+// or it is killed at any of them, and another writer goes on.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <ostream>
+#include <set>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "ZrCompactFileReader.h"
+#include "ZrCompactFileStub.h"
+#include "ZrCompactFileWriter.h"
+#include "engine/EngineFixture.h"
+#include "support/RawFile.h"
+#include "support/Schedule.h"
+
+namespace Zarn {
+namespace {
+
+constexpr ZrCompactFile::ZrOpenMode kLocked =
+    ZrCompactFile::kCreateMissing | ZrCompactFile::kProcessLock;
+constexpr unsigned int kNewest = 9;  // no tile has this stamp
+constexpr unsigned int kNotFound = 5;
+
+// A tile is a letter over and over again.
+struct Change {
+  enum What { kSet, kRemove, kBatch, kCompact } what;
+  unsigned int cell = 0, stamp = 0;
+  std::size_t size = 0;
+  char letter = 0;
+};
+struct Place {
+  unsigned int cell, stamp = kNewest;
+};
+
+// At first there are these tiles; cells 3 to 5 are empty.
+constexpr Change kTiles[] = {
+    {Change::kSet, 0, 1, 5000, 'a'},  // across pages
+    {Change::kSet, 1, 1, 100, 'b'},   // in one page
+    {Change::kSet, 2, 1, 5000, 'c'},
+    {Change::kSet, 2, 2, 200, 'd'},
+};
+constexpr Change kBySecondWriter = {Change::kSet, 5, 1, 300, 'z'};
+
+struct Row {
+  const char* name;
+  bool rewrites;  // in place; a light reader may get half of the old tile
+  std::vector<Change> changes;
+  std::vector<Place> looks;  // each reader's lookups
+
+  friend std::ostream& operator<<(std::ostream& out, const Row& row) { return out << row.name; }
+};
+const Row kRows[] = {
+    {"NewTile", false, {{Change::kSet, 3, 1, 300, 'e'}}, {{3}, {3}}},
+    {"NewTileBesideOther", false, {{Change::kSet, 3, 1, 300, 'e'}}, {{0}, {3}}},
+    {"RewriteAcrossPages", true, {{Change::kSet, 0, 1, 4900, 'e'}}, {{0}, {0}}},
+    {"RewriteInPage", true, {{Change::kSet, 1, 1, 90, 'e'}}, {{1}, {1}}},
+    {"RewriteThenNew",
+     true,
+     {{Change::kSet, 0, 1, 5000, 'e'}, {Change::kSet, 3, 1, 4900, 'f'}},
+     {{0}, {3}}},
+    {"NewVersion", false, {{Change::kSet, 0, 2, 300, 'e'}}, {{0}, {0, 1}}},
+    {"RewriteOlder", true, {{Change::kSet, 2, 1, 4900, 'e'}}, {{2, 1}, {2, 1}}},
+    {"MoveOlder", false, {{Change::kSet, 2, 1, 6000, 'e'}}, {{2, 1}, {2}}},
+    {"MoveOlderThenNew",
+     false,
+     {{Change::kSet, 2, 1, 6000, 'e'}, {Change::kSet, 2, 3, 200, 'f'}},
+     {{2, 1}, {2}}},
+    {"RemoveOnly", false, {{Change::kRemove, 1, 1}}, {{1}, {1}}},
+    {"RemoveNewest", false, {{Change::kRemove, 2, 2}}, {{2}, {2, 1}}},
+    {"RemoveOlder", true, {{Change::kRemove, 2, 1}}, {{2}, {2, 1}}},
+    {"RemoveThenNew", false, {{Change::kRemove, 1, 1}, {Change::kSet, 1, 1, 50, 'e'}}, {{1}, {1}}},
+    {"Batch", false, {{Change::kBatch, 3, 1, 300, 'e'}}, {{4}, {3}}},
+    {"Compact", true, {{Change::kCompact}}, {{0}, {2, 1}}},
+};
+
+// Which kind of file, and who writes. In a wide grid the entry of the cell that is changed first
+// lies on two pages; full names have no room for another one.
+enum Layout { kGrid, kWideGrid, kNames, kFullNames, kByStub, kByLightWriter };
+constexpr const char* kLayouts[] = {"Grid",      "WideGrid", "Names",
+                                    "FullNames", "ByStub",   "ByLightWriter"};
+
+struct Reader {
+  enum Kind { kFresh, kKnowing, kMapped, kOpening, kLight } kind;
+  const char* name;
+};
+constexpr Reader kReaders[] = {{Reader::kFresh, "has read nothing"},
+                               {Reader::kKnowing, "has read all"},
+                               {Reader::kMapped, "has mapped the file"},
+                               {Reader::kOpening, "opens the file"},
+                               {Reader::kLight, "is a light one"}};
+
+unsigned int Setting(const char* name, unsigned int otherwise) {
+  const char* text = std::getenv(name);
+  return text == nullptr ? otherwise : static_cast<unsigned int>(std::atoi(text));
+}
+
+class Orders : public ::testing::TestWithParam<std::tuple<Row, Layout>> {
+ protected:
+  // A writer, and what its changes lead to. A lookup shows a state that is not older than what any
+  // lookup before has seen, or what the writer had done when the lookup began.
+  struct Writer {
+    std::vector<Change> changes;
+    std::vector<unsigned int> results;  // of the changes, one after the other
+    std::size_t begun = 0, done = 0;
+    std::vector<std::vector<Tile>> states;  // of each look, after so many changes
+    std::vector<std::size_t> seen;
+  };
+
+  Orders() : m_folder(TemporaryFolder::kMemory) {
+    m_first.changes = GetRow().changes;
+    m_second.changes = {kBySecondWriter};
+  }
+
+  static const Row& GetRow() { return std::get<0>(GetParam()); }
+  static Layout GetLayout() { return std::get<1>(GetParam()); }
+  static bool IsNaming() { return GetLayout() == kNames || GetLayout() == kFullNames; }
+  static PelmUnicodeString Name(unsigned int cell) { return {u"names of tiles", 1 + cell}; }
+  static unsigned int Col(unsigned int cell) {
+    if (GetLayout() != kWideGrid) return cell;
+    return cell == GetRow().changes[0].cell ? 502 : 495 + cell;
+  }
+
+  static unsigned int Apply(ZrCompactFile& file, const Change& change) {
+    const ZrByteArray data = Data(std::string(change.size, change.letter));
+    const auto [what, cell, stamp, size, letter] = change;
+    if (what == Change::kCompact) return file.Compact();
+    if (what == Change::kRemove)
+      return IsNaming() ? file.Remove(Name(cell), stamp) : file.Remove(0, Col(cell), stamp);
+    if (what == Change::kSet)
+      return IsNaming() ? file.SetAt(Name(cell), data, 0, 0, stamp)
+                        : file.SetAt(0, Col(cell), data, 0, 0, stamp);
+    std::vector<unsigned int> results;
+    if (IsNaming())
+      return file.SetBatch({{Name(cell), &data, 0, 0, stamp}, {Name(cell + 1), &data, 0, 0, stamp}},
+                           results);
+    return file.SetBatch(
+        {{0, Col(cell), &data, 0, 0, stamp}, {0, Col(cell + 1), &data, 0, 0, stamp}}, results);
+  }
+  // The light classes only store.
+  static unsigned int Apply(ZrCompactFileWriter& file, const Change& change) {
+    const ZrByteArray data = Data(std::string(change.size, change.letter));
+    return file.SetAt(0, Col(change.cell), data, 0, 0, change.stamp);
+  }
+  static unsigned int Apply(ZrCompactFileStub& file, const Change& change) {
+    const ZrByteArray data = Data(std::string(change.size, change.letter));
+    return file.Write(0, Col(change.cell), data, 0, 0, change.stamp) ? 0 : 1;
+  }
+  template <typename File>
+  unsigned int Open(File& file) {
+    return file.Open(m_path, u"", kLocked);
+  }
+  unsigned int Open(ZrCompactFileStub& file) {
+    file.SetPath(m_path);
+    return 0;
+  }
+
+  static Tile Look(ZrCompactFile& file, const Place& place) {
+    return IsNaming() ? ReadTile(file, Name(place.cell), place.stamp)
+                      : ReadTile(file, 0, Col(place.cell), place.stamp);
+  }
+  static Tile Look(ZrCompactFileReader& file, const Place& place) {
+    ZrByteArray data;
+    Tile tile;
+    tile.result = file.Lookup(0, Col(place.cell), data, tile.filled, place.stamp);
+    tile.payload = Content(data);
+    return tile.result == 0 && tile.payload.empty() ? Tile{kNotFound, "", 0} : tile;
+  }
+
+  void MakeFile() {
+    ZrCompactFile file;
+    const unsigned int names = GetLayout() == kFullNames ? 3 : 16;
+    const unsigned int cols = GetLayout() == kWideGrid ? 520 : 8;
+    ASSERT_EQ(IsNaming() ? file.Create(m_path, names, u"", kLocked)
+                         : file.Create(m_path, 1, cols, u"", kLocked),
+              0U);
+    for (const Change& tile : kTiles)
+      ASSERT_EQ(Apply(file, tile), 0U);
+    file.Close();
+    m_image = Support::ReadFile(m_path);
+  }
+  void Restore() {
+    for (const auto& entry : std::filesystem::directory_iterator(m_folder.GetFolder()))
+      if (entry.path().string() != m_path.ToUtf8()) std::filesystem::remove(entry.path());
+    Support::WriteFile(m_path, m_image);
+  }
+  // Makes the changes with nobody else there.
+  template <typename File>
+  void Learn(Writer& writer, const std::vector<Place>& looks) {
+    Restore();
+    File file;
+    ASSERT_EQ(Open(file), 0U);
+    writer.states.resize(looks.size());
+    for (std::size_t i = 0; i <= writer.changes.size(); ++i) {
+      if (i > 0) writer.results.push_back(Apply(file, writer.changes[i - 1]));
+      ZrCompactFile reader;
+      ASSERT_EQ(Open(reader), 0U);
+      for (std::size_t look = 0; look < looks.size(); ++look)
+        writer.states[look].push_back(Look(reader, looks[look]));
+    }
+  }
+
+  void Complain(std::string what) {
+    if (m_complaint.empty()) m_complaint = std::move(what);
+  }
+  template <typename File>
+  void LookAt(File& file, Writer& writer, const std::vector<Place>& looks, std::size_t look) {
+    const std::size_t least = std::max(writer.done, writer.seen[look]);
+    const Tile tile = Look(file, looks[look]);
+    const std::vector<Tile>& states = writer.states[look];
+    std::size_t state = least;
+    while (state < writer.begun && states[state] != tile)
+      ++state;
+    if (states[state] == tile) {
+      writer.seen[look] = std::max(writer.seen[look], state);
+      return;
+    }
+    std::ostringstream text;
+    text << "cell " << looks[look].cell << " stamp " << looks[look].stamp << ": " << Short(tile);
+    for (std::size_t i = 0; i < states.size(); ++i)
+      text << (i == 0 ? "; states " : ", ") << Short(states[i]);
+    text << "; from " << least << " to " << writer.begun << " were possible";
+    Complain(text.str());
+  }
+  // Runs of letters.
+  static std::string Short(const Tile& tile) {
+    std::ostringstream text;
+    text << tile.result << ':';
+    for (std::size_t i = 0; i < tile.payload.size();) {
+      const std::size_t end =
+          std::min(tile.payload.find_first_not_of(tile.payload[i], i), tile.payload.size());
+      text << end - i << tile.payload[i];
+      i = end;
+    }
+    return text.str();
+  }
+
+  template <typename File>
+  void Write(Writer& writer) {
+    File file;
+    if (Open(file) != 0) Complain("A writer cannot open the file");
+    Schedule::Begin();
+    for (std::size_t i = 0; i < writer.changes.size(); ++i) {
+      ++writer.begun;
+      const unsigned int result = Apply(file, writer.changes[i]);
+      if (!Schedule::IsAlive()) return;
+      if (result != writer.results[i]) Complain("A change answers " + std::to_string(result));
+      ++writer.done;
+    }
+  }
+  template <typename File>
+  void Read(Reader::Kind kind) {
+    File file;
+    const ZrCompactFile::ZrOpenMode mode =
+        kLocked | (kind == Reader::kMapped ? ZrCompactFile::kMapped : 0);
+    if (kind == Reader::kOpening) Schedule::Begin();
+    if (file.Open(m_path, u"", mode) != 0) Complain("A reader cannot open the file");
+    if (kind == Reader::kKnowing || kind == Reader::kMapped)
+      for (const Place& place : GetRow().looks)
+        Look(file, place);
+    if (kind != Reader::kOpening) Schedule::Begin();
+    for (std::size_t look = 0; look < GetRow().looks.size(); ++look) {
+      if (look > 0) Schedule::Pause("looks up");
+      LookAt(file, m_first, GetRow().looks, look);
+    }
+  }
+  // The file in the end, once for each that comes out.
+  void CheckAll() {
+    auto end = std::tuple(Support::ReadFile(m_path), m_folder.CountFiles(), m_first.begun,
+                          m_first.done, m_first.seen);
+    if (!m_ends.insert(std::move(end)).second) return;
+    ZrCompactFile file;
+    if (file.Open(m_path, u"", kLocked) != 0) return Complain("The file cannot be opened");
+    for (std::size_t look = 0; look < GetRow().looks.size(); ++look)
+      LookAt(file, m_first, GetRow().looks, look);
+    LookAt(file, m_second, {{kBySecondWriter.cell}}, 0);
+    ZrVerifySummary summary;
+    if (file.Verify(summary) != 0) Complain("The file is damaged");
+  }
+
+  template <typename File>
+  void RunAll(const Reader& reader, bool kills) {
+    Schedule::Limits limits;
+    limits.preemptions = Setting("HX_PREEMPTIONS", kills ? 1 : 2);
+    limits.kills = kills;
+    limits.maps = reader.kind == Reader::kMapped;
+    limits.orders = Setting("HX_ORDERS", 3'000);
+    Schedule schedule(limits);
+    const auto read = [&] {
+      reader.kind == Reader::kLight ? Read<ZrCompactFileReader>(reader.kind)
+                                    : Read<ZrCompactFile>(reader.kind);
+    };
+    std::vector<Schedule::Process> processes = {{"writer", true, [&] { Write<File>(m_first); }},
+                                                {"reader", false, read}};
+    if (kills && GetLayout() != kByLightWriter)
+      processes.push_back({"second", false, [&] { Write<ZrCompactFile>(m_second); }});
+    while (m_complaint.empty() && schedule.Next()) {
+      Restore();
+      for (Writer* writer : {&m_first, &m_second}) {
+        writer->begun = writer->done = 0;
+        writer->seen.assign(writer->states.size(), 0);
+      }
+      schedule.Run(processes);
+      if (!schedule.GetFailure().empty()) Complain(schedule.GetFailure());
+      if (m_complaint.empty()) CheckAll();
+      if (!m_complaint.empty())
+        ADD_FAILURE() << m_complaint << "\nafter " << schedule.CountOrders()
+                      << " orders; the reader " << reader.name << schedule.Describe();
+    }
+    if (std::getenv("HX_SHOW"))
+      std::printf("%s kills %d: %zu orders, complete %d, last:%s\n", reader.name, kills,
+                  schedule.CountOrders(), schedule.IsComplete(),
+                  std::getenv("HX_SHOW")[0] == '2' ? schedule.Describe().c_str() : "");
+    m_orders += schedule.CountOrders();
+    RecordProperty("orders", static_cast<int>(m_orders));
+  }
+
+  TemporaryFolder m_folder;
+  const PelmUnicodeString m_path = m_folder.GetPath("t.cf");
+  Support::Bytes m_image;
+  Writer m_first, m_second;
+  std::set<
+      std::tuple<Support::Bytes, std::size_t, std::size_t, std::size_t, std::vector<std::size_t>>>
+      m_ends;
+  std::string m_complaint;
+  std::size_t m_orders = 0;
+};
+
+// By default in about a minute; HX_PREEMPTIONS makes it go through all that there is.
+TEST_P(Orders, LookupsSeeWholeTilesNoOlderThanKnown) {
+  const auto& [name, rewrites, changes, looks] = GetRow();
+  const bool isPlain = std::ranges::all_of(changes, [](const Change& change) {
+    return change.what == Change::kSet && change.stamp == 1 && change.cell != 2;
+  });
+  if (GetLayout() >= kByStub && !isPlain) GTEST_SKIP() << "The light classes have no such change";
+  if (GetLayout() == kFullNames && changes[0].cell < 3) GTEST_SKIP() << "The index does not grow";
+  ASSERT_NO_FATAL_FAILURE(MakeFile());
+  GetLayout() == kByStub          ? Learn<ZrCompactFileStub>(m_first, looks)
+  : GetLayout() == kByLightWriter ? Learn<ZrCompactFileWriter>(m_first, looks)
+                                  : Learn<ZrCompactFile>(m_first, looks);
+  Learn<ZrCompactFile>(m_second, {{kBySecondWriter.cell}});
+  const bool isQuick = std::getenv("HX_PREEMPTIONS") == nullptr;
+  const bool looksBack = std::ranges::any_of(looks, [](Place at) { return at.stamp != kNewest; });
+  for (const Reader& reader : kReaders)
+    for (const bool kills : {false, true}) {
+      const bool isMain = reader.kind == Reader::kKnowing || reader.kind == Reader::kLight;
+      if (isQuick && !isMain && (kills || GetLayout() != kGrid)) continue;
+      if (reader.kind == Reader::kLight && (IsNaming() || looksBack || rewrites)) continue;
+      if (reader.kind != Reader::kLight && GetLayout() == kByLightWriter) continue;
+      if (reader.kind == Reader::kMapped && kills) continue;
+      m_complaint.clear();
+      GetLayout() == kByStub          ? RunAll<ZrCompactFileStub>(reader, kills)
+      : GetLayout() == kByLightWriter ? RunAll<ZrCompactFileWriter>(reader, kills)
+                                      : RunAll<ZrCompactFile>(reader, kills);
+    }
+}
+
+std::string NameOf(const ::testing::TestParamInfo<std::tuple<Row, Layout>>& info) {
+  return std::string(std::get<0>(info.param).name) + kLayouts[std::get<1>(info.param)];
+}
+INSTANTIATE_TEST_SUITE_P(Engine, Orders,
+                         ::testing::Combine(::testing::ValuesIn(kRows),
+                                            ::testing::Values(kGrid, kWideGrid, kNames, kFullNames,
+                                                              kByStub, kByLightWriter)),
+                         NameOf);
+
+}  // namespace
+}  // namespace Zarn
