@@ -310,32 +310,37 @@ auto Pass(const char* what, Kind kind, Call call, Arguments... arguments) {
   return isMade ? call(arguments...) : Refuse<Result>();
 }
 
-// Where to divide a transfer; 0: not at all. Words that lie as the machine has them are whole.
-std::size_t FindCut(Kind kind, off_t position, std::size_t size) {
-  const off_t end = position + static_cast<off_t>(size);
+// Where to divide a transfer that has come to `position`: few words are moved word by word, as they
+// lie in the file, and others in two parts. The end if it is not divided any more.
+off_t FindCut(Kind kind, off_t begin, off_t position, off_t end) {
+  constexpr off_t kFewWords = 4 * kWord;
   const auto isInside = [&](off_t cut) { return position < cut && cut < end; };
-  off_t cut = (position / kPage + 1) * kPage;
-  if (kind == kRead || !isInside(cut)) {
-    const auto& cuts = g_impl->m_limits.cuts;
-    const auto wanted = std::ranges::find_if(cuts, isInside);
-    cut = wanted != cuts.end() ? *wanted : (position + end) / 2 / kWord * kWord;
-  }
-  return isInside(cut) ? static_cast<std::size_t>(cut - position) : 0;
+  const off_t word = (position / kWord + 1) * kWord, page = (position / kPage + 1) * kPage;
+  if (end - begin <= kFewWords) return std::min(word, end);
+  if (kind == kWrite && isInside(page)) return page;
+  if (position != begin) return end;
+  const auto& cuts = g_impl->m_limits.cuts;
+  const auto wanted = std::ranges::find_if(cuts, isInside);
+  return wanted != cuts.end() ? *wanted : (begin + end) / 2 / kWord * kWord;
 }
 
 // `move(from, size)` moves a part.
 template <typename Move>
-ssize_t Transfer(const char* what, Kind kind, off_t position, std::size_t size, Move move) {
+ssize_t Transfer(const char* what, Kind kind, off_t begin, std::size_t size, Move move) {
   if (!IsRunning()) return move(0, size);
-  if (!g_impl->Enter({what, kind, position, size})) return Refuse<ssize_t>();
-  const std::size_t cut = FindCut(kind, position, size);
-  const ssize_t first = move(0, cut == 0 ? size : cut);
-  if (cut == 0 || first < static_cast<ssize_t>(cut)) return first;
-  const off_t middle = position + first;
-  const Step rest = {what, kind, middle, size - cut, middle % kPage == 0};
-  if (!g_impl->Enter(rest)) return Refuse<ssize_t>();
-  const ssize_t second = move(cut, size - cut);
-  return second < 0 ? second : first + second;
+  const off_t end = begin + static_cast<off_t>(size);
+  ssize_t done = 0;
+  for (off_t position = begin; position < end; position = begin + done) {
+    const off_t cut = FindCut(kind, begin, position, end);
+    const auto part = static_cast<std::size_t>(cut - position);
+    const bool mayBeLast = position == begin || position % kPage == 0;
+    if (!g_impl->Enter({what, kind, position, part, mayBeLast})) return Refuse<ssize_t>();
+    const ssize_t moved = move(static_cast<std::size_t>(done), part);
+    if (moved < 0) return done == 0 ? moved : done;
+    done += moved;
+    if (moved < static_cast<ssize_t>(part)) break;
+  }
+  return done;
 }
 
 ssize_t Read(int fd, void* bytes, std::size_t size, off_t position) {
