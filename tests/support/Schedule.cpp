@@ -6,7 +6,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -16,6 +21,8 @@
 #include <vector>
 
 #include "FileSyscalls.h"
+
+using namespace std::string_literals;
 
 namespace {
 
@@ -98,6 +105,7 @@ struct Schedule::Impl {
   bool Wait(Worker& self, bool polls);
   void Leave(Worker& self);
   void Die(Worker& self);
+  void Detach(const Worker& worker);
   std::vector<Worker*> FindOthers(const Worker& self, bool polling) const;
   std::vector<Worker*> FindNext(const Worker& self) const;
   std::size_t Choose(std::size_t count);
@@ -133,6 +141,7 @@ struct Schedule::Impl {
   std::vector<Step> m_steps;
   std::vector<std::string> m_names;
   std::string m_failure;
+  std::map<void*, const Worker*> m_mappings;  // for writing, with those that made them; maybe gone
 };
 
 std::size_t Schedule::Impl::IndexOf(const Worker& worker) const {
@@ -238,6 +247,25 @@ void Schedule::Impl::Leave(Worker& self) {
   others[areStuck || m_isVain ? 0 : Choose(others.size())]->go.Give();
 }
 
+// Gives the mappings in which the worker could change a file memory of their own, with what is
+// there.
+void Schedule::Impl::Detach(const Worker& worker) {
+  std::ifstream all("/proc/self/maps");
+  for (std::string line; std::getline(all, line);) {
+    std::uintptr_t begin, end;
+    char mode[5];
+    if (std::sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " %4s", &begin, &end, mode) != 3)
+      continue;
+    void* const bytes = reinterpret_cast<void*>(begin);
+    const auto found = m_mappings.find(bytes);
+    if (found == m_mappings.end() || found->second != &worker || mode != "rw-s"s) continue;
+    const std::string copy(static_cast<const char*>(bytes), end - begin);
+    ::mmap(bytes, copy.size(), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1,
+           0);
+    std::memcpy(bytes, copy.data(), copy.size());
+  }
+}
+
 // The kernel closes its files and frees its locks.
 void Schedule::Impl::Die(Worker& self) {
   ++m_kills;
@@ -249,6 +277,7 @@ void Schedule::Impl::Die(Worker& self) {
   for (const int fd : self.files)
     ::dup3(nothing, fd, O_CLOEXEC);
   ::close(nothing);
+  if (!m_mappings.empty()) Detach(self);
 }
 
 void Schedule::Impl::Serve(Worker& worker) {
@@ -268,6 +297,7 @@ void Schedule::Impl::Run(const std::vector<Process>& processes) {
   m_isVain = false;
   m_steps.clear();
   m_failure.clear();
+  m_mappings.clear();
   m_names.clear();
   m_count = processes.size();
   while (m_workers.size() < m_count) {
@@ -383,10 +413,16 @@ int Close(int fd) {
   return g_calls.close(fd);
 }
 
+// What a process stores into a mapping takes no call, so it must not reach the file from its death
+// on.
 void* Map(void* address, std::size_t size, int protection, int flags, int fd, off_t position) {
-  if (g_impl->m_limits.maps) return g_calls.mmap(address, size, protection, flags, fd, position);
-  errno = ENODEV;
-  return MAP_FAILED;
+  if (size > g_impl->m_limits.maps) {
+    errno = ENODEV;
+    return MAP_FAILED;
+  }
+  void* const bytes = g_calls.mmap(address, size, protection, flags, fd, position);
+  if (bytes != MAP_FAILED && (protection & PROT_WRITE) != 0) g_impl->m_mappings[bytes] = t_worker;
+  return bytes;
 }
 
 bool AreEqual(const struct flock& a, const struct flock& b) {
