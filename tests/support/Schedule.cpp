@@ -1,6 +1,5 @@
 #include "support/Schedule.h"
 
-#include <semaphore.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <semaphore>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -30,7 +30,9 @@ constexpr off_t kPage = 4096;
 constexpr off_t kWord = 8;
 constexpr std::size_t kEndless = 20'000;  // steps
 
-enum Kind { kRead, kWrite, kShare, kLock, kOther };
+// Of a step, what it does to the files or to the locks. kLook reads, but nobody waits before it:
+// all objects share a mutex meanwhile.
+enum Kind { kRead, kLook, kWrite, kShare, kLock, kOther };
 
 struct Step {
   const char* what;
@@ -38,7 +40,7 @@ struct Step {
   off_t position = 0;
   std::size_t size = SIZE_MAX;  // that much means all
   bool mayBeLast = true;        // a kill can come before it
-  std::size_t process = 0;
+  const char* process = nullptr;
 };
 
 // Whether it matters which one comes first.
@@ -56,24 +58,6 @@ bool DoConflict(const Step& a, const Step& b) {
          beginsBefore(b, a);
 }
 
-// As the standard's, which polls first.
-class Signal {
- public:
-  Signal() { ::sem_init(&m_semaphore, 0, 0); }
-  ~Signal() { ::sem_destroy(&m_semaphore); }
-  Signal(const Signal&) = delete;
-  Signal& operator=(const Signal&) = delete;
-
-  void Give() { ::sem_post(&m_semaphore); }
-  void Await() {
-    while (::sem_wait(&m_semaphore) != 0) {
-    }
-  }
-
- private:
-  sem_t m_semaphore;
-};
-
 struct Worker {
   const Schedule::Process* process = nullptr;
   bool isDone = true;
@@ -83,7 +67,7 @@ struct Worker {
   bool polls = false;         // it could go on without the lock
   struct flock refused = {};  // by its last call
   std::vector<int> files;
-  Signal go;
+  std::binary_semaphore go{0};
   std::thread thread;
 };
 
@@ -102,6 +86,7 @@ struct Schedule::Impl {
   void Run(const std::vector<Process>& processes);
   void Serve(Worker& worker);
   bool Enter(const Step& step);
+  void Record(const Worker& self, const Step& step);
   bool Wait(Worker& self, bool polls);
   void Leave(Worker& self);
   void Die(Worker& self);
@@ -111,16 +96,14 @@ struct Schedule::Impl {
   std::size_t Choose(std::size_t count);
   void HandOver(Worker& from, Worker& to);
   bool IsRunning(const Worker* worker) const { return m_isRunning && worker != nullptr; }
-  std::size_t IndexOf(const Worker& worker) const;
   void Fail(const char* why) {
     if (m_failure.empty()) m_failure = why;
   }
 
   const Limits m_limits;
-  const std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
   std::vector<std::unique_ptr<Worker>> m_workers;
   std::size_t m_count = 0;  // workers in use
-  Signal m_main;
+  std::binary_semaphore m_main{0};
   bool m_isRunning = false;  // all have begun
   bool m_isOver = false;
 
@@ -135,19 +118,13 @@ struct Schedule::Impl {
   std::size_t m_frees = 0;
   // Somebody waits before this step, and nobody has done since what it matters to. So it could as
   // well have come first, and that is another order. Nobody else has to wait now; and until the end
-  // if the one that goes on instead has to stop.
+  // if the one that goes on instead has to stop. (Not with mappings, whose use is no step.)
   std::optional<Step> m_owed;
   bool m_isVain = false;
   std::vector<Step> m_steps;
-  std::vector<std::string> m_names;
   std::string m_failure;
   std::map<void*, const Worker*> m_mappings;  // for writing, with those that made them; maybe gone
 };
-
-std::size_t Schedule::Impl::IndexOf(const Worker& worker) const {
-  return static_cast<std::size_t>(
-      std::ranges::find(m_workers, &worker, &std::unique_ptr<Worker>::get) - m_workers.begin());
-}
 
 std::size_t Schedule::Impl::Choose(std::size_t count) {
   if (count == 1) return 0;
@@ -177,8 +154,14 @@ std::vector<Worker*> Schedule::Impl::FindNext(const Worker& self) const {
 }
 
 void Schedule::Impl::HandOver(Worker& from, Worker& to) {
-  to.go.Give();
-  if (!from.isDone) from.go.Await();
+  to.go.release();
+  from.go.acquire();
+}
+
+void Schedule::Impl::Record(const Worker& self, const Step& step) {
+  m_steps.push_back(step);
+  m_steps.back().process = self.process->name;
+  if (m_owed && DoConflict(*m_owed, step)) m_owed.reset();
 }
 
 // Before a step: whether it is made. Without effect and answer if it is not.
@@ -199,14 +182,12 @@ bool Schedule::Impl::Enter(const Step& step) {
       return false;
     }
     ++m_preemptions;
-    if (step.kind != kOther) m_owed = step;
+    if (step.kind != kOther && m_limits.maps == 0) m_owed = step;
     HandOver(self, *others[choice - 1 - mayDie]);
     if (self.isDead) return false;
     others.clear();  // the one that went first could have let another one go on
   }
-  m_steps.push_back(step);
-  m_steps.back().process = IndexOf(self);
-  if (m_owed && DoConflict(*m_owed, step)) m_owed.reset();
+  Record(self, step);
   if (m_steps.size() > kEndless) {
     Fail("This does not end");
     self.isDead = true;
@@ -236,7 +217,7 @@ void Schedule::Impl::Leave(Worker& self) {
   for (std::size_t i = 0; i < m_count && areStuck; ++i)
     if (!m_workers[i]->isDone) others.push_back(m_workers[i].get());
   if (others.empty()) {
-    m_main.Give();
+    m_main.release();
     return;
   }
   if (areStuck) {
@@ -244,7 +225,7 @@ void Schedule::Impl::Leave(Worker& self) {
     for (Worker* other : others)
       other->isDead = true;
   }
-  others[areStuck || m_isVain ? 0 : Choose(others.size())]->go.Give();
+  others[areStuck || m_isVain ? 0 : Choose(others.size())]->go.release();
 }
 
 // Gives the mappings in which the worker could change a file memory of their own, with what is
@@ -269,8 +250,7 @@ void Schedule::Impl::Detach(const Worker& worker) {
 // The kernel closes its files and frees its locks.
 void Schedule::Impl::Die(Worker& self) {
   ++m_kills;
-  m_steps.push_back({"is killed", kOther});
-  m_steps.back().process = IndexOf(self);
+  Record(self, {"is killed", kOther});
   self.isDead = true;
   ++m_frees;
   const int nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -283,7 +263,7 @@ void Schedule::Impl::Die(Worker& self) {
 void Schedule::Impl::Serve(Worker& worker) {
   t_worker = &worker;
   for (;;) {
-    worker.go.Await();
+    worker.go.acquire();
     if (m_isOver) return;
     worker.process->body();
     if (!m_isRunning) std::abort();  // no Begin
@@ -298,7 +278,6 @@ void Schedule::Impl::Run(const std::vector<Process>& processes) {
   m_steps.clear();
   m_failure.clear();
   m_mappings.clear();
-  m_names.clear();
   m_count = processes.size();
   while (m_workers.size() < m_count) {
     m_workers.push_back(std::make_unique<Worker>());
@@ -308,15 +287,14 @@ void Schedule::Impl::Run(const std::vector<Process>& processes) {
   for (std::size_t i = 0; i < m_count; ++i) {
     Worker& worker = *m_workers[i];
     worker.process = &processes[i];
-    m_names.emplace_back(processes[i].name);
     worker.isDone = worker.isDead = worker.isWaiting = false;
     worker.files.clear();
-    worker.go.Give();
-    m_main.Await();  // until it begins
+    worker.go.release();
+    m_main.acquire();  // until it begins
   }
   m_isRunning = true;
-  m_workers[Choose(m_count)]->go.Give();
-  m_main.Await();
+  m_workers[Choose(m_count)]->go.release();
+  m_main.acquire();
   m_isRunning = false;
 }
 
@@ -335,9 +313,13 @@ Result Refuse() {
 template <typename Call, typename... Arguments>
 auto Pass(const char* what, Kind kind, Call call, Arguments... arguments) {
   using Result = decltype(call(arguments...));
-  const bool isPoint = kind != kOther;
-  const bool isMade = isPoint ? Enter({what, kind}) : !IsRunning() || !t_worker->isDead;
-  return isMade ? call(arguments...) : Refuse<Result>();
+  if (!IsRunning()) return call(arguments...);
+  if (t_worker->isDead) return Refuse<Result>();
+  if (kind == kLook) g_impl->Record(*t_worker, {what, kind});
+  if (kind == kWrite || kind == kRead) {
+    if (!g_impl->Enter({what, kind})) return Refuse<Result>();
+  }
+  return call(arguments...);
 }
 
 // Where to divide a transfer that has come to `position`: few words are moved word by word, as they
@@ -485,11 +467,9 @@ void Install(Zarn::FileSyscalls& calls) {
   PASS(rename, kWrite)
   PASS(renameNoReplace, kWrite)
   PASS(renameExchange, kWrite)
-  // Nobody waits before these: they are made with a mutex held that all objects share, or matter to
-  // no other process.
-  PASS(fstat, kOther)
-  PASS(stat, kOther)
-  PASS(statx, kOther)
+  PASS(fstat, kLook)
+  PASS(stat, kLook)
+  PASS(statx, kLook)
   PASS(sync_file_range, kOther)
   PASS(fchmod, kOther)
   PASS(fchown, kOther)
@@ -512,7 +492,7 @@ Schedule::Schedule(Limits limits) : m_impl(new Impl(std::move(limits))) {
 Schedule::~Schedule() {
   m_impl->m_isOver = true;
   for (const auto& worker : m_impl->m_workers) {
-    worker->go.Give();
+    worker->go.release();
     worker->thread.join();
   }
   Zarn::GetFileSyscalls() = g_calls;
@@ -526,9 +506,7 @@ bool Schedule::Next() {
   while (!choices.empty() && choices.back().taken + 1 == choices.back().count)
     choices.pop_back();
   impl.m_isComplete = impl.m_orders > 0 && choices.empty();
-  if (impl.m_isComplete || impl.m_orders == impl.m_limits.orders ||
-      std::chrono::steady_clock::now() - impl.m_start > impl.m_limits.time)
-    return false;
+  if (impl.m_isComplete || impl.m_orders == impl.m_limits.orders) return false;
   if (!choices.empty()) ++choices.back().taken;
   ++impl.m_orders;
   return true;
@@ -537,8 +515,8 @@ bool Schedule::Next() {
 void Schedule::Run(const std::vector<Process>& processes) { m_impl->Run(processes); }
 
 void Schedule::Begin() {
-  g_impl->m_main.Give();
-  t_worker->go.Await();
+  g_impl->m_main.release();
+  t_worker->go.acquire();
 }
 
 bool Schedule::IsAlive() { return !t_worker->isDead; }
@@ -552,7 +530,7 @@ std::string Schedule::Describe() const {
   const Step* last = nullptr;
   for (const Step& step : m_impl->m_steps) {
     const bool isSame = last != nullptr && last->process == step.process;
-    text << (isSame ? ", " : "\n  " + m_impl->m_names[step.process] + ": ") << step.what;
+    text << (isSame ? ", " : "\n  "s + step.process + ": ") << step.what;
     if (step.size != SIZE_MAX)
       text << ' ' << (step.position >= kLocks - 1 ? step.position - kLocks : step.position) << '+'
            << step.size;

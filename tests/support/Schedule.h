@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -24,8 +23,7 @@ class Schedule {
     unsigned int preemptions = 2;   ///< how often one has to wait that could go on
     unsigned int kills = 0;         ///< how many of those that may be killed are killed
     std::size_t maps = 0;           ///< larger mappings of files than this fail
-    std::size_t orders = SIZE_MAX;  ///< how many are run at most, and for how long
-    std::chrono::milliseconds time = std::chrono::hours(1);
+    std::size_t orders = SIZE_MAX;  ///< how many are run at most
     /// Where in a file to divide a transfer if it can be: elsewhere it is in the middle. A kill
     /// stops a write between two pages only.
     std::vector<off_t> cuts = {};
