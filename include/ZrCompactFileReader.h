@@ -7,14 +7,14 @@ namespace Zarn {
 
 namespace Io {
 class RecordReader;
+class Snapshot;
 }
 
-/// Reads the tiles of a grid file, without any lock.
+/// Reads the tiles of a grid file.
 ///
-/// One object belongs to one thread; several may be open on one file while one ZrCompactFileWriter
-/// stores into it. A lookup then gives a tile that its cell had at some moment of the lookup; if
-/// the writer rewrites the tile in its place meanwhile, the payload may be half old, half new. The
-/// reader keeps nothing but one buffer between calls, so every call sees the file as it is.
+/// One object belongs to one thread; any number may be open on one file while others change it: a
+/// ZrCompactFileWriter, or objects with kProcessLock. A lookup then gives a tile, whole, that its cell
+/// had at some moment of the lookup. It takes a lock only if changes go on for long.
 class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
  public:
   ZrCompactFileReader() = default;
@@ -43,9 +43,9 @@ class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
   ///                stamp selects the newest version.
   ///
   /// kOk, with empty `data` for an empty cell; kNotOpen; kReadFailure for a cell outside the grid
-  /// or a damaged record, among them one that ends beyond the file, and if the cell's entry changes
-  /// again and again while its record is read; then `data` is untouched, and `nFilled` too, unless
-  /// the cell's entry could be read (then 0).
+  /// or a damaged record, among them one that ends beyond the file, and if the file changes again
+  /// and again without a lock while the record is read; then `data` is untouched, and `nFilled` too,
+  /// unless the cell's entry could be read (then 0).
   unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                       unsigned long long& nFilled, unsigned long long nVersion);
   /// The same for a std::uint64_t.
@@ -59,6 +59,10 @@ class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
   }
 
  private:
+  struct Tile;
+
+  bool LookUp(Tile& tile);
+  void ReadTile(Tile& tile, Io::Snapshot& snapshot);
   bool FindRecord(unsigned int row, unsigned int col, unsigned long long& entry,
                   unsigned long long& sizeHint) const;
   bool ReadRecord(unsigned long long position, unsigned long long sizeHint,

@@ -101,6 +101,7 @@ class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
   enum class Place { kInPlace, kAppend, kBeyondFile, kUnreadable };
   struct Store;  // one call of SetAt, and what it finds
 
+  bool LookForChanges();
   Place FindPlace(Store& store) const;
   unsigned int Append(const Store& store);
   unsigned int Rewrite(const Store& store);

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <array>
+#include <functional>
+#include <memory>
 
 #include "HxCompactFileExport.h"
 #include "PelmUnicodeString.h"
@@ -13,12 +15,16 @@ namespace Zarn {
 namespace Format {
 struct IndexShape;
 }
+namespace Io {
+class Board;
+}
 
 /// What ZrCompactFileWriter and ZrCompactFileReader have in common: an open grid file whose index
 /// entries are read straight from the file. Use one of those two.
 ///
-/// The object is itself the open file stream. It takes no lock of any kind: one thread at a time
-/// uses one object.
+/// The object is itself the open file stream. One thread at a time uses one object. Others may use the
+/// file at the same time, also through a ZrCompactFile with kProcessLock: while it is open, all tell
+/// each other of changes by words in its header.
 class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
  public:
   /// True between a successful Create or Open and Close.
@@ -44,13 +50,23 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
 
  protected:
   ZrGridFile();
-  ~ZrGridFile() = default;
+  ~ZrGridFile();
 
   /// Opens an existing file with a direction of ZrFileStream; the results of both classes' Open.
   unsigned int OpenExisting(const PelmUnicodeString& path, const PelmUnicodeString& password,
                             ZrCompactFile::ZrOpenMode mode, unsigned int direction);
   /// Closes the stream whatever state the object is in.
   void CloseStream();
+  /// Takes part in what those who use the open file tell each other.
+  bool Join(ZrCompactFile::ZrOpenMode mode);
+  /// Where that is told; of an object of its own while no file is open.
+  Io::Board& GetBoard() const;
+  /// Under the process lock, which it takes shared: takes notice of what others have changed, and
+  /// reads the headers again if need be; then calls `action`. False if the lock is not to be had, or
+  /// the headers cannot be read.
+  bool UnderLock(const std::function<void()>& action);
+  /// Reads the headers again. False if that is not possible.
+  bool Reload();
   /// Stores what Create and Open are given. `path` is a completed one.
   void SetIdentity(const PelmUnicodeString& path, const PelmUnicodeString& password,
                    ZrCompactFile::ZrOpenMode mode);
@@ -77,7 +93,11 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
   PelmUnicodeString m_strPassword;             ///< as given
 
  private:
+  struct Sharing;
+
   bool IsOpenAt(const PelmUnicodeString& path) const;
+
+  const std::unique_ptr<Sharing> m_pSharing;
 };
 
 }  // namespace Zarn

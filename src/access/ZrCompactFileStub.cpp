@@ -18,8 +18,6 @@ struct Access::FileLock : ZrProcess {
   explicit FileLock(const PelmUnicodeString& file) : m_strFile(file) { ProcessLockInit(file); }
 
   using ZrProcess::IsLockOn;
-  using ZrProcess::IsStateLoaded;
-  using ZrProcess::SetStateLoaded;
 
   const PelmUnicodeString m_strFile;
 };
@@ -27,6 +25,9 @@ struct Access::FileLock : ZrProcess {
 namespace {
 
 constexpr unsigned int kGridSide = 128;
+// Each store of the writer has the process lock.
+constexpr ZrCompactFile::ZrOpenMode kWriterMode =
+    ZrCompactFile::kCreateMissing | ZrCompactFile::kProcessLock;
 
 // The absolute path of the file that `path` means now; empty for an unusable path, or if the
 // working directory has no usable path.
@@ -65,7 +66,7 @@ void ZrCompactFileStub::SetPath(PelmUnicodeString path) {
 
 // Leaves an existing file alone; then the writer is closed.
 void ZrCompactFileStub::CreateFile() {
-  m_pWriter->Create(m_strFile, kGridSide, kGridSide, u"", ZrCompactFile::kCreateMissing);
+  m_pWriter->Create(m_strFile, kGridSide, kGridSide, u"", kWriterMode);
 }
 
 bool ZrCompactFileStub::Write(unsigned int row, unsigned int col, const ZrByteArray& data,
@@ -92,15 +93,12 @@ bool ZrCompactFileStub::LockFile() {
   return m_pLock->WriterLock(0);
 }
 
-// Opens the writer on the locked file, unless it is open there and no other process has changed the
-// file. A newly opened writer looks through the index for the end of the data.
+// Opens the writer on the locked file, unless it is open there.
 bool ZrCompactFileStub::RefreshWriter() {
-  if (m_pLock->IsStateLoaded() && m_pWriter->IsOpen()) return true;
+  if (m_pWriter->IsOpen() && m_pLock->IsLockOn(*m_pWriter)) return true;
   m_pWriter->Close();
-  const bool opened =
-      m_pWriter->Open(m_strFile, u"", ZrCompactFile::kCreateMissing) == ZrResult::kOk &&
-      m_pLock->IsLockOn(*m_pWriter);
-  m_pLock->SetStateLoaded(opened);
+  const bool opened = m_pWriter->Open(m_strFile, u"", kWriterMode) == ZrResult::kOk &&
+                      m_pLock->IsLockOn(*m_pWriter);
   for (auto& [thread, reader] : m_mapReader)
     if (opened && reader.IsOpen() && !m_pLock->IsLockOn(reader)) reader.m_strOpenedFor = {};
   return opened;

@@ -1,6 +1,4 @@
-#include <new>
-
-#include "Engine.h"
+#include "LookUp.h"
 
 // What is answered without the locks of an operation: a reference to the open file is taken under
 // the state mutex, and used without it.
@@ -8,7 +6,7 @@ namespace Zarn::Engine {
 
 std::shared_ptr<OpenFile> Engine::GetFile() const {
   const Guard state(m_stateMutex);
-  return m_file;
+  return m_state.file;
 }
 
 std::shared_ptr<ZrCacheFile> Engine::GetCacheFile() const {
@@ -62,37 +60,18 @@ unsigned int Engine::GetIndexInfo(unsigned int& first, unsigned int& second) con
   return file->GetKind();
 }
 
-// With the process lock, another process may have compacted the file, or be doing so, or another
-// file has the path, or none. Then the answer is that of the new file, under the lock of a lookup.
 bool Engine::GetGridIdxValue(unsigned int row, unsigned int col, unsigned long long& value) {
-  std::shared_ptr<OpenFile> file;
-  bool isThere = false;
-  try {
-    PelmUnicodeString path;
-    {
-      const Guard state(m_stateMutex);
-      if (m_locks.IsCurrent()) file = m_file;
-      if (!m_locks.GetProcessLock().IsDisabled()) path = m_strAbsolutePath;
-    }
-    if (file == nullptr || file->Cells() == nullptr || !file->Cells()->Contains(row, col))
-      return false;
-    isThere = path.IsEmpty() || file->GetStream()->IsSameFile(path);
-  } catch (const std::bad_alloc&) {
-    // The lock knows whether it is.
-  }
-  std::uint64_t stored;
-  if (isThere && file->Cells()->ReadUnlocked(row, col, file->GetHeader().GetBytes(), stored)) {
-    value = stored;
-    return true;
-  }
-  if (m_locks.GetProcessLock().IsDisabled()) return false;
-  const ReadOperation operation(m_locks, m_buffers);
+  bool isRead = false;
   TileEntry entry;
-  if (!operation.IsUsable() || File().Cells() == nullptr ||
-      !File().Cells()->ReadForLookup(row, col, File().Map(), entry))
-    return false;
-  value = entry.stored;
-  return true;
+  const auto read = [&](OpenFile& file, View& view, ZrByteArray*) {
+    isRead = file.Cells() != nullptr && file.Cells()->Read(row, col, entry, &view);
+    return true;
+  };
+  const auto tell = [&](OpenFile&, ZrByteArray*) {
+    if (isRead) value = entry.stored;
+  };
+  constexpr bool kUsesBuffer = false;
+  return LookUp(read, tell, kUsesBuffer) && isRead;
 }
 
 }  // namespace Zarn::Engine

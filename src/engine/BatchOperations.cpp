@@ -25,7 +25,8 @@ class StoreBatch {
   bool Add(const ZrNameStore& store, std::size_t number);
   /// Writes all tiles: what is left of their records, then their entries, those of neighbours at
   /// once.
-  void Write(WriteOperation& operation);
+  void Write();
+  std::size_t CountTiles() const { return m_tiles.size(); }
 
  private:
   struct Tile {
@@ -112,6 +113,7 @@ void StoreBatch::WriteBlock() {
     std::vector<iovec> parts = PlaceBlock(position);
     written =
         position != 0 && m_file.GetStream()->WriteGathered(position, parts.data(), parts.size());
+    if (written) m_file.GetTail().EndsAt(position + m_blockSize);
   } catch (const std::bad_alloc&) {
   }
   while (!written && m_tiles.size() > m_inFile) {
@@ -136,7 +138,7 @@ std::vector<iovec> StoreBatch::PlaceBlock(std::uint64_t position) {
   return parts;
 }
 
-void StoreBatch::Write(WriteOperation& operation) {
+void StoreBatch::Write() {
   WriteBlock();
   std::vector<Tile> tiles = std::exchange(m_tiles, {});
   m_codes.clear();
@@ -154,8 +156,8 @@ void StoreBatch::Write(WriteOperation& operation) {
     do
       ++end;
     while (end < slots.size() && slots[end].entry.number == slots[end - 1].entry.number + 1);
-    const bool written = end <= slots.size() && operation.ExcludeLookups() &&
-                         WriteEntries(&slots[first], end - first);
+    const bool written =
+        end <= slots.size() && WriteEntries(&slots[first], end - first);
     for (std::size_t i = first; i < end; ++i) {
       if (written)
         m_file.Index().KeepHint(slots[i].entry);
@@ -211,22 +213,23 @@ unsigned int Engine::SetAt(const ZrNameStore& store) {
 template <typename Store>
 bool Engine::StoreTogether(const std::vector<Store>& stores, std::vector<unsigned int>& results) {
   if (GetCacheFile() != nullptr) return false;
-  WriteOperation operation(m_locks, m_buffers, Operation::kStore);
-  if (!operation.IsUsable() || IsReadOnly() || GetSwapData() == nullptr) return false;
-  if (!File().HasIndex() || (File().Names() != nullptr && !operation.ExcludeLookups()))
+  const WriteOperation operation(m_locks, m_state);
+  if (!operation.IsUsable() || IsReadOnly() || GetSwapData() == nullptr || !File().HasIndex())
     return false;
   File().GetTail().Reserve(*File().GetStream());  // finds where no record may begin
   StoreBatch batch(File(), results);
   for (std::size_t i = 0; i < stores.size(); ++i) {
     try {
       if (batch.Add(stores[i], i)) continue;
-      batch.Write(operation);
-      results[i] = StoreOne(stores[i], operation);
+      ReserveNames(batch.CountTiles());
+      batch.Write();
+      results[i] = StoreOne(stores[i]);
     } catch (const std::bad_alloc&) {
       results[i] = ZrResult::kWriteFailure;
     }
   }
-  batch.Write(operation);
+  ReserveNames(batch.CountTiles());
+  batch.Write();
   return true;
 }
 

@@ -20,54 +20,27 @@ bool ReplaceSplitEntries(ZrFile64& file, std::uint64_t position, const ZrByteArr
 
 }  // namespace
 
-std::unique_ptr<CellIndex> CellIndex::Load(const std::shared_ptr<ZrFile64>& file,
-                                           std::uint64_t indexOffset, bool swap, bool isShared,
-                                           const CellIndex* previous) {
+std::unique_ptr<CellIndex> CellIndex::Load(const std::shared_ptr<ZrFile64>& file, Io::Board& board,
+                                           std::uint64_t indexOffset, bool swap) {
   Format::GridHeaderImage bytes;
   if (!file->ReadAt(indexOffset, bytes.data(), bytes.size())) return nullptr;
   const Format::GridHeader header = Format::DecodeGridHeader(bytes, swap);
   const auto shape = Format::IndexShape::OfGrid(indexOffset, header.rowCount, header.colCount);
   auto index =
-      std::make_unique<CellIndex>(file, header, IndexPages::Area{shape, isShared, swap}, previous);
+      std::make_unique<CellIndex>(file, board, header, IndexPages::Area{shape, swap});
   return index->IsUsable() ? std::move(index) : nullptr;
 }
 
-CellIndex::CellIndex(std::shared_ptr<ZrFile64> file, const Format::GridHeader& header,
-                     const IndexPages::Area& area, const CellIndex* previous)
-    : IndexEntries(std::move(file), area, previous != nullptr ? previous->GetPages() : nullptr),
+CellIndex::CellIndex(std::shared_ptr<ZrFile64> file, Io::Board& board,
+                     const Format::GridHeader& header, const IndexPages::Area& area)
+    : IndexEntries(std::move(file), board, area),
       m_nRowCount(header.rowCount),
       m_nColCount(header.colCount),
       m_nGridFlags(header.flags) {}
 
-Format::GridHeaderImage CellIndex::GetHeaderBytes() const {
-  return Format::EncodeGridHeader({m_nRowCount, m_nColCount, m_nGridFlags}, IsSwapped());
-}
-
-bool CellIndex::Read(std::uint32_t row, std::uint32_t col, TileEntry& entry) const {
-  const auto cell = Find(row, col);
-  return cell && ReadEntry(*cell, entry);
-}
-
-// Only cells that were empty change while lookups go on.
-bool CellIndex::ReadForLookup(std::uint32_t row, std::uint32_t col, Io::FileMap* map,
-                              TileEntry& entry) const {
-  const auto cell = Find(row, col);
-  if (!cell) return false;
-  if (!IsShared() || map == nullptr) {
-    if (!ReadEntry(*cell, entry)) return false;
-    if (!IsShared() || entry.status != Format::kStatusEmpty) return true;
-  }
-  std::uint64_t stored;
-  if (!m_pIndex->ReadNewValue(*cell, map, stored)) return false;
-  entry = {*cell, stored};
-  entry.recordLength = m_pIndex->GetHint(*cell);
-  return true;
-}
-
-bool CellIndex::ReadUnlocked(std::uint32_t row, std::uint32_t col,
-                             const Format::HeaderImage& header, std::uint64_t& value) const {
-  const auto cell = Find(row, col);
-  return cell && m_pIndex->ReadValue(*cell, value, IsShared() ? &header : nullptr);
+bool CellIndex::Read(std::uint32_t row, std::uint32_t col, TileEntry& entry, View* view) const {
+  const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
+  return cell && ReadEntry(*cell, entry, view);
 }
 
 bool CellIndex::WriteCells(const NameSlot* cells, std::size_t count) {
@@ -81,12 +54,15 @@ bool CellIndex::WriteCells(const NameSlot* cells, std::size_t count) {
     StoreScalar(bytes.GetData() + at, cells[i].entry.Value(), IsSwapped());
     StoreScalar(before.GetData() + at, cells[i].entry.stored, IsSwapped());
   }
+  const Io::BoardChange change(m_board, Io::BoardChange::kEntry);
+  if (!change.IsShown()) return false;
   if (ReplaceSplitEntries(*m_file, place, before, bytes) &&
-      m_file->WriteAt(place, bytes.GetData(), size) &&
-      m_pIndex->Write(cells[0].entry.number, bytes.GetData(), size))
+      m_file->WriteAt(place, bytes.GetData(), size)) {
+    m_pIndex->Write(cells[0].entry.number, bytes.GetData(), size);
     return true;
+  }
   m_file->WriteAt(place, before.GetData(), size);
-  m_pIndex->Invalidate();
+  m_board.Forget();
   return false;
 }
 

@@ -9,14 +9,19 @@ unsigned int Engine::Verify(ZrVerifySummary& summary, const ZrCompactFile::Verif
                             const ZrCompactFile::VerifyProgress& progress) {
   summary = {};
   if (GetCacheFile() != nullptr) return ZrResult::kNotUsable;
-  ReadOperation operation(m_locks, m_buffers, Operation::kLongReader);
+  ReadOperation operation(m_locks, m_state);
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
   if (!operation.IsUsable()) return ZrResult::kReadFailure;
   const std::shared_ptr<ZrFile64> file = File().GetStream();
   const Format::XorString xorString = File().GetHeader().GetXorString();
-  operation.LeaveMutex();
+  const std::uint64_t generation = File().GetBoard().GetKnown().generation;
+  // Without the locks: others may work meanwhile. The check ends if the file is another one then.
+  const auto tell = [&](unsigned long long done, unsigned long long total) {
+    return operation.Pause([&] { return !progress || progress(done, total); }) &&
+           m_state.file->GetBoard().GetKnown().generation == generation;
+  };
   try {
-    return VerifyFile(*file, xorString, report, progress, summary);
+    return VerifyFile(*file, xorString, report, tell, summary);
   } catch (const std::bad_alloc&) {
     return ZrResult::kNotUsable;
   }

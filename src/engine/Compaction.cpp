@@ -62,7 +62,7 @@ class ProgressReport {
 
 unsigned int Engine::Compact(const ZrCompactFile::CompactProgress& progress) {
   if (const auto cache = GetCacheFile()) return cache->Reconstruction();
-  WriteOperation operation(m_locks, m_buffers, Operation::kCompaction);
+  WriteOperation operation(m_locks, m_state, Operation::kCompaction);
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
   if (!IsKnownKind(File().GetKind())) return ZrResult::kUnknownKind;
   if (!operation.IsUsable())
@@ -129,14 +129,13 @@ bool Engine::WriteEmptyImage(ZrFile64& image) {
 unsigned int Engine::ReplaceByImage(Io::RedoFile& image, WriteOperation& operation,
                                     const ZrCompactFile::CompactProgress& progress) {
   m_locks.AssertMutexHeld();
-  if (!operation.ExcludeLookups()) return ZrResult::kWriteFailure;
+  if (!operation.ExcludeReaders()) return ZrResult::kWriteFailure;
+  const std::shared_ptr<OpenFile> replaced = m_state.file;
   const std::shared_ptr<ZrFile64> source = File().GetStream();
-  const Format::HeaderImage header = File().GetHeader().GetFields();
   const ProgressReport report(progress, *source);
   const std::uint64_t length = image.GetImageLength();
-  TearDown();
-  const Outcome outcome =
-      image.Replace(*source, [&](std::uint64_t done) { report.PutBack(done, length); });
+  const Outcome outcome = Replace(
+      image, *replaced, [&](std::uint64_t done) { report.PutBack(done, length); });
   // Opening may have to finish what could not be done here, and needs the claims for it.
   image.LetGo();
   if (outcome == Outcome::kByName) operation.LeaveProcessLock();  // it is on the file of before
@@ -146,12 +145,23 @@ unsigned int Engine::ReplaceByImage(Io::RedoFile& image, WriteOperation& operati
     return ZrResult::kNotUsable;
   }
   // Not even the mark was written.
-  if (outcome == Outcome::kNot && File().GetHeader().GetFields() == header) {
+  if (outcome == Outcome::kNot && File().GetHeader().HasFieldsOf(replaced->GetHeader())) {
     image.Delete(*source);
     return ZrResult::kWriteFailure;
   }
+  // Where somebody maps the file, it has kept its length.
+  if (outcome == Outcome::kInPlace) File().GetTail().HasSpareFrom(length);
   report.PutBackAll();
   return ZrResult::kOk;
+}
+
+// Lookups of all openers wait from here on: for them this becomes another file.
+Outcome Engine::Replace(Io::RedoFile& image, OpenFile& file, const Io::RedoFile::Progress& progress) {
+  Io::Board& board = file.GetBoard();
+  if (!board.Replaces()) return Outcome::kNot;
+  const Io::BoardChange change(board, Io::BoardChange::kRecord);
+  TearDown();
+  return image.Replace(*file.GetStream(), progress);
 }
 
 // The name that a file of the older version stores, in UTF-16 of this host's byte order, which has

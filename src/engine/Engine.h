@@ -8,13 +8,11 @@
 #include "OpenFile.h"
 #include "Operation.h"
 #include "RecordBuffers.h"
+#include "RedoFile.h"
 #include "ZrCacheFile.h"
 #include "ZrCompactFile.h"
 #include "ZrTextCodec.h"
 
-namespace Zarn::Io {
-class RedoFile;
-}
 
 namespace Zarn::Engine {
 
@@ -24,10 +22,10 @@ namespace Zarn::Engine {
 /// and answers a result code.
 ///
 /// State and who guards it:
-///   m_file        the open file; changed with the mutex, the readers' lock and m_stateMutex held,
-///                 so any of them is enough to use it
-///   m_strPath, m_strAbsolutePath, m_pCacheFile   the same with the mutex and m_stateMutex
-///   m_nOpenMode, m_xorString, m_mapTextCodec     by the mutex
+///   m_state.file, m_strPath, m_strAbsolutePath, m_pCacheFile
+///                 changed with the mutex and m_stateMutex held, so one of them is enough to use
+///                 them; lookups use the file that Lookups admits them to
+///   m_state.isCurrent, m_nOpenMode, m_xorString, m_mapTextCodec     by the mutex
 ///   m_buffers, m_maxSizes, m_locks               by themselves
 class Engine {
  public:
@@ -96,8 +94,7 @@ class Engine {
     Mode mode = 0;
   };
 
-  // The open file. Both are for callers that hold a lock which keeps it.
-  OpenFile& File() const HX_REQUIRES_SHARED(m_locks) { return *m_file; }
+  OpenFile& File() const HX_REQUIRES_SHARED(m_locks) { return *m_state.file; }
   ZrByteArray* GetSwapData() HX_REQUIRES_SHARED(m_locks);
   std::shared_ptr<OpenFile> GetFile() const;
   std::shared_ptr<ZrCacheFile> GetCacheFile() const;
@@ -122,21 +119,32 @@ class Engine {
   unsigned int LoadFile(const std::shared_ptr<ZrFile64>& created, std::shared_ptr<OpenFile>& loaded)
       HX_REQUIRES(m_locks.GetMutex());
   void Publish(std::shared_ptr<OpenFile> file) HX_REQUIRES(m_locks.GetMutex());
+  bool RefreshFile() HX_REQUIRES(m_locks.GetMutex());
+  void AdmitLookups() HX_REQUIRES(m_locks.GetMutex());
+  void LeaveFile() HX_REQUIRES(m_locks.GetMutex());
   void DetachCacheFile() HX_REQUIRES(m_locks.GetMutex());
   void CloseForThread() HX_REQUIRES(m_locks.GetMutex());
   void TearDown() HX_REQUIRES(m_locks.GetMutex());
 
+  // LookUp.h, and what lookups have in common
+  template <typename Attempt, typename Finish>
+  bool LookUp(Attempt attempt, Finish finish, bool usesBuffer = true);
+  static void HandOver(OpenFile& file, const TileEntry& entry, const Io::RecordReader& record,
+                       ZrByteArray& buffer, ZrByteArray& data, unsigned long long& filledLength);
+  static unsigned int ReadTile(OpenFile& file, View& view, const NameKey& key,
+                               std::uint64_t version, ZrByteArray& buffer, TileEntry& entry,
+                               Io::RecordReader& record);
+
   // GridOperations.cpp, NamedOperations.cpp
-  unsigned int StoreOne(const ZrCellStore& store, WriteOperation& operation) HX_REQUIRES(m_locks);
-  unsigned int StoreOne(const ZrNameStore& store, WriteOperation& operation) HX_REQUIRES(m_locks);
+  unsigned int StoreOne(const ZrCellStore& store) HX_REQUIRES(m_locks);
+  unsigned int StoreOne(const ZrNameStore& store) HX_REQUIRES(m_locks);
   unsigned int StoreTile(TileEntry& entry, NameSlot* slot, const StoreRequest& request)
       HX_REQUIRES(m_locks);
   unsigned int RemoveVersion(TileEntry& entry, ZrByteArray& buffer, std::uint64_t version)
       HX_REQUIRES(m_locks);
+  bool MakeRoomForName() HX_REQUIRES(m_locks);
+  bool ReserveNames(std::size_t count) HX_REQUIRES(m_locks);
   bool GrowIndex() HX_REQUIRES(m_locks);
-  unsigned int LookupName(const NameKey& key, ReadOperation& operation, ZrByteArray& data,
-                          unsigned long long& filledLength, std::uint64_t version)
-      HX_REQUIRES_SHARED(m_locks);
 
   // BatchOperations.cpp
   template <typename Store>
@@ -150,14 +158,16 @@ class Engine {
   bool WriteEmptyImage(ZrFile64& image) HX_REQUIRES(m_locks);
   unsigned int ReplaceByImage(Io::RedoFile& image, WriteOperation& operation,
                               const ZrCompactFile::CompactProgress& progress) HX_REQUIRES(m_locks);
+  Io::RedoFile::Outcome Replace(Io::RedoFile& image, OpenFile& file,
+                                const Io::RedoFile::Progress& progress)
+      HX_REQUIRES(m_locks.GetMutex());
   bool DecodeOlderName(const Format::StoredName& stored, std::u16string& name);
   ZrTextCodec* GetTextCodec(PELMCharset::Charset from, PELMCharset::Charset to);
 
   Locks m_locks;
   RecordBuffers m_buffers;
   MaxSizes m_maxSizes;
-  /// Null while nothing is open.
-  std::shared_ptr<OpenFile> m_file;
+  OpenState m_state;
   mutable Mutex m_stateMutex;
   PelmUnicodeString m_strPath;
   PelmUnicodeString m_strAbsolutePath;

@@ -1,11 +1,13 @@
-#include "Engine.h"
+#include <algorithm>
+#include <optional>
+
+#include "LookUp.h"
 
 namespace Zarn::Engine {
 
 // The calling thread's record buffer; null while nothing is open, or if memory is short.
 ZrByteArray* Engine::GetSwapData() {
-  if (ZrByteArray* const own = m_buffers.FindOwn()) return own;
-  return m_file != nullptr ? m_buffers.GetSwapData(m_file->GetShape().swap) : nullptr;
+  return m_state.file != nullptr ? m_buffers.GetSwapData(m_state.file->GetShape().swap) : nullptr;
 }
 
 bool Engine::IsReadOnly() const {
@@ -14,22 +16,19 @@ bool Engine::IsReadOnly() const {
 }
 
 unsigned int Engine::SetAt(const ZrCellStore& store) {
-  WriteOperation operation(m_locks, m_buffers, Operation::kStore);
+  const WriteOperation operation(m_locks, m_state);
   if (store.capacity > Format::kMaxCapacity) return ZrResult::kWriteFailure;
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
   if (!operation.IsUsable() || IsReadOnly()) return ZrResult::kWriteFailure;
-  return StoreOne(store, operation);
+  return StoreOne(store);
 }
 
-// A new tile disturbs no lookup; whatever else there is, a lookup may be reading.
-unsigned int Engine::StoreOne(const ZrCellStore& store, WriteOperation& operation) {
+unsigned int Engine::StoreOne(const ZrCellStore& store) {
   CellIndex* const cells = File().Cells();
   if (store.data == nullptr || cells == nullptr) return ZrResult::kWriteFailure;
   const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
   TileEntry entry;
-  if (!span || !cells->Read(store.row, store.col, entry) ||
-      (entry.status != Format::kStatusEmpty && !operation.ExcludeLookups()))
-    return ZrResult::kWriteFailure;
+  if (!span || !cells->Read(store.row, store.col, entry)) return ZrResult::kWriteFailure;
   return StoreTile(entry, nullptr, {*store.data, *span, store.version, {}});
 }
 
@@ -38,6 +37,7 @@ unsigned int Engine::StoreTile(TileEntry& entry, NameSlot* slot, const StoreRequ
   ZrByteArray* const buffer = GetSwapData();
   if (buffer == nullptr) {
     // The operation unlocks once more at its end, and the lock takes no harm from it.
+    File().GetBoard().EndWriting();
     m_locks.GetProcessLock().WriterUnlock();
     return ZrResult::kWriteFailure;
   }
@@ -55,27 +55,38 @@ unsigned int Engine::StoreTile(TileEntry& entry, NameSlot* slot, const StoreRequ
 unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                             unsigned long long& filledLength, std::uint64_t version) {
   filledLength = 0;
-  ReadOperation operation(m_locks, m_buffers);
-  ZrByteArray* const buffer = operation.IsUsable() ? GetSwapData() : nullptr;
-  CellIndex* const cells = buffer != nullptr ? File().Cells() : nullptr;
+  unsigned int result = ZrResult::kReadFailure;
   TileEntry entry;
-  if (cells == nullptr || !cells->ReadForLookup(row, col, File().Map(), entry))
-    return ZrResult::kReadFailure;
-  if (entry.status == Format::kStatusEmpty) {
-    data.Resize(0);
-    return ZrResult::kNotFound;
-  }
-  if (!entry.HoldsRecord()) return ZrResult::kReadFailure;
-  operation.LeaveMutex();
-  cells->AddHint(entry);
-  const unsigned int result = TileStore::LookUp_Inner(File().GetPlace(), *buffer, entry, nullptr,
-                                                      data, filledLength, version);
-  if (result == ZrResult::kOk) cells->KeepHint(entry);
-  return result;
+  std::optional<Io::RecordReader> record;
+  const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
+    result = ZrResult::kReadFailure;
+    CellIndex* const cells = file.Cells();
+    if (cells == nullptr || !cells->Read(row, col, entry, &view)) return true;
+    if (entry.status == Format::kStatusEmpty) result = ZrResult::kNotFound;
+    if (!entry.HoldsRecord()) return true;
+    cells->AddHint(entry, view);
+    record.emplace(*file.GetStream(), file.GetShape(), file.Map());
+    result = TileStore::LookUp_Inner(file.GetPlace(), view, entry, nullptr, version, *buffer,
+                                     *record);
+    return true;
+  };
+  const auto handOver = [&](OpenFile& file, ZrByteArray* buffer) {
+    if (result == ZrResult::kNotFound) data.Resize(0);
+    if (result == ZrResult::kOk) HandOver(file, entry, *record, *buffer, data, filledLength);
+  };
+  return LookUp(read, handOver) ? result : ZrResult::kReadFailure;
+}
+
+// Gives a tile that was read to the caller.
+void Engine::HandOver(OpenFile& file, const TileEntry& entry, const Io::RecordReader& record,
+                      ZrByteArray& buffer, ZrByteArray& data, unsigned long long& filledLength) {
+  record.HandOver(buffer, data);
+  filledLength = std::min(record.Head().filledLength, record.Head().capacity);
+  file.Index().KeepHint(entry);
 }
 
 unsigned int Engine::Remove(unsigned int row, unsigned int col, std::uint64_t version) {
-  WriteOperation operation(m_locks, m_buffers);
+  const WriteOperation operation(m_locks, m_state);
   ZrByteArray* const buffer = operation.IsUsable() ? GetSwapData() : nullptr;
   CellIndex* const cells = buffer != nullptr ? File().Cells() : nullptr;
   TileEntry entry;

@@ -11,35 +11,44 @@ namespace Zarn::Engine {
 /// file first and then to the pages in memory.
 class IndexEntries : public EntryWriter {
  public:
-  /// A state of an index that may be taken over by the next OpenFile.
-  using Pages = std::shared_ptr<IndexPages>;
-
   bool WriteIndexValue(TileEntry& entry) override;
 
   /// Gives an entry that has no hint the one that the next entry suggests, for a lookup.
-  void AddHint(TileEntry& entry) const;
+  void AddHint(TileEntry& entry, const View& view) const {
+    if (entry.recordLength == 0)
+      entry.recordLength = m_pIndex->GuessLength(entry.number, entry.position, view);
+  }
   /// Keeps the record length that an operation has seen as the hint for the next ones.
   void KeepHint(const TileEntry& entry) {
     const auto hint = entry.recordLength <= UINT32_MAX ? entry.recordLength : 0;
     if (m_pIndex->GetHint(entry.number) != hint)
       m_pIndex->SetHint(entry.number, static_cast<std::uint32_t>(hint));
   }
-  const Pages& GetPages() const { return m_pIndex; }
+  std::uint64_t GetHint(std::uint64_t number) const { return m_pIndex->GetHint(number); }
+  /// Whether all that a lookup has read is valid.
+  bool Check(View& view) const { return m_pIndex->Check(view); }
+  /// The index value of an entry, for one who holds the writer lock. False if it cannot be read.
+  bool ReadStable(std::uint64_t number, std::uint64_t& value) const {
+    return m_pIndex->ReadStable(number, value);
+  }
   const Format::IndexShape& GetShape() const { return m_pIndex->GetArea().index; }
 
  protected:
-  /// Takes the pages of `previous` over if they are of the same index of the same file; they are
-  /// invalidated then.
-  IndexEntries(std::shared_ptr<ZrFile64> file, const IndexPages::Area& area, const Pages& previous);
+  /// `board` outlives this object.
+  IndexEntries(std::shared_ptr<ZrFile64> file, Io::Board& board, const IndexPages::Area& area)
+      : m_file(std::move(file)),
+        m_board(board),
+        m_pIndex(std::make_unique<IndexPages>(*m_file, board, area)) {}
   ~IndexEntries() = default;
 
-  bool ReadEntry(std::uint32_t number, TileEntry& entry) const;
+  /// Without a view, for one who holds the writer lock.
+  bool ReadEntry(std::uint32_t number, TileEntry& entry, View* view) const;
   bool IsUsable() const { return m_pIndex->IsUsable(); }
   bool IsSwapped() const { return m_pIndex->GetArea().swap; }
-  bool IsShared() const { return m_pIndex->GetArea().isShared; }
 
   const std::shared_ptr<ZrFile64> m_file;
-  Pages m_pIndex;  // in the file's byte order
+  Io::Board& m_board;
+  std::unique_ptr<IndexPages> m_pIndex;  // in the file's byte order
 };
 
 }  // namespace Zarn::Engine

@@ -1,18 +1,21 @@
 #include "IndexPages.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cstring>
 
+#include "IndexValue.h"
 #include "WholeWords.h"
 
 namespace Zarn::Engine {
 namespace {
 
-constexpr std::uint64_t kPageSize = 4096;
-static_assert(kPageSize % Format::kGridEntrySize == 0 && kPageSize % Format::kNamingSlotSize == 0);
+constexpr std::uint64_t kWord = sizeof(std::uint64_t);
 
-std::uint64_t PageCount(std::uint64_t size) { return (size + kPageSize - 1) / kPageSize; }
-std::uint64_t BitmapSize(std::uint64_t size) { return (PageCount(size) + 7) / 8; }
+std::uint64_t PageCount(std::uint64_t size, std::uint64_t pageSize) {
+  return (size + pageSize - 1) / pageSize;
+}
 
 }  // namespace
 
@@ -27,103 +30,142 @@ ZeroMemory::~ZeroMemory() {
   if (m_bytes != nullptr) ::munmap(m_bytes, m_size);
 }
 
-IndexPages::IndexPages(std::shared_ptr<const ZrFile64> file, const Area& area)
-    : m_file(std::move(file)),
+IndexPages::IndexPages(const ZrFile64& file, Io::Board& board, const Area& area)
+    : m_file(file),
+      m_board(board),
       m_area(area),
       m_bytes(area.Size()),
-      m_loaded(BitmapSize(area.Size())),
-      m_hints(area.index.count * sizeof(std::uint32_t)) {}
+      m_tags(PageCount(area.Size(), kPageSize) * kWord),
+      m_hints(area.index.count * sizeof(std::uint32_t)) {
+  static_assert(kPageSize % Format::kGridEntrySize == 0 &&
+                    kPageSize % Format::kNamingSlotSize == 0,
+                "no entry lies on two pages, for pages are counted from the first entry");
+}
 
 bool IndexPages::IsUsable() const {
-  return m_bytes.IsUsable() && m_loaded.IsUsable() && m_hints.IsUsable();
+  return m_bytes.IsUsable() && m_tags.IsUsable() && m_hints.IsUsable();
 }
 
-bool IndexPages::ReadValue(std::uint64_t entry, std::uint64_t& value,
-                           const Format::HeaderImage* header) {
+// A mapping is as quick as a page of our own, and always new. Where others change the file, a page
+// is read whole only if it may be kept.
+bool IndexPages::Read(std::uint64_t entry, std::uint64_t& value, View& view) {
   if (entry >= m_area.index.count) return false;
   const std::uint64_t offset = entry * m_area.index.EntrySize();
-  const std::lock_guard guard(m_mutex);
-  if (!LoadPages(offset, sizeof value, header)) return false;
-  value = LoadScalar<std::uint64_t>(m_bytes.Get() + offset, m_area.swap);
+  const std::uint64_t page = offset / kPageSize;
+  std::uint64_t stored;
+  view.m_entry = entry;
+  view.m_page = View::kNone;
+  if (!view.m_isMapped && ReadKept(offset, stored, &view)) {
+    // In a file of one object, a page has the entries as they are now.
+    if (m_board.GetPlace() == Io::Board::kInObject) view.UsesEntry(stored);
+  } else {
+    if (!view.m_isMapped && view.IsQuiet()) {
+      if (!ReadPage(page, view.m_bytes)) return false;
+      view.m_page = page;
+      std::memcpy(&stored, view.m_bytes + offset % kPageSize, kWord);
+    } else {
+      const auto word = view.ReadWord(PositionOf(offset));
+      if (!word) return false;
+      stored = *word;
+    }
+    view.UsesEntry(stored);
+  }
+  value = LoadScalar<std::uint64_t>(&stored, m_area.swap);
   return true;
 }
 
-// No entry lies on two pages, for pages are counted from the first entry.
-bool IndexPages::ReadStableValue(std::uint64_t entry, std::uint64_t& value) {
+bool IndexPages::Check(View& view) {
+  const std::uint64_t page = view.m_page;
+  const bool isValid = view.IsValid([&] {
+    view.m_page = View::kNone;  // something has changed since it was read
+    return ReadAgain(view);
+  });
+  if (isValid && page != View::kNone && view.m_page == page)
+    Keep(page, view.m_bytes, view.GetEntries());
+  return isValid;
+}
+
+std::optional<std::uint64_t> IndexPages::ReadAgain(const View& view) const {
+  const std::uint64_t offset = view.m_entry * m_area.index.EntrySize();
+  std::uint64_t stored;
+  if (m_board.GetPlace() == Io::Board::kInObject && !view.m_isMapped &&
+      ReadKept(offset, stored, &view))
+    return stored;
+  return view.ReadWord(PositionOf(offset));
+}
+
+// The tag tells before and after that the page has not changed meanwhile. Without a view, for the
+// holder of the writer lock.
+bool IndexPages::ReadKept(std::uint64_t offset, std::uint64_t& stored, const View* view) const {
+  const auto tag = TagOf(offset / kPageSize);
+  const std::uint64_t before = tag.load(std::memory_order_acquire);
+  if (view != nullptr ? !view->IsCurrent(before) : !m_board.IsCurrent(before)) return false;
+  stored = ValueAt(offset).load(std::memory_order_acquire);
+  return tag.load(std::memory_order_relaxed) == before;
+}
+
+bool IndexPages::ReadStable(std::uint64_t entry, std::uint64_t& value) {
   if (entry >= m_area.index.count) return false;
   const std::uint64_t offset = entry * m_area.index.EntrySize();
-  if (!IsLoaded(offset / kPageSize)) return ReadValue(entry, value);
-  value = ValueAt(offset).load(std::memory_order_acquire);
-  value = LoadScalar<std::uint64_t>(&value, m_area.swap);
-  return true;
-}
-
-bool IndexPages::ReadNewValue(std::uint64_t entry, Io::FileMap* map, std::uint64_t& value) const {
-  const std::uint64_t offset = entry * m_area.index.EntrySize();
-  unsigned char bytes[sizeof value];
-  const bool isMapped =
-      map != nullptr && Io::ReadSharedEntries(*map, m_area.index.EntryAt(0) + offset, bytes,
-                                              sizeof bytes, m_area.swap) == sizeof bytes;
-  if (!isMapped && !ReadFile(offset, bytes, sizeof bytes)) return false;
-  value = LoadScalar<std::uint64_t>(bytes, m_area.swap);
-  return true;
-}
-
-bool IndexPages::Write(std::uint64_t entry, const void* source, std::uint64_t size) {
-  const std::uint64_t offset = entry * m_area.index.EntrySize();
-  if (offset > m_area.Size() || size > m_area.Size() - offset) return false;
-  const std::lock_guard guard(m_mutex);
-  if (!LoadPages(offset, size, nullptr)) return false;  // lest loading it later undoes the change
-  const auto* bytes = static_cast<const unsigned char*>(source);
-  for (std::uint64_t i = 0; i < size; i += sizeof(std::uint64_t)) {
-    std::uint64_t value;
-    std::memcpy(&value, bytes + i, sizeof value);
-    ValueAt(offset + i).store(value, std::memory_order_release);
+  const std::uint64_t page = offset / kPageSize;
+  std::uint64_t stored;
+  if (!ReadKept(offset, stored, nullptr)) {
+    unsigned char bytes[kPageSize];
+    if (!ReadPage(page, bytes)) return false;
+    Keep(page, bytes, View::kNone);
+    std::memcpy(&stored, bytes + offset % kPageSize, kWord);
   }
+  value = LoadScalar<std::uint64_t>(&stored, m_area.swap);
   return true;
 }
 
-void IndexPages::Invalidate() {
-  const std::lock_guard guard(m_mutex);
-  if (m_area.Size() != 0) std::memset(m_loaded.Get(), 0, BitmapSize(m_area.Size()));
-}
-
-bool IndexPages::LoadPages(std::uint64_t offset, std::uint64_t size,
-                           const Format::HeaderImage* header) {
-  const std::uint64_t end = PageCount(offset + size);
-  for (std::uint64_t page = offset / kPageSize; page < end; ++page) {
-    if (IsLoaded(page)) continue;
-    const std::uint64_t begin = page * kPageSize;
-    const std::uint64_t now = std::min(kPageSize, m_area.Size() - begin);
-    if (!ReadFile(begin, m_bytes.Get() + begin, now) || (header != nullptr && !HasHeader(*header)))
-      return false;
-    const auto bit = static_cast<unsigned char>(1U << page % 8);
-    std::atomic_ref(m_loaded.Get()[page / 8]).fetch_or(bit, std::memory_order_release);
-  }
-  return true;
-}
-
-bool IndexPages::IsLoaded(std::uint64_t page) const {
-  const unsigned char bits =
-      std::atomic_ref(m_loaded.Get()[page / 8]).load(std::memory_order_acquire);
-  return (bits >> page % 8 & 1) != 0;
-}
-
-// A replacement of the file changes the header first. So what was read before the header was found
-// unchanged is not yet the new file's.
-bool IndexPages::HasHeader(const Format::HeaderImage& header) const {
-  Format::HeaderImage now;
-  return m_file->ReadAt(0, now.data(), now.size()) && now == header;
-}
-
-bool IndexPages::ReadFile(std::uint64_t offset, unsigned char* target, std::uint64_t size) const {
-  return Io::ReadEntries(*m_file, m_area.index.EntryAt(0) + offset, target, size, m_area.isShared,
-                         m_area.swap)
+bool IndexPages::ReadPage(std::uint64_t page, unsigned char* target) const {
+  const std::uint64_t begin = page * kPageSize;
+  return Io::ReadEntries(m_file, PositionOf(begin), target,
+                         std::min(kPageSize, m_area.Size() - begin))
       .has_value();
 }
 
-std::atomic_ref<std::uint64_t> IndexPages::ValueAt(std::uint64_t offset) {
+// Keeps what was read with this value of `entries`; kNone: under the writer lock. A page that this
+// object changes meanwhile must not get an old one over it.
+void IndexPages::Keep(std::uint64_t page, const unsigned char* bytes, std::uint64_t entries) {
+  const std::uint64_t begin = page * kPageSize;
+  const std::uint64_t size = std::min(kPageSize, m_area.Size() - begin);
+  const std::lock_guard guard(m_mutex);
+  if (entries == View::kNone)
+    entries = m_board.GetEntries();
+  else if (!m_board.MayKeep(entries))
+    return;
+  const auto tag = TagOf(page);
+  tag.store(0, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  for (std::uint64_t i = 0; i < size; i += kWord) {
+    std::uint64_t value;
+    std::memcpy(&value, bytes + i, kWord);
+    ValueAt(begin + i).store(value, std::memory_order_release);
+  }
+  tag.store(Io::Board::Tag(entries), std::memory_order_release);
+}
+
+// A page that is not current is read when it is asked for, and has the change then.
+void IndexPages::Write(std::uint64_t entry, const void* source, std::uint64_t size) {
+  const std::uint64_t offset = entry * m_area.index.EntrySize();
+  const auto* bytes = static_cast<const unsigned char*>(source);
+  const std::lock_guard guard(m_mutex);
+  for (std::uint64_t i = 0; i < size; i += kWord) {
+    std::uint64_t value;
+    std::memcpy(&value, bytes + i, kWord);
+    if (m_board.IsCurrent(TagOf((offset + i) / kPageSize).load(std::memory_order_relaxed)))
+      ValueAt(offset + i).store(value, std::memory_order_release);
+  }
+}
+
+std::atomic_ref<std::uint64_t> IndexPages::ValueAt(std::uint64_t offset) const {
   return std::atomic_ref(*reinterpret_cast<std::uint64_t*>(m_bytes.Get() + offset));
+}
+
+std::atomic_ref<std::uint64_t> IndexPages::TagOf(std::uint64_t page) const {
+  return std::atomic_ref(reinterpret_cast<std::uint64_t*>(m_tags.Get())[page]);
 }
 
 std::uint32_t IndexPages::GetHint(std::uint64_t entry) const {
@@ -134,6 +176,20 @@ std::uint32_t IndexPages::GetHint(std::uint64_t entry) const {
 void IndexPages::SetHint(std::uint64_t entry, std::uint32_t hint) {
   auto* hints = reinterpret_cast<std::uint32_t*>(m_hints.Get());
   std::atomic_ref(hints[entry]).store(hint, std::memory_order_relaxed);
+}
+
+std::uint64_t IndexPages::GuessLength(std::uint64_t entry, std::uint64_t position,
+                                      const View& view) const {
+  const std::uint64_t offset = (entry + 1) * m_area.index.EntrySize();
+  if (entry + 1 >= m_area.index.count) return 0;
+  std::uint64_t next = 0;
+  if (view.m_isMapped)
+    next = view.ReadWord(PositionOf(offset)).value_or(0);
+  else if (view.m_page == offset / kPageSize)
+    std::memcpy(&next, view.m_bytes + offset % kPageSize, kWord);
+  else if (!ReadKept(offset, next, nullptr))
+    return 0;
+  return Format::DistanceToNext(position, LoadScalar<std::uint64_t>(&next, m_area.swap));
 }
 
 }  // namespace Zarn::Engine

@@ -1,15 +1,12 @@
 #pragma once
 
-#include <sys/mman.h>
-
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 
-#include "FileMap.h"
-#include "Header.h"
 #include "IndexShape.h"
+#include "Snapshot.h"
 #include "ZrFile64.h"
 
 namespace Zarn::Engine {
@@ -31,73 +28,89 @@ class ZeroMemory {
   unsigned char* m_bytes = nullptr;
 };
 
+/// A lookup's view of the file: a Snapshot, and the page of the index that it has read.
+class View : public Io::Snapshot {
+ public:
+  View(Io::Board& board, const ZrFileStream& file, Io::FileMap* map)
+      : Snapshot(board, file, map), m_isMapped(map != nullptr) {}
+
+  /// The table of names is complete, at this moment.
+  void SeesAllNames() { m_seesAllNames = true; }
+  bool HasSeenAllNames() const { return m_seesAllNames; }
+
+ private:
+  friend class IndexPages;
+  static constexpr std::uint64_t kPageSize = 4096;
+  static constexpr std::uint64_t kNone = UINT64_MAX;
+
+  const bool m_isMapped;
+  bool m_seesAllNames = false;
+  std::uint64_t m_page = kNone;  // the number of the page in m_bytes
+  std::uint64_t m_entry = 0;     // the entry that was read last
+  unsigned char m_bytes[kPageSize];
+};
+
 /// The entries of an index area in memory, as they lie in the file, read page by page when they
-/// are first asked for. So opening costs nothing per entry, and an Invalidate after another
-/// process's change costs next to nothing.
+/// are first asked for. So opening costs nothing per entry, and after another process's change only
+/// what is used is read again: each page has the board's tag of when it was read.
 ///
 /// What lies beyond the end of the file reads as zero: an index cut short has empty entries.
 ///
-/// Safe from any thread: a mutex of its own guards the pages, and is held no longer than it takes
-/// to read one.
+/// Threads: lookups call Read, Check and the hints at any time. The rest is for one who holds the
+/// writer lock.
 class IndexPages {
  public:
   /// Which index, and how it is read.
   struct Area {
-    bool operator==(const Area&) const = default;
-
     std::uint64_t Size() const { return index.count * index.EntrySize(); }
 
     Format::IndexShape index;
-    bool isShared = false;  // others store new tiles meanwhile
-    bool swap = false;      // the file is in the other byte order
+    bool swap = false;  // the file is in the other byte order
   };
 
-  /// `file` is kept open as long as this object lives.
-  IndexPages(std::shared_ptr<const ZrFile64> file, const Area& area);
+  /// `file` and `board` outlive this object.
+  IndexPages(const ZrFile64& file, Io::Board& board, const Area& area);
 
   /// False if memory was short; then nothing else may be called.
   bool IsUsable() const;
   const Area& GetArea() const { return m_area; }
-  bool Covers(const ZrFile64* file, const Area& area) const {
-    return m_file.get() == file && m_area == area;
-  }
 
   /// The index value of an entry: its first 8 bytes as a number. False if there is no such entry,
   /// or if the file cannot be read.
-  ///
-  /// `header` is for callers without the process lock, beside which another process may replace the
-  /// whole file: the header bytes of when this index was loaded. If the page of the entry has to be
-  /// read, and the file has other header bytes then, this fails, too.
-  bool ReadValue(std::uint64_t entry, std::uint64_t& value,
-                 const Format::HeaderImage* header = nullptr);
-  /// The same while nobody calls Invalidate; takes no mutex for a page that is there.
-  bool ReadStableValue(std::uint64_t entry, std::uint64_t& value);
-  /// The index value in the file, whatever is in memory. Reads from the map, if there is one that
-  /// reaches so far.
-  bool ReadNewValue(std::uint64_t entry, Io::FileMap* map, std::uint64_t& value) const;
+  bool Read(std::uint64_t entry, std::uint64_t& value, View& view);
+  /// Whether everything that the view has read is valid. Then the page that it has read is kept.
+  bool Check(View& view);
+  /// The same for one who holds the writer lock.
+  bool ReadStable(std::uint64_t entry, std::uint64_t& value);
   /// Changes whole entries in memory, from the one of this number on; they are in the file already.
-  bool Write(std::uint64_t entry, const void* source, std::uint64_t size);
-  /// The pages are read again when they are asked for.
-  void Invalidate();
+  void Write(std::uint64_t entry, const void* source, std::uint64_t size);
 
-  /// The hint for an entry: how large its record was when it was last seen; 0 at first. It survives
-  /// Invalidate, and may be wrong.
+  /// The hint for an entry: how large its record was when it was last seen; 0 at first. It may be
+  /// wrong.
   std::uint32_t GetHint(std::uint64_t entry) const;
   void SetHint(std::uint64_t entry, std::uint32_t hint);
+  /// For an entry without a hint: how long the record at `position` is if the next entry's follows
+  /// it; 0 if that entry would have to be read.
+  std::uint64_t GuessLength(std::uint64_t entry, std::uint64_t position, const View& view) const;
 
  private:
-  bool LoadPages(std::uint64_t offset, std::uint64_t size, const Format::HeaderImage* header);
-  bool IsLoaded(std::uint64_t page) const;
-  bool HasHeader(const Format::HeaderImage& header) const;
-  bool ReadFile(std::uint64_t offset, unsigned char* target, std::uint64_t size) const;
-  std::atomic_ref<std::uint64_t> ValueAt(std::uint64_t offset);
+  static constexpr std::uint64_t kPageSize = View::kPageSize;
 
-  const std::shared_ptr<const ZrFile64> m_file;
+  bool ReadKept(std::uint64_t offset, std::uint64_t& stored, const View* view) const;
+  std::optional<std::uint64_t> ReadAgain(const View& view) const;
+  bool ReadPage(std::uint64_t page, unsigned char* target) const;
+  void Keep(std::uint64_t page, const unsigned char* bytes, std::uint64_t entries);
+  std::uint64_t PositionOf(std::uint64_t offset) const { return m_area.index.EntryAt(0) + offset; }
+  std::atomic_ref<std::uint64_t> ValueAt(std::uint64_t offset) const;
+  std::atomic_ref<std::uint64_t> TagOf(std::uint64_t page) const;
+
+  const ZrFile64& m_file;
+  Io::Board& m_board;
   const Area m_area;
-  std::mutex m_mutex;
-  ZeroMemory m_bytes;   // guarded by m_mutex; of loaded pages, read also without: values, atomic
-  ZeroMemory m_loaded;  // one bit per page, atomic; changed with m_mutex held
-  ZeroMemory m_hints;   // 32 bits per entry, atomic
+  std::mutex m_mutex;  // held while pages change
+  ZeroMemory m_bytes;  // values, atomic
+  ZeroMemory m_tags;   // of each page, atomic; 0 while it changes
+  ZeroMemory m_hints;  // 32 bits per entry, atomic
 };
 
 }  // namespace Zarn::Engine

@@ -127,7 +127,7 @@ unsigned int Engine::OpenContainer(const PelmUnicodeString& path, const PelmUnic
     if (!mayCreate) return ZrResult::kNotFound;
     if (!MakeMissing(identity)) return ZrResult::kNotCreated;
   }
-  if (m_locks.IsOpen()) {
+  if (m_state.file != nullptr) {
     // Check that the new file opens before closing the one that other threads use.
     std::shared_ptr<OpenFile> probe;
     MaxSizes ignored;
@@ -173,7 +173,7 @@ void Engine::DetachCacheFile() {
 }
 
 unsigned int Engine::Join() {
-  if (m_buffers.GetSwapData(m_file->GetShape().swap) != nullptr) return ZrResult::kOk;
+  if (m_buffers.GetSwapData(m_state.file->GetShape().swap) != nullptr) return ZrResult::kOk;
   Close();
   return ZrResult::kNotUsable;
 }
@@ -181,7 +181,7 @@ unsigned int Engine::Join() {
 // A file whose index could not be refreshed, perhaps for a password that has changed, is opened
 // anew rather than joined.
 bool Engine::IsOpenAt(const PelmUnicodeString& path) const {
-  return m_locks.IsCurrent() && Io::IsPathOf(path, m_strPath, *m_file->GetStream());
+  return m_state.IsUsable() && Io::IsPathOf(path, m_strPath, *m_state.file->GetStream());
 }
 
 void Engine::SetIdentity(Identity identity) {
@@ -216,7 +216,7 @@ unsigned int Engine::TakeIntoUse(std::shared_ptr<ZrFile64> created) {
   } else if (!ZrFile64().Open(m_strAbsolutePath, ZrFile64::kRead)) {
     result = ZrResult::kNotOpen;  // what cannot be opened cannot be locked
   }
-  if (result == ZrResult::kOk && m_buffers.GetSwapData(m_file->GetShape().swap) == nullptr)
+  if (result == ZrResult::kOk && m_buffers.GetSwapData(m_state.file->GetShape().swap) == nullptr)
     result = ZrResult::kNotUsable;
   if (result != ZrResult::kOk) TearDown();
   return result;
@@ -224,52 +224,77 @@ unsigned int Engine::TakeIntoUse(std::shared_ptr<ZrFile64> created) {
 
 void Engine::Refresh() {
   const Guard lock(m_locks.GetMutex());
-  if (m_locks.IsOpen()) RefreshIndex(nullptr);
+  if (m_state.file != nullptr) RefreshIndex(nullptr);
 }
 
-// Loads the file that the members name, or the one that has taken its place. What was there before
-// stays until everything is loaded. If that fails, the index is not current, and every operation
-// tries again before it does anything.
+// Takes notice of what others have changed in the open file; loads the file that the members name,
+// or the one that has taken its place, if it is another one. What was there before stays until
+// everything is loaded. If that fails, the index is not current, and every operation tries again
+// before it does anything.
 unsigned int Engine::RefreshIndex(std::shared_ptr<ZrFile64> created) {
-  const LookupBarrier barrier(m_locks);
-  ProcessLock& lock = m_locks.GetProcessLock();
-  if (m_file != nullptr && m_file->Map() != nullptr) m_file->Map()->Invalidate();
-  const bool mustReopen = (m_nOpenMode & ZrCompactFile::kReadOnly) != 0 && m_file != nullptr &&
-                          !m_file->GetStream()->IsReadOnly();
-  if (m_locks.IsCurrent() && !mustReopen && lock.isLocked() &&
-      m_file->GetLockedFile() == lock.GetLockedFile() && m_file->HasSameHeaders()) {
-    m_file->InvalidateTiles();
-    lock.SetStateLoaded(true);
-    return ZrResult::kOk;
-  }
-  m_locks.Admit({m_locks.IsOpen(), m_locks.IsCurrent(), false});
+  if (RefreshFile()) return ZrResult::kOk;
+  m_locks.GetLookups().Stop();
   std::shared_ptr<OpenFile> loaded;
   unsigned int result = ZrResult::kNotUsable;
   try {
     result = LoadFile(created, loaded);
   } catch (const std::bad_alloc&) {
   }
-  if (result == ZrResult::kOk)
-    Publish(std::move(loaded));
-  else
-    m_locks.Admit({m_locks.IsOpen(), false, false});
-  lock.SetStateLoaded(result == ZrResult::kOk);
+  m_state.isCurrent = false;
+  if (result == ZrResult::kOk) Publish(std::move(loaded));
   return result;
+}
+
+// False if the file must be loaded.
+bool Engine::RefreshFile() {
+  ProcessLock& lock = m_locks.GetProcessLock();
+  OpenFile* const file = m_state.file.get();
+  const bool mustReopen = (m_nOpenMode & ZrCompactFile::kReadOnly) != 0 && file != nullptr &&
+                          !file->GetStream()->IsReadOnly();
+  if (!m_state.IsUsable() || !lock.isLocked() ||
+      file->GetLockedFile() != lock.GetLockedFile())
+    return false;
+  const auto change = file->Refresh(lock.IsExclusive(), lock.GetLockedLength());
+  if (change == OpenFile::Change::kAll || (mustReopen && change != OpenFile::Change::kNone))
+    return false;
+  if (change == OpenFile::Change::kNames) {
+    m_locks.GetLookups().Stop();
+    if (!file->Names()->AddNewNames()) return false;
+    AdmitLookups();
+  }
+  // Under the lock an odd word is a dead writer's, but for those who write without it.
+  Io::Board& board = file->GetBoard();
+  if (board.IsOdd() && !lock.IsAnotherPresent(Presence::kWritesUnlocked)) board.Bury();
+  return true;
+}
+
+void Engine::AdmitLookups() {
+  OpenFile* const file = m_state.IsUsable() ? m_state.file.get() : nullptr;
+  const bool isPossible = file != nullptr && file->HasIndex() &&
+                          file->GetBoard().GetPlace() != Io::Board::kNowhere;
+  m_locks.GetLookups().Admit(isPossible ? file : nullptr);
 }
 
 unsigned int Engine::LoadFile(const std::shared_ptr<ZrFile64>& created,
                               std::shared_ptr<OpenFile>& loaded) {
-  const ProcessLock& lock = m_locks.GetProcessLock();
+  ProcessLock& lock = m_locks.GetProcessLock();
   const bool isReadOnly = (m_nOpenMode & ZrCompactFile::kReadOnly) != 0 && created == nullptr;
+  const bool isMapped = (m_nOpenMode & ZrCompactFile::kMapped) != 0;
+  OpenFile* const previous = m_state.file.get();
+  const bool isNewFile = previous == nullptr || previous->GetLockedFile() != lock.GetLockedFile();
+  if (lock.isLocked() && isNewFile &&
+      !lock.EnterFile(isMapped ? Presence::kMapsFile : Presence::kOpen))
+    return ZrResult::kNotUsable;
   std::shared_ptr<ZrFile64> stream = created;
-  if (stream == nullptr && m_file != nullptr && (!isReadOnly || m_file->GetStream()->IsReadOnly()))
-    stream = m_file->GetStream();
+  if (stream == nullptr && previous != nullptr &&
+      (!isReadOnly || previous->GetStream()->IsReadOnly()))
+    stream = previous->GetStream();
   // The lock is always on the file that the path leads to.
   if (!lock.isLocked() || stream == nullptr || !lock.IsLockOn(*stream)) stream = nullptr;
   const unsigned int result = OpenFile::Load(
-      {m_strAbsolutePath, m_xorString, isReadOnly, (m_nOpenMode & ZrCompactFile::kMapped) != 0,
-       !lock.IsDisabled(), stream != nullptr ? stream : created},
-      m_maxSizes, m_file.get(), loaded);
+      {m_strAbsolutePath, m_xorString, isReadOnly, isMapped, !lock.IsDisabled(),
+       stream != nullptr ? stream : created},
+      m_maxSizes, previous, loaded);
   if (result != ZrResult::kOk) return result;
   // Since the lock was taken, the path may have come to lead to another file, which this lock does
   // not protect; finishing a replacement does that, too.
@@ -280,25 +305,33 @@ unsigned int Engine::LoadFile(const std::shared_ptr<ZrFile64>& created,
   return ZrResult::kOk;
 }
 
+// Without lookups.
 void Engine::Publish(std::shared_ptr<OpenFile> file) {
-  if (m_file == nullptr || m_file->GetShape().swap != file->GetShape().swap) m_buffers.Invalidate();
-  if (file->Names() != nullptr) m_maxSizes.Set(file->Names()->GetSizesInFile());
-  const Guard state(m_stateMutex);
-  m_file.swap(file);
-  m_locks.Admit({true, true, m_locks.GetProcessLock().IsDisabled()});
+  if (m_state.file == nullptr || m_state.file->GetShape().swap != file->GetShape().swap)
+    m_buffers.Invalidate();
+  {
+    const Guard state(m_stateMutex);
+    m_state.file.swap(file);
+  }
+  m_state.isCurrent = true;
+  RefreshFile();  // an odd word may be there
+  AdmitLookups();
 }
 
 unsigned int Engine::SetPassword(const PelmUnicodeString& password) {
   constexpr unsigned int kDone = 1;
   constexpr unsigned int kFailed = 0;
   if (const auto cache = GetCacheFile()) return cache->SetPassword(password);
-  const WriteOperation operation(m_locks, m_buffers);
+  const WriteOperation operation(m_locks, m_state);
   if (!operation.IsUsable() || IsReadOnly()) return kFailed;
-  const Format::XorString xorString = Format::MakeXorString(password.GetBuffer());
-  if (!File().GetHeader().SetPassword(*File().GetStream(), xorString)) return kFailed;
   m_locks.AssertMutexHeld();
-  m_xorString = xorString;
-  return kDone;
+  const Format::XorString xorString = Format::MakeXorString(password.GetBuffer());
+  m_locks.GetLookups().Stop();
+  const bool isDone = File().GetBoard().Replaces() &&
+                      File().GetHeader().SetPassword(*File().GetStream(), xorString);
+  if (isDone) m_xorString = xorString;
+  AdmitLookups();
+  return isDone ? kDone : kFailed;
 }
 
 bool Engine::Close() {
@@ -314,7 +347,7 @@ void Engine::CloseForThread() {
     m_pCacheFile->Close();
     return;
   }
-  if (!m_locks.IsOpen()) return;
+  if (m_state.file == nullptr) return;
   m_buffers.DropOwn();
   if (!m_buffers.HasUsers()) TearDown();
 }
@@ -322,19 +355,39 @@ void Engine::CloseForThread() {
 // Lets go of the file, in whatever state the object is: after this it is as good as new, except
 // that it keeps its path, and what SetMaxSize gave it while nothing was open.
 void Engine::TearDown() {
-  const LookupBarrier barrier(m_locks);  // lookups under way end first
-  if (m_locks.IsOpen()) m_maxSizes.Set({});
-  m_locks.Admit({});
+  m_locks.GetLookups().Stop();
+  if (m_state.file != nullptr) m_maxSizes.Set({});
   m_buffers.Invalidate();
   if (!m_locks.IsHeldByCompaction()) {
-    m_locks.EndFlight();
+    if (m_state.IsUsable()) LeaveFile();
     m_locks.GetProcessLock().ProcessLockRelease();
     m_buffers.DropAll();
   }
   m_mapTextCodec.clear();
+  m_state.isCurrent = false;
   std::shared_ptr<OpenFile> file;  // closed only when the accessors can go on
   const Guard state(m_stateMutex);
-  file.swap(m_file);
+  file.swap(m_state.file);
+}
+
+// What is spare is cut off, if this object still knows it. The last one to leave makes the file as
+// the format has it.
+void Engine::LeaveFile() {
+  ProcessLock& lock = m_locks.GetProcessLock();
+  OpenFile& file = *m_state.file;
+  const bool hasSpare = file.HasIndex() && file.GetTail().HasSpare();
+  if (lock.IsDisabled()) {
+    if (hasSpare) file.GetTail().CutSpare(*file.GetStream());
+    return;
+  }
+  const bool isLocked = hasSpare && lock.WriterLock(0);
+  const bool mayCut = isLocked && file.GetLockedFile() == lock.GetLockedFile() &&
+                      lock.IsExclusive() &&
+                      file.Refresh(true, lock.GetLockedLength()) == OpenFile::Change::kNone;
+  const bool isLast = lock.LeaveFile();
+  if (mayCut) file.GetTail().CutSpare(*file.GetStream());
+  if (isLast) file.GetBoard().Clear(m_strAbsolutePath);
+  if (isLocked) lock.WriterUnlock();
 }
 
 }  // namespace Zarn::Engine

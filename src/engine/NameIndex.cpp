@@ -29,10 +29,8 @@ bool WriteByFields(ZrFile64& file, std::uint64_t position, const Format::NamingH
 
 }  // namespace
 
-// A table that was taken over and cannot be completed is of no use to its old index either.
-std::unique_ptr<NameIndex> NameIndex::Load(const std::shared_ptr<ZrFile64>& file,
-                                           Io::FileHeader& header, MaxSizes& maxSizes,
-                                           NameIndex* previous, double previousCreateTime) {
+std::unique_ptr<NameIndex> NameIndex::Load(const std::shared_ptr<ZrFile64>& file, Io::Board& board,
+                                           Io::FileHeader& header, MaxSizes& maxSizes) {
   const std::uint64_t indexOffset = header.View().IndexOffset();
   Format::NamingHeaderImage bytes;
   if (!file->ReadAt(indexOffset, bytes.data(), bytes.size())) return nullptr;
@@ -40,37 +38,60 @@ std::unique_ptr<NameIndex> NameIndex::Load(const std::shared_ptr<ZrFile64>& file
   if (naming.capacity > Format::kMaxNamingCapacity || naming.count > naming.capacity)
     return nullptr;
   const auto shape = Format::IndexShape::OfNames(indexOffset, naming.capacity);
-  auto index = std::make_unique<NameIndex>(
-      file, header, maxSizes, naming, IndexPages::Area{shape, false, header.IsSwapped()}, previous);
-  if (!index->IsUsable()) return nullptr;
-  // An index that was made anew, by compaction, has a later time of creation.
-  const bool hasGrown = previous != nullptr && previousCreateTime == header.View().CreateTime() &&
-                        index->HasGrownFrom(*previous);
-  index->m_mapHashCode = hasGrown ? previous->m_mapHashCode : std::make_shared<NameTable>();
-  if (hasGrown) previous->m_mapHashCode = std::make_shared<NameTable>();
-  return index->InitHashCodeMap(hasGrown ? previous->GetCount() : 0) ? std::move(index) : nullptr;
+  auto index = std::make_unique<NameIndex>(file, board, header, maxSizes, naming,
+                                           IndexPages::Area{shape, header.IsSwapped()});
+  return index->IsUsable() && index->InitHashCodeMap(0) ? std::move(index) : nullptr;
 }
 
-NameIndex::NameIndex(std::shared_ptr<ZrFile64> file, Io::FileHeader& fileHeader, MaxSizes& maxSizes,
-                     const Format::NamingHeader& header, const IndexPages::Area& area,
-                     const NameIndex* previous)
-    : IndexEntries(std::move(file), area, previous != nullptr ? previous->GetPages() : nullptr),
+NameIndex::NameIndex(std::shared_ptr<ZrFile64> file, Io::Board& board, Io::FileHeader& fileHeader,
+                     MaxSizes& maxSizes, const Format::NamingHeader& header,
+                     const IndexPages::Area& area)
+    : IndexEntries(std::move(file), board, area),
       m_header(fileHeader),
       m_maxSizes(maxSizes),
       m_nNamingCapacity(header.capacity),
       m_nNamingCount(header.count),
-      m_nNamingFlags(header.flags),
-      m_sizesInFile{header.maxSize1, header.maxSize2} {}
+      m_nNamingFlags(header.flags) {
+  m_maxSizes.Set({header.maxSize1, header.maxSize2});
+}
 
-// Slots are never taken back, so an index that has grown has the names that it had: the last slot
-// that was there is still the same.
-bool NameIndex::HasGrownFrom(const NameIndex& previous) const {
-  if (previous.m_file != m_file || previous.GetCount() > GetCount()) return false;
-  if (previous.GetCount() == 0) return true;
-  const std::uint64_t last = previous.GetCount() - 1;
-  std::uint64_t code;
-  return m_file->ReadAt(GetShape().EntryAt(last) + Format::kWidth8, &code, sizeof code) &&
-         previous.m_mapHashCode->Find(LoadScalar<std::uint64_t>(&code, IsSwapped())) == last;
+std::optional<Format::NamingHeader> NameIndex::ReadHeader() const {
+  Format::NamingHeaderImage bytes;
+  if (!m_file->ReadAt(GetShape().begin, bytes.data(), bytes.size())) return std::nullopt;
+  return Format::DecodeNamingHeader(bytes, IsSwapped());
+}
+
+// Slots are never taken back, so the names that were there are still the same.
+NameIndex::Growth NameIndex::LookForNewNames() {
+  const auto header = ReadHeader();
+  if (!header || header->capacity != GetCapacity() || header->count > header->capacity ||
+      header->count < GetCount())
+    return Growth::kUnknown;
+  m_maxSizes.Set({header->maxSize1, header->maxSize2});
+  if (header->count > GetCount()) return Growth::kNewNames;
+  m_tag = Io::Board::Tag(m_board.GetEntries());
+  return Growth::kNone;
+}
+
+bool NameIndex::AddNewNames() {
+  const auto header = ReadHeader();
+  if (!header) return false;
+  const std::uint64_t first = m_nNamingCount.exchange(header->count);
+  return InitHashCodeMap(first);
+}
+
+bool NameIndex::IsComplete(View& view) {
+  if (m_board.IsCurrent(m_tag, view.GetEntries())) return true;
+  const auto word = view.ReadWord(GetShape().begin + Format::kNamingCountOffset);
+  if (!word || LoadScalar<std::uint64_t>(&*word, IsSwapped()) != GetCount()) return false;
+  view.UsesMore();
+  view.SeesAllNames();
+  return true;
+}
+
+void NameIndex::KeepComplete(const View& view) {
+  if (view.HasSeenAllNames() && m_board.MayKeep(view.GetEntries()))
+    m_tag = Io::Board::Tag(view.GetEntries());
 }
 
 // Adds the hash codes of the slots from `first` on. Those in holes, and beyond the end of the file,
@@ -80,7 +101,7 @@ bool NameIndex::InitHashCodeMap(std::uint64_t first) {
   constexpr std::uint64_t kSlotsAtOnce = 16384;
   const std::uint64_t count = GetCount();
   const auto insert = [&](std::uint64_t code, std::uint64_t slot) {
-    return m_mapHashCode->Insert(code, static_cast<std::uint32_t>(slot));
+    return m_mapHashCode.Insert(code, static_cast<std::uint32_t>(slot));
   };
   std::uint64_t fileLength;
   if (!m_file->GetLength(fileLength)) return false;
@@ -95,37 +116,40 @@ bool NameIndex::InitHashCodeMap(std::uint64_t first) {
     next = slots.Position();
     if (next > roomUpTo) {
       roomUpTo = slots.NextHole();
-      if (!m_mapHashCode->Reserve(m_mapHashCode->GetSize() + roomUpTo - slots.First()))
+      if (!m_mapHashCode.Reserve(m_mapHashCode.GetSize() + roomUpTo - slots.First()))
         return false;
     }
     for (std::size_t i = 0; i < slots.Size(); ++i)
       if (!insert(slots.Code(i), slots.First() + i)) return false;
   }
-  return !slots.HasFailed() && (next == count || insert(0, count - 1));
+  if (slots.HasFailed() || (next != count && !insert(0, count - 1))) return false;
+  m_tag = Io::Board::Tag(m_board.GetEntries());
+  return true;
 }
 
-bool NameIndex::ReadSlot(std::uint64_t code, NameSlot& slot) const {
-  const std::uint32_t number = *m_mapHashCode->Find(code);
+bool NameIndex::ReadSlot(std::uint64_t code, NameSlot& slot, View* view) const {
+  const std::uint32_t number = *m_mapHashCode.Find(code);
   slot = {{number, Format::PackIndexValue(Format::kStatusUnknown, 0)}, code, false};
-  return ReadEntry(number, slot.entry);
+  return ReadEntry(number, slot.entry, view);
 }
 
-bool NameIndex::GetNamingIdxValue(const NameKey& key, TileStore& store, NameSlot& slot) const {
+bool NameIndex::GetNamingIdxValue(const NameKey& key, TileStore& store, NameSlot& slot,
+                                  View* view) const {
   slot = {{static_cast<std::uint32_t>(GetCount()), 0}, key.GetHashCode(), true};
   const std::uint32_t run = GetSameHashCodeCount(slot.code);
-  return run == 0 || ReSetHashCodeAndIndexValue(key, store, run, slot);
+  return run == 0 || ReSetHashCodeAndIndexValue(key, store, run, slot, view);
 }
 
 // Walks through the names of one hash. Deliberately it stops at the first slot whose tile is gone,
 // even if the name follows further on: that slot is then taken for the name.
 bool NameIndex::ReSetHashCodeAndIndexValue(const NameKey& key, TileStore& store, std::uint32_t run,
-                                           NameSlot& slot) const {
+                                           NameSlot& slot, View* view) const {
   const NameSlot next = slot;
   std::uint64_t probe = slot.code;
   std::optional<NameSlot> unreadable;  // the first one
   std::uint32_t i = 0;
   for (; i < run; ++i) {
-    if (!ReadSlot(probe, slot)) return false;
+    if (!ReadSlot(probe, slot, view)) return false;
     if (slot.entry.status == Format::kStatusEmpty) break;
     const auto matches = HasName(slot.entry, key, store);
     if (matches == true) return true;
@@ -153,8 +177,7 @@ bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
   const std::uint64_t size = count * Format::kNamingSlotSize;
   unsigned char one[Format::kNamingSlotSize];
   ZrByteArray many;
-  if (oldCount + count > m_nNamingCapacity ||
-      !m_mapHashCode->Reserve(m_mapHashCode->GetSize() + count) ||
+  if (oldCount + count > m_nNamingCapacity || NeedsRoom(count) ||
       (count > 1 && !many.ResizeForOverwrite(size)))
     return false;
   unsigned char* const bytes = count > 1 ? many.GetData() : one;
@@ -165,17 +188,18 @@ bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
   }
   const std::uint64_t indexOffset = GetShape().begin;
   const std::uint64_t place = GetShape().EntryAt(oldCount);
+  const Io::BoardChange change(m_board, Io::BoardChange::kEntry);
+  if (!change.IsShown()) return false;
   if (!m_file->WriteAt(place, bytes, size) ||
       !WriteHeader(indexOffset, m_nNamingCapacity, oldCount + count)) {
     WriteHeader(indexOffset, m_nNamingCapacity, oldCount);
     m_file->ZeroFill(place, size);
-    m_pIndex->Invalidate();
+    m_board.Forget();
     return false;
   }
-  // The file has them now, also if what is in memory cannot follow.
-  if (!m_pIndex->Write(oldCount, bytes, size)) m_pIndex->Invalidate();
+  m_pIndex->Write(oldCount, bytes, size);
   for (std::uint64_t i = 0; i < count; ++i)
-    m_mapHashCode->Insert(slots[i].code, slots[i].entry.number);
+    m_mapHashCode.Insert(slots[i].code, slots[i].entry.number);
   m_nNamingCount = oldCount + count;
   return true;
 }
@@ -197,17 +221,17 @@ bool NameIndex::IncreaseNamingIndexCapacity(std::uint64_t position) {
   // An index of which the file has lost a part does not count as full, whatever it states.
   std::uint64_t length;
   if (!m_file->GetLength(length) || length < old.End()) return false;
-  Pages pages;
+  std::unique_ptr<IndexPages> pages;
   try {
-    pages = std::make_shared<IndexPages>(m_file, IndexPages::Area{larger, false, IsSwapped()});
+    pages = std::make_unique<IndexPages>(*m_file, m_board, IndexPages::Area{larger, IsSwapped()});
   } catch (const std::bad_alloc&) {
     return false;
   }
   // All the room first: a full disk shows before anything is copied.
-  if (!pages->IsUsable() || !m_file->ZeroFill(position, larger.End() - position) ||
+  if (!pages->IsUsable() || !m_board.Replaces() || !m_file->ZeroFill(position, larger.End() - position) ||
       !WriteHeader(position, larger.count, m_nNamingCount) ||
       !CopySlots(old.EntryAt(0), larger.EntryAt(0), oldSize) || !m_file->Sync()) {
-    m_file->SetLength(length);  // lest every attempt take more of the disk
+    m_file->Cut(length);  // lest every attempt take more of the disk
     return false;
   }
   if (!m_header.MoveIndex(*m_file, position)) return false;
@@ -236,9 +260,9 @@ bool NameIndex::List(const Format::RecordShape& shape, PelmArray<PelmUnicodeStri
   ZrByteArray keyBuf;
   std::uint64_t left;
   if (!m_file->GetLength(left)) return false;
-  for (const NameTable::Entry& place : m_mapHashCode->Sorted()) {
+  for (const NameTable::Entry& place : m_mapHashCode.Sorted()) {
     TileEntry entry;
-    if (!ReadEntry(place.slot, entry)) return false;
+    if (!ReadEntry(place.slot, entry, nullptr)) return false;
     const auto read = GetKeyString(entry.position, shape, keyBuf);
     if (read == Io::NameRead::kFailed) return false;
     if (read == Io::NameRead::kNone) continue;

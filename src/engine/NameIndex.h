@@ -18,39 +18,46 @@ class TileStore;
 
 /// The index of a naming file: finds the slot of a name by its hash code, adds slots, and grows.
 ///
-/// Threads: reading needs the right to read the open file, everything else the right to change it;
-/// the two counts may be asked for by any thread at any time.
+/// Threads: lookups read with a View at any time, and anybody may ask for the two counts; the rest is
+/// for one who holds the writer lock. Lookups must not run while the index grows or the table needs
+/// room (NeedsRoom).
 class NameIndex final : public IndexEntries {
  public:
-  /// Loads the index header and the hash codes of all slots. If `previous`, of the same object
-  /// before, is this index with fewer slots, only the codes of the new ones are read, and its table
-  /// is taken over. Null if the index does not lie in the file, or if memory is short.
-  static std::unique_ptr<NameIndex> Load(const std::shared_ptr<ZrFile64>& file,
-                                         Io::FileHeader& header, MaxSizes& maxSizes,
-                                         NameIndex* previous, double previousCreateTime);
-  NameIndex(std::shared_ptr<ZrFile64> file, Io::FileHeader& fileHeader, MaxSizes& maxSizes,
-            const Format::NamingHeader& header, const IndexPages::Area& area,
-            const NameIndex* previous);
+  /// Loads the index header and the hash codes of all slots. Null if the index does not lie in the
+  /// file, or if memory is short. `board`, `header` and `maxSizes` outlive the object.
+  static std::unique_ptr<NameIndex> Load(const std::shared_ptr<ZrFile64>& file, Io::Board& board,
+                                         Io::FileHeader& header, MaxSizes& maxSizes);
+  NameIndex(std::shared_ptr<ZrFile64> file, Io::Board& board, Io::FileHeader& fileHeader,
+            MaxSizes& maxSizes, const Format::NamingHeader& header, const IndexPages::Area& area);
+
+  /// Others have changed tiles. What they have done to the index, which is the same.
+  enum class Growth { kNone, kNewNames, kUnknown };
+  Growth LookForNewNames();
+  /// After kNewNames: adds their codes. False if they cannot be read, or if memory is short.
+  bool AddNewNames();
+  /// Whether the names known here are all that there are, for a lookup. It may read their number.
+  bool IsComplete(View& view);
+  /// After the view has proved valid: the number need not be read again.
+  void KeepComplete(const View& view);
 
   std::uint64_t GetCapacity() const { return m_nNamingCapacity; }
   std::uint64_t GetCount() const { return m_nNamingCount; }
   bool HasVersions() const { return (m_nNamingFlags & Format::kVersionsEnabled) != 0; }
-  /// The host's two numbers as they were in the file when the index was loaded.
-  const MaxSizes::Values& GetSizesInFile() const { return m_sizesInFile; }
 
   /// How many slots have the hash of a name, through its ordinals.
   std::uint32_t GetSameHashCodeCount(std::uint64_t code) const {
-    return m_mapHashCode->GetSameHashCodeCount(code);
+    return m_mapHashCode.GetSameHashCodeCount(code);
   }
   /// The slot of a code that the index has. False if it cannot be read: its status is unknown then.
-  bool ReadSlot(std::uint64_t code, NameSlot& slot) const;
+  bool ReadSlot(std::uint64_t code, NameSlot& slot, View* view = nullptr) const;
   /// Finds the slot of a name, or the code under which it would get one. The head of the record
   /// that has the name stays in the store's record buffer.
   ///
   /// False, with `slot.isNew`, if all ordinals are taken by other names. False without, if it
   /// cannot be told: no record that could be read has the name, and that of `slot` could not; or
   /// not even the index could, and the slot's status is unknown.
-  bool GetNamingIdxValue(const NameKey& key, TileStore& store, NameSlot& slot) const;
+  bool GetNamingIdxValue(const NameKey& key, TileStore& store, NameSlot& slot,
+                         View* view = nullptr) const;
   /// Whether the record of an entry has this name; nothing if the record cannot be read, and so may
   /// have any. Its head stays in the store's record buffer.
   static std::optional<bool> HasName(TileEntry& entry, const NameKey& key, TileStore& store);
@@ -62,6 +69,12 @@ class NameIndex final : public IndexEntries {
   /// Writes slots of new names, behind those in use. They are written before they are counted in,
   /// so that an operation cut short leaves no trace.
   bool AddSlots(const NameSlot* slots, std::uint64_t count);
+  /// Whether the table must move to take so many more names.
+  bool NeedsRoom(std::uint64_t count) const { return m_mapHashCode.NeedsRoom(count); }
+  /// Moves it. False if memory is short.
+  bool Reserve(std::uint64_t count) {
+    return m_mapHashCode.Reserve(m_mapHashCode.GetSize() + count);
+  }
   /// Whether there is room for one more slot.
   bool IsFull() const { return m_nNamingCount >= m_nNamingCapacity; }
   /// Doubles the index: a new one at `position`, the end of the data, to which the header then
@@ -73,13 +86,13 @@ class NameIndex final : public IndexEntries {
   /// be read, or if they are longer than the file together. Throws std::bad_alloc.
   bool List(const Format::RecordShape& shape, PelmArray<PelmUnicodeString>& names) const;
   /// All slots by hash code, for compaction.
-  const NameTable& GetTable() const { return *m_mapHashCode; }
+  const NameTable& GetTable() const { return m_mapHashCode; }
 
  private:
   bool InitHashCodeMap(std::uint64_t first);
-  bool HasGrownFrom(const NameIndex& previous) const;
+  std::optional<Format::NamingHeader> ReadHeader() const;
   bool ReSetHashCodeAndIndexValue(const NameKey& key, TileStore& store, std::uint32_t run,
-                                  NameSlot& slot) const;
+                                  NameSlot& slot, View* view) const;
   Io::NameRead GetKeyString(std::uint64_t recordPosition, const Format::RecordShape& shape,
                             ZrByteArray& keyBuf) const;
   bool WriteHeader(std::uint64_t indexOffset, std::uint64_t capacity, std::uint64_t count);
@@ -87,11 +100,11 @@ class NameIndex final : public IndexEntries {
 
   Io::FileHeader& m_header;
   MaxSizes& m_maxSizes;
-  std::shared_ptr<NameTable> m_mapHashCode;  // slots by hash code
+  NameTable m_mapHashCode;  // slots by hash code
+  std::atomic<std::uint64_t> m_tag{0};  // of when it was known to be complete
   std::atomic<std::uint64_t> m_nNamingCapacity;
   std::atomic<std::uint64_t> m_nNamingCount;
   const std::uint32_t m_nNamingFlags;
-  const MaxSizes::Values m_sizesInFile;
 };
 
 }  // namespace Zarn::Engine

@@ -30,16 +30,16 @@ std::size_t NameTable::Home(std::uint64_t code) const {
 // Where the code is, or where it would go.
 std::size_t NameTable::PlaceOf(std::uint64_t code) const {
   std::size_t place = Home(code);
-  while (m_places[place].slotPlusOne != 0 && m_places[place].code != code)
+  while (m_places[place].Slot() != 0 && m_places[place].code != code)
     place = Next(place);
   return place;
 }
 
 std::optional<std::uint32_t> NameTable::Find(std::uint64_t code) const {
   if (m_places.empty()) return std::nullopt;
-  const Place& place = m_places[PlaceOf(code)];
-  if (place.slotPlusOne == 0) return std::nullopt;
-  return place.slotPlusOne - 1;
+  const std::uint32_t slot = m_places[PlaceOf(code)].Slot();
+  if (slot == 0) return std::nullopt;
+  return slot - 1;
 }
 
 std::uint32_t NameTable::GetSameHashCodeCount(std::uint64_t code) const {
@@ -75,11 +75,13 @@ bool NameTable::Reserve(std::size_t size) {
 }
 
 bool NameTable::Insert(std::uint64_t code, std::uint32_t slot) {
-  const bool isFull = m_places.size() < 2 * (m_size + 1);
-  if (isFull && !Find(code) && !Reserve(m_size + 1)) return false;
+  if (NeedsRoom(1) && !Find(code) && !Reserve(m_size + 1)) return false;
   Place& place = m_places[PlaceOf(code)];
-  if (place.slotPlusOne == 0) ++m_size;
-  place = {code, slot + 1};
+  if (place.slotPlusOne == 0) {
+    ++m_size;
+    place.code = code;
+  }
+  std::atomic_ref(place.slotPlusOne).store(slot + 1, std::memory_order_release);
   return true;
 }
 

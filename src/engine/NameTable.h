@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -10,7 +11,8 @@ namespace Zarn::Engine {
 /// array: codes are hashes already, so a multiplication spreads them well enough. Each process
 /// draws the factor at random, so no file can be made whose codes meet in one place.
 ///
-/// One thread at a time inserts. Any number of threads may look while none inserts.
+/// One thread at a time inserts. Any number of threads may look meanwhile, unless the table needs
+/// room: then it moves.
 class NameTable {
  public:
   struct Entry {
@@ -27,6 +29,8 @@ class NameTable {
   /// How many places a search for the code looks at; for tests.
   std::size_t CountSteps(std::uint64_t code) const;
 
+  /// Whether so many more codes make the table move.
+  bool NeedsRoom(std::size_t count) const { return m_places.size() < 2 * (m_size + count); }
   /// Makes room for `size` codes, so that as many insertions need no memory. False, and nothing
   /// changes, if memory is short.
   bool Reserve(std::size_t size);
@@ -37,10 +41,15 @@ class NameTable {
   std::vector<Entry> Sorted() const;
 
  private:
-  // A place in the array; slot + 1, so that all zero is empty.
+  // A place in the array; slot + 1, so that all zero is empty. A place is taken once and keeps its
+  // code, which is there before the slot.
   struct Place {
     std::uint64_t code = 0;
     std::uint32_t slotPlusOne = 0;
+
+    std::uint32_t Slot() const {
+      return std::atomic_ref(const_cast<std::uint32_t&>(slotPlusOne)).load(std::memory_order_acquire);
+    }
   };
 
   static std::uint64_t GetSpread();

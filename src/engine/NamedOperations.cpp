@@ -1,6 +1,7 @@
 #include <new>
+#include <optional>
 
-#include "Engine.h"
+#include "LookUp.h"
 
 namespace Zarn::Engine {
 namespace {
@@ -19,11 +20,11 @@ unsigned int Engine::SetAt(const PelmUnicodeString& name, const ZrByteArray& dat
   if (const auto cache = GetCacheFile()) return cache->AddFile(data, name);
   if (!Format::ResolveStore(capacity, offset, data.GetSize()) || !NameKey::IsUsable(name))
     return ZrResult::kWriteFailure;
-  WriteOperation operation(m_locks, m_buffers);
+  const WriteOperation operation(m_locks, m_state);
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
   if (!operation.IsUsable() || IsReadOnly()) return ZrResult::kWriteFailure;
   try {
-    return StoreOne({name, &data, capacity, offset, version}, operation);
+    return StoreOne({name, &data, capacity, offset, version});
   } catch (const std::bad_alloc&) {
     return ZrResult::kWriteFailure;
   }
@@ -44,7 +45,7 @@ unsigned int Engine::SetAt(unsigned int row, unsigned int col, const PelmUnicode
   return SetAt({row, col, &data, 0, 0, version});
 }
 
-unsigned int Engine::StoreOne(const ZrNameStore& store, WriteOperation&) {
+unsigned int Engine::StoreOne(const ZrNameStore& store) {
   ZrByteArray* const buffer = GetSwapData();
   NameIndex* const names = File().Names();
   if (buffer == nullptr || names == nullptr || store.data == nullptr ||
@@ -53,8 +54,7 @@ unsigned int Engine::StoreOne(const ZrNameStore& store, WriteOperation&) {
   const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
   const NameKey key(store.name, File().GetShape());
   if (!span || !key.IsStorable()) return ZrResult::kWriteFailure;
-  // The index grows before the name is looked up, deliberately also for one that is there.
-  if (names->IsFull() && !GrowIndex()) return ZrResult::kWriteFailure;
+  if (!MakeRoomForName()) return ZrResult::kWriteFailure;
   NameSlot slot;
   TileStore tiles = File().MakeStore(*buffer);
   if (!names->GetNamingIdxValue(key, tiles, slot)) return ZrResult::kWriteFailure;
@@ -65,6 +65,29 @@ unsigned int Engine::StoreOne(const ZrNameStore& store, WriteOperation&) {
     request.name = key.GetStoredName(scratch);
   }
   return StoreTile(slot.entry, &slot, request);
+}
+
+// The index grows before the name is looked up, deliberately also for one that is there.
+bool Engine::MakeRoomForName() {
+  if (File().Names()->IsFull()) {
+    m_locks.AssertMutexHeld();
+    m_locks.GetLookups().Stop();
+    const bool hasGrown = GrowIndex();
+    AdmitLookups();
+    if (!hasGrown) return false;
+  }
+  return ReserveNames(1);
+}
+
+// Makes room in memory for new names. Lookups wait while the table moves.
+bool Engine::ReserveNames(std::size_t count) {
+  NameIndex* const names = File().Names();
+  if (names == nullptr || !names->NeedsRoom(count)) return true;
+  m_locks.AssertMutexHeld();
+  m_locks.GetLookups().Stop();
+  const bool hasRoom = names->Reserve(count);
+  AdmitLookups();
+  return hasRoom;
 }
 
 // The new index goes to the end of the data.
@@ -81,59 +104,68 @@ unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
   filledLength = 0;
   if (const auto cache = GetCacheFile()) return cache->ReadFile(name, data);
   if (name.IsEmpty()) return ZrResult::kReadFailure;
-  ReadOperation operation(m_locks, m_buffers);
-  if (!operation.IsUsable() || File().Names() == nullptr) return ZrResult::kReadFailure;
   unsigned int result = ZrResult::kReadFailure;
+  TileEntry entry;
+  std::optional<NameKey> key;
+  std::optional<Io::RecordReader> record;
+  const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
+    result = ZrResult::kReadFailure;
+    if (file.Names() == nullptr) return true;
+    if (!file.Names()->IsComplete(view)) return false;
+    if (!key) key.emplace(name, file.GetShape());
+    record.emplace(*file.GetStream(), file.GetShape(), file.Map());
+    result = ReadTile(file, view, *key, version, *buffer, entry, *record);
+    if (result != ZrResult::kOk) view.UsesMore();
+    return true;
+  };
+  const auto handOver = [&](OpenFile& file, ZrByteArray* buffer) {
+    if (result == ZrResult::kNotFound) data.Resize(0);
+    if (result == ZrResult::kOk) HandOver(file, entry, *record, *buffer, data, filledLength);
+  };
   try {
-    result = LookupName(NameKey(name, File().GetShape()), operation, data, filledLength, version);
+    return LookUp(read, handOver) ? result : ZrResult::kReadFailure;
   } catch (const std::bad_alloc&) {
+    return ZrResult::kReadFailure;
   }
-  if (result == ZrResult::kNotFound) data.Resize(0);
-  return result;
 }
 
 // A hash that only one name has needs no look at that name beforehand: it is compared in the record
 // that is read anyway.
-unsigned int Engine::LookupName(const NameKey& key, ReadOperation& operation, ZrByteArray& data,
-                                unsigned long long& filledLength, std::uint64_t version) {
-  ZrByteArray* const buffer = GetSwapData();
-  if (buffer == nullptr) return ZrResult::kReadFailure;
-  NameIndex& names = *File().Names();
-  const TileStore::Place place = File().GetPlace();
+unsigned int Engine::ReadTile(OpenFile& file, View& view, const NameKey& key,
+                              std::uint64_t version, ZrByteArray& buffer, TileEntry& entry,
+                              Io::RecordReader& record) {
+  NameIndex& names = *file.Names();
+  const TileStore::Place place = file.GetPlace();
   NameSlot slot;
   const std::uint32_t candidates = names.GetSameHashCodeCount(key.GetHashCode());
   if (candidates == 0) return ZrResult::kNotFound;
   if (candidates == 1) {
-    if (!names.ReadSlot(key.GetHashCode(), slot)) return ZrResult::kReadFailure;
+    if (!names.ReadSlot(key.GetHashCode(), slot, &view)) return ZrResult::kReadFailure;
   } else {
-    TileStore tiles(place, *buffer);
-    if (!names.GetNamingIdxValue(key, tiles, slot))
-      return slot.isNew ? ZrResult::kNotFound : ZrResult::kReadFailure;
+    TileStore tiles(place, buffer);
+    const bool isFound = names.GetNamingIdxValue(key, tiles, slot, &view);
+    view.UsesMore();
+    if (!isFound) return slot.isNew ? ZrResult::kNotFound : ZrResult::kReadFailure;
   }
-  TileEntry& entry = slot.entry;
+  entry = slot.entry;
   if (entry.status == Format::kStatusEmpty) return ZrResult::kNotFound;
-
-  operation.LeaveMutex();
   if (entry.HoldsRecord()) {
-    names.AddHint(entry);
+    names.AddHint(entry, view);
     const unsigned int result =
-        TileStore::LookUp_Inner(place, *buffer, entry, &key, data, filledLength, version);
-    if (result != ZrResult::kReadFailure) {
-      names.KeepHint(entry);
-      return result;
-    }
+        TileStore::LookUp_Inner(place, view, entry, &key, version, buffer, record);
+    if (result != ZrResult::kReadFailure) return result;
     entry.recordLength = 0;
   }
   // A record that cannot be read may have the name; one that can, and has another, is not meant.
   entry.isHeadRead = false;
-  TileStore tiles(place, *buffer);
+  TileStore tiles(place, buffer);
   return NameIndex::HasName(entry, key, tiles) == false ? ZrResult::kNotFound
                                                         : ZrResult::kReadFailure;
 }
 
 unsigned int Engine::Remove(const PelmUnicodeString& name, std::uint64_t version) {
   if (const auto cache = GetCacheFile()) return cache->RemoveFile(name, 0, 0);
-  const WriteOperation operation(m_locks, m_buffers);
+  const WriteOperation operation(m_locks, m_state);
   ZrByteArray* const buffer = operation.IsUsable() ? GetSwapData() : nullptr;
   NameIndex* const names = buffer != nullptr ? File().Names() : nullptr;
   if (names == nullptr) return ZrResult::kWriteFailure;
@@ -150,17 +182,24 @@ unsigned int Engine::Remove(const PelmUnicodeString& name, std::uint64_t version
 
 ZrCompactFile::ZrStatus Engine::GetStatus(const PelmUnicodeString& name) {
   if (name.IsEmpty()) return ZrCompactFile::kUnknown;
-  const ReadOperation operation(m_locks, m_buffers);
-  ZrByteArray* const buffer = operation.IsUsable() ? GetSwapData() : nullptr;
-  if (buffer == nullptr || File().Names() == nullptr) return ZrCompactFile::kUnknown;
-  try {
+  ZrCompactFile::ZrStatus status = ZrCompactFile::kUnknown;
+  const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
+    status = ZrCompactFile::kUnknown;
+    NameIndex* const names = file.Names();
+    if (names == nullptr) return true;
+    if (!names->IsComplete(view)) return false;
     NameSlot slot;
-    TileStore tiles = File().MakeStore(*buffer);
+    TileStore tiles = file.MakeStore(*buffer);
     // Of a record that cannot be read, too, the slot tells.
-    const NameKey key(name, File().GetShape());
-    if (!File().Names()->GetNamingIdxValue(key, tiles, slot) && slot.isNew)
-      return ZrCompactFile::kEmpty;
-    return static_cast<ZrCompactFile::ZrStatus>(slot.entry.status);
+    const bool isFound =
+        names->GetNamingIdxValue(NameKey(name, file.GetShape()), tiles, slot, &view);
+    view.UsesMore();
+    status = !isFound && slot.isNew ? ZrCompactFile::kEmpty
+                                    : static_cast<ZrCompactFile::ZrStatus>(slot.entry.status);
+    return true;
+  };
+  try {
+    return LookUp(read, [](OpenFile&, ZrByteArray*) {}) ? status : ZrCompactFile::kUnknown;
   } catch (const std::bad_alloc&) {
     return ZrCompactFile::kUnknown;
   }
@@ -169,7 +208,7 @@ ZrCompactFile::ZrStatus Engine::GetStatus(const PelmUnicodeString& name) {
 // The writer's lock, deliberately, although nothing is written.
 bool Engine::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
   if (const auto cache = GetCacheFile()) return cache->ListFiles(names) == 0;
-  const WriteOperation operation(m_locks, m_buffers);
+  const WriteOperation operation(m_locks, m_state);
   if (!operation.IsUsable() || File().Names() == nullptr) return false;
   try {
     return File().Names()->List(File().GetShape(), names);

@@ -1,6 +1,7 @@
 #include "OpenFile.h"
 
 #include <algorithm>
+#include <ctime>
 
 #include "RedoFile.h"
 #include "ZrResult.h"
@@ -20,7 +21,12 @@ unsigned int OpenFile::Load(const Source& source, MaxSizes& maxSizes, OpenFile* 
                                     !file->OpenStream(source) || !file->ReadHeader(source)))
     return ZrResult::kWrongFile;
   file->TakeMap(source, before);
-  if (!file->ReadIndex(source, maxSizes, before)) return ZrResult::kNotUsable;
+  const auto place = !source.isShared              ? Io::Board::kInObject
+                     : file->m_file->SharesPages() ? Io::Board::kInFile
+                                                   : Io::Board::kNowhere;
+  file->m_board.emplace(place, *file->m_file, file->m_header.GetImage(), source.mapped);
+  if (source.isShared) file->m_strPath = source.path;
+  if (!file->ReadIndex(maxSizes)) return ZrResult::kNotUsable;
   file->TakeTail(source, before);
   loaded = std::move(file);
   return ZrResult::kOk;
@@ -45,35 +51,32 @@ bool OpenFile::ReadHeader(const Source& source) {
 void OpenFile::TakeMap(const Source& source, const OpenFile& previous) {
   if (!source.mapped) return;
   if (previous.m_file == m_file) m_pMap = previous.m_pMap;
-  if (m_pMap != nullptr)
-    m_pMap->Invalidate();
-  else
-    m_pMap = std::make_shared<Io::FileMap>(m_file);
+  if (m_pMap == nullptr) m_pMap = std::make_shared<Io::FileMap>(m_file);
 }
 
 // A kind without an index opens, and can be asked for its kind.
-bool OpenFile::ReadIndex(const Source& source, MaxSizes& maxSizes, const OpenFile& previous) {
+bool OpenFile::ReadIndex(MaxSizes& maxSizes) {
   const std::uint64_t indexOffset = m_header.View().IndexOffset();
   const bool isGrid = GetKind() == Format::kGridFile;
   if (!isGrid && !m_shape.IsNaming()) return true;
   if (indexOffset < Format::kHeaderSize) return false;
-  if (isGrid) {
-    m_cells = CellIndex::Load(m_file, indexOffset, m_shape.swap, source.isShared, previous.Cells());
-    return m_cells != nullptr;
-  }
-  m_names = NameIndex::Load(m_file, m_header, maxSizes, previous.Names(),
-                            previous.m_header.View().CreateTime());
-  return m_names != nullptr;
+  if (isGrid)
+    m_cells = CellIndex::Load(m_file, *m_board, indexOffset, m_shape.swap);
+  else
+    m_names = NameIndex::Load(m_file, *m_board, m_header, maxSizes);
+  return HasIndex();
 }
 
 // Where the data end is looked for again, but from what was there before in the same file.
 void OpenFile::TakeTail(const Source& source, const OpenFile& previous) {
   if (m_cells == nullptr && m_names == nullptr) return;
   if (previous.m_tail && previous.m_file == m_file &&
-      previous.m_header.GetFields() == m_header.GetFields())
+      previous.m_header.HasFieldsOf(m_header))
     m_tail = previous.m_tail;
   else
-    m_tail.emplace(Index().GetShape(), m_shape.swap, source.isShared);
+    m_tail.emplace(Index().GetShape(), m_shape.swap,
+                   Io::Tail::Use{source.isShared || source.mapped,
+                                 !source.isShared && source.mapped});
   m_tail->SetIndex(Index().GetShape());
   m_tail->Invalidate();
 }
@@ -82,24 +85,41 @@ bool OpenFile::HasVersions() const {
   return m_cells != nullptr ? m_cells->HasVersions() : m_names != nullptr && m_names->HasVersions();
 }
 
+// Other programs may move or delete the file. Stores look at the path under the lock.
+bool OpenFile::IsAtPath() {
+  constexpr std::int64_t kInterval = 10;
+  if (m_board->GetPlace() != Io::Board::kInFile) return true;
+  timespec now = {};
+  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  const std::int64_t milliseconds = std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+  if (milliseconds < m_nextLook.load(std::memory_order_relaxed)) return true;
+  if (!m_file->IsSameFile(m_strPath)) return false;
+  m_nextLook.store(milliseconds + kInterval, std::memory_order_relaxed);
+  return true;
+}
+
 TileStore::Place OpenFile::GetPlace() {
-  return {*m_file, m_pMap.get(), m_shape, Index().GetShape(), HasVersions(), *m_tail, Index()};
+  return {*m_file, m_pMap.get(), m_shape, Index().GetShape(), HasVersions(), *m_tail, *m_board,
+          Index()};
 }
 
-bool OpenFile::HasSameHeaders() const {
-  if (m_cells == nullptr || m_header.View().IndexOffset() != Format::kHeaderSize) return false;
-  const Format::HeaderImage header = m_header.GetBytes();
-  const Format::GridHeaderImage index = m_cells->GetHeaderBytes();
-  unsigned char now[Format::kHeaderSize + Format::kGridHeaderSize];
-  const std::uint64_t got = m_pMap != nullptr ? m_pMap->ReadUpTo(0, now, sizeof now)
-                                              : m_file->ReadUpTo(0, now, sizeof now);
-  return got == sizeof now && std::equal(header.begin(), header.end(), now) &&
-         std::equal(index.begin(), index.end(), now + Format::kHeaderSize);
-}
-
-void OpenFile::InvalidateTiles() {
+// A program that does not know the board shows only by the length that it has changed the file.
+OpenFile::Change OpenFile::Refresh(bool mayWrite, std::uint64_t length) {
+  if (length < Format::kHeaderSize) return Change::kAll;
+  auto change = m_board->Refresh(mayWrite);
+  if (change == Io::Board::Change::kAll) return Change::kAll;
+  if (m_board->GetPlace() == Io::Board::kNowhere && !m_header.IsIn(*m_file)) return Change::kAll;
+  if (!HasIndex() || change == Io::Board::Change::kNone) return Change::kNone;
   m_tail->Invalidate();
-  m_cells->GetPages()->Invalidate();
+  if (m_names == nullptr) return Change::kTiles;
+  switch (m_names->LookForNewNames()) {
+    case NameIndex::Growth::kNone:
+      return Change::kTiles;
+    case NameIndex::Growth::kNewNames:
+      return Change::kNames;
+    default:
+      return Change::kAll;
+  }
 }
 
 }  // namespace Zarn::Engine

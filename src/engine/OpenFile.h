@@ -1,7 +1,9 @@
 #pragma once
 
+#include <atomic>
 #include <optional>
 
+#include "Board.h"
 #include "CellIndex.h"
 #include "FileHeader.h"
 #include "NameIndex.h"
@@ -11,8 +13,8 @@
 namespace Zarn::Engine {
 
 /// Everything about the file that is open: the stream, the header, the index, the mapping, and
-/// where the data end. It is loaded aside and replaced as a whole; every user of one holds a
-/// reference.
+/// where the data end; and the board on which changes are told. It is loaded aside and replaced as a
+/// whole.
 ///
 /// Threads: see the rooms in it. The stream and the kind of the file never change.
 class OpenFile {
@@ -22,7 +24,7 @@ class OpenFile {
     const Format::XorString& xorString;
     bool readOnly;
     bool mapped;    ///< for lookups
-    bool isShared;  ///< with other processes, by the process lock
+    bool isShared;  ///< with other processes, by the process lock, which is held
     /// A stream that is certainly open on the file at the path; null: none.
     std::shared_ptr<ZrFile64> stream;
   };
@@ -64,30 +66,39 @@ class OpenFile {
   /// Records and versions, with a thread's record buffer. For a file that has an index.
   TileStore MakeStore(ZrByteArray& buffer) { return TileStore(GetPlace(), buffer); }
   TileStore::Place GetPlace();
+  Io::Board& GetBoard() { return *m_board; }
+
+  /// With the lock: takes notice of what others have done; `mayWrite`: as the one writer. kNames:
+  /// the names that others have added are to be added here, too; kAll: this is another file, to be
+  /// loaded again.
+  enum class Change { kNone, kTiles, kNames, kAll };
+  Change Refresh(bool mayWrite, std::uint64_t length);
+
+  /// Whether the path still leads to this file, as far as it was seen lately. Any thread may ask.
+  bool IsAtPath();
 
   /// The number of the locked file that it was loaded from; 0 without the process lock.
   std::uint64_t GetLockedFile() const { return m_nLockedFile; }
   void SetLockedFile(std::uint64_t number) { m_nLockedFile = number; }
-  /// Whether the file's headers are those of this grid: then what others have changed are tiles.
-  bool HasSameHeaders() const;
-  /// Others have changed tiles of this grid.
-  void InvalidateTiles();
 
  private:
   bool OpenStream(const Source& source);
   bool ReadHeader(const Source& source);
   void TakeMap(const Source& source, const OpenFile& previous);
-  bool ReadIndex(const Source& source, MaxSizes& maxSizes, const OpenFile& previous);
+  bool ReadIndex(MaxSizes& maxSizes);
   void TakeTail(const Source& source, const OpenFile& previous);
 
   std::shared_ptr<ZrFile64> m_file;
   Io::FileHeader m_header;
+  std::optional<Io::Board> m_board;
   Format::RecordShape m_shape;
   std::shared_ptr<Io::FileMap> m_pMap;
   std::unique_ptr<CellIndex> m_cells;
   std::unique_ptr<NameIndex> m_names;
   std::optional<Io::Tail> m_tail;  // where the data end
   std::uint64_t m_nLockedFile = 0;
+  PelmUnicodeString m_strPath;             // of a shared file
+  std::atomic<std::int64_t> m_nextLook{0};  // at the path, in milliseconds of the monotonic clock
 };
 
 }  // namespace Zarn::Engine

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 
 #include "ZrByteArray.h"
 
@@ -13,18 +14,15 @@ namespace Zarn::Engine {
 /// The record buffers of an object, one per thread that works on its tiles. The threads that have
 /// one are the object's users: the last one to drop its buffer closes the file.
 ///
-/// Threads: the owner's mutex is held for all calls but FindOwn. Buffers are invalidated only while
-/// no lookup runs.
+/// Threads: any thread may ask at any time for its own. Buffers are invalidated and dropped only
+/// while no lookup runs.
 class RecordBuffers {
  public:
   /// The calling thread's buffer, made on first use; null if memory is short. `swap`: its byte-swap
   /// switch, if the buffer was invalidated or is new.
   ZrByteArray* GetSwapData(bool swap);
-  /// The calling thread's buffer if it has one that is valid, for threads of low numbers. Any
-  /// thread may ask at any time for its own.
-  ZrByteArray* FindOwn() const;
   /// Whether the calling thread, or another one, uses the object.
-  bool HasUsers() const { return !m_mapSwapData.empty(); }
+  bool HasUsers() const;
   /// The calling thread is no user any more.
   void DropOwn();
   void DropAll();
@@ -32,6 +30,7 @@ class RecordBuffers {
   void Invalidate();
 
  private:
+  mutable std::mutex m_mutex;  // guards the map
   std::map<std::uint32_t, std::unique_ptr<ZrByteArray>> m_mapSwapData;  // by thread
   // Of the threads with the lowest numbers, to be found without a lock.
   std::array<std::atomic<ZrByteArray*>, 64> m_known{};

@@ -134,7 +134,7 @@ bool TileCopier::CopyCells(const Io::IndexWalker& cells) {
     std::uint64_t value = cells.Value(i);
     if (Format::StatusOf(value) == Format::kStatusEmpty) continue;
     if (!Format::HoldsRecord(Format::StatusOf(value))) return CannotRead();
-    std::uint64_t length = m_source.Index().GetPages()->GetHint(m_done);
+    std::uint64_t length = m_source.Index().GetHint(m_done);
     if (length == 0)
       length = Format::DistanceToNext(value, i + 1 < cells.Size() ? cells.Value(i + 1) : 0);
     if (!LeadToPlaced(value) &&
@@ -151,7 +151,7 @@ bool TileCopier::CopyNames() {
   for (std::size_t i = 0; i < places.size(); ++i) {
     m_done = i;
     std::uint64_t value;
-    if (!m_source.Index().GetPages()->ReadValue(places[i].slot, value)) return CannotRead();
+    if (!m_source.Index().ReadStable(places[i].slot, value)) return CannotRead();
     if (Format::StatusOf(value) != Format::kStatusEmpty && !CopyName(places[i].slot, value))
       return false;
   }
@@ -160,7 +160,7 @@ bool TileCopier::CopyNames() {
 
 bool TileCopier::CopyName(std::uint32_t number, std::uint64_t value) {
   if (!Format::HoldsRecord(Format::StatusOf(value))) return CannotRead();
-  if (!ReadRecord(Format::PositionOf(value), m_source.Index().GetPages()->GetHint(number)))
+  if (!ReadRecord(Format::PositionOf(value), m_source.Index().GetHint(number)))
     return false;
   const Format::RecordHead& head = m_reader.Head();
   Name name;
@@ -197,7 +197,7 @@ bool TileCopier::ReadName(std::uint32_t slot, Name& name) {
   ZrByteArray bytes;
   unsigned char charset[Format::kWidth4];
   Io::RecordReader reader(m_file, m_records);
-  if (!m_source.Index().GetPages()->ReadValue(slot, value)) return false;
+  if (!m_source.Index().ReadStable(slot, value)) return false;
   const std::uint64_t position = Format::PositionOf(value);
   if (!m_file.ReadAt(position + Format::kCharsetOffset, charset, sizeof charset) ||
       reader.ReadName(position, bytes) != Io::NameRead::kRead)

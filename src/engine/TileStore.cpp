@@ -40,7 +40,7 @@ TileStore::TileStore(const Place& place, ZrByteArray& buffer)
     : m_place(place),
       m_buffer(buffer),
       m_current(MakeRecord(buffer)),
-      m_rewrite(place.file, place.tail, Io::SafeRewrite::kMayAppend) {}
+      m_rewrite(place.file, place.tail, place.board, Io::SafeRewrite::kMayAppend) {}
 
 bool TileStore::ReadCurrentHead(TileEntry& entry) {
   entry.isHeadRead = entry.isHeadRead ? m_current.Parse()
@@ -141,14 +141,20 @@ std::uint64_t TileStore::ReplaceVersion(Reference& reference, std::uint64_t posi
   return fits ? MoveHome(reference, copy, position, record, &request) : copy;
 }
 
-// Of a store with an offset only the head must be replaced in one page; its data lies where nothing
-// counts yet.
+// The data of a store with an offset lie where nothing counts yet: only the head must be replaced
+// in one page.
 bool TileStore::ReplaceInPage(std::uint64_t position, Record& record, const StoreRequest& request) {
   record.SetPayload(request.span.capacity, request.span.FilledLength());
-  const std::uint64_t data = request.span.offset == 0 ? request.span.size : 0;
-  return m_rewrite.KeepOld(position, record.Head().size + data) &&
-         m_rewrite.WithinPage(
-             [&](std::uint64_t home) { return WriteHeadAndData(home, record, request); });
+  const std::uint64_t headSize = record.Head().size;
+  const std::uint64_t offset = request.span.offset;
+  if (offset != 0 && !m_place.file.WriteAt(position + headSize + offset, request.data.GetData(),
+                                           request.data.GetSize()))
+    return false;
+  const std::uint64_t size = headSize + (offset == 0 ? request.span.size : 0);
+  return m_rewrite.KeepOld(position, size) && m_rewrite.WithinPage([&](std::uint64_t home) {
+    return m_place.file.WriteParts(home, record.Bytes().GetData(), headSize,
+                                   request.data.GetData(), size - headSize);
+  });
 }
 
 // New data for an older version. If its record moves, the current one gets the new locator, and the
@@ -254,7 +260,9 @@ std::uint64_t TileStore::AppendSwapData(Record& record, const StoreRequest& requ
     return UpdateSwapData(record, request) ? WriteDataToDataFile(0, record) : 0;
   record.SetPayload(request.span.capacity, request.span.FilledLength());
   const std::uint64_t position = m_place.tail.Reserve(m_place.file);
-  return position != 0 && WriteHeadAndData(position, record, request) ? position : 0;
+  if (position == 0 || !WriteHeadAndData(position, record, request)) return 0;
+  m_place.tail.EndsAt(position + record.Head().length);
+  return position;
 }
 
 // Appends a record that is new altogether. What the data leaves of its payload area reads as zero,
@@ -262,15 +270,14 @@ std::uint64_t TileStore::AppendSwapData(Record& record, const StoreRequest& requ
 std::uint64_t TileStore::AppendNewRecord(const Record& record, const StoreRequest& request) {
   const std::uint64_t position = m_place.tail.Reserve(m_place.file);
   if (position == 0 || !WriteHeadAndData(position, record, request)) return 0;
-  if (request.span.CoversAll()) {
-    m_place.tail.EndsAt(position + record.Head().length);
-    return position;
-  }
   const std::uint64_t payload = position + record.Head().size;
   const std::uint64_t filled = request.span.FilledLength();
-  const bool hasRoom = m_place.file.ZeroFill(payload, request.span.offset) &&
-                       m_place.file.ZeroFill(payload + filled, request.span.capacity - filled);
-  return hasRoom ? position : 0;
+  if (!request.span.CoversAll() &&
+      !(m_place.file.ZeroFill(payload, request.span.offset) &&
+        m_place.file.ZeroFill(payload + filled, request.span.capacity - filled)))
+    return 0;
+  m_place.tail.EndsAt(position + record.Head().length);
+  return position;
 }
 
 // Writes the head, and the data at its place behind it, and nothing else.
@@ -290,10 +297,13 @@ bool TileStore::WriteHeadAndData(std::uint64_t position, const Record& record,
 // where; 0 on failure, or if the buffer holds less than the record states.
 std::uint64_t TileStore::WriteDataToDataFile(std::uint64_t position, const Record& record) {
   const std::uint64_t length = record.Head().length;
-  if (position == 0) position = m_place.tail.Reserve(m_place.file);
-  const bool written = position != 0 && length <= record.Bytes().GetSize() &&
-                       m_place.file.WriteAt(position, record.Bytes().GetData(), length);
-  return written ? position : 0;
+  const bool isNew = position == 0;
+  if (isNew) position = m_place.tail.Reserve(m_place.file);
+  if (position == 0 || length > record.Bytes().GetSize() ||
+      !m_place.file.WriteAt(position, record.Bytes().GetData(), length))
+    return 0;
+  if (isNew) m_place.tail.EndsAt(position + length);
+  return position;
 }
 
 // Writes the record over the one at `position`, which is no shorter, unless another
@@ -346,17 +356,19 @@ bool TileStore::ReplaceLocator(Reference& reference, std::uint64_t locator) {
   std::uint64_t after;
   StoreScalar(&before, reference.locator, m_place.shape.swap);
   StoreScalar(&after, locator, m_place.shape.swap);
-  if (!Io::ReplaceWord(m_place.file, reference.locatorPlace, before, after)) return false;
+  const Io::BoardChange change(m_place.board, Io::BoardChange::kEntry);
+  if (!change.IsShown() ||
+      !Io::ReplaceWord(m_place.file, reference.locatorPlace, before, after))
+    return false;
   reference.locator = locator;
   return true;
 }
 
-unsigned int TileStore::LookUp_Inner(const Place& place, ZrByteArray& buffer, TileEntry& entry,
-                                     const NameKey* key, ZrByteArray& data,
-                                     unsigned long long& filledLength, std::uint64_t version) {
+unsigned int TileStore::LookUp_Inner(const Place& place, View& view, TileEntry& entry,
+                                     const NameKey* key, std::uint64_t version,
+                                     ZrByteArray& buffer, Io::RecordReader& record) {
   const std::uint64_t headSize =
       Format::RecordHeadSize(place.shape, key != nullptr ? key->GetStoredLength() : 0);
-  Io::RecordReader record(place.file, place.shape, place.map);
   const auto read = [&](std::uint64_t position, std::uint64_t length) {
     const std::uint64_t payload = length > headSize ? length - headSize : 0;
     return record.Read(position, {headSize, payload}, buffer) && record.Head().versionCount > 0 &&
@@ -367,11 +379,10 @@ unsigned int TileStore::LookUp_Inner(const Place& place, ZrByteArray& buffer, Ti
   if (key != nullptr && !key->Matches(record.NameBytes(), record.Head().nameLength))
     return ZrResult::kNotFound;
   const std::uint32_t older = record.Versions().SelectForLookup(version);
-  if (older != 0 && !read(Format::PositionOf(record.Versions().Locator(older)), 0))
-    return ZrResult::kReadFailure;
-  record.HandOver(buffer, data);
-  filledLength = std::min(record.Head().filledLength, record.Head().capacity);
-  return ZrResult::kOk;
+  if (older == 0) return ZrResult::kOk;
+  view.UsesMore();
+  return read(Format::PositionOf(record.Versions().Locator(older)), 0) ? ZrResult::kOk
+                                                                       : ZrResult::kReadFailure;
 }
 
 }  // namespace Zarn::Engine

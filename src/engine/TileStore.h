@@ -1,8 +1,9 @@
 #pragma once
 
-#include "FileMap.h"
+#include "IndexPages.h"
 #include "IndexShape.h"
 #include "RecordImage.h"
+#include "RecordReader.h"
 #include "SafeRewrite.h"
 #include "TileEntry.h"
 #include "ZrFile64.h"
@@ -18,8 +19,8 @@ class NameKey;
 /// A store or removal that fails leaves the tile as it was. One that a kill cuts short leaves it
 /// so, or as it was to become.
 ///
-/// It takes no lock: the caller keeps writers out during a lookup, and everybody else during a
-/// store or removal. One operation of one thread uses one object; what the place refers to and the
+/// It takes no lock: the caller has the writer lock for a store or removal, and for a lookup a View
+/// that it checks afterwards. One operation of one thread uses one object; what the place refers to and the
 /// buffer outlive it.
 class TileStore {
  public:
@@ -31,6 +32,7 @@ class TileStore {
     Format::IndexShape index;  // no record lies in it
     bool hasVersions;          // without, only empty entries get tiles
     Io::Tail& tail;
+    Io::Board& board;
     EntryWriter& entries;
   };
 
@@ -51,14 +53,15 @@ class TileStore {
   /// After StoreIntoTile or RemoveFromTile, if the entry could not be written.
   void PutBack() { m_rewrite.PutBack(); }
 
-  /// Reads the version that a lookup of `version` selects. With a `key` the record must have that
-  /// name, which lies in what is read anyway.
+  /// Reads the version that a lookup of `version` selects into `buffer`; `record`, which is of the
+  /// same file, tells what it is. With a `key` the record must have that name, which lies in what is
+  /// read anyway.
   ///
-  /// kOk; kNotFound for the record of another name; kReadFailure. Without kOk `data` and
-  /// `filledLength` are as they were.
-  static unsigned int LookUp_Inner(const Place& place, ZrByteArray& buffer, TileEntry& entry,
-                                   const NameKey* key, ZrByteArray& data,
-                                   unsigned long long& filledLength, std::uint64_t version);
+  /// kOk; kNotFound for the record of another name; kReadFailure. Nothing of it counts before the
+  /// view is checked.
+  static unsigned int LookUp_Inner(const Place& place, View& view, TileEntry& entry,
+                                   const NameKey* key, std::uint64_t version, ZrByteArray& buffer,
+                                   Io::RecordReader& record);
 
  private:
   using Record = Format::RecordImage;

@@ -99,8 +99,12 @@ class Verifier {
       m_findings.Report(kKind, Format::kFormatVersionOffset, "the format version is unknown");
     if (!std::isfinite(header.CreateTime()))
       m_findings.Report(kKind, Format::kCreateTimeOffset, "the time of creation is not a number");
-    if (std::any_of(m_header.begin() + Format::kReservedOffset, m_header.end(),
-                    [](unsigned char byte) { return byte != 0; }))
+    // Between them are the words of the board, which those who use the file leave when they die.
+    const auto isSet = [](unsigned char byte) { return byte != 0; };
+    const auto* const bytes = m_header.data();
+    if (std::any_of(bytes + Format::kReservedOffset,
+                    bytes + Format::kHeaderFieldsSize, isSet) ||
+        std::any_of(bytes + Format::kMaskOffset, bytes + Format::kHeaderSize, isSet))
       m_findings.Report(kKind, Format::kReservedOffset, "the reserved bytes are not zero");
     if (!IsGrid() && !m_records.IsNaming())
       return m_findings.Fail(kKind, Format::kFileKindOffset, "the kind of the file is unknown");
@@ -168,10 +172,9 @@ class Verifier {
     m_count = std::min(m_count, room / m_index.EntrySize());
   }
 
-  // Beside the check another process may store new tiles in a grid.
   void CheckEntries() {
     Io::IndexWalker entries(m_file, m_index, m_records.swap, m_count,
-                            {.isShared = true, .blockSize = kEntriesAtOnce});
+                            {.blockSize = kEntriesAtOnce});
     for (std::uint64_t next = 0; next < m_count && !m_findings.HaveEnded();) {
       const bool isRead = entries.Next();
       // Cells in a hole are empty. Slots should not lie there, but an index may claim more of them

@@ -12,6 +12,9 @@ namespace Zarn::Engine {
 ///
 /// What cannot be told from something that writers leave is not reported; see docs/format.md.
 ///
+/// While `progress` is called others may store tiles. A place where a record lies or lay gets no
+/// other one, so what was seen before stays comparable.
+///
 /// kOk; kReadFailure if there were findings; kNotUsable if the progress function ended the check
 /// before there were any. Throws std::bad_alloc.
 unsigned int VerifyFile(const ZrFile64& file, const Format::XorString& xorString,

@@ -28,6 +28,16 @@ inline constexpr std::size_t kIndexOffsetOffset = kCreateTimeOffset + kWidth8;
 inline constexpr std::size_t kReservedOffset = kIndexOffsetOffset + kWidth8;
 static_assert(kReservedOffset == 27 && kHeaderSize - kReservedOffset == 37);
 
+// Within the reserved bytes: three words of this host's order by which those who use a file at the
+// same time tell each other of changes (Io::Board). Zero at rest, and scrambled like all the
+// header. Whoever writes the header of a file in use leaves them, and what is behind them, alone.
+inline constexpr std::size_t kHeaderFieldsSize = 32;
+inline constexpr std::size_t kGenerationWordOffset = kHeaderFieldsSize;
+inline constexpr std::size_t kRecordsWordOffset = kGenerationWordOffset + kWidth8;
+inline constexpr std::size_t kEntriesWordOffset = kRecordsWordOffset + kWidth8;
+inline constexpr std::size_t kMaskOffset = kEntriesWordOffset + kWidth8;
+static_assert(kReservedOffset <= kHeaderFieldsSize && kMaskOffset < kHeaderSize);
+
 inline constexpr std::uint8_t kMagic[2] = {'C', 'F'};
 /// What a new file gets; its names are UTF-16.
 inline constexpr std::uint32_t kCurrentVersion = 20120214;

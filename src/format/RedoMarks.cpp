@@ -16,7 +16,7 @@ static_assert(kMarkMagic[0] == kMarkMagic[1]);
 constexpr std::size_t kFirstIdOffset = kMagicSize;
 constexpr std::size_t kSecondIdOffset = kFirstIdOffset + kWidth8;
 constexpr std::size_t kMarkSize = kSecondIdOffset + kWidth8;
-static_assert(kMarkSize >= kReservedOffset && kMarkSize <= kHeaderSize);
+static_assert(kMarkSize == kHeaderFieldsSize, "the words of the board stay");
 
 constexpr std::size_t kImageLengthOffset = kSecondIdOffset + kWidth8;
 constexpr std::size_t kChecksumOffset = kImageLengthOffset + kWidth8;

@@ -1,5 +1,7 @@
 #include "FileHeader.h"
 
+#include <algorithm>
+
 namespace Zarn::Io {
 namespace {
 
@@ -37,45 +39,45 @@ bool WriteFileHeader(ZrFileStream& file, const Format::XorString& xorString,
 }
 
 HeaderRead FileHeader::Read(const ZrFileStream& file, const Format::XorString& xorString) {
-  Format::HeaderImage header;
-  bool swap;
-  const HeaderRead result = ReadFileHeader(file, xorString, header, swap);
-  if (result == HeaderRead::kOk) Set(header, swap, xorString);
+  const HeaderRead result = ReadFileHeader(file, xorString, m_header, m_bSwap);
+  if (result == HeaderRead::kOk) m_xorString = xorString;
   return result;
 }
 
 bool FileHeader::MoveIndex(ZrFileStream& file, std::uint64_t indexOffset) {
+  const auto write = [&](const Format::HeaderImage& header) {
+    const Format::HeaderImage bytes = Encode(header, m_bSwap, m_xorString);
+    return file.WriteAt(0, bytes.data(), Format::kHeaderFieldsSize);
+  };
   Format::HeaderImage moved = m_header;
   Format::SetIndexOffset(moved, indexOffset);
-  const bool isMoved = WriteFileHeader(file, m_xorString, moved, m_bSwap);
+  const bool isMoved = write(moved);
   if (isMoved)
-    Set(moved, m_bSwap, m_xorString);
+    m_header = moved;
   else
-    WriteFileHeader(file, m_xorString, m_header, m_bSwap);
+    write(m_header);
   return isMoved;
 }
 
+// In one write, for what is scrambled by one password must not be read by the other.
 bool FileHeader::SetPassword(ZrFileStream& file, const Format::XorString& xorString) {
   Format::HeaderImage header;
   bool swap;
   if (ReadFileHeader(file, m_xorString, header, swap) != HeaderRead::kOk ||
       !WriteFileHeader(file, xorString, header, swap))
     return false;
-  Set(m_header, m_bSwap, xorString);
+  m_xorString = xorString;
   return true;
 }
 
-Format::HeaderImage FileHeader::GetBytes() const {
-  const std::lock_guard guard(m_mutex);
-  return Encode(m_header, m_bSwap, m_xorString);
+bool FileHeader::IsIn(const ZrFileStream& file) const {
+  FileHeader now;
+  return now.Read(file, m_xorString) == HeaderRead::kOk && HasFieldsOf(now);
 }
 
-void FileHeader::Set(const Format::HeaderImage& header, bool swap,
-                     const Format::XorString& xorString) {
-  const std::lock_guard guard(m_mutex);
-  m_header = header;
-  m_bSwap = swap;
-  m_xorString = xorString;
+bool FileHeader::HasFieldsOf(const FileHeader& other) const {
+  return std::equal(m_header.begin(), m_header.begin() + Format::kHeaderFieldsSize,
+                    other.m_header.begin());
 }
 
 }  // namespace Zarn::Io

@@ -22,8 +22,6 @@ class FileMap {
   /// Copies up to `size` bytes at `position`; returns how many the file has there, and 0 if it
   /// cannot be mapped. Meanwhile the file must not become shorter.
   std::uint64_t ReadUpTo(std::uint64_t position, void* target, std::uint64_t size);
-  /// The file may have become shorter: the next read asks for its length.
-  void Invalidate() { m_length.store(0); }
 
  private:
   struct View {

@@ -43,8 +43,7 @@ bool IndexWalker::ReadBlock() {
   const std::uint64_t position = m_index.EntryAt(m_first);
   const std::uint64_t entrySize = m_index.EntrySize();
   m_bytes.resize(m_size * entrySize);
-  const auto got = ReadEntries(m_file, position, m_bytes.data(), m_bytes.size(),
-                               m_options.isShared && m_index.IsGrid(), m_swap);
+  const auto got = ReadEntries(m_file, position, m_bytes.data(), m_bytes.size());
   if (!got) return false;
   if (*got == m_bytes.size()) return true;
   m_size = (*got + entrySize - 1) / entrySize;

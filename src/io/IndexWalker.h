@@ -9,7 +9,6 @@ namespace Zarn::Io {
 
 /// How to walk over an index.
 struct WalkOptions {
-  bool isShared = false;        ///< other processes store new tiles in a grid meanwhile
   std::uint64_t first = 0;      ///< the entry to begin with
   std::uint64_t blockSize = 0;  ///< entries in a block; 0: as many as lie in 64 KiB
   bool readsLastBlock = false;  ///< reads the last block even if it lies in a hole

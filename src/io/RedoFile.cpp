@@ -61,6 +61,15 @@ bool AddChecksum(const ZrFileStream& image, std::uint64_t length, std::uint64_t 
   return ForEachPart(image, 0, std::min(end, length), add, kSkip);
 }
 
+// Cuts the container to this length. While somebody maps it, it keeps its length, and gives back
+// only the room.
+bool Shorten(ZrFileStream& container, std::uint64_t length) {
+  std::uint64_t now;
+  if (container.Cut(length)) return true;
+  if (!container.GetLength(now)) return false;
+  return now < length ? container.SetLength(length) : container.MakeHole(length, now - length);
+}
+
 // Puts a complete redo image in the place of a container that is marked; the mark may not be on the
 // disk yet. Holes become holes. The header comes last: with it the container is back, and others
 // may change it, so nothing follows but a sync.
@@ -85,8 +94,9 @@ bool CopyImage(const ZrFileStream& image, std::uint64_t length, ZrFileStream& co
   };
   HeaderImage header;
   return image.ReadAt(0, header.data(), header.size()) && container.Sync() &&
-         container.SetLength(length) && ForEachPart(image, header.size(), length, copy, clear) &&
-         container.Sync() && container.WriteAt(0, header.data(), header.size()) && container.Sync();
+         Shorten(container, length) && ForEachPart(image, header.size(), length, copy, clear) &&
+         container.Sync() && container.WriteAt(0, header.data(), Format::kHeaderFieldsSize) &&
+         container.Sync();
 }
 
 // Gives the redo image the path of the container, for good: others may change it from then on. Its
@@ -185,7 +195,7 @@ RedoFile::Outcome RedoFile::Replace(ZrFile64& container, const Progress& progres
   const bool isThere =
       m_stream.IsSameFile(m_path) && m_stream.ReadAt(0, header.data(), header.size());
   const HeaderImage mark = Format::EncodeRedoMark(m_trailer.id, header);
-  if (isThere && container.WriteAt(0, mark.data(), mark.size()) &&
+  if (isThere && container.WriteAt(0, mark.data(), Format::kHeaderFieldsSize) &&
       CopyImage(m_stream, m_trailer.imageLength, container, m_buffer, progress)) {
     RemoveImage(m_stream, m_path);
     return Outcome::kInPlace;

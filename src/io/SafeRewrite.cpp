@@ -15,14 +15,21 @@ void SafeRewrite::KeepOld(std::uint64_t position, const unsigned char* bytes, st
   m_oldSize = size;
 }
 
-// Whatever part of these bytes could be replaced can be written again.
 void SafeRewrite::PutBack() {
+  if (m_oldSize == 0) return;
+  const BoardChange change(m_board, BoardChange::kRecord);
+  PutOldBack();
+}
+
+// Whatever part of these bytes could be replaced can be written again.
+void SafeRewrite::PutOldBack() {
   if (m_oldSize != 0) m_file.WriteAt(m_oldPosition, m_old, m_oldSize);
 }
 
 void SafeRewrite::CutCopy(const Copy& copy) {
   std::uint64_t length;
-  if (m_others == kNoOthers || (m_file.GetLength(length) && length == copy.end))
+  if (m_others == kNoOthers || m_tail.MayHaveSpare() ||
+      (m_file.GetLength(length) && length == copy.end))
     m_tail.CutBack(m_file);
 }
 

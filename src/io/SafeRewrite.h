@@ -1,12 +1,13 @@
 #pragma once
 
+#include "Board.h"
 #include "Tail.h"
 #include "ZrByteArray.h"
 
 namespace Zarn::Io {
 
 /// Replaces a record in its place so that a kill or a failure at any moment leaves the old one or
-/// the new one.
+/// the new one, and lookups beside it see one of the two.
 ///
 /// The kernel stops a write of a killed process between two pages, never within one. So a write
 /// within one page needs no more than the old bytes, to put them back if it fails. Across pages a
@@ -14,7 +15,7 @@ namespace Zarn::Io {
 ///
 /// `write` and `point` are callables that take a position and return whether they have succeeded:
 /// `write` writes the new record there; `point` makes the tile's entry or locator lead there, or
-/// leaves it as it was.
+/// leaves it as it was. `point` shows on the board that it changes an entry; the rest is shown here.
 ///
 /// One object serves one operation of one thread.
 class SafeRewrite {
@@ -24,8 +25,8 @@ class SafeRewrite {
     kMayAppend,  ///< what others have appended behind the copy must not be cut off
   };
 
-  SafeRewrite(ZrFileStream& file, Tail& tail, Others others)
-      : m_file(file), m_tail(tail), m_others(others) {}
+  SafeRewrite(ZrFileStream& file, Tail& tail, Board& board, Others others)
+      : m_file(file), m_tail(tail), m_board(board), m_others(others) {}
 
   /// Reads the bytes that a write within a page is about to replace.
   bool KeepOld(std::uint64_t position, std::uint64_t size);
@@ -34,8 +35,10 @@ class SafeRewrite {
   /// Writes over the bytes that were kept. False: they are as they were.
   template <typename Write>
   bool WithinPage(Write write) {
+    const BoardChange change(m_board, BoardChange::kRecord);
+    if (!change.IsShown()) return false;
     if (write(m_oldPosition)) return true;
-    PutBack();
+    PutOldBack();
     return false;
   }
   /// Writes the kept bytes again, if there are any, for an operation that fails later.
@@ -52,16 +55,18 @@ class SafeRewrite {
   template <typename Write, typename Point>
   std::uint64_t AcrossPages(const Copy& copy, std::uint64_t home, Write write, Point point) {
     if (copy.position == 0 || !point(copy.position)) return 0;
-    if (!write(home) || !point(home)) return copy.position;
-    CutCopy(copy);
+    if (!m_board.Overwrites() || !write(home) || !point(home)) return copy.position;
+    if (m_board.Overwrites()) CutCopy(copy);
     return home;
   }
 
  private:
+  void PutOldBack();
   void CutCopy(const Copy& copy);
 
   ZrFileStream& m_file;
   Tail& m_tail;
+  Board& m_board;
   const Others m_others;
   std::uint64_t m_oldPosition = 0;
   const unsigned char* m_old = nullptr;  // the old bytes

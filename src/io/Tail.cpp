@@ -82,13 +82,21 @@ std::uint64_t Tail::Reserve(const ZrFileStream& file, std::uint64_t fileLength) 
 void Tail::Claim(std::uint64_t statedEnd) { m_statedEnd = std::max(m_statedEnd, statedEnd); }
 
 bool Tail::CutBack(ZrFileStream& file) {
-  if (!file.SetLength(m_lengthBefore)) return false;
+  const bool isCut = !m_use.keepsLength && file.Cut(m_lengthBefore);
+  if (!isCut && !m_use.keepsEnd) return false;
+  EndsAt(m_lengthBefore);
+  m_hasSpare = !isCut;
   m_statedEnd = m_statedBefore;
   return true;
 }
 
+void Tail::CutSpare(ZrFileStream& file) {
+  if (HasSpare() && file.Cut(m_fileEnd)) m_hasSpare = false;
+}
+
 void Tail::Invalidate() {
   m_isFound = false;
+  m_hasSpare = false;
   m_fileEnd = 0;
   m_statedEnd = 0;
 }

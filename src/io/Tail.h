@@ -21,25 +21,46 @@ namespace Zarn::Io {
 /// in the file.
 class Tail {
  public:
-  /// `keepsEnd`: every change of the file by others is followed by a call of Invalidate, so Reserve
-  /// need not ask for the length of the file after EndsAt.
-  Tail(const Format::IndexShape& index, bool swap, bool keepsEnd)
-      : m_index(index), m_swap(swap), m_keepsEnd(keepsEnd) {}
+  /// How the file is used.
+  struct Use {
+    /// Every change of the file by others is followed by a call of Invalidate, so Reserve need not
+    /// ask for the length of the file after EndsAt.
+    bool keepsEnd = false;
+    /// This object maps the file and has nobody told: it must not become shorter.
+    bool keepsLength = false;
+  };
+
+  Tail(const Format::IndexShape& index, bool swap, const Use& use)
+      : m_index(index), m_swap(swap), m_use(use) {}
 
   /// Where the next record goes. 0 if the file cannot be read, if memory is short, or if an index
   /// value could not name the end of a largest record there.
   std::uint64_t Reserve(const ZrFileStream& file);
   /// The same for a caller that has the file's length and checks the size of the record itself.
   std::uint64_t Reserve(const ZrFileStream& file, std::uint64_t fileLength);
-  /// The file ends with the record that was just appended.
+  /// The data end with the record that was just appended; and so does the file, unless it has a
+  /// spare part.
   void EndsAt(std::uint64_t end) {
-    if (m_keepsEnd) m_fileEnd = end;
+    if (m_use.keepsEnd) m_fileEnd = end;
   }
   /// A record was written that states this end; the file may end before it.
   void Claim(std::uint64_t statedEnd);
   /// Takes back what was written since the last Reserve: the file gets its length of before, and
-  /// claims count no more. False, and nothing has changed, if that fails.
+  /// claims count no more. While somebody maps the file, that part is spare instead: the next record
+  /// goes there, unless others change the file before. False, and nothing has changed, if neither
+  /// can be.
   bool CutBack(ZrFileStream& file);
+  /// The file is longer than its data, which end here: the rest is spare.
+  void HasSpareFrom(std::uint64_t end) {
+    EndsAt(end);
+    m_hasSpare = m_use.keepsEnd;
+  }
+  /// Whether the file has a spare part that CutSpare would cut off.
+  bool HasSpare() const { return m_hasSpare && m_fileEnd != 0; }
+  /// Whether the file may be longer than what was appended last.
+  bool MayHaveSpare() const { return m_hasSpare; }
+  /// Before the file is closed, if nobody maps it any more.
+  void CutSpare(ZrFileStream& file);
 
   /// Others may have changed the file: the next Reserve looks again.
   void Invalidate();
@@ -71,10 +92,11 @@ class Tail {
 
   Format::IndexShape m_index;
   bool m_swap;
-  bool m_keepsEnd;
+  Use m_use;
   bool m_isFound = false;                 // m_statedEnd and m_lost are those of the file
-  std::uint64_t m_fileEnd = 0;            // length of the file; 0: Reserve asks for it
-  std::uint64_t m_lengthBefore = 0;       // length of the file at the last Reserve
+  bool m_hasSpare = false;                // the file may be longer than m_fileEnd
+  std::uint64_t m_fileEnd = 0;            // of the data in the file; 0: Reserve asks for its length
+  std::uint64_t m_lengthBefore = 0;       // the same at the last Reserve
   std::uint64_t m_statedEnd = 0;          // highest end that a record states; 0: within the file
   std::uint64_t m_statedBefore = 0;       // the same at the last Reserve
   std::uint64_t m_lastRecord = 0;         // the highest record that was found; 0: none

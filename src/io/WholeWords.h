@@ -2,7 +2,6 @@
 
 #include <optional>
 
-#include "FileMap.h"
 #include "ZrFileStream.h"
 
 /// Words of eight bytes - index entries, locators, the count of names - of which neither a kill nor
@@ -21,20 +20,9 @@ constexpr bool SpansPages(std::uint64_t position, std::uint64_t size) {
 bool ReplaceWord(ZrFileStream& file, std::uint64_t position, std::uint64_t before,
                  std::uint64_t after);
 
-/// Gives its value to the entry of an empty cell while others read it: the position first and the
-/// status last, by a write of its own. A kill between the two leaves the cell empty.
-bool FillEmptyEntry(ZrFileStream& file, std::uint64_t position, std::uint64_t value, bool swap);
-
-/// Reads `size` bytes of whole entries, as they lie in the file, beside a concurrent writer that
-/// fills only empty cells. It reads them twice: where the first read shows a status, the second one
-/// shows the complete position. Returns how many bytes are there, or can be read.
-std::uint64_t ReadSharedEntries(FileMap& map, std::uint64_t position, unsigned char* entries,
-                                std::uint64_t size, bool swap);
-
-/// Reads `size` bytes of an index, `isShared` as ReadSharedEntries does; behind the end of the file
-/// they are zero. Returns how many are in the file; none if they cannot be read.
+/// Reads `size` bytes of an index; behind the end of the file they are zero. Returns how many are in
+/// the file; none if they cannot be read.
 std::optional<std::uint64_t> ReadEntries(const ZrFileStream& file, std::uint64_t position,
-                                         unsigned char* entries, std::uint64_t size, bool isShared,
-                                         bool swap);
+                                         unsigned char* entries, std::uint64_t size);
 
 }  // namespace Zarn::Io

@@ -1,19 +1,26 @@
 #include "ZrCompactFileReader.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "Header.h"
 #include "IndexValue.h"
 #include "RecordReader.h"
+#include "Snapshot.h"
 
 namespace Zarn {
 
-namespace {
-
-// A writer changes the entry of a cell at most four times per store, for moments.
-constexpr int kMostAttempts = 16;
-
-}  // namespace
+/// One lookup, and what it has found.
+struct ZrCompactFileReader::Tile {
+  unsigned int row;
+  unsigned int col;
+  unsigned long long version;
+  unsigned int result = ZrResult::kReadFailure;
+  bool hasEntry = false;
+  bool isThere = false;
+  bool isOlder = false;  // the version is not the newest
+  std::optional<Io::RecordReader> record{};
+};
 
 unsigned int ZrCompactFileReader::Open(const PelmUnicodeString& path,
                                        const PelmUnicodeString& password,
@@ -26,34 +33,48 @@ bool ZrCompactFileReader::Close() {
   return true;
 }
 
-// Nothing keeps a writer out. An entry may be read half old, half new; and it may lead to the copy
-// of a record that is being rewritten. The writer cuts the copy off again, and the record of
-// another cell may take its place. So the entry must be the same after the record was read.
 unsigned int ZrCompactFileReader::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                                          unsigned long long& nFilled, unsigned long long nVersion) {
   if (!IsOpen()) return ZrResult::kNotOpen;
-  for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
-    unsigned long long entry;
-    unsigned long long sizeHint;
-    if (!FindRecord(row, col, entry, sizeHint)) return ZrResult::kReadFailure;
-    nFilled = 0;
-    if (!Format::HoldsRecord(Format::StatusOf(entry))) {
-      data.Resize(0);
-      return ZrResult::kOk;
-    }
-    Io::RecordReader record(*this, {.swap = m_bSwap});
-    const bool isRead = ReadRecord(Format::PositionOf(entry), sizeHint, record);
-    unsigned long long now;
-    if (!ReadIndexValue(row, col, now)) return ZrResult::kReadFailure;
-    if (now != entry) continue;
-    if (!isRead) return ZrResult::kReadFailure;
-    if (record.Versions().SelectForLookup(nVersion) != 0)
-      return ZrResult::kOk;  // an older version, which this class deliberately does not follow
-    record.HandOver(m_payload, data);
-    nFilled = std::min(record.Head().filledLength, record.Head().capacity);
-    return ZrResult::kOk;
+  Tile tile{row, col, nVersion};
+  if (!LookUp(tile)) UnderLock([&] { LookUp(tile); });
+  if (tile.hasEntry) nFilled = 0;
+  if (tile.result != ZrResult::kOk) return tile.result;
+  if (!tile.isThere) data.Resize(0);
+  if (!tile.isThere || tile.isOlder) return ZrResult::kOk;
+  tile.record->HandOver(m_payload, data);
+  nFilled = std::min(tile.record->Head().filledLength, tile.record->Head().capacity);
+  return ZrResult::kOk;
+}
+
+// False if changes by others go on for long; the result is a failure then.
+bool ZrCompactFileReader::LookUp(Tile& tile) {
+  const auto again = [&] {
+    unsigned long long entry = 0;
+    const bool isRead = ReadIndexValue(tile.row, tile.col, entry);
+    return isRead ? std::optional<std::uint64_t>(entry) : std::nullopt;
+  };
+  for (Io::Snapshot snapshot(GetBoard(), *this, nullptr); snapshot.Begin();) {
+    ReadTile(tile, snapshot);
+    if (snapshot.IsValid(again)) return true;
   }
-  return ZrResult::kReadFailure;
+  tile.result = ZrResult::kReadFailure;
+  return false;
+}
+
+void ZrCompactFileReader::ReadTile(Tile& tile, Io::Snapshot& snapshot) {
+  unsigned long long entry;
+  unsigned long long sizeHint;
+  tile.result = ZrResult::kReadFailure;
+  tile.hasEntry = FindRecord(tile.row, tile.col, entry, sizeHint);
+  if (!tile.hasEntry) return;
+  snapshot.UsesEntry(entry);
+  tile.isThere = Format::HoldsRecord(Format::StatusOf(entry));
+  tile.record.emplace(*this, Format::RecordShape{.swap = m_bSwap});
+  if (tile.isThere && !ReadRecord(Format::PositionOf(entry), sizeHint, *tile.record)) return;
+  tile.isOlder =  // which this class deliberately does not follow
+      tile.isThere && tile.record->Versions().SelectForLookup(tile.version) != 0;
+  tile.result = ZrResult::kOk;
 }
 
 bool ZrCompactFileReader::ReadRecord(unsigned long long position, unsigned long long sizeHint,

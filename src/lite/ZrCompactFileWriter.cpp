@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "Board.h"
 #include "FileHeader.h"
 #include "IndexHeaders.h"
 #include "IndexShape.h"
@@ -41,8 +42,24 @@ struct ZrCompactFileWriter::Store {
   std::uint64_t RecordLength() const { return Format::kGridRecordHead + span.capacity; }
 };
 
+namespace {
+
+/// Around the changes of one call.
+class Writing {
+ public:
+  explicit Writing(Io::Board& board) : m_board(board) { board.BeginWriting(); }
+  ~Writing() { m_board.EndWriting(); }
+  Writing(const Writing&) = delete;
+  Writing& operator=(const Writing&) = delete;
+
+ private:
+  Io::Board& m_board;
+};
+
+}  // namespace
+
 ZrCompactFileWriter::ZrCompactFileWriter()
-    : m_pTail(std::make_unique<Io::Tail>(Format::IndexShape{}, false, false)) {}
+    : m_pTail(std::make_unique<Io::Tail>(Format::IndexShape{}, false, Io::Tail::Use{})) {}
 
 ZrCompactFileWriter::~ZrCompactFileWriter() { Close(); }
 
@@ -69,12 +86,12 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
   if (!file.Begin(completed)) return ZrResult::kNotUsable;
   m_bOpened = true;
   if (WriteHeader() != ZrResult::kOk || WriteHeaderGrid(rows, cols) != ZrResult::kOk ||
-      file.Publish() != ZrNewFile::Outcome::kPublished) {
+      file.Publish() != ZrNewFile::Outcome::kPublished || !Join(mode) || !Reload()) {
     Close();
     return ZrResult::kNotCreated;
   }
   file.Commit();
-  *m_pTail = Io::Tail({}, m_bSwap, false);
+  *m_pTail = Io::Tail({}, m_bSwap, {});
   m_pTail->SetEmpty();
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
@@ -86,7 +103,7 @@ unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,
                                        const PelmUnicodeString& password,
                                        ZrCompactFile::ZrOpenMode mode) {
   const unsigned int result = OpenExisting(path, password, mode, kReadWrite);
-  *m_pTail = Io::Tail({}, m_bSwap, false);
+  *m_pTail = Io::Tail({}, m_bSwap, {});
   return result;
 }
 
@@ -102,7 +119,7 @@ unsigned int ZrCompactFileWriter::WriteHeader() {
     return ZrResult::kWriteFailure;
   const Format::HeaderImage header =
       Format::NewHeader(Format::kGridFile, PelmTime().GetCurTime().GetTime());
-  if (!Io::WriteFileHeader(*this, m_xorString, header, false)) return ZrResult::kWriteFailure;
+  if (!GetBoard().Replaces() || !Io::WriteFileHeader(*this, m_xorString, header, false)) return ZrResult::kWriteFailure;
   m_header = header;
   Flush();
   return ZrResult::kOk;
@@ -115,7 +132,8 @@ unsigned int ZrCompactFileWriter::WriteHeaderGrid(unsigned int rows, unsigned in
   const auto shape = Format::IndexShape::OfGrid(GetIndexOffset(), rows, cols);
   const std::uint64_t entries = shape.EntryAt(0);
   const std::uint64_t end = shape.End();
-  if (!WriteAt(GetIndexOffset(), image.data(), image.size()) || !ZeroFill(entries, end - entries) ||
+  if (!GetBoard().Replaces() || !WriteAt(GetIndexOffset(), image.data(), image.size()) ||
+      !ZeroFill(entries, end - entries) ||
       !SetLength(end))
     return ZrResult::kWriteFailure;
   m_nRowCount = header.rowCount;
@@ -134,11 +152,13 @@ bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
                                           unsigned long long value) {
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
   if (!IsOpen() || !cell) return false;
+  const Writing writing(GetBoard());
   unsigned long long before;
   if (ReadIndexValue(row, col, before)) return ReplaceIndexValue(row, col, before, value);
   std::uint64_t after;
   StoreScalar<std::uint64_t>(&after, value, m_bSwap);
-  return WriteAt(GetIndexShape().EntryAt(*cell), &after, sizeof after);
+  const Io::BoardChange change(GetBoard(), Io::BoardChange::kEntry);
+  return change.IsShown() && WriteAt(GetIndexShape().EntryAt(*cell), &after, sizeof after);
 }
 
 // The same for an entry that is `before` in the file. On failure the old one is there.
@@ -148,7 +168,9 @@ bool ZrCompactFileWriter::ReplaceIndexValue(unsigned int row, unsigned int col,
   std::uint64_t stored[2];
   StoreScalar<std::uint64_t>(&stored[0], before, m_bSwap);
   StoreScalar<std::uint64_t>(&stored[1], after, m_bSwap);
-  return cell && Io::ReplaceWord(*this, GetIndexShape().EntryAt(*cell), stored[0], stored[1]);
+  const Io::BoardChange change(GetBoard(), Io::BoardChange::kEntry);
+  return cell && change.IsShown() &&
+         Io::ReplaceWord(*this, GetIndexShape().EntryAt(*cell), stored[0], stored[1]);
 }
 
 unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, const ZrByteArray& data,
@@ -157,6 +179,8 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
   if (!IsOpen()) return ZrResult::kNotOpen;
   const auto span = Format::ResolveStore(nCapacity, nOffset, data.GetSize());
   if (!span) return ZrResult::kWriteFailure;
+  if (!LookForChanges()) return ZrResult::kReadFailure;
+  const Writing writing(GetBoard());
   Store store{row, col, data, *span, nVersion};
   if (!ReadIndexValue(row, col, store.entry) || !GetLength(store.fileLength))
     return ZrResult::kWriteFailure;
@@ -170,6 +194,13 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
     default:
       return ZrResult::kReadFailure;
   }
+}
+
+// Others may have stored tiles, or compacted the file.
+bool ZrCompactFileWriter::LookForChanges() {
+  const auto change = GetBoard().Refresh(false);
+  if (change != Io::Board::Change::kNone) m_pTail->Invalidate();
+  return change != Io::Board::Change::kAll || Reload();
 }
 
 // Where the tile goes. In place only if the whole new record fits into the old one, or the old one
@@ -224,13 +255,13 @@ unsigned int ZrCompactFileWriter::Rewrite(const Store& store) {
   if (Io::SpansPages(home, written))
     return RewriteAcrossPages(store, fileLength) ? ZrResult::kOk : ZrResult::kWriteFailure;
 
-  Io::SafeRewrite rewrite(*this, *m_pTail, Io::SafeRewrite::kNoOthers);
+  Io::SafeRewrite rewrite(*this, *m_pTail, GetBoard(), Io::SafeRewrite::kNoOthers);
   rewrite.KeepOld(home, store.old, std::min(store.oldSize, written));
   ZrCompactFile::ZrStatus status;
   if (rewrite.WithinPage(
           [&](std::uint64_t position) { return WriteRecord(store, position, status) != 0; }))
     return ZrResult::kOk;
-  if (grows) SetLength(store.fileLength);
+  if (grows) Cut(store.fileLength);
   return ZrResult::kWriteFailure;
 }
 
@@ -245,7 +276,7 @@ bool ZrCompactFileWriter::RewriteAcrossPages(const Store& store, unsigned long l
   // Readers take a record that the file holds wholly.
   if (copy == 0 || !write(copy) || !SetLength(copyEnd)) {
     m_pTail->CutBack(*this);
-    if (fileLength > store.fileLength) SetLength(store.fileLength);
+    if (fileLength > store.fileLength) Cut(store.fileLength);
     return false;
   }
   unsigned long long entry = store.entry;
@@ -253,7 +284,7 @@ bool ZrCompactFileWriter::RewriteAcrossPages(const Store& store, unsigned long l
     const auto next = Format::PackIndexValue(Format::StatusOf(entry), position);
     return ReplaceIndexValue(store.row, store.col, std::exchange(entry, next), next);
   };
-  Io::SafeRewrite rewrite(*this, *m_pTail, Io::SafeRewrite::kNoOthers);
+  Io::SafeRewrite rewrite(*this, *m_pTail, GetBoard(), Io::SafeRewrite::kNoOthers);
   const std::uint64_t place = rewrite.AcrossPages({copy, copyEnd}, store.Home(), write, point);
   if (place != 0) m_pTail->Claim(place + store.RecordLength());
   return place != 0;

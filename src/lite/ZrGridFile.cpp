@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <new>
+#include <optional>
 
+#include "Board.h"
 #include "FileHeader.h"
 #include "IndexHeaders.h"
 #include "IndexShape.h"
@@ -10,6 +12,7 @@
 #include "PathRules.h"
 #include "RedoFile.h"
 #include "ZrFile.h"
+#include "ZrProcess.h"
 
 namespace Zarn {
 
@@ -17,7 +20,28 @@ static_assert(ZrCompactFile::kComplete == Format::kStatusComplete &&
               ZrCompactFile::kPartial == Format::kStatusPartial &&
               ZrCompactFile::kUnknown == Format::kStatusUnknown);
 
-ZrGridFile::ZrGridFile() : m_header(Format::PresetHeader()), m_xorString{} {}
+// The lock of this object, and the board of the file.
+struct ZrGridFile::Sharing : ZrProcess {
+  explicit Sharing(ZrFileStream& stream) { Attach(Io::Board::kInObject, stream, {}); }
+
+  void Attach(Io::Board::Place place, ZrFileStream& stream, const Format::HeaderImage& header) {
+    board.emplace(place, stream, header, false);
+  }
+
+  using ZrProcess::EnterFile;
+  using ZrProcess::IsAnotherPresent;
+  using ZrProcess::IsLockOn;
+  using ZrProcess::LeaveFile;
+
+  std::optional<Io::Board> board;
+};
+
+ZrGridFile::ZrGridFile()
+    : m_header(Format::PresetHeader()),
+      m_xorString{},
+      m_pSharing(std::make_unique<Sharing>(*this)) {}
+
+ZrGridFile::~ZrGridFile() { CloseStream(); }
 
 bool ZrGridFile::IsVersionEnabled() const {
   return Format::HeaderView(m_header).FileKind() == Format::kGridFile &&
@@ -34,13 +58,16 @@ unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
   if (!Format::IsUsablePath(path) || !ZrFile::IsExist(completed)) return ZrResult::kNotFound;
 
   SetIdentity(completed, password, mode);
-  if (!ZrFile32::Open(completed, direction)) return ZrResult::kNotOpen;
+  if (!ZrFile32::Open(completed, direction) || !Join(mode)) {
+    CloseStream();
+    return ZrResult::kNotOpen;
+  }
   unsigned int header = ReadHeader();
   // A compaction may have been cut short. Finishing it may give the path to another file.
   if (header == ZrResult::kWrongFile && Io::FinishReplacement(completed) &&
-      ZrFile32::Open(completed, direction))
+      ZrFile32::Open(completed, direction) && Join(mode))
     header = ReadHeader();
-  if (header != ZrResult::kOk || ReadHeaderGrid() != ZrResult::kOk) {
+  if (header != ZrResult::kOk || !Reload()) {
     CloseStream();
     return ZrResult::kReadFailure;
   }
@@ -55,7 +82,41 @@ bool ZrGridFile::IsOpenAt(const PelmUnicodeString& path) const {
   return m_bOpened && Io::IsPathOf(path, m_strPath, *this);
 }
 
+// Without the bit for the process lock the object writes without it.
+bool ZrGridFile::Join(ZrCompactFile::ZrOpenMode mode) {
+  constexpr unsigned int kLastUsable = 1;
+  const bool isUnlocked = !IsReadOnly() && (mode & ZrCompactFile::kProcessLock) == 0;
+  return m_pSharing->ProcessLockInit(m_strPath) <= kLastUsable && m_pSharing->IsLockOn(*this) &&
+         m_pSharing->EnterFile(isUnlocked ? Presence::kWritesUnlocked : Presence::kOpen);
+}
+
+Io::Board& ZrGridFile::GetBoard() const { return *m_pSharing->board; }
+
+bool ZrGridFile::Reload() {
+  if (ReadHeader() != ZrResult::kOk || ReadHeaderGrid() != ZrResult::kOk) return false;
+  m_pSharing->Attach(SharesPages() ? Io::Board::kInFile : Io::Board::kNowhere, *this, m_header);
+  return true;
+}
+
+// If another file has the path, the lock says nothing about this one.
+bool ZrGridFile::UnderLock(const std::function<void()>& action) {
+  if (!m_pSharing->ReaderLock(0)) return false;
+  bool isUsable = m_pSharing->IsLockOn(*this);
+  if (isUsable && GetBoard().Refresh(false) == Io::Board::Change::kAll)
+    isUsable = Reload() && GetBoard().Refresh(false) != Io::Board::Change::kAll;
+  if (isUsable) {
+    if (GetBoard().IsOdd() && !m_pSharing->IsAnotherPresent(Presence::kWritesUnlocked))
+      GetBoard().Bury();
+    action();
+  }
+  m_pSharing->ReaderUnlock();
+  return isUsable;
+}
+
 void ZrGridFile::CloseStream() {
+  if (m_pSharing->LeaveFile()) GetBoard().Clear(m_strPath);
+  m_pSharing->ProcessLockRelease();
+  m_pSharing->Attach(Io::Board::kInObject, *this, {});
   ZrFile32::Close();
   m_bSwap = false;
   m_bOpened = false;

@@ -112,8 +112,7 @@ TEST_F(Batch, NewTilesTakeFewCalls) {
   MakeNaming(256);
   const SyscallFaults calls;
   EXPECT_EQ(object.SetBatch(named, results), 0U);
-  EXPECT_EQ(calls.GetCount(), 6U)
-      << "length of the file (2), records, slots, count, page of the index";
+  EXPECT_EQ(calls.GetCount(), 5U) << "length of the file (2), records, slots, count";
 }
 
 }  // namespace

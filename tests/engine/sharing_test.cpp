@@ -245,72 +245,6 @@ TEST_P(SharingNewTiles, AreSeenAtOnceAndWhole) {
   Check();
 }
 
-constexpr off_t kNowhere = -1;
-off_t g_cut = kNowhere;  // a read is cut in two here, and g_between comes between
-std::function<void()> g_between;
-
-TEST_F(Sharing, AnEntryIsFilledWhileItIsRead) {
-  GetFileSyscalls().pread = [](int fd, void* bytes, std::size_t size, off_t position) {
-    if (position < g_cut && g_cut < position + static_cast<off_t>(size))
-      return ::pread(fd, bytes, static_cast<std::size_t>(g_cut - position), position);
-    if (position == g_cut) {
-      g_cut = kNowhere;
-      g_between();
-    }
-    return ::pread(fd, bytes, size, position);
-  };
-  for (const bool isForeign : {false, true}) {
-    ZrFile::Delete(path);
-    MakeGrid(1, 200, isForeign, kLocked);
-    ASSERT_EQ(fresh.Open(path, u"", kLocked), 0U);
-    for (unsigned int col = 100; col < 124; ++col) {
-      const Tile whole = {0, Payload(col, 1), Payload(col, 1).size()};
-      g_between = [&] { ASSERT_EQ(Store(0, col, whole.payload, 1), 0U); };
-      ZrCompactFile::ZrVerifySummary summary;
-      if (col < 108) {
-        ASSERT_EQ(Store(0, col - 100, "has the index loaded again", 1), 0U);
-      }
-      g_cut = static_cast<off_t>(64 + 12 + 8 * col + col % 8);
-      if (col < 116) {
-        const Tile tile = ReadTile(fresh, 0, col, 1);
-        EXPECT_TRUE(tile == whole || tile == (Tile{5, "", 0})) << tile;
-      } else {
-        EXPECT_EQ(fresh.Verify(summary), 0U);
-      }
-      EXPECT_EQ(std::pair(g_cut, ReadTile(fresh, 0, col, 1)), std::pair(kNowhere, whole));
-    }
-    fresh.Close();
-  }
-}
-
-// One who joins a reader finds what has been stored since that one began, where the file cannot be
-// mapped, too; and no cell is empty only because it was.
-TEST_F(Sharing, WhatIsEmptyInMemoryIsLookedUpInTheFile) {
-  MakeGrid(1, 2, false, kLocked);
-  GetFileSyscalls().mmap = [](void*, size_t, int, int, int, off_t) { return MAP_FAILED; };
-  for (const auto mode : {kLocked, kLocked | ZrCompactFile::kMapped}) {
-    const unsigned int col = mode == kLocked ? 0 : 1;
-    ASSERT_EQ(fresh.Open(path, u"", mode), 0U);
-    const auto look = [&] {
-      EXPECT_EQ(ReadTile(fresh, 0, col, 1).result, 5U);
-      const auto pread = GetFileSyscalls().pread;
-      GetFileSyscalls().pread = [](int, void*, size_t, off_t) -> ssize_t { return -1; };
-      EXPECT_EQ(ReadTile(fresh, 0, col, 1).result, 9U);
-      GetFileSyscalls().pread = pread;
-      EXPECT_EQ(Store(0, col, "new", 1), 0U);
-      EXPECT_EQ(ReadTile(fresh, 0, col, 1).payload, "new");
-      fresh.Close();
-    };
-    ZrCompactFile::ZrVerifySummary summary;
-    const auto pause = [&](auto, auto) {
-      std::thread(look).join();
-      return false;
-    };
-    EXPECT_EQ(fresh.Verify(summary, {}, pause), 1U);
-    fresh.Close();
-  }
-}
-
 TEST_F(Sharing, ARecordIsBeingWrittenWhenACheckBegins) {
   static off_t s_length = 100;  // of the file as the check finds it: within the record's head
   MakeGrid(1, 2);
@@ -551,14 +485,13 @@ TEST_F(Sharing, AStoppedHolderIsWaitedFor) {
   ASSERT_TRUE(Put(object, kShared, 1, 1) && ledger.Note(kShared, 1));
   struct Case {
     const std::function<bool()>& operation;
-    char readerState;
+    char writerState;
   };
-  // Behind a reader another one waits because the writer does. Writers that have only begun to read
-  // keep no reader out.
-  for (const Case& now : {Case{lookUp, 'S'}, {store, 'Z'}, {compact, 'Z'}}) {
+  // A lookup has no lock; and writers that have only begun to read keep no lookup out.
+  for (const Case& now : {Case{lookUp, 'Z'}, {store, 'S'}, {compact, 'S'}}) {
     const pid_t writer = start(store, false), reader = start(lookUp, false);
     const pid_t holder = start(now.operation, true);
-    for (const auto& [other, state] : {std::pair(writer, 'S'), {reader, now.readerState}}) {
+    for (const auto& [other, state] : {std::pair(writer, now.writerState), {reader, 'Z'}}) {
       ::kill(other, SIGCONT);
       EXPECT_EQ(RestingState(other), state);
     }

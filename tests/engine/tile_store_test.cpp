@@ -49,7 +49,8 @@ class TileStoreTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
     isBig = swap != (std::endian::native == std::endian::big);
     WriteFile(path, Bytes(index.End()));
     ASSERT_TRUE(file.Open(path, ZrFile64::kReadWrite));
-    tail = Io::Tail(index, swap, false);
+    tail = Io::Tail(index, swap, {});
+    board.emplace(Io::Board::kInObject, file, Format::HeaderImage{}, false);
     entries.file = &file;
     entries.index = index;
     entries.swap = swap;
@@ -60,7 +61,7 @@ class TileStoreTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
               std::uint64_t offset = 0) {
     const ZrByteArray data(text.data(), text.size());
     const auto span = Format::ResolveStore(capacity, offset, text.size());
-    TileStore store({file, nullptr, shape, index, true, tail, entries}, buffer);
+    TileStore store({file, nullptr, shape, index, true, tail, *board, entries}, buffer);
     TileEntry tile = entry;
     std::string scratch;
     const NameKey key(ownName, shape);
@@ -75,15 +76,15 @@ class TileStoreTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
   }
   /// What a lookup gives, as far as it is filled.
   std::string Read(std::uint64_t stamp, const PelmUnicodeString& name = u"ab") {
-    const TileStore::Place place = {file, nullptr, shape, index, true, tail, entries};
+    const TileStore::Place place = {file, nullptr, shape, index, true, tail, *board, entries};
     const NameKey wanted(name, shape);
-    ZrByteArray data;
-    unsigned long long filled = 0;
     TileEntry tile = entry;
+    View view(*board, file, nullptr);
+    Io::RecordReader record(file, shape);
     const auto result = TileStore::LookUp_Inner(
-        place, buffer, tile, index.IsGrid() ? nullptr : &wanted, data, filled, stamp);
+        place, view, tile, index.IsGrid() ? nullptr : &wanted, stamp, buffer, record);
     if (result != 0) return "result " + std::to_string(result);
-    return std::string(data.GetData(), data.GetData() + filled);
+    return std::string(buffer.GetData(), buffer.GetData() + record.Head().filledLength);
   }
 
   Bytes Word(std::uint64_t value, std::size_t width = 8) { return Number(value, width, isBig); }
@@ -106,7 +107,8 @@ class TileStoreTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
   bool isBig = false;
   ZrFile64 file;
   ZrByteArray buffer;
-  Io::Tail tail{{}, false, false};
+  Io::Tail tail{{}, false, {}};
+  std::optional<Io::Board> board;
   Entries entries;
   TileEntry entry{3};
 };

@@ -189,7 +189,8 @@ TEST_P(Verify, EachFlippedBitIsFoundOrHarmsNobodyElse) {
       Support::Poke(path, bit / 8, {flipped});
       ZrCompactFile file;
       const bool found = file.Open(path, u"", ZrCompactFile::kReadOnly) != 0 || Find(file) != "0";
-      ASSERT_EQ(found, hidden.count(bit) == 0);
+      const bool isOfBoard = bit / 8 >= 32 && bit / 8 < 56;  // words that a kill may leave
+      ASSERT_EQ(found, hidden.count(bit) == 0 && !isOfBoard);
       const std::vector<Tile> now = found ? tiles : ReadFour(named);
       for (unsigned int tile = 0; tile < 4; ++tile)
         EXPECT_TRUE(now[tile] == tiles[tile] || (hidden[bit] >> tile & 1) != 0) << tile;

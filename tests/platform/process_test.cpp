@@ -45,7 +45,6 @@ struct Owner : ZrProcess {
   void Load() {
     ++calls;
     value = Get(path);
-    SetStateLoaded(true);
   }
   // How often it was loaded since the last call; below 0 if the number is not the file's.
   int Calls() {
@@ -60,7 +59,9 @@ struct Owner : ZrProcess {
     return isFresh;
   }
 
-  using ZrProcess::SetStateLoaded;
+  using ZrProcess::EnterFile;
+  using ZrProcess::IsAnotherPresent;
+  using ZrProcess::LeaveFile;
 
   std::string path;
   int calls = 0;
@@ -162,28 +163,33 @@ TEST_F(ProcessTest, AReservationKeepsOutWritersAndThenReadersAsWell) {
   EXPECT_TRUE(writer.Locks());
 }
 
-TEST_F(ProcessTest, CallsBackForForeignChangesOnlyAndUntilLoaded) {
-  Owner one(path), two(path);
-  const auto expect = [&](int calls, int others) {
-    EXPECT_EQ(std::pair(one.Calls(), two.Calls()), std::pair(calls, others));
-  };
-  expect(1, 1);  // nothing was loaded yet
-  EXPECT_TRUE(one.Add());
-  expect(0, 1);
-  EXPECT_TRUE(Owner(path).Add() && Holder(true).Locks());
-  expect(1, 1);
-  expect(0, 0);  // the watch has not gone with that of the third one
-  EXPECT_TRUE(two.Add() && one.ReaderLock(0) && one.ReaderLock(1));  // not the outermost
-  one.ReaderUnlock();
-  one.ReaderUnlock();
-  EXPECT_TRUE(one.calls == 0 && one.WriterLock(0));
-  Put(path, 20);  // on top of what it never loaded
-  one.WriterUnlock();
-  expect(1, 1);
-  EXPECT_TRUE(one.WriterLock(1));
-  one.SetStateLoaded(false);  // a write that went wrong
-  one.WriterUnlock();
-  expect(1, 0);
+TEST_F(ProcessTest, CallsBackWithTheOutermostLockThatAsksForIt) {
+  Owner owner(path);
+  EXPECT_TRUE(owner.Calls() == 1 && owner.Calls() == 1);
+  EXPECT_TRUE(owner.WriterLock(0) && owner.ReaderLock(1) && owner.WriterLock(1));
+  EXPECT_EQ(owner.calls, 0);
+}
+
+TEST_F(ProcessTest, TellsWhoIsPresentAndWhoLeavesLast) {
+  Owner owner(path);
+  const auto isPresent = [&](Presence presence) { return owner.IsAnotherPresent(presence); };
+  EXPECT_TRUE(owner.EnterFile(Presence::kMapsFile) && !isPresent(Presence::kOpen));
+  {
+    const Child other([&] {
+      Owner mapping(path);
+      return mapping.EnterFile(Presence::kMapsFile) && ::raise(SIGSTOP) == 0;
+    });
+    ASSERT_TRUE(other.Locks());
+    EXPECT_TRUE(isPresent(Presence::kOpen) && isPresent(Presence::kMapsFile) &&
+                !isPresent(Presence::kWritesUnlocked));
+    EXPECT_FALSE(owner.LeaveFile());
+    EXPECT_TRUE(owner.EnterFile(Presence::kWritesUnlocked));
+  }
+  EXPECT_TRUE(!isPresent(Presence::kOpen) && owner.LeaveFile());
+  const Child late([&] { return Owner(path).EnterFile(Presence::kOpen); });
+  EXPECT_TRUE(late.IsStuck());  // until the last one has left altogether
+  owner.ProcessLockRelease();
+  EXPECT_TRUE(late.Succeeds());
 }
 
 TEST_F(ProcessTest, OneWhoMayNotWriteSeesWhatWasWrittenBesideHim) {
@@ -221,7 +227,7 @@ TEST_F(ProcessTest, FollowsAReplacedPathAndADeletedOneStaysDeleted) {
   ASSERT_TRUE(writer.IsStuck());  // on the file that the path names at first
   Replace(path, 20);
   owner.WriterUnlock();
-  EXPECT_TRUE(writer.Succeeds() && owner.Calls() == 2);  // though replaced among own writes
+  EXPECT_TRUE(writer.Succeeds() && owner.Calls() == 2);
   Replace(path, 25);
   EXPECT_EQ(owner.Calls(), 1);
   const Child early([&] {
@@ -245,7 +251,7 @@ TEST_F(ProcessTest, AForkedChildHasNoLock) {
   const Child heir([&] {
     if (owner.isLocked() || owner.WriterLock(0) || owner.ReaderLock(1)) return false;
     owner.WriterUnlock();
-    return owner.Init() == 0 && owner.Add() && owner.Calls() == 2;
+    return owner.Init() == 0 && owner.Add() && owner.Calls() == 3;
   });
   ASSERT_TRUE(heir.IsStuck());
   Put(path, 5);
@@ -253,24 +259,12 @@ TEST_F(ProcessTest, AForkedChildHasNoLock) {
   EXPECT_TRUE(heir.Succeeds() && owner.Calls() == 2);
 }
 
-TEST_F(ProcessTest, ManagesWithoutEventsAndLeavesTheStandardStreamsAlone) {
+TEST_F(ProcessTest, LeavesTheStandardStreamsAlone) {
   const Child child([&] {
-    static time_t s_age = 3600;
     for (int fd = 0; fd < 100; ++fd)
       ::close(fd);
-    const rlimit few = {4, 4};  // the lock takes descriptor 3, and none is left for events
-    ::setrlimit(RLIMIT_NOFILE, &few);
-    GetFileSyscalls().stat = [](const char* name, struct stat* status) {
-      const int result = ::stat(name, status);
-      status->st_ctim.tv_sec -= s_age;
-      return result;
-    };
     Owner owner(path);
-    if (::fcntl(0, F_GETFD) >= 0 || owner.Calls() != 1 || owner.Calls() != 0) return false;
-    std::ofstream(path, std::ios::app) << 'x';
-    if (owner.Calls() != 1 || !owner.Add() || owner.Calls() < 0) return false;
-    s_age = -3600;  // too young to tell one change from the next
-    return owner.Calls() == 1 && owner.Calls() == 1;
+    return ::fcntl(0, F_GETFD) < 0 && owner.Add();
   });
   EXPECT_TRUE(child.Succeeds());
 }

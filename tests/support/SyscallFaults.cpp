@@ -15,8 +15,8 @@
 
 // clang-format off
 #define FOR_EACH_CALL(DO)                                                          \
-  DO(open) DO(close) DO(pread) DO(pwrite) DO(pwritev) DO(copy_file_range) DO(fstat) DO(stat) DO(statx) \
-  DO(lseek) DO(mmap) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(sync_file_range) DO(lock) DO(fchmod) DO(fchown) \
+  DO(open) DO(close) DO(pread) DO(pwrite) DO(pwritev) DO(copy_file_range) DO(fstat) DO(fstatfs) DO(stat) DO(statx) \
+  DO(lseek) DO(mmap) DO(madvise) DO(ftruncate) DO(fallocate) DO(fdatasync) DO(fsync) DO(sync_file_range) DO(lock) DO(fchmod) DO(fchown) \
   DO(getxattr) DO(fgetxattr) DO(fsetxattr) DO(fremovexattr) DO(mkdir) DO(unlink) \
   DO(link) DO(rename) DO(renameNoReplace) DO(renameExchange)
 // clang-format on
@@ -95,6 +95,13 @@ auto Limited(std::size_t, Call call, Arguments... arguments) {
   return call(arguments...);
 }
 
+// What gives something up does so even when it reports a failure.
+bool IsRelease(std::string_view, int, int, struct flock* lock) { return lock->l_type == F_UNLCK; }
+template <typename... Arguments>
+bool IsRelease(std::string_view name, Arguments...) {
+  return name == "close";
+}
+
 bool IsWrite(std::string_view name) {
   return name.starts_with("pwrite") || name.starts_with("copy");
 }
@@ -145,7 +152,9 @@ auto Pass(std::string_view name, Call call, Arguments... arguments) {
   const std::size_t limit = fails ? 0 : LimitOf(IsWrite(name), number, range);
   using Result = decltype(call(arguments...));
   const auto failure = (Result)-1;  // of any type: a number, or MAP_FAILED
-  const Result result = fails && name != "close" ? failure : Limited(limit, call, arguments...);
+  const Result result = fails && !IsRelease(name, arguments...)
+                            ? failure
+                            : Limited(limit, call, arguments...);
   if (fails) errno = g_error;
   return fails ? failure : result;
 }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/uio.h>
+#include <sys/vfs.h>
 
 #include "HxPlatformExport.h"
 
@@ -21,10 +22,12 @@ struct FileSyscalls {
   ssize_t (*copy_file_range)(int source, off_t* from, int target, off_t* to, size_t size,
                              unsigned int flags);
   int (*fstat)(int fd, struct stat* status);
+  int (*fstatfs)(int fd, struct statfs* status);
   int (*stat)(const char* path, struct stat* status);
   int (*statx)(int folder, const char* path, int flags, unsigned int mask, struct statx* status);
   off_t (*lseek)(int fd, off_t position, int whence);
   void* (*mmap)(void* address, size_t size, int protection, int flags, int fd, off_t position);
+  int (*madvise)(void* address, size_t size, int advice);
   int (*ftruncate)(int fd, off_t length);
   int (*fallocate)(int fd, int mode, off_t position, off_t length);
   int (*fdatasync)(int fd);

@@ -76,6 +76,20 @@ class HX_PLATFORM_API ZrFileStream {
   /// others write: in a file opened for reading on an overlay. The caller unmaps them.
   const unsigned char* Map(std::uint64_t size) const;
 
+  /// Maps the first page of the file for reading and, if asked, for writing; null as for Map. The
+  /// caller gives it back by UnmapPage.
+  void* MapPage(bool forWriting) const;
+  /// Ends a mapping of MapPage; null is ignored.
+  static void UnmapPage(void* page);
+  /// Takes the room that a write into such a page needs. False if there is none, or if the file has
+  /// no page any more: then to touch it would end the process.
+  static bool PreparePage(void* page);
+  /// Whether the file system overwrites a page where it is, so that it needs no PreparePage.
+  bool OverwritesInPlace() const;
+  /// Whether mappings, reads and writes of all processes that can open this file go to the same
+  /// pages of this machine, so that each sees at once what the others write.
+  bool SharesPages() const;
+
   /// Writes eight bytes, which must lie within the file, by one store into its pages: a process
   /// that is killed meanwhile has written all or none of them. What watches the file for changes
   /// does not see it. False, and nothing is written, if the file cannot be mapped.
@@ -85,6 +99,9 @@ class HX_PLATFORM_API ZrFileStream {
   bool GetLength(std::uint64_t& length) const;
   /// Truncates, or extends by bytes that read as zero.
   bool SetLength(std::uint64_t length);
+  /// Truncates as SetLength does, unless somebody maps the file (Presence::kMapsFile). Under the
+  /// writer lock, or where no one else can map it meanwhile.
+  bool Cut(std::uint64_t length);
   /// Makes `size` bytes from `position` on read as zero and takes the room for them, so that a
   /// full disk shows here. What lies beyond the end of the file is reserved without being written
   /// where the file system can do that.
@@ -145,6 +162,7 @@ class HX_PLATFORM_API ZrFileStream {
 
   /// Takes over a descriptor; false, and it is closed, if it is not a regular file's.
   bool Attach(int fd, bool readOnly);
+  bool ShowsWrites() const;
   bool WriteZeros(std::uint64_t position, std::uint64_t size);
   bool TakeAccess(const Access& access);
   bool MakeClaim(const PelmUnicodeString& path, bool wait);

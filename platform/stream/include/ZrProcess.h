@@ -9,16 +9,18 @@
 
 namespace Zarn {
 
+/// What an open object tells the others of its file, for as long as it is open.
+enum class Presence {
+  kOpen,           ///< it remembers what it has read
+  kMapsFile,       ///< it reads from a mapping as well, so the file must not become shorter
+  kWritesUnlocked  ///< it writes without the lock as well
+};
+
 /// The process lock: a reader/writer lock on a container file, among all objects of all processes.
-/// It also tells whether another object has changed the file since this object's owner loaded it.
 ///
-/// The owner derives from this class. It wraps every operation in a lock and its unlock, and keeps
-/// to these rules:
+/// The owner derives from this class. It wraps operations in a lock and its unlock, and keeps to
+/// these rules:
 ///  - A lock call that answers false has locked nothing; the operation fails.
-///  - After loading the state of the file, the owner calls SetStateLoaded(true) while it holds the
-///    lock. From then on its own writes under the writer lock do not count as changes.
-///  - After a write that failed half-way, so that memory and file may differ, it calls
-///    SetStateLoaded(false) before it unlocks.
 ///  - It does not write while IsLockReadOnly.
 ///  - It puts another file at the path only under the writer lock, and then leaves both files alone
 ///    until the next lock, which is that of the new file.
@@ -30,11 +32,10 @@ namespace Zarn {
 /// lets readers go on while it does what does not disturb them. A waiting writer goes before
 /// readers that come later. The lock is on the file itself, far behind its contents; it writes
 /// nothing, and there is no other file. It follows the path: if another file has taken the place of
-/// the locked one, the next lock call locks that file, which counts as a change. It does not notice
-/// when a directory of the path is renamed, nor changes made through a memory mapping.
+/// the locked one, the next lock call locks that file. What has changed in the file the owner finds
+/// out by itself, in the callback.
 ///
-/// Crash: the kernel frees the lock of a process that dies. What it had written by then counts as
-/// a change for the others.
+/// Crash: the kernel frees the lock of a process that dies.
 ///
 /// Fork: the parent's lock stays the parent's. In the child of fork(), lock calls fail and unlock
 /// calls do nothing until ProcessLockInit is called there.
@@ -48,8 +49,7 @@ class HX_PLATFORM_API ZrProcess {
   ZrProcess(const ZrProcess&) = delete;
   ZrProcess& operator=(const ZrProcess&) = delete;
 
-  /// Sets the lock up for the existing file at `path`, and releases an earlier one first. No state
-  /// counts as loaded. 0: usable; 1: usable for reading (see IsLockReadOnly); 2: `path` leads to
+  /// Sets the lock up for the existing file at `path`, and releases an earlier one first. 0: usable; 1: usable for reading (see IsLockReadOnly); 2: `path` leads to
   /// nothing; 3: to something that is not a regular file or cannot be opened.
   unsigned int ProcessLockInit(const PelmUnicodeString& path);
   /// Undoes ProcessLockInit, and unlocks.
@@ -59,8 +59,8 @@ class HX_PLATFORM_API ZrProcess {
   /// only the first call has an effect and only the last unlock releases. A reader cannot become
   /// the writer: that is a mistake, and answers false.
   ///
-  /// With `refresh` 1 the first call invokes the callback if the file may have changed since the
-  /// state was loaded, or if it never was; again each time until SetStateLoaded(true).
+  /// With `refresh` 1 the first call invokes the callback, by which the owner takes notice of what
+  /// others have changed.
   bool ReaderLock(unsigned char refresh);
   /// The same, for the one writer.
   bool WriterLock(unsigned char refresh);
@@ -86,20 +86,26 @@ class HX_PLATFORM_API ZrProcess {
   /// part of its own, which calls the protected functions.
   explicit ZrProcess(ZrProcess* other);
 
-  /// Says whether the state in memory is that of the file now. Has no effect without the lock.
-  void SetStateLoaded(bool loaded);
-  /// Whether the lock is held and the state in memory is that of the file. False, too, after a
-  /// callback that could not load it, and after a change without a callback (`refresh` 0, another
-  /// file at the path). Always true while m_bLockDisabled.
-  bool IsStateLoaded() const;
   /// The process may not write the file, so the writer lock does not keep readers out. May change
   /// with each lock call, since the file may.
   bool IsLockReadOnly() const;
+  /// Whether this object holds the lock as the one writer, and readers are excluded.
+  bool IsExclusive() const;
   /// Whether the file open in `stream` is the one that the lock is on.
   bool IsLockOn(const ZrFileStream& stream) const;
   /// A number of the file that the lock is on. Another file, or the same one after
   /// ProcessLockInit, has another number.
   std::uint64_t GetLockedFile() const;
+  /// The length of the file when the lock was taken.
+  std::uint64_t GetLockedLength() const;
+  /// Declares this object present on the file, until LeaveFile or ProcessLockRelease; on another
+  /// file that the lock turns to, it is not. Waits for one who is leaving.
+  bool EnterFile(Presence presence);
+  /// Takes that back. True if nobody is present any more, and the file may be written; then nobody
+  /// enters before ProcessLockRelease.
+  bool LeaveFile();
+  /// Whether another object is present in this way.
+  bool IsAnotherPresent(Presence presence) const;
   /// Looks the path up: whether nothing is there. For use after a lock or a callback has failed.
   bool IsPathDeleted() const;
 

@@ -22,6 +22,10 @@ constexpr Bytes kMain = {kLockOffset + 1, 1};
 constexpr Bytes kGateAndMain = {kLockOffset, 2};
 constexpr Bytes kAll = {kLockOffset - 1, 3};
 constexpr Bytes kClaim = {kLockOffset + 2, 1};
+constexpr Bytes kUnlocked = {kLockOffset + 3, 1};
+constexpr Bytes kOpenByte = {kLockOffset + 4, 1};
+constexpr Bytes kMapped = {kLockOffset + 5, 1};
+constexpr Bytes kPresence = {kLockOffset + 3, 3};
 
 // F_OFD_SETLK: takes or frees a lock, or fails at once. F_OFD_SETLKW: waits for it. F_OFD_GETLK:
 // whether it could be taken.
@@ -67,15 +71,22 @@ bool LockExclusive(int fd) {
 }
 
 bool LockShared(int fd) {
-  if (TryForAWhile(fd, F_RDLCK, kMain)) {
-    if (Ask(fd, F_OFD_GETLK, F_RDLCK, kGate)) return true;
-    Ask(fd, F_OFD_SETLK, F_UNLCK, kMain);  // a writer waits for it
+  if (!Wait(fd, F_RDLCK, kGateAndMain)) return false;
+  if (Ask(fd, F_OFD_SETLK, F_UNLCK, kGate)) return true;
+  Ask(fd, F_OFD_SETLK, F_UNLCK, kGateAndMain);
+  return false;
+}
+
+// The bytes of one who is present; they are neighbours.
+Bytes BytesOf(Presence presence) {
+  switch (presence) {
+    case Presence::kMapsFile:
+      return {kOpenByte.start, 2};
+    case Presence::kWritesUnlocked:
+      return {kUnlocked.start, 2};
+    default:
+      return kOpenByte;
   }
-  // While this process holds the gate, none gets MAIN exclusively: the second call does not wait.
-  if (!Ask(fd, F_OFD_SETLKW, F_RDLCK, kGate)) return false;
-  const bool locked = Ask(fd, F_OFD_SETLKW, F_RDLCK, kMain);
-  Ask(fd, F_OFD_SETLK, F_UNLCK, kGate);
-  return locked;
 }
 
 int OpenFile(const std::string& path, int access) {
@@ -139,6 +150,7 @@ bool FileLock::Open(const std::string& path) {
 void FileLock::Close() {
   // Closing would not free the lock while a process that is being started still has a copy.
   if (GetMode() != LockMode::kNone) Unlock();
+  if (std::exchange(m_isPresent, false)) Ask(m_fd, F_OFD_SETLK, F_UNLCK, kPresence);
   if (std::exchange(m_isClaim, false)) Ask(m_fd, F_OFD_SETLK, F_UNLCK, kClaim);
   const std::lock_guard guard(Registry::Get().m_mutex);
   CloseDescriptor();
@@ -175,6 +187,25 @@ bool FileLock::Claim(bool wait) {
   m_isClaim = Ask(m_fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, F_WRLCK, kClaim);
   return m_isClaim;
 }
+
+bool FileLock::Enter(Presence presence) {
+  m_isPresent = Ask(m_fd, F_OFD_SETLKW, F_RDLCK, BytesOf(presence));
+  return m_isPresent;
+}
+
+// Of two who leave at the same time the second one finds nobody.
+bool FileLock::Leave() {
+  return m_isPresent && Ask(m_fd, F_OFD_SETLK, F_UNLCK, kPresence) && !m_readOnly &&
+         Ask(m_fd, F_OFD_SETLK, F_WRLCK, kOpenByte);
+}
+
+bool FileLock::IsAnotherPresent(Presence presence) const {
+  const Bytes all = BytesOf(presence);
+  const Bytes own = presence == Presence::kMapsFile ? kMapped : Bytes{all.start, 1};
+  return !Ask(m_fd, F_OFD_GETLK, F_WRLCK, own);
+}
+
+bool FileLock::IsMapped(int fd) { return !Ask(fd, F_OFD_GETLK, F_WRLCK, kMapped); }
 
 bool FileLock::IsOpenOn(const struct stat& status) const {
   return m_device == status.st_dev && m_inode == status.st_ino;

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <string>
 
+#include "ZrProcess.h"
+
 namespace Zarn {
 
 /// kReserved: one holder, beside any number of shared ones; it may make its lock exclusive.
@@ -15,13 +17,13 @@ enum class LockMode { kNone, kShared, kReserved, kExclusive };
 ///
 /// Bytes far behind any contents stand for it; they are locked, never written:
 ///   MAIN    is what is held, as a read lock or as a write lock.
-///   GATE    is the way to MAIN. An exclusive holder locks the gate before it waits for MAIN, and
-///           releases both together; a shared one that finds the gate closed releases MAIN, and
-///           waits for the gate. So no reader overtakes a waiting writer, and readers that overlap
-///           without end do not starve it.
+///   GATE    is the way to MAIN. An exclusive holder keeps the gate closed while it waits for MAIN
+///           and while it holds it; a shared one goes through it. So readers that overlap without
+///           end do not starve a writer.
 ///   RESERVE is all that a reservation takes; an exclusive holder takes it before the other two.
-/// No holder of MAIN ever waits for the gate, and no holder of the gate for RESERVE, hence there is
-/// no deadlock.
+///
+/// Three more bytes are held shared by those who are present, for as long as they are: OPEN by
+/// all, MAPPED and UNLOCKED by those who say so (Presence).
 ///
 /// The locks belong to an open file description that only this object has. The kernel frees them
 /// when a process dies, however it dies. A forked child gives up its copies of all descriptors:
@@ -52,6 +54,16 @@ class FileLock {
   /// without the right to write.
   bool Claim(bool wait);
 
+  /// Declares this object present, until Leave or Close. Waits for one who is leaving.
+  bool Enter(Presence presence);
+  /// Takes that back. True if nobody is present any more; then nobody enters before Close.
+  bool Leave();
+  /// Whether another object is present in this way.
+  bool IsAnotherPresent(Presence presence) const;
+
+  /// Whether an object of any other descriptor than this one has said that it maps the file.
+  static bool IsMapped(int fd);
+
   /// What is held. Safe from any thread.
   LockMode GetMode() const { return m_mode.load(std::memory_order_acquire); }
   /// Below 0 while closed.
@@ -68,6 +80,7 @@ class FileLock {
   std::atomic<LockMode> m_mode{LockMode::kNone};
   bool m_readOnly = false;
   bool m_isClaim = false;
+  bool m_isPresent = false;
   int m_fd = -1;
   dev_t m_device = 0;
   ino_t m_inode = 0;

@@ -23,6 +23,8 @@ off_t Offset(std::uint64_t position) { return static_cast<off_t>(position); }
 
 constexpr iovec kNoPart = {nullptr, 0};
 
+constexpr std::size_t kHeadPage = 4096;
+
 // Moves all bytes of the parts with repeated calls of `transfer`. Returns how many were moved:
 // fewer than asked when a call fails or moves nothing. Positions beyond the largest offset are
 // refused here, so that none reaches the kernel as a negative number.
@@ -67,12 +69,11 @@ bool WriteAll(int fd, std::uint64_t position, iovec first, iovec second) {
   return moved == std::uint64_t{first.iov_len} + second.iov_len;
 }
 
-// On an overlay, a file gets a copy of its own when it is first opened for writing. Earlier
-// descriptors read the copy from then on, but earlier mappings show the original for ever.
-bool IsOnOverlay(int fd) {
+// 0 on failure, which is no type in the lists here.
+std::uint32_t FileSystemOf(int fd) {
   struct statfs status;
-  return Uninterrupted([&] { return ::fstatfs(fd, &status); }) != 0 ||
-         status.f_type == OVERLAYFS_SUPER_MAGIC;
+  const auto ask = [&] { return GetFileSyscalls().fstatfs(fd, &status); };
+  return Uninterrupted(ask) == 0 ? static_cast<std::uint32_t>(status.f_type) : 0;
 }
 
 constexpr mode_t kPermissions = 0777;
@@ -227,12 +228,47 @@ bool ZrFileStream::CopyFrom(const ZrFileStream& source, std::uint64_t position,
 }
 
 const unsigned char* ZrFileStream::Map(std::uint64_t size) const {
-  if (m_readOnly && IsOnOverlay(m_fd)) return nullptr;
+  if (!ShowsWrites()) return nullptr;
   void* const bytes =
       GetFileSyscalls().mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_NORESERVE, m_fd, 0);
   if (bytes == MAP_FAILED) return nullptr;
   ::madvise(bytes, size, MADV_RANDOM);
   return static_cast<unsigned char*>(bytes);
+}
+
+void* ZrFileStream::MapPage(bool forWriting) const {
+  if (!ShowsWrites()) return nullptr;
+  const int protection = forWriting ? PROT_READ | PROT_WRITE : PROT_READ;
+  void* const page = GetFileSyscalls().mmap(nullptr, kHeadPage, protection, MAP_SHARED, m_fd, 0);
+  return page == MAP_FAILED ? nullptr : page;
+}
+
+void ZrFileStream::UnmapPage(void* page) {
+  if (page != nullptr) ::munmap(page, kHeadPage);
+}
+
+bool ZrFileStream::PreparePage(void* page) {
+  return GetFileSyscalls().madvise(page, kHeadPage, MADV_POPULATE_WRITE) == 0;
+}
+
+bool ZrFileStream::OverwritesInPlace() const {
+  const std::uint32_t type = FileSystemOf(m_fd);
+  return type == EXT4_SUPER_MAGIC || type == TMPFS_MAGIC;
+}
+
+bool ZrFileStream::SharesPages() const {
+  constexpr std::uint32_t kLocal[] = {
+      EXT4_SUPER_MAGIC,     XFS_SUPER_MAGIC,   BTRFS_SUPER_MAGIC,    F2FS_SUPER_MAGIC,
+      TMPFS_MAGIC, RAMFS_MAGIC, MSDOS_SUPER_MAGIC,
+      EXFAT_SUPER_MAGIC,    SQUASHFS_MAGIC,    EROFS_SUPER_MAGIC_V1, ISOFS_SUPER_MAGIC,
+      REISERFS_SUPER_MAGIC, NILFS_SUPER_MAGIC, OVERLAYFS_SUPER_MAGIC};
+  return std::ranges::find(kLocal, FileSystemOf(m_fd)) != std::end(kLocal);
+}
+
+// On an overlay, a file gets a copy of its own when it is first opened for writing. Earlier
+// descriptors read the copy from then on, but earlier mappings show the original for ever.
+bool ZrFileStream::ShowsWrites() const {
+  return !m_readOnly || FileSystemOf(m_fd) != OVERLAYFS_SUPER_MAGIC;
 }
 
 bool ZrFileStream::StoreWord(std::uint64_t position, std::uint64_t word) {
@@ -262,6 +298,10 @@ bool ZrFileStream::GetLength(std::uint64_t& length) const {
 bool ZrFileStream::SetLength(std::uint64_t length) {
   return length <= INT64_MAX &&
          Uninterrupted([&] { return GetFileSyscalls().ftruncate(m_fd, Offset(length)); }) == 0;
+}
+
+bool ZrFileStream::Cut(std::uint64_t length) {
+  return !FileLock::IsMapped(m_fd) && SetLength(length);
 }
 
 bool ZrFileStream::ZeroFill(std::uint64_t position, std::uint64_t size) {

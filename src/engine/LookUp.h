@@ -1,0 +1,42 @@
+#pragma once
+
+#include "Engine.h"
+
+namespace Zarn::Engine {
+
+/// How every lookup goes: `attempt(file, view, buffer)` reads what it needs by the view, and believes
+/// nothing; once the view is valid, `finish(file, buffer)` hands it to the caller. Both without a
+/// lock if that is possible, else under it: also if the attempt answers false, for want of what only
+/// a refresh gives. False if the file cannot be used.
+///
+/// `buffer` is the thread's record buffer; null without `usesBuffer`.
+template <typename Attempt, typename Finish>
+bool Engine::LookUp(Attempt attempt, Finish finish, bool usesBuffer) {
+  const auto look = [&](OpenFile& file, ZrByteArray* buffer) {
+    View view(file.GetBoard(), *file.GetStream(), file.Map());
+    while (view.Begin()) {
+      if (!attempt(file, view, buffer)) return false;
+      if (!file.Index().Check(view)) continue;
+      if (file.Names() != nullptr) file.Names()->KeepComplete(view);
+      finish(file, buffer);
+      return true;
+    }
+    return false;
+  };
+  {
+    const Lookups::Visit visit(m_locks.GetLookups());
+    OpenFile* const file = visit.GetFile();
+    const bool hasBuffer = file != nullptr && usesBuffer;
+    ZrByteArray* const buffer =
+        hasBuffer ? m_buffers.GetSwapData(file->GetShape().swap) : nullptr;
+    if (file != nullptr && (buffer != nullptr || !usesBuffer) && file->IsAtPath() &&
+        look(*file, buffer))
+      return true;
+  }
+  const ReadOperation operation(m_locks, m_state);
+  ZrByteArray* const buffer = operation.IsUsable() && usesBuffer ? GetSwapData() : nullptr;
+  return operation.IsUsable() && (buffer != nullptr || !usesBuffer) && File().HasIndex() &&
+         look(File(), buffer);
+}
+
+}  // namespace Zarn::Engine

@@ -1,0 +1,244 @@
+#include "Board.h"
+
+#include <utility>
+
+#include "Layout.h"
+#include "ZrFile64.h"
+
+namespace Zarn::Io {
+namespace {
+
+using Word = std::uint64_t;
+
+constexpr std::size_t kFirst = Format::kGenerationWordOffset;
+constexpr std::size_t kSize = Format::kHeaderSize - kFirst;
+constexpr std::size_t kMaskAt = Format::kMaskOffset - kFirst;
+
+Word MaskOf(unsigned char byte) { return byte * Word{0x0101010101010101}; }
+
+Word LoadWord(const unsigned char* bytes) { return LoadScalar<Word>(bytes, false); }
+
+unsigned char* BytesOf(void* page) { return static_cast<unsigned char*>(page) + kFirst; }
+
+Word Mask(void* page) {
+  return MaskOf(std::atomic_ref(BytesOf(page)[kMaskAt]).load(std::memory_order_relaxed));
+}
+
+std::atomic_ref<Word> WordOf(void* page, std::size_t number) {
+  return std::atomic_ref(reinterpret_cast<Word*>(BytesOf(page))[number]);
+}
+
+}  // namespace
+
+Board::Board(Place place, ZrFileStream& file, const Format::HeaderImage& header, bool isMapped)
+    : m_place(place), m_file(file) {
+  Words words;
+  if (place == kInFile) {
+    words = {LoadWord(&header[kFirst]), LoadWord(&header[Format::kRecordsWordOffset]),
+             LoadWord(&header[Format::kEntriesWordOffset])};
+    if (isMapped) m_page = file.MapPage(false);
+  }
+  m_generation = words.generation;
+  m_refreshed = words.entries;
+  Know(words);
+}
+
+Board::~Board() {
+  ZrFileStream::UnmapPage(m_page);
+  ZrFileStream::UnmapPage(m_writable);
+}
+
+// In this order: who sees a new `entries` here has seen a `records` no newer than that.
+bool Board::Look(Words& words) const {
+  if (m_place != kInFile) {
+    words.generation = m_own[kGeneration].load(std::memory_order_acquire);
+    words.records = m_own[kRecords].load(std::memory_order_acquire);
+    words.entries = m_own[kEntries].load(std::memory_order_acquire);
+    return true;
+  }
+  return m_page != nullptr ? LookAtPage(m_page, words) : LookAtFile(words);
+}
+
+// A lookup does not touch the page that this object writes to: another program may cut the file,
+// and to touch a page that is gone ends the process. Under the lock the length was just looked at.
+bool Board::LookUnderLock(Words& words) const {
+  return m_place == kInFile && m_mayWritePage ? LookAtPage(m_writable, words) : Look(words);
+}
+
+bool Board::LookAtPage(void* page, Words& words) {
+  const Word mask = Mask(page);
+  words.generation = WordOf(page, kGeneration).load(std::memory_order_acquire) ^ mask;
+  words.records = WordOf(page, kRecords).load(std::memory_order_acquire) ^ mask;
+  words.entries = WordOf(page, kEntries).load(std::memory_order_acquire) ^ mask;
+  return true;
+}
+
+bool Board::LookAtFile(Words& words) const {
+  alignas(Word) unsigned char bytes[kSize];
+  if (!m_file.ReadAt(kFirst, bytes, sizeof bytes)) return false;
+  const Word mask = MaskOf(bytes[kMaskAt]);
+  words = {LoadWord(bytes) ^ mask, LoadWord(bytes + 8) ^ mask, LoadWord(bytes + 16) ^ mask};
+  return true;
+}
+
+Board::Words Board::GetKnown() const {
+  Words words;
+  if (m_place != kInFile) {
+    Look(words);
+    return words;
+  }
+  return {m_generation, m_knownRecords.load(std::memory_order_relaxed),
+          m_known.load(std::memory_order_acquire)};
+}
+
+// What was kept with an older value of `entries` is of no use: nobody knows what has changed.
+void Board::Note(const Words& words, bool hasChanged) {
+  if (m_isBusy.load(std::memory_order_relaxed) != hasChanged)
+    m_isBusy.store(hasChanged, std::memory_order_relaxed);
+  if (!hasChanged || m_place != kInFile || !IsSettled(words)) return;
+  const std::lock_guard guard(m_mutex);
+  const Word known = m_known.load(std::memory_order_relaxed);
+  if (known != kWriting && words.entries > known) Know(words);
+}
+
+// In this order: who sees the new `entries` sees what is no longer current, too.
+void Board::Know(const Words& words) {
+  m_validFrom.store(words.entries, std::memory_order_release);
+  m_knownRecords.store(words.records, std::memory_order_relaxed);
+  m_known.store(words.entries, std::memory_order_release);
+}
+
+bool Board::MayKeep(std::uint64_t entries) const {
+  return (m_place == kInFile ? m_known : m_own[kEntries]).load(std::memory_order_acquire) ==
+         entries;
+}
+
+bool Board::IsCurrent(std::uint64_t tag, std::uint64_t entries) const {
+  return (m_place != kInFile || m_known.load(std::memory_order_acquire) == entries) &&
+         IsCurrent(tag);
+}
+
+std::uint64_t Board::GetEntries() const {
+  Words words;
+  return LookUnderLock(words) ? words.entries : 0;
+}
+
+Board::Change Board::Refresh(bool mayWrite) {
+  if (m_place == kInObject) return Change::kNone;
+  if (m_place == kNowhere) {
+    Forget();
+    return Change::kTiles;
+  }
+  Words words;
+  if (!LookUnderLock(words) || !IsOurs(words)) return Change::kAll;
+  if (words.entries % 2 != 0 && mayWrite) {
+    BeginWriting();
+    if (!Set(kEntries, [](Word word) { return (word | 1) + 1; }) || !LookUnderLock(words))
+      return Change::kAll;
+  }
+  m_odd = words.entries % 2 != 0 ? words.entries : 0;
+  const std::lock_guard guard(m_mutex);
+  if (words.entries != m_known.load(std::memory_order_relaxed)) Know(words);
+  // Lookups may have seen the change before.
+  return std::exchange(m_refreshed, words.entries) == words.entries ? Change::kNone
+                                                                     : Change::kTiles;
+}
+
+void Board::Forget() {
+  if (m_place == kNowhere) m_own[kEntries].fetch_add(2);
+  Words words;
+  if (LookUnderLock(words)) m_validFrom.store(words.entries, std::memory_order_release);
+}
+
+// Until EndWriting, lookups of other threads use nothing that was kept: they cannot tell this
+// object's changes from those of others.
+void Board::BeginWriting() {
+  if (m_place != kInFile) return;
+  {
+    const std::lock_guard guard(m_mutex);
+    m_known.store(kWriting, std::memory_order_release);
+  }
+  if (m_writable == nullptr && !m_file.IsReadOnly()) {
+    m_writable = m_file.MapPage(true);
+    m_overwritesInPlace = m_file.OverwritesInPlace();
+  }
+  m_mayWritePage =
+      m_writable != nullptr && (m_overwritesInPlace || ZrFileStream::PreparePage(m_writable));
+}
+
+void Board::EndWriting() {
+  if (m_place != kInFile || m_known.load(std::memory_order_relaxed) != kWriting) return;
+  Words words;
+  const bool isKnown = LookUnderLock(words);
+  const std::lock_guard guard(m_mutex);
+  if (!isKnown) m_validFrom.store(kWriting - 1, std::memory_order_release);
+  m_refreshed = words.entries;
+  m_knownRecords.store(words.records, std::memory_order_relaxed);
+  m_known.store(words.entries, std::memory_order_release);
+}
+
+bool Board::Overwrites() {
+  return Set(kRecords, [](Word word) { return word + 2; });
+}
+
+bool Board::Replaces() {
+  if (!Set(kGeneration, [](Word word) { return word + 1; })) return false;
+  ++m_generation;
+  return true;
+}
+
+void Board::Clear(const PelmUnicodeString& path) {
+  unsigned char bytes[kSize];
+  if (m_place != kInFile || !m_file.ReadAt(kFirst, bytes, sizeof bytes)) return;
+  const unsigned char mask = bytes[kMaskAt];
+  bool isClear = true;
+  for (std::size_t i = 0; i < kMaskAt; ++i) {
+    isClear = isClear && bytes[i] == mask;
+    bytes[i] = mask;
+  }
+  if (isClear) return;
+  ZrFile64 writable;
+  if (!m_file.IsReadOnly())
+    m_file.WriteAt(kFirst, bytes, kMaskAt);
+  else if (m_file.IsSameFile(path) && writable.Open(path, ZrFile64::kReadWrite))
+    writable.WriteAt(kFirst, bytes, kMaskAt);
+}
+
+// The fences keep the change of the word and the writes that it tells of in their order.
+template <typename Function>
+bool Board::Set(WordNumber number, Function function) {
+  if (m_place != kInFile) {
+    m_own[number].store(function(m_own[number].load(std::memory_order_relaxed)));
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    return true;
+  }
+  if (m_mayWritePage) {
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    const std::uint64_t mask = Mask(m_writable);
+    auto target = WordOf(m_writable, number);
+    std::uint64_t before = target.load();
+    while (!target.compare_exchange_weak(before, function(before ^ mask) ^ mask)) {
+    }
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    return true;
+  }
+  alignas(std::uint64_t) unsigned char bytes[kSize];
+  if (!m_file.ReadAt(kFirst, bytes, sizeof bytes)) return false;
+  const std::uint64_t mask = MaskOf(bytes[kMaskAt]);
+  const std::size_t at = number * Format::kWidth8;
+  const std::uint64_t after = function(LoadWord(bytes + at) ^ mask) ^ mask;
+  return m_file.WriteAt(kFirst + at, &after, sizeof after);
+}
+
+BoardChange::BoardChange(Board& board, Of what)
+    : m_board(board),
+      m_what(what),
+      m_isShown((what == kEntry || board.Overwrites()) &&
+                board.Set(Board::kEntries, [](std::uint64_t word) { return (word + 1) | 1; })) {}
+
+BoardChange::~BoardChange() {
+  if (m_isShown)
+    m_board.Set(Board::kEntries, [this](std::uint64_t word) { return (word | 1) + m_what; });
+}
+
+}  // namespace Zarn::Io

@@ -1,0 +1,169 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+#include "Header.h"
+#include "ZrFileStream.h"
+
+namespace Zarn::Io {
+
+/// The three words on which whoever changes a file tells what it does. Lookups take no lock: they
+/// look at the words before and after they read, and read again if what they used may have changed.
+///
+///   entries     odd while something that lookups follow is being changed in place, otherwise even:
+///               an index entry, a locator or the count of names (2 more afterwards), or a record
+///               to which an entry leads (4 more)
+///   records     raised before a place to which an entry or a locator ever led is overwritten or
+///               cut off, also by a change of such a record in place
+///   generation  raised before the header, the index area or the contents as a whole change, or the
+///               file at the path
+///
+/// While a file is shared they lie in reserved bytes of its header: all who can open the file, in
+/// whatever container or under whatever mount, share them, and trust them as they trust the file.
+/// They are zero, which is how the format has them, once nobody has the file open. A file of one
+/// object has them in memory. Where pages of a file are not shared, as on a network, there are
+/// none: then every lookup takes the lock.
+///
+/// Rules for those who change the words, or anything that the words are about:
+///   1. They hold the writer lock. One who gets it first compares the generation, and finishes a
+///      replacement that was cut short; only then it makes an odd word even (Refresh).
+///   2. A word becomes odd before the change and even after it, also when the operation fails
+///      (BoardChange).
+///   3. Who looks at the words is present (Presence) from before the first look on. The last one
+///      to leave zeroes them.
+///
+/// The object also knows how the words were when it last looked, and so what is still right of that
+/// which was read before: that may be used if it has a tag of Tag(), which is then current.
+///
+/// Threads: lookups of any number of threads call Look, GetKnown, IsCurrent and Note at any time;
+/// everything else is for the one that holds the writer lock, or loads the file.
+class Board {
+ public:
+  enum Place {
+    kInObject,  ///< nobody else uses the file
+    kInFile,
+    kNowhere,  ///< every lookup takes the lock
+  };
+  struct Words {
+    std::uint64_t generation = 0;
+    std::uint64_t records = 0;
+    std::uint64_t entries = 0;
+  };
+  /// What others have changed.
+  enum class Change { kNone, kTiles, kAll };
+
+  /// `header`: of the file, unscrambled, as it was just read. `isMapped`: lookups may load the
+  /// words from a mapping.
+  Board(Place place, ZrFileStream& file, const Format::HeaderImage& header, bool isMapped);
+  ~Board();
+  Board(const Board&) = delete;
+  Board& operator=(const Board&) = delete;
+
+  Place GetPlace() const { return m_place; }
+  /// Whether to look costs no system call.
+  bool IsNear() const { return m_place != kInFile || m_page != nullptr; }
+  /// The words now. False if the file cannot be read.
+  bool Look(Words& words) const;
+  /// The words when this object last looked. They are not settled while it writes.
+  Words GetKnown() const;
+  bool IsOurs(const Words& words) const { return words.generation == m_generation; }
+  /// Whether nothing is being changed: an odd value that a dead writer has left counts as even.
+  bool IsSettled(const Words& words) const {
+    return words.entries % 2 == 0 || words.entries == m_dead.load(std::memory_order_relaxed);
+  }
+  /// A lookup has seen these words. `hasChanged`: they were others than it expected.
+  void Note(const Words& words, bool hasChanged);
+  /// Whether the last lookup has seen a change: then the known words are probably old.
+  bool IsBusy() const { return m_isBusy.load(std::memory_order_relaxed); }
+
+  /// What is read while the words are settled, with this value of `entries`, gets this tag, unless
+  /// MayKeep says no when it is to be kept. 0 is never a tag.
+  static std::uint64_t Tag(std::uint64_t entries) { return entries + 1; }
+  bool MayKeep(std::uint64_t entries) const;
+  /// Whether what has the tag is as it was when `entries` has this value.
+  bool IsCurrent(std::uint64_t tag, std::uint64_t entries) const;
+  /// The same for one who holds the lock, after Refresh.
+  bool IsCurrent(std::uint64_t tag) const {
+    return tag > m_validFrom.load(std::memory_order_acquire);
+  }
+  /// The words as the holder of the lock knows them.
+  std::uint64_t GetEntries() const;
+
+  /// Takes notice of what others have changed since this object last knew, with the lock held;
+  /// `mayWrite`: as the one writer. After kAll the file must be loaded again.
+  Change Refresh(bool mayWrite);
+  /// Whether Refresh has found an odd word, and left it. Under the lock it is a dead writer's,
+  /// unless somebody writes without the lock; Bury then says so.
+  bool IsOdd() const { return m_odd != 0; }
+  void Bury() { m_dead = m_odd; }
+  /// Nothing that was kept is current any more.
+  void Forget();
+
+  /// Around all changes of one operation.
+  void BeginWriting();
+  void EndWriting();
+  /// Before places to which an entry ever led are overwritten or cut off. False: they must not be.
+  bool Overwrites();
+  /// Before the header, the index area or all contents change; to others this is another file then.
+  bool Replaces();
+  /// The last one to leave: zeroes the words, so that the file, which is at this path, is as the
+  /// format has it.
+  void Clear(const PelmUnicodeString& path);
+
+ private:
+  friend class BoardChange;
+  enum WordNumber { kGeneration, kRecords, kEntries };
+
+  template <typename Function>
+  bool Set(WordNumber number, Function function);
+  bool LookUnderLock(Words& words) const;
+  bool LookAtFile(Words& words) const;
+  static bool LookAtPage(void* page, Words& words);
+  void Know(const Words& words);
+
+  const Place m_place;
+  ZrFileStream& m_file;
+  std::array<std::atomic<std::uint64_t>, 3> m_own{};  // where there are none in the file
+  void* m_page = nullptr;                             // for lookups with kMapped
+  void* m_writable = nullptr;                         // the same, to write there
+  bool m_mayWritePage = false;                        // in the operation under way
+  bool m_overwritesInPlace = false;
+  std::uint64_t m_generation;                         // of what was loaded
+  std::uint64_t m_refreshed;                          // `entries` at the last Refresh
+  std::uint64_t m_odd = 0;                            // that Refresh has left; 0: none
+
+  // Known words of a file; kWriting: this object changes them.
+  static constexpr std::uint64_t kWriting = UINT64_MAX;
+  std::mutex m_mutex;  // held while they change
+  std::atomic<std::uint64_t> m_known{0};
+  std::atomic<std::uint64_t> m_knownRecords{0};
+  std::atomic<std::uint64_t> m_validFrom{0};  // tags up to this one are not current
+  std::atomic<std::uint64_t> m_dead{0};       // an odd value that no writer will change; 0: none
+  std::atomic<bool> m_isBusy{false};
+};
+
+/// Makes `entries` odd for a change in place, and even again when it ends.
+class BoardChange {
+ public:
+  /// What changes. A record counts as two entries, so that a lookup for which one change of an
+  /// entry is harmless does not take it for one.
+  enum Of { kEntry = 1, kRecord = 3 };
+
+  BoardChange(Board& board, Of what);
+  ~BoardChange();
+  BoardChange(const BoardChange&) = delete;
+  BoardChange& operator=(const BoardChange&) = delete;
+
+  /// False if the word could not be written: then nothing may be changed.
+  bool IsShown() const { return m_isShown; }
+
+ private:
+  Board& m_board;
+  const Of m_what;
+  const bool m_isShown;
+};
+
+}  // namespace Zarn::Io
