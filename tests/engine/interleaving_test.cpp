@@ -241,6 +241,7 @@ class Orders : public ::testing::TestWithParam<std::tuple<Row, Layout>> {
   }
   template <typename File>
   void LookAt(File& file, Writer& writer, const std::vector<Place>& looks, std::size_t look) {
+    Schedule::Listen("looks up");
     std::size_t& seen = writer.seen[std::ranges::find(looks, looks[look]) - looks.begin()];
     const std::size_t least = std::max(writer.done, seen);
     const Tile tile = Look(file, looks[look]);
@@ -249,6 +250,7 @@ class Orders : public ::testing::TestWithParam<std::tuple<Row, Layout>> {
     while (state < writer.begun && states[state] != tile)
       ++state;
     if (states[state] == tile) {
+      if (state > seen) Schedule::Tell("has seen it");
       seen = std::max(seen, state);
       return;
     }
@@ -282,8 +284,10 @@ class Orders : public ::testing::TestWithParam<std::tuple<Row, Layout>> {
       const unsigned int result = Apply(file, writer.changes[i]);
       if (!Schedule::IsAlive()) return;
       if (result != 0) Complain("A change answers " + std::to_string(result));
+      Schedule::Tell("has changed it");
       ++writer.done;
     }
+    if (!m_closes) Schedule::End();
   }
   template <typename File>
   void Read(Reader::Kind kind) {
@@ -296,10 +300,9 @@ class Orders : public ::testing::TestWithParam<std::tuple<Row, Layout>> {
       for (const Place& place : GetRow().looks)
         Look(file, place);
     if (kind != Reader::kOpening) Schedule::Begin();
-    for (std::size_t look = 0; look < GetRow().looks.size(); ++look) {
-      if (look > 0) Schedule::Pause("looks up");
+    for (std::size_t look = 0; look < GetRow().looks.size(); ++look)
       LookAt(file, m_first, GetRow().looks, look);
-    }
+    if (!m_closes) Schedule::End();
   }
   // The file in the end, once for each that comes out.
   void CheckAll() {
@@ -327,6 +330,8 @@ class Orders : public ::testing::TestWithParam<std::tuple<Row, Layout>> {
     limits.preemptions = (kills || reader.count > 1 ? 1 : 2) + Setting("HX_MORE", 0);
     limits.kills = kills;
     limits.maps = reader.maps;
+    m_closes = reader.kind == Reader::kOpening;
+    limits.leavesOut = reader.maps == 0 && Setting("HX_ALL", 0) == 0;
     limits.orders = Setting("HX_ORDERS", kOrders);
     limits.cuts = {GetMiddle(m_first.changes[0].cell)};
     Schedule schedule(limits);
@@ -351,6 +356,7 @@ class Orders : public ::testing::TestWithParam<std::tuple<Row, Layout>> {
         ADD_FAILURE() << m_complaint << "\nafter " << schedule.CountOrders()
                       << " orders; the reader " << reader.name << schedule.Describe();
     }
+    if (std::getenv("HX_SHOW")) std::printf("%s\n", schedule.Describe().c_str());
     std::printf("%s%s: %zu orders%s\n", reader.name, kills ? ", with kills" : "",
                 schedule.CountOrders(), schedule.IsComplete() ? "" : ", not all");
   }
@@ -363,6 +369,7 @@ class Orders : public ::testing::TestWithParam<std::tuple<Row, Layout>> {
   std::set<std::tuple<Support::Bytes, std::size_t, std::size_t, std::size_t,
                       std::vector<std::size_t>, std::size_t>>
       m_ends;
+  bool m_closes = false;  // while others may still be at work
   std::string m_complaint;
 };
 

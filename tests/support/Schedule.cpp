@@ -12,7 +12,6 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <optional>
 #include <semaphore>
 #include <sstream>
 #include <string>
@@ -30,9 +29,12 @@ constexpr off_t kPage = 4096;
 constexpr off_t kWord = 8;
 constexpr std::size_t kEndless = 20'000;  // steps
 
-// Of a step, what it does to the files or to the locks. kLook reads, but nobody waits before it:
-// all objects share a mutex meanwhile.
-enum Kind { kRead, kLook, kWrite, kShare, kLock, kOther };
+// What a step does to the bytes of files, to locks, or to what processes have told each other.
+// kLook reads, but nobody waits before it: all objects share a mutex meanwhile.
+enum Kind { kRead, kLook, kWrite, kShare, kLock, kHear, kTell, kNothing };
+
+struct Worker;
+constexpr std::size_t kNone = SIZE_MAX;
 
 struct Step {
   const char* what;
@@ -40,32 +42,33 @@ struct Step {
   off_t position = 0;
   std::size_t size = SIZE_MAX;  // that much means all
   bool mayBeLast = true;        // a kill can come before it
-  const char* process = nullptr;
+  const Worker* worker = nullptr;
+  std::size_t choice = kNone;  // before which another one could have gone first
+  std::size_t block = kNone;   // by which this one goes first since some steps
 };
 
-// Whether it matters which one comes first.
+// Whether it can make a difference which one comes first.
 bool DoConflict(const Step& a, const Step& b) {
-  const auto isWithLocks = [](const Step& step) {
-    return step.kind == kShare || step.kind == kLock;
+  const auto field = [](Kind kind) { return kind <= kWrite ? 0 : kind <= kLock ? 1 : 2; };
+  const auto changes = [](Kind kind) { return kind == kWrite || kind == kLock || kind == kTell; };
+  const auto beginsBeforeEnd = [](const Step& step, const Step& other) {
+    const bool isAll = step.size == SIZE_MAX || other.size == SIZE_MAX;
+    return isAll || step.position < other.position + static_cast<off_t>(other.size);
   };
-  const auto changes = [](const Step& step) { return step.kind == kWrite || step.kind == kLock; };
-  const auto beginsBefore = [](const Step& step, const Step& other) {
-    return other.size == SIZE_MAX ||
-           step.position < other.position + static_cast<off_t>(other.size);
-  };
-  if (a.kind == kOther || b.kind == kOther) return true;
-  return isWithLocks(a) == isWithLocks(b) && (changes(a) || changes(b)) && beginsBefore(a, b) &&
-         beginsBefore(b, a);
+  return a.worker != b.worker && field(a.kind) == field(b.kind) &&
+         (changes(a.kind) || changes(b.kind)) && beginsBeforeEnd(a, b) && beginsBeforeEnd(b, a);
 }
 
 struct Worker {
   const Schedule::Process* process = nullptr;
   bool isDone = true;
+  bool hasEnded = false;
   bool isDead = false;
   bool isWaiting = false;  // for a lock, which it asked for when so many had been freed:
   std::size_t frees = 0;
-  bool polls = false;         // it could go on without the lock
-  struct flock refused = {};  // by its last call
+  bool polls = false;          // it could go on without the lock
+  struct flock refused = {};   // by its last call
+  std::size_t choice = kNone;  // its last one
   std::vector<int> files;
   std::binary_semaphore go{0};
   std::thread thread;
@@ -78,24 +81,29 @@ Zarn::FileSyscalls g_calls;  // the kernel's
 }  // namespace
 
 struct Schedule::Impl {
+  using Workers = std::vector<Worker*>;
+  // Who goes on. Options become wanted as it turns out that they can make a difference.
   struct Choice {
-    std::size_t taken, count;
+    enum State : char { kNotWanted, kWanted, kDone };
+    Workers options;  // null: a kill
+    std::vector<State> states;
+    std::size_t taken = 0;
   };
 
-  Impl(Limits limits) : m_limits(std::move(limits)) {}
+  explicit Impl(Limits limits) : m_limits(std::move(limits)) {}
   void Run(const std::vector<Process>& processes);
   void Serve(Worker& worker);
   bool Enter(const Step& step);
-  void Record(const Worker& self, const Step& step);
+  void Record(Worker& self, Step step);
   bool Wait(Worker& self, bool polls);
   void Leave(Worker& self);
   void Die(Worker& self);
   void Detach(const Worker& worker);
-  std::vector<Worker*> FindOthers(const Worker& self, bool polling) const;
-  std::vector<Worker*> FindNext(const Worker& self) const;
-  std::size_t Choose(std::size_t count);
-  void HandOver(Worker& from, Worker& to);
-  bool IsRunning(const Worker* worker) const { return m_isRunning && worker != nullptr; }
+  Workers FindOthers(const Worker& self, bool polling) const;
+  Workers FindNext(const Worker& self) const;
+  Worker* Choose(const Workers& options, bool wantsAll);
+  void WantWhatMatters();
+  void Want(std::size_t choice, const Worker* first);
   void Fail(const char* why) {
     if (m_failure.empty()) m_failure = why;
   }
@@ -107,37 +115,62 @@ struct Schedule::Impl {
   bool m_isRunning = false;  // all have begun
   bool m_isOver = false;
 
-  // The order: the choices that lead to it, and how many are made.
-  std::vector<Choice> m_choices;
-  std::size_t m_next = 0;
+  std::vector<Choice> m_choices;  // that lead to this order
+  std::size_t m_next = 0;         // those that are made
   std::size_t m_orders = 0;
   bool m_isComplete = false;
 
   unsigned int m_preemptions = 0;
   unsigned int m_kills = 0;
-  std::size_t m_frees = 0;
-  // Somebody waits before this step, and nobody has done since what it matters to. So it could as
-  // well have come first, and that is another order. Nobody else has to wait now; and until the end
-  // if the one that goes on instead has to stop. (Not with mappings, whose use is no step.)
-  std::optional<Step> m_owed;
-  bool m_isVain = false;
+  std::size_t m_frees = 0;      // of locks
+  std::size_t m_block = kNone;  // the preemption since which the running one runs
   std::vector<Step> m_steps;
   std::string m_failure;
   std::map<void*, const Worker*> m_mappings;  // for writing, with those that made them; maybe gone
 };
 
-std::size_t Schedule::Impl::Choose(std::size_t count) {
-  if (count == 1) return 0;
-  if (m_next == m_choices.size()) m_choices.push_back({0, count});
+// The first option is what is done if nobody wants another one.
+Worker* Schedule::Impl::Choose(const Workers& options, bool wantsAll) {
+  if (options.size() == 1) return options[0];
+  if (m_next == m_choices.size()) {
+    const bool isWanted = wantsAll || !m_limits.leavesOut;
+    m_choices.push_back({options, {}});
+    for (const Worker* option : options)
+      m_choices.back().states.push_back(isWanted || option == nullptr ? Choice::kWanted
+                                                                      : Choice::kNotWanted);
+    m_choices.back().states[0] = Choice::kDone;
+  }
   const Choice& choice = m_choices[m_next++];
-  if (choice.count == count) return choice.taken;
+  if (choice.options == options) return options[choice.taken];
   Fail("The same order came out differently");
-  return 0;
+  return options[0];
+}
+
+// Of two steps between which it matters the second one could have come first, with what leads to
+// it. Where its process had to wait, or the number of preemptions did not allow that, something
+// else may lead there.
+void Schedule::Impl::WantWhatMatters() {
+  if (!m_limits.leavesOut) return;
+  for (std::size_t later = 1; later < m_steps.size(); ++later)
+    for (std::size_t earlier = 0; earlier < later; ++earlier)
+      if (DoConflict(m_steps[earlier], m_steps[later])) {
+        Want(m_steps[earlier].choice, m_steps[later].worker);
+        Want(m_steps[earlier].block, m_steps[later].worker);
+      }
+}
+
+void Schedule::Impl::Want(std::size_t choice, const Worker* first) {
+  if (choice == kNone) return;
+  auto& [options, states, taken] = m_choices[choice];
+  const bool isThere = std::ranges::find(options, first) != options.end();
+  for (std::size_t i = 0; i < options.size(); ++i)
+    if (states[i] == Choice::kNotWanted && (!isThere || options[i] == first))
+      states[i] = Choice::kWanted;
 }
 
 // Those beside `self` that do not wait for a lock; or those that wait and poll for it.
-std::vector<Worker*> Schedule::Impl::FindOthers(const Worker& self, bool polling) const {
-  std::vector<Worker*> others;
+Schedule::Impl::Workers Schedule::Impl::FindOthers(const Worker& self, bool polling) const {
+  Workers others;
   for (std::size_t i = 0; i < m_count; ++i) {
     Worker& other = *m_workers[i];
     const bool waits = other.isWaiting && other.frees == m_frees;
@@ -148,20 +181,16 @@ std::vector<Worker*> Schedule::Impl::FindOthers(const Worker& self, bool polling
 }
 
 // Those that can go on when `self` cannot.
-std::vector<Worker*> Schedule::Impl::FindNext(const Worker& self) const {
-  std::vector<Worker*> next = FindOthers(self, false);
+Schedule::Impl::Workers Schedule::Impl::FindNext(const Worker& self) const {
+  Workers next = FindOthers(self, false);
   return next.empty() ? FindOthers(self, true) : next;
 }
 
-void Schedule::Impl::HandOver(Worker& from, Worker& to) {
-  to.go.release();
-  from.go.acquire();
-}
-
-void Schedule::Impl::Record(const Worker& self, const Step& step) {
+void Schedule::Impl::Record(Worker& self, Step step) {
+  step.worker = &self;
+  step.choice = self.choice;
+  step.block = m_block;
   m_steps.push_back(step);
-  m_steps.back().process = self.process->name;
-  if (m_owed && DoConflict(*m_owed, step)) m_owed.reset();
 }
 
 // Before a step: whether it is made. Without effect and answer if it is not.
@@ -169,23 +198,31 @@ bool Schedule::Impl::Enter(const Step& step) {
   Worker& self = *t_worker;
   if (self.isDead) return false;
   if (step.kind != kShare && step.kind != kLock) self.refused = {};
-  std::vector<Worker*> others;
-  if (m_preemptions < m_limits.preemptions) others = FindOthers(self, false);
-  for (;;) {
-    const bool isFixed = m_owed || m_isVain;
-    const bool mayDie = m_kills < m_limits.kills && self.process->mayBeKilled && step.mayBeLast &&
-                        (step.kind == kWrite || step.kind == kLock);
-    const std::size_t choice = isFixed ? 0 : Choose(1 + mayDie + others.size());
-    if (choice == 0) break;
-    if (choice == 1 && mayDie) {
-      Die(self);
-      return false;
-    }
+  const auto mayDie = [&] {
+    return m_kills < m_limits.kills && self.process->mayBeKilled && step.mayBeLast &&
+           (step.kind == kWrite || step.kind == kLock);
+  };
+  Workers options = {&self};
+  if (mayDie()) options.push_back(nullptr);
+  if (m_preemptions < m_limits.preemptions)
+    for (Worker* other : FindOthers(self, false))
+      options.push_back(other);
+  const std::size_t choice = options.size() > 1 ? m_next : kNone;
+  Worker* next = Choose(options, false);
+  if (next != nullptr && next != &self) {
     ++m_preemptions;
-    if (step.kind != kOther && m_limits.maps == 0) m_owed = step;
-    HandOver(self, *others[choice - 1 - mayDie]);
+    m_block = choice;
+    next->go.release();
+    self.go.acquire();
     if (self.isDead) return false;
-    others.clear();  // the one that went first could have let another one go on
+    // The one that went first could have let another one go on, so there is but one choice left.
+    next = &self;
+    if (mayDie()) next = Choose({&self, nullptr}, true);
+  }
+  self.choice = choice;
+  if (next == nullptr) {
+    Die(self);
+    return false;
   }
   Record(self, step);
   if (m_steps.size() > kEndless) {
@@ -197,35 +234,36 @@ bool Schedule::Impl::Enter(const Step& step) {
 
 // Until somebody has freed a lock; false if nobody will.
 bool Schedule::Impl::Wait(Worker& self, bool polls) {
-  m_isVain = m_isVain || m_owed;
   self.isWaiting = true;
   self.polls = polls;
   self.frees = m_frees;
-  const std::vector<Worker*> others = FindNext(self);
-  if (!others.empty()) HandOver(self, *others[Choose(m_isVain ? 1 : others.size())]);
+  const Workers others = FindNext(self);
+  if (!others.empty()) {
+    Worker* const next = Choose(others, true);
+    m_block = kNone;
+    next->go.release();
+    self.go.acquire();
+  }
   self.isWaiting = false;
   if (others.empty() && !polls) Fail("All wait for a lock");
   return !self.isDead && self.frees != m_frees;
 }
 
 void Schedule::Impl::Leave(Worker& self) {
-  m_isVain = m_isVain || m_owed;
   self.isDone = true;
-  self.process = nullptr;
-  std::vector<Worker*> others = FindNext(self);
-  const bool areStuck = others.empty();
-  for (std::size_t i = 0; i < m_count && areStuck; ++i)
-    if (!m_workers[i]->isDone) others.push_back(m_workers[i].get());
+  Workers others = FindNext(self);
   if (others.empty()) {
-    m_main.release();
-    return;
-  }
-  if (areStuck) {
-    Fail("All wait for a lock");
+    for (std::size_t i = 0; i < m_count; ++i)
+      if (!m_workers[i]->isDone) others.push_back(m_workers[i].get());
+    if (!others.empty()) Fail("All wait for a lock");
     for (Worker* other : others)
       other->isDead = true;
   }
-  others[areStuck || m_isVain ? 0 : Choose(others.size())]->go.release();
+  m_block = kNone;
+  if (others.empty())
+    m_main.release();
+  else
+    Choose(others, true)->go.release();
 }
 
 // Gives the mappings in which the worker could change a file memory of their own, with what is
@@ -250,7 +288,7 @@ void Schedule::Impl::Detach(const Worker& worker) {
 // The kernel closes its files and frees its locks.
 void Schedule::Impl::Die(Worker& self) {
   ++m_kills;
-  Record(self, {"is killed", kOther});
+  Record(self, {"is killed", kLock});
   self.isDead = true;
   ++m_frees;
   const int nothing = ::open("/dev/null", O_RDWR | O_CLOEXEC);
@@ -266,15 +304,15 @@ void Schedule::Impl::Serve(Worker& worker) {
     worker.go.acquire();
     if (m_isOver) return;
     worker.process->body();
-    if (!m_isRunning) std::abort();  // no Begin
-    Leave(worker);
+    if (m_isRunning)
+      Leave(worker);
+    else
+      m_main.release();
   }
 }
 
 void Schedule::Impl::Run(const std::vector<Process>& processes) {
   m_next = m_preemptions = m_kills = 0;
-  m_owed.reset();
-  m_isVain = false;
   m_steps.clear();
   m_failure.clear();
   m_mappings.clear();
@@ -284,25 +322,33 @@ void Schedule::Impl::Run(const std::vector<Process>& processes) {
     m_workers.back()->thread =
         std::thread([this, worker = m_workers.back().get()] { Serve(*worker); });
   }
+  Workers all;
   for (std::size_t i = 0; i < m_count; ++i) {
     Worker& worker = *m_workers[i];
     worker.process = &processes[i];
-    worker.isDone = worker.isDead = worker.isWaiting = false;
+    worker.isDone = worker.hasEnded = worker.isDead = worker.isWaiting = false;
+    worker.choice = kNone;
     worker.files.clear();
     worker.go.release();
     m_main.acquire();  // until it begins
+    all.push_back(&worker);
   }
   m_isRunning = true;
-  m_workers[Choose(m_count)]->go.release();
+  m_block = kNone;
+  Choose(all, true)->go.release();
   m_main.acquire();
   m_isRunning = false;
+  for (Worker* worker : all)
+    if (worker->hasEnded) {
+      worker->go.release();
+      m_main.acquire();
+    }
+  WantWhatMatters();
 }
 
 namespace {
 
-bool IsRunning() { return g_impl->IsRunning(t_worker); }
-
-bool Enter(const Step& step) { return !IsRunning() || g_impl->Enter(step); }
+bool IsRunning() { return t_worker != nullptr && g_impl->m_isRunning; }
 
 template <typename Result>
 Result Refuse() {
@@ -468,23 +514,25 @@ void Install(Zarn::FileSyscalls& calls) {
   PASS(renameNoReplace, kWrite)
   PASS(renameExchange, kWrite)
   PASS(fstat, kLook)
+  PASS(fstatfs, kNothing)
+  PASS(madvise, kNothing)
   PASS(stat, kLook)
   PASS(statx, kLook)
-  PASS(sync_file_range, kOther)
-  PASS(fchmod, kOther)
-  PASS(fchown, kOther)
-  PASS(getxattr, kOther)
-  PASS(fgetxattr, kOther)
-  PASS(fsetxattr, kOther)
-  PASS(fremovexattr, kOther)
-  PASS(mkdir, kOther)
+  PASS(sync_file_range, kNothing)
+  PASS(fchmod, kNothing)
+  PASS(fchown, kNothing)
+  PASS(getxattr, kNothing)
+  PASS(fgetxattr, kNothing)
+  PASS(fsetxattr, kNothing)
+  PASS(fremovexattr, kNothing)
+  PASS(mkdir, kNothing)
 #undef PASS
 }
 
 }  // namespace
 
-Schedule::Schedule(Limits limits) : m_impl(new Impl(std::move(limits))) {
-  if (std::exchange(g_impl, m_impl) != nullptr) std::abort();
+Schedule::Schedule(Limits limits) : m_impl(std::make_unique<Impl>(std::move(limits))) {
+  if (std::exchange(g_impl, m_impl.get()) != nullptr) std::abort();
   g_calls = Zarn::GetFileSyscalls();
   Install(Zarn::GetFileSyscalls());
 }
@@ -497,19 +545,25 @@ Schedule::~Schedule() {
   }
   Zarn::GetFileSyscalls() = g_calls;
   g_impl = nullptr;
-  delete m_impl;
 }
 
+// The last choice of which not all is done that is wanted.
 bool Schedule::Next() {
   Impl& impl = *m_impl;
-  auto& choices = impl.m_choices;
-  while (!choices.empty() && choices.back().taken + 1 == choices.back().count)
-    choices.pop_back();
-  impl.m_isComplete = impl.m_orders > 0 && choices.empty();
-  if (impl.m_isComplete || impl.m_orders == impl.m_limits.orders) return false;
-  if (!choices.empty()) ++choices.back().taken;
-  ++impl.m_orders;
-  return true;
+  if (impl.m_orders == impl.m_limits.orders) return false;
+  while (!impl.m_choices.empty()) {
+    auto& [options, states, taken] = impl.m_choices.back();
+    const auto wanted = std::ranges::find(states, Impl::Choice::kWanted);
+    if (wanted != states.end()) {
+      *wanted = Impl::Choice::kDone;
+      taken = static_cast<std::size_t>(wanted - states.begin());
+      break;
+    }
+    impl.m_choices.pop_back();
+  }
+  impl.m_isComplete = impl.m_orders > 0 && impl.m_choices.empty();
+  impl.m_orders += !impl.m_isComplete;
+  return !impl.m_isComplete;
 }
 
 void Schedule::Run(const std::vector<Process>& processes) { m_impl->Run(processes); }
@@ -519,18 +573,30 @@ void Schedule::Begin() {
   t_worker->go.acquire();
 }
 
+void Schedule::End() {
+  if (t_worker->isDead) return;
+  t_worker->hasEnded = true;
+  g_impl->Leave(*t_worker);
+  t_worker->go.acquire();
+}
+
+void Schedule::Listen(const char* what) {
+  if (IsRunning()) g_impl->Enter({what, kHear});
+}
+
+void Schedule::Tell(const char* what) {
+  if (IsRunning() && !t_worker->isDead) g_impl->Record(*t_worker, {what, kTell});
+}
+
 bool Schedule::IsAlive() { return !t_worker->isDead; }
 
-bool Schedule::Pause(const char* what) { return Enter({what, kOther}); }
-
-// One line for each time that another one goes on.
 std::string Schedule::Describe() const {
   constexpr off_t kLocks = off_t{1} << 62;
   std::ostringstream text;
   const Step* last = nullptr;
   for (const Step& step : m_impl->m_steps) {
-    const bool isSame = last != nullptr && last->process == step.process;
-    text << (isSame ? ", " : "\n  "s + step.process + ": ") << step.what;
+    const bool isSame = last != nullptr && last->worker == step.worker;
+    text << (isSame ? ", " : "\n  "s + step.worker->process->name + ": ") << step.what;
     if (step.size != SIZE_MAX)
       text << ' ' << (step.position >= kLocks - 1 ? step.position - kLocks : step.position) << '+'
            << step.size;
