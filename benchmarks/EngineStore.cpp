@@ -13,12 +13,13 @@ class EngineReader : public Reader {
  public:
   EngineReader(ZrCompactFile& file, const Tiles& tiles) : m_file(file), m_tiles(tiles) {}
 
-  void Get(unsigned int tile) override {
+  Bytes Get(unsigned int tile) override {
     unsigned long long filled = 0;
     Check(0 == (m_tiles.IsNamed()
                     ? m_file.Lookup(m_tiles.names[tile], m_data, filled, kStamp)
                     : m_file.Lookup(tile / kColumns, tile % kColumns, m_data, filled, kStamp)));
     Check(filled != 0);
+    return {m_data.GetData(), m_data.GetSize()};
   }
 
  private:
@@ -38,13 +39,10 @@ class EngineStore : public Store {
                                         : m_file.Create(path, tiles.Rows(), kColumns, u"", mode)));
   }
 
-  // The bytes are there from the first time on: setting the size neither copies nor clears any.
-  void Put(unsigned int tile, std::size_t size) override {
-    if (m_data.IsEmpty()) m_data.Assign(m_tiles.payload.data(), m_tiles.payload.size());
-    Check(m_data.ResizeForOverwrite(size));
+  void Put(unsigned int tile, const ZrByteArray& data) override {
     Check(0 == (m_tiles.IsNamed()
-                    ? m_file.SetAt(m_tiles.names[tile], m_data, 0, 0, kStamp)
-                    : m_file.SetAt(tile / kColumns, tile % kColumns, m_data, 0, 0, kStamp)));
+                    ? m_file.SetAt(m_tiles.names[tile], data, 0, 0, kStamp)
+                    : m_file.SetAt(tile / kColumns, tile % kColumns, data, 0, 0, kStamp)));
   }
 
   void PutBatch(const Batch& batch) override {
@@ -59,7 +57,6 @@ class EngineStore : public Store {
  private:
   const Tiles& m_tiles;
   ZrCompactFile m_file;
-  ZrByteArray m_data;
   std::vector<unsigned int> m_results;
 };
 

@@ -44,7 +44,7 @@ class LimitStore : public Store {
   LimitStore(const LimitStore&) = delete;
   LimitStore& operator=(const LimitStore&) = delete;
 
-  void Put(unsigned int tile, std::size_t size) override;
+  void Put(unsigned int tile, const Zarn::ZrByteArray& data) override;
   void PutBatch(const Batch& batch) override;
   std::unique_ptr<Reader> NewReader() override;
   std::unique_ptr<Reader> NewMappedReader() override;
@@ -75,10 +75,11 @@ class LimitStore::PlainReader : public Reader {
   explicit PlainReader(const LimitStore& store)
       : m_store(store), m_buffer(store.m_tiles.payload.size()) {}
 
-  void Get(unsigned int tile) override {
+  Bytes Get(unsigned int tile) override {
     const std::size_t size = m_store.m_room[tile];
     Check(::pread(m_store.m_file, m_buffer.data(), size,
                   m_store.m_positions[tile] + off_t{kHeadSize}) == static_cast<ssize_t>(size));
+    return {m_buffer.data(), size};
   }
 
  private:
@@ -91,11 +92,12 @@ class LimitStore::MappedReader : public Reader {
   explicit MappedReader(const LimitStore& store)
       : m_store(store), m_buffer(store.m_tiles.payload.size()) {}
 
-  void Get(unsigned int tile) override {
+  Bytes Get(unsigned int tile) override {
     std::memcpy(
         m_buffer.data(),
         static_cast<unsigned char*>(m_store.m_mapping) + m_store.m_positions[tile] + kHeadSize,
         m_store.m_room[tile]);
+    return {m_buffer.data(), m_store.m_room[tile]};
   }
 
  private:
@@ -137,7 +139,8 @@ void LimitStore::WriteCount() {
   Write(m_file, kCount, sizeof kCount, 64);
 }
 
-void LimitStore::Put(unsigned int tile, std::size_t size) {
+void LimitStore::Put(unsigned int tile, const Zarn::ZrByteArray& data) {
+  const std::size_t size = data.GetSize();
   const bool isNew = m_positions[tile] == 0;
   if (size > m_room[tile]) {
     m_positions[tile] = m_end;
@@ -145,7 +148,7 @@ void LimitStore::Put(unsigned int tile, std::size_t size) {
     m_end += static_cast<off_t>(kHeadSize + size);
   }
   const std::array<off_t, 2> entry = {m_positions[tile], 0};
-  const iovec parts[] = {Part(kHead.data(), kHeadSize), Part(m_tiles.payload.data(), size)};
+  const iovec parts[] = {Part(kHead.data(), kHeadSize), Part(data.GetData(), size)};
   Check(::pwritev(m_file, parts, 2, m_positions[tile]) == static_cast<ssize_t>(kHeadSize + size));
   Write(m_file, entry.data(), GetEntrySize(), GetEntryPlace(tile));
   if (isNew && m_tiles.IsNamed()) WriteCount();

@@ -25,9 +25,9 @@ class LmdbStore : public Store {
   LmdbStore(const LmdbStore&) = delete;
   LmdbStore& operator=(const LmdbStore&) = delete;
 
-  void Put(unsigned int tile, std::size_t size) override {
+  void Put(unsigned int tile, const Zarn::ZrByteArray& data) override {
     MDB_txn* transaction = Begin(0);
-    Put(transaction, tile, m_tiles.payload.data(), size, 0);
+    Put(transaction, tile, data, 0);
     Check(mdb_txn_commit(transaction) == 0);
   }
 
@@ -36,7 +36,7 @@ class LmdbStore : public Store {
     const unsigned int flags = m_tiles.IsNamed() ? 0 : MDB_APPEND;
     MDB_txn* transaction = Begin(0);
     for (unsigned int i = 0; i < batch.data.size(); ++i)
-      Put(transaction, batch.first + i, batch.data[i].GetData(), batch.data[i].GetSize(), flags);
+      Put(transaction, batch.first + i, batch.data[i], flags);
     Check(mdb_txn_commit(transaction) == 0);
   }
 
@@ -55,13 +55,14 @@ class LmdbStore : public Store {
     TileReader(const TileReader&) = delete;
     TileReader& operator=(const TileReader&) = delete;
 
-    void Get(unsigned int tile) override {
+    Bytes Get(unsigned int tile) override {
       MDB_val key = m_store.KeyOf(tile);
       MDB_val value;
       Check(mdb_txn_renew(m_transaction) == 0 &&
             mdb_get(m_transaction, m_store.m_database, &key, &value) == 0);
       std::memcpy(m_buffer.data(), value.mv_data, value.mv_size);
       mdb_txn_reset(m_transaction);
+      return {m_buffer.data(), value.mv_size};
     }
 
    private:
@@ -75,10 +76,10 @@ class LmdbStore : public Store {
     Check(mdb_txn_begin(m_environment, nullptr, flags, &transaction) == 0);
     return transaction;
   }
-  void Put(MDB_txn* transaction, unsigned int tile, const unsigned char* bytes, std::size_t size,
+  void Put(MDB_txn* transaction, unsigned int tile, const Zarn::ZrByteArray& data,
            unsigned int flags) {
     MDB_val key = KeyOf(tile);
-    MDB_val value = {size, const_cast<unsigned char*>(bytes)};
+    MDB_val value = {data.GetSize(), const_cast<unsigned char*>(data.GetData())};
     Check(mdb_put(transaction, m_database, &key, &value, flags) == 0);
   }
   MDB_val KeyOf(unsigned int& tile) const {

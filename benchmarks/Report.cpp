@@ -150,7 +150,7 @@ std::string Report::GetGoals() const {
 // A group of bars for each speed row, a line where the limit is.
 std::string Report::GetChart() const {
   constexpr const char* kColours[] = {"#9aa5b1", "#1f5fa8", "#4f93d8", "#12a27c",
-                                      "#c7ccd3", "#e08a2e", "#b5483c", "#7c6bb0"};
+                                      "#7ccbb2", "#c7ccd3", "#e08a2e", "#b5483c"};
   constexpr int kLeft = 240, kUnit = 260, kBar = 12, kWidth = 800;
   constexpr double kMost = 2;  // longer bars are cut, their number tells
   const Cells columns = GetColumns();
@@ -166,7 +166,7 @@ std::string Report::GetChart() const {
   };
   std::string legend;
   for (std::size_t i = 1; i < columns.size(); ++i) {
-    const int x = 10 + static_cast<int>(i - 1) * 130;
+    const int x = 10 + static_cast<int>(i - 1) * 112;
     legend += bar(x, 22, 10, kColours[i % std::size(kColours)]) + text(x + 15, 31, "", columns[i]);
   }
   for (const Row& row : m_rows) {

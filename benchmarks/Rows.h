@@ -13,7 +13,8 @@ namespace Bench {
 inline constexpr char kEngine[] = "engine";
 inline constexpr char kLocked[] = "process lock";  // the engine with the lock between processes
 inline constexpr char kMapped[] = "mapped";        // the engine, reading through a mapping
-inline constexpr char kMemcpy[] = "memcpy";        // the limit of that: a mapping and nothing else
+inline constexpr char kMappedLocked[] = "mapped + lock";  // both
+inline constexpr char kMemcpy[] = "memcpy";  // the limit of that: a mapping and nothing else
 inline constexpr char kLmdb[] = "LMDB";
 inline constexpr char kSqlite[] = "SQLite";
 
@@ -25,7 +26,9 @@ struct Scale {
   unsigned int rounds = 3;        // of stores
   unsigned int stored = 16384;    // tiles in a round
   unsigned int rewritten = 8192;  // of them, once by others as large and once by larger ones
-  unsigned int shared = 8192;     // more tiles, stored by one of two processes
+  unsigned int turns = 7;         // of two processes
+  unsigned int longTurns = 5;     // of many processes, and of those that store at a given pace
+  unsigned int paced = 500;       // stores of one of these
   unsigned int slice = 2048;      // what is timed at once
   unsigned int names = 1000000;   // in a file to be opened
 };
@@ -35,7 +38,7 @@ struct Contender {
   std::string column;
   std::filesystem::path folder;
   Opener opener;
-  Opener sharedOpener;  // for several processes; none: takes no part
+  bool isShared;  // several processes may use it at the same time
   std::unique_ptr<Store> store;
 };
 
@@ -54,6 +57,7 @@ void InTurns(unsigned int repetitions, std::vector<Item>& items, Action action) 
 // Each adds its rows to the report, and works in a folder of its own.
 void MeasureLookups(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureStores(Report& report, const Scale& scale, const std::filesystem::path& folder);
+void MeasureProcesses(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureNamedStores(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureVersions(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureOpening(Report& report, const Scale& scale, const std::filesystem::path& folder);
@@ -62,9 +66,12 @@ void MeasureCalls(Report& report, const Scale& scale, const std::filesystem::pat
 /// The length of the files of closed stores, and the memory that a process needs which reads all
 /// tiles of one.
 void MeasureSpace(Report& report, std::vector<Contender>& closed, const Tiles& tiles);
-/// One process stores the tiles from number `scale.stored` on, and another one looks up those
-/// before, without pause.
-void MeasureTwoProcesses(Report& report, std::vector<Contender>& closed, const Tiles& tiles,
-                         const Scale& scale);
+/// Processes that look up all tiles, alone and many together.
+void MeasureManyProcesses(Report& report, std::vector<Contender>& closed, const Tiles& tiles,
+                          const Scale& scale);
+/// A process that stores, beside others that look up the first `scale.stored` tiles, which are
+/// there.
+void MeasureWriters(Report& report, std::vector<Contender>& closed, const Tiles& tiles,
+                    const Scale& scale);
 
 }  // namespace Bench

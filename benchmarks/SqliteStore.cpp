@@ -52,13 +52,14 @@ class SqliteReader : public Reader {
         m_select(path, "SELECT data FROM tiles WHERE id = ?"),
         m_buffer(tiles.payload.size()) {}
 
-  void Get(unsigned int tile) override {
+  Bytes Get(unsigned int tile) override {
     m_select.BindKey(m_tiles, tile);
     Check(sqlite3_step(m_select.Get()) == SQLITE_ROW);
     const void* blob = sqlite3_column_blob(m_select.Get(), 0);
-    const int size = sqlite3_column_bytes(m_select.Get(), 0);
-    std::memcpy(m_buffer.data(), blob, static_cast<std::size_t>(size));
+    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(m_select.Get(), 0));
+    std::memcpy(m_buffer.data(), blob, size);
     sqlite3_reset(m_select.Get());
+    return {m_buffer.data(), size};
   }
 
  private:
@@ -76,14 +77,12 @@ class SqliteStore : public Store {
       Statement(m_path, "").Run("CREATE TABLE tiles (id " + type + " PRIMARY KEY, data BLOB)");
   }
 
-  void Put(unsigned int tile, std::size_t size) override {
-    Insert(tile, m_tiles.payload.data(), size);
-  }
+  void Put(unsigned int tile, const Zarn::ZrByteArray& data) override { Insert(tile, data); }
 
   void PutBatch(const Batch& batch) override {
     GetInsert().Run("BEGIN");
     for (unsigned int i = 0; i < batch.data.size(); ++i)
-      Insert(batch.first + i, batch.data[i].GetData(), batch.data[i].GetSize());
+      Insert(batch.first + i, batch.data[i]);
     GetInsert().Run("COMMIT");
   }
 
@@ -97,10 +96,10 @@ class SqliteStore : public Store {
       m_insert = std::make_unique<Statement>(m_path, "INSERT OR REPLACE INTO tiles VALUES (?, ?)");
     return *m_insert;
   }
-  void Insert(unsigned int tile, const unsigned char* bytes, std::size_t size) {
+  void Insert(unsigned int tile, const Zarn::ZrByteArray& data) {
     Statement& insert = GetInsert();
     insert.BindKey(m_tiles, tile);
-    sqlite3_bind_blob64(insert.Get(), 2, bytes, size, SQLITE_STATIC);
+    sqlite3_bind_blob64(insert.Get(), 2, data.GetData(), data.GetSize(), SQLITE_STATIC);
     Check(sqlite3_step(insert.Get()) == SQLITE_DONE);
     sqlite3_reset(insert.Get());
   }

@@ -15,8 +15,8 @@ namespace Bench {
 class Reader {
  public:
   virtual ~Reader() = default;
-  /// Copies a tile into memory of the reader's own.
-  virtual void Get(unsigned int tile) = 0;
+  /// Copies a tile into memory of the reader's own, and gives that.
+  virtual Bytes Get(unsigned int tile) = 0;
 };
 
 /// Neighbouring tiles to be stored at once, each with memory of its own.
@@ -36,7 +36,7 @@ struct Batch {
 class Store {
  public:
   virtual ~Store() = default;
-  virtual void Put(unsigned int tile, std::size_t size) = 0;
+  virtual void Put(unsigned int tile, const Zarn::ZrByteArray& data) = 0;
   virtual void PutBatch(const Batch& batch) = 0;
   virtual std::unique_ptr<Reader> NewReader() = 0;
   /// One that copies from a mapping of all tiles put before and does nothing else; the limit's

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -37,6 +38,12 @@ class WorkFolder {
  private:
   std::filesystem::path m_path;
 };
+
+/// Writes back what is dirty on that file system, so that nothing is while others are measured.
+inline void Settle(const std::filesystem::path& folder) {
+  const int file = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  Check(file >= 0 && ::syncfs(file) == 0 && ::close(file) == 0);
+}
 
 /// What follows an option on the command line.
 inline std::string FindOption(int argc, char** argv, const std::string& option,

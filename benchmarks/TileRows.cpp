@@ -1,7 +1,4 @@
-// Stores and lookups by one process, and by one or two threads of it.
-
-#include <fcntl.h>
-#include <unistd.h>
+// Stores and lookups by one process, and by some threads of it.
 
 #include <barrier>
 #include <thread>
@@ -26,10 +23,8 @@ void CloseAll(std::vector<Contender>& contenders) {
     contender.store.reset();
 }
 
-// Writes back what is dirty on that file system, so that nothing is while others are measured.
-void Settle(const fs::path& folder) {
-  const int file = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  Check(file >= 0 && ::syncfs(file) == 0 && ::close(file) == 0);
+void KeepShared(std::vector<Contender>& contenders) {
+  std::erase_if(contenders, [](const Contender& contender) { return !contender.isShared; });
 }
 
 // Each contender makes `count` calls of `put`, numbered from 0 on, a slice at a time.
@@ -47,15 +42,18 @@ void MeasurePuts(Row& row, std::vector<Contender>& contenders, unsigned int coun
 
 void MeasureNewTiles(Report& report, const std::string& what, std::vector<Contender>& contenders,
                      const Tiles& tiles, const Scale& scale) {
+  Payload payload(tiles);
   MeasurePuts(report.Speed(what), contenders, scale.stored, scale.slice,
-              [&](Store& store, unsigned int i) { store.Put(i, tiles.sizes[i]); });
+              [&](Store& store, unsigned int i) { store.Put(i, payload.Next(i, tiles.sizes[i])); });
 }
 
 // In turns as well: then nobody's pages lie in memory of another kind than the others'.
-void Fill(std::vector<Contender>& contenders, const Tiles& tiles, unsigned int slice) {
-  InTurns(tiles.Count() / slice, contenders, [&](Contender& contender, unsigned int repetition) {
-    for (unsigned int i = 0; i < slice; ++i)
-      contender.store->Put(repetition * slice + i, tiles.sizes[repetition * slice + i]);
+void Fill(std::vector<Contender>& contenders, const Tiles& tiles, unsigned int count,
+          unsigned int slice) {
+  Payload payload(tiles);
+  InTurns(count / slice, contenders, [&](Contender& contender, unsigned int repetition) {
+    for (unsigned int tile = repetition * slice; tile < (repetition + 1) * slice; ++tile)
+      contender.store->Put(tile, payload.Next(tile, tiles.sizes[tile]));
   });
   Settle(contenders.front().folder);
 }
@@ -66,11 +64,12 @@ struct Looker {
   std::function<std::unique_ptr<Reader>()> newReader;
 };
 
-// Every thread looks up all tiles, each beginning elsewhere. Seconds per tile, from when the first
-// one begins to when the last one ends.
+// Each thread begins elsewhere. Up to two look up all tiles each, more of them as many together as
+// two. Seconds per tile, from when the first one begins to when the last one ends.
 double MeasureGets(const Looker& looker, const std::vector<unsigned int>& order,
                    unsigned int threads) {
   using Clock = std::chrono::steady_clock;
+  const std::size_t count = std::min(order.size(), order.size() * 2 / threads);
   std::vector<Clock::time_point> starts(threads), ends(threads);
   std::barrier together(threads);
   const auto work = [&](unsigned int thread) {
@@ -78,7 +77,7 @@ double MeasureGets(const Looker& looker, const std::vector<unsigned int>& order,
     const std::size_t first = thread * order.size() / threads;
     together.arrive_and_wait();
     starts[thread] = Clock::now();
-    for (std::size_t i = 0; i < order.size(); ++i)
+    for (std::size_t i = 0; i < count; ++i)
       reader->Get(order[(first + i) % order.size()]);
     ends[thread] = Clock::now();
   };
@@ -89,11 +88,11 @@ double MeasureGets(const Looker& looker, const std::vector<unsigned int>& order,
     thread.join();
   const std::chrono::duration<double> time =
       *std::max_element(ends.begin(), ends.end()) - *std::min_element(starts.begin(), starts.end());
-  return time.count() / static_cast<double>(threads * order.size());
+  return time.count() / static_cast<double>(threads * count);
 }
 
 void MeasureGets(Report& report, const std::string& what, std::vector<Contender>& contenders,
-                 const Scale& scale) {
+                 const std::vector<unsigned int>& threadCounts, const Scale& scale) {
   std::vector<Looker> lookers;
   for (Contender& contender : contenders) {
     Store& store = *contender.store;
@@ -102,16 +101,17 @@ void MeasureGets(Report& report, const std::string& what, std::vector<Contender>
       lookers.push_back({kMemcpy, [&] { return store.NewMappedReader(); }});
   }
   const std::vector<unsigned int> order = Shuffled(scale.tiles);
-  Row& one = report.Speed(what + ", 1 thread");
-  Row& two = report.Speed(what + ", 2 threads");
-  Row& gain = report.Figure(what + ", 2 threads : 1 thread", "times");
+  const std::string one = what + ", 1 thread";
   InTurns(scale.passes, lookers, [&](const Looker& looker, unsigned int) {
     double alone = 0;
     const double seconds = CpuSeconds([&] { alone = MeasureGets(looker, order, 1); });
-    const double together = MeasureGets(looker, order, 2);
-    one.Add(looker.column, seconds / scale.tiles);
-    two.Add(looker.column, together);
-    gain.Add(looker.column, alone / together);
+    report.Speed(one).Add(looker.column, seconds / scale.tiles);
+    for (const unsigned int threads : threadCounts) {
+      const std::string many = what + ", " + std::to_string(threads) + " threads";
+      const double together = MeasureGets(looker, order, threads);
+      report.Speed(many).Add(looker.column, together);
+      report.Figure(many + " : 1 thread", "times").Add(looker.column, alone / together);
+    }
   });
 }
 
@@ -119,18 +119,23 @@ void MeasureGets(Report& report, const std::string& what, std::vector<Contender>
 void MeasureRewrites(Report& report, std::vector<Contender>& contenders, const Tiles& tiles,
                      const Scale& scale) {
   const std::vector<unsigned int> order = Shuffled(scale.stored);
-  MeasurePuts(report.Speed("rewrite, same size"), contenders, scale.rewritten, scale.slice,
-              [&](Store& store, unsigned int i) { store.Put(order[i], tiles.sizes[order[i]]); });
-  MeasurePuts(
-      report.Speed("rewrite, 1.5 times larger"), contenders, scale.rewritten, scale.slice,
-      [&](Store& store, unsigned int i) { store.Put(order[i], tiles.sizes[order[i]] * 3 / 2); });
+  Payload payload(tiles);
+  const auto measure = [&](const char* what, unsigned int halves) {
+    MeasurePuts(report.Speed(what), contenders, scale.rewritten, scale.slice,
+                [&](Store& store, unsigned int i) {
+                  store.Put(order[i], payload.Next(order[i], tiles.sizes[order[i]] * halves / 2));
+                });
+  };
+  measure("rewrite, same size", 2);
+  measure("rewrite, 1.5 times larger", 3);
 }
 
 void MeasureBatches(Report& report, const std::string& what, const fs::path& folder,
                     const Tiles& tiles, const Scale& scale) {
   std::vector<Contender> contenders = MakeContenders(folder);
   std::erase_if(contenders, [](const Contender& contender) {
-    return contender.column == kLocked || contender.column == kMapped;
+    const std::string& column = contender.column;
+    return column == kLocked || column == kMapped || column == kMappedLocked;
   });
   OpenAll(contenders, tiles, Access::kMake);
   Row& row = report.Speed(what);
@@ -149,33 +154,42 @@ std::vector<Contender> MakeContenders(const fs::path& folder) {
   constexpr auto kShared = kPlain | ZrCompactFile::kProcessLock;
   fs::remove_all(folder);
   std::vector<Contender> contenders;
-  const auto add = [&](const char* column, const Opener& opener, const Opener& sharedOpener) {
+  const auto add = [&](const char* column, const Opener& opener, bool isShared) {
     fs::create_directories(folder / column);
-    contenders.push_back({column, folder / column, opener, sharedOpener, nullptr});
+    contenders.push_back({column, folder / column, opener, isShared, nullptr});
   };
-  add(kLimit, OpenLimit, OpenLimit);
-  add(kEngine, EngineOpener(kPlain), nullptr);
-  add(kLocked, EngineOpener(kShared), EngineOpener(kShared));
-  add(kMapped, EngineOpener(kPlain | ZrCompactFile::kMapped),
-      EngineOpener(kShared | ZrCompactFile::kMapped));
-  add(kLmdb, OpenLmdb, OpenLmdb);
-  add(kSqlite, OpenSqlite, OpenSqlite);
+  add(kLimit, OpenLimit, true);
+  add(kEngine, EngineOpener(kPlain), false);
+  add(kLocked, EngineOpener(kShared), true);
+  add(kMapped, EngineOpener(kPlain | ZrCompactFile::kMapped), false);
+  add(kMappedLocked, EngineOpener(kShared | ZrCompactFile::kMapped), true);
+  add(kLmdb, OpenLmdb, true);
+  add(kSqlite, OpenSqlite, true);
   return contenders;
 }
 
 void MeasureStores(Report& report, const Scale& scale, const fs::path& folder) {
-  const Tiles tiles = MapTiles(scale.stored + scale.shared);
+  const Tiles tiles = MapTiles(scale.stored);
   for (unsigned int i = 0; i < scale.rounds; ++i) {
     std::vector<Contender> contenders = MakeContenders(folder);
     OpenAll(contenders, tiles, Access::kMake);
     MeasureNewTiles(report, "put each", contenders, tiles, scale);
     CloseAll(contenders);
-    MeasureTwoProcesses(report, contenders, tiles, scale);
     OpenAll(contenders, tiles, Access::kOpen);
     MeasureRewrites(report, contenders, tiles, scale);
     CloseAll(contenders);
     MeasureBatches(report, "batch put", folder, tiles, scale);
   }
+}
+
+void MeasureProcesses(Report& report, const Scale& scale, const fs::path& folder) {
+  const Tiles tiles = MapTiles(scale.stored + scale.turns * scale.slice);
+  std::vector<Contender> contenders = MakeContenders(folder);
+  KeepShared(contenders);
+  OpenAll(contenders, tiles, Access::kMake);
+  Fill(contenders, tiles, scale.stored, scale.slice);
+  CloseAll(contenders);
+  MeasureWriters(report, contenders, tiles, scale);
 }
 
 void MeasureNamedStores(Report& report, const Scale& scale, const fs::path& folder) {
@@ -195,11 +209,14 @@ void MeasureLookups(Report& report, const Scale& scale, const fs::path& folder) 
   for (const char* what : {"random get", "named get"}) {
     std::vector<Contender> contenders = MakeContenders(folder);
     OpenAll(contenders, tiles, Access::kMake);
-    Fill(contenders, tiles, scale.slice);
-    MeasureGets(report, what, contenders, scale);
+    Fill(contenders, tiles, scale.tiles, scale.slice);
+    MeasureGets(report, what, contenders, tiles.IsNamed() ? std::vector{2U} : std::vector{2U, 8U},
+                scale);
     CloseAll(contenders);
     if (tiles.IsNamed()) break;
     MeasureSpace(report, contenders, tiles);
+    KeepShared(contenders);
+    MeasureManyProcesses(report, contenders, tiles, scale);
     tiles.MakeNames();
   }
 }
@@ -211,11 +228,12 @@ void MeasureVersions(Report& report, const Scale& scale, const fs::path& folder)
   ZrCompactFile file;
   Check(file.Create(PelmUnicodeString::FromUtf8((folder / "tiles.cf").string()), tiles.Rows(),
                     kColumns, u"", 0) == 0);
+  Payload payload(tiles);
   for (const unsigned long long stamp : {5ULL, 9ULL})
     for (unsigned int i = 0; i < tiles.Count(); ++i) {
-      const ZrByteArray data(tiles.payload.data(), tiles.sizes[i]);
+      const ZrByteArray& data = payload.Next(i, tiles.sizes[i]);
       Check(file.SetAt(i / kColumns, i % kColumns, data, 0, 0, stamp) == 0);
-      if (stamp == 5) limit->Put(i, tiles.sizes[i]);
+      if (stamp == 5) limit->Put(i, data);
     }
   const std::unique_ptr<Reader> reader = limit->NewReader();
   ZrByteArray data;

@@ -1,17 +1,25 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <numeric>
 #include <random>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "PelmUnicodeString.h"
+#include "Support.h"
+#include "ZrByteArray.h"
 
 namespace Bench {
 
 inline constexpr unsigned int kColumns = 256;  // of a grid
+
+using Bytes = std::span<const unsigned char>;
 
 /// What a benchmark stores: so many tiles of given sizes, in cells or by names.
 struct Tiles {
@@ -47,11 +55,46 @@ inline Tiles MapTiles(unsigned int count) {
   return Tiles(std::move(sizes));
 }
 
+/// What tells one store of a tile from others; it lies at both ends of the bytes.
+struct Mark {
+  std::uint32_t tile, store;
+
+  bool operator==(const Mark&) const = default;
+};
+
+inline Mark MarkAt(const unsigned char* bytes) {
+  Mark mark = {};
+  std::memcpy(&mark, bytes, sizeof mark);
+  return mark;
+}
+
+/// The bytes to store, other ones each time.
+class Payload {
+ public:
+  explicit Payload(const Tiles& tiles)
+      : m_data(tiles.payload.data(), tiles.payload.size()),
+        m_store(static_cast<std::uint32_t>(
+            std::chrono::steady_clock::now().time_since_epoch().count())) {}
+
+  // All bytes are there from the beginning: setting the size neither copies nor clears any.
+  const Zarn::ZrByteArray& Next(unsigned int tile, std::size_t size) {
+    const Mark mark = {tile, m_store++};
+    Check(m_data.ResizeForOverwrite(size));
+    std::memcpy(m_data.GetData(), &mark, sizeof mark);
+    std::memcpy(m_data.GetData() + size - sizeof mark, &mark, sizeof mark);
+    return m_data;
+  }
+
+ private:
+  Zarn::ZrByteArray m_data;
+  std::uint32_t m_store;
+};
+
 /// The first `count` tiles in an order of chance.
-inline std::vector<unsigned int> Shuffled(unsigned int count) {
+inline std::vector<unsigned int> Shuffled(unsigned int count, unsigned int seed = 1) {
   std::vector<unsigned int> order(count);
   std::iota(order.begin(), order.end(), 0U);
-  std::shuffle(order.begin(), order.end(), std::mt19937(1));
+  std::shuffle(order.begin(), order.end(), std::mt19937(seed));
   return order;
 }
 

@@ -1,8 +1,8 @@
 // The engine beside the bare system calls that move the same bytes, and beside LMDB and SQLite
 // doing the same; and what such calls cost.
 //   engine_bench [--quick] [--only SECTION] [--out FOLDER]
-// Sections: lookups, stores, names, versions, opening, calls. FOLDER (build/bench) receives tables
-// and a chart.
+// Sections: lookups, stores, processes, names, versions, opening, calls. FOLDER (build/bench)
+// receives tables and a chart.
 //
 // Work of one thread is measured by the time of the processor that it takes, all else by the clock.
 
@@ -21,16 +21,16 @@ constexpr Scale kQuick = {.tiles = 16384,
                           .rounds = 1,
                           .stored = 16384,
                           .rewritten = 8192,
-                          .shared = 8192,
+                          .turns = 3,
+                          .longTurns = 3,
+                          .paced = 400,
                           .slice = 2048,
                           .names = 131072};
 
 using Measure = void (*)(Report&, const Scale&, const std::filesystem::path&);
-constexpr std::pair<const char*, Measure> kSections[] = {{"lookups", MeasureLookups},
-                                                         {"stores", MeasureStores},
-                                                         {"names", MeasureNamedStores},
-                                                         {"versions", MeasureVersions},
-                                                         {"opening", MeasureOpening}};
+constexpr std::pair<const char*, Measure> kSections[] = {
+    {"lookups", MeasureLookups},   {"stores", MeasureStores},     {"processes", MeasureProcesses},
+    {"names", MeasureNamedStores}, {"versions", MeasureVersions}, {"opening", MeasureOpening}};
 
 void AddGoals(Report& report) {
   for (const char* put : {"put each", "named put"}) {
@@ -48,7 +48,16 @@ void AddGoals(Report& report) {
   report.AtLeast("rewrite, 1.5 times larger", kEngine, kLimit, 0.85);
   report.AtMost("open 16M cells", kEngine, kLmdb, 1);
   report.AtMost("open 1000000 names", kEngine, "", 100);
-  for (const char* column : {kLocked, kMapped}) {
+  report.AtLeast("put each", kLocked, kLmdb, 1);
+  report.AtLeast("random get, 1 thread", kLocked, kEngine, 0.8);
+  report.AtLeast("random get, 1 thread", kMappedLocked, kMapped, 0.9);
+  report.AtLeast("random get, 8 threads : 1 thread", kLocked, kEngine, 0.95);
+  report.AtLeast("two processes replacing, reader", kLocked, kLimit, 0.7);
+  report.AtLeast("two processes replacing, reader", kMappedLocked, kLmdb, 1);
+  for (const char* column : {kLocked, kMappedLocked}) {
+    report.AtLeast("two processes replacing, writer", column, kLmdb, 1);
+    for (const char* readers : {"1 reader", "7 readers"})
+      report.AtMost(std::string("paced writer's p99, ") + readers + " : none", column, "", 1.5);
     report.AtLeast("two processes, writer", column, kLimit, 0.8);
     report.AtLeast("two processes, writer", column, kLmdb, 1.5);
     report.AtLeast("two processes, reader", column, kLmdb, 0.8);
@@ -71,7 +80,8 @@ int main(int argc, char** argv) {
     measure(report, scale, folder.GetPath());
     return true;
   };
-  Report stores("engine", {kLimit, kEngine, kLocked, kMapped, kMemcpy, kLmdb, kSqlite});
+  Report stores("engine",
+                {kLimit, kEngine, kLocked, kMapped, kMappedLocked, kMemcpy, kLmdb, kSqlite});
   bool isMeasured = false;
   for (const auto& [name, measure] : kSections)
     isMeasured |= run(name, measure, stores);

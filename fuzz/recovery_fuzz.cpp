@@ -76,6 +76,13 @@ unsigned int OpenAndRead(int flags) {
   return result;
 }
 
+// Those who share a file change the words in its header.
+Bytes WithoutWords(Bytes file) {
+  if (file.size() >= Format::kHeaderSize)
+    file.replace(Format::kHeaderFieldsSize, Format::kHeaderSize - Format::kHeaderFieldsSize, "");
+  return file;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t size) {
@@ -95,7 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t si
   const unsigned int result = OpenAndRead(flags);
   const bool replaced = IsReplacement(file, beside);
   const Bytes image = beside.substr(0, beside.size() - (replaced ? Format::kRedoTrailerSize : 0));
-  CHECK(ReadFile(kPath) == (replaced ? image : file));
+  CHECK(WithoutWords(ReadFile(kPath)) == WithoutWords(replaced ? image : file));
   CHECK(replaced ? !Exists(kBeside) : ReadFile(kBeside) == beside);
   const auto unusable = flags & kLight ? ZrResult::kReadFailure : ZrResult::kWrongFile;
   CHECK(replaced || !Format::DecodeRedoMark(HeaderOf(file)) || result == unusable);

@@ -8,13 +8,13 @@ namespace Zarn {
 namespace Io {
 class RecordReader;
 class Snapshot;
-}
+}  // namespace Io
 
 /// Reads the tiles of a grid file.
 ///
 /// One object belongs to one thread; any number may be open on one file while others change it: a
-/// ZrCompactFileWriter, or objects with kProcessLock. A lookup then gives a tile, whole, that its cell
-/// had at some moment of the lookup. It takes a lock only if changes go on for long.
+/// ZrCompactFileWriter, or objects with kProcessLock. A lookup then gives a tile, whole, that its
+/// cell had at some moment of the lookup. It takes a lock only if changes go on for long.
 class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
  public:
   ZrCompactFileReader() = default;
@@ -44,8 +44,8 @@ class HX_COMPACTFILE_API ZrCompactFileReader : public ZrGridFile {
   ///
   /// kOk, with empty `data` for an empty cell; kNotOpen; kReadFailure for a cell outside the grid
   /// or a damaged record, among them one that ends beyond the file, and if the file changes again
-  /// and again without a lock while the record is read; then `data` is untouched, and `nFilled` too,
-  /// unless the cell's entry could be read (then 0).
+  /// and again without a lock while the record is read; then `data` is untouched, and `nFilled`
+  /// too, unless the cell's entry could be read (then 0).
   unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                       unsigned long long& nFilled, unsigned long long nVersion);
   /// The same for a std::uint64_t.

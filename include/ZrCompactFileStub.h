@@ -114,6 +114,7 @@ class HX_COMPACTFILE_API ZrCompactFileStub {
   void CreateFile();
   bool LockFile();
   bool RefreshWriter();
+  void ForgetReaders();
   Reader& GetReader();
 
   /// Guards all that follows.

@@ -101,6 +101,7 @@ class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
   enum class Place { kInPlace, kAppend, kBeyondFile, kUnreadable };
   struct Store;  // one call of SetAt, and what it finds
 
+  unsigned int MakeFile(unsigned int rows, unsigned int cols, ZrCompactFile::ZrOpenMode mode);
   bool LookForChanges();
   Place FindPlace(Store& store) const;
   unsigned int Append(const Store& store);

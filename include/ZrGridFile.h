@@ -22,9 +22,9 @@ class Board;
 /// What ZrCompactFileWriter and ZrCompactFileReader have in common: an open grid file whose index
 /// entries are read straight from the file. Use one of those two.
 ///
-/// The object is itself the open file stream. One thread at a time uses one object. Others may use the
-/// file at the same time, also through a ZrCompactFile with kProcessLock: while it is open, all tell
-/// each other of changes by words in its header.
+/// The object is itself the open file stream. One thread at a time uses one object. Others may use
+/// the file at the same time, also through a ZrCompactFile with kProcessLock: while it is open, all
+/// tell each other of changes by words in its header.
 class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
  public:
   /// True between a successful Create or Open and Close.
@@ -62,8 +62,8 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
   /// Where that is told; of an object of its own while no file is open.
   Io::Board& GetBoard() const;
   /// Under the process lock, which it takes shared: takes notice of what others have changed, and
-  /// reads the headers again if need be; then calls `action`. False if the lock is not to be had, or
-  /// the headers cannot be read.
+  /// reads the headers again if need be; then calls `action`. False if the lock is not to be had,
+  /// or the headers cannot be read.
   bool UnderLock(const std::function<void()>& action);
   /// Reads the headers again. False if that is not possible.
   bool Reload();
@@ -96,6 +96,7 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
   struct Sharing;
 
   bool IsOpenAt(const PelmUnicodeString& path) const;
+  void RepairBoard();
 
   const std::unique_ptr<Sharing> m_pSharing;
 };

@@ -90,7 +90,9 @@ bool ZrCompactFileStub::LockFile() {
   if (m_pLock->m_strFile == m_strFile && m_pLock->WriterLock(0)) return true;
   CreateFile();  // leaves an existing file alone
   m_pLock = std::make_unique<Access::FileLock>(m_strFile);
-  return m_pLock->WriterLock(0);
+  if (!m_pLock->WriterLock(0)) return false;
+  ForgetReaders();
+  return true;
 }
 
 // Opens the writer on the locked file, unless it is open there.
@@ -99,9 +101,14 @@ bool ZrCompactFileStub::RefreshWriter() {
   m_pWriter->Close();
   const bool opened = m_pWriter->Open(m_strFile, u"", kWriterMode) == ZrResult::kOk &&
                       m_pLock->IsLockOn(*m_pWriter);
-  for (auto& [thread, reader] : m_mapReader)
-    if (opened && reader.IsOpen() && !m_pLock->IsLockOn(reader)) reader.m_strOpenedFor = {};
+  if (opened) ForgetReaders();
   return opened;
+}
+
+// Those that are open on another file than the locked one.
+void ZrCompactFileStub::ForgetReaders() {
+  for (auto& [thread, reader] : m_mapReader)
+    if (reader.IsOpen() && !m_pLock->IsLockOn(reader)) reader.m_strOpenedFor = {};
 }
 
 bool ZrCompactFileStub::Read(unsigned int row, unsigned int col, ZrByteArray& data,

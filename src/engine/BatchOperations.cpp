@@ -156,8 +156,7 @@ void StoreBatch::Write() {
     do
       ++end;
     while (end < slots.size() && slots[end].entry.number == slots[end - 1].entry.number + 1);
-    const bool written =
-        end <= slots.size() && WriteEntries(&slots[first], end - first);
+    const bool written = end <= slots.size() && WriteEntries(&slots[first], end - first);
     for (std::size_t i = first; i < end; ++i) {
       if (written)
         m_file.Index().KeepHint(slots[i].entry);

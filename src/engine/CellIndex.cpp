@@ -26,8 +26,7 @@ std::unique_ptr<CellIndex> CellIndex::Load(const std::shared_ptr<ZrFile64>& file
   if (!file->ReadAt(indexOffset, bytes.data(), bytes.size())) return nullptr;
   const Format::GridHeader header = Format::DecodeGridHeader(bytes, swap);
   const auto shape = Format::IndexShape::OfGrid(indexOffset, header.rowCount, header.colCount);
-  auto index =
-      std::make_unique<CellIndex>(file, board, header, IndexPages::Area{shape, swap});
+  auto index = std::make_unique<CellIndex>(file, board, header, IndexPages::Area{shape, swap});
   return index->IsUsable() ? std::move(index) : nullptr;
 }
 

@@ -134,8 +134,8 @@ unsigned int Engine::ReplaceByImage(Io::RedoFile& image, WriteOperation& operati
   const std::shared_ptr<ZrFile64> source = File().GetStream();
   const ProgressReport report(progress, *source);
   const std::uint64_t length = image.GetImageLength();
-  const Outcome outcome = Replace(
-      image, *replaced, [&](std::uint64_t done) { report.PutBack(done, length); });
+  const Outcome outcome =
+      Replace(image, *replaced, [&](std::uint64_t done) { report.PutBack(done, length); });
   // Opening may have to finish what could not be done here, and needs the claims for it.
   image.LetGo();
   if (outcome == Outcome::kByName) operation.LeaveProcessLock();  // it is on the file of before
@@ -156,12 +156,16 @@ unsigned int Engine::ReplaceByImage(Io::RedoFile& image, WriteOperation& operati
 }
 
 // Lookups of all openers wait from here on: for them this becomes another file.
-Outcome Engine::Replace(Io::RedoFile& image, OpenFile& file, const Io::RedoFile::Progress& progress) {
+Outcome Engine::Replace(Io::RedoFile& image, OpenFile& file,
+                        const Io::RedoFile::Progress& progress) {
   Io::Board& board = file.GetBoard();
+  m_locks.GetLookups().Stop();
   if (!board.Replaces()) return Outcome::kNot;
   const Io::BoardChange change(board, Io::BoardChange::kRecord);
   TearDown();
-  return image.Replace(*file.GetStream(), progress);
+  const Outcome outcome = image.Replace(*file.GetStream(), progress);
+  board.Replaces();  // a light reader may have opened it in between
+  return outcome;
 }
 
 // The name that a file of the older version stores, in UTF-16 of this host's byte order, which has

@@ -13,7 +13,6 @@
 #include "ZrCompactFile.h"
 #include "ZrTextCodec.h"
 
-
 namespace Zarn::Engine {
 
 /// What a ZrCompactFile points to: the operations on one container file, for all threads. The

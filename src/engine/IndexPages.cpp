@@ -37,8 +37,7 @@ IndexPages::IndexPages(const ZrFile64& file, Io::Board& board, const Area& area)
       m_bytes(area.Size()),
       m_tags(PageCount(area.Size(), kPageSize) * kWord),
       m_hints(area.index.count * sizeof(std::uint32_t)) {
-  static_assert(kPageSize % Format::kGridEntrySize == 0 &&
-                    kPageSize % Format::kNamingSlotSize == 0,
+  static_assert(kPageSize % Format::kGridEntrySize == 0 && kPageSize % Format::kNamingSlotSize == 0,
                 "no entry lies on two pages, for pages are counted from the first entry");
 }
 

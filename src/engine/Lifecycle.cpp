@@ -251,10 +251,9 @@ bool Engine::RefreshFile() {
   OpenFile* const file = m_state.file.get();
   const bool mustReopen = (m_nOpenMode & ZrCompactFile::kReadOnly) != 0 && file != nullptr &&
                           !file->GetStream()->IsReadOnly();
-  if (!m_state.IsUsable() || !lock.isLocked() ||
-      file->GetLockedFile() != lock.GetLockedFile())
+  if (!m_state.IsUsable() || !lock.isLocked() || file->GetLockedFile() != lock.GetLockedFile())
     return false;
-  const auto change = file->Refresh(lock.IsExclusive(), lock.GetLockedLength());
+  const auto change = file->Refresh(lock.GetLockedLength());
   if (change == OpenFile::Change::kAll || (mustReopen && change != OpenFile::Change::kNone))
     return false;
   if (change == OpenFile::Change::kNames) {
@@ -262,16 +261,14 @@ bool Engine::RefreshFile() {
     if (!file->Names()->AddNewNames()) return false;
     AdmitLookups();
   }
-  // Under the lock an odd word is a dead writer's, but for those who write without it.
-  Io::Board& board = file->GetBoard();
-  if (board.IsOdd() && !lock.IsAnotherPresent(Presence::kWritesUnlocked)) board.Bury();
+  lock.Settle(*file);
   return true;
 }
 
 void Engine::AdmitLookups() {
   OpenFile* const file = m_state.IsUsable() ? m_state.file.get() : nullptr;
-  const bool isPossible = file != nullptr && file->HasIndex() &&
-                          file->GetBoard().GetPlace() != Io::Board::kNowhere;
+  const bool isPossible =
+      file != nullptr && file->HasIndex() && file->GetBoard().GetPlace() != Io::Board::kNowhere;
   m_locks.GetLookups().Admit(isPossible ? file : nullptr);
 }
 
@@ -291,10 +288,10 @@ unsigned int Engine::LoadFile(const std::shared_ptr<ZrFile64>& created,
     stream = previous->GetStream();
   // The lock is always on the file that the path leads to.
   if (!lock.isLocked() || stream == nullptr || !lock.IsLockOn(*stream)) stream = nullptr;
-  const unsigned int result = OpenFile::Load(
-      {m_strAbsolutePath, m_xorString, isReadOnly, isMapped, !lock.IsDisabled(),
-       stream != nullptr ? stream : created},
-      m_maxSizes, previous, loaded);
+  const unsigned int result =
+      OpenFile::Load({m_strAbsolutePath, m_xorString, isReadOnly, isMapped, !lock.IsDisabled(),
+                      stream != nullptr ? stream : created},
+                     m_maxSizes, previous, loaded);
   if (result != ZrResult::kOk) return result;
   // Since the lock was taken, the path may have come to lead to another file, which this lock does
   // not protect; finishing a replacement does that, too.
@@ -383,8 +380,8 @@ void Engine::LeaveFile() {
   const bool isLocked = hasSpare && lock.WriterLock(0);
   const bool mayCut = isLocked && file.GetLockedFile() == lock.GetLockedFile() &&
                       lock.IsExclusive() &&
-                      file.Refresh(true, lock.GetLockedLength()) == OpenFile::Change::kNone;
-  const bool isLast = lock.LeaveFile();
+                      file.Refresh(lock.GetLockedLength()) == OpenFile::Change::kNone;
+  const bool isLast = file.GetLockedFile() == lock.GetLockedFile() && lock.LeaveFile();
   if (mayCut) file.GetTail().CutSpare(*file.GetStream());
   if (isLast) file.GetBoard().Clear(m_strAbsolutePath);
   if (isLocked) lock.WriterUnlock();

@@ -2,9 +2,19 @@
 
 #include <thread>
 
+#include "OpenFile.h"
 #include "ZrThread.h"
 
 namespace Zarn::Engine {
+
+void ProcessLock::Settle(OpenFile& file) const {
+  Io::Board& board = file.GetBoard();
+  if (!board.IsOdd() || IsAnotherPresent(Presence::kWritesUnlocked)) return;
+  if (IsExclusive() && !file.GetStream()->IsReadOnly())
+    board.Repair();
+  else
+    board.Bury();
+}
 
 // The count comes before the look at the file, and Stop does the reverse: one of them sees the
 // other.

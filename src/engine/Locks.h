@@ -21,6 +21,9 @@ struct ProcessLock : ZrProcess {
   /// Whether the mode does without it.
   bool IsDisabled() const { return m_bLockDisabled; }
   void SetDisabled(bool disabled) { m_bLockDisabled = disabled; }
+  /// While the lock is held: an odd word on the board of the locked file is a dead writer's, but
+  /// for those who write without the lock.
+  void Settle(OpenFile& file) const;
 
   using ZrProcess::EnterFile;
   using ZrProcess::GetLockedFile;

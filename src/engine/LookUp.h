@@ -4,10 +4,10 @@
 
 namespace Zarn::Engine {
 
-/// How every lookup goes: `attempt(file, view, buffer)` reads what it needs by the view, and believes
-/// nothing; once the view is valid, `finish(file, buffer)` hands it to the caller. Both without a
-/// lock if that is possible, else under it: also if the attempt answers false, for want of what only
-/// a refresh gives. False if the file cannot be used.
+/// How every lookup goes: `attempt(file, view, buffer)` reads what it needs by the view, and
+/// believes nothing; once the view is valid, `finish(file, buffer)` hands it to the caller. Both
+/// without a lock if that is possible, else under it: also if the attempt answers false, for want
+/// of what only a refresh gives. False if the file cannot be used.
 ///
 /// `buffer` is the thread's record buffer; null without `usesBuffer`.
 template <typename Attempt, typename Finish>
@@ -27,8 +27,7 @@ bool Engine::LookUp(Attempt attempt, Finish finish, bool usesBuffer) {
     const Lookups::Visit visit(m_locks.GetLookups());
     OpenFile* const file = visit.GetFile();
     const bool hasBuffer = file != nullptr && usesBuffer;
-    ZrByteArray* const buffer =
-        hasBuffer ? m_buffers.GetSwapData(file->GetShape().swap) : nullptr;
+    ZrByteArray* const buffer = hasBuffer ? m_buffers.GetSwapData(file->GetShape().swap) : nullptr;
     if (file != nullptr && (buffer != nullptr || !usesBuffer) && file->IsAtPath() &&
         look(*file, buffer))
       return true;

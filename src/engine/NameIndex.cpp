@@ -116,8 +116,7 @@ bool NameIndex::InitHashCodeMap(std::uint64_t first) {
     next = slots.Position();
     if (next > roomUpTo) {
       roomUpTo = slots.NextHole();
-      if (!m_mapHashCode.Reserve(m_mapHashCode.GetSize() + roomUpTo - slots.First()))
-        return false;
+      if (!m_mapHashCode.Reserve(m_mapHashCode.GetSize() + roomUpTo - slots.First())) return false;
     }
     for (std::size_t i = 0; i < slots.Size(); ++i)
       if (!insert(slots.Code(i), slots.First() + i)) return false;
@@ -228,7 +227,8 @@ bool NameIndex::IncreaseNamingIndexCapacity(std::uint64_t position) {
     return false;
   }
   // All the room first: a full disk shows before anything is copied.
-  if (!pages->IsUsable() || !m_board.Replaces() || !m_file->ZeroFill(position, larger.End() - position) ||
+  if (!pages->IsUsable() || !m_board.Replaces() ||
+      !m_file->ZeroFill(position, larger.End() - position) ||
       !WriteHeader(position, larger.count, m_nNamingCount) ||
       !CopySlots(old.EntryAt(0), larger.EntryAt(0), oldSize) || !m_file->Sync()) {
     m_file->Cut(length);  // lest every attempt take more of the disk

@@ -18,9 +18,9 @@ class TileStore;
 
 /// The index of a naming file: finds the slot of a name by its hash code, adds slots, and grows.
 ///
-/// Threads: lookups read with a View at any time, and anybody may ask for the two counts; the rest is
-/// for one who holds the writer lock. Lookups must not run while the index grows or the table needs
-/// room (NeedsRoom).
+/// Threads: lookups read with a View at any time, and anybody may ask for the two counts; the rest
+/// is for one who holds the writer lock. Lookups must not run while the index grows or the table
+/// needs room (NeedsRoom).
 class NameIndex final : public IndexEntries {
  public:
   /// Loads the index header and the hash codes of all slots. Null if the index does not lie in the
@@ -100,7 +100,7 @@ class NameIndex final : public IndexEntries {
 
   Io::FileHeader& m_header;
   MaxSizes& m_maxSizes;
-  NameTable m_mapHashCode;  // slots by hash code
+  NameTable m_mapHashCode;              // slots by hash code
   std::atomic<std::uint64_t> m_tag{0};  // of when it was known to be complete
   std::atomic<std::uint64_t> m_nNamingCapacity;
   std::atomic<std::uint64_t> m_nNamingCount;

@@ -48,7 +48,8 @@ class NameTable {
     std::uint32_t slotPlusOne = 0;
 
     std::uint32_t Slot() const {
-      return std::atomic_ref(const_cast<std::uint32_t&>(slotPlusOne)).load(std::memory_order_acquire);
+      return std::atomic_ref(const_cast<std::uint32_t&>(slotPlusOne))
+          .load(std::memory_order_acquire);
     }
   };
 

@@ -131,9 +131,8 @@ unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
 
 // A hash that only one name has needs no look at that name beforehand: it is compared in the record
 // that is read anyway.
-unsigned int Engine::ReadTile(OpenFile& file, View& view, const NameKey& key,
-                              std::uint64_t version, ZrByteArray& buffer, TileEntry& entry,
-                              Io::RecordReader& record) {
+unsigned int Engine::ReadTile(OpenFile& file, View& view, const NameKey& key, std::uint64_t version,
+                              ZrByteArray& buffer, TileEntry& entry, Io::RecordReader& record) {
   NameIndex& names = *file.Names();
   const TileStore::Place place = file.GetPlace();
   NameSlot slot;

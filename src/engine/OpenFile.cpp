@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <new>
 
 #include "RedoFile.h"
 #include "ZrResult.h"
@@ -70,13 +71,13 @@ bool OpenFile::ReadIndex(MaxSizes& maxSizes) {
 // Where the data end is looked for again, but from what was there before in the same file.
 void OpenFile::TakeTail(const Source& source, const OpenFile& previous) {
   if (m_cells == nullptr && m_names == nullptr) return;
-  if (previous.m_tail && previous.m_file == m_file &&
-      previous.m_header.HasFieldsOf(m_header))
+  if (previous.m_tail && previous.m_file == m_file && previous.m_header.HasFieldsOf(m_header))
     m_tail = previous.m_tail;
   else
     m_tail.emplace(Index().GetShape(), m_shape.swap,
-                   Io::Tail::Use{source.isShared || source.mapped,
-                                 !source.isShared && source.mapped});
+                   Io::Tail::Use{.keepsEnd = source.isShared || source.mapped,
+                                 .keepsLength = !source.isShared && source.mapped,
+                                 .isAlone = !source.isShared});
   m_tail->SetIndex(Index().GetShape());
   m_tail->Invalidate();
 }
@@ -86,7 +87,7 @@ bool OpenFile::HasVersions() const {
 }
 
 // Other programs may move or delete the file. Stores look at the path under the lock.
-bool OpenFile::IsAtPath() {
+bool OpenFile::IsAtPath() try {
   constexpr std::int64_t kInterval = 10;
   if (m_board->GetPlace() != Io::Board::kInFile) return true;
   timespec now = {};
@@ -96,20 +97,27 @@ bool OpenFile::IsAtPath() {
   if (!m_file->IsSameFile(m_strPath)) return false;
   m_nextLook.store(milliseconds + kInterval, std::memory_order_relaxed);
   return true;
+} catch (const std::bad_alloc&) {
+  return false;  // the lock looks as well
 }
 
 TileStore::Place OpenFile::GetPlace() {
-  return {*m_file, m_pMap.get(), m_shape, Index().GetShape(), HasVersions(), *m_tail, *m_board,
-          Index()};
+  return {*m_file,       m_pMap.get(), m_shape,  Index().GetShape(),
+          HasVersions(), *m_tail,      *m_board, Index()};
 }
 
-// A program that does not know the board shows only by the length that it has changed the file.
-OpenFile::Change OpenFile::Refresh(bool mayWrite, std::uint64_t length) {
+// A program that does not know the board, or one that was killed before it told of its change,
+// shows only by the length that it has changed the file.
+OpenFile::Change OpenFile::Refresh(std::uint64_t length) {
   if (length < Format::kHeaderSize) return Change::kAll;
-  auto change = m_board->Refresh(mayWrite);
+  const auto change = m_board->Refresh();
   if (change == Io::Board::Change::kAll) return Change::kAll;
   if (m_board->GetPlace() == Io::Board::kNowhere && !m_header.IsIn(*m_file)) return Change::kAll;
-  if (!HasIndex() || change == Io::Board::Change::kNone) return Change::kNone;
+  if (!HasIndex()) return Change::kNone;
+  if (change == Io::Board::Change::kNone) {
+    if (m_tail->IsAsLeft(length)) return Change::kNone;
+    m_board->Forget();
+  }
   m_tail->Invalidate();
   if (m_names == nullptr) return Change::kTiles;
   switch (m_names->LookForNewNames()) {

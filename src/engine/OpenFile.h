@@ -13,8 +13,8 @@
 namespace Zarn::Engine {
 
 /// Everything about the file that is open: the stream, the header, the index, the mapping, and
-/// where the data end; and the board on which changes are told. It is loaded aside and replaced as a
-/// whole.
+/// where the data end; and the board on which changes are told. It is loaded aside and replaced as
+/// a whole.
 ///
 /// Threads: see the rooms in it. The stream and the kind of the file never change.
 class OpenFile {
@@ -68,11 +68,11 @@ class OpenFile {
   TileStore::Place GetPlace();
   Io::Board& GetBoard() { return *m_board; }
 
-  /// With the lock: takes notice of what others have done; `mayWrite`: as the one writer. kNames:
-  /// the names that others have added are to be added here, too; kAll: this is another file, to be
+  /// With the lock: takes notice of what others have done; `length`: of the file now. kNames: the
+  /// names that others have added are to be added here, too; kAll: this is another file, to be
   /// loaded again.
   enum class Change { kNone, kTiles, kNames, kAll };
-  Change Refresh(bool mayWrite, std::uint64_t length);
+  Change Refresh(std::uint64_t length);
 
   /// Whether the path still leads to this file, as far as it was seen lately. Any thread may ask.
   bool IsAtPath();
@@ -97,7 +97,7 @@ class OpenFile {
   std::unique_ptr<NameIndex> m_names;
   std::optional<Io::Tail> m_tail;  // where the data end
   std::uint64_t m_nLockedFile = 0;
-  PelmUnicodeString m_strPath;             // of a shared file
+  PelmUnicodeString m_strPath;              // of a shared file
   std::atomic<std::int64_t> m_nextLook{0};  // at the path, in milliseconds of the monotonic clock
 };
 

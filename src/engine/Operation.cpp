@@ -45,15 +45,16 @@ void Operation::BeginWriting() {
 bool Operation::ExcludeReaders() HX_NOT_CHECKED {
   ProcessLock& lock = m_locks.m_process;
   if (!lock.ExcludeReaders()) return false;
-  if (!lock.IsDisabled() &&
-      m_state.file->Refresh(true, lock.GetLockedLength()) == OpenFile::Change::kAll)
-    return false;
+  if (!lock.IsDisabled()) {
+    if (m_state.file->Refresh(lock.GetLockedLength()) == OpenFile::Change::kAll) return false;
+    lock.Settle(*m_state.file);
+  }
   BeginWriting();
   return true;
 }
 
 bool Operation::Pause(const std::function<bool()>& action) HX_NOT_CHECKED {
-  const OpenFile* const file = m_state.file.get();
+  const std::shared_ptr<OpenFile> file = m_state.file;  // stays, so that another one is told apart
   LeaveProcessLock();
   m_locks.m_mutex.Unlock();
   bool goesOn = false;
@@ -64,7 +65,7 @@ bool Operation::Pause(const std::function<bool()>& action) HX_NOT_CHECKED {
   std::this_thread::yield();
   m_locks.m_mutex.Lock();
   Acquire();
-  return goesOn && m_isUsable && m_state.file.get() == file;
+  return goesOn && m_isUsable && m_state.file == file;
 }
 
 Operation::~Operation() HX_NOT_CHECKED {

@@ -30,7 +30,7 @@ class RecordBuffers {
   void Invalidate();
 
  private:
-  mutable std::mutex m_mutex;  // guards the map
+  mutable std::mutex m_mutex;                                           // guards the map
   std::map<std::uint32_t, std::unique_ptr<ZrByteArray>> m_mapSwapData;  // by thread
   // Of the threads with the lowest numbers, to be found without a lock.
   std::array<std::atomic<ZrByteArray*>, 64> m_known{};

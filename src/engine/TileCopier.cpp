@@ -160,8 +160,7 @@ bool TileCopier::CopyNames() {
 
 bool TileCopier::CopyName(std::uint32_t number, std::uint64_t value) {
   if (!Format::HoldsRecord(Format::StatusOf(value))) return CannotRead();
-  if (!ReadRecord(Format::PositionOf(value), m_source.Index().GetHint(number)))
-    return false;
+  if (!ReadRecord(Format::PositionOf(value), m_source.Index().GetHint(number))) return false;
   const Format::RecordHead& head = m_reader.Head();
   Name name;
   name.stored.assign(reinterpret_cast<const char*>(m_reader.NameBytes()), head.nameLength);

@@ -152,8 +152,8 @@ bool TileStore::ReplaceInPage(std::uint64_t position, Record& record, const Stor
     return false;
   const std::uint64_t size = headSize + (offset == 0 ? request.span.size : 0);
   return m_rewrite.KeepOld(position, size) && m_rewrite.WithinPage([&](std::uint64_t home) {
-    return m_place.file.WriteParts(home, record.Bytes().GetData(), headSize,
-                                   request.data.GetData(), size - headSize);
+    return m_place.file.WriteParts(home, record.Bytes().GetData(), headSize, request.data.GetData(),
+                                   size - headSize);
   });
 }
 
@@ -357,16 +357,15 @@ bool TileStore::ReplaceLocator(Reference& reference, std::uint64_t locator) {
   StoreScalar(&before, reference.locator, m_place.shape.swap);
   StoreScalar(&after, locator, m_place.shape.swap);
   const Io::BoardChange change(m_place.board, Io::BoardChange::kEntry);
-  if (!change.IsShown() ||
-      !Io::ReplaceWord(m_place.file, reference.locatorPlace, before, after))
+  if (!change.IsShown() || !Io::ReplaceWord(m_place.file, reference.locatorPlace, before, after))
     return false;
   reference.locator = locator;
   return true;
 }
 
 unsigned int TileStore::LookUp_Inner(const Place& place, View& view, TileEntry& entry,
-                                     const NameKey* key, std::uint64_t version,
-                                     ZrByteArray& buffer, Io::RecordReader& record) {
+                                     const NameKey* key, std::uint64_t version, ZrByteArray& buffer,
+                                     Io::RecordReader& record) {
   const std::uint64_t headSize =
       Format::RecordHeadSize(place.shape, key != nullptr ? key->GetStoredLength() : 0);
   const auto read = [&](std::uint64_t position, std::uint64_t length) {

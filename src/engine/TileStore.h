@@ -20,8 +20,8 @@ class NameKey;
 /// so, or as it was to become.
 ///
 /// It takes no lock: the caller has the writer lock for a store or removal, and for a lookup a View
-/// that it checks afterwards. One operation of one thread uses one object; what the place refers to and the
-/// buffer outlive it.
+/// that it checks afterwards. One operation of one thread uses one object; what the place refers to
+/// and the buffer outlive it.
 class TileStore {
  public:
   /// Where the records are.
@@ -54,8 +54,8 @@ class TileStore {
   void PutBack() { m_rewrite.PutBack(); }
 
   /// Reads the version that a lookup of `version` selects into `buffer`; `record`, which is of the
-  /// same file, tells what it is. With a `key` the record must have that name, which lies in what is
-  /// read anyway.
+  /// same file, tells what it is. With a `key` the record must have that name, which lies in what
+  /// is read anyway.
   ///
   /// kOk; kNotFound for the record of another name; kReadFailure. Nothing of it counts before the
   /// view is checked.

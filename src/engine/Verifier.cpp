@@ -102,8 +102,7 @@ class Verifier {
     // Between them are the words of the board, which those who use the file leave when they die.
     const auto isSet = [](unsigned char byte) { return byte != 0; };
     const auto* const bytes = m_header.data();
-    if (std::any_of(bytes + Format::kReservedOffset,
-                    bytes + Format::kHeaderFieldsSize, isSet) ||
+    if (std::any_of(bytes + Format::kReservedOffset, bytes + Format::kHeaderFieldsSize, isSet) ||
         std::any_of(bytes + Format::kMaskOffset, bytes + Format::kHeaderSize, isSet))
       m_findings.Report(kKind, Format::kReservedOffset, "the reserved bytes are not zero");
     if (!IsGrid() && !m_records.IsNaming())

@@ -23,8 +23,8 @@ struct RedoId {
   bool operator==(const RedoId&) const = default;
 };
 
-/// The mark, as it is on disk: the first kHeaderFieldsSize bytes. `header` is that of the redo image,
-/// as it is on disk; what follows is its.
+/// The mark, as it is on disk: the first kHeaderFieldsSize bytes. `header` is that of the redo
+/// image, as it is on disk; what follows is its.
 HeaderImage EncodeRedoMark(const RedoId& id, const HeaderImage& header);
 /// The id, if these bytes of a file are a mark. A header never is, however it is scrambled: its
 /// first two bytes differ, and the mark's do not.

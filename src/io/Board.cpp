@@ -123,7 +123,7 @@ std::uint64_t Board::GetEntries() const {
   return LookUnderLock(words) ? words.entries : 0;
 }
 
-Board::Change Board::Refresh(bool mayWrite) {
+Board::Change Board::Refresh() {
   if (m_place == kInObject) return Change::kNone;
   if (m_place == kNowhere) {
     Forget();
@@ -131,17 +131,20 @@ Board::Change Board::Refresh(bool mayWrite) {
   }
   Words words;
   if (!LookUnderLock(words) || !IsOurs(words)) return Change::kAll;
-  if (words.entries % 2 != 0 && mayWrite) {
-    BeginWriting();
-    if (!Set(kEntries, [](Word word) { return (word | 1) + 1; }) || !LookUnderLock(words))
-      return Change::kAll;
-  }
   m_odd = words.entries % 2 != 0 ? words.entries : 0;
   const std::lock_guard guard(m_mutex);
   if (words.entries != m_known.load(std::memory_order_relaxed)) Know(words);
   // Lookups may have seen the change before.
   return std::exchange(m_refreshed, words.entries) == words.entries ? Change::kNone
-                                                                     : Change::kTiles;
+                                                                    : Change::kTiles;
+}
+
+// What the dead writer was about to change is unknown: it counts as a record.
+void Board::Repair() {
+  BeginWriting();
+  if (Set(kEntries, [](Word word) { return (word | 1) + BoardChange::kRecord; })) m_odd = 0;
+  EndWriting();
+  Forget();
 }
 
 void Board::Forget() {
@@ -230,14 +233,15 @@ bool Board::Set(WordNumber number, Function function) {
   return m_file.WriteAt(kFirst + at, &after, sizeof after);
 }
 
+// In this order: who sees the new `records` sees `entries` odd, or further on.
 BoardChange::BoardChange(Board& board, Of what)
     : m_board(board),
       m_what(what),
-      m_isShown((what == kEntry || board.Overwrites()) &&
-                board.Set(Board::kEntries, [](std::uint64_t word) { return (word + 1) | 1; })) {}
+      m_isOdd(board.Set(Board::kEntries, [](std::uint64_t word) { return (word + 1) | 1; })),
+      m_isShown(m_isOdd && (what == kEntry || board.Overwrites())) {}
 
 BoardChange::~BoardChange() {
-  if (m_isShown)
+  if (m_isOdd)
     m_board.Set(Board::kEntries, [this](std::uint64_t word) { return (word | 1) + m_what; });
 }
 

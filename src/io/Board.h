@@ -29,7 +29,7 @@ namespace Zarn::Io {
 ///
 /// Rules for those who change the words, or anything that the words are about:
 ///   1. They hold the writer lock. One who gets it first compares the generation, and finishes a
-///      replacement that was cut short; only then it makes an odd word even (Refresh).
+///      replacement that was cut short; only then it makes an odd word even (Repair).
 ///   2. A word becomes odd before the change and even after it, also when the operation fails
 ///      (BoardChange).
 ///   3. Who looks at the words is present (Presence) from before the first look on. The last one
@@ -92,13 +92,14 @@ class Board {
   /// The words as the holder of the lock knows them.
   std::uint64_t GetEntries() const;
 
-  /// Takes notice of what others have changed since this object last knew, with the lock held;
-  /// `mayWrite`: as the one writer. After kAll the file must be loaded again.
-  Change Refresh(bool mayWrite);
-  /// Whether Refresh has found an odd word, and left it. Under the lock it is a dead writer's,
-  /// unless somebody writes without the lock; Bury then says so.
+  /// Takes notice of what others have changed since this object last knew, with the lock held.
+  /// After kAll the file must be loaded again.
+  Change Refresh();
+  /// Whether Refresh has found an odd word. Under the lock it is a dead writer's, unless somebody
+  /// writes without the lock: then a writer repairs it, and others remember that it counts as even.
   bool IsOdd() const { return m_odd != 0; }
   void Bury() { m_dead = m_odd; }
+  void Repair();
   /// Nothing that was kept is current any more.
   void Forget();
 
@@ -131,9 +132,9 @@ class Board {
   void* m_writable = nullptr;                         // the same, to write there
   bool m_mayWritePage = false;                        // in the operation under way
   bool m_overwritesInPlace = false;
-  std::uint64_t m_generation;                         // of what was loaded
-  std::uint64_t m_refreshed;                          // `entries` at the last Refresh
-  std::uint64_t m_odd = 0;                            // that Refresh has left; 0: none
+  std::uint64_t m_generation;  // of what was loaded
+  std::uint64_t m_refreshed;   // `entries` at the last Refresh
+  std::uint64_t m_odd = 0;     // that Refresh has left; 0: none
 
   // Known words of a file; kWriting: this object changes them.
   static constexpr std::uint64_t kWriting = UINT64_MAX;
@@ -163,6 +164,7 @@ class BoardChange {
  private:
   Board& m_board;
   const Of m_what;
+  const bool m_isOdd;
   const bool m_isShown;
 };
 

@@ -65,9 +65,9 @@ bool AddChecksum(const ZrFileStream& image, std::uint64_t length, std::uint64_t 
 // only the room.
 bool Shorten(ZrFileStream& container, std::uint64_t length) {
   std::uint64_t now;
-  if (container.Cut(length)) return true;
   if (!container.GetLength(now)) return false;
-  return now < length ? container.SetLength(length) : container.MakeHole(length, now - length);
+  return container.IsMapped() && now > length ? container.MakeHole(length, now - length)
+                                              : container.SetLength(length);
 }
 
 // Puts a complete redo image in the place of a container that is marked; the mark may not be on the

@@ -15,7 +15,8 @@ namespace Zarn::Io {
 ///
 /// `write` and `point` are callables that take a position and return whether they have succeeded:
 /// `write` writes the new record there; `point` makes the tile's entry or locator lead there, or
-/// leaves it as it was. `point` shows on the board that it changes an entry; the rest is shown here.
+/// leaves it as it was. `point` shows on the board that it changes an entry; the rest is shown
+/// here.
 ///
 /// One object serves one operation of one thread.
 class SafeRewrite {

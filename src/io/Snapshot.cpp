@@ -57,8 +57,9 @@ bool Snapshot::IsUnchanged(Board::Words& now) {
 // be overwritten, its entry must have changed twice: away from there, and back.
 bool Snapshot::IsHarmless(const Board::Words& now) const {
   constexpr std::uint64_t kOneEntry = 2;
+  const bool isOneEntry = now.entries % 2 == 0 && now.entries - m_words.entries <= kOneEntry;
   return m_board.IsOurs(now) && m_board.IsSettled(now) &&
-         (now.records == m_words.records || now.entries - m_words.entries <= kOneEntry);
+         (now.records == m_words.records || isOneEntry);
 }
 
 }  // namespace Zarn::Io

@@ -82,7 +82,8 @@ std::uint64_t Tail::Reserve(const ZrFileStream& file, std::uint64_t fileLength) 
 void Tail::Claim(std::uint64_t statedEnd) { m_statedEnd = std::max(m_statedEnd, statedEnd); }
 
 bool Tail::CutBack(ZrFileStream& file) {
-  const bool isCut = !m_use.keepsLength && file.Cut(m_lengthBefore);
+  const bool isCut = !m_use.keepsLength &&
+                     (m_use.isAlone ? file.SetLength(m_lengthBefore) : file.Cut(m_lengthBefore));
   if (!isCut && !m_use.keepsEnd) return false;
   EndsAt(m_lengthBefore);
   m_hasSpare = !isCut;
@@ -91,7 +92,9 @@ bool Tail::CutBack(ZrFileStream& file) {
 }
 
 void Tail::CutSpare(ZrFileStream& file) {
-  if (HasSpare() && file.Cut(m_fileEnd)) m_hasSpare = false;
+  std::uint64_t length;
+  if (HasSpare() && file.GetLength(length) && length > m_fileEnd && file.Cut(m_fileEnd))
+    m_hasSpare = false;
 }
 
 void Tail::Invalidate() {

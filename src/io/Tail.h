@@ -28,6 +28,8 @@ class Tail {
     bool keepsEnd = false;
     /// This object maps the file and has nobody told: it must not become shorter.
     bool keepsLength = false;
+    /// Nobody else uses the file.
+    bool isAlone = false;
   };
 
   Tail(const Format::IndexShape& index, bool swap, const Use& use)
@@ -46,9 +48,9 @@ class Tail {
   /// A record was written that states this end; the file may end before it.
   void Claim(std::uint64_t statedEnd);
   /// Takes back what was written since the last Reserve: the file gets its length of before, and
-  /// claims count no more. While somebody maps the file, that part is spare instead: the next record
-  /// goes there, unless others change the file before. False, and nothing has changed, if neither
-  /// can be.
+  /// claims count no more. While somebody maps the file, that part is spare instead: the next
+  /// record goes there, unless others change the file before. False, and nothing has changed, if
+  /// neither can be.
   bool CutBack(ZrFileStream& file);
   /// The file is longer than its data, which end here: the rest is spare.
   void HasSpareFrom(std::uint64_t end) {
@@ -62,6 +64,10 @@ class Tail {
   /// Before the file is closed, if nobody maps it any more.
   void CutSpare(ZrFileStream& file);
 
+  /// Whether a file of this length is as it was left, as far as that is known.
+  bool IsAsLeft(std::uint64_t fileLength) const {
+    return m_fileEnd == 0 || m_fileEnd == fileLength || (m_hasSpare && m_fileEnd < fileLength);
+  }
   /// Others may have changed the file: the next Reserve looks again.
   void Invalidate();
   /// The file is new and holds no record.

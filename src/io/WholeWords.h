@@ -20,8 +20,8 @@ constexpr bool SpansPages(std::uint64_t position, std::uint64_t size) {
 bool ReplaceWord(ZrFileStream& file, std::uint64_t position, std::uint64_t before,
                  std::uint64_t after);
 
-/// Reads `size` bytes of an index; behind the end of the file they are zero. Returns how many are in
-/// the file; none if they cannot be read.
+/// Reads `size` bytes of an index; behind the end of the file they are zero. Returns how many are
+/// in the file; none if they cannot be read.
 std::optional<std::uint64_t> ReadEntries(const ZrFileStream& file, std::uint64_t position,
                                          unsigned char* entries, std::uint64_t size);
 

@@ -37,7 +37,8 @@ unsigned int ZrCompactFileReader::Lookup(unsigned int row, unsigned int col, ZrB
                                          unsigned long long& nFilled, unsigned long long nVersion) {
   if (!IsOpen()) return ZrResult::kNotOpen;
   Tile tile{row, col, nVersion};
-  if (!LookUp(tile)) UnderLock([&] { LookUp(tile); });
+  const bool needsLock = GetBoard().GetPlace() == Io::Board::kNowhere;
+  if (needsLock || !LookUp(tile)) UnderLock([&] { LookUp(tile); });
   if (tile.hasEntry) nFilled = 0;
   if (tile.result != ZrResult::kOk) return tile.result;
   if (!tile.isThere) data.Resize(0);
@@ -59,6 +60,7 @@ bool ZrCompactFileReader::LookUp(Tile& tile) {
     if (snapshot.IsValid(again)) return true;
   }
   tile.result = ZrResult::kReadFailure;
+  tile.hasEntry = again().has_value();
   return false;
 }
 

@@ -82,21 +82,30 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
   m_nRowCount = m_nColCount = m_nGridFlags = 0;
   const PelmUnicodeString directory = ZrFile::GetDir(completed);
   if (!directory.IsEmpty()) ZrFile::MkDirEx(directory);
-  ZrNewFile file(*this);
-  if (!file.Begin(completed)) return ZrResult::kNotUsable;
-  m_bOpened = true;
-  if (WriteHeader() != ZrResult::kOk || WriteHeaderGrid(rows, cols) != ZrResult::kOk ||
-      file.Publish() != ZrNewFile::Outcome::kPublished || !Join(mode) || !Reload()) {
+  const unsigned int result = MakeFile(rows, cols, mode);
+  if (result != ZrResult::kOk) {
     Close();
-    return ZrResult::kNotCreated;
+    return result;
   }
-  file.Commit();
   *m_pTail = Io::Tail({}, m_bSwap, {});
   m_pTail->SetEmpty();
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
   Close();
   return ZrResult::kNotCreated;
+}
+
+// Without Commit the file goes away again.
+unsigned int ZrCompactFileWriter::MakeFile(unsigned int rows, unsigned int cols,
+                                           ZrCompactFile::ZrOpenMode mode) {
+  ZrNewFile file(*this);
+  if (!file.Begin(m_strPath)) return ZrResult::kNotUsable;
+  m_bOpened = true;
+  if (WriteHeader() != ZrResult::kOk || WriteHeaderGrid(rows, cols) != ZrResult::kOk ||
+      file.Publish() != ZrNewFile::Outcome::kPublished || !Join(mode) || !Reload())
+    return ZrResult::kNotCreated;
+  file.Commit();
+  return ZrResult::kOk;
 }
 
 unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,
@@ -119,7 +128,8 @@ unsigned int ZrCompactFileWriter::WriteHeader() {
     return ZrResult::kWriteFailure;
   const Format::HeaderImage header =
       Format::NewHeader(Format::kGridFile, PelmTime().GetCurTime().GetTime());
-  if (!GetBoard().Replaces() || !Io::WriteFileHeader(*this, m_xorString, header, false)) return ZrResult::kWriteFailure;
+  if (!GetBoard().Replaces() || !Io::WriteFileHeader(*this, m_xorString, header, false))
+    return ZrResult::kWriteFailure;
   m_header = header;
   Flush();
   return ZrResult::kOk;
@@ -133,8 +143,7 @@ unsigned int ZrCompactFileWriter::WriteHeaderGrid(unsigned int rows, unsigned in
   const std::uint64_t entries = shape.EntryAt(0);
   const std::uint64_t end = shape.End();
   if (!GetBoard().Replaces() || !WriteAt(GetIndexOffset(), image.data(), image.size()) ||
-      !ZeroFill(entries, end - entries) ||
-      !SetLength(end))
+      !ZeroFill(entries, end - entries) || !SetLength(end))
     return ZrResult::kWriteFailure;
   m_nRowCount = header.rowCount;
   m_nColCount = header.colCount;
@@ -198,7 +207,7 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
 
 // Others may have stored tiles, or compacted the file.
 bool ZrCompactFileWriter::LookForChanges() {
-  const auto change = GetBoard().Refresh(false);
+  const auto change = GetBoard().Refresh();
   if (change != Io::Board::Change::kNone) m_pTail->Invalidate();
   return change != Io::Board::Change::kAll || Reload();
 }

@@ -21,7 +21,7 @@ static_assert(ZrCompactFile::kComplete == Format::kStatusComplete &&
               ZrCompactFile::kUnknown == Format::kStatusUnknown);
 
 // The lock of this object, and the board of the file.
-struct ZrGridFile::Sharing : ZrProcess {
+struct __attribute__((visibility("hidden"))) ZrGridFile::Sharing : ZrProcess {
   explicit Sharing(ZrFileStream& stream) { Attach(Io::Board::kInObject, stream, {}); }
 
   void Attach(Io::Board::Place place, ZrFileStream& stream, const Format::HeaderImage& header) {
@@ -71,6 +71,7 @@ unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
     CloseStream();
     return ZrResult::kReadFailure;
   }
+  RepairBoard();
   m_bOpened = true;
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
@@ -98,12 +99,25 @@ bool ZrGridFile::Reload() {
   return true;
 }
 
+// A writer makes an odd word even that a dead one has left. Without the lock nobody could tell
+// that.
+void ZrGridFile::RepairBoard() {
+  const bool isOdd = m_header[Format::kEntriesWordOffset] % 2 != 0 ||
+                     m_header[Format::kMaskOffset - 1] % 2 != 0;           // in either byte order
+  const bool isLocked = (m_nOpenMode & ZrCompactFile::kProcessLock) != 0;  // by the caller
+  if (!isOdd || IsReadOnly() || isLocked || !m_pSharing->WriterLock(0)) return;
+  if (m_pSharing->IsLockOn(*this) && GetBoard().Refresh() != Io::Board::Change::kAll &&
+      GetBoard().IsOdd() && !m_pSharing->IsAnotherPresent(Presence::kWritesUnlocked))
+    GetBoard().Repair();
+  m_pSharing->WriterUnlock();
+}
+
 // If another file has the path, the lock says nothing about this one.
 bool ZrGridFile::UnderLock(const std::function<void()>& action) {
   if (!m_pSharing->ReaderLock(0)) return false;
   bool isUsable = m_pSharing->IsLockOn(*this);
-  if (isUsable && GetBoard().Refresh(false) == Io::Board::Change::kAll)
-    isUsable = Reload() && GetBoard().Refresh(false) != Io::Board::Change::kAll;
+  if (isUsable && GetBoard().Refresh() == Io::Board::Change::kAll)
+    isUsable = Reload() && GetBoard().Refresh() != Io::Board::Change::kAll;
   if (isUsable) {
     if (GetBoard().IsOdd() && !m_pSharing->IsAnotherPresent(Presence::kWritesUnlocked))
       GetBoard().Bury();

@@ -193,7 +193,7 @@ TEST_F(Access, ThousandsOfThreadsOnOneStubAndOneCollection) {
     });
   }
   EXPECT_EQ(faults, 0);
-  EXPECT_LE(CountOpenDescriptors(), 30U);
+  EXPECT_LE(CountOpenDescriptors(), 60U);
   Check();
 }
 

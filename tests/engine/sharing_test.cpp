@@ -424,47 +424,6 @@ char RestingState(pid_t process) {
   }
 }
 
-TEST_F(Sharing, AStoreWaitsForACheckThatItMightDisturb) {
-  const ZrByteArray data = Data("tile");
-  std::vector<unsigned int> results;
-  // A new tile, by the object that checks; of other objects, entries of several, and names.
-  const std::function<unsigned int()> stores[] = {
-      [&] { return Store(0, 1, "tile", 1); },
-      [&] {
-        return object.SetBatch({{0, 1, &data, 0, 0, 1}}, results);
-      },
-      [&] {
-        return object.SetBatch({{u"name", &data, 0, 0, 1}}, results);
-      }};
-  for (const auto& store : stores) {
-    const bool isOwn = &store == &stores[0], isNamed = &store == &stores[2];
-    const ZrCompactFile::ZrOpenMode mode = ZrCompactFile::kReplace | (isOwn ? kMode : kLocked);
-    if (isNamed)
-      ASSERT_EQ(object.Create(path, 8ULL, u"", mode) +
-                    object.SetAt(u"name", Data("rewritten"), 0, 0, 1) + fresh.Open(path, u"", mode),
-                0U);
-    else
-      ASSERT_EQ(object.Create(path, 1, 2, u"", mode) + fresh.Open(path, u"", mode), 0U);
-    std::thread storing;
-    const auto start = [&](auto, auto) {
-      if (storing.joinable()) return true;
-      std::atomic<pid_t> thread = 0;
-      storing = std::thread([&] {
-        thread = ::gettid();
-        EXPECT_EQ(store(), 0U);
-      });
-      while (thread == 0)
-        std::this_thread::yield();
-      return RestingState(thread) == 'S';
-    };
-    ZrCompactFile::ZrVerifySummary summary;
-    EXPECT_EQ((isOwn ? object : fresh).Verify(summary, {}, start), 0U);
-    storing.join();
-    fresh.Close();
-    object.Close();
-  }
-}
-
 TEST_F(Sharing, AStoppedHolderIsWaitedFor) {
   const std::function<bool()> lookUp = [&] { return ledger.Verify(fresh, kShared); };
   const std::function<bool()> store = [&] { return Put(fresh, kShared, 1, 1); };

@@ -152,9 +152,8 @@ auto Pass(std::string_view name, Call call, Arguments... arguments) {
   const std::size_t limit = fails ? 0 : LimitOf(IsWrite(name), number, range);
   using Result = decltype(call(arguments...));
   const auto failure = (Result)-1;  // of any type: a number, or MAP_FAILED
-  const Result result = fails && !IsRelease(name, arguments...)
-                            ? failure
-                            : Limited(limit, call, arguments...);
+  const Result result =
+      fails && !IsRelease(name, arguments...) ? failure : Limited(limit, call, arguments...);
   if (fails) errno = g_error;
   return fails ? failure : result;
 }

@@ -99,9 +99,11 @@ class HX_PLATFORM_API ZrFileStream {
   bool GetLength(std::uint64_t& length) const;
   /// Truncates, or extends by bytes that read as zero.
   bool SetLength(std::uint64_t length);
-  /// Truncates as SetLength does, unless somebody maps the file (Presence::kMapsFile). Under the
-  /// writer lock, or where no one else can map it meanwhile.
-  bool Cut(std::uint64_t length);
+  /// Whether somebody maps the file (Presence::kMapsFile), so that it must not become shorter.
+  /// Under the writer lock that stays so, as does the contrary.
+  bool IsMapped() const;
+  /// Truncates as SetLength does, unless somebody maps the file.
+  bool Cut(std::uint64_t length) { return !IsMapped() && SetLength(length); }
   /// Makes `size` bytes from `position` on read as zero and takes the room for them, so that a
   /// full disk shows here. What lies beyond the end of the file is reserved without being written
   /// where the file system can do that.

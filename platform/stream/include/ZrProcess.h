@@ -49,8 +49,9 @@ class HX_PLATFORM_API ZrProcess {
   ZrProcess(const ZrProcess&) = delete;
   ZrProcess& operator=(const ZrProcess&) = delete;
 
-  /// Sets the lock up for the existing file at `path`, and releases an earlier one first. 0: usable; 1: usable for reading (see IsLockReadOnly); 2: `path` leads to
-  /// nothing; 3: to something that is not a regular file or cannot be opened.
+  /// Sets the lock up for the existing file at `path`, and releases an earlier one first. 0:
+  /// usable; 1: usable for reading (see IsLockReadOnly); 2: `path` leads to nothing; 3: to
+  /// something that is not a regular file or cannot be opened.
   unsigned int ProcessLockInit(const PelmUnicodeString& path);
   /// Undoes ProcessLockInit, and unlocks.
   void ProcessLockRelease();

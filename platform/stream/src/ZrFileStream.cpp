@@ -258,10 +258,10 @@ bool ZrFileStream::OverwritesInPlace() const {
 
 bool ZrFileStream::SharesPages() const {
   constexpr std::uint32_t kLocal[] = {
-      EXT4_SUPER_MAGIC,     XFS_SUPER_MAGIC,   BTRFS_SUPER_MAGIC,    F2FS_SUPER_MAGIC,
-      TMPFS_MAGIC, RAMFS_MAGIC, MSDOS_SUPER_MAGIC,
-      EXFAT_SUPER_MAGIC,    SQUASHFS_MAGIC,    EROFS_SUPER_MAGIC_V1, ISOFS_SUPER_MAGIC,
-      REISERFS_SUPER_MAGIC, NILFS_SUPER_MAGIC, OVERLAYFS_SUPER_MAGIC};
+      EXT4_SUPER_MAGIC,  XFS_SUPER_MAGIC,      BTRFS_SUPER_MAGIC, F2FS_SUPER_MAGIC,
+      TMPFS_MAGIC,       RAMFS_MAGIC,          MSDOS_SUPER_MAGIC, EXFAT_SUPER_MAGIC,
+      SQUASHFS_MAGIC,    EROFS_SUPER_MAGIC_V1, ISOFS_SUPER_MAGIC, REISERFS_SUPER_MAGIC,
+      NILFS_SUPER_MAGIC, OVERLAYFS_SUPER_MAGIC};
   return std::ranges::find(kLocal, FileSystemOf(m_fd)) != std::end(kLocal);
 }
 
@@ -300,9 +300,7 @@ bool ZrFileStream::SetLength(std::uint64_t length) {
          Uninterrupted([&] { return GetFileSyscalls().ftruncate(m_fd, Offset(length)); }) == 0;
 }
 
-bool ZrFileStream::Cut(std::uint64_t length) {
-  return !FileLock::IsMapped(m_fd) && SetLength(length);
-}
+bool ZrFileStream::IsMapped() const { return FileLock::IsMapped(m_fd); }
 
 bool ZrFileStream::ZeroFill(std::uint64_t position, std::uint64_t size) {
   std::uint64_t length;
