@@ -107,9 +107,9 @@ constexpr Reader kReaders[] = {{Reader::kFresh, "has read nothing"},
 
 // With a sanitizer all takes long, and some orders are enough to find what it looks for.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr unsigned int kOrders = 30;
+constexpr unsigned int kOrders = 10;
 #else
-constexpr unsigned int kOrders = 2'000;
+constexpr unsigned int kOrders = 150;
 #endif
 
 unsigned int Setting(const char* name, unsigned int otherwise) {
@@ -373,7 +373,7 @@ class Orders : public ::testing::TestWithParam<std::tuple<Row, Layout>> {
   std::string m_complaint;
 };
 
-// In about a minute; HX_MORE makes it go through all kinds of readers everywhere, with so many more
+// In some seconds; HX_MORE makes it go through all kinds of readers everywhere, with so many more
 // preemptions, and HX_ORDERS through so many orders of each.
 TEST_P(Orders, LookupsSeeWholeTilesNoOlderThanKnown) {
   const auto& looks = GetRow().looks;
