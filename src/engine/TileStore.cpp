@@ -38,7 +38,6 @@ bool MoveTo(TileEntry& entry, std::uint64_t position, const Format::RecordImage&
 
 TileStore::TileStore(const Place& place, ZrByteArray& buffer)
     : m_place(place),
-      m_buffer(buffer),
       m_current(MakeRecord(buffer)),
       m_rewrite(place.file, place.tail, place.board, Io::SafeRewrite::kMayAppend) {}
 

@@ -110,7 +110,6 @@ class TileStore {
   Record MakeRecord(ZrByteArray& bytes) const { return Record(bytes, m_place.shape); }
 
   const Place m_place;
-  ZrByteArray& m_buffer;
   Record m_current;  // the tile's current record, in the buffer
   Io::SafeRewrite m_rewrite;
 };
