@@ -211,8 +211,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// not use the object meanwhile, nor store into the file through another one, which would wait
   /// for ever. An exception counts as false.
   using VerifyReport = std::function<bool(const ZrFinding& finding)>;
-  /// Receives how many of all index entries are done; the same rules. `done` never goes down, and
-  /// ends at `total`.
+  /// Receives how many of all index entries are done, without a lock: it may use the file. `done`
+  /// never goes down, and ends at `total`. The answer false and an exception end the check.
   using VerifyProgress = std::function<bool(unsigned long long done, unsigned long long total)>;
 
   /// Checks the whole file, as it is on the disk, for what no writer leaves: in headers, entries,
@@ -226,14 +226,13 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   ///
   /// kOk for a sound file; kReadFailure if there were findings, and, without any, if the headers
   /// cannot be brought up to date under the process lock; kNotUsable if the progress
-  /// ended the check before there was a finding, if memory is short, and for a ".sc" file;
-  /// kNotOpen.
+  /// ended the check before there was a finding, if the file was compacted, replaced or given
+  /// another password meanwhile, if memory is short, and for a ".sc" file; kNotOpen.
   ///
-  /// Lookups of all threads and processes go on meanwhile. Stores wait for the end of the check,
-  /// and later operations of this object wait behind them. New tiles that other processes store in
-  /// a grid do not wait, and may be counted. A program that stores without kProcessLock meanwhile
-  /// may cause false findings. The time is in proportion to the number of versions and the size of
-  /// the index, and the memory is some 24 bytes per version.
+  /// Lookups of all threads and processes go on meanwhile. Stores go on between two parts of the
+  /// check, and may be counted; the progress is told between them, too. A program that stores
+  /// without kProcessLock meanwhile may cause false findings. The time is in proportion to the
+  /// number of versions and the size of the index, and the memory is some 24 bytes per version.
   unsigned int Verify(ZrVerifySummary& summary, const VerifyReport& report,
                       const VerifyProgress& progress = VerifyProgress());
   /// The same, and only counts.

@@ -96,6 +96,7 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
   struct Sharing;
 
   bool IsOpenAt(const PelmUnicodeString& path) const;
+  bool AttachBoard();
   void RepairBoard();
 
   const std::unique_ptr<Sharing> m_pSharing;

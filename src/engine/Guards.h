@@ -1,7 +1,6 @@
 #pragma once
 
 #include <mutex>
-#include <shared_mutex>
 
 #include "HxThreadSafety.h"
 

@@ -77,7 +77,8 @@ bool Board::LookAtFile(Words& words) const {
   alignas(Word) unsigned char bytes[kSize];
   if (!m_file.ReadAt(kFirst, bytes, sizeof bytes)) return false;
   const Word mask = MaskOf(bytes[kMaskAt]);
-  words = {LoadWord(bytes) ^ mask, LoadWord(bytes + 8) ^ mask, LoadWord(bytes + 16) ^ mask};
+  words = {LoadWord(bytes) ^ mask, LoadWord(bytes + kRecords * Format::kWidth8) ^ mask,
+           LoadWord(bytes + kEntries * Format::kWidth8) ^ mask};
   return true;
 }
 

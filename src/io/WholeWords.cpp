@@ -4,8 +4,7 @@
 
 namespace Zarn::Io {
 // A word on two pages is stored through a mapping, by one instruction. The write of the old bytes
-// takes their room on the disk, and shows other processes the change. Where a file cannot be
-// mapped, a write has to do.
+// takes their room on the disk. Where a file cannot be mapped, a write has to do.
 bool ReplaceWord(ZrFileStream& file, std::uint64_t position, std::uint64_t before,
                  std::uint64_t after) {
   if (SpansPages(position, sizeof after)) {

@@ -4,8 +4,8 @@
 
 #include "ZrFileStream.h"
 
-/// Words of eight bytes - index entries, locators, the count of names - of which neither a kill nor
-/// a reader beside the writer must leave or see a part.
+/// Words of eight bytes - index entries, locators, the count of names - of which no kill must leave
+/// a part.
 namespace Zarn::Io {
 
 /// Whether a kill may cut a write of these bytes in two: the kernel stops a write between two pages

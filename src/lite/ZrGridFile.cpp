@@ -67,7 +67,7 @@ unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
   if (header == ZrResult::kWrongFile && Io::FinishReplacement(completed) &&
       ZrFile32::Open(completed, direction) && Join(mode))
     header = ReadHeader();
-  if (header != ZrResult::kOk || !Reload()) {
+  if (header != ZrResult::kOk || !AttachBoard()) {
     CloseStream();
     return ZrResult::kReadFailure;
   }
@@ -93,8 +93,11 @@ bool ZrGridFile::Join(ZrCompactFile::ZrOpenMode mode) {
 
 Io::Board& ZrGridFile::GetBoard() const { return *m_pSharing->board; }
 
-bool ZrGridFile::Reload() {
-  if (ReadHeader() != ZrResult::kOk || ReadHeaderGrid() != ZrResult::kOk) return false;
+bool ZrGridFile::Reload() { return ReadHeader() == ZrResult::kOk && AttachBoard(); }
+
+// The header was just read.
+bool ZrGridFile::AttachBoard() {
+  if (ReadHeaderGrid() != ZrResult::kOk) return false;
   m_pSharing->Attach(SharesPages() ? Io::Board::kInFile : Io::Board::kNowhere, *this, m_header);
   return true;
 }

@@ -91,8 +91,8 @@ class HX_PLATFORM_API ZrFileStream {
   bool SharesPages() const;
 
   /// Writes eight bytes, which must lie within the file, by one store into its pages: a process
-  /// that is killed meanwhile has written all or none of them. What watches the file for changes
-  /// does not see it. False, and nothing is written, if the file cannot be mapped.
+  /// that is killed meanwhile has written all or none of them. False, and nothing is written, if
+  /// the file cannot be mapped.
   bool StoreWord(std::uint64_t position, std::uint64_t word);
 
   /// Length in bytes; false on a stream that is not open.
