@@ -13,6 +13,8 @@
 #include <iterator>
 #include <random>
 
+#include "Layout.h"
+
 // Of the address sanitizer, if it is there.
 extern "C" {
 __attribute__((weak)) int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void*,
@@ -86,6 +88,13 @@ const std::string& Folder() {
 
 void WriteFile(const PelmUnicodeString& path, const Bytes& bytes) {
   std::ofstream(path.ToUtf8(), std::ios::binary | std::ios::trunc) << bytes;
+}
+
+Bytes WithoutWords(Bytes file) {
+  if (file.size() >= Zarn::Format::kHeaderSize)
+    file.replace(Zarn::Format::kHeaderFieldsSize,
+                 Zarn::Format::kHeaderSize - Zarn::Format::kHeaderFieldsSize, "");
+  return file;
 }
 
 Bytes ReadFile(const PelmUnicodeString& path) {

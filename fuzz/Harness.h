@@ -60,6 +60,8 @@ inline PelmUnicodeString Path(const std::string& name) {
 void WriteFile(const PelmUnicodeString& path, const Bytes& bytes);
 /// Empty if there is none.
 Bytes ReadFile(const PelmUnicodeString& path);
+/// A container's bytes without what those who share it change in its header.
+Bytes WithoutWords(Bytes file);
 bool Exists(const PelmUnicodeString& path);
 /// What the system knows of a file; zeros if there is none.
 struct stat StatusOf(const PelmUnicodeString& path);

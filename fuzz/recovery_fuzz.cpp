@@ -76,13 +76,6 @@ unsigned int OpenAndRead(int flags) {
   return result;
 }
 
-// Those who share a file change the words in its header.
-Bytes WithoutWords(Bytes file) {
-  if (file.size() >= Format::kHeaderSize)
-    file.replace(Format::kHeaderFieldsSize, Format::kHeaderSize - Format::kHeaderFieldsSize, "");
-  return file;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* bytes, std::size_t size) {

@@ -67,6 +67,9 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
   bool UnderLock(const std::function<void()>& action);
   /// Reads the headers again. False if that is not possible.
   bool Reload();
+  /// Tells the others that this object writes without the lock, if it does. False if that is not
+  /// possible.
+  bool JoinWriters();
   /// Stores what Create and Open are given. `path` is a completed one.
   void SetIdentity(const PelmUnicodeString& path, const PelmUnicodeString& password,
                    ZrCompactFile::ZrOpenMode mode);
@@ -97,7 +100,6 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
 
   bool IsOpenAt(const PelmUnicodeString& path) const;
   bool AttachBoard();
-  void RepairBoard();
 
   const std::unique_ptr<Sharing> m_pSharing;
 };

@@ -111,9 +111,9 @@ void StoreBatch::WriteBlock() {
   try {
     const std::uint64_t position = m_file.GetTail().Reserve(*m_file.GetStream());
     std::vector<iovec> parts = PlaceBlock(position);
-    written =
-        position != 0 && m_file.GetStream()->WriteGathered(position, parts.data(), parts.size());
-    if (written) m_file.GetTail().EndsAt(position + m_blockSize);
+    written = position != 0 &&
+              m_file.GetStream()->WriteGathered(position, parts.data(), parts.size()) &&
+              m_file.GetTail().EndsAt(position + m_blockSize);
   } catch (const std::bad_alloc&) {
   }
   while (!written && m_tiles.size() > m_inFile) {

@@ -150,7 +150,7 @@ unsigned int Engine::ReplaceByImage(Io::RedoFile& image, WriteOperation& operati
     return ZrResult::kWriteFailure;
   }
   // Where somebody maps the file, it has kept its length.
-  if (outcome == Outcome::kInPlace) File().GetTail().HasSpareFrom(length);
+  if (outcome == Outcome::kInPlace) File().HasSpareFrom(length);
   report.PutBackAll();
   return ZrResult::kOk;
 }
@@ -160,7 +160,7 @@ Outcome Engine::Replace(Io::RedoFile& image, OpenFile& file,
                         const Io::RedoFile::Progress& progress) {
   Io::Board& board = file.GetBoard();
   m_locks.GetLookups().Stop();
-  if (!board.Replaces()) return Outcome::kNot;
+  if (!board.SetEnd(0) || !board.Replaces()) return Outcome::kNot;
   const Io::BoardChange change(board, Io::BoardChange::kRecord);
   TearDown();
   const Outcome outcome = image.Replace(*file.GetStream(), progress);

@@ -279,8 +279,12 @@ unsigned int Engine::LoadFile(const std::shared_ptr<ZrFile64>& created,
   const bool isMapped = (m_nOpenMode & ZrCompactFile::kMapped) != 0;
   OpenFile* const previous = m_state.file.get();
   const bool isNewFile = previous == nullptr || previous->GetLockedFile() != lock.GetLockedFile();
-  if (lock.isLocked() && isNewFile &&
-      !lock.EnterFile(isMapped ? Presence::kMapsFile : Presence::kOpen))
+  const bool isWriter = !isReadOnly && !lock.IsLockReadOnly();
+  const bool isEntering = lock.isLocked() && isNewFile;
+  if (isEntering &&
+      !lock.EnterFile(isWriter   ? isMapped ? Presence::kMapsAndWrites : Presence::kWrites
+                      : isMapped ? Presence::kMapsFile
+                                 : Presence::kOpen))
     return ZrResult::kNotUsable;
   std::shared_ptr<ZrFile64> stream = created;
   if (stream == nullptr && previous != nullptr &&
@@ -293,6 +297,8 @@ unsigned int Engine::LoadFile(const std::shared_ptr<ZrFile64>& created,
                       stream != nullptr ? stream : created},
                      m_maxSizes, previous, loaded);
   if (result != ZrResult::kOk) return result;
+  if (isEntering && isWriter && !lock.IsAnotherPresent(Presence::kWrites) && !loaded->ForgetEnd())
+    return ZrResult::kNotUsable;
   // Since the lock was taken, the path may have come to lead to another file, which this lock does
   // not protect; finishing a replacement does that, too.
   const bool isChecked = stream != nullptr && loaded->GetStream() == stream;
@@ -367,22 +373,26 @@ void Engine::TearDown() {
   file.swap(m_state.file);
 }
 
-// What is spare is cut off, if this object still knows it. The last one to leave makes the file as
-// the format has it.
+// The last writer to leave cuts off what is spare, unless somebody maps the file; the last one of
+// all makes the words as the format has them.
 void Engine::LeaveFile() {
   ProcessLock& lock = m_locks.GetProcessLock();
   OpenFile& file = *m_state.file;
-  const bool hasSpare = file.HasIndex() && file.GetTail().HasSpare();
+  const bool hasSpare = file.HasSpare();
   if (lock.IsDisabled()) {
-    if (hasSpare) file.GetTail().CutSpare(*file.GetStream());
+    if (hasSpare) file.CutSpare();
     return;
   }
   const bool isLocked = hasSpare && lock.WriterLock(0);
-  const bool mayCut = isLocked && file.GetLockedFile() == lock.GetLockedFile() &&
-                      lock.IsExclusive() &&
-                      file.Refresh(lock.GetLockedLength()) == OpenFile::Change::kNone;
-  const bool isLast = file.GetLockedFile() == lock.GetLockedFile() && lock.LeaveFile();
-  if (mayCut) file.GetTail().CutSpare(*file.GetStream());
+  if (file.GetLockedFile() != lock.GetLockedFile()) {
+    if (isLocked) lock.WriterUnlock();
+    return;
+  }
+  const bool mayCut = isLocked && lock.IsExclusive() &&
+                      file.Refresh(lock.GetLockedLength()) != OpenFile::Change::kAll &&
+                      !lock.IsAnotherPresent(Presence::kWrites);
+  const bool isLast = lock.LeaveFile();
+  if (mayCut) file.CutSpare();
   if (isLast) file.GetBoard().Clear(m_strAbsolutePath);
   if (isLocked) lock.WriterUnlock();
 }

@@ -90,12 +90,15 @@ bool Engine::ReserveNames(std::size_t count) {
   return hasRoom;
 }
 
-// The new index goes to the end of the data.
+// The new index goes to the end of the data, which is unknown until the header leads there.
 bool Engine::GrowIndex() {
   OpenFile& file = File();
   Io::Tail& tail = file.GetTail();
-  if (!file.Names()->IncreaseNamingIndexCapacity(tail.Reserve(*file.GetStream()))) return false;
+  const std::uint64_t position = tail.Reserve(*file.GetStream());
+  if (!file.GetBoard().SetEnd(0) || !file.Names()->IncreaseNamingIndexCapacity(position))
+    return false;
   tail.SetIndex(file.Names()->GetShape());
+  tail.EndsAt(file.Names()->GetShape().End());
   return true;
 }
 

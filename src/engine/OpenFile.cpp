@@ -71,15 +71,36 @@ bool OpenFile::ReadIndex(MaxSizes& maxSizes) {
 // Where the data end is looked for again, but from what was there before in the same file.
 void OpenFile::TakeTail(const Source& source, const OpenFile& previous) {
   if (m_cells == nullptr && m_names == nullptr) return;
+  const auto use = source.isShared ? Io::Tail::kShared
+                   : source.mapped ? Io::Tail::kOwnMapped
+                                   : Io::Tail::kOwn;
   if (previous.m_tail && previous.m_file == m_file && previous.m_header.HasFieldsOf(m_header))
     m_tail = previous.m_tail;
   else
-    m_tail.emplace(Index().GetShape(), m_shape.swap,
-                   Io::Tail::Use{.keepsEnd = source.isShared || source.mapped,
-                                 .keepsLength = !source.isShared && source.mapped,
-                                 .isAlone = !source.isShared});
+    m_tail.emplace(Index().GetShape(), m_shape.swap, use);
   m_tail->SetIndex(Index().GetShape());
+  m_tail->SetBoard(*m_board);
+  m_tail->Refresh(0);
+}
+
+bool OpenFile::ForgetEnd() {
+  if (!m_tail || m_board->GetEnd() == 0) return true;
   m_tail->Invalidate();
+  return m_board->SetEnd(0);
+}
+
+void OpenFile::HasSpareFrom(std::uint64_t end) {
+  std::uint64_t length;
+  if (m_tail && m_file->GetLength(length)) m_tail->HasSpareFrom(end, length);
+}
+
+// Another object may have left it.
+bool OpenFile::HasSpare() const {
+  if (!m_tail || m_file->IsReadOnly()) return false;
+  if (m_board->GetPlace() != Io::Board::kInFile) return m_tail->HasSpare();
+  const std::uint64_t end = m_board->LookForEnd();
+  std::uint64_t length;
+  return end != 0 && m_file->GetLength(length) && end < length;
 }
 
 bool OpenFile::HasVersions() const {
@@ -117,8 +138,10 @@ OpenFile::Change OpenFile::Refresh(std::uint64_t length) {
   if (change == Io::Board::Change::kNone) {
     if (m_tail->IsAsLeft(length)) return Change::kNone;
     m_board->Forget();
+    m_tail->Invalidate();
+  } else {
+    m_tail->Refresh(length);
   }
-  m_tail->Invalidate();
   if (m_names == nullptr) return Change::kTiles;
   switch (m_names->LookForNewNames()) {
     case NameIndex::Growth::kNone:

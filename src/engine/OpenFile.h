@@ -74,6 +74,15 @@ class OpenFile {
   enum class Change { kNone, kTiles, kNames, kAll };
   Change Refresh(std::uint64_t length);
 
+  /// A shared file as the first writer finds it: where its data end has to be looked for.
+  bool ForgetEnd();
+  /// The data end here, in a longer file.
+  void HasSpareFrom(std::uint64_t end);
+  /// Whether the file is longer than its data, as far as that is known. Without the lock.
+  bool HasSpare() const;
+  /// Cuts that off, unless somebody maps the file.
+  void CutSpare() { m_tail->CutSpare(*m_file); }
+
   /// Whether the path still leads to this file, as far as it was seen lately. Any thread may ask.
   bool IsAtPath();
 

@@ -39,7 +39,7 @@ bool MoveTo(TileEntry& entry, std::uint64_t position, const Format::RecordImage&
 TileStore::TileStore(const Place& place, ZrByteArray& buffer)
     : m_place(place),
       m_current(MakeRecord(buffer)),
-      m_rewrite(place.file, place.tail, place.board, Io::SafeRewrite::kMayAppend) {}
+      m_rewrite(place.file, place.tail, place.board) {}
 
 bool TileStore::ReadCurrentHead(TileEntry& entry) {
   entry.isHeadRead = entry.isHeadRead ? m_current.Parse()
@@ -259,9 +259,10 @@ std::uint64_t TileStore::AppendSwapData(Record& record, const StoreRequest& requ
     return UpdateSwapData(record, request) ? WriteDataToDataFile(0, record) : 0;
   record.SetPayload(request.span.capacity, request.span.FilledLength());
   const std::uint64_t position = m_place.tail.Reserve(m_place.file);
-  if (position == 0 || !WriteHeadAndData(position, record, request)) return 0;
-  m_place.tail.EndsAt(position + record.Head().length);
-  return position;
+  return position != 0 && WriteHeadAndData(position, record, request) &&
+                 m_place.tail.EndsAt(position + record.Head().length)
+             ? position
+             : 0;
 }
 
 // Appends a record that is new altogether. What the data leaves of its payload area reads as zero,
@@ -275,8 +276,7 @@ std::uint64_t TileStore::AppendNewRecord(const Record& record, const StoreReques
       !(m_place.file.ZeroFill(payload, request.span.offset) &&
         m_place.file.ZeroFill(payload + filled, request.span.capacity - filled)))
     return 0;
-  m_place.tail.EndsAt(position + record.Head().length);
-  return position;
+  return m_place.tail.EndsAt(position + record.Head().length) ? position : 0;
 }
 
 // Writes the head, and the data at its place behind it, and nothing else.
@@ -301,8 +301,7 @@ std::uint64_t TileStore::WriteDataToDataFile(std::uint64_t position, const Recor
   if (position == 0 || length > record.Bytes().GetSize() ||
       !m_place.file.WriteAt(position, record.Bytes().GetData(), length))
     return 0;
-  if (isNew) m_place.tail.EndsAt(position + length);
-  return position;
+  return !isNew || m_place.tail.EndsAt(position + length) ? position : 0;
 }
 
 // Writes the record over the one at `position`, which is no shorter, unless another
@@ -329,7 +328,7 @@ std::uint64_t TileStore::MoveHome(Reference& reference, std::uint64_t copy, std:
                               : WriteDataToDataFile(position, record) != 0;
   };
   const auto point = [&](std::uint64_t position) { return PointTo(reference, position); };
-  return m_rewrite.AcrossPages({copy, copy + record.Head().length}, home, write, point);
+  return m_rewrite.AcrossPages(copy, home, write, point);
 }
 
 // Whether other records lie in the room of the one at `position`, behind what it has filled and

@@ -99,11 +99,11 @@ class Verifier {
       m_findings.Report(kKind, Format::kFormatVersionOffset, "the format version is unknown");
     if (!std::isfinite(header.CreateTime()))
       m_findings.Report(kKind, Format::kCreateTimeOffset, "the time of creation is not a number");
-    // Between them are the words of the board, which those who use the file leave when they die.
+    // The others are the words of the board, which those who use the file leave when they die.
     const auto isSet = [](unsigned char byte) { return byte != 0; };
     const auto* const bytes = m_header.data();
     if (std::any_of(bytes + Format::kReservedOffset, bytes + Format::kHeaderFieldsSize, isSet) ||
-        std::any_of(bytes + Format::kMaskOffset, bytes + Format::kHeaderSize, isSet))
+        isSet(bytes[Format::kMaskOffset]))
       m_findings.Report(kKind, Format::kReservedOffset, "the reserved bytes are not zero");
     if (!IsGrid() && !m_records.IsNaming())
       return m_findings.Fail(kKind, Format::kFileKindOffset, "the kind of the file is unknown");

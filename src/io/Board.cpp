@@ -1,7 +1,9 @@
 #include "Board.h"
 
+#include <bit>
 #include <utility>
 
+#include "IndexValue.h"
 #include "Layout.h"
 #include "ZrFile64.h"
 
@@ -10,13 +12,29 @@ namespace {
 
 using Word = std::uint64_t;
 
+// The word of the end shares its place with the mask, which is its first byte.
+constexpr int kEndShift = std::endian::native == std::endian::little ? 8 : 0;
+// No file ends there: the end remains unknown.
+constexpr Word kRenounced = Format::kPositionMask << kEndShift;
+
 constexpr std::size_t kFirst = Format::kGenerationWordOffset;
 constexpr std::size_t kSize = Format::kHeaderSize - kFirst;
+constexpr std::size_t kRecordsAt = Format::kRecordsWordOffset - kFirst;
+constexpr std::size_t kEntriesAt = Format::kEntriesWordOffset - kFirst;
 constexpr std::size_t kMaskAt = Format::kMaskOffset - kFirst;
+
+std::uint64_t EndOf(Word word) { return word == kRenounced ? 0 : word >> kEndShift; }
 
 Word MaskOf(unsigned char byte) { return byte * Word{0x0101010101010101}; }
 
 Word LoadWord(const unsigned char* bytes) { return LoadScalar<Word>(bytes, false); }
+
+// From the header's bytes, scrambled or not: then the mask is zero, unless the file is damaged.
+Board::Words WordsIn(const unsigned char* bytes) {
+  const Word mask = MaskOf(bytes[kMaskAt]);
+  return {LoadWord(bytes) ^ mask, LoadWord(bytes + kRecordsAt) ^ mask,
+          LoadWord(bytes + kEntriesAt) ^ mask, LoadWord(bytes + kMaskAt) ^ mask};
+}
 
 unsigned char* BytesOf(void* page) { return static_cast<unsigned char*>(page) + kFirst; }
 
@@ -34,12 +52,12 @@ Board::Board(Place place, ZrFileStream& file, const Format::HeaderImage& header,
     : m_place(place), m_file(file) {
   Words words;
   if (place == kInFile) {
-    words = {LoadWord(&header[kFirst]), LoadWord(&header[Format::kRecordsWordOffset]),
-             LoadWord(&header[Format::kEntriesWordOffset])};
+    words = WordsIn(&header[kFirst]);
     if (isMapped) m_page = file.MapPage(false);
   }
   m_generation = words.generation;
   m_refreshed = words.entries;
+  m_end = words.end;
   Know(words);
 }
 
@@ -70,15 +88,14 @@ bool Board::LookAtPage(void* page, Words& words) {
   words.generation = WordOf(page, kGeneration).load(std::memory_order_acquire) ^ mask;
   words.records = WordOf(page, kRecords).load(std::memory_order_acquire) ^ mask;
   words.entries = WordOf(page, kEntries).load(std::memory_order_acquire) ^ mask;
+  words.end = WordOf(page, kEnd).load(std::memory_order_relaxed) ^ mask;
   return true;
 }
 
 bool Board::LookAtFile(Words& words) const {
-  alignas(Word) unsigned char bytes[kSize];
+  unsigned char bytes[kSize];
   if (!m_file.ReadAt(kFirst, bytes, sizeof bytes)) return false;
-  const Word mask = MaskOf(bytes[kMaskAt]);
-  words = {LoadWord(bytes) ^ mask, LoadWord(bytes + kRecords * Format::kWidth8) ^ mask,
-           LoadWord(bytes + kEntries * Format::kWidth8) ^ mask};
+  words = WordsIn(bytes);
   return true;
 }
 
@@ -133,6 +150,7 @@ Board::Change Board::Refresh() {
   Words words;
   if (!LookUnderLock(words) || !IsOurs(words)) return Change::kAll;
   m_odd = words.entries % 2 != 0 ? words.entries : 0;
+  m_end = words.end;
   const std::lock_guard guard(m_mutex);
   if (words.entries != m_known.load(std::memory_order_relaxed)) Know(words);
   // Lookups may have seen the change before.
@@ -191,21 +209,39 @@ bool Board::Replaces() {
   return true;
 }
 
+std::uint64_t Board::GetEnd() const { return EndOf(m_end); }
+
+std::uint64_t Board::LookForEnd() const {
+  Words words;
+  return Look(words) ? EndOf(words.end) : 0;
+}
+
+bool Board::SetEnd(std::uint64_t end) {
+  if (m_place != kInFile || end == GetEnd() || m_end == kRenounced) return true;
+  return Set(kEnd, [&](Word word) {
+    m_end = word == kRenounced ? word : end << kEndShift;
+    return m_end;
+  });
+}
+
+bool Board::RenounceEnd() {
+  m_end = kRenounced;
+  return m_place != kInFile || Set(kEnd, [](Word) { return kRenounced; });
+}
+
 void Board::Clear(const PelmUnicodeString& path) {
   unsigned char bytes[kSize];
   if (m_place != kInFile || !m_file.ReadAt(kFirst, bytes, sizeof bytes)) return;
   const unsigned char mask = bytes[kMaskAt];
   bool isClear = true;
-  for (std::size_t i = 0; i < kMaskAt; ++i) {
-    isClear = isClear && bytes[i] == mask;
-    bytes[i] = mask;
-  }
+  for (unsigned char& byte : bytes)
+    isClear = std::exchange(byte, mask) == mask && isClear;
   if (isClear) return;
   ZrFile64 writable;
   if (!m_file.IsReadOnly())
-    m_file.WriteAt(kFirst, bytes, kMaskAt);
+    m_file.WriteAt(kFirst, bytes, sizeof bytes);
   else if (m_file.IsSameFile(path) && writable.Open(path, ZrFile64::kReadWrite))
-    writable.WriteAt(kFirst, bytes, kMaskAt);
+    writable.WriteAt(kFirst, bytes, sizeof bytes);
 }
 
 // The fences keep the change of the word and the writes that it tells of in their order.

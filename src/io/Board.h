@@ -10,7 +10,7 @@
 
 namespace Zarn::Io {
 
-/// The three words on which whoever changes a file tells what it does. Lookups take no lock: they
+/// The words on which whoever changes a file tells what it does. Lookups take no lock: they
 /// look at the words before and after they read, and read again if what they used may have changed.
 ///
 ///   entries     odd while something that lookups follow is being changed in place, otherwise even:
@@ -20,6 +20,8 @@ namespace Zarn::Io {
 ///               cut off, also by a change of such a record in place
 ///   generation  raised before the header, the index area or the contents as a whole change, or the
 ///               file at the path
+///   end         for writers: no entry, locator or index ever leads to this position or behind it
+///               while it stays; 0: unknown
 ///
 /// While a file is shared they lie in reserved bytes of its header: all who can open the file, in
 /// whatever container or under whatever mount, share them, and trust them as they trust the file.
@@ -34,6 +36,9 @@ namespace Zarn::Io {
 ///      (BoardChange).
 ///   3. Who looks at the words is present (Presence) from before the first look on. The last one
 ///      to leave zeroes them.
+///   4. `end` is raised before an entry leads to what lies behind it. A writer that finds no other
+///      one when it enters makes it unknown: a loss of power may have left it with newer entries.
+///      While somebody writes without the lock it stays unknown (RenounceEnd).
 ///
 /// The object also knows how the words were when it last looked, and so what is still right of that
 /// which was read before: that may be used if it has a tag of Tag(), which is then current.
@@ -51,6 +56,7 @@ class Board {
     std::uint64_t generation = 0;
     std::uint64_t records = 0;
     std::uint64_t entries = 0;
+    std::uint64_t end = 0;  ///< not for lookups of a file of one object
   };
   /// What others have changed.
   enum class Change { kNone, kTiles, kAll };
@@ -110,13 +116,22 @@ class Board {
   bool Overwrites();
   /// Before the header, the index area or all contents change; to others this is another file then.
   bool Replaces();
+  /// Where the data end, as of the last Refresh or SetEnd; 0: unknown.
+  std::uint64_t GetEnd() const;
+  /// The same, as it is now.
+  std::uint64_t LookForEnd() const;
+  /// Tells where they end now; 0: unknown. False if the word could not be written: then nothing may
+  /// lead behind the end of before. Only in a file that is shared.
+  bool SetEnd(std::uint64_t end);
+  /// It becomes unknown, and remains so: the caller writes without the lock from now on.
+  bool RenounceEnd();
   /// The last one to leave: zeroes the words, so that the file, which is at this path, is as the
   /// format has it.
   void Clear(const PelmUnicodeString& path);
 
  private:
   friend class BoardChange;
-  enum WordNumber { kGeneration, kRecords, kEntries };
+  enum WordNumber { kGeneration, kRecords, kEntries, kEnd };
 
   template <typename Function>
   bool Set(WordNumber number, Function function);
@@ -135,6 +150,7 @@ class Board {
   std::uint64_t m_generation;  // of what was loaded
   std::uint64_t m_refreshed;   // `entries` at the last Refresh
   std::uint64_t m_odd = 0;     // that Refresh has left; 0: none
+  std::uint64_t m_end;         // as in Words
 
   // Known words of a file; kWriting: this object changes them.
   static constexpr std::uint64_t kWriting = UINT64_MAX;

@@ -26,11 +26,4 @@ void SafeRewrite::PutOldBack() {
   if (m_oldSize != 0) m_file.WriteAt(m_oldPosition, m_old, m_oldSize);
 }
 
-void SafeRewrite::CutCopy(const Copy& copy) {
-  std::uint64_t length;
-  if (m_others == kNoOthers || m_tail.MayHaveSpare() ||
-      (m_file.GetLength(length) && length == copy.end))
-    m_tail.CutBack(m_file);
-}
-
 }  // namespace Zarn::Io

@@ -21,13 +21,8 @@ namespace Zarn::Io {
 /// One object serves one operation of one thread.
 class SafeRewrite {
  public:
-  enum Others {
-    kNoOthers,   ///< this is the file's only writer
-    kMayAppend,  ///< what others have appended behind the copy must not be cut off
-  };
-
-  SafeRewrite(ZrFileStream& file, Tail& tail, Board& board, Others others)
-      : m_file(file), m_tail(tail), m_board(board), m_others(others) {}
+  SafeRewrite(ZrFileStream& file, Tail& tail, Board& board)
+      : m_file(file), m_tail(tail), m_board(board) {}
 
   /// Reads the bytes that a write within a page is about to replace.
   bool KeepOld(std::uint64_t position, std::uint64_t size);
@@ -45,30 +40,23 @@ class SafeRewrite {
   /// Writes the kept bytes again, if there are any, for an operation that fails later.
   void PutBack();
 
-  /// The copy at the end of the file; the last place that the tail has reserved.
-  struct Copy {
-    std::uint64_t position = 0;  // 0: it could not be written
-    std::uint64_t end = 0;       // of the file, unless another process has appended
-  };
-  /// Overwrites the record at `home`, which has a copy by now. Returns where the record is: `home`,
-  /// and the file has its length of before; the copy, if `home` could not be written; 0 if the old
-  /// one still counts.
+  /// Overwrites the record at `home`, which has a copy by now, in the place that the tail has
+  /// reserved last; 0: it could not be written. Returns where the record is: `home`, and the tail
+  /// has that place back; the copy, if `home` could not be written; 0 if the old one still counts.
   template <typename Write, typename Point>
-  std::uint64_t AcrossPages(const Copy& copy, std::uint64_t home, Write write, Point point) {
-    if (copy.position == 0 || !point(copy.position)) return 0;
-    if (!m_board.Overwrites() || !write(home) || !point(home)) return copy.position;
-    if (m_board.Overwrites()) CutCopy(copy);
+  std::uint64_t AcrossPages(std::uint64_t copy, std::uint64_t home, Write write, Point point) {
+    if (copy == 0 || !point(copy)) return 0;
+    if (!m_board.Overwrites() || !write(home) || !point(home)) return copy;
+    if (m_board.Overwrites()) m_tail.GiveBack(m_file);
     return home;
   }
 
  private:
   void PutOldBack();
-  void CutCopy(const Copy& copy);
 
   ZrFileStream& m_file;
   Tail& m_tail;
   Board& m_board;
-  const Others m_others;
   std::uint64_t m_oldPosition = 0;
   const unsigned char* m_old = nullptr;  // the old bytes
   std::uint64_t m_oldSize = 0;           // 0: none were kept

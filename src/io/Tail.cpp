@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "IndexWalker.h"
 #include "RecordHead.h"
@@ -54,17 +55,29 @@ bool RunsOverRecord(const ZrFileStream& file, bool swap, std::uint64_t begin, st
 
 }  // namespace
 
+// An object that does not hear of changes by others asks for the length: another one than it has
+// left shows that somebody has written behind its back.
 std::uint64_t Tail::Reserve(const ZrFileStream& file) {
   constexpr std::uint64_t kLast =
       Format::kPositionMask - Format::kGridRecordHead - Format::kMaxCapacity;
-  std::uint64_t length = m_fileEnd;
-  if (length == 0 && !file.GetLength(length)) return 0;
-  const std::uint64_t position = Reserve(file, length);
-  return position <= kLast ? position : 0;
+  if (m_length == 0 || m_use == kOwn) {
+    std::uint64_t length;
+    if (!file.GetLength(length)) return 0;
+    if (m_use == kOwn && length != m_length) m_end = 0;
+    if (!IsAsLeft(length)) {
+      Invalidate();
+      m_length = length;
+    }
+  }
+  const bool isKnown = m_end != 0 && m_end <= m_length;
+  m_lengthBefore = m_length;
+  m_reserved = isKnown ? std::max(m_end, m_index.End()) : Reserve(file, m_length);
+  m_ownStart = std::min(m_ownStart, m_reserved);
+  m_isWriting = true;
+  return m_reserved <= kLast ? m_reserved : 0;
 }
 
 std::uint64_t Tail::Reserve(const ZrFileStream& file, std::uint64_t fileLength) {
-  m_fileEnd = 0;
   m_lengthBefore = fileLength;
   if (m_statedEnd <= fileLength) m_statedEnd = 0;
   if (!m_isFound && m_index.IsGrid() && !FollowRecords(file, fileLength) &&
@@ -79,28 +92,55 @@ std::uint64_t Tail::Reserve(const ZrFileStream& file, std::uint64_t fileLength) 
   return position;
 }
 
-void Tail::Claim(std::uint64_t statedEnd) { m_statedEnd = std::max(m_statedEnd, statedEnd); }
-
-bool Tail::CutBack(ZrFileStream& file) {
-  const bool isCut = !m_use.keepsLength &&
-                     (m_use.isAlone ? file.SetLength(m_lengthBefore) : file.Cut(m_lengthBefore));
-  if (!isCut && !m_use.keepsEnd) return false;
-  EndsAt(m_lengthBefore);
-  m_hasSpare = !isCut;
-  m_statedEnd = m_statedBefore;
-  return true;
+bool Tail::EndsAt(std::uint64_t end) {
+  m_isWriting = false;
+  m_length = std::max(m_length, end);
+  m_end = m_lost.empty() ? end : 0;  // else each place is looked for by itself
+  return m_board == nullptr || m_board->SetEnd(m_end);
 }
 
+void Tail::HasSpareFrom(std::uint64_t end, std::uint64_t fileLength) {
+  m_length = fileLength;
+  EndsAt(end);
+}
+
+void Tail::Claim(std::uint64_t statedEnd) { m_statedEnd = std::max(m_statedEnd, statedEnd); }
+
+// A little is kept: to cut a file and to extend it again takes longer than the rest of a rewrite.
+// Where the last record states an end behind that of the file, nothing is.
+void Tail::GiveBack(ZrFileStream& file) {
+  constexpr std::uint64_t kMostSpare = 1 << 20;
+  m_statedEnd = m_statedBefore;
+  const bool keepsSpare = m_use != kLight && m_lost.empty() && m_reserved <= m_lengthBefore;
+  if (m_use != kLight) EndsAt(keepsSpare ? m_reserved : 0);
+  if (m_use == kOwnMapped || (keepsSpare && m_length - m_end <= kMostSpare)) return;
+  const std::uint64_t end = keepsSpare ? m_end : m_lengthBefore;
+  if (file.Cut(end)) m_length = end;
+}
+
+// What somebody has appended behind this object's back stays.
 void Tail::CutSpare(ZrFileStream& file) {
   std::uint64_t length;
-  if (HasSpare() && file.GetLength(length) && length > m_fileEnd && file.Cut(m_fileEnd))
-    m_hasSpare = false;
+  if (HasSpare() && file.GetLength(length) && length == m_length && file.Cut(m_end))
+    m_length = m_end;
+}
+
+bool Tail::IsAsLeft(std::uint64_t fileLength) {
+  const std::uint64_t before = std::exchange(m_length, fileLength);
+  return before == 0 || before == fileLength || m_isWriting;
+}
+
+void Tail::Refresh(std::uint64_t fileLength) {
+  Invalidate();
+  m_end = m_board != nullptr ? m_board->GetEnd() : 0;
+  m_length = fileLength;
 }
 
 void Tail::Invalidate() {
   m_isFound = false;
-  m_hasSpare = false;
-  m_fileEnd = 0;
+  m_isWriting = false;
+  m_end = 0;
+  m_length = 0;
   m_statedEnd = 0;
 }
 

@@ -44,22 +44,28 @@ struct ZrCompactFileWriter::Store {
 
 namespace {
 
-/// Around the changes of one call.
+/// Around the changes of one call, which do not tell where the data end.
 class Writing {
  public:
-  explicit Writing(Io::Board& board) : m_board(board) { board.BeginWriting(); }
+  explicit Writing(Io::Board& board) : m_board(board) {
+    board.BeginWriting();
+    m_isPossible = board.SetEnd(0);
+  }
   ~Writing() { m_board.EndWriting(); }
   Writing(const Writing&) = delete;
   Writing& operator=(const Writing&) = delete;
 
+  bool IsPossible() const { return m_isPossible; }
+
  private:
   Io::Board& m_board;
+  bool m_isPossible = false;
 };
 
 }  // namespace
 
 ZrCompactFileWriter::ZrCompactFileWriter()
-    : m_pTail(std::make_unique<Io::Tail>(Format::IndexShape{}, false, Io::Tail::Use{})) {}
+    : m_pTail(std::make_unique<Io::Tail>(Format::IndexShape{}, false, Io::Tail::kLight)) {}
 
 ZrCompactFileWriter::~ZrCompactFileWriter() { Close(); }
 
@@ -87,7 +93,7 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
     Close();
     return result;
   }
-  *m_pTail = Io::Tail({}, m_bSwap, {});
+  *m_pTail = Io::Tail({}, m_bSwap, Io::Tail::kLight);
   m_pTail->SetEmpty();
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
@@ -102,7 +108,8 @@ unsigned int ZrCompactFileWriter::MakeFile(unsigned int rows, unsigned int cols,
   if (!file.Begin(m_strPath)) return ZrResult::kNotUsable;
   m_bOpened = true;
   if (WriteHeader() != ZrResult::kOk || WriteHeaderGrid(rows, cols) != ZrResult::kOk ||
-      file.Publish() != ZrNewFile::Outcome::kPublished || !Join(mode) || !Reload())
+      file.Publish() != ZrNewFile::Outcome::kPublished || !Join(mode) || !Reload() ||
+      !JoinWriters())
     return ZrResult::kNotCreated;
   file.Commit();
   return ZrResult::kOk;
@@ -112,7 +119,7 @@ unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,
                                        const PelmUnicodeString& password,
                                        ZrCompactFile::ZrOpenMode mode) {
   const unsigned int result = OpenExisting(path, password, mode, kReadWrite);
-  *m_pTail = Io::Tail({}, m_bSwap, {});
+  *m_pTail = Io::Tail({}, m_bSwap, Io::Tail::kLight);
   return result;
 }
 
@@ -160,8 +167,9 @@ bool ZrCompactFileWriter::HoldsRecords() const {
 bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
                                           unsigned long long value) {
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
-  if (!IsOpen() || !cell) return false;
+  if (!IsOpen() || !cell || !LookForChanges()) return false;
   const Writing writing(GetBoard());
+  if (!writing.IsPossible()) return false;
   unsigned long long before;
   if (ReadIndexValue(row, col, before)) return ReplaceIndexValue(row, col, before, value);
   std::uint64_t after;
@@ -191,7 +199,8 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
   if (!LookForChanges()) return ZrResult::kReadFailure;
   const Writing writing(GetBoard());
   Store store{row, col, data, *span, nVersion};
-  if (!ReadIndexValue(row, col, store.entry) || !GetLength(store.fileLength))
+  if (!writing.IsPossible() || !ReadIndexValue(row, col, store.entry) ||
+      !GetLength(store.fileLength))
     return ZrResult::kWriteFailure;
   switch (FindPlace(store)) {
     case Place::kInPlace:
@@ -264,7 +273,7 @@ unsigned int ZrCompactFileWriter::Rewrite(const Store& store) {
   if (Io::SpansPages(home, written))
     return RewriteAcrossPages(store, fileLength) ? ZrResult::kOk : ZrResult::kWriteFailure;
 
-  Io::SafeRewrite rewrite(*this, *m_pTail, GetBoard(), Io::SafeRewrite::kNoOthers);
+  Io::SafeRewrite rewrite(*this, *m_pTail, GetBoard());
   rewrite.KeepOld(home, store.old, std::min(store.oldSize, written));
   ZrCompactFile::ZrStatus status;
   if (rewrite.WithinPage(
@@ -284,7 +293,7 @@ bool ZrCompactFileWriter::RewriteAcrossPages(const Store& store, unsigned long l
   const std::uint64_t copyEnd = copy + store.RecordLength();
   // Readers take a record that the file holds wholly.
   if (copy == 0 || !write(copy) || !SetLength(copyEnd)) {
-    m_pTail->CutBack(*this);
+    m_pTail->GiveBack(*this);
     if (fileLength > store.fileLength) Cut(store.fileLength);
     return false;
   }
@@ -293,8 +302,8 @@ bool ZrCompactFileWriter::RewriteAcrossPages(const Store& store, unsigned long l
     const auto next = Format::PackIndexValue(Format::StatusOf(entry), position);
     return ReplaceIndexValue(store.row, store.col, std::exchange(entry, next), next);
   };
-  Io::SafeRewrite rewrite(*this, *m_pTail, GetBoard(), Io::SafeRewrite::kNoOthers);
-  const std::uint64_t place = rewrite.AcrossPages({copy, copyEnd}, store.Home(), write, point);
+  Io::SafeRewrite rewrite(*this, *m_pTail, GetBoard());
+  const std::uint64_t place = rewrite.AcrossPages(copy, store.Home(), write, point);
   if (place != 0) m_pTail->Claim(place + store.RecordLength());
   return place != 0;
 }

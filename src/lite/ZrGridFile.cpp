@@ -67,11 +67,10 @@ unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
   if (header == ZrResult::kWrongFile && Io::FinishReplacement(completed) &&
       ZrFile32::Open(completed, direction) && Join(mode))
     header = ReadHeader();
-  if (header != ZrResult::kOk || !AttachBoard()) {
+  if (header != ZrResult::kOk || !AttachBoard() || !JoinWriters()) {
     CloseStream();
     return ZrResult::kReadFailure;
   }
-  RepairBoard();
   m_bOpened = true;
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
@@ -102,17 +101,20 @@ bool ZrGridFile::AttachBoard() {
   return true;
 }
 
-// A writer makes an odd word even that a dead one has left. Without the lock nobody could tell
-// that.
-void ZrGridFile::RepairBoard() {
-  const bool isOdd = m_header[Format::kEntriesWordOffset] % 2 != 0 ||
-                     m_header[Format::kMaskOffset - 1] % 2 != 0;           // in either byte order
-  const bool isLocked = (m_nOpenMode & ZrCompactFile::kProcessLock) != 0;  // by the caller
-  if (!isOdd || IsReadOnly() || isLocked || !m_pSharing->WriterLock(0)) return;
-  if (m_pSharing->IsLockOn(*this) && GetBoard().Refresh() != Io::Board::Change::kAll &&
-      GetBoard().IsOdd() && !m_pSharing->IsAnotherPresent(Presence::kWritesUnlocked))
+// Without the lock nobody could tell a dead writer's odd word, nor where the data end while this
+// object writes. Who has the process lock from the caller leaves both to others.
+bool ZrGridFile::JoinWriters() {
+  const bool isLocked = (m_nOpenMode & ZrCompactFile::kProcessLock) != 0;
+  if (IsReadOnly() || isLocked) return true;
+  if (!m_pSharing->WriterLock(0)) return false;
+  const bool isUsable = m_pSharing->IsLockOn(*this) &&
+                        (GetBoard().Refresh() != Io::Board::Change::kAll ||
+                         (Reload() && GetBoard().Refresh() != Io::Board::Change::kAll)) &&
+                        GetBoard().RenounceEnd();
+  if (isUsable && GetBoard().IsOdd() && !m_pSharing->IsAnotherPresent(Presence::kWritesUnlocked))
     GetBoard().Repair();
   m_pSharing->WriterUnlock();
+  return isUsable;
 }
 
 // If another file has the path, the lock says nothing about this one.

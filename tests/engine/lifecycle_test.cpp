@@ -327,6 +327,7 @@ TEST_F(Lifecycle, ARewriteInPlaceKeepsTheLengthOfALightWritersFile) {
   EXPECT_EQ(std::filesystem::file_size(path.ToUtf8()), before);
   Reopen();
   ASSERT_EQ(Store(0, 0, large, 1), 0U);
+  object.Close();
   EXPECT_EQ(std::filesystem::file_size(path.ToUtf8()), before);
 }
 

@@ -49,7 +49,7 @@ class TileStoreTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
     isBig = swap != (std::endian::native == std::endian::big);
     WriteFile(path, Bytes(index.End()));
     ASSERT_TRUE(file.Open(path, ZrFile64::kReadWrite));
-    tail = Io::Tail(index, swap, {});
+    tail = Io::Tail(index, swap, Io::Tail::kOwn);
     board.emplace(Io::Board::kInObject, file, Format::HeaderImage{}, false);
     entries.file = &file;
     entries.index = index;
@@ -107,7 +107,7 @@ class TileStoreTest : public ::testing::TestWithParam<std::tuple<bool, bool>> {
   bool isBig = false;
   ZrFile64 file;
   ZrByteArray buffer;
-  Io::Tail tail{{}, false, {}};
+  Io::Tail tail{{}, false, Io::Tail::kOwn};
   std::optional<Io::Board> board;
   Entries entries;
   TileEntry entry{3};
@@ -196,6 +196,7 @@ TEST_P(TileStoreTest, ACopyCountsMeanwhile) {
     EXPECT_EQ(Change(1, after), isStored);
     EXPECT_EQ(entry.position == home, isHome);
     EXPECT_EQ(Read(1), isStored ? after : before);
+    tail.CutSpare(file);
     EXPECT_EQ(ReadFile(path).size() == length, failing == 0);
   }
 }

@@ -64,6 +64,7 @@ TEST_P(Versions, EveryKindOfStoreAndRemoval) {
   for (const Row& row : rows) {
     SCOPED_TRACE(++number);
     ASSERT_EQ(row.operation(*this), 0U);
+    Reopen();
     const Support::FileChecker file = Check();
     EXPECT_EQ(file.GetSize(), row.fileSize);
     EXPECT_EQ(file.GetEntry(), static_cast<unsigned long long>(row.status) << 56 | row.position);

@@ -11,9 +11,11 @@ namespace Zarn {
 
 /// What an open object tells the others of its file, for as long as it is open.
 enum class Presence {
-  kOpen,           ///< it remembers what it has read
-  kMapsFile,       ///< it reads from a mapping as well, so the file must not become shorter
-  kWritesUnlocked  ///< it writes without the lock as well
+  kOpen,            ///< it remembers what it has read
+  kMapsFile,        ///< it reads from a mapping as well, so the file must not become shorter
+  kWrites,          ///< it writes as well
+  kMapsAndWrites,   ///< both
+  kWritesUnlocked,  ///< it writes, and does so without the lock
 };
 
 /// The process lock: a reader/writer lock on a container file, among all objects of all processes.
@@ -105,7 +107,8 @@ class HX_PLATFORM_API ZrProcess {
   /// Takes that back. True if nobody is present any more, and the file may be written; then nobody
   /// enters before ProcessLockRelease.
   bool LeaveFile();
-  /// Whether another object is present in this way.
+  /// Whether another object is present that maps, that writes, or that writes without the lock;
+  /// for kOpen, any.
   bool IsAnotherPresent(Presence presence) const;
   /// Looks the path up: whether nothing is there. For use after a lock or a callback has failed.
   bool IsPathDeleted() const;

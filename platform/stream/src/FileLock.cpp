@@ -23,9 +23,10 @@ constexpr Bytes kGateAndMain = {kLockOffset, 2};
 constexpr Bytes kAll = {kLockOffset - 1, 3};
 constexpr Bytes kClaim = {kLockOffset + 2, 1};
 constexpr Bytes kUnlocked = {kLockOffset + 3, 1};
-constexpr Bytes kOpenByte = {kLockOffset + 4, 1};
-constexpr Bytes kMapped = {kLockOffset + 5, 1};
-constexpr Bytes kPresence = {kLockOffset + 3, 3};
+constexpr Bytes kWriter = {kLockOffset + 4, 1};
+constexpr Bytes kOpenByte = {kLockOffset + 5, 1};
+constexpr Bytes kMapped = {kLockOffset + 6, 1};
+constexpr Bytes kPresence = {kLockOffset + 3, 4};
 
 // F_OFD_SETLK: takes or frees a lock, or fails at once. F_OFD_SETLKW: waits for it. F_OFD_GETLK:
 // whether it could be taken.
@@ -82,8 +83,12 @@ Bytes BytesOf(Presence presence) {
   switch (presence) {
     case Presence::kMapsFile:
       return {kOpenByte.start, 2};
+    case Presence::kWrites:
+      return {kWriter.start, 2};
+    case Presence::kMapsAndWrites:
+      return {kWriter.start, 3};
     case Presence::kWritesUnlocked:
-      return {kUnlocked.start, 2};
+      return {kUnlocked.start, 3};
     default:
       return kOpenByte;
   }
@@ -200,9 +205,8 @@ bool FileLock::Leave() {
 }
 
 bool FileLock::IsAnotherPresent(Presence presence) const {
-  const Bytes all = BytesOf(presence);
-  const Bytes own = presence == Presence::kMapsFile ? kMapped : Bytes{all.start, 1};
-  return !Ask(m_fd, F_OFD_GETLK, F_WRLCK, own);
+  const Bytes first = {BytesOf(presence).start, 1};
+  return !Ask(m_fd, F_OFD_GETLK, F_WRLCK, presence == Presence::kMapsFile ? kMapped : first);
 }
 
 bool FileLock::IsMapped(int fd) { return !Ask(fd, F_OFD_GETLK, F_WRLCK, kMapped); }

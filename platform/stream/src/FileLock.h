@@ -22,8 +22,8 @@ enum class LockMode { kNone, kShared, kReserved, kExclusive };
 ///           end do not starve a writer.
 ///   RESERVE is all that a reservation takes; an exclusive holder takes it before the other two.
 ///
-/// Three more bytes are held shared by those who are present, for as long as they are: OPEN by
-/// all, MAPPED and UNLOCKED by those who say so (Presence).
+/// Four more bytes are held shared by those who are present, for as long as they are: OPEN by
+/// all, UNLOCKED, WRITER and MAPPED by those who say so (Presence).
 ///
 /// The locks belong to an open file description that only this object has. The kernel frees them
 /// when a process dies, however it dies. A forked child gives up its copies of all descriptors:
