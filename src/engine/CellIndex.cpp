@@ -53,7 +53,8 @@ bool CellIndex::WriteCells(const NameSlot* cells, std::size_t count) {
     StoreScalar(bytes.GetData() + at, cells[i].entry.Value(), IsSwapped());
     StoreScalar(before.GetData() + at, cells[i].entry.stored, IsSwapped());
   }
-  const Io::BoardChange change(m_board, Io::BoardChange::kEntry);
+  const Io::BoardChange change(m_board, count == 1 ? cells->entry.number : Io::BoardChange::kMany,
+                               Io::BoardChange::kEntry);
   if (!change.IsShown()) return false;
   if (ReplaceSplitEntries(*m_file, place, before, bytes) &&
       m_file->WriteAt(place, bytes.GetData(), size)) {

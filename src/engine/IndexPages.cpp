@@ -54,9 +54,10 @@ bool IndexPages::Read(std::uint64_t entry, std::uint64_t& value, View& view) {
   std::uint64_t stored;
   view.m_entry = entry;
   view.m_page = View::kNone;
+  // In a file of one object, a page has the entries as they are now.
+  bool isKept = false;
   if (!view.m_isMapped && ReadKept(offset, stored, &view)) {
-    // In a file of one object, a page has the entries as they are now.
-    if (m_board.GetPlace() == Io::Board::kInObject) view.UsesEntry(stored);
+    isKept = m_board.GetPlace() != Io::Board::kInObject;
   } else {
     if (!view.m_isMapped && view.IsQuiet()) {
       if (!ReadPage(page, view.m_bytes)) return false;
@@ -67,20 +68,16 @@ bool IndexPages::Read(std::uint64_t entry, std::uint64_t& value, View& view) {
       if (!word) return false;
       stored = *word;
     }
-    view.UsesEntry(stored);
   }
+  view.UsesTile(static_cast<std::uint32_t>(entry), stored, isKept);
   value = LoadScalar<std::uint64_t>(&stored, m_area.swap);
   return true;
 }
 
 bool IndexPages::Check(View& view) {
-  const std::uint64_t page = view.m_page;
-  const bool isValid = view.IsValid([&] {
-    view.m_page = View::kNone;  // something has changed since it was read
-    return ReadAgain(view);
-  });
-  if (isValid && page != View::kNone && view.m_page == page)
-    Keep(page, view.m_bytes, view.GetEntries());
+  const bool isValid = view.IsValid([&] { return ReadAgain(view); });
+  if (isValid && view.IsUnchanged() && view.m_page != View::kNone)
+    Keep(view.m_page, view.m_bytes, view.GetEntries());
   return isValid;
 }
 

@@ -84,13 +84,12 @@ bool NameIndex::IsComplete(View& view) {
   if (m_board.IsCurrent(m_tag, view.GetEntries())) return true;
   const auto word = view.ReadWord(GetShape().begin + Format::kNamingCountOffset);
   if (!word || LoadScalar<std::uint64_t>(&*word, IsSwapped()) != GetCount()) return false;
-  view.UsesMore();
   view.SeesAllNames();
   return true;
 }
 
 void NameIndex::KeepComplete(const View& view) {
-  if (view.HasSeenAllNames() && m_board.MayKeep(view.GetEntries()))
+  if (view.HasSeenAllNames() && view.IsUnchanged() && m_board.MayKeep(view.GetEntries()))
     m_tag = Io::Board::Tag(view.GetEntries());
 }
 
@@ -187,7 +186,8 @@ bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
   }
   const std::uint64_t indexOffset = GetShape().begin;
   const std::uint64_t place = GetShape().EntryAt(oldCount);
-  const Io::BoardChange change(m_board, Io::BoardChange::kEntry);
+  const Io::BoardChange change(m_board, count == 1 ? slots->entry.number : Io::BoardChange::kMany,
+                               Io::BoardChange::kEntry);
   if (!change.IsShown()) return false;
   if (!m_file->WriteAt(place, bytes, size) ||
       !WriteHeader(indexOffset, m_nNamingCapacity, oldCount + count)) {

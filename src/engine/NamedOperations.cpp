@@ -114,12 +114,12 @@ unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
   const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
     result = ZrResult::kReadFailure;
     if (file.Names() == nullptr) return true;
-    if (!file.Names()->IsComplete(view)) return false;
     if (!key) key.emplace(name, file.GetShape());
     record.emplace(*file.GetStream(), file.GetShape(), file.Map());
     result = ReadTile(file, view, *key, version, *buffer, entry, *record);
-    if (result != ZrResult::kOk) view.UsesMore();
-    return true;
+    if (result == ZrResult::kOk) return true;
+    view.UsesMore();
+    return file.Names()->IsComplete(view);
   };
   const auto handOver = [&](OpenFile& file, ZrByteArray* buffer) {
     if (result == ZrResult::kNotFound) data.Resize(0);

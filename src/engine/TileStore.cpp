@@ -134,7 +134,7 @@ std::uint64_t TileStore::ReplaceVersion(Reference& reference, std::uint64_t posi
   const bool fits = head.size + request.span.capacity <= head.length &&
                     !IsCrowded(position, head, head.size + request.span.FilledLength());
   if (fits && IsSafeInPlace(position, head, request.span))
-    return ReplaceInPage(position, record, request) ? position : 0;
+    return ReplaceInPage(reference.entry.number, position, record, request) ? position : 0;
   if (!request.span.CoversAll() && !ReadDataFromDataFile(position, record)) return 0;
   const std::uint64_t copy = AppendSwapData(record, request);
   return fits ? MoveHome(reference, copy, position, record, &request) : copy;
@@ -142,7 +142,8 @@ std::uint64_t TileStore::ReplaceVersion(Reference& reference, std::uint64_t posi
 
 // The data of a store with an offset lie where nothing counts yet: only the head must be replaced
 // in one page.
-bool TileStore::ReplaceInPage(std::uint64_t position, Record& record, const StoreRequest& request) {
+bool TileStore::ReplaceInPage(std::uint32_t number, std::uint64_t position, Record& record,
+                              const StoreRequest& request) {
   record.SetPayload(request.span.capacity, request.span.FilledLength());
   const std::uint64_t headSize = record.Head().size;
   const std::uint64_t offset = request.span.offset;
@@ -150,7 +151,7 @@ bool TileStore::ReplaceInPage(std::uint64_t position, Record& record, const Stor
                                            request.data.GetSize()))
     return false;
   const std::uint64_t size = headSize + (offset == 0 ? request.span.size : 0);
-  return m_rewrite.KeepOld(position, size) && m_rewrite.WithinPage([&](std::uint64_t home) {
+  return m_rewrite.KeepOld(number, position, size) && m_rewrite.WithinPage([&](std::uint64_t home) {
     return m_place.file.WriteParts(home, record.Bytes().GetData(), headSize, request.data.GetData(),
                                    size - headSize);
   });
@@ -312,10 +313,10 @@ std::uint64_t TileStore::RewriteRecord(Reference& reference, std::uint64_t posit
   if (IsCrowded(position, head, head.length)) return WriteDataToDataFile(0, record);
   if (Io::SpansPages(position, head.length))
     return MoveHome(reference, WriteDataToDataFile(0, record), position, record, nullptr);
-  const bool isReplaced =
-      m_rewrite.KeepOld(position, head.length) && m_rewrite.WithinPage([&](std::uint64_t home) {
-        return WriteDataToDataFile(home, record) != 0;
-      });
+  const bool isReplaced = m_rewrite.KeepOld(reference.entry.number, position, head.length) &&
+                          m_rewrite.WithinPage([&](std::uint64_t home) {
+                            return WriteDataToDataFile(home, record) != 0;
+                          });
   return isReplaced ? position : 0;
 }
 
@@ -354,7 +355,7 @@ bool TileStore::ReplaceLocator(Reference& reference, std::uint64_t locator) {
   std::uint64_t after;
   StoreScalar(&before, reference.locator, m_place.shape.swap);
   StoreScalar(&after, locator, m_place.shape.swap);
-  const Io::BoardChange change(m_place.board, Io::BoardChange::kEntry);
+  const Io::BoardChange change(m_place.board, reference.entry.number, Io::BoardChange::kEntry);
   if (!change.IsShown() || !Io::ReplaceWord(m_place.file, reference.locatorPlace, before, after))
     return false;
   reference.locator = locator;
@@ -377,7 +378,7 @@ unsigned int TileStore::LookUp_Inner(const Place& place, View& view, TileEntry& 
     return ZrResult::kNotFound;
   const std::uint32_t older = record.Versions().SelectForLookup(version);
   if (older == 0) return ZrResult::kOk;
-  view.UsesMore();
+  view.UsesLocator();
   return read(Format::PositionOf(record.Versions().Locator(older)), 0) ? ZrResult::kOk
                                                                        : ZrResult::kReadFailure;
 }

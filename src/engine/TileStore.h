@@ -84,7 +84,8 @@ class TileStore {
                                   const StoreRequest& request);
   std::uint64_t ReplaceVersion(Reference& reference, std::uint64_t position, Record& record,
                                const StoreRequest& request);
-  bool ReplaceInPage(std::uint64_t position, Record& record, const StoreRequest& request);
+  bool ReplaceInPage(std::uint32_t number, std::uint64_t position, Record& record,
+                     const StoreRequest& request);
   bool UpdateOlderVersion(TileEntry& entry, unsigned int index, const StoreRequest& request,
                           std::uint64_t newestLocator);
   bool RemoveOlder(TileEntry& entry, unsigned int index);

@@ -33,8 +33,8 @@ static_assert(kReservedOffset == 27 && kHeaderSize - kReservedOffset == 37);
 // header. Whoever writes the header of a file in use leaves them, and what is behind them, alone.
 inline constexpr std::size_t kHeaderFieldsSize = 32;
 inline constexpr std::size_t kGenerationWordOffset = kHeaderFieldsSize;
-inline constexpr std::size_t kRecordsWordOffset = kGenerationWordOffset + kWidth8;
-inline constexpr std::size_t kEntriesWordOffset = kRecordsWordOffset + kWidth8;
+inline constexpr std::size_t kChangeWordOffset = kGenerationWordOffset + kWidth8;
+inline constexpr std::size_t kEntriesWordOffset = kChangeWordOffset + kWidth8;
 inline constexpr std::size_t kMaskOffset = kEntriesWordOffset + kWidth8;
 static_assert(kReservedOffset <= kHeaderFieldsSize && kMaskOffset < kHeaderSize);
 

@@ -19,9 +19,19 @@ constexpr Word kRenounced = Format::kPositionMask << kEndShift;
 
 constexpr std::size_t kFirst = Format::kGenerationWordOffset;
 constexpr std::size_t kSize = Format::kHeaderSize - kFirst;
-constexpr std::size_t kRecordsAt = Format::kRecordsWordOffset - kFirst;
+constexpr std::size_t kChangeAt = Format::kChangeWordOffset - kFirst;
 constexpr std::size_t kEntriesAt = Format::kEntriesWordOffset - kFirst;
 constexpr std::size_t kMaskAt = Format::kMaskOffset - kFirst;
+
+// More than one operation raises `entries` by, and less than makes the counts come round.
+constexpr Word kMostEntries = 1 << 10;
+
+std::uint32_t TileOf(Word change) { return static_cast<std::uint32_t>(change); }
+std::uint16_t TurnOf(Word change) { return static_cast<std::uint16_t>(change >> 32); }
+std::uint16_t OverwritesOf(Word change) { return static_cast<std::uint16_t>(change >> 48); }
+Word ChangeOf(std::uint32_t tile, Word turn, Word overwrites) {
+  return overwrites << 48 | (turn & UINT16_MAX) << 32 | tile;
+}
 
 std::uint64_t EndOf(Word word) { return word == kRenounced ? 0 : word >> kEndShift; }
 
@@ -32,7 +42,7 @@ Word LoadWord(const unsigned char* bytes) { return LoadScalar<Word>(bytes, false
 // From the header's bytes, scrambled or not: then the mask is zero, unless the file is damaged.
 Board::Words WordsIn(const unsigned char* bytes) {
   const Word mask = MaskOf(bytes[kMaskAt]);
-  return {LoadWord(bytes) ^ mask, LoadWord(bytes + kRecordsAt) ^ mask,
+  return {LoadWord(bytes) ^ mask, LoadWord(bytes + kChangeAt) ^ mask,
           LoadWord(bytes + kEntriesAt) ^ mask, LoadWord(bytes + kMaskAt) ^ mask};
 }
 
@@ -66,11 +76,11 @@ Board::~Board() {
   ZrFileStream::UnmapPage(m_writable);
 }
 
-// In this order: who sees a new `entries` here has seen a `records` no newer than that.
+// In this order: who sees a new `entries` here has seen a `change` no newer than that.
 bool Board::Look(Words& words) const {
   if (m_place != kInFile) {
     words.generation = m_own[kGeneration].load(std::memory_order_acquire);
-    words.records = m_own[kRecords].load(std::memory_order_acquire);
+    words.change = m_own[kChange].load(std::memory_order_acquire);
     words.entries = m_own[kEntries].load(std::memory_order_acquire);
     return true;
   }
@@ -86,7 +96,7 @@ bool Board::LookUnderLock(Words& words) const {
 bool Board::LookAtPage(void* page, Words& words) {
   const Word mask = Mask(page);
   words.generation = WordOf(page, kGeneration).load(std::memory_order_acquire) ^ mask;
-  words.records = WordOf(page, kRecords).load(std::memory_order_acquire) ^ mask;
+  words.change = WordOf(page, kChange).load(std::memory_order_acquire) ^ mask;
   words.entries = WordOf(page, kEntries).load(std::memory_order_acquire) ^ mask;
   words.end = WordOf(page, kEnd).load(std::memory_order_relaxed) ^ mask;
   return true;
@@ -100,30 +110,43 @@ bool Board::LookAtFile(Words& words) const {
 }
 
 Board::Words Board::GetKnown() const {
-  Words words;
-  if (m_place != kInFile) {
-    Look(words);
-    return words;
-  }
-  return {m_generation, m_knownRecords.load(std::memory_order_relaxed),
-          m_known.load(std::memory_order_acquire)};
+  const Word change = m_knownChange.load(std::memory_order_acquire);
+  return {m_generation, change, m_known.load(std::memory_order_acquire)};
+}
+
+// A tile that is told raises `entries` soon after, so the counts have not come round.
+bool Board::IsOther(std::uint32_t tile, const Words& before, const Words& now) {
+  const auto turns = static_cast<std::uint16_t>(TurnOf(now.change) - TurnOf(before.change));
+  const auto isOther = [tile](Word change) {
+    return TileOf(change) != tile && TileOf(change) != BoardChange::kMany;
+  };
+  return turns <= 1 && now.entries - before.entries < kMostEntries && now.end != kRenounced &&
+         isOther(before.change) && isOther(now.change);
+}
+
+bool Board::IsIntact(const Words& before, const Words& now) {
+  return OverwritesOf(now.change) == OverwritesOf(before.change) &&
+         now.entries - before.entries < kMostEntries;
 }
 
 // What was kept with an older value of `entries` is of no use: nobody knows what has changed.
-void Board::Note(const Words& words, bool hasChanged) {
-  if (m_isBusy.load(std::memory_order_relaxed) != hasChanged)
-    m_isBusy.store(hasChanged, std::memory_order_relaxed);
-  if (!hasChanged || m_place != kInFile || !IsSettled(words)) return;
+void Board::Note(const Words& words) {
+  if (IsNear()) return;
+  const Word before = m_known.load(std::memory_order_relaxed);
+  if (m_isBusy.load(std::memory_order_relaxed) != (words.entries != before))
+    m_isBusy.store(words.entries != before, std::memory_order_relaxed);
+  if (words.entries == before) return;
   const std::lock_guard guard(m_mutex);
   const Word known = m_known.load(std::memory_order_relaxed);
   if (known != kWriting && words.entries > known) Know(words);
 }
 
-// In this order: who sees the new `entries` sees what is no longer current, too.
+// In this order: who sees the new `entries` sees what is no longer current, too; and who sees the
+// new `change`, sees the new `entries`.
 void Board::Know(const Words& words) {
   m_validFrom.store(words.entries, std::memory_order_release);
-  m_knownRecords.store(words.records, std::memory_order_relaxed);
   m_known.store(words.entries, std::memory_order_release);
+  m_knownChange.store(words.change, std::memory_order_release);
 }
 
 bool Board::MayKeep(std::uint64_t entries) const {
@@ -158,10 +181,11 @@ Board::Change Board::Refresh() {
                                                                     : Change::kTiles;
 }
 
-// What the dead writer was about to change is unknown: it counts as a record.
+// What the dead writer was about to change is unknown.
 void Board::Repair() {
   BeginWriting();
-  if (Set(kEntries, [](Word word) { return (word | 1) + BoardChange::kRecord; })) m_odd = 0;
+  if (Tell(BoardChange::kMany, true) && Set(kEntries, [](Word word) { return (word | 1) + 1; }))
+    m_odd = 0;
   EndWriting();
   Forget();
 }
@@ -189,18 +213,28 @@ void Board::BeginWriting() {
 }
 
 void Board::EndWriting() {
-  if (m_place != kInFile || m_known.load(std::memory_order_relaxed) != kWriting) return;
+  if (m_place != kInFile || !IsWriting()) return;
   Words words;
   const bool isKnown = LookUnderLock(words);
   const std::lock_guard guard(m_mutex);
   if (!isKnown) m_validFrom.store(kWriting - 1, std::memory_order_release);
   m_refreshed = words.entries;
-  m_knownRecords.store(words.records, std::memory_order_relaxed);
   m_known.store(words.entries, std::memory_order_release);
+  m_knownChange.store(words.change, std::memory_order_release);
+}
+
+// The tile that was told may be told again: another one may write without the lock.
+bool Board::Tell(std::uint32_t tile, bool overwrites) {
+  return Set(kChange, [&](Word word) {
+    const Word turn = TurnOf(word) + (TileOf(word) != tile ? 1 : 0);
+    return ChangeOf(tile, turn, OverwritesOf(word) + (overwrites ? 1 : 0));
+  });
 }
 
 bool Board::Overwrites() {
-  return Set(kRecords, [](Word word) { return word + 2; });
+  return Set(kChange, [](Word word) {
+    return ChangeOf(TileOf(word), TurnOf(word), OverwritesOf(word) + 1);
+  });
 }
 
 bool Board::Replaces() {
@@ -270,16 +304,14 @@ bool Board::Set(WordNumber number, Function function) {
   return m_file.WriteAt(kFirst + at, &after, sizeof after);
 }
 
-// In this order: who sees the new `records` sees `entries` odd, or further on.
-BoardChange::BoardChange(Board& board, Of what)
+// In this order: who sees that a record is overwritten sees `entries` odd, or further on.
+BoardChange::BoardChange(Board& board, std::uint32_t tile, Of what)
     : m_board(board),
-      m_what(what),
       m_isOdd(board.Set(Board::kEntries, [](std::uint64_t word) { return (word + 1) | 1; })),
-      m_isShown(m_isOdd && (what == kEntry || board.Overwrites())) {}
+      m_isShown(m_isOdd && board.Tell(tile, what == kRecord)) {}
 
 BoardChange::~BoardChange() {
-  if (m_isOdd)
-    m_board.Set(Board::kEntries, [this](std::uint64_t word) { return (word | 1) + m_what; });
+  if (m_isOdd) m_board.Set(Board::kEntries, [](std::uint64_t word) { return (word | 1) + 1; });
 }
 
 }  // namespace Zarn::Io

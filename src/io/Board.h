@@ -14,10 +14,11 @@ namespace Zarn::Io {
 /// look at the words before and after they read, and read again if what they used may have changed.
 ///
 ///   entries     odd while something that lookups follow is being changed in place, otherwise even:
-///               an index entry, a locator or the count of names (2 more afterwards), or a record
-///               to which an entry leads (4 more)
-///   records     raised before a place to which an entry or a locator ever led is overwritten or
-///               cut off, also by a change of such a record in place
+///               an index entry, a locator, the count of names, or a record to which an entry
+///               leads; 2 more afterwards
+///   change      the tile that is being changed, or was the last one, by the number of its entry; a
+///               count of such tiles; and another one, raised before a place to which an entry or
+///               a locator ever led is overwritten. 32, 16 and 16 bits
 ///   generation  raised before the header, the index area or the contents as a whole change, or the
 ///               file at the path
 ///   end         for writers: no entry, locator or index ever leads to this position or behind it
@@ -32,8 +33,8 @@ namespace Zarn::Io {
 /// Rules for those who change the words, or anything that the words are about:
 ///   1. They hold the writer lock. One who gets it first compares the generation, and finishes a
 ///      replacement that was cut short; only then it makes an odd word even (Repair).
-///   2. A word becomes odd before the change and even after it, also when the operation fails
-///      (BoardChange).
+///   2. `entries` becomes odd before a change and even after it, also when the operation fails; the
+///      tile is told meanwhile, before anything of it changes (BoardChange).
 ///   3. Who looks at the words is present (Presence) from before the first look on. The last one
 ///      to leave zeroes them.
 ///   4. `end` is raised before an entry leads to what lies behind it. A writer that finds no other
@@ -54,7 +55,7 @@ class Board {
   };
   struct Words {
     std::uint64_t generation = 0;
-    std::uint64_t records = 0;
+    std::uint64_t change = 0;
     std::uint64_t entries = 0;
     std::uint64_t end = 0;  ///< not for lookups of a file of one object
   };
@@ -73,17 +74,25 @@ class Board {
   bool IsNear() const { return m_place != kInFile || m_page != nullptr; }
   /// The words now. False if the file cannot be read.
   bool Look(Words& words) const;
-  /// The words when this object last looked. They are not settled while it writes.
+  /// The words of a shared file when this object last looked.
   Words GetKnown() const;
   bool IsOurs(const Words& words) const { return words.generation == m_generation; }
   /// Whether nothing is being changed: an odd value that a dead writer has left counts as even.
   bool IsSettled(const Words& words) const {
     return words.entries % 2 == 0 || words.entries == m_dead.load(std::memory_order_relaxed);
   }
-  /// A lookup has seen these words. `hasChanged`: they were others than it expected.
-  void Note(const Words& words, bool hasChanged);
-  /// Whether the last lookup has seen a change: then the known words are probably old.
+  /// Whether a lookup that has read what belongs to this tile, and nothing else, can be told from
+  /// the words before and after to have seen none of its changes. There must be no more than one
+  /// change of another tile between them: only the last one is known.
+  static bool IsOther(std::uint32_t tile, const Words& before, const Words& now);
+  /// Whether no place was overwritten between the two, to which something led before.
+  static bool IsIntact(const Words& before, const Words& now);
+  /// A lookup has seen these words.
+  void Note(const Words& words);
+  /// Whether the last lookup has seen a change: then what is read will hardly be worth keeping.
   bool IsBusy() const { return m_isBusy.load(std::memory_order_relaxed); }
+  /// Whether this object is changing the words: then none are known.
+  bool IsWriting() const { return m_known.load(std::memory_order_relaxed) == kWriting; }
 
   /// What is read while the words are settled, with this value of `entries`, gets this tag, unless
   /// MayKeep says no when it is to be kept. 0 is never a tag.
@@ -112,7 +121,8 @@ class Board {
   /// Around all changes of one operation.
   void BeginWriting();
   void EndWriting();
-  /// Before places to which an entry ever led are overwritten or cut off. False: they must not be.
+  /// Before places to which an entry of the tile that was told last ever led are overwritten or cut
+  /// off. False: they must not be.
   bool Overwrites();
   /// Before the header, the index area or all contents change; to others this is another file then.
   bool Replaces();
@@ -131,10 +141,11 @@ class Board {
 
  private:
   friend class BoardChange;
-  enum WordNumber { kGeneration, kRecords, kEntries, kEnd };
+  enum WordNumber { kGeneration, kChange, kEntries, kEnd };
 
   template <typename Function>
   bool Set(WordNumber number, Function function);
+  bool Tell(std::uint32_t tile, bool overwrites);
   bool LookUnderLock(Words& words) const;
   bool LookAtFile(Words& words) const;
   static bool LookAtPage(void* page, Words& words);
@@ -156,20 +167,24 @@ class Board {
   static constexpr std::uint64_t kWriting = UINT64_MAX;
   std::mutex m_mutex;  // held while they change
   std::atomic<std::uint64_t> m_known{0};
-  std::atomic<std::uint64_t> m_knownRecords{0};
+  std::atomic<std::uint64_t> m_knownChange{0};
   std::atomic<std::uint64_t> m_validFrom{0};  // tags up to this one are not current
   std::atomic<std::uint64_t> m_dead{0};       // an odd value that no writer will change; 0: none
   std::atomic<bool> m_isBusy{false};
 };
 
-/// Makes `entries` odd for a change in place, and even again when it ends.
+/// Makes `entries` odd for a change in place, tells whose it is, and makes the word even again when
+/// it ends.
 class BoardChange {
  public:
-  /// What changes. A record counts as two entries, so that a lookup for which one change of an
-  /// entry is harmless does not take it for one.
-  enum Of { kEntry = 1, kRecord = 3 };
+  enum Of {
+    kEntry,   ///< an entry, a locator or the count of names
+    kRecord,  ///< a record to which one of them leads
+  };
+  /// For a change of several tiles, or of others than can be told.
+  static constexpr std::uint32_t kMany = UINT32_MAX;
 
-  BoardChange(Board& board, Of what);
+  BoardChange(Board& board, std::uint32_t tile, Of what);
   ~BoardChange();
   BoardChange(const BoardChange&) = delete;
   BoardChange& operator=(const BoardChange&) = delete;
@@ -179,7 +194,6 @@ class BoardChange {
 
  private:
   Board& m_board;
-  const Of m_what;
   const bool m_isOdd;
   const bool m_isShown;
 };

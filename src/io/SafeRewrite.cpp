@@ -2,14 +2,16 @@
 
 namespace Zarn::Io {
 
-bool SafeRewrite::KeepOld(std::uint64_t position, std::uint64_t size) {
+bool SafeRewrite::KeepOld(std::uint32_t tile, std::uint64_t position, std::uint64_t size) {
   const bool isRead =
       m_buffer.ResizeForOverwrite(size) && m_file.ReadAt(position, m_buffer.GetData(), size);
-  KeepOld(position, m_buffer.GetData(), isRead ? size : 0);
+  KeepOld(tile, position, m_buffer.GetData(), isRead ? size : 0);
   return isRead;
 }
 
-void SafeRewrite::KeepOld(std::uint64_t position, const unsigned char* bytes, std::uint64_t size) {
+void SafeRewrite::KeepOld(std::uint32_t tile, std::uint64_t position, const unsigned char* bytes,
+                          std::uint64_t size) {
+  m_tile = tile;
   m_oldPosition = position;
   m_old = bytes;
   m_oldSize = size;
@@ -17,7 +19,7 @@ void SafeRewrite::KeepOld(std::uint64_t position, const unsigned char* bytes, st
 
 void SafeRewrite::PutBack() {
   if (m_oldSize == 0) return;
-  const BoardChange change(m_board, BoardChange::kRecord);
+  const BoardChange change(m_board, m_tile, BoardChange::kRecord);
   PutOldBack();
 }
 

@@ -24,14 +24,16 @@ class SafeRewrite {
   SafeRewrite(ZrFileStream& file, Tail& tail, Board& board)
       : m_file(file), m_tail(tail), m_board(board) {}
 
-  /// Reads the bytes that a write within a page is about to replace.
-  bool KeepOld(std::uint64_t position, std::uint64_t size);
+  /// Reads the bytes that a write within a page is about to replace, of the tile whose entry has
+  /// this number.
+  bool KeepOld(std::uint32_t tile, std::uint64_t position, std::uint64_t size);
   /// The same for a caller that has the bytes, and keeps them as long as this object lives.
-  void KeepOld(std::uint64_t position, const unsigned char* bytes, std::uint64_t size);
+  void KeepOld(std::uint32_t tile, std::uint64_t position, const unsigned char* bytes,
+               std::uint64_t size);
   /// Writes over the bytes that were kept. False: they are as they were.
   template <typename Write>
   bool WithinPage(Write write) {
-    const BoardChange change(m_board, BoardChange::kRecord);
+    const BoardChange change(m_board, m_tile, BoardChange::kRecord);
     if (!change.IsShown()) return false;
     if (write(m_oldPosition)) return true;
     PutOldBack();
@@ -57,6 +59,7 @@ class SafeRewrite {
   ZrFileStream& m_file;
   Tail& m_tail;
   Board& m_board;
+  std::uint32_t m_tile = 0;
   std::uint64_t m_oldPosition = 0;
   const unsigned char* m_old = nullptr;  // the old bytes
   std::uint64_t m_oldSize = 0;           // 0: none were kept

@@ -15,21 +15,26 @@ void Pause() {
 
 }  // namespace
 
-// Most changes take a microsecond or two.
+// The first attempt begins whatever goes on: probably it concerns another tile. Most changes take a
+// microsecond or two.
 bool Snapshot::Begin() {
-  const int looks = m_board.IsNear() ? 2000 : 100;
   if (++m_attempts > kMostAttempts) return false;
-  m_comparesEntry = false;
-  const bool mayBeKnown = m_attempts == 1 && !m_board.IsBusy() && !m_board.IsNear();
-  m_words = m_hasNext ? m_next : m_board.GetKnown();
-  if ((m_hasNext || mayBeKnown) && m_board.IsOurs(m_words) && m_board.IsSettled(m_words))
-    return true;
-  for (int i = 0; i < looks; ++i) {
-    if (!m_board.Look(m_words) || !m_board.IsOurs(m_words)) return false;
-    if (m_board.IsSettled(m_words)) return true;
-    Pause();
+  UsesMore();
+  m_isUnchanged = false;
+  if (m_attempts > 1) {
+    m_words = m_next;
+  } else if (m_board.IsNear() || m_board.IsWriting()) {
+    if (!m_board.Look(m_words)) return false;
+    m_board.Note(m_words);
+  } else {
+    m_words = m_board.GetKnown();
   }
-  return false;
+  const int looks = m_attempts == 1 ? 0 : m_board.IsNear() ? 2000 : 100;
+  for (int i = 0; i < looks && !m_board.IsSettled(m_words); ++i) {
+    Pause();
+    if (!m_board.Look(m_words)) return false;
+  }
+  return m_board.IsOurs(m_words) && (m_attempts == 1 || m_board.IsSettled(m_words));
 }
 
 std::optional<std::uint64_t> Snapshot::ReadWord(std::uint64_t position) const {
@@ -42,24 +47,18 @@ std::optional<std::uint64_t> Snapshot::ReadWord(std::uint64_t position) const {
 
 // While `entries` stays, nothing to which an entry leads changes: a place is overwritten only
 // after its entry was changed to lead elsewhere.
-bool Snapshot::IsUnchanged(Board::Words& now) {
+bool Snapshot::LookAgain(Board::Words& now) {
   std::atomic_thread_fence(std::memory_order_acquire);
   if (!m_board.Look(now)) return false;
-  const bool isSame = m_board.IsOurs(now) && now.entries == m_words.entries;
-  m_board.Note(now, !isSame);
-  m_hasNext = !isSame;
+  m_board.Note(now);
   m_next = now;
-  return isSame;
+  m_isUnchanged = now.entries == m_words.entries && m_board.IsSettled(now);
+  return m_board.IsOurs(now) && m_board.IsOurs(m_words);
 }
 
-// Something has changed; but if the entry is still the same, the record to which it leads is, too.
-// For while `records` stays, nothing to which an entry led is overwritten. And for that record to
-// be overwritten, its entry must have changed twice: away from there, and back.
-bool Snapshot::IsHarmless(const Board::Words& now) const {
-  constexpr std::uint64_t kOneEntry = 2;
-  const bool isOneEntry = now.entries % 2 == 0 && now.entries - m_words.entries <= kOneEntry;
-  return m_board.IsOurs(now) && m_board.IsSettled(now) &&
-         (now.records == m_words.records || isOneEntry);
+// Then a record is as it was, if the entry that leads to it is.
+bool Snapshot::IsIntact(const Board::Words& now) const {
+  return m_board.IsSettled(m_words) && m_board.IsSettled(now) && Board::IsIntact(m_words, now);
 }
 
 }  // namespace Zarn::Io

@@ -37,39 +37,49 @@ class Snapshot {
 
   /// Reads eight bytes of the index from the file; they are zero behind its end.
   std::optional<std::uint64_t> ReadWord(std::uint64_t position) const;
-  /// The one entry that the lookup uses was read from the file in this attempt: these eight bytes.
-  void UsesEntry(std::uint64_t word) {
+  /// What the lookup uses belongs to one tile, that of the entry of this number, and the entry was
+  /// `word`. `isKept`: it was read before this attempt.
+  void UsesTile(std::uint32_t tile, std::uint64_t word, bool isKept) {
+    m_tile = tile;
     m_entry = word;
-    m_comparesEntry = true;
+    m_usesOne = true;
+    m_comparesEntry = !isKept;
   }
-  /// The lookup follows a locator, or uses several entries, or one that was read before.
-  void UsesMore() { m_comparesEntry = false; }
+  /// The lookup uses several entries, or what belongs to none.
+  void UsesMore() { m_usesOne = m_comparesEntry = false; }
+  /// The lookup follows a locator.
+  void UsesLocator() { m_comparesEntry = false; }
 
   /// Whether everything that was read is of one moment since Begin. `again` reads the entry once
-  /// more, as an optional word; it is called only after UsesEntry.
+  /// more, as an optional word; it is called only after UsesTile.
   template <typename Again>
   bool IsValid(Again again) {
     if (m_board.GetPlace() == Board::kNowhere) return !m_comparesEntry || again() == m_entry;
     Board::Words now;
-    if (IsUnchanged(now)) return true;
-    if (!m_comparesEntry || !IsHarmless(now)) return false;
+    if (!LookAgain(now)) return false;
+    if (m_isUnchanged || (m_usesOne && Board::IsOther(m_tile, m_words, now))) return true;
+    if (!m_comparesEntry || !IsIntact(now)) return false;
     const std::uint64_t entries = now.entries;
     return again() == m_entry && m_board.Look(now) && m_board.IsOurs(now) &&
-           now.entries == entries && IsHarmless(now);
+           now.entries == entries && IsIntact(now);
   }
+  /// Whether nothing has changed in the file until the last IsValid.
+  bool IsUnchanged() const { return m_isUnchanged; }
 
  private:
-  bool IsUnchanged(Board::Words& now);
-  bool IsHarmless(const Board::Words& now) const;
+  bool LookAgain(Board::Words& now);
+  bool IsIntact(const Board::Words& now) const;
 
   Board& m_board;
   const ZrFileStream& m_file;
   FileMap* const m_map;
   Board::Words m_words;  // before anything was read
   Board::Words m_next;   // as the last attempt has left them
-  bool m_hasNext = false;
   int m_attempts = 0;
+  bool m_isUnchanged = false;
+  bool m_usesOne = false;
   bool m_comparesEntry = false;
+  std::uint32_t m_tile = 0;
   std::uint64_t m_entry = 0;
 };
 

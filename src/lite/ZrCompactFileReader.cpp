@@ -70,7 +70,8 @@ void ZrCompactFileReader::ReadTile(Tile& tile, Io::Snapshot& snapshot) {
   tile.result = ZrResult::kReadFailure;
   tile.hasEntry = FindRecord(tile.row, tile.col, entry, sizeHint);
   if (!tile.hasEntry) return;
-  snapshot.UsesEntry(entry);
+  snapshot.UsesTile(*Format::GridCellNumber(m_nRowCount, m_nColCount, tile.row, tile.col), entry,
+                    false);
   tile.isThere = Format::HoldsRecord(Format::StatusOf(entry));
   tile.record.emplace(*this, Format::RecordShape{.swap = m_bSwap});
   if (tile.isThere && !ReadRecord(Format::PositionOf(entry), sizeHint, *tile.record)) return;

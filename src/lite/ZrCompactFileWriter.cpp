@@ -174,7 +174,7 @@ bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
   if (ReadIndexValue(row, col, before)) return ReplaceIndexValue(row, col, before, value);
   std::uint64_t after;
   StoreScalar<std::uint64_t>(&after, value, m_bSwap);
-  const Io::BoardChange change(GetBoard(), Io::BoardChange::kEntry);
+  const Io::BoardChange change(GetBoard(), *cell, Io::BoardChange::kEntry);
   return change.IsShown() && WriteAt(GetIndexShape().EntryAt(*cell), &after, sizeof after);
 }
 
@@ -182,11 +182,12 @@ bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
 bool ZrCompactFileWriter::ReplaceIndexValue(unsigned int row, unsigned int col,
                                             unsigned long long before, unsigned long long after) {
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
+  if (!cell) return false;
   std::uint64_t stored[2];
   StoreScalar<std::uint64_t>(&stored[0], before, m_bSwap);
   StoreScalar<std::uint64_t>(&stored[1], after, m_bSwap);
-  const Io::BoardChange change(GetBoard(), Io::BoardChange::kEntry);
-  return cell && change.IsShown() &&
+  const Io::BoardChange change(GetBoard(), *cell, Io::BoardChange::kEntry);
+  return change.IsShown() &&
          Io::ReplaceWord(*this, GetIndexShape().EntryAt(*cell), stored[0], stored[1]);
 }
 
@@ -274,7 +275,8 @@ unsigned int ZrCompactFileWriter::Rewrite(const Store& store) {
     return RewriteAcrossPages(store, fileLength) ? ZrResult::kOk : ZrResult::kWriteFailure;
 
   Io::SafeRewrite rewrite(*this, *m_pTail, GetBoard());
-  rewrite.KeepOld(home, store.old, std::min(store.oldSize, written));
+  rewrite.KeepOld(*Format::GridCellNumber(m_nRowCount, m_nColCount, store.row, store.col), home,
+                  store.old, std::min(store.oldSize, written));
   ZrCompactFile::ZrStatus status;
   if (rewrite.WithinPage(
           [&](std::uint64_t position) { return WriteRecord(store, position, status) != 0; }))
