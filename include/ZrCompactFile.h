@@ -140,7 +140,8 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool IsDeadLocked() const;
   /// Size of the index: 0 for a grid file, with rows and columns; 1 for a naming file, with
   /// capacity and count (their low 32 bits); 3 for a ".sc" file, with the first fields of its
-  /// status; else the kind that the file states, with nothing. Lock-free.
+  /// status; else the kind that the file states, with nothing. As this object last took notice of
+  /// the file. Lock-free.
   unsigned int GetIndexInfo(unsigned int& first, unsigned int& second) const;
 
   /// Scrambles the header by another password, or by none. 1, or 0 if nothing was changed: not

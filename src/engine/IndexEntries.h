@@ -9,7 +9,7 @@ namespace Zarn::Engine {
 
 /// The entries of an index: what CellIndex and NameIndex have in common. An entry is written to the
 /// file first and then to the pages in memory.
-class IndexEntries : public EntryWriter {
+class IndexEntries : public EntryWriter, protected Io::Board::Keeper {
  public:
   bool WriteIndexValue(TileEntry& entry) override;
 
@@ -38,9 +38,12 @@ class IndexEntries : public EntryWriter {
   IndexEntries(std::shared_ptr<ZrFile64> file, Io::Board& board, const IndexPages::Area& area)
       : m_file(std::move(file)),
         m_board(board),
-        m_pIndex(std::make_unique<IndexPages>(*m_file, board, area)) {}
-  ~IndexEntries() = default;
+        m_pIndex(std::make_unique<IndexPages>(*m_file, board, area)) {
+    board.SetKeeper(this);
+  }
+  ~IndexEntries() { m_board.SetKeeper(nullptr); }
 
+  void Forget(std::uint32_t number) override { m_pIndex->Forget(number); }
   /// Without a view, for one who holds the writer lock.
   bool ReadEntry(std::uint32_t number, TileEntry& entry, View* view) const;
   bool IsUsable() const { return m_pIndex->IsUsable(); }

@@ -51,15 +51,16 @@ bool IndexPages::Read(std::uint64_t entry, std::uint64_t& value, View& view) {
   if (entry >= m_area.index.count) return false;
   const std::uint64_t offset = entry * m_area.index.EntrySize();
   const std::uint64_t page = offset / kPageSize;
-  std::uint64_t stored;
+  std::uint64_t stored = 0;
   view.m_entry = entry;
   view.m_page = View::kNone;
+  view.m_isRead = false;
   // In a file of one object, a page has the entries as they are now.
   bool isKept = false;
   if (!view.m_isMapped && ReadKept(offset, stored, &view)) {
     isKept = m_board.GetPlace() != Io::Board::kInObject;
   } else {
-    if (!view.m_isMapped && view.IsQuiet()) {
+    if (!view.m_isMapped && stored != kForgotten) {
       if (!ReadPage(page, view.m_bytes)) return false;
       view.m_page = page;
       std::memcpy(&stored, view.m_bytes + offset % kPageSize, kWord);
@@ -67,8 +68,10 @@ bool IndexPages::Read(std::uint64_t entry, std::uint64_t& value, View& view) {
       const auto word = view.ReadWord(PositionOf(offset));
       if (!word) return false;
       stored = *word;
+      view.m_isRead = true;
     }
   }
+  view.m_value = stored;
   view.UsesTile(static_cast<std::uint32_t>(entry), stored, isKept);
   value = LoadScalar<std::uint64_t>(&stored, m_area.swap);
   return true;
@@ -76,9 +79,40 @@ bool IndexPages::Read(std::uint64_t entry, std::uint64_t& value, View& view) {
 
 bool IndexPages::Check(View& view) {
   const bool isValid = view.IsValid([&] { return ReadAgain(view); });
-  if (isValid && view.IsUnchanged() && view.m_page != View::kNone)
-    Keep(view.m_page, view.m_bytes, view.GetEntries());
+  if (isValid && view.m_page != View::kNone) KeepPage(view);
+  if (isValid && view.m_isRead && view.HasOneTile()) KeepEntry(view);
   return isValid;
+}
+
+// What has changed meanwhile is left out.
+void IndexPages::KeepPage(const View& view) {
+  const std::lock_guard guard(m_mutex);
+  if (!view.HasFollowed() || !m_board.MayKeep(view.GetEntriesNow())) return;
+  Keep(view.m_page, view.m_bytes, view.GetEntriesNow());
+  if (view.IsUnchanged()) return;
+  for (const std::uint32_t tile : view.GetChanged())
+    Forget(tile, view.m_page);
+}
+
+// Only into a page that has all the others.
+void IndexPages::KeepEntry(const View& view) {
+  const std::uint64_t offset = view.m_entry * m_area.index.EntrySize();
+  const auto value = ValueAt(offset);
+  if (view.m_isMapped || value.load(std::memory_order_relaxed) != kForgotten) return;
+  const std::lock_guard guard(m_mutex);
+  if (m_board.MayKeep(view.GetEntriesNow())) value.store(view.m_value, std::memory_order_release);
+}
+
+void IndexPages::Forget(std::uint32_t entry) {
+  const std::lock_guard guard(m_mutex);
+  Forget(entry, entry * m_area.index.EntrySize() / kPageSize);
+}
+
+// If it lies in the page.
+void IndexPages::Forget(std::uint32_t entry, std::uint64_t page) {
+  const std::uint64_t offset = entry * m_area.index.EntrySize();
+  if (entry < m_area.index.count && offset / kPageSize == page)
+    ValueAt(offset).store(kForgotten, std::memory_order_release);
 }
 
 std::optional<std::uint64_t> IndexPages::ReadAgain(const View& view) const {
@@ -97,7 +131,7 @@ bool IndexPages::ReadKept(std::uint64_t offset, std::uint64_t& stored, const Vie
   const std::uint64_t before = tag.load(std::memory_order_acquire);
   if (view != nullptr ? !view->IsCurrent(before) : !m_board.IsCurrent(before)) return false;
   stored = ValueAt(offset).load(std::memory_order_acquire);
-  return tag.load(std::memory_order_relaxed) == before;
+  return tag.load(std::memory_order_relaxed) == before && stored != kForgotten;
 }
 
 bool IndexPages::ReadStable(std::uint64_t entry, std::uint64_t& value) {
@@ -108,7 +142,8 @@ bool IndexPages::ReadStable(std::uint64_t entry, std::uint64_t& value) {
   if (!ReadKept(offset, stored, nullptr)) {
     unsigned char bytes[kPageSize];
     if (!ReadPage(page, bytes)) return false;
-    Keep(page, bytes, View::kNone);
+    const std::lock_guard guard(m_mutex);
+    Keep(page, bytes, m_board.GetEntries());
     std::memcpy(&stored, bytes + offset % kPageSize, kWord);
   }
   value = LoadScalar<std::uint64_t>(&stored, m_area.swap);
@@ -122,16 +157,11 @@ bool IndexPages::ReadPage(std::uint64_t page, unsigned char* target) const {
       .has_value();
 }
 
-// Keeps what was read with this value of `entries`; kNone: under the writer lock. A page that this
-// object changes meanwhile must not get an old one over it.
+// Keeps what is right for this value of `entries`. The caller holds m_mutex: a page that changes
+// meanwhile must not get an old one over it.
 void IndexPages::Keep(std::uint64_t page, const unsigned char* bytes, std::uint64_t entries) {
   const std::uint64_t begin = page * kPageSize;
   const std::uint64_t size = std::min(kPageSize, m_area.Size() - begin);
-  const std::lock_guard guard(m_mutex);
-  if (entries == View::kNone)
-    entries = m_board.GetEntries();
-  else if (!m_board.MayKeep(entries))
-    return;
   const auto tag = TagOf(page);
   tag.store(0, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);

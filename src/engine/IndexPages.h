@@ -47,6 +47,8 @@ class View : public Io::Snapshot {
   bool m_seesAllNames = false;
   std::uint64_t m_page = kNone;  // the number of the page in m_bytes
   std::uint64_t m_entry = 0;     // the entry that was read last
+  std::uint64_t m_value = 0;     // as it lies in the file
+  bool m_isRead = false;         // from the file, by itself
   unsigned char m_bytes[kPageSize];
 };
 
@@ -78,12 +80,16 @@ class IndexPages {
   /// The index value of an entry: its first 8 bytes as a number. False if there is no such entry,
   /// or if the file cannot be read.
   bool Read(std::uint64_t entry, std::uint64_t& value, View& view);
-  /// Whether everything that the view has read is valid. Then the page that it has read is kept.
+  /// Whether everything that the view has read is valid. Then the page or the entry that it has
+  /// read is kept.
   bool Check(View& view);
   /// The same for one who holds the writer lock.
   bool ReadStable(std::uint64_t entry, std::uint64_t& value);
   /// Changes whole entries in memory, from the one of this number on; they are in the file already.
   void Write(std::uint64_t entry, const void* source, std::uint64_t size);
+
+  /// The entry, if there is one of this number, is to be read again. Any thread may tell.
+  void Forget(std::uint32_t entry);
 
   /// The hint for an entry: how large its record was when it was last seen; 0 at first. It may be
   /// wrong.
@@ -95,11 +101,17 @@ class IndexPages {
 
  private:
   static constexpr std::uint64_t kPageSize = View::kPageSize;
+  /// In memory instead of a value that must be read again. No tile has it; where a damaged file
+  /// does, it is read each time.
+  static constexpr std::uint64_t kForgotten = UINT64_MAX;
 
   bool ReadKept(std::uint64_t offset, std::uint64_t& stored, const View* view) const;
   std::optional<std::uint64_t> ReadAgain(const View& view) const;
   bool ReadPage(std::uint64_t page, unsigned char* target) const;
   void Keep(std::uint64_t page, const unsigned char* bytes, std::uint64_t entries);
+  void KeepPage(const View& view);
+  void KeepEntry(const View& view);
+  void Forget(std::uint32_t entry, std::uint64_t page);
   std::uint64_t PositionOf(std::uint64_t offset) const { return m_area.index.EntryAt(0) + offset; }
   std::atomic_ref<std::uint64_t> ValueAt(std::uint64_t offset) const;
   std::atomic_ref<std::uint64_t> TagOf(std::uint64_t page) const;

@@ -89,8 +89,15 @@ bool NameIndex::IsComplete(View& view) {
 }
 
 void NameIndex::KeepComplete(const View& view) {
-  if (view.HasSeenAllNames() && view.IsUnchanged() && m_board.MayKeep(view.GetEntries()))
-    m_tag = Io::Board::Tag(view.GetEntries());
+  if (!view.HasSeenAllNames() || !view.IsUnchanged()) return;
+  const std::lock_guard guard(m_mutex);
+  if (m_board.MayKeep(view.GetEntries())) m_tag = Io::Board::Tag(view.GetEntries());
+}
+
+void NameIndex::Forget(std::uint32_t number) {
+  IndexEntries::Forget(number);
+  const std::lock_guard guard(m_mutex);
+  if (number >= GetCount()) m_tag = 0;
 }
 
 // Adds the hash codes of the slots from `first` on. Those in holes, and beyond the end of the file,

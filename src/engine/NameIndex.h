@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <mutex>
 #include <optional>
 
 #include "FileHeader.h"
@@ -89,6 +90,7 @@ class NameIndex final : public IndexEntries {
   const NameTable& GetTable() const { return m_mapHashCode; }
 
  private:
+  void Forget(std::uint32_t number) override;
   bool InitHashCodeMap(std::uint64_t first);
   std::optional<Format::NamingHeader> ReadHeader() const;
   bool ReSetHashCodeAndIndexValue(const NameKey& key, TileStore& store, std::uint32_t run,
@@ -102,6 +104,7 @@ class NameIndex final : public IndexEntries {
   MaxSizes& m_maxSizes;
   NameTable m_mapHashCode;              // slots by hash code
   std::atomic<std::uint64_t> m_tag{0};  // of when it was known to be complete
+  std::mutex m_mutex;                   // held while lookups set the tag
   std::atomic<std::uint64_t> m_nNamingCapacity;
   std::atomic<std::uint64_t> m_nNamingCount;
   const std::uint32_t m_nNamingFlags;

@@ -84,9 +84,8 @@ void OpenFile::TakeTail(const Source& source, const OpenFile& previous) {
 }
 
 bool OpenFile::ForgetEnd() {
-  if (!m_tail || m_board->GetEnd() == 0) return true;
-  m_tail->Invalidate();
-  return m_board->SetEnd(0);
+  if (m_tail) m_tail->Invalidate();
+  return m_board->ForgetEnd();
 }
 
 void OpenFile::HasSpareFrom(std::uint64_t end) {

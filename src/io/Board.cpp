@@ -26,7 +26,6 @@ constexpr std::size_t kMaskAt = Format::kMaskOffset - kFirst;
 // More than one operation raises `entries` by, and less than makes the counts come round.
 constexpr Word kMostEntries = 1 << 10;
 
-std::uint32_t TileOf(Word change) { return static_cast<std::uint32_t>(change); }
 std::uint16_t TurnOf(Word change) { return static_cast<std::uint16_t>(change >> 32); }
 std::uint16_t OverwritesOf(Word change) { return static_cast<std::uint16_t>(change >> 48); }
 Word ChangeOf(std::uint32_t tile, Word turn, Word overwrites) {
@@ -116,12 +115,13 @@ Board::Words Board::GetKnown() const {
 
 // A tile that is told raises `entries` soon after, so the counts have not come round.
 bool Board::IsOther(std::uint32_t tile, const Words& before, const Words& now) {
+  return IsNext(before, now) && TileOf(before) != tile && TileOf(now) != tile;
+}
+
+bool Board::IsNext(const Words& before, const Words& now) {
   const auto turns = static_cast<std::uint16_t>(TurnOf(now.change) - TurnOf(before.change));
-  const auto isOther = [tile](Word change) {
-    return TileOf(change) != tile && TileOf(change) != BoardChange::kMany;
-  };
   return turns <= 1 && now.entries - before.entries < kMostEntries && now.end != kRenounced &&
-         isOther(before.change) && isOther(now.change);
+         TileOf(before) != BoardChange::kMany && TileOf(now) != BoardChange::kMany;
 }
 
 bool Board::IsIntact(const Words& before, const Words& now) {
@@ -129,22 +129,27 @@ bool Board::IsIntact(const Words& before, const Words& now) {
          now.entries - before.entries < kMostEntries;
 }
 
-// What was kept with an older value of `entries` is of no use: nobody knows what has changed.
 void Board::Note(const Words& words) {
   if (IsNear()) return;
   const Word before = m_known.load(std::memory_order_relaxed);
-  if (m_isBusy.load(std::memory_order_relaxed) != (words.entries != before))
-    m_isBusy.store(words.entries != before, std::memory_order_relaxed);
   if (words.entries == before) return;
   const std::lock_guard guard(m_mutex);
   const Word known = m_known.load(std::memory_order_relaxed);
   if (known != kWriting && words.entries > known) Know(words);
 }
 
-// In this order: who sees the new `entries` sees what is no longer current, too; and who sees the
+// If all changes since are those of two tiles, only these are no longer current; else nothing is.
+// In this order: who sees the new `entries` sees that, too; and who sees the
 // new `change`, sees the new `entries`.
 void Board::Know(const Words& words) {
-  m_validFrom.store(words.entries, std::memory_order_release);
+  const Words before = GetKnown();
+  if (m_keeper != nullptr && IsNext(before, words)) {
+    m_known.store(kWriting, std::memory_order_release);
+    m_keeper->Forget(TileOf(before));
+    m_keeper->Forget(TileOf(words));
+  } else {
+    m_validFrom.store(words.entries, std::memory_order_release);
+  }
   m_known.store(words.entries, std::memory_order_release);
   m_knownChange.store(words.change, std::memory_order_release);
 }
@@ -226,15 +231,13 @@ void Board::EndWriting() {
 // The tile that was told may be told again: another one may write without the lock.
 bool Board::Tell(std::uint32_t tile, bool overwrites) {
   return Set(kChange, [&](Word word) {
-    const Word turn = TurnOf(word) + (TileOf(word) != tile ? 1 : 0);
+    const Word turn = TurnOf(word) + (static_cast<std::uint32_t>(word) != tile ? 1 : 0);
     return ChangeOf(tile, turn, OverwritesOf(word) + (overwrites ? 1 : 0));
   });
 }
 
 bool Board::Overwrites() {
-  return Set(kChange, [](Word word) {
-    return ChangeOf(TileOf(word), TurnOf(word), OverwritesOf(word) + 1);
-  });
+  return Set(kChange, [](Word word) { return word + (Word{1} << 48); });
 }
 
 bool Board::Replaces() {
@@ -256,6 +259,12 @@ bool Board::SetEnd(std::uint64_t end) {
     m_end = word == kRenounced ? word : end << kEndShift;
     return m_end;
   });
+}
+
+bool Board::ForgetEnd() {
+  if (m_place != kInFile || m_end == 0) return true;
+  m_end = 0;
+  return Tell(BoardChange::kMany, true) && Set(kEnd, [](Word) { return 0; });
 }
 
 bool Board::RenounceEnd() {

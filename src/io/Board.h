@@ -62,6 +62,16 @@ class Board {
   /// What others have changed.
   enum class Change { kNone, kTiles, kAll };
 
+  /// What keeps values that it has read, each with a tag.
+  class Keeper {
+   public:
+    /// The entry of this number may have changed, and the count of entries may have passed it.
+    virtual void Forget(std::uint32_t entry) = 0;
+
+   protected:
+    ~Keeper() = default;
+  };
+
   /// `header`: of the file, unscrambled, as it was just read. `isMapped`: lookups may load the
   /// words from a mapping.
   Board(Place place, ZrFileStream& file, const Format::HeaderImage& header, bool isMapped);
@@ -81,16 +91,20 @@ class Board {
   bool IsSettled(const Words& words) const {
     return words.entries % 2 == 0 || words.entries == m_dead.load(std::memory_order_relaxed);
   }
+  /// The tile that was told last.
+  static std::uint32_t TileOf(const Words& words) {
+    return static_cast<std::uint32_t>(words.change);
+  }
+  /// Whether all changes between the two are those of the tiles that were told last. There must be
+  /// no more than one new one: only the last is known.
+  static bool IsNext(const Words& before, const Words& now);
   /// Whether a lookup that has read what belongs to this tile, and nothing else, can be told from
-  /// the words before and after to have seen none of its changes. There must be no more than one
-  /// change of another tile between them: only the last one is known.
+  /// the words before and after to have seen none of its changes.
   static bool IsOther(std::uint32_t tile, const Words& before, const Words& now);
   /// Whether no place was overwritten between the two, to which something led before.
   static bool IsIntact(const Words& before, const Words& now);
   /// A lookup has seen these words.
   void Note(const Words& words);
-  /// Whether the last lookup has seen a change: then what is read will hardly be worth keeping.
-  bool IsBusy() const { return m_isBusy.load(std::memory_order_relaxed); }
   /// Whether this object is changing the words: then none are known.
   bool IsWriting() const { return m_known.load(std::memory_order_relaxed) == kWriting; }
 
@@ -98,6 +112,9 @@ class Board {
   /// MayKeep says no when it is to be kept. 0 is never a tag.
   static std::uint64_t Tag(std::uint64_t entries) { return entries + 1; }
   bool MayKeep(std::uint64_t entries) const;
+  /// Who is told of each change while the changes can be followed one by one; after any other,
+  /// nothing that was kept is current.
+  void SetKeeper(Keeper* keeper) { m_keeper = keeper; }
   /// Whether what has the tag is as it was when `entries` has this value.
   bool IsCurrent(std::uint64_t tag, std::uint64_t entries) const;
   /// The same for one who holds the lock, after Refresh.
@@ -133,6 +150,8 @@ class Board {
   /// Tells where they end now; 0: unknown. False if the word could not be written: then nothing may
   /// lead behind the end of before. Only in a file that is shared.
   bool SetEnd(std::uint64_t end);
+  /// It becomes unknown, since nobody may know who has written before.
+  bool ForgetEnd();
   /// It becomes unknown, and remains so: the caller writes without the lock from now on.
   bool RenounceEnd();
   /// The last one to leave: zeroes the words, so that the file, which is at this path, is as the
@@ -162,6 +181,7 @@ class Board {
   std::uint64_t m_refreshed;   // `entries` at the last Refresh
   std::uint64_t m_odd = 0;     // that Refresh has left; 0: none
   std::uint64_t m_end;         // as in Words
+  Keeper* m_keeper = nullptr;
 
   // Known words of a file; kWriting: this object changes them.
   static constexpr std::uint64_t kWriting = UINT64_MAX;
@@ -170,7 +190,6 @@ class Board {
   std::atomic<std::uint64_t> m_knownChange{0};
   std::atomic<std::uint64_t> m_validFrom{0};  // tags up to this one are not current
   std::atomic<std::uint64_t> m_dead{0};       // an odd value that no writer will change; 0: none
-  std::atomic<bool> m_isBusy{false};
 };
 
 /// Makes `entries` odd for a change in place, tells whose it is, and makes the word even again when

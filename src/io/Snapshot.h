@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <optional>
 
 #include "Board.h"
@@ -31,9 +32,6 @@ class Snapshot {
   bool IsCurrent(std::uint64_t tag) const { return m_board.IsCurrent(tag, m_words.entries); }
   /// The value of `entries` for what is read now.
   std::uint64_t GetEntries() const { return m_words.entries; }
-  /// The first attempt, while nobody else seems to change anything: what is read may be worth
-  /// keeping.
-  bool IsQuiet() const { return m_attempts == 1 && !m_board.IsBusy(); }
 
   /// Reads eight bytes of the index from the file; they are zero behind its end.
   std::optional<std::uint64_t> ReadWord(std::uint64_t position) const;
@@ -62,6 +60,15 @@ class Snapshot {
     const std::uint64_t entries = now.entries;
     return again() == m_entry && m_board.Look(now) && m_board.IsOurs(now) &&
            now.entries == entries && IsIntact(now);
+  }
+  /// Whether what was used belongs to one tile, and IsValid has found it as it was at the end.
+  bool HasOneTile() const { return m_usesOne; }
+  /// The value of `entries` then.
+  std::uint64_t GetEntriesNow() const { return m_next.entries; }
+  /// Whether all that has changed until then is known: these two tiles, if anything.
+  bool HasFollowed() const { return m_isUnchanged || Board::IsNext(m_words, m_next); }
+  std::array<std::uint32_t, 2> GetChanged() const {
+    return {Board::TileOf(m_words), Board::TileOf(m_next)};
   }
   /// Whether nothing has changed in the file until the last IsValid.
   bool IsUnchanged() const { return m_isUnchanged; }
