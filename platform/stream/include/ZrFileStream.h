@@ -164,6 +164,8 @@ class HX_PLATFORM_API ZrFileStream {
 
   /// Takes over a descriptor; false, and it is closed, if it is not a regular file's.
   bool Attach(int fd, bool readOnly);
+  /// Opens the file, which has got this path, by it, and takes the claim anew if there is one.
+  bool Reopen(const PelmUnicodeString& path);
   bool ShowsWrites() const;
   bool WriteZeros(std::uint64_t position, std::uint64_t size);
   bool TakeAccess(const Access& access);

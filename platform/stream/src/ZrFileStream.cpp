@@ -150,6 +150,11 @@ bool ZrFileStream::Attach(int fd, bool readOnly) {
   return true;
 }
 
+bool ZrFileStream::Reopen(const PelmUnicodeString& path) {
+  const bool hasClaim = m_claim != nullptr;
+  return IsSameFile(path) && Open(path, kReadWrite) && (!hasClaim || TryClaim(path));
+}
+
 bool ZrFileStream::Close() {
   if (!IsOpen()) return false;
   m_claim.reset();

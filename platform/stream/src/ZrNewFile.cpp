@@ -21,13 +21,6 @@ std::string PrivateName() {
   return name;
 }
 
-// For file systems whose rename cannot refuse to replace.
-int LinkIntoPlace(const char* from, const char* to) {
-  if (GetFileSyscalls().link(from, to) != 0) return -1;
-  GetFileSyscalls().unlink(from);
-  return 0;
-}
-
 }  // namespace
 
 bool ZrNewFile::Begin(const PelmUnicodeString& path, unsigned int permissions) {
@@ -59,12 +52,17 @@ bool ZrNewFile::Make(const std::string& temporary, unsigned int permissions) {
 
 ZrNewFile::Outcome ZrNewFile::Publish() {
   if (m_state != State::kBegun) return Outcome::kFailed;
-  int result = GetFileSyscalls().renameNoReplace(m_temporary.c_str(), m_nativePath.c_str());
-  if (result != 0 && (errno == EINVAL || errno == ENOSYS))
-    result = LinkIntoPlace(m_temporary.c_str(), m_nativePath.c_str());
+  const FileSyscalls& calls = GetFileSyscalls();
+  int result = calls.renameNoReplace(m_temporary.c_str(), m_nativePath.c_str());
+  const bool needsLink = result != 0 && (errno == EINVAL || errno == ENOSYS);
+  if (needsLink) result = calls.link(m_temporary.c_str(), m_nativePath.c_str());
   if (result != 0) return errno == EEXIST ? Outcome::kExists : Outcome::kFailed;
   m_state = State::kPublished;
-  return Outcome::kPublished;
+  if (!needsLink) return Outcome::kPublished;
+  // Of a file system that makes another inode of a link, this stream must have the one that others
+  // open, for locks and pages are the inode's.
+  calls.unlink(m_temporary.c_str());
+  return m_stream.Reopen(m_path) ? Outcome::kPublished : Outcome::kFailed;
 }
 
 // By an exchange of names, which can be undone; where the file system has none, for good.
