@@ -14,11 +14,11 @@ unsigned int Engine::Verify(ZrVerifySummary& summary, const ZrCompactFile::Verif
   if (!operation.IsUsable()) return ZrResult::kReadFailure;
   const std::shared_ptr<ZrFile64> file = File().GetStream();
   const Format::XorString xorString = File().GetHeader().GetXorString();
-  const std::uint64_t generation = File().GetBoard().GetKnown().generation;
+  const std::uint64_t generation = File().GetBoard().GetGeneration();
   // Without the locks: others may work meanwhile. The check ends if the file is another one then.
   const auto tell = [&](unsigned long long done, unsigned long long total) {
     return operation.Pause([&] { return !progress || progress(done, total); }) &&
-           m_state.file->GetBoard().GetKnown().generation == generation;
+           m_state.file->GetBoard().GetGeneration() == generation;
   };
   try {
     return VerifyFile(*file, xorString, report, tell, summary);

@@ -79,19 +79,21 @@ bool IndexPages::Read(std::uint64_t entry, std::uint64_t& value, View& view) {
 
 bool IndexPages::Check(View& view) {
   const bool isValid = view.IsValid([&] { return ReadAgain(view); });
-  if (isValid && view.m_page != View::kNone) KeepPage(view);
+  if (isValid && view.m_page != View::kNone && view.HasFollowed()) KeepPage(view);
   if (isValid && view.m_isRead && view.HasOneTile()) KeepEntry(view);
   return isValid;
 }
 
-// What has changed meanwhile is left out.
-void IndexPages::KeepPage(const View& view) {
+// Without what has changed meanwhile.
+void IndexPages::KeepPage(View& view) {
+  if (!view.IsUnchanged())
+    for (const std::uint32_t tile : view.GetChanged()) {
+      const std::uint64_t offset = tile * m_area.index.EntrySize();
+      if (tile < m_area.index.count && offset / kPageSize == view.m_page)
+        std::memcpy(view.m_bytes + offset % kPageSize, &kForgotten, sizeof kForgotten);
+    }
   const std::lock_guard guard(m_mutex);
-  if (!view.HasFollowed() || !m_board.MayKeep(view.GetEntriesNow())) return;
-  Keep(view.m_page, view.m_bytes, view.GetEntriesNow());
-  if (view.IsUnchanged()) return;
-  for (const std::uint32_t tile : view.GetChanged())
-    Forget(tile, view.m_page);
+  if (m_board.MayKeep(view.GetEntriesNow())) Keep(view.m_page, view.m_bytes, view.GetEntriesNow());
 }
 
 // Only into a page that has all the others.
@@ -104,15 +106,9 @@ void IndexPages::KeepEntry(const View& view) {
 }
 
 void IndexPages::Forget(std::uint32_t entry) {
+  if (entry >= m_area.index.count) return;
   const std::lock_guard guard(m_mutex);
-  Forget(entry, entry * m_area.index.EntrySize() / kPageSize);
-}
-
-// If it lies in the page.
-void IndexPages::Forget(std::uint32_t entry, std::uint64_t page) {
-  const std::uint64_t offset = entry * m_area.index.EntrySize();
-  if (entry < m_area.index.count && offset / kPageSize == page)
-    ValueAt(offset).store(kForgotten, std::memory_order_release);
+  ValueAt(entry * m_area.index.EntrySize()).store(kForgotten, std::memory_order_release);
 }
 
 std::optional<std::uint64_t> IndexPages::ReadAgain(const View& view) const {

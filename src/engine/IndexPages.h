@@ -109,9 +109,8 @@ class IndexPages {
   std::optional<std::uint64_t> ReadAgain(const View& view) const;
   bool ReadPage(std::uint64_t page, unsigned char* target) const;
   void Keep(std::uint64_t page, const unsigned char* bytes, std::uint64_t entries);
-  void KeepPage(const View& view);
+  void KeepPage(View& view);
   void KeepEntry(const View& view);
-  void Forget(std::uint32_t entry, std::uint64_t page);
   std::uint64_t PositionOf(std::uint64_t offset) const { return m_area.index.EntryAt(0) + offset; }
   std::atomic_ref<std::uint64_t> ValueAt(std::uint64_t offset) const;
   std::atomic_ref<std::uint64_t> TagOf(std::uint64_t page) const;

@@ -362,7 +362,7 @@ void Engine::TearDown() {
   if (m_state.file != nullptr) m_maxSizes.Set({});
   m_buffers.Invalidate();
   if (!m_locks.IsHeldByCompaction()) {
-    if (m_state.IsUsable()) LeaveFile();
+    if (m_state.file != nullptr) LeaveFile();
     m_locks.GetProcessLock().ProcessLockRelease();
     m_buffers.DropAll();
   }
@@ -384,16 +384,13 @@ void Engine::LeaveFile() {
     return;
   }
   const bool isLocked = hasSpare && lock.WriterLock(0);
-  if (file.GetLockedFile() != lock.GetLockedFile()) {
-    if (isLocked) lock.WriterUnlock();
-    return;
+  if (file.GetLockedFile() == lock.GetLockedFile()) {
+    const bool isLastWriter =
+        isLocked && lock.IsExclusive() && !lock.IsAnotherPresent(Presence::kWrites);
+    const bool isLast = lock.LeaveFile();
+    if ((isLastWriter || isLast) && file.HasSpare()) file.CutSpare();
+    if (isLast) file.GetBoard().Clear(m_strAbsolutePath);
   }
-  const bool mayCut = isLocked && lock.IsExclusive() &&
-                      file.Refresh(lock.GetLockedLength()) != OpenFile::Change::kAll &&
-                      !lock.IsAnotherPresent(Presence::kWrites);
-  const bool isLast = lock.LeaveFile();
-  if (mayCut) file.CutSpare();
-  if (isLast) file.GetBoard().Clear(m_strAbsolutePath);
   if (isLocked) lock.WriterUnlock();
 }
 

@@ -93,6 +93,13 @@ void OpenFile::HasSpareFrom(std::uint64_t end) {
   if (m_tail && m_file->GetLength(length)) m_tail->HasSpareFrom(end, length);
 }
 
+void OpenFile::CutSpare() {
+  if (m_board->GetPlace() != Io::Board::kInFile)
+    m_tail->CutSpare(*m_file);
+  else
+    m_file->Cut(m_board->LookForEnd());
+}
+
 // Another object may have left it.
 bool OpenFile::HasSpare() const {
   if (!m_tail || m_file->IsReadOnly()) return false;

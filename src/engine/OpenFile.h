@@ -80,8 +80,8 @@ class OpenFile {
   void HasSpareFrom(std::uint64_t end);
   /// Whether the file is longer than its data, as far as that is known. Without the lock.
   bool HasSpare() const;
-  /// Cuts that off, unless somebody maps the file.
-  void CutSpare() { m_tail->CutSpare(*m_file); }
+  /// Cuts that off, unless somebody maps the file. There is some, and no other writer.
+  void CutSpare();
 
   /// Whether the path still leads to this file, as far as it was seen lately. Any thread may ask.
   bool IsAtPath();

@@ -28,7 +28,7 @@ inline constexpr std::size_t kIndexOffsetOffset = kCreateTimeOffset + kWidth8;
 inline constexpr std::size_t kReservedOffset = kIndexOffsetOffset + kWidth8;
 static_assert(kReservedOffset == 27 && kHeaderSize - kReservedOffset == 37);
 
-// Within the reserved bytes: three words of this host's order by which those who use a file at the
+// Within the reserved bytes: four words of this host's order by which those who use a file at the
 // same time tell each other of changes (Io::Board). Zero at rest, and scrambled like all the
 // header. Whoever writes the header of a file in use leaves them, and what is behind them, alone.
 inline constexpr std::size_t kHeaderFieldsSize = 32;

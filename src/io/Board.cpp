@@ -24,13 +24,27 @@ constexpr std::size_t kEntriesAt = Format::kEntriesWordOffset - kFirst;
 constexpr std::size_t kMaskAt = Format::kMaskOffset - kFirst;
 
 // More than one operation raises `entries` by, and less than makes the counts come round.
-constexpr Word kMostEntries = 1 << 10;
+constexpr Word kMostEntries = 1 << 8;
 
-std::uint16_t TurnOf(Word change) { return static_cast<std::uint16_t>(change >> 32); }
-std::uint16_t OverwritesOf(Word change) { return static_cast<std::uint16_t>(change >> 48); }
-Word ChangeOf(std::uint32_t tile, Word turn, Word overwrites) {
-  return overwrites << 48 | (turn & UINT16_MAX) << 32 | tile;
-}
+// The word of the change.
+struct Told {
+  std::uint32_t tile;
+  std::uint8_t turn;
+  std::uint8_t overwrites;
+  std::uint16_t number;
+
+  explicit Told(Word word)
+      : tile(static_cast<std::uint32_t>(word)),
+        turn(static_cast<std::uint8_t>(word >> 32)),
+        overwrites(static_cast<std::uint8_t>(word >> 40)),
+        number(static_cast<std::uint16_t>(word >> 48)) {}
+  Word Pack() const {
+    return Word{number} << 48 | Word{overwrites} << 40 | Word{turn} << 32 | tile;
+  }
+};
+
+// Of the change that makes `entries` odd, and even again.
+std::uint16_t NumberOf(Word entries) { return static_cast<std::uint16_t>((entries + 1) / 2); }
 
 std::uint64_t EndOf(Word word) { return word == kRenounced ? 0 : word >> kEndShift; }
 
@@ -108,9 +122,11 @@ bool Board::LookAtFile(Words& words) const {
   return true;
 }
 
-Board::Words Board::GetKnown() const {
-  const Word change = m_knownChange.load(std::memory_order_acquire);
-  return {m_generation, change, m_known.load(std::memory_order_acquire)};
+bool Board::GetKnown(Words& words) const {
+  words.generation = m_generation;
+  words.change = m_knownChange.load(std::memory_order_acquire);
+  words.entries = m_known.load(std::memory_order_acquire);
+  return words.entries != kWriting;
 }
 
 // A tile that is told raises `entries` soon after, so the counts have not come round.
@@ -119,20 +135,24 @@ bool Board::IsOther(std::uint32_t tile, const Words& before, const Words& now) {
 }
 
 bool Board::IsNext(const Words& before, const Words& now) {
-  const auto turns = static_cast<std::uint16_t>(TurnOf(now.change) - TurnOf(before.change));
+  const auto turns = static_cast<std::uint8_t>(Told(now.change).turn - Told(before.change).turn);
   return turns <= 1 && now.entries - before.entries < kMostEntries && now.end != kRenounced &&
          TileOf(before) != BoardChange::kMany && TileOf(now) != BoardChange::kMany;
 }
 
+bool Board::IsTold(const Words& words) {
+  return Told(words.change).number == NumberOf(words.entries);
+}
+
 bool Board::IsIntact(const Words& before, const Words& now) {
-  return OverwritesOf(now.change) == OverwritesOf(before.change) &&
+  return Told(now.change).overwrites == Told(before.change).overwrites &&
          now.entries - before.entries < kMostEntries;
 }
 
 void Board::Note(const Words& words) {
   if (IsNear()) return;
   const Word before = m_known.load(std::memory_order_relaxed);
-  if (words.entries == before) return;
+  if (words.entries == before || !IsTold(words)) return;
   const std::lock_guard guard(m_mutex);
   const Word known = m_known.load(std::memory_order_relaxed);
   if (known != kWriting && words.entries > known) Know(words);
@@ -142,8 +162,8 @@ void Board::Note(const Words& words) {
 // In this order: who sees the new `entries` sees that, too; and who sees the
 // new `change`, sees the new `entries`.
 void Board::Know(const Words& words) {
-  const Words before = GetKnown();
-  if (m_keeper != nullptr && IsNext(before, words)) {
+  Words before;
+  if (GetKnown(before) && m_keeper != nullptr && IsNext(before, words) && IsTold(words)) {
     m_known.store(kWriting, std::memory_order_release);
     m_keeper->Forget(TileOf(before));
     m_keeper->Forget(TileOf(words));
@@ -218,11 +238,13 @@ void Board::BeginWriting() {
 }
 
 void Board::EndWriting() {
-  if (m_place != kInFile || !IsWriting()) return;
   Words words;
+  if (m_place != kInFile || GetKnown(words)) return;
   const bool isKnown = LookUnderLock(words);
   const std::lock_guard guard(m_mutex);
-  if (!isKnown) m_validFrom.store(kWriting - 1, std::memory_order_release);
+  // Somebody who writes without the lock may have changed more than this object.
+  if (!isKnown || words.end == kRenounced)
+    m_validFrom.store(isKnown ? words.entries : kWriting - 1, std::memory_order_release);
   m_refreshed = words.entries;
   m_known.store(words.entries, std::memory_order_release);
   m_knownChange.store(words.change, std::memory_order_release);
@@ -230,14 +252,22 @@ void Board::EndWriting() {
 
 // The tile that was told may be told again: another one may write without the lock.
 bool Board::Tell(std::uint32_t tile, bool overwrites) {
-  return Set(kChange, [&](Word word) {
-    const Word turn = TurnOf(word) + (static_cast<std::uint32_t>(word) != tile ? 1 : 0);
-    return ChangeOf(tile, turn, OverwritesOf(word) + (overwrites ? 1 : 0));
-  });
+  Words words;
+  return LookUnderLock(words) && Set(kChange, [&](Word word) {
+           Told told(word);
+           if (std::exchange(told.tile, tile) != tile) ++told.turn;
+           if (overwrites) ++told.overwrites;
+           told.number = NumberOf(words.entries);
+           return told.Pack();
+         });
 }
 
 bool Board::Overwrites() {
-  return Set(kChange, [](Word word) { return word + (Word{1} << 48); });
+  return Set(kChange, [](Word word) {
+    Told told(word);
+    ++told.overwrites;
+    return told.Pack();
+  });
 }
 
 bool Board::Replaces() {
@@ -245,6 +275,8 @@ bool Board::Replaces() {
   ++m_generation;
   return true;
 }
+
+bool Board::TellsEnd() const { return m_place == kInFile && m_end != kRenounced; }
 
 std::uint64_t Board::GetEnd() const { return EndOf(m_end); }
 
@@ -254,7 +286,7 @@ std::uint64_t Board::LookForEnd() const {
 }
 
 bool Board::SetEnd(std::uint64_t end) {
-  if (m_place != kInFile || end == GetEnd() || m_end == kRenounced) return true;
+  if (m_place != kInFile || end == GetEnd()) return true;
   return Set(kEnd, [&](Word word) {
     m_end = word == kRenounced ? word : end << kEndShift;
     return m_end;

@@ -17,8 +17,9 @@ namespace Zarn::Io {
 ///               an index entry, a locator, the count of names, or a record to which an entry
 ///               leads; 2 more afterwards
 ///   change      the tile that is being changed, or was the last one, by the number of its entry; a
-///               count of such tiles; and another one, raised before a place to which an entry or
-///               a locator ever led is overwritten. 32, 16 and 16 bits
+///               count of such tiles; another one, raised before a place to which an entry or a
+///               locator ever led is overwritten; and one of changes, which shows whether this word
+///               is of the same moment as `entries`. 32, 8, 8 and 16 bits
 ///   generation  raised before the header, the index area or the contents as a whole change, or the
 ///               file at the path
 ///   end         for writers: no entry, locator or index ever leads to this position or behind it
@@ -84,8 +85,10 @@ class Board {
   bool IsNear() const { return m_place != kInFile || m_page != nullptr; }
   /// The words now. False if the file cannot be read.
   bool Look(Words& words) const;
-  /// The words of a shared file when this object last looked.
-  Words GetKnown() const;
+  /// The words of a shared file when this object last looked. False while it changes them itself.
+  bool GetKnown(Words& words) const;
+  /// Of the file as it was loaded.
+  std::uint64_t GetGeneration() const { return m_generation; }
   bool IsOurs(const Words& words) const { return words.generation == m_generation; }
   /// Whether nothing is being changed: an odd value that a dead writer has left counts as even.
   bool IsSettled(const Words& words) const {
@@ -105,13 +108,14 @@ class Board {
   static bool IsIntact(const Words& before, const Words& now);
   /// A lookup has seen these words.
   void Note(const Words& words);
-  /// Whether this object is changing the words: then none are known.
-  bool IsWriting() const { return m_known.load(std::memory_order_relaxed) == kWriting; }
 
   /// What is read while the words are settled, with this value of `entries`, gets this tag, unless
   /// MayKeep says no when it is to be kept. 0 is never a tag.
   static std::uint64_t Tag(std::uint64_t entries) { return entries + 1; }
   bool MayKeep(std::uint64_t entries) const;
+  /// Whether the words are of one moment, and the change under way, if there is one, was told. Else
+  /// nothing that is read may be kept but for one who knows that `entries` has stayed.
+  static bool IsTold(const Words& words);
   /// Who is told of each change while the changes can be followed one by one; after any other,
   /// nothing that was kept is current.
   void SetKeeper(Keeper* keeper) { m_keeper = keeper; }
@@ -143,6 +147,8 @@ class Board {
   bool Overwrites();
   /// Before the header, the index area or all contents change; to others this is another file then.
   bool Replaces();
+  /// Whether writers tell where the data end.
+  bool TellsEnd() const;
   /// Where the data end, as of the last Refresh or SetEnd; 0: unknown.
   std::uint64_t GetEnd() const;
   /// The same, as it is now.

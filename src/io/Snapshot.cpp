@@ -23,11 +23,9 @@ bool Snapshot::Begin() {
   m_isUnchanged = false;
   if (m_attempts > 1) {
     m_words = m_next;
-  } else if (m_board.IsNear() || m_board.IsWriting()) {
+  } else if (m_board.IsNear() || !m_board.GetKnown(m_words)) {
     if (!m_board.Look(m_words)) return false;
     m_board.Note(m_words);
-  } else {
-    m_words = m_board.GetKnown();
   }
   const int looks = m_attempts == 1 ? 0 : m_board.IsNear() ? 2000 : 100;
   for (int i = 0; i < looks && !m_board.IsSettled(m_words); ++i) {
@@ -53,7 +51,7 @@ bool Snapshot::LookAgain(Board::Words& now) {
   m_board.Note(now);
   m_next = now;
   m_isUnchanged = now.entries == m_words.entries && m_board.IsSettled(now);
-  return m_board.IsOurs(now) && m_board.IsOurs(m_words);
+  return m_board.IsOurs(now);
 }
 
 // Then a record is as it was, if the entry that leads to it is.

@@ -61,12 +61,15 @@ class Snapshot {
     return again() == m_entry && m_board.Look(now) && m_board.IsOurs(now) &&
            now.entries == entries && IsIntact(now);
   }
-  /// Whether what was used belongs to one tile, and IsValid has found it as it was at the end.
-  bool HasOneTile() const { return m_usesOne; }
+  /// Whether what was used belongs to one tile, of which IsValid has found that the entry is right
+  /// for the value of `entries` then.
+  bool HasOneTile() const { return m_usesOne && (m_isUnchanged || Board::IsTold(m_next)); }
   /// The value of `entries` then.
   std::uint64_t GetEntriesNow() const { return m_next.entries; }
   /// Whether all that has changed until then is known: these two tiles, if anything.
-  bool HasFollowed() const { return m_isUnchanged || Board::IsNext(m_words, m_next); }
+  bool HasFollowed() const {
+    return m_isUnchanged || (Board::IsNext(m_words, m_next) && Board::IsTold(m_next));
+  }
   std::array<std::uint32_t, 2> GetChanged() const {
     return {Board::TileOf(m_words), Board::TileOf(m_next)};
   }

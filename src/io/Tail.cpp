@@ -64,10 +64,8 @@ std::uint64_t Tail::Reserve(const ZrFileStream& file) {
     std::uint64_t length;
     if (!file.GetLength(length)) return 0;
     if (m_use == kOwn && length != m_length) m_end = 0;
-    if (!IsAsLeft(length)) {
-      Invalidate();
-      m_length = length;
-    }
+    if (!IsAsLeft(length)) Invalidate();
+    m_length = length;
   }
   const bool isKnown = m_end != 0 && m_end <= m_length;
   m_lengthBefore = m_length;
@@ -107,11 +105,14 @@ void Tail::HasSpareFrom(std::uint64_t end, std::uint64_t fileLength) {
 void Tail::Claim(std::uint64_t statedEnd) { m_statedEnd = std::max(m_statedEnd, statedEnd); }
 
 // A little is kept: to cut a file and to extend it again takes longer than the rest of a rewrite.
-// Where the last record states an end behind that of the file, nothing is.
+// Nothing is where others would not know it, nor where the last record states an end behind that of
+// the file.
 void Tail::GiveBack(ZrFileStream& file) {
   constexpr std::uint64_t kMostSpare = 1 << 20;
   m_statedEnd = m_statedBefore;
-  const bool keepsSpare = m_use != kLight && m_lost.empty() && m_reserved <= m_lengthBefore;
+  const bool isTold = m_use != kShared || (m_board != nullptr && m_board->TellsEnd());
+  const bool keepsSpare =
+      m_use != kLight && isTold && m_lost.empty() && m_reserved <= m_lengthBefore;
   if (m_use != kLight) EndsAt(keepsSpare ? m_reserved : 0);
   if (m_use == kOwnMapped || (keepsSpare && m_length - m_end <= kMostSpare)) return;
   const std::uint64_t end = keepsSpare ? m_end : m_lengthBefore;
@@ -125,9 +126,16 @@ void Tail::CutSpare(ZrFileStream& file) {
     m_length = m_end;
 }
 
+void CutSpare(const Board& board, ZrFileStream& file) {
+  const std::uint64_t end = board.GetEnd();
+  std::uint64_t length;
+  if (end != 0 && file.GetLength(length) && end < length) file.Cut(end);
+}
+
 bool Tail::IsAsLeft(std::uint64_t fileLength) {
-  const std::uint64_t before = std::exchange(m_length, fileLength);
-  return before == 0 || before == fileLength || m_isWriting;
+  if (m_length == 0 || m_length == fileLength) return true;
+  m_length = fileLength;
+  return m_isWriting;
 }
 
 void Tail::Refresh(std::uint64_t fileLength) {

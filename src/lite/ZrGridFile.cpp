@@ -11,6 +11,7 @@
 #include "OpenPath.h"
 #include "PathRules.h"
 #include "RedoFile.h"
+#include "Tail.h"
 #include "ZrFile.h"
 #include "ZrProcess.h"
 
@@ -107,10 +108,11 @@ bool ZrGridFile::JoinWriters() {
   const bool isLocked = (m_nOpenMode & ZrCompactFile::kProcessLock) != 0;
   if (IsReadOnly() || isLocked) return true;
   if (!m_pSharing->WriterLock(0)) return false;
-  const bool isUsable = m_pSharing->IsLockOn(*this) &&
-                        (GetBoard().Refresh() != Io::Board::Change::kAll ||
-                         (Reload() && GetBoard().Refresh() != Io::Board::Change::kAll)) &&
-                        GetBoard().RenounceEnd();
+  bool isUsable = m_pSharing->IsLockOn(*this) &&
+                  (GetBoard().Refresh() != Io::Board::Change::kAll ||
+                   (Reload() && GetBoard().Refresh() != Io::Board::Change::kAll));
+  if (isUsable) Io::CutSpare(GetBoard(), *this);
+  isUsable = isUsable && GetBoard().RenounceEnd();
   if (isUsable && GetBoard().IsOdd() && !m_pSharing->IsAnotherPresent(Presence::kWritesUnlocked))
     GetBoard().Repair();
   m_pSharing->WriterUnlock();
