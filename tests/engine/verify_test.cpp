@@ -2,8 +2,6 @@
 
 #include <filesystem>
 #include <functional>
-#include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -61,17 +59,6 @@ class Verify : public EngineTest, public ::testing::WithParamInterface<bool> {
     ASSERT_EQ(object.Remove(1, 0, 1), 0U);
     ASSERT_EQ(Store(1, 1, "last", 1), 0U);  // at 322, up to 370
   }
-  /// The newest of each tile of that file, opened anew.
-  std::vector<Tile> ReadFour(bool named) const {
-    ZrCompactFile file;
-    EXPECT_EQ(file.Open(path, u"", ZrCompactFile::kReadOnly), 0U);
-    std::vector<Tile> tiles;
-    for (unsigned int cell = 0; !named && cell < 4; ++cell)
-      tiles.push_back(ReadTile(file, cell / 2, cell % 2, 9));
-    for (const char16_t* name : {kFirst, kSecond, u"a", u"none"})
-      if (named) tiles.push_back(ReadTile(file, name, 9));
-    return tiles;
-  }
 
   ZrCompactFile::ZrVerifySummary summary;
 };
@@ -111,139 +98,82 @@ TEST_P(Verify, KnowsWhatLightWritersHaveReserved) {
   }
 }
 
-// Bits that may be flipped without making the file another than writers leave. By fields: offset,
-// width, bits (0: all), and a bit for each tile that may read otherwise then.
-constexpr const char* kOfSmallGrid =
-    "11 8 0 0  274 48 0 0 "                        // time of creation; dead space
-    "152 4 0 1  216 6 0 1  266 8 0 2  366 4 0 8 "  // payloads
-    "208 8 6 1  258 8 3 2 "                        // how much is filled, within the capacity
-    "64 4 80000000 0 "                             // rows that wrap to the same number of cells
-    "68 4 80000000 c "                             // columns likewise; all are in row 0 then
-    "76 8 100000000000000 1  84 8 200000000000000 2  100 8 100000000000000 8 "  // a tile less
-    "92 8 3ffffffffffffff 4 "                              // of one that is gone, or it is back
-    "192 8 100000000000000 0 "                             // a version marked as gone
-    "168 8 fffffffffffffff7 1  234 8 0 0  334 8 0 0 "      // a stamp that stays the newest
-    "128 8 180 0  176 8 180 0  242 8 180 0  342 8 180 0 "  // where the own version once was
-    "222 8 b 0 ";                                          // a record longer by dead space
-constexpr const char* kOfSmallNames =
-    "11 8 0 0  202 3 0 1  275 3 0 2  432 5 0 4  194 8 3 1  267 8 3 2  424 8 5 4 "  // as above
-    "170 8 0 0  243 8 0 0  400 8 0 0  178 8 1c0 0  251 8 1c0 0  408 8 1c0 0 "      // as above
-    "64 68 0 0  362 16 0 0 "    // the outgrown index; a slot that is not in use
-    "314 8 100000000000000 3 "  // a tile less, which ends the walk through its hash
-    "330 8 100000000000000 2  346 8 100000000000000 4 "
-    "286 8 3 6 "               // fewer slots in use
-    "294 16 0 0  310 4 1 0 ";  // the host's two numbers; whether there are versions
-
-/// The tiles of each bit of a file that the list has.
-std::map<std::size_t, unsigned int> BitsOf(const char* list, bool big) {
-  std::map<std::size_t, unsigned int> bits;
-  std::istringstream in(list);
-  std::size_t offset, width;
-  unsigned long long mask;
-  unsigned int tiles;
-  while (in >> std::dec >> offset >> width >> std::hex >> mask >> tiles)
-    for (std::size_t bit = 0; bit < width * 8; ++bit)
-      if (mask == 0 || (mask >> bit & 1) != 0)
-        bits[(offset + (big ? width - 1 - bit / 8 : bit / 8)) * 8 + bit % 8] = tiles;
-  return bits;
-}
-
-// Each bit of the file is found, or it is in the list; then the other tiles read as before. So is
-// each byte that is missing at the end.
-TEST_P(Verify, EachFlippedBitIsFoundOrHarmsNobodyElse) {
-  for (const bool named : {false, true}) {
-    MakeSmall(named);
-    object.Close();
-    auto hidden = BitsOf(named ? kOfSmallNames : kOfSmallGrid, IsBig());
-    const Support::Bytes good = ReadBytes();
-    const std::vector<Tile> tiles = ReadFour(named);
-    const auto isFound = [&] {
-      ZrCompactFile file;
-      return file.Open(path, u"", ZrCompactFile::kReadOnly) != 0 || Find(file) != "0";
-    };
-    for (std::size_t bit = 0; bit < 8 * good.size(); ++bit) {
-      SCOPED_TRACE("byte " + std::to_string(bit / 8) + ", bit " + std::to_string(bit % 8));
-      const auto flipped = static_cast<unsigned char>(good[bit / 8] ^ 1U << bit % 8);
-      Support::Poke(path, bit / 8, {flipped});
-      const bool isOfBoard = bit / 8 >= 32 && bit / 8 < 56;  // words that a kill may leave
-      const bool found = isFound();
-      ASSERT_EQ(found, hidden.count(bit) == 0 && !isOfBoard);
-      const std::vector<Tile> now = found ? tiles : ReadFour(named);
-      for (unsigned int tile = 0; tile < 4; ++tile)
-        EXPECT_TRUE(now[tile] == tiles[tile] || (hidden[bit] >> tile & 1) != 0) << tile;
-      Support::Poke(path, bit / 8, {good[bit / 8]});
-    }
-    for (std::size_t length = good.size(); length-- > 0;) {
-      std::filesystem::resize_file(path.ToUtf8(), length);
-      EXPECT_TRUE(isFound()) << length;
-    }
-  }
-}
-
 // What is there: two versions of a tile, or two names of one hash, or the first of these alone.
 enum Kind { kCells, kNames, kAlone };
 
-// Bytes that are cut off or changed, and what is answered then; on the right: what Verify finds.
-struct Damage {
-  Kind kind;
-  std::size_t cut;  // so much is left of the file; 0: all
+// One number that is put into the file, or where that is cut off.
+struct Poke {
   std::size_t offset;
   unsigned long long number;
-  std::size_t width;  // 0: nothing is changed
+  std::size_t width = 8;
+};
+constexpr std::size_t kCut = 0;
+
+// What operations answer on the damaged file, and what Verify finds in it.
+struct Damage {
+  Kind kind;
   const char* answers;
+  std::vector<Poke> pokes;
 };
 const Damage kDamages[] = {
-    {kCells, 0, 0, 0, 0, "1 0 0 0 0 0 0 | 0"},
-    {kCells, 63, 0, 0, 0, "opened 3"},
-    {kCells, 75, 0, 0, 0, "opened 1"},
-    {kCells, 76, 0, 0, 0, "0 5 5 0 0 0 0 | 1@76 9"},  // no entry is left
-    {kCells, 369, 0, 0, 0, "1 0 0 0 0 0 9 | 3@322 9"},
-    {kCells, 0, 0, 'X', 1, "opened 3"},
-    {kCells, 0, 3, 7, 4, "1 0 0 0 0 0 0 | 0@3 9"},     // of an unknown version
-    {kCells, 0, 7, 7, 4, "4 9 9 10 10 10 8 | 0@7 9"},  // of no known kind
-    {kCells, 0, 19, 63, 8, "opened 1"},
-    {kCells, 0, 19, 370, 8, "opened 1"},
-    {kCells, 0, 19, UINT64_MAX - 5, 8, "opened 1"},
-    {kCells, 0, 76, 3 * kStatus1 | 156, 8,
-     "3 9 9 0 0 0 9 | 2@76 9"},  // occupied by something unknown
-    {kCells, 0, 76, kStatus1 | 90, 8, "1 9 9 10 10 10 9 | 2@76 9"},  // within the index
-    {kCells, 0, 76, kStatus1 | 8, 8, "1 9 9 10 10 10 9 | 2@76 9"},
-    {kCells, 0, 76, kStatus1 | 370, 8, "1 9 9 10 10 10 9 | 2@76 9"},
-    {kCells, 0, 76, kStatus1 | 322, 8, "1 0 0 0 0 0 0 | 5@322 9"},     // a record of two tiles
-    {kCells, 0, 76, kStatus1 | 110, 8, "1 9 9 10 10 10 9 | 3@110 9"},  // within a record
-    {kCells, 0, 156, 215, 8, "1 9 9 10 10 10 9 | 3@156 9"},
-    {kCells, 0, 164, 0, 4, "1 9 9 10 10 10 9 | 3@156 9"},
-    {kCells, 0, 164, UINT32_MAX, 4, "1 9 9 10 10 10 9 | 3@156 9"},
-    {kCells, 0, 200, UINT64_MAX, 8, "1 9 9 10 10 10 9 | 3@156 9"},
-    {kCells, 0, 184, 9, 8, "1 0 0 0 0 10 0 | 3@156 4@108 9"},
-    {kCells, 0, 192, kStatus1 | 90, 8, "1 0 9 0 10 10 9 | 4@184 9"},
-    {kCells, 0, 192, kStatus1 | 156, 8,
-     "1 0 0 0 10 10 0 | 4@156 5@156 9"},  // a version that is the newest
-    {kCells, 0, 192, kStatus1 | 222, 8, "1 0 0 0 10 10 0 | 4@222 5@222 9"},  // of another tile
-    {kCells, 0, 192, 3 * kStatus1 | 108, 8, "1 0 0 0 0 0 0 | 4@184 9"},
-    {kCells, 0, 120, 7, 8, "1 0 0 0 10 10 0 | 4@108 9"},  // with another stamp
-    {kCells, 0, 108, 1, 8, "1 0 9 0 10 10 9 | 4@108 9"},
-    {kCells, 0, 322, UINT64_MAX, 8, "1 0 0 0 0 0 9 | 3@322 9"},
-    {kNames, 0, 0, 0, 0, "1 0 0 0 0 0 0 | 0"},
-    {kNames, 313, 0, 0, 0, "opened 1"},
-    {kNames, 340, 0, 0, 0, "1 0 5 0 0 10 0 | 1@340 9"},
-    {kNames, 0, 278, 0x8000001, 8, "opened 1"},
-    {kNames, 0, 286, 5, 8, "opened 1"},
-    {kNames, 0, 286, UINT64_MAX, 8, "opened 1"},
-    {kNames, 0, 314, 3 * kStatus1 | 132, 8, "3 9 0 0 0 0 9 | 2@314 9"},
-    {kNames, 0, 314, kStatus1 | 300, 8, "1 9 0 10 0 0 9 | 2@314 9"},
-    {kNames, 0, 132, 10000, 8, "1 9 0 10 0 0 9 | 3@132 9"},
-    {kNames, 0, 132, 20, 8, "1 9 0 10 0 0 9 | 3@132 9"},
-    {kNames, 0, 144, UINT32_MAX, 4, "1 9 0 10 0 0 9 | 3@132 9"},
-    {kNames, 0, 144, 20, 4, "1 9 0 10 0 0 9 | 3@132 9"},  // a name over the table
-    {kNames, 0, 144, 17, 4, "1 9 0 10 0 0 9 | 3@132 9"},  // half a unit of a name
-    {kNames, 0, 166, 0, 4, "1 9 0 10 0 0 9 | 3@132 9"},
-    {kNames, 0, 205, 10000, 8, "1 0 9 0 10 10 9 | 3@205 9"},
-    {kAlone, 0, 0, 0, 0, "1 0 5 0 0 10 0 | 0"},
-    {kAlone, 0, 164, 10000, 8, "1 9 9 10 10 10 9 | 3@164 9"},  // may have any name of its hash
-    {kAlone, 0, 176, 20, 4, "1 9 9 10 10 10 9 | 3@164 9"},
-    {kAlone, 0, 100, 3 * kStatus1 | 164, 8, "3 9 5 0 0 10 9 | 2@100 9"},
-    {kAlone, 0, 100, kStatus1 | 99, 8, "1 9 9 10 10 10 9 | 2@100 9"},
+    {kCells, "1 0 0 0 0 0 0 | 0", {{370, 0, kCut}}},
+    // The header and that of the index.
+    {kCells, "opened 3", {{63, 0, kCut}, {0, 'X', 1}}},
+    {kCells, "opened 1", {{75, 0, kCut}, {19, 63}, {19, 370}, {19, UINT64_MAX - 5}}},
+    {kCells, "1 0 0 0 0 0 0 | 0@3 9", {{3, 7, 4}}},
+    {kCells, "4 9 9 10 10 10 8 | 0@7 9", {{7, 7, 4}}},
+    {kCells, "1 0 0 0 0 0 0 | 0@11 9", {{11, 0x7FF8000000000000}}},
+    {kCells, "1 0 0 0 0 0 0 | 0@27 9", {{27, 1, 1}, {63, 1, 1}}},
+    {kCells, "4 9 9 10 10 10 0 | 1@64 9", {{64, 0, 4}}},
+    {kCells, "1 0 0 0 0 0 0 | 1@72 9", {{72, 3, 4}}},
+    {kCells, "0 5 5 0 0 0 0 | 1@76 9", {{76, 0, kCut}}},
+    // The entry: of no known status, in the index, in the header, at the end of the file; of
+    // another tile, within a record.
+    {kCells, "3 9 9 0 0 0 9 | 2@76 9", {{76, 3 * kStatus1 | 156}}},
+    {kCells,
+     "1 9 9 10 10 10 9 | 2@76 9",
+     {{76, kStatus1 | 90}, {76, kStatus1 | 8}, {76, kStatus1 | 370}}},
+    {kCells, "1 0 0 0 0 0 0 | 5@322 9", {{76, kStatus1 | 322}}},
+    {kCells, "1 9 9 10 10 10 9 | 3@110 9", {{76, kStatus1 | 110}}},
+    // The current record: its length, number of versions and capacity; then whether there are
+    // versions, its own status and position, how much is filled; and that of another tile.
+    {kCells,
+     "1 9 9 10 10 10 9 | 3@156 9",
+     {{156, 215}, {164, 0, 4}, {164, UINT32_MAX, 4}, {200, UINT64_MAX}}},
+    {kCells,
+     "1 0 0 0 0 0 0 | 3@156 9",
+     {{72, 0, 4}, {176, 3 * kStatus1}, {176, kStatus1 | 90}, {208, 0}, {208, 7}}},
+    {kCells, "1 0 0 0 0 0 9 | 3@322 9", {{322, UINT64_MAX}, {369, 0, kCut}}},
+    // The older version: its stamp, position and status, also of the newest and of another tile.
+    {kCells, "1 0 0 0 0 10 0 | 3@156 4@108 9", {{184, 9}}},
+    {kCells, "1 0 9 0 10 10 9 | 4@184 9", {{192, kStatus1 | 90}}},
+    {kCells, "1 0 0 0 0 0 0 | 4@184 9", {{192, 3 * kStatus1 | 108}}},
+    {kCells, "1 0 0 0 10 10 0 | 4@156 5@156 9", {{192, kStatus1 | 156}}},
+    {kCells, "1 0 0 0 10 10 0 | 4@222 5@222 9", {{192, kStatus1 | 222}}},
+    {kCells, "1 0 0 0 10 10 0 | 4@108 9", {{120, 7}}},
+    {kCells, "1 0 9 0 10 10 9 | 4@108 9", {{108, 1}}},
+    // The index of names: its header, a part of it, and a slot that was never used.
+    {kNames, "1 0 0 0 0 0 0 | 0", {{437, 0, kCut}}},
+    {kNames, "opened 1", {{313, 0, kCut}, {278, 0x8000001}, {286, 5}, {286, UINT64_MAX}}},
+    {kNames, "1 0 5 0 0 10 0 | 1@340 9", {{340, 0, kCut}}},
+    {kNames, "1 0 0 0 0 0 0 | 1@310 9", {{310, 5, 4}}},
+    {kNames, "1 0 0 0 0 0 0 | 2@362 9", {{286, 4}}},
+    // The first slot: its status, its position and its code, whose ordinal the second continues.
+    {kNames, "3 9 0 0 0 0 9 | 2@314 9", {{314, 3 * kStatus1 | 132}}},
+    {kNames, "1 9 0 10 0 0 9 | 2@314 9", {{314, kStatus1 | 300}}},
+    {kNames, "0 5 5 0 0 10 0 | 3@132 2@330 9", {{322, 0}}},
+    // Its record: too long, too short for the name, and names over the end and over the table, of
+    // half a unit; no version; another charset and another name; and the second one's.
+    {kNames,
+     "1 9 0 10 0 0 9 | 3@132 9",
+     {{132, 10000}, {132, 20}, {144, UINT32_MAX, 4}, {144, 20, 4}, {144, 17, 4}, {166, 0, 4}}},
+    {kNames, "1 0 0 0 0 0 0 | 3@132 9", {{140, 250, 4}}},
+    {kNames, "0 5 0 0 0 0 0 | 3@132 9", {{148, 'x', 2}}},
+    {kNames, "1 0 9 0 10 10 9 | 3@205 9", {{205, 10000}}},
+    // A record that cannot be read may have any name of its hash; an unknown tile has none.
+    {kAlone, "1 9 9 10 10 10 9 | 3@164 9", {{164, 10000}, {176, 20, 4}}},
+    {kAlone, "1 9 9 10 10 10 9 | 2@100 9", {{100, kStatus1 | 99}}},
+    {kAlone, "3 9 5 0 0 10 9 | 2@100 9", {{100, 3 * kStatus1 | 164}}},
 };
 
 TEST_P(Verify, DamageIsReportedAndChangesNothing) {
@@ -262,32 +192,45 @@ TEST_P(Verify, DamageIsReportedAndChangesNothing) {
                                  [&] { return Store(kSecond, "new"); },
                                  [&] { return object.Remove(kSecond, 1); },
                                  [&] { return object.Compact(); }};
-  for (const Damage& damage : kDamages) {
-    SCOPED_TRACE(&damage - kDamages);
-    damage.kind == kAlone ? MakeNaming(4, GetParam()) : MakeSmall(damage.kind == kNames);
-    if (damage.kind == kAlone) {
-      ASSERT_EQ(Store(kFirst, "one"), 0U);
-    }
-    object.Close();
-    if (damage.cut != 0) std::filesystem::resize_file(path.ToUtf8(), damage.cut);
-    Support::Poke(path, damage.offset, Number(damage.number, damage.width));
-    const Support::Bytes bytes = ReadBytes();
-    for (const auto mode : {kMode, kMode | ZrCompactFile::kMapped}) {
-      std::string answers;
-      unsigned int opened = 0;
-      for (const Operation& operation : damage.kind == kCells ? withCells : withNames) {
-        Support::WriteFile(path, bytes);
-        opened = object.Open(path, u"", mode);
-        if (opened != 0) break;
-        const unsigned int result = operation();
-        object.Close();
-        EXPECT_TRUE(result == 0 || ReadBytes() == bytes);
-        answers += std::to_string(result) + " ";
-      }
+  const auto answersOf = [&](Kind kind, const Support::Bytes& bytes, auto mode) {
+    std::string answers;
+    for (const Operation& operation : kind == kCells ? withCells : withNames) {
       Support::WriteFile(path, bytes);
-      if (object.Open(path, u"", mode) == 0) answers += "| " + Find(object);
-      EXPECT_EQ(opened == 0 ? answers : "opened " + std::to_string(opened), damage.answers);
+      const unsigned int opened = object.Open(path, u"", mode);
+      if (opened != 0) return "opened " + std::to_string(opened);
+      const unsigned int result = operation();
       object.Close();
+      EXPECT_TRUE(result == 0 || ReadBytes() == bytes);
+      answers += std::to_string(result) + " ";
+    }
+    Support::WriteFile(path, bytes);
+    Reopen(mode);
+    return answers + "| " + Find(object);
+  };
+  for (const auto& [kind, answers, pokes] : kDamages)
+    for (const Poke& poke : pokes) {
+      SCOPED_TRACE(poke.offset);
+      kind == kAlone ? MakeNaming(4, GetParam()) : MakeSmall(kind == kNames);
+      if (kind == kAlone) {
+        ASSERT_EQ(Store(kFirst, "one"), 0U);
+      }
+      object.Close();
+      if (poke.width == kCut) std::filesystem::resize_file(path.ToUtf8(), poke.offset);
+      Support::Poke(path, poke.offset, Number(poke.number, poke.width));
+      const Support::Bytes bytes = ReadBytes();
+      for (const auto mode : {kMode, kMode | ZrCompactFile::kMapped}) {
+        EXPECT_EQ(answersOf(kind, bytes, mode), answers) << poke.number;
+        object.Close();
+      }
+    }
+}
+
+TEST_P(Verify, AFileThatWasCutShort) {
+  for (const bool named : {false, true}) {
+    MakeSmall(named);
+    for (std::size_t length = ReadBytes().size(); length-- > 0;) {
+      std::filesystem::resize_file(path.ToUtf8(), length);
+      EXPECT_NE(Find(object), "0") << length;
     }
   }
 }
