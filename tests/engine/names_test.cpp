@@ -98,11 +98,8 @@ TEST_F(EngineTest, NamesTakeMemoryForWhatIsThere) {
     object.Close();
     std::filesystem::resize_file(path.ToUtf8(), 100 + 16 * count);
     Support::Poke(path, 64, Number(count) + Number(count));
-    Support::Bytes slots;
     for (std::uint64_t i = 0; i < present; ++i)
-      for (const unsigned char byte : Number(0) + Number(i + 1))
-        slots.push_back(byte);
-    Support::Poke(path, 100 + 16 * (count - present), slots);
+      Support::Poke(path, 100 + 16 * (count - present + i), Number(0) + Number(i + 1));
     const struct mallinfo2 before = ::mallinfo2();
     EXPECT_EQ(object.Open(path, u"", kMode), 0U);
     const struct mallinfo2 after = ::mallinfo2();
@@ -132,10 +129,9 @@ TEST_F(EngineTest, NamesAreFoundAfterACompactionWhateverTheClock) {
     Support::Poke(path, 11, Number(std::bit_cast<std::uint64_t>(time)));
     ZrCompactFile other;
     ASSERT_EQ(object.Open(path, u"", kLocked) + other.Open(path, u"", kLocked), 0U);
-    for (unsigned int i = 0; i < 40; ++i) {
-      const Name name = Name::FromUtf8("14/" + std::to_string(i));
-      ASSERT_EQ(Store(name, name.ToUtf8()), 0U);
-    }
+    const auto name = [](unsigned int i) { return Name::FromUtf8("14/" + std::to_string(i)); };
+    for (unsigned int i = 0; i < 40; ++i)
+      ASSERT_EQ(Store(name(i), name(i).ToUtf8()), 0U);
     double before = std::isfinite(time) ? time : 0;
     for (int round = 0; round < 2; ++round) {
       ASSERT_EQ(other.Compact(), 0U);
@@ -143,10 +139,8 @@ TEST_F(EngineTest, NamesAreFoundAfterACompactionWhateverTheClock) {
       std::memcpy(&now, Support::ReadFile(path).data() + 11, sizeof now);
       EXPECT_LT(before, now);
       before = now;
-      for (unsigned int i = 0; i < 40; ++i) {
-        const std::string name = "14/" + std::to_string(i);
-        EXPECT_EQ(Read(Name::FromUtf8(name)).payload, name);
-      }
+      for (unsigned int i = 0; i < 40; ++i)
+        EXPECT_EQ(Read(name(i)).payload, name(i).ToUtf8());
     }
   }
 }
