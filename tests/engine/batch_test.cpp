@@ -16,40 +16,38 @@ class Batch : public EngineTest, public ::testing::WithParamInterface<bool> {
   // Stores of all kinds: of new and of known tiles, whole and in pieces, invalid ones, some of
   // names of one hash. The same for the same seed.
   void MakeStores(unsigned int seed) {
-    const PelmUnicodeString names[] = {u"1yeg98dgy", u"sm38f3s71", u"fqecng9yn", u"f1qe6747c", u""};
+    const PelmUnicodeString few[] = {u"1yeg98dgy", u"sm38f3s71", u"fqecng9yn", u"f1qe6747c", u""};
     std::mt19937 random(seed);
     const auto below = [&random](unsigned int limit) {
       return static_cast<unsigned int>(random() % limit);
     };
     cells.clear();
-    named.clear();
+    names.clear();
     for (ZrByteArray& tile : data) {
       const std::size_t size = below(30) == 0 ? below(2) * 600000 : 1 + below(300);
       tile = Data(std::string(size, static_cast<char>('a' + below(26))));
-      const unsigned long long offset = below(6) == 0 ? below(9) : 0;
+      const unsigned long long offset = below(6) == 0 ? below(9) : 0, version = below(5);
       const unsigned long long capacity = below(4) == 0 ? offset + size + below(9) : 0;
       const ZrByteArray* const source = below(50) == 0 ? nullptr : &tile;
-      const unsigned long long version = below(5);
-      cells.push_back({below(4), below(110), source, capacity, offset, version});
       const unsigned int name = below(150);
-      named.push_back({name < 5 ? names[name] : PelmUnicodeString::FromUtf8(std::to_string(name)),
+      cells.push_back({below(4), below(110), source, capacity, offset, version});
+      names.push_back({name < 5 ? few[name] : PelmUnicodeString::FromUtf8(std::to_string(name)),
                        source, capacity, offset, version});
     }
   }
-  std::vector<unsigned int> StoreTogether() {
+  std::vector<unsigned int> StoreAll(bool together) {
     std::vector<unsigned int> results;
-    const unsigned int result =
-        GetParam() ? object.SetBatch(named, results) : object.SetBatch(cells, results);
-    const auto bad = std::find_if(results.begin(), results.end(), [](auto r) { return r != 0; });
-    EXPECT_EQ(result, bad == results.end() ? 0U : *bad);
-    return results;
-  }
-  std::vector<unsigned int> StoreOneByOne() {
-    std::vector<unsigned int> results;
+    if (together) {
+      const unsigned int first =
+          GetParam() ? object.SetBatch(names, results) : object.SetBatch(cells, results);
+      const auto bad = std::find_if(results.begin(), results.end(), [](auto r) { return r != 0; });
+      EXPECT_EQ(first, bad == results.end() ? 0U : *bad);
+      return results;
+    }
     for (std::size_t i = 0; i < data.size(); ++i) {
       const auto& [row, col, source, capacity, offset, version] = cells[i];
       const ZrByteArray tile = source != nullptr ? *source : ZrByteArray();
-      results.push_back(GetParam() ? object.SetAt(named[i].name, tile, capacity, offset, version)
+      results.push_back(GetParam() ? object.SetAt(names[i].name, tile, capacity, offset, version)
                                    : object.SetAt(row, col, tile, capacity, offset, version));
     }
     return results;
@@ -57,7 +55,7 @@ class Batch : public EngineTest, public ::testing::WithParamInterface<bool> {
 
   std::vector<ZrByteArray> data = std::vector<ZrByteArray>(300);
   std::vector<ZrCompactFile::ZrCellStore> cells;
-  std::vector<ZrCompactFile::ZrNameStore> named;
+  std::vector<ZrCompactFile::ZrNameStore> names;
 };
 INSTANTIATE_TEST_SUITE_P(Engine, Batch, ::testing::Bool(),
                          [](const auto& param) { return param.param ? "Names" : "Cells"; });
@@ -70,7 +68,7 @@ TEST_P(Batch, IsAsManyStoresOneAfterTheOther) {
     Support::Bytes files[2];
     for (const bool together : {false, true}) {
       GetParam() ? MakeNaming(8, seed % 2 != 0) : MakeGrid(4, 100, seed % 2 != 0);
-      results[together] = together ? StoreTogether() : StoreOneByOne();
+      results[together] = StoreAll(together);
       object.Close();
       files[together] = Support::ReadFile(path);
       std::fill_n(files[together].begin() + 11, 8, static_cast<unsigned char>(0));
@@ -78,7 +76,7 @@ TEST_P(Batch, IsAsManyStoresOneAfterTheOther) {
     EXPECT_EQ(results[0], results[1]);
     EXPECT_TRUE(files[0] == files[1]);
   }
-  EXPECT_EQ(StoreTogether(), StoreOneByOne()) << "closed";
+  EXPECT_EQ(StoreAll(true), StoreAll(false)) << "closed";
 }
 
 }  // namespace

@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
-#include <bit>
-#include <cmath>
-#include <cstring>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -116,33 +113,6 @@ TEST_F(EngineTest, NamesTakeMemoryForWhatIsThere) {
   ASSERT_EQ(Store(u"a", "tile"), 0U);
   EXPECT_EQ(object.Compact(), 0U);
   EXPECT_EQ(Read(u"a").payload, "tile");
-}
-
-// Other openers tell by the time of creation that a compaction has put the slots into another
-// order. So that must grow even if the clock stands still behind it.
-TEST_F(EngineTest, NamesAreFoundAfterACompactionWhateverTheClock) {
-  constexpr unsigned int kLocked = kMode | ZrCompactFile::kProcessLock;
-  for (const double time : {1e9, 0.0, -1e9, HUGE_VAL, std::nan("")}) {
-    SCOPED_TRACE(time);
-    MakeNaming(64);
-    object.Close();
-    Support::Poke(path, 11, Number(std::bit_cast<std::uint64_t>(time)));
-    ZrCompactFile other;
-    ASSERT_EQ(object.Open(path, u"", kLocked) + other.Open(path, u"", kLocked), 0U);
-    const auto name = [](unsigned int i) { return Name::FromUtf8("14/" + std::to_string(i)); };
-    for (unsigned int i = 0; i < 40; ++i)
-      ASSERT_EQ(Store(name(i), name(i).ToUtf8()), 0U);
-    double before = std::isfinite(time) ? time : 0;
-    for (int round = 0; round < 2; ++round) {
-      ASSERT_EQ(other.Compact(), 0U);
-      double now;
-      std::memcpy(&now, Support::ReadFile(path).data() + 11, sizeof now);
-      EXPECT_LT(before, now);
-      before = now;
-      for (unsigned int i = 0; i < 40; ++i)
-        EXPECT_EQ(Read(name(i)).payload, name(i).ToUtf8());
-    }
-  }
 }
 
 }  // namespace
