@@ -477,6 +477,12 @@ TEST_F(CompactionCutShort, IsFinishedByOneWhoHasTheFileOfBefore) {
   LeaveAsKilled();
   EXPECT_EQ(object.Compact(), 2U);
   EXPECT_EQ(ReadFile(TemporaryPath()), image);
+  for (const std::size_t at : {image.size() / 2, image.size() - 48}) {
+    ++image[at];  // damaged, or of another compaction
+    LeaveAsKilled();
+    --image[at];
+    EXPECT_EQ(ZrCompactFile().Open(path, u"secret", kMode), 3U);
+  }
 
   open(kLocked);
   LeaveAsKilled();
