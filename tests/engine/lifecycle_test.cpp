@@ -57,7 +57,7 @@ TEST_F(Lifecycle, CreateAnswers) {
   };
   // The last product wraps in 32 bits, and is too large all the same.
   for (const auto& [rows, cols] :
-       {std::pair{0U, 1U}, {1U, 0U}, {0x10000001U, 1U}, {65536U, 65536U}})
+       {std::pair{0U, 1U}, {1U, 0U}, {0x10000001U, 1U}, {65536U, 65537U}})
     EXPECT_EQ(grid("g", rows, cols), 2U) << rows;
   for (const unsigned long long capacity : {0ULL, 0x8000001ULL, ~0ULL})
     EXPECT_EQ(object.Create(folder.GetPath("n"), capacity, u"", kMode), 2U) << capacity;
