@@ -223,8 +223,9 @@ TEST_F(Lifecycle, NothingRunsOverTilesInWhatARecordHasReserved) {
       case 2:  // a piece far behind, and what lies in between
         EXPECT_EQ(Store(0, 3, "far", 1, 9000, 8997) + Store(0, 3, news, 1, 9000), 0U);
         break;
-      case 3:  // an older version, which becomes the newest
-        EXPECT_EQ(Store(0, 3, "newer", 2) + Store(0, 3, news, 1) + object.Remove(0, 3, 2), 0U);
+      case 3:  // an older version; and one that becomes the newest
+        EXPECT_EQ(Store(0, 3, "newer", 2) + Store(0, 3, news, 1), 0U);
+        EXPECT_EQ(Store(0, 5, "newer", 2) + object.Remove(0, 5, 2), 0U);
         break;
       default:
         EXPECT_EQ(Store(0, 3, news, 1), 0U);

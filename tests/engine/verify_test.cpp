@@ -210,7 +210,9 @@ TEST_P(Verify, DamageIsReportedAndChangesNothing) {
       if (opened != 0) return "opened " + std::to_string(opened);
       const unsigned int result = operation();
       object.Close();
-      EXPECT_TRUE(result == 0 || ReadBytes() == bytes);
+      // A cell of an unknown status is left alone.
+      const bool mayChange = result == 0 && (kind != kCells || answers[0] != '3');
+      EXPECT_TRUE(mayChange || ReadBytes() == bytes);
       answers += std::to_string(result) + " ";
     }
     Support::WriteFile(path, bytes);

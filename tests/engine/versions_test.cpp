@@ -47,6 +47,9 @@ TEST_P(Versions, EveryKindOfStoreAndRemoval) {
       {11, "I", 6, 3, 714, 2, 632, "82, 11:2|0 9:1|372 5:1|470, 6/4"},
       // Entry 0 gets its position when the current record is written again.
       {5, "longer than before", 0, 0, 776, 1, 632, "82, 11:2|632 9:1|372 5:1|714, 6/4"},
+      // The newest that is left has the status that its locator says.
+      {13, "J", 0, 0, 869, 1, 776, "93, 13:1|0 11:2|632 9:1|372 5:1|714, 1/1"},
+      {13, nullptr, 0, 0, 869, 2, 632, "82, 11:2|632 9:1|372 5:1|714, 6/4"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(&row - rows);
@@ -70,6 +73,8 @@ TEST_P(Versions, PiecesKeepWhatWasThere) {
   EXPECT_EQ(Read(3), (Tile{0, std::string("first\0\0\0\0", 9), 5}));
   ASSERT_EQ(Store("tail", 3, 20, 16), 0U);  // which needs more room than it has
   EXPECT_EQ(Read(3), (Tile{0, std::string("first\0\0\0\0\0\0\0\0\0\0\0tail", 20), 20}));
+  ASSERT_EQ(Store("x", 5, 20, 19), 0U);  // of a new version, whose head is longer by 16 bytes
+  EXPECT_EQ(Read(5), (Tile{0, "tail" + std::string(15, '\0') + "x", 20}));
 }
 
 TEST_P(Versions, WithoutVersionsATileIsNeverRewritten) {
