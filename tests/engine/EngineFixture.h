@@ -78,9 +78,15 @@ class EngineTest : public ::testing::Test {
 
   explicit EngineTest(TemporaryFolder::Place place = TemporaryFolder::kDisk) : folder(place) {}
 
+  /// Closes the object and deletes the file.
+  void Forget() {
+    object.Close();
+    std::filesystem::remove(path.ToUtf8());
+  }
   /// A new grid, open in the object; `foreign`: made by hand, in the other byte order.
   void MakeGrid(unsigned int rows, unsigned int cols, bool foreign = false,
                 ZrCompactFile::ZrOpenMode mode = kMode) {
+    Forget();
     m_big = kBigHost != foreign;
     if (!foreign) {
       ASSERT_EQ(object.Create(path, rows, cols, u"", mode), 0U);
@@ -96,6 +102,7 @@ class EngineTest : public ::testing::Test {
   /// before has reserved, which each does with `capacity` bytes. Only the last one fills them, if
   /// `endsInFile`. Not open.
   void MakeCrowded(unsigned int cols, unsigned long long capacity, bool endsInFile = true) {
+    Forget();
     ZrCompactFileWriter writer;
     ASSERT_EQ(writer.Create(path, 1, cols, u"", kMode), 0U);
     for (unsigned int col = 0; col < cols; ++col) {
@@ -111,6 +118,7 @@ class EngineTest : public ::testing::Test {
   /// The same for a naming file.
   void MakeNaming(unsigned long long capacity, bool foreign = false,
                   unsigned int formatVersion = 20120214) {
+    Forget();
     m_big = kBigHost != foreign;
     using Support::operator+;
     WriteByHand(formatVersion, 1,
@@ -127,8 +135,16 @@ class EngineTest : public ::testing::Test {
                      unsigned long long offset = 0) {
     return object.SetAt(row, col, Data(text), capacity, offset, version);
   }
+  unsigned int Store(const PelmUnicodeString& name, std::string_view text,
+                     unsigned long long version = 1, unsigned long long capacity = 0,
+                     unsigned long long offset = 0) {
+    return object.SetAt(name, Data(text), capacity, offset, version);
+  }
   Tile Read(unsigned int row, unsigned int col, unsigned long long version) {
     return ReadTile(object, row, col, version);
+  }
+  Tile Read(const PelmUnicodeString& name, unsigned long long version = ~0ULL) {
+    return ReadTile(object, name, version);
   }
   /// Walks the file and expects it to be well-formed.
   Support::FileChecker Check() {
