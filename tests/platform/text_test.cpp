@@ -55,7 +55,7 @@ TEST(CodecTest, FailsAsAWholeAndLeavesTheTarget) {
         Bad{250, "\xF0\x8F\xBF\xBF"}, Bad{250, "\xF4\x90\x80\x80"}, Bad{250, "\xC3("}})
     EXPECT_FALSE(PelmCharsetCodec(Charset(number)).Decode("a" + std::string(text), units)) << text;
   std::string bytes = "kept";
-  for (const std::uint32_t number : {0U, 128U, 163U, 253U})
+  for (const std::uint32_t number : {0U, 77U, 128U, 130U, 163U, 222U, 253U})
     for (const std::u16string_view text : {u"a\u0920", u"\xD800", u"\xDC00z"})
       EXPECT_FALSE(PelmCharsetCodec(Charset(number)).Encode(text, bytes)) << number;
   ZrTextCodec codec;
@@ -99,6 +99,7 @@ TEST(UnicodeStringTest, OrderIsByUnsignedUnitAndFoldsAsciiLettersOnly) {
   for (std::size_t i = 1; i < std::size(kAscending); ++i) {
     const PelmUnicodeString a = kAscending[i - 1], b = kAscending[i];
     EXPECT_TRUE(a < b && b.Compare(a) > 0 && Zr_strcmp(a.GetBuffer(), b.GetBuffer()) < 0) << i;
+    EXPECT_EQ(Zr_strcmp(b.GetBuffer(), PelmUnicodeString(b).GetBuffer()), 0) << i;
   }
   EXPECT_EQ(PelmUnicodeString(u"azAZ09").CompareNoCase(u"AZaz09"), 0);
   for (const auto& [a, b] : {std::pair{u"\u00C9", u"\u00E9"},
