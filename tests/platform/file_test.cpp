@@ -66,6 +66,7 @@ TEST_F(FileTest, PositionsBeyondFourGibibytes) {
   EXPECT_EQ(file.Read(text, 16) + file.GetPosition(), 5 + kFar + 8);  // from behind "abc"
   EXPECT_TRUE(file.ReadUpTo(kFar, text, 11) == 8 && !file.ReadAt(kFar + 7, text + 9, 2));
   EXPECT_EQ(std::string(text, 8), std::string("a\0cdef\0\0", 8));
+  EXPECT_TRUE(file.SetLength(6ULL << 30) && file.NextData(5632ULL << 20) == 6ULL << 30);
   for (const std::uint64_t position : {1ULL << 63, ~0ULL})
     EXPECT_FALSE(file.WriteAt(position, "x", 1) || file.ReadAt(position, text, 1) ||
                  file.ZeroFill(position, 1) || file.SetLength(position));

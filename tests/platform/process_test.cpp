@@ -16,54 +16,19 @@
 namespace Zarn {
 namespace {
 
-namespace fs = std::filesystem;
-
-// The test's file holds one number: its length.
-int Get(const std::string& path) {
-  std::error_code none;
-  return static_cast<int>(fs::file_size(path, none));
-}
-void Put(const std::string& path, int value) {
-  std::ofstream(path, std::ios::app).flush();
-  fs::resize_file(path, static_cast<std::uintmax_t>(value));
-}
-void Replace(const std::string& path, int value) {
-  Put(path + ".new", value);
-  fs::rename(path + ".new", path);
-}
-
-// What keeps the number of a file in memory.
 struct Owner : ZrProcess {
-  explicit Owner(std::string file) : path(std::move(file)) {
-    const auto load = [](void* owner) { static_cast<Owner*>(owner)->Load(); };
-    SetCallBack(load, this);
+  explicit Owner(const std::string& file) : path(PelmUnicodeString::FromUtf8(file)) {
+    SetCallBack([](void* owner) { ++static_cast<Owner*>(owner)->calls; }, this);
     Init();
   }
-  unsigned int Init() { return ProcessLockInit(PelmUnicodeString::FromUtf8(path)); }
-  void Load() {
-    ++calls;
-    value = Get(path);
-  }
-  // How often it was loaded since the last call; below 0 if the number is not the file's.
-  int Calls() {
-    const bool isFresh = ReaderLock(1) && value == Get(path);
-    ReaderUnlock();
-    return isFresh ? std::exchange(calls, 0) : -1;
-  }
-  bool Add() {
-    const bool isFresh = WriterLock(1) && value == Get(path);
-    if (isFresh) Put(path, ++value);
-    WriterUnlock();
-    return isFresh;
-  }
+  unsigned int Init() { return ProcessLockInit(path); }
 
   using ZrProcess::EnterFile;
   using ZrProcess::IsAnotherPresent;
   using ZrProcess::LeaveFile;
 
-  std::string path;
-  int calls = 0;
-  int value = 0;
+  const PelmUnicodeString path;
+  int calls = 0;  // of the callback
 };
 
 // A forked process. It is killed in the end.
@@ -101,8 +66,12 @@ struct Child {
 };
 
 struct ProcessTest : testing::Test {
-  ProcessTest() { Put(path, 1); }
+  ProcessTest() { MakeFile(); }
 
+  void MakeFile() const {
+    std::ofstream(path + ".new").close();
+    std::filesystem::rename(path + ".new", path);
+  }
   // Takes the lock, and keeps it until killed.
   Child Holder(bool writer) const {
     return Child([&] {
@@ -134,17 +103,15 @@ TEST_F(ProcessTest, ReadersShareAndDoNotStarveAWriterWhoIsAlone) {
 
 TEST_F(ProcessTest, AReservationKeepsOutWritersAndThenReadersAsWell) {
   Owner owner(path);
-  ASSERT_TRUE(owner.ReservedLock(1) && owner.ReservedLock(0));
+  ASSERT_TRUE(owner.ReservedLock(1) && owner.ReservedLock(1) && owner.calls == 1);
   const Child writer = Holder(true);
-  ASSERT_TRUE(writer.IsStuck() && owner.Calls() == 1);
+  ASSERT_TRUE(writer.IsStuck());
   {
     const Child reader = Holder(false);
     ASSERT_TRUE(reader.Locks());  // not behind the writer, who waits for his turn to reserve
-    const Child upgrading([&] {
-      Owner other(path);
-      return other.ReaderLock(0) && !other.ExcludeReaders() && other.isLocked();
-    });
-    EXPECT_TRUE(upgrading.Succeeds());
+    Owner upgrading(path);
+    EXPECT_TRUE(upgrading.ReaderLock(0) && !upgrading.ExcludeReaders() && upgrading.isLocked());
+    upgrading.ReaderUnlock();
     const Child freeing([&] { return ::usleep(20000) == 0 && (reader.Kill(), true); });
     EXPECT_TRUE(owner.WriterLock(0));  // once the reader is gone
   }
@@ -158,24 +125,18 @@ TEST_F(ProcessTest, AReservationKeepsOutWritersAndThenReadersAsWell) {
 }
 
 TEST_F(ProcessTest, TellsWhoIsPresentAndWhoLeavesLast) {
-  Owner owner(path);
-  const auto isPresent = [&](Presence presence) { return owner.IsAnotherPresent(presence); };
-  EXPECT_TRUE(owner.EnterFile(Presence::kMapsFile) && !isPresent(Presence::kOpen));
-  {
-    const Child other([&] {
-      Owner mapping(path);
-      return mapping.EnterFile(Presence::kMapsFile) && ::raise(SIGSTOP) == 0;
-    });
-    ASSERT_TRUE(other.Locks());
-    EXPECT_TRUE(isPresent(Presence::kOpen) && isPresent(Presence::kMapsFile) &&
-                !isPresent(Presence::kWritesUnlocked));
-    EXPECT_FALSE(owner.LeaveFile());
-    EXPECT_TRUE(owner.EnterFile(Presence::kWritesUnlocked));
-  }
-  EXPECT_TRUE(!isPresent(Presence::kOpen) && owner.LeaveFile());
+  Owner first(path), second(path), third(path);
+  EXPECT_TRUE(first.EnterFile(Presence::kMapsFile) && !first.IsAnotherPresent(Presence::kOpen));
+  EXPECT_TRUE(second.EnterFile(Presence::kOpen) && second.IsAnotherPresent(Presence::kMapsFile));
+  EXPECT_TRUE(first.IsAnotherPresent(Presence::kOpen) &&
+              !first.IsAnotherPresent(Presence::kMapsFile) &&
+              !second.IsAnotherPresent(Presence::kWritesUnlocked));
+  EXPECT_TRUE(!first.LeaveFile() && !second.IsAnotherPresent(Presence::kMapsFile));
+  EXPECT_TRUE(first.EnterFile(Presence::kWritesUnlocked) && !second.LeaveFile());
+  EXPECT_TRUE(third.IsAnotherPresent(Presence::kWritesUnlocked) && first.LeaveFile());
   const Child late([&] { return Owner(path).EnterFile(Presence::kOpen); });
   EXPECT_TRUE(late.IsStuck());  // until the last one has left altogether
-  owner.ProcessLockRelease();
+  first.ProcessLockRelease();
   EXPECT_TRUE(late.Succeeds());
 }
 
@@ -192,15 +153,13 @@ TEST_F(ProcessTest, OneWhoMayNotWriteDoesNotKeepOutAReservation) {
 
 TEST_F(ProcessTest, LastUnlockReleasesAndMoreAreHarmless) {
   Owner owner(path);
-  EXPECT_TRUE(owner.Calls() == 1 && owner.Calls() == 1);
-  ASSERT_TRUE(owner.WriterLock(0) && owner.ReaderLock(1));
-  EXPECT_EQ(owner.calls, 0);  // only the outermost lock calls back
+  ASSERT_TRUE(owner.WriterLock(0) && owner.ReaderLock(1) && owner.calls == 0);
   owner.WriterUnlock();
   EXPECT_TRUE(IsTaken() && owner.isLocked());
   owner.ReaderUnlock();
   owner.ReaderUnlock();
   EXPECT_TRUE(!owner.isLocked() && !IsTaken());
-  ASSERT_TRUE(owner.ReaderLock(0) && owner.isLocked());  // the depth is not below 0
+  ASSERT_TRUE(owner.ReaderLock(0) && owner.isLocked() && owner.calls == 0);
   owner.ProcessLockRelease();
   EXPECT_FALSE(owner.isLocked() || owner.ReaderLock(0) || IsTaken());
 }
@@ -208,12 +167,15 @@ TEST_F(ProcessTest, LastUnlockReleasesAndMoreAreHarmless) {
 TEST_F(ProcessTest, FollowsAReplacedPathAndADeletedOneStaysDeleted) {
   Owner owner(path);
   ASSERT_TRUE(owner.WriterLock(1));
-  const Child writer([&] { return Owner(path).Add() && Get(path) == 21; });
+  const Child writer = Holder(true);
   ASSERT_TRUE(writer.IsStuck());  // on the file that the path names at first
-  Replace(path, 20);
+  MakeFile();
   owner.WriterUnlock();
-  EXPECT_TRUE(writer.Succeeds() && owner.Calls() == 2);
-  fs::remove(path);
+  EXPECT_TRUE(writer.Locks() && IsTaken());
+  writer.Kill();
+  EXPECT_TRUE(owner.WriterLock(1) && IsTaken());
+  owner.WriterUnlock();
+  std::filesystem::remove(path);
   EXPECT_FALSE(owner.WriterLock(1) || owner.ReaderLock(0) || owner.Init() != 2);
 }
 
@@ -223,11 +185,11 @@ TEST_F(ProcessTest, AForkedChildHasNoLock) {
   const Child heir([&] {
     if (owner.isLocked() || owner.WriterLock(0) || owner.ReaderLock(1)) return false;
     owner.WriterUnlock();
-    return owner.Init() == 0 && owner.Add();
+    return owner.Init() == 0 && owner.WriterLock(0);
   });
-  ASSERT_TRUE(heir.IsStuck());
+  EXPECT_TRUE(heir.IsStuck());
   owner.WriterUnlock();
-  EXPECT_TRUE(heir.Succeeds() && owner.Calls() == 2);
+  EXPECT_TRUE(heir.Succeeds());
 }
 
 TEST_F(ProcessTest, LeavesTheStandardStreamsAlone) {
@@ -235,7 +197,7 @@ TEST_F(ProcessTest, LeavesTheStandardStreamsAlone) {
     for (int fd = 0; fd < 100; ++fd)
       ::close(fd);
     Owner owner(path);
-    return ::fcntl(0, F_GETFD) < 0 && owner.Add();
+    return ::fcntl(0, F_GETFD) < 0 && owner.WriterLock(0);
   });
   EXPECT_TRUE(child.Succeeds());
 }
