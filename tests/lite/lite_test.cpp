@@ -139,6 +139,7 @@ TEST_F(Lite, CreateAnswers) {
   EXPECT_EQ(File().size(), 76U) << "the product wraps: there is no cell";
   EXPECT_TRUE(Store(0, "x") == 10 && writer.GetStatus(0, 0) == ZrCompactFile::kUnknown);
   EXPECT_EQ(std::get<0>(Read(0)), 9U);
+  writer.Close();
   SyscallFaults faults;
   faults.FailCall(1, ENOENT);  // no file at first
   EXPECT_EQ(writer.Create(deep, 1, 1, u"", 4), 2U) << "there is one by now";
@@ -257,12 +258,17 @@ TEST_F(Lite, RewritesInPlaceOnlyWhereNobodyIsRunOver) {
   EXPECT_EQ(writer.GetStatus(0, 0), ZrCompactFile::kComplete) << "the entry keeps its status";
 
   const auto last = Put(2, "last");
-  {
-    SyscallFaults restore;
-    GetFileSyscalls().fallocate = [](int, int, off_t, off_t) { return errno = ENOSPC, -1; };
-    EXPECT_EQ(Store(2, std::string(20, 'L')), 10U) << "a full disk";
+  for (const bool isFull : {false, true}) {
+    const std::size_t size = File().size();
+    {
+      const SyscallFaults restore;
+      if (isFull)
+        GetFileSyscalls().fallocate = [](int, int, off_t, off_t) { return errno = ENOSPC, -1; };
+      GetFileSyscalls().pwritev = [](auto...) -> ssize_t { return errno = EIO, -1; };
+      EXPECT_EQ(Store(2, std::string(20, 'L')), 10U);
+    }
+    EXPECT_TRUE(Read(2) == Tile(0, "last", 4) && File().size() == size) << isFull;
   }
-  EXPECT_EQ(Read(2), (Tile{0, "last", 4}));
   EXPECT_EQ(Put(2, std::string(20, 'L')), last) << "the last may grow by what the length allows";
   const auto next = Put(2, std::string(37, 'M'));
   EXPECT_NE(next, last);
@@ -279,12 +285,29 @@ TEST_F(Lite, NothingIsLeftOfACopy) {
   const std::string large(5000, 'L');
   Create(3);
   const auto first = Put(0, large);
-  EXPECT_EQ(Put(0, large), first);
+  EXPECT_TRUE(Put(0, large) == first && writer.GetStatus(0, 0) == ZrCompactFile::kComplete);
   EXPECT_EQ(Put(1, "next"), first + 44 + 5000) << "where the copy was";
   const auto last = Put(2, large);
   EXPECT_EQ(Put(2, large, 5016), last);
   EXPECT_EQ(Put(1, "longer than next"), last + 44 + 5016) << "behind what the last one states";
-  EXPECT_EQ(Read(2), (Tile{0, large + std::string(16, '\0'), 5000}));
+  const std::string zeros(16, '\0');
+  Tile tile = {0, large + zeros, 5000};
+  bool hasFailed = true;
+  for (std::size_t n = 1; hasFailed; ++n) {
+    const std::size_t size = File().size();
+    const std::string next(5000, static_cast<char>('a' + n));
+    unsigned int answer = 0;
+    {
+      SyscallFaults faults;
+      faults.FailCall(n, EIO);
+      answer = Store(2, next, 5016);
+      hasFailed = faults.HasFailed();
+    }
+    const std::size_t more = File().size() - size;  // a copy stays that the entry may name
+    EXPECT_TRUE(answer == 0 || more == 0 || more == 44 + 5016) << n;
+    if (answer == 0) tile = {0, next + zeros, 5000};
+    EXPECT_TRUE(Read(2) == tile) << n;
+  }
 }
 
 // The unused capacity of a tile is not written, so the file ends before its last record does.
@@ -365,11 +388,12 @@ TEST_F(Lite, HostileEntriesAndRecords) {
       const Bytes file = File();
       EXPECT_EQ(Read(0), read) << what;
       Reopen();
-      const unsigned int answer = Store(0, "new");
-      EXPECT_EQ(answer, effect == kRefused ? 9U : 0U) << what;
-      EXPECT_EQ(File() == file, effect == kNothing || effect == kRefused) << what;
-      EXPECT_EQ(File().size() == file.size(), effect != kAppended) << what;
-      EXPECT_EQ(Read(0), effect == kRewritten || effect == kAppended ? Tile(0, "new", 3) : read);
+      const bool isStored = effect == kRewritten || effect == kAppended;
+      EXPECT_EQ(Store(0, "new"), effect == kRefused ? 9U : 0U) << what;
+      unsigned long long now = 0;
+      EXPECT_TRUE(writer.ReadIndexValue(0, 0, now) && (now == entry) == (effect != kAppended));
+      EXPECT_EQ(File() != file, isStored) << what;
+      EXPECT_EQ(Read(0), isStored ? Tile(0, "new", 3) : read) << what;
     }
   }
 }
