@@ -310,6 +310,19 @@ TEST_F(Lite, NothingIsLeftOfACopy) {
   }
 }
 
+// An odd word says that a writer changes an entry.
+TEST_F(Lite, MakesAWordEvenThatADeadWriterHasLeft) {
+  ZrCompactFileWriter other;
+  Create(1);
+  for (const bool isAlive : {true, false}) {
+    Poke(path, 48, Hex("01 00x6 01"));
+    EXPECT_EQ(other.Open(path, u"", 4), 0U);
+    EXPECT_EQ(File()[48] % 2 != 0, isAlive);
+    other.Close();
+    writer.Close();
+  }
+}
+
 // The unused capacity of a tile is not written, so the file ends before its last record does.
 TEST_F(Lite, NothingIsAppendedIntoTheLastRecord) {
   Create(20000);
