@@ -116,6 +116,7 @@ TEST(RedoChecksum, KnownValue) {
 
 // The product wraps at 32 bits, and no two cells may share an entry because of it.
 TEST(IndexValue, WrappedGridsHaveNoEntriesBeyondTheWrappedProduct) {
+  EXPECT_EQ(GridCellNumber(2, 3, 0, 3), std::nullopt);
   EXPECT_EQ(GridCellNumber(65536, 65536, 0, 0), std::nullopt);
   EXPECT_EQ(GridCellNumber(65537, 65536, 0, 65535), 65535U);
   EXPECT_EQ(GridCellNumber(65537, 65536, 1, 0), std::nullopt);
