@@ -58,7 +58,7 @@ TEST(Format, RecordHeadsAreParsedAsFarAsTheyAreThereAndDamageIsRecognised) {
       {kNamingFile, 0, 8, 63, false},
       {kNamingFile, 0, 8, 35, false},
       {kGridFile, 8, 4, 2, false},
-      {kGridFile, 8, 4, UINT32_MAX, false},
+      {kGridFile, 8, 4, 0x10000001, false},
       {kGridFile, 28, 8, 7, false},
       {kGridFile, 28, 8, UINT64_MAX, false},
       {kNamingFile, 12, 4, 28, false},
