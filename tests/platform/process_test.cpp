@@ -162,6 +162,9 @@ TEST_F(ProcessTest, LastUnlockReleasesAndMoreAreHarmless) {
   ASSERT_TRUE(owner.ReaderLock(0) && owner.isLocked() && owner.calls == 0);
   owner.ProcessLockRelease();
   EXPECT_FALSE(owner.isLocked() || owner.ReaderLock(0) || IsTaken());
+  EXPECT_TRUE(owner.Init() == 0 && owner.WriterLock(0));
+  owner.WriterUnlock();  // of a lock that begins anew
+  EXPECT_FALSE(owner.isLocked() || IsTaken());
 }
 
 TEST_F(ProcessTest, FollowsAReplacedPathAndADeletedOneStaysDeleted) {
