@@ -266,7 +266,8 @@ TEST_F(Lite, RewritesInPlaceOnlyWhereNobodyIsRunOver) {
       const SyscallFaults restore;
       if (isFull)
         GetFileSyscalls().fallocate = [](int, int, off_t, off_t) { return errno = ENOSPC, -1; };
-      GetFileSyscalls().pwritev = [](auto...) -> ssize_t { return errno = EIO, -1; };
+      else
+        GetFileSyscalls().pwritev = [](auto...) -> ssize_t { return errno = EIO, -1; };
       EXPECT_EQ(Store(2, std::string(20, 'L')), 10U);
     }
     EXPECT_TRUE(Read(2) == Tile(0, "last", 4) && File().size() == size) << isFull;
