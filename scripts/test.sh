@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the library and runs all tests.
-#   scripts/test.sh [PRESET] [CTEST-OPTION...]   (preset: dev by default; asan, tsan, coverage)
+#   scripts/test.sh [PRESET] [CTEST-OPTION...]   (preset: dev by default; asan, tsan, coverage, s390x)
 # The first word is a preset unless it begins with "-".
 . "$(dirname "$0")/common.sh"
 
@@ -11,5 +11,10 @@ if [[ ${1--} != -* ]]; then
 fi
 need_compiler /usr/include/gmock/gmock.h=libgmock-dev python3=python3 pkg-config=pkg-config \
   dpkg-shlibdeps=dpkg-dev file=file doxygen=doxygen abidiff=abigail-tools
+if [ "$preset" = s390x ]; then
+  need s390x-linux-gnu-g++=g++-s390x-linux-gnu qemu-s390x-static=qemu-user-static \
+    /usr/src/googletest/CMakeLists.txt=googletest
+  build dev
+fi
 build "$preset"
 exec ctest --preset "$preset" "$@"

@@ -114,7 +114,7 @@ unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
   const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
     result = ZrResult::kReadFailure;
     if (file.Names() == nullptr) return true;
-    if (!key) key.emplace(name, file.GetShape());
+    key.emplace(name, file.GetShape());  // which may be another one than in the last attempt
     record.emplace(*file.GetStream(), file.GetShape(), file.Map());
     result = ReadTile(file, view, *key, version, *buffer, entry, *record);
     if (result == ZrResult::kOk) return true;

@@ -1,13 +1,6 @@
 #!/usr/bin/env bash
-# Uses the library as somebody else's project does, once per call:
-#   run.sh install            puts it into a new prefix, where all but the last look for it
-#   run.sh find_package       builds and runs the examples
-#   run.sh pkg_config         the same, and the README's program
-#   run.sh debian             makes the packages and unpacks them
-#   run.sh exports            compares what the libraries show with exports.txt
-#   run.sh abi                compares their symbols and public types with abi/LIBRARY.abi
-#   run.sh write_abi          writes these (scripts/abi.sh does; no test)
-#   run.sh add_subdirectory   builds the library as a part of another project
+# Uses the library as somebody else's project does: run.sh PART, where each PART is a function below.
+# All but install look for the library in the prefix that install has made.
 # From the environment: PROJECT, BUILD (its build folder), CXX, and EXAMPLES (their names).
 set -euo pipefail
 work=$BUILD/package/$1
@@ -20,13 +13,14 @@ fail() {
   exit 1
 }
 
-# build_and_run SOURCE [OPTION...]: in both standards; what does not depend on them is built once.
+# configure FOLDER [OPTION...]: a build in that folder.
+configure() { cmake -B "$work/$1" -G Ninja -DCMAKE_CXX_COMPILER="$CXX" "${@:2}"; }
+
+# build_and_run OPTION...: in both standards; what does not depend on them is built once.
 build_and_run() {
-  local source=$1 standard
-  shift
+  local standard
   for standard in 17 20; do
-    cmake -S "$source" -B "$work/build" -G Ninja -DCMAKE_CXX_COMPILER="$CXX" \
-      -DCMAKE_CXX_FLAGS="$warnings" -DCMAKE_CXX_EXTENSIONS=OFF \
+    configure build -DCMAKE_CXX_FLAGS="$warnings" -DCMAKE_CXX_EXTENSIONS=OFF \
       -DCMAKE_CXX_STANDARD=$standard "$@"
     cmake --build "$work/build" -- -j1
     ctest --test-dir "$work/build" --no-tests=error --output-on-failure
@@ -48,41 +42,37 @@ install() {
 
 find_package() {
   # Warnings count in the installed headers as well.
-  build_and_run "$PROJECT/examples" -DCMAKE_PREFIX_PATH="$prefix" \
+  build_and_run -S "$PROJECT/examples" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_NO_SYSTEM_FROM_IMPORTED=ON
   # In the folder that it was built in, it is found as well.
-  cmake -S "$PROJECT/examples" -B "$work/in_place" -G Ninja -DCMAKE_CXX_COMPILER="$CXX" \
-    -DHxCompactFile_DIR="$BUILD"
+  configure in_place -S "$PROJECT/examples" -DHxCompactFile_DIR="$BUILD"
   cmake --build "$work/in_place" --target store_and_read
   "$work/in_place/store_and_read" "$work"
 }
 
 pkg_config() {
-  local folder flags standard name
+  local folder flags name
   folder=$(dirname "$(find "$prefix" -name hxcompactfile.pc)")
   flags=$(PKG_CONFIG_PATH=$folder pkg-config --cflags --libs hxcompactfile)
   export LD_LIBRARY_PATH=${folder%/pkgconfig}
   # The README's program is its first block of C++.
   awk '/^```cpp$/ { on = 1; next } /^```$/ { if (on) exit } on' "$PROJECT/README.md" \
     >"$work/readme.cpp"
-  for standard in 17 20; do
-    for name in $EXAMPLES; do
-      $CXX -std=c++$standard $warnings "$PROJECT/examples/$name.cpp" -o "$work/$name" $flags
-      "$work/$name" "$work"
-    done
-    $CXX -std=c++$standard $warnings "$work/readme.cpp" -o "$work/readme" $flags
-    (cd "$work" && rm -f tiles.cf && ./readme | grep '^tile: hello, 11 bytes')
+  for name in $EXAMPLES; do
+    $CXX -std=c++17 $warnings "$PROJECT/examples/$name.cpp" -o "$work/$name" $flags
+    "$work/$name" "$work"
   done
+  $CXX -std=c++17 $warnings "$work/readme.cpp" -o "$work/readme" $flags
+  (cd "$work" && rm -f tiles.cf && ./readme | grep '^tile: hello, 11 bytes')
 }
 
+# The library as a part of another project.
 add_subdirectory() {
-  build_and_run "$PROJECT/tests/package/host" -DPROJECT="$PROJECT"
-  # What belongs to the host is the host's to install.
+  build_and_run -S "$PROJECT/tests/package/host" -DPROJECT="$PROJECT"
   cmake --install "$work/build" --prefix "$work/prefix"
-  [ ! -e "$work/prefix" ] || fail "installed as a part of another project"
+  [ ! -e "$work/prefix" ] || fail "installed as a part of another project, whose part it is"
   # Base libraries of the host's own.
-  cmake -S "$PROJECT/tests/package/host" -B "$work/own" -DPROJECT="$PROJECT" \
-    -DCMAKE_CXX_COMPILER="$CXX" -DOWN_BASE=ON
+  configure own -S "$PROJECT/tests/package/host" -DPROJECT="$PROJECT" -DOWN_BASE=ON
 }
 
 debian() {
@@ -101,7 +91,7 @@ debian() {
 
 installed() { find "$prefix" "$work" -name "lib$1.so"; }
 
-# A line "library name" for each class, and for each function outside of one.
+# What the libraries show: a line "library name" for each class, and each function outside of one.
 exports() {
   local library
   for library in $libraries; do
@@ -111,7 +101,6 @@ exports() {
   done | LC_ALL=C sort -u | diff "$PROJECT/tests/package/exports.txt" -
 }
 
-# What programs depend on that were linked before: the symbols, and the types of installed headers.
 abi=$PROJECT/tests/package/abi
 abi_headers=$prefix/include/HxCompactFile
 abi_options=(--suppressions "$abi/types.ini" --no-corpus-path --exported-interfaces-only)
@@ -121,6 +110,7 @@ build_abi_types() {
     -I"$abi_headers" "$abi/types.cpp" -o "$work/libHxTypes.so"
 }
 
+# No test: scripts/abi.sh runs it.
 write_abi() {
   local library
   build_abi_types
@@ -132,6 +122,7 @@ write_abi() {
   done
 }
 
+# What programs depend on that were linked before: the symbols, and the types of installed headers.
 abi() {
   local library changed="" other=()
   readelf -S "$(installed HxCompactFile)" | grep -F .debug_info >/dev/null || {

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,55 +16,19 @@
 namespace Zarn {
 namespace {
 
-// The test's file holds one number.
-int Get(const std::string& path) {
-  int value = -1;
-  std::ifstream(path).read(reinterpret_cast<char*>(&value), sizeof value);
-  return value;
-}
-
-void Put(const std::string& path, int value) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-  if (::pwrite(fd, &value, sizeof value, 0) != sizeof value) std::abort();
-  ::close(fd);
-}
-
-void Replace(const std::string& path, int value) {
-  Put(path + ".new", value);
-  std::filesystem::rename(path + ".new", path);
-}
-
-// What keeps the number of a file in memory.
 struct Owner : ZrProcess {
-  explicit Owner(std::string file) : path(std::move(file)) {
-    SetCallBack([](void* owner) { static_cast<Owner*>(owner)->Load(); }, this);
+  explicit Owner(const std::string& file) : path(PelmUnicodeString::FromUtf8(file)) {
+    SetCallBack([](void* owner) { ++static_cast<Owner*>(owner)->calls; }, this);
     Init();
   }
-  unsigned int Init() { return ProcessLockInit(PelmUnicodeString::FromUtf8(path)); }
-  void Load() {
-    ++calls;
-    value = Get(path);
-  }
-  // How often it was loaded since the last call; below 0 if the number is not the file's.
-  int Calls() {
-    const bool isFresh = ReaderLock(1) && value == Get(path);
-    ReaderUnlock();
-    return isFresh ? std::exchange(calls, 0) : -1;
-  }
-  bool Add() {
-    const bool isFresh = WriterLock(1) && value == Get(path);
-    if (isFresh) Put(path, ++value);
-    WriterUnlock();
-    return isFresh;
-  }
+  unsigned int Init() { return ProcessLockInit(path); }
 
   using ZrProcess::EnterFile;
   using ZrProcess::IsAnotherPresent;
   using ZrProcess::LeaveFile;
 
-  std::string path;
-  int calls = 0;
-  int value = 0;
+  const PelmUnicodeString path;
+  int calls = 0;  // of the callback
 };
 
 // A forked process. It is killed in the end.
@@ -103,15 +66,17 @@ struct Child {
 };
 
 struct ProcessTest : testing::Test {
-  ProcessTest() { Put(path, 1); }
+  ProcessTest() { MakeFile(); }
 
-  // Takes the lock, for writing touches the file, and keeps it until killed.
+  void MakeFile() const {
+    std::ofstream(path + ".new").close();
+    std::filesystem::rename(path + ".new", path);
+  }
+  // Takes the lock, and keeps it until killed.
   Child Holder(bool writer) const {
     return Child([&] {
       Owner owner(path);
-      if (!(writer ? owner.WriterLock(0) : owner.ReaderLock(0))) return false;
-      if (writer) Put(path, Get(path));
-      return ::raise(SIGSTOP) == 0;
+      return (writer ? owner.WriterLock(0) : owner.ReaderLock(0)) && ::raise(SIGSTOP) == 0;
     });
   }
   bool IsTaken() const { return Holder(true).IsStuck(); }
@@ -138,23 +103,19 @@ TEST_F(ProcessTest, ReadersShareAndDoNotStarveAWriterWhoIsAlone) {
 
 TEST_F(ProcessTest, AReservationKeepsOutWritersAndThenReadersAsWell) {
   Owner owner(path);
-  ASSERT_TRUE(owner.ReservedLock(1) && owner.ReservedLock(0));
+  ASSERT_TRUE(owner.ReservedLock(1) && owner.ReservedLock(1) && owner.calls == 1);
   const Child writer = Holder(true);
-  ASSERT_TRUE(writer.IsStuck() && owner.Calls() == 1);
-  Put(path, 7);
+  ASSERT_TRUE(writer.IsStuck());
   {
     const Child reader = Holder(false);
     ASSERT_TRUE(reader.Locks());  // not behind the writer, who waits for his turn to reserve
-    const Child upgrading([&] {
-      Owner other(path);
-      return other.ReaderLock(0) && !other.ExcludeReaders() && other.isLocked();
-    });
-    EXPECT_TRUE(upgrading.Succeeds());
+    Owner upgrading(path);
+    EXPECT_TRUE(upgrading.ReaderLock(0) && !upgrading.ExcludeReaders() && upgrading.isLocked());
+    upgrading.ReaderUnlock();
     const Child freeing([&] { return ::usleep(20000) == 0 && (reader.Kill(), true); });
     EXPECT_TRUE(owner.WriterLock(0));  // once the reader is gone
   }
   const Child late = Holder(false);
-  EXPECT_TRUE(late.IsStuck() && owner.ExcludeReaders());
   for (int depth = 3; depth > 0; --depth) {
     EXPECT_TRUE(owner.isLocked() && writer.IsStuck() && late.IsStuck());
     owner.WriterUnlock();
@@ -163,84 +124,60 @@ TEST_F(ProcessTest, AReservationKeepsOutWritersAndThenReadersAsWell) {
   EXPECT_TRUE(writer.Locks());
 }
 
-TEST_F(ProcessTest, CallsBackWithTheOutermostLockThatAsksForIt) {
-  Owner owner(path);
-  EXPECT_TRUE(owner.Calls() == 1 && owner.Calls() == 1);
-  EXPECT_TRUE(owner.WriterLock(0) && owner.ReaderLock(1) && owner.WriterLock(1));
-  EXPECT_EQ(owner.calls, 0);
-}
-
 TEST_F(ProcessTest, TellsWhoIsPresentAndWhoLeavesLast) {
-  Owner owner(path);
-  const auto isPresent = [&](Presence presence) { return owner.IsAnotherPresent(presence); };
-  EXPECT_TRUE(owner.EnterFile(Presence::kMapsFile) && !isPresent(Presence::kOpen));
-  {
-    const Child other([&] {
-      Owner mapping(path);
-      return mapping.EnterFile(Presence::kMapsFile) && ::raise(SIGSTOP) == 0;
-    });
-    ASSERT_TRUE(other.Locks());
-    EXPECT_TRUE(isPresent(Presence::kOpen) && isPresent(Presence::kMapsFile) &&
-                !isPresent(Presence::kWritesUnlocked));
-    EXPECT_FALSE(owner.LeaveFile());
-    EXPECT_TRUE(owner.EnterFile(Presence::kWritesUnlocked));
-  }
-  EXPECT_TRUE(!isPresent(Presence::kOpen) && owner.LeaveFile());
+  Owner first(path), second(path), third(path);
+  EXPECT_TRUE(first.EnterFile(Presence::kMapsFile) && !first.IsAnotherPresent(Presence::kOpen));
+  EXPECT_TRUE(second.EnterFile(Presence::kOpen) && second.IsAnotherPresent(Presence::kMapsFile));
+  EXPECT_TRUE(first.IsAnotherPresent(Presence::kOpen) &&
+              !first.IsAnotherPresent(Presence::kMapsFile) &&
+              !second.IsAnotherPresent(Presence::kWritesUnlocked));
+  EXPECT_TRUE(!first.LeaveFile() && !second.IsAnotherPresent(Presence::kMapsFile));
+  EXPECT_TRUE(first.EnterFile(Presence::kWritesUnlocked) && !second.LeaveFile());
+  EXPECT_TRUE(third.IsAnotherPresent(Presence::kWritesUnlocked) && first.LeaveFile());
   const Child late([&] { return Owner(path).EnterFile(Presence::kOpen); });
   EXPECT_TRUE(late.IsStuck());  // until the last one has left altogether
-  owner.ProcessLockRelease();
+  first.ProcessLockRelease();
   EXPECT_TRUE(late.Succeeds());
 }
 
-TEST_F(ProcessTest, OneWhoMayNotWriteSeesWhatWasWrittenBesideHim) {
+TEST_F(ProcessTest, OneWhoMayNotWriteDoesNotKeepOutAReservation) {
   const auto open = std::exchange(GetFileSyscalls().open, [](const char* name, int flags, mode_t) {
     errno = EACCES;
     return (flags & O_ACCMODE) == O_RDWR ? -1 : ::open(name, flags);
   });
   Owner looking(path);
   GetFileSyscalls().open = open;
-  Owner storing(path);
-  EXPECT_TRUE(looking.ReservedLock(1) && looking.ExcludeReaders() && storing.ReservedLock(0));
-  Put(path, 3);
-  storing.WriterUnlock();
-  looking.WriterUnlock();
-  EXPECT_EQ(looking.Calls(), 2);
+  EXPECT_TRUE(looking.ReservedLock(1) && looking.ExcludeReaders());
+  EXPECT_TRUE(Owner(path).ReservedLock(0) && IsTaken());
 }
 
 TEST_F(ProcessTest, LastUnlockReleasesAndMoreAreHarmless) {
   Owner owner(path);
-  ASSERT_TRUE(owner.WriterLock(0) && owner.ReaderLock(0));
+  ASSERT_TRUE(owner.WriterLock(0) && owner.ReaderLock(1) && owner.calls == 0);
   owner.WriterUnlock();
   EXPECT_TRUE(IsTaken() && owner.isLocked());
   owner.ReaderUnlock();
   owner.ReaderUnlock();
-  EXPECT_TRUE(!owner.isLocked() && Holder(true).Locks());
-  ASSERT_TRUE(owner.ReaderLock(0) && owner.isLocked());  // the depth is not below 0
+  EXPECT_TRUE(!owner.isLocked() && !IsTaken());
+  ASSERT_TRUE(owner.ReaderLock(0) && owner.isLocked() && owner.calls == 0);
   owner.ProcessLockRelease();
   EXPECT_FALSE(owner.isLocked() || owner.ReaderLock(0) || IsTaken());
+  EXPECT_TRUE(owner.Init() == 0 && owner.WriterLock(0));
+  owner.WriterUnlock();  // of a lock that begins anew
+  EXPECT_FALSE(owner.isLocked() || IsTaken());
 }
 
 TEST_F(ProcessTest, FollowsAReplacedPathAndADeletedOneStaysDeleted) {
   Owner owner(path);
   ASSERT_TRUE(owner.WriterLock(1));
-  const Child writer([&] { return Owner(path).Add() && Get(path) == 21; });
+  const Child writer = Holder(true);
   ASSERT_TRUE(writer.IsStuck());  // on the file that the path names at first
-  Replace(path, 20);
+  MakeFile();
   owner.WriterUnlock();
-  EXPECT_TRUE(writer.Succeeds() && owner.Calls() == 2);
-  Replace(path, 25);
-  EXPECT_EQ(owner.Calls(), 1);
-  const Child early([&] {
-    static bool s_replaces = true;
-    GetFileSyscalls().open = [](const char* name, int flags, mode_t mode) {
-      const int fd = ::open(name, flags, mode);
-      if (std::exchange(s_replaces, false)) Replace(name, 30);  // before a watch can tell of it
-      return fd;
-    };
-    Owner fresh(path);
-    return fresh.WriterLock(0) && IsTaken();
-  });
-  EXPECT_TRUE(early.Succeeds());
+  EXPECT_TRUE(writer.Locks() && IsTaken());
+  writer.Kill();
+  EXPECT_TRUE(owner.WriterLock(1) && IsTaken());
+  owner.WriterUnlock();
   std::filesystem::remove(path);
   EXPECT_FALSE(owner.WriterLock(1) || owner.ReaderLock(0) || owner.Init() != 2);
 }
@@ -251,12 +188,11 @@ TEST_F(ProcessTest, AForkedChildHasNoLock) {
   const Child heir([&] {
     if (owner.isLocked() || owner.WriterLock(0) || owner.ReaderLock(1)) return false;
     owner.WriterUnlock();
-    return owner.Init() == 0 && owner.Add() && owner.Calls() == 3;
+    return owner.Init() == 0 && owner.WriterLock(0);
   });
-  ASSERT_TRUE(heir.IsStuck());
-  Put(path, 5);
+  EXPECT_TRUE(heir.IsStuck());
   owner.WriterUnlock();
-  EXPECT_TRUE(heir.Succeeds() && owner.Calls() == 2);
+  EXPECT_TRUE(heir.Succeeds());
 }
 
 TEST_F(ProcessTest, LeavesTheStandardStreamsAlone) {
@@ -264,7 +200,7 @@ TEST_F(ProcessTest, LeavesTheStandardStreamsAlone) {
     for (int fd = 0; fd < 100; ++fd)
       ::close(fd);
     Owner owner(path);
-    return ::fcntl(0, F_GETFD) < 0 && owner.Add();
+    return ::fcntl(0, F_GETFD) < 0 && owner.WriterLock(0);
   });
   EXPECT_TRUE(child.Succeeds());
 }
