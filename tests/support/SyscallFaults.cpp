@@ -15,7 +15,6 @@
 #include <iterator>
 #include <map>
 #include <new>
-#include <numeric>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -51,6 +50,7 @@ struct Choice {
 
 Zarn::FileSyscalls g_saved;
 std::atomic<bool> g_installed;
+std::atomic<std::size_t> g_total;  // calls
 Choice g_calls, g_requests;
 int g_error;  // of calls
 pthread_t g_thread;
@@ -60,13 +60,10 @@ struct Range {
   off_t position = 0;
   std::size_t size = 0;
 
-  std::size_t CountBoundaries() const {
-    const auto start = static_cast<std::size_t>(position);
-    return size == 0 ? 0 : (start + size - 1) / kPageSize - start / kPageSize;
-  }
-  std::size_t SizeBefore(std::size_t boundary) const {
-    const auto start = static_cast<std::size_t>(position);
-    return (start / kPageSize + boundary) * kPageSize - start;
+  // What lies before the n-th page boundary in it; 0 if there is none, and before all.
+  std::size_t SizeBefore(std::size_t n) const {
+    const std::size_t before = n * kPageSize - static_cast<std::size_t>(position) % kPageSize;
+    return n > 0 && before < size ? before : 0;
   }
 };
 
@@ -75,11 +72,6 @@ template <typename Bytes>
 Range RangeOf(int, Bytes*, std::size_t size, off_t position) {
   return {position, size};
 }
-Range RangeOf(int, const iovec* parts, int count, off_t position) {
-  const auto add = [](std::size_t sum, const iovec& part) { return sum + part.iov_len; };
-  return {position, std::accumulate(parts, parts + count, std::size_t{0}, add)};
-}
-Range RangeOf(int, off_t*, int, off_t* to, std::size_t size, unsigned int) { return {*to, size}; }
 template <typename... Others>
 Range RangeOf(Others...) {
   return {};
@@ -88,17 +80,6 @@ Range RangeOf(Others...) {
 // Changes the arguments of a call so that it moves no more than `limit` bytes.
 template <typename Bytes>
 void Limit(std::size_t limit, int&, Bytes*&, std::size_t& size, off_t&) {
-  size = std::min(size, limit);
-}
-void Limit(std::size_t limit, int&, const iovec*& parts, int& count, off_t&) {
-  static std::vector<iovec> some;
-  if (limit == SIZE_MAX) return;
-  some.assign(parts, parts + count);
-  for (iovec& part : some)
-    limit -= part.iov_len = std::min(part.iov_len, limit);
-  parts = some.data();
-}
-void Limit(std::size_t limit, int&, off_t*&, int&, off_t*&, std::size_t& size, unsigned int&) {
   size = std::min(size, limit);
 }
 template <typename... Others>
@@ -113,25 +94,22 @@ bool IsRelease(std::string_view name, Arguments...) {
 bool IsOneOf(std::string_view name, std::string_view names) {
   return names.find(' ' + std::string(name) + ' ') != names.npos;
 }
-constexpr std::string_view kWrites = " pwrite pwritev copy_file_range ";
-constexpr std::string_view kTakingRoom = " pwrite pwritev copy_file_range fallocate mkdir link ";
+constexpr std::string_view kTakingRoom = " pwrite copy_file_range fallocate mkdir link ";
 constexpr std::string_view kInterrupted =
-    " open pread pwrite pwritev copy_file_range ftruncate fallocate fdatasync fsync lock ";
+    " open pread pwrite copy_file_range ftruncate fallocate fdatasync fsync lock ";
 
-// Whether the call of this number fails by g_error, an error number.
-bool Fails(std::string_view name, std::size_t number) {
-  return g_error > 0 && g_calls.Has(number) && (g_error != EINTR || IsOneOf(name, kInterrupted)) &&
-         (g_error != ENOSPC || IsOneOf(name, kTakingRoom));
+// Whether the call is one of those that g_error is for.
+bool IsMeant(std::string_view name, const Range& range) {
+  if (g_error == EINTR) return IsOneOf(name, kInterrupted);
+  if (g_error == ENOSPC) return IsOneOf(name, kTakingRoom);
+  return g_error != SyscallFaults::kCutOff || (name == "pwrite" && range.SizeBefore(1) != 0);
 }
 
-// How many bytes the call of this number may move. A write that is cut off goes on with an error.
-std::size_t LimitOf(std::string_view name, std::size_t number, const Range& range) {
-  if (!g_calls.Has(number)) return SIZE_MAX;
+// How many bytes a call may move. One that is cut off is followed by an error.
+std::size_t LimitOf(const Range& range) {
   if (g_error == SyscallFaults::kShort) return (range.size + 1) / 2;
-  if (g_error != SyscallFaults::kCutOff || !IsOneOf(name, kWrites) || range.CountBoundaries() == 0)
-    return SIZE_MAX;
-  ++g_calls.failing;
   g_error = EIO;
+  ++g_calls.failing;
   return range.SizeBefore(1);
 }
 
@@ -163,15 +141,12 @@ std::string NameOf(const char* path) { return fs::path(path).filename().string()
 
 // What a call that has succeeded has changed.
 void Record(std::string_view, ssize_t size, int fd, const void* bytes, std::size_t, off_t at) {
-  const std::string written(static_cast<const char*>(bytes), static_cast<std::size_t>(size));
-  g_steps.push_back({Step::kWrite, StatusOf(fd).st_ino, at, written});
-}
-void Record(std::string_view, ssize_t size, int fd, const iovec* parts, int count, off_t at) {
-  std::string bytes;
-  for (int i = 0; i < count; ++i)
-    bytes.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
-  bytes.resize(static_cast<std::size_t>(size));
-  g_steps.push_back({Step::kWrite, StatusOf(fd).st_ino, at, bytes});
+  const std::string all(static_cast<const char*>(bytes), static_cast<std::size_t>(size));
+  for (std::size_t done = 0, piece; done < all.size(); done += piece) {
+    const off_t position = at + static_cast<off_t>(done);
+    piece = kPageSize - static_cast<std::size_t>(position) % kPageSize;
+    g_steps.push_back({Step::kWrite, StatusOf(fd).st_ino, position, all.substr(done, piece)});
+  }
 }
 void Record(std::string_view, int, int fd, off_t length) {
   g_steps.push_back({Step::kLength, StatusOf(fd).st_ino, length});
@@ -197,17 +172,18 @@ void Record(std::string_view, Others...) {}
 
 template <typename Call, typename... Arguments>
 auto Pass(std::string_view name, Call call, Arguments... arguments) {
-  const std::size_t number = ++g_calls.count;
+  const std::size_t number = ++g_total;
   const Range range = RangeOf(arguments...);
   if (number == g_killing) {
-    if (g_boundary > (IsOneOf(name, kWrites) ? range.CountBoundaries() : 0))
-      ::_exit(SyscallFaults::kNoBoundary);
-    Limit(range.SizeBefore(g_boundary), arguments...);
-    if (g_boundary > 0) call(arguments...);
+    const std::size_t size = name == "pwrite" ? range.SizeBefore(g_boundary) : 0;
+    if (g_boundary > 0 && size == 0) ::_exit(SyscallFaults::kNoBoundary);
+    Limit(size, arguments...);
+    if (size > 0) call(arguments...);
     ::kill(::getpid(), SIGKILL);
   }
-  const bool fails = Fails(name, number);
-  if (!fails) Limit(LimitOf(name, number, range), arguments...);
+  const bool isChosen = IsMeant(name, range) && g_calls.Has(++g_calls.count);
+  const bool fails = isChosen && g_error > 0;
+  if (isChosen && !fails) Limit(LimitOf(range), arguments...);
   using Result = decltype(call(arguments...));
   const auto failure = (Result)-1;  // of any type: a number, or MAP_FAILED
   const Result result = fails && !IsRelease(name, arguments...) ? failure : call(arguments...);
@@ -244,24 +220,25 @@ void Apply(const Step& step, Disk& disk) {
   }
 }
 
-// Those pages of a write that are kept.
-void ApplyPages(const Step& write, const std::function<bool()>& keep, Disk& disk) {
-  for (std::size_t done = 0, size; done < write.bytes.size(); done += size) {
-    const auto at = static_cast<std::size_t>(write.offset) + done;
-    size = std::min(kPageSize - at % kPageSize, write.bytes.size() - done);
-    if (!keep()) continue;
-    Apply({Step::kWrite, write.file, static_cast<off_t>(at), write.bytes.substr(done, size)}, disk);
+bool IsSynced(std::size_t step, std::size_t end) {
+  const auto [kind, file] = std::pair(g_steps[step].kind, g_steps[step].file);
+  for (; step < end; ++step) {
+    const Step& later = g_steps[step];
+    if (kind == Step::kName ? later.kind == Step::kSyncNames
+                            : later.kind == Step::kSync && later.file == file)
+      return true;
   }
+  return false;
 }
 
-bool IsSynced(std::size_t step, std::size_t end) {
-  const Step& change = g_steps[step];
-  return std::any_of(g_steps.begin() + static_cast<std::ptrdiff_t>(step),
-                     g_steps.begin() + static_cast<std::ptrdiff_t>(end), [&](const Step& later) {
-                       return change.kind == Step::kName
-                                  ? later.kind == Step::kSyncNames
-                                  : later.kind == Step::kSync && later.file == change.file;
-                     });
+// As one write. Where memory may run short, it must not ask for any.
+ssize_t PassParts(int fd, const iovec* parts, int count, off_t at) {
+  if (g_requests.failing != 0) return g_saved.pwritev(fd, parts, count, at);
+  std::string bytes;
+  for (int i = 0; i < count; ++i)
+    bytes.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
+  return Pass("pwrite", g_saved.pwrite, fd, static_cast<const void*>(bytes.data()), bytes.size(),
+              at);
 }
 
 }  // namespace
@@ -269,13 +246,14 @@ bool IsSynced(std::size_t step, std::size_t end) {
 SyscallFaults::SyscallFaults() {
   if (g_installed.exchange(true)) std::abort();  // the calls would pass here for ever
   g_saved = Zarn::GetFileSyscalls();
-  g_calls.count = 0;
+  g_total = 0;
   g_killing = 0;
 #define INSTALL(name)                                    \
   Zarn::GetFileSyscalls().name = [](auto... arguments) { \
     return Pass(#name, g_saved.name, arguments...);      \
   };
   FOR_EACH_CALL(INSTALL)
+  Zarn::GetFileSyscalls().pwritev = PassParts;
 #define PLUS_ONE(name) +1
   static_assert(sizeof g_saved == sizeof g_saved.open * (FOR_EACH_CALL(PLUS_ONE)));
 }
@@ -298,7 +276,7 @@ void SyscallFaults::FailRequest(std::size_t n, Extent extent) {
 }
 
 void SyscallFaults::KillAtCall(std::size_t n, std::size_t boundary) {
-  g_killing = g_calls.count + n;
+  g_killing = g_total + n;
   g_boundary = boundary;
 }
 
@@ -307,7 +285,7 @@ bool SyscallFaults::HasFailed() const {
   return choice.failing != 0 && choice.count >= choice.failing;
 }
 
-std::size_t SyscallFaults::GetCount() const { return g_calls.count; }
+std::size_t SyscallFaults::GetCount() const { return g_total; }
 
 PowerLoss::PowerLoss(std::string folder) {
   g_folder = std::move(folder);
@@ -336,13 +314,8 @@ std::size_t PowerLoss::CountSteps() const { return g_steps.size(); }
 
 void PowerLoss::Leave(std::size_t step, const std::function<bool()>& keep) {
   Disk disk = g_disk;
-  for (std::size_t i = 0; i < step; ++i) {
-    const bool isSynced = IsSynced(i, step);
-    if (!isSynced && g_steps[i].kind == Step::kWrite)
-      ApplyPages(g_steps[i], keep, disk);
-    else if (isSynced || keep())
-      Apply(g_steps[i], disk);
-  }
+  for (std::size_t i = 0; i < step; ++i)
+    if (IsSynced(i, step) || keep()) Apply(g_steps[i], disk);
   for (const fs::directory_entry& entry : fs::directory_iterator(g_folder))
     fs::remove(entry.path());
   for (const auto& [name, file] : disk.names)
@@ -377,13 +350,6 @@ LIBC void* mmap(void* address, std::size_t size, int protection, int flags, int 
   if (__interceptor_mmap != nullptr)
     return __interceptor_mmap(address, size, protection, flags, fd, offset);
   return reinterpret_cast<void*>(::syscall(SYS_mmap, address, size, protection, flags, fd, offset));
-}
-
-LIBC ssize_t getrandom(void* buffer, std::size_t size, unsigned int flags) {
-  const auto call = [](auto... arguments) -> ssize_t {
-    return ::syscall(SYS_getrandom, arguments...);
-  };
-  return g_installed ? Pass("getrandom", call, buffer, size, flags) : call(buffer, size, flags);
 }
 
 }  // extern "C"

@@ -7,8 +7,8 @@
 #include "FileSyscalls.h"
 
 /// Stands between the library and the kernel: counts the system calls of the file classes, and
-/// getrandom, and makes chosen ones fail or be the last of the process. It does the same to
-/// requests for memory: operator new, malloc, realloc and mmap.
+/// makes chosen ones fail or be the last of the process; and requests for memory fail: operator
+/// new, malloc, realloc and mmap.
 ///
 /// One object at a time, made, set up and destroyed while no other thread uses a file. While it
 /// lives, a test may also put functions of its own into the table; the destructor restores all
@@ -19,8 +19,8 @@ class SyscallFaults {
 
   /// Instead of an error number: a transfer moves half of its bytes, and other calls succeed.
   static constexpr int kShort = -1;
-  /// The same: a write that crosses a page boundary moves what lies before the first one, and the
-  /// call after it fails with EIO. Other calls succeed.
+  /// The same: a write moves what lies before its first page boundary, and the call after it fails
+  /// with EIO. Only writes that cross one count.
   static constexpr int kCutOff = -2;
 
   SyscallFaults();
@@ -29,9 +29,9 @@ class SyscallFaults {
   SyscallFaults& operator=(const SyscallFaults&) = delete;
 
   /// Makes the n-th call from now (1: the next one) fail with `error`, and no other any more; an
-  /// error of 0 fails none. What gives something up does so even when it fails. EINTR fails only
-  /// calls that a signal may interrupt; they are repeated, so from then on it never ends. ENOSPC
-  /// fails only calls that take room.
+  /// error of 0 fails none. What gives something up does so even when it fails. Of EINTR, only
+  /// calls count that a signal may interrupt; they are repeated, so from then on it never ends. Of
+  /// ENOSPC, only calls count that take room.
   void FailCall(std::size_t n, int error, Extent extent = kOnce);
   /// Makes the n-th request for memory from now fail; those of this thread count.
   void FailRequest(std::size_t n, Extent extent = kOnce);
@@ -58,10 +58,10 @@ class PowerLoss : public SyscallFaults {
   explicit PowerLoss(std::string folder);
   ~PowerLoss();
 
-  /// What has changed files or names so far.
+  /// What has changed files or names so far; of a write, each page is a step.
   std::size_t CountSteps() const;
   /// Makes the folder what it may be if the power is lost before the n-th step (0: the first).
-  /// `keep` says of each step that was not synced, and of each page of a write, whether it reached
-  /// the disk. Call it when nothing is open.
+  /// `keep` says of each step that was not synced whether it reached the disk. Call it when nothing
+  /// is open.
   void Leave(std::size_t step, const std::function<bool()>& keep);
 };
