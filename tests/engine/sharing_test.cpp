@@ -131,8 +131,8 @@ class SharingOneFile : public Sharing, public ::testing::WithParamInterface<User
     const Tile found = At(tile, [&](auto... at) { return ReadTile(file, at..., 1 << 30); });
     unsigned int value = 0;
     std::sscanf(found.payload.c_str(), "%*u:%u;", &value);
-    const std::string whole = Payload(tile, value);
     Note(tile, value);
+    const std::string whole = Payload(tile, value);
     return value >= known && found == (value == 0 ? Tile{5, "", 0} : Tile{0, whole, whole.size()});
   }
   // One stores new tiles, one rewrites and removes, one checks and compacts, the others look.
@@ -182,27 +182,23 @@ INSTANTIATE_TEST_SUITE_P(Engine, SharingOneFile, ::testing::ValuesIn(kUsers),
 
 TEST_P(SharingOneFile, StoresAreSeenAtOnceAndWhole) {
   const auto [name, objects, isNaming, isForeign, mode] = GetParam();
-  if (isNaming)
-    MakeNaming(16, isForeign);
-  else
-    MakeGrid(kSide, kSide, isForeign);
+  isNaming ? MakeNaming(16, isForeign) : MakeGrid(kSide, kSide, isForeign);
   Reopen(mode);
-  if (objects == 0) {
-    ExpectEnd(Fork(4,
-                   [&](unsigned int i) {
-                     if (fresh.Open(path, u"", GetParam().mode) != 0) return 1;
-                     return RunThreads(i, i == 3 ? 3 : 1, {&fresh});
-                   }),
-              0);
-  } else {
-    if (objects == 2) {
-      ASSERT_EQ(fresh.Open(path, u"", mode), 0U);
-    }
-    EXPECT_EQ(RunThreads(0, 6, objects == 2 ? std::vector{&object, &fresh} : std::vector{&object}),
-              0);
+  if (objects != 1) {
+    ASSERT_EQ(fresh.Open(path, u"", mode), 0U);
   }
-  object.Close();
-  ASSERT_EQ(object.Open(path, u"", mode), 0U);
+  if (objects != 0) {
+    EXPECT_EQ(RunThreads(0, 6, {&object, objects == 1 ? &object : &fresh}), 0);
+  } else {
+    const auto work = [&](unsigned int i) {
+      ZrCompactFile file;
+      return file.Open(path, u"", GetParam().mode) != 0 ||
+             RunThreads(i, i == 3 ? 3 : 1, {&file}) != 0;
+    };
+    ExpectEnd(Fork(4, work), 0);
+  }
+  fresh.Close();
+  Reopen(mode);
   for (unsigned int tile = 0; tile < kTiles; ++tile)
     ASSERT_TRUE(IsRight(object, tile)) << tile;
   Check();
@@ -222,23 +218,22 @@ TEST_F(Sharing, ARecordIsBeingWrittenWhenACheckBegins) {
 
 TEST_F(Sharing, OpenersOfAMissingFileMakeOne) {
   constexpr unsigned int kProcesses = 4, kRounds = 100;
-  const auto pathOf = [&](unsigned int round) { return folder.GetPath(std::to_string(round)); };
   const auto children = Fork(kProcesses, [&](unsigned int i) {
     int faults = 0;
-    for (unsigned int round = 0; round < kRounds; ++round) {
-      ZrCompactFile file;
-      for (++ledger.arrived; ledger.arrived < kProcesses * (round + 1);)
+    for (unsigned int round = 1; round <= kRounds; ++round) {
+      for (++ledger.arrived; ledger.arrived < kProcesses * round;)
         std::this_thread::yield();
-      faults += file.Open(pathOf(round), u"", kLocked) != 0 ||
-                file.SetAt(pathOf(i), Data("tile"), 0, 0, 1) != 0;
+      ZrCompactFile file;
+      faults += file.Open(folder.GetPath(std::to_string(round)), u"", kLocked) != 0 ||
+                file.SetAt(PelmUnicodeString(u"names", 1 + i), Data("tile"), 0, 0, 1) != 0;
     }
     return faults;
   });
   ExpectEnd(children, 0);
   EXPECT_EQ(folder.CountFiles(), kRounds);
-  for (unsigned int round = 0; round < kRounds; ++round) {
-    unsigned int capacity = 0, count = 0;
-    ASSERT_EQ(object.Open(pathOf(round), u"", 2), 0U);
+  unsigned int capacity = 0, count = 0;
+  for (unsigned int round = 1; round <= kRounds; ++round) {
+    ASSERT_EQ(object.Open(folder.GetPath(std::to_string(round)), u"", 2), 0U);
     object.GetIndexInfo(capacity, count);
     ASSERT_EQ(count, kProcesses) << "a tile of each";
   }
@@ -285,34 +280,29 @@ TEST_F(Sharing, AccessorsGoOnAndNeverMixTwoFiles) {
   MakeGrid(3, 5, false, kLocked);
   ASSERT_EQ(Store(0, 1, "ours", 1) + fresh.Open(path, u"", kLocked), 0U);
   std::atomic<int> faults = 0, working = 1;
-  const auto ask = [&] {
-    Info info = {};
-    info[0] = object.GetIndexInfo(info[1], info[2]);
-    faults += info != Info{} && info != Info{0, 3, 5} && info != Info{1, 16, 0};
-    const PelmUnicodeString name = object.GetFullPath();
-    faults += name != path && name != naming;
-    unsigned long long value = std::uint64_t{ZrCompactFile::kComplete} << 56;
-    object.GetGridIdxValue(0, 1, value);
-    faults += value >> 56 != ZrCompactFile::kComplete;
-    const auto status = object.GetStatus(0, 1);
-    faults += status != ZrCompactFile::kComplete && status != ZrCompactFile::kUnknown;
-    if (object.IsOpen() && object.IsVersionEnabled() && object.IsDeadLocked()) object.Flush();
-    object.SetMaxSize(1, 2);
-  };
-  const auto store = [&] { faults += fresh.SetAt(0, 1, Data("theirs"), 0, 0, 2) != 0; };
-  const auto repeat = [&](auto action) {
-    while (working > 0)
-      action();
-  };
-  std::thread asking([&] { repeat(ask); }), storing([&] { repeat(store); });
+  std::thread asking([&] {
+    while (working > 0) {
+      Info info = {};
+      info[0] = object.GetIndexInfo(info[1], info[2]);
+      const PelmUnicodeString name = object.GetFullPath();
+      unsigned long long value = 1ULL << 56;
+      object.GetGridIdxValue(0, 1, value);
+      const auto status = object.GetStatus(0, 1);
+      faults += (info != Info{} && info != Info{0, 3, 5} && info != Info{1, 16, 0}) ||
+                (name != path && name != naming) || value >> 56 != 1 ||
+                (status != ZrCompactFile::kComplete && status != ZrCompactFile::kUnknown);
+      if (object.IsOpen() && object.IsVersionEnabled() && object.IsDeadLocked()) object.Flush();
+      object.SetMaxSize(1, 2);
+    }
+  });
   for (int i = 0; i < 100; ++i) {
     faults += object.Open(path, u"", kLocked) != 0 || Store(0, 2, "ours", 1) != 0;
+    faults += fresh.SetAt(0, 1, Data("theirs"), 0, 0, 2) != 0;
     faults += Read(0, 2, 1).payload != "ours" || !object.Close();
     faults += object.Create(naming, 16ULL, u"", ZrCompactFile::kReplace | kLocked) != 0;
   }
   --working;
   asking.join();
-  storing.join();
   EXPECT_EQ(faults, 0);
 }
 
@@ -344,21 +334,35 @@ TEST_F(Sharing, TheLastUserClosesTheFile) {
 // first one who opens the file for writing gives it a copy of its own, in another layer.
 class SharingReadOnly : public Sharing, public ::testing::WithParamInterface<const char*> {
  public:
-  static bool Mount(const char* what, const std::string& from, const std::string& to,
-                    unsigned long flags, const std::string& options = "") {
-    return ::mount(from.c_str(), to.c_str(), what, flags, options.c_str()) == 0;
-  }
+  const std::string here = folder.GetFolder(), view = here + "/view", kind = GetParam();
+
   // False if this process may not.
-  bool MakeView(const std::string& view) {
-    const std::string here = folder.GetFolder(), layers = "lowerdir=" + here + ",upperdir=" + here +
-                                                          "/upper,workdir=" + here + "/work";
+  bool MakeView() {
     if (::geteuid() != 0 || ::unshare(CLONE_NEWNS) != 0 ||
-        !Mount(nullptr, "", "/", MS_REC | MS_PRIVATE))
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
       return false;
-    if (GetParam() == std::string("Overlay")) return Mount("overlay", "overlay", view, 0, layers);
-    const unsigned long more = GetParam() == std::string("Mount") ? MS_RDONLY : 0;
-    return Mount(nullptr, here, view, MS_BIND) &&
-           Mount(nullptr, "", view, MS_REMOUNT | MS_BIND | more);
+    const std::string layers =
+        "lowerdir=" + here + ",upperdir=" + here + "/upper,workdir=" + here + "/work";
+    if (kind == "Overlay")
+      return ::mount("overlay", view.c_str(), "overlay", 0, layers.c_str()) == 0;
+    const auto flags = MS_REMOUNT | MS_BIND | (kind == "Mount" ? MS_RDONLY : 0);
+    return ::mount(here.c_str(), view.c_str(), nullptr, MS_BIND, nullptr) == 0 &&
+           ::mount(nullptr, view.c_str(), nullptr, flags, nullptr) == 0;
+  }
+  bool SeesWhatIsStored(Mode mode, unsigned int stamp) {
+    constexpr uid_t kNobody = 65534;
+    const PelmUnicodeString seen = PelmUnicodeString::FromUtf8(view + "/t.cf");
+    ZrCompactFile reader, writer;
+    ::seteuid(kNobody);
+    bool isRight = reader.Open(seen, u"", mode) == 0 && reader.Compact() == 2 &&
+                   ZrCompactFileReader().Open(seen, u"", mode) == 0;
+    ReadTile(reader, 0, 0, stamp);
+    ::seteuid(0);
+    isRight = isRight && writer.Open(kind == "Mount" ? path : seen, u"", kLocked) == 0 &&
+              writer.SetAt(0, 0, Data("new"), 0, 0, stamp) == 0;
+    ::seteuid(kNobody);
+    isRight = isRight && ReadTile(reader, 0, 0, stamp).payload == "new";
+    return ::seteuid(0) == 0 && isRight;
   }
 };
 INSTANTIATE_TEST_SUITE_P(Engine, SharingReadOnly, ::testing::Values("User", "Mount", "Overlay"),
@@ -366,9 +370,7 @@ INSTANTIATE_TEST_SUITE_P(Engine, SharingReadOnly, ::testing::Values("User", "Mou
 
 TEST_P(SharingReadOnly, SeesWhatIsStored) {
   constexpr Mode kReadOnly = ZrCompactFile::kReadOnly | ZrCompactFile::kProcessLock;
-  constexpr uid_t kNobody = 65534;
   constexpr int kUnable = 42;
-  const std::string here = folder.GetFolder(), view = here + "/view";
   MakeGrid(1, 1, false, kLocked);
   ASSERT_EQ(Store(0, 0, "old", 1), 0U);
   object.Close();
@@ -376,25 +378,11 @@ TEST_P(SharingReadOnly, SeesWhatIsStored) {
     std::filesystem::create_directory(here + name);
   ::chmod(path.ToUtf8().c_str(), 0644);
   ::chmod(here.c_str(), 0755);
-  const auto child = Fork(1, [&](unsigned int) -> unsigned int {
-    if (!MakeView(view)) ::_exit(kUnable);
-    const PelmUnicodeString seen = PelmUnicodeString::FromUtf8(view + "/t.cf");
-    const bool isMount = GetParam() == std::string("Mount");
-    const PelmUnicodeString& written = isMount ? path : seen;
-    for (const Mode more : {Mode{0}, ZrCompactFile::kMapped}) {
-      ::seteuid(kNobody);
-      ZrCompactFile reader, writer;
-      if (reader.Open(seen, u"", kReadOnly | more) != 0 || reader.Compact() != 2) return 1;
-      if (ZrCompactFileReader().Open(seen, u"", kReadOnly) != 0) return 1;
-      ReadTile(reader, 0, 0, 1);
-      ::seteuid(0);
-      if (writer.Open(written, u"", kLocked) + writer.SetAt(0, 0, Data("new"), 0, 0, 1 + more) != 0)
-        return 1;
-      ::seteuid(kNobody);
-      if (ReadTile(reader, 0, 0, 1 + more).payload != "new") return 1;
-      ::seteuid(0);
-    }
-    return 0;
+  const auto child = Fork(1, [&](unsigned int) {
+    if (!MakeView()) ::_exit(kUnable);
+    return SeesWhatIsStored(kReadOnly | ZrCompactFile::kMapped, 2) && SeesWhatIsStored(kReadOnly, 3)
+               ? 0
+               : 1;
   });
   int status = -1;
   ::waitpid(child[0], &status, 0);
