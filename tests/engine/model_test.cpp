@@ -299,7 +299,8 @@ class PowerLossAfterFlush : public RandomTiles {
   void Compact(PowerLoss& power) {
     const int faults[] = {0, EIO, ENOSPC}, fault = faults[Below(3)];
     const std::size_t before = power.GetCount();
-    power.FailCall(1 + Below(fault == ENOSPC ? 25 : m_calls), fault, SyscallFaults::kFromThenOn);
+    const unsigned int call = m_calls / 2 + Below(m_calls / 2);  // once the new file is complete
+    power.FailCall(fault == ENOSPC ? 1 + Below(25) : call, fault, SyscallFaults::kFromThenOn);
     object.Compact();
     if (fault == 0) m_calls = static_cast<unsigned int>(power.GetCount() - before);
     object.Close();
@@ -336,7 +337,7 @@ INSTANTIATE_TEST_SUITE_P(Engine, PowerLossAfterFlush,
 
 TEST_P(PowerLossAfterFlush, KeepsWhatWasNotTouchedSince) {
   firstCol = 498;  // the entry of 502 lies on two pages
-  for (int round = 0; round < 100 && !HasFailure(); ++round) {
+  for (int round = 0; round < 200 && !HasFailure(); ++round) {
     SCOPED_TRACE(round);
     Make(2, 600);
     PowerLoss power(folder.GetFolder().string());
