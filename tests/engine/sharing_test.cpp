@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -83,6 +84,10 @@ struct Users {
   bool isNaming;
   bool isForeign;
   Mode mode;
+
+  friend std::ostream& operator<<(std::ostream& out, const Users& users) {
+    return out << users.name;
+  }
 };
 const Users kUsers[] = {
     {"Processes", 0, false, false, kLocked},

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <new>
+#include <ostream>
 #include <set>
 #include <string>
 #include <thread>
@@ -53,6 +54,10 @@ struct Layout {
   std::size_t size;     // of most payloads
   std::uint64_t start;  // where in a page the records of that tile begin
   std::uint64_t index;  // naming files: where in a page the index begins; 0: at the file's 64
+
+  friend std::ostream& operator<<(std::ostream& out, const Layout& layout) {
+    return out << layout.name;
+  }
 };
 
 // Of what spans two pages, one byte is in the first: the position of the second version in a table,

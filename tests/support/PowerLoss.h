@@ -20,8 +20,8 @@ class StoppablePowerLoss : public PowerLoss {
     return s_under.name(arguments...);                                                           \
   };
     STOP(pwrite)
-    STOP(pwritev) STOP(ftruncate) STOP(fdatasync) STOP(fsync) STOP(unlink) STOP(rename)
-        STOP(renameNoReplace)
+    STOP(pwritev)
+    STOP(ftruncate) STOP(fdatasync) STOP(fsync) STOP(unlink) STOP(rename) STOP(renameNoReplace)
 #undef STOP
   }
   void StopAt(std::size_t step) { s_stop = step; }
