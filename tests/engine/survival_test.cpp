@@ -1,17 +1,18 @@
+// Every operation, cut short wherever that can happen: by a kill at each system call, and by the
+// failure of each system call and of each request for memory.
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <new>
-#include <optional>
 #include <ostream>
 #include <set>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "ZrCompactFileReader.h"
@@ -19,13 +20,9 @@
 #include "ZrCompactFileWriter.h"
 #include "ZrFile.h"
 #include "engine/EngineFixture.h"
-#include "support/LibcFaults.h"
 #include "support/Processes.h"
 #include "support/RawFile.h"
 #include "support/SyscallFaults.h"
-
-// Every operation, cut short wherever that can happen: by a kill at each system call, and by the
-// failure of each system call and of each request for memory.
 
 namespace Zarn {
 namespace {
@@ -79,10 +76,9 @@ enum Size { kHalf, kSmaller, kSame, kLarger };
 // One file open, with all that operations need: they ask for no memory but the library's.
 struct Bench {
   Bench(const Layout& itsLayout, const Name& itsPath) : layout(itsLayout), path(itsPath) {
-    for (const auto& [size, sixths] : {std::pair{kHalf, 3U}, {kSmaller, 4U}, {kSame, 6U}})
-      data[size] = Data(std::string(layout.size * sixths / 6, 'n'));
-    data[kLarger] = Data(std::string(layout.size * 2, 'n'));
-    for (const unsigned int stored : {layout.tile, layout.tile + 1, 5U, 6U}) {
+    for (const std::size_t sixths : {3, 4, 6, 12})
+      data.push_back(Data(std::string(layout.size * sixths / 6, 'n')));
+    for (const unsigned int stored : {tile, tile + 1, 5U, 6U}) {
       cells.push_back({0, stored, &data[stored % 4], 0, 0, 4});
       names.push_back({NameOf(stored), &data[stored % 4], 0, 0, 4});
     }
@@ -93,55 +89,19 @@ struct Bench {
     if (tile == 0) return u"1yeg98dgy";
     return tile == 2 ? Name(u"sm38f3s71") : Name::FromUtf8("tile" + std::to_string(tile));
   }
-  unsigned int Put(const Name& name, unsigned int tile, const ZrByteArray& tileData,
-                   unsigned long long version, unsigned long long capacity,
-                   unsigned long long offset) {
-    return layout.isNaming ? file.SetAt(name, tileData, capacity, offset, version)
-                           : file.SetAt(0, tile, tileData, capacity, offset, version);
+  // Calls the one that is for names, or for cells.
+  template <typename Call>
+  auto At(Call call) {
+    return layout.isNaming ? call(key) : call(0U, tile);
   }
-  unsigned int Put(Size size, unsigned long long version) {
-    return Put(key, layout.tile, data[size], version, 0, 0);
+  unsigned int Put(const ZrByteArray& tileData, unsigned long long version,
+                   unsigned long long capacity = 0, unsigned long long offset = 0) {
+    return At([&](auto&&... at) { return file.SetAt(at..., tileData, capacity, offset, version); });
   }
-  // A piece of the usual size: the first half of it, or the second.
-  unsigned int PutHalf(unsigned int half, unsigned long long version) {
-    return Put(key, layout.tile, data[kHalf], version, layout.size, half * layout.size / 2);
-  }
-  unsigned int PutBatch() {
-    return layout.isNaming ? file.SetBatch(names, results) : file.SetBatch(cells, results);
-  }
-  unsigned int Remove(unsigned long long version) {
-    return layout.isNaming ? file.Remove(key, version) : file.Remove(0, layout.tile, version);
-  }
-  unsigned int Look(unsigned long long version) {
-    unsigned long long filled;
-    const unsigned int result = layout.isNaming
-                                    ? file.Lookup(key, read, filled, version)
-                                    : file.Lookup(0, layout.tile, read, filled, version);
-    return result != 0 || (!read.IsEmpty() && *read.GetData() == 'a' + version) ? result : 99;
-  }
-  unsigned int LookAtStatus() {
-    const auto status = layout.isNaming ? file.GetStatus(key) : file.GetStatus(0, layout.tile);
-    return status == ZrCompactFile::kComplete ? 0U : unsigned{status};
-  }
-  unsigned int List() { return file.GetValidNamingList(list) ? 0 : 9; }
-  unsigned int Create(Mode more = 0) {
-    const Mode mode = layout.mode | more;
-    return layout.isNaming ? file.Create(path, 7ULL, u"", mode)
-                           : file.Create(path, 2U, 3U, u"", mode);
-  }
-  unsigned int Open() { return file.Open(path, u"", layout.mode); }
-  unsigned int LookLightly() {
-    unsigned long long filled;
-    const unsigned int opened = reader.Open(path, u"", kCreate);
-    return opened != 0 ? opened : reader.Lookup(0, layout.tile, read, filled, 4);
-  }
-  unsigned int WriteByStub() {
-    stub.SetPath(std::move(stubPath));
-    return stub.Write(0, layout.tile, data[kSame], 0, 0, 4) ? 0 : 10;
-  }
-  unsigned int Write(Size size) {
-    const unsigned int opened = writer.Open(path, u"", kCreate);
-    return opened != 0 ? opened : writer.SetAt(0, layout.tile, data[size], 0, 0, 4);
+  // A piece that ends where a tile of the usual size does, or where its first half does.
+  unsigned int PutPiece(Size size, unsigned long long version, bool ends = true) {
+    const unsigned long long end = ends ? layout.size : layout.size / 2;
+    return Put(data[size], version, layout.size, end - data[size].GetSize());
   }
 
   // For what is there beforehand: each version has a letter of its own.
@@ -150,21 +110,23 @@ struct Bench {
     const std::uint64_t end = std::filesystem::file_size(native);
     std::filesystem::resize_file(native, end + (inPage + kPage - end % kPage) % kPage);
   }
-  void Prepare(unsigned int tile, unsigned long long version, std::size_t size,
+  void Prepare(unsigned int other, unsigned long long version, std::size_t size,
                unsigned long long capacity = 0, unsigned long long offset = 0) {
-    if (tile == layout.tile) FillPageUpTo(layout.start);
+    if (other == layout.tile) FillPageUpTo(layout.start);
+    tile = other;
+    key = NameOf(tile);
     const std::string text(size, static_cast<char>('a' + static_cast<int>(version)));
-    ASSERT_EQ(Put(NameOf(tile), tile, Data(text), version, capacity, offset), 0U);
-  }
-  void PrepareHalf(unsigned int half) {
-    Prepare(layout.tile, 4, layout.size / 2, layout.size, half * layout.size / 2);
+    ASSERT_EQ(Put(Data(text), version, capacity, offset), 0U);
+    tile = layout.tile;
+    key = NameOf(tile);
   }
 
   const Layout& layout;
   const Name path;
-  const Name key = NameOf(layout.tile);
+  unsigned int tile = layout.tile;
+  Name key = NameOf(tile);
   ZrCompactFile file;
-  std::array<ZrByteArray, 4> data;  // by Size
+  std::vector<ZrByteArray> data;  // by Size
   std::vector<ZrCompactFile::ZrCellStore> cells;
   std::vector<ZrCompactFile::ZrNameStore> names;
   std::vector<unsigned int> results;
@@ -177,13 +139,18 @@ struct Bench {
 };
 
 void NoTile(Bench&) {}
-void OneVersion(Bench& bench) { bench.Prepare(bench.layout.tile, 4, bench.layout.size); }
+void OneVersion(Bench& bench) { bench.Prepare(bench.tile, 4, bench.layout.size); }
 void ThreeVersions(Bench& bench) {
   for (const auto version : {2ULL, 4ULL, 8ULL})
-    bench.Prepare(bench.layout.tile, version, bench.layout.size);
+    bench.Prepare(bench.tile, version, bench.layout.size);
 }
-void FirstHalf(Bench& bench) { bench.PrepareHalf(0); }
-void SecondHalf(Bench& bench) { bench.PrepareHalf(1); }
+void FirstHalf(Bench& bench) {
+  bench.Prepare(bench.tile, 4, bench.layout.size / 2, bench.layout.size);
+}
+void SecondHalf(Bench& bench) {
+  const std::size_t half = bench.layout.size / 2;
+  bench.Prepare(bench.tile, 4, half, 2 * half, half);
+}
 void FullIndex(Bench& bench) {
   unsigned int capacity = 1, count = 0;
   for (unsigned int tile = 10; count < capacity; ++tile) {
@@ -202,22 +169,25 @@ void Names255(Bench& bench) {
 
 enum Trait : unsigned int {
   kNamingOnly = 1,
-  kLight = 2,         // of the light classes, which know only grids of this host's byte order
-  kReads = 4,         // changes nothing
-  kOpens = 8,         // comes to no open file
-  kMakes = 16,        // nor to a file
-  kManyTiles = 32,    // each of which is stored or not
-  kStoresHalf0 = 64,  // of a tile that held nothing there; the index may miss its new status
-  kStoresHalf1 = 128,
-  kMayBeDone = 256,  // also where the answer is a failure
+  kLight = 2,       // of the light classes, which know only grids of this host's byte order
+  kReads = 4,       // changes nothing
+  kOpens = 8,       // comes to no open file
+  kMakes = 16,      // nor to a file
+  kManyTiles = 32,  // each of which is stored or not
+  // Stores bytes that were nobody's before. A kill may come between them and the status.
+  kStoresPiece = 64,
+  kMayBeDone = 128,  // also where the answer is a failure
 };
+
+using Run = std::function<unsigned int(Bench&)>;
+using Codes = std::set<unsigned int>;
 
 struct Operation {
   const char* name;
   void (*prepare)(Bench& bench);
-  unsigned int (*run)(Bench& bench);
+  Run run;
   unsigned int traits = 0;
-  std::set<unsigned int> failures = {10};  // that it may answer
+  Codes failures = {10};  // that it may answer
 
   bool Is(Trait trait) const { return (traits & trait) != 0; }
   bool IsFor(const Layout& layout) const {
@@ -225,107 +195,136 @@ struct Operation {
   }
 };
 
-const std::set<unsigned int> kOpening = {1, 2, 3, 5, 6}, kWriting = {5, 6, 9, 10},
-                             kReading = {5, 6, 9}, kCreating = {1, 2};
+Run Put(Size size, unsigned long long version) {
+  return [=](Bench& b) { return b.Put(b.data[size], version); };
+}
+Run PutPiece(Size size, unsigned long long version, bool ends = true) {
+  return [=](Bench& b) { return b.PutPiece(size, version, ends); };
+}
+Run Remove(unsigned long long version) {
+  return
+      [=](Bench& b) { return b.At([&](auto&&... at) { return b.file.Remove(at..., version); }); };
+}
+Run LookUp(unsigned long long version) {
+  return [=](Bench& b) {
+    unsigned long long filled;
+    const unsigned int result =
+        b.At([&](auto&&... at) { return b.file.Lookup(at..., b.read, filled, version); });
+    return result != 0 || *b.read.GetData() == 'a' + version ? result : 99;
+  };
+}
+Run Create(Mode more) {
+  return [=](Bench& b) {
+    const Mode mode = b.layout.mode | more;
+    return b.layout.isNaming ? b.file.Create(b.path, 7ULL, u"", mode)
+                             : b.file.Create(b.path, 2U, 3U, u"", mode);
+  };
+}
+Run WriteLightly(Size size) {
+  return [=](Bench& b) {
+    const unsigned int opened = b.writer.Open(b.path, u"", kCreate);
+    return opened != 0 ? opened : b.writer.SetAt(0, b.tile, b.data[size], 0, 0, 4);
+  };
+}
+unsigned int Open(Bench& b) { return b.file.Open(b.path, u"", b.layout.mode); }
+unsigned int StoreBatch(Bench& b) {
+  return b.layout.isNaming ? b.file.SetBatch(b.names, b.results)
+                           : b.file.SetBatch(b.cells, b.results);
+}
+unsigned int GetStatus(Bench& b) {
+  const auto status = b.At([&](auto&&... at) { return b.file.GetStatus(at...); });
+  return status == ZrCompactFile::kComplete ? 0U : unsigned{status};
+}
+unsigned int CreateLightly(Bench& b) { return b.writer.Create(b.path, 2, 3, u"", kCreate); }
+unsigned int LookLightly(Bench& b) {
+  unsigned long long filled;
+  const unsigned int opened = b.reader.Open(b.path, u"", kCreate);
+  return opened != 0 ? opened : b.reader.Lookup(0, b.tile, b.read, filled, 4);
+}
+unsigned int WriteByStub(Bench& b) {
+  b.stub.SetPath(std::move(b.stubPath));
+  return b.stub.Write(0, b.tile, b.data[kSame], 0, 0, 4) ? 0 : 10;
+}
+
+constexpr unsigned int kPiece = kStoresPiece | kMayBeDone, kMissing = kOpens | kMakes,
+                       kLightly = kLight | kOpens;
+const Codes kOpening = {1, 2, 3, 5, 6}, kWriting = {5, 6, 9, 10};
 const Operation kOperations[] = {
-    {"new", NoTile, [](Bench& b) { return b.Put(kSame, 4); }},
-    {"new, a piece", NoTile, [](Bench& b) { return b.PutHalf(1, 4); }},
-    {"newest", ThreeVersions, [](Bench& b) { return b.Put(kSame, 9); }},
-    {"newest, a piece", ThreeVersions, [](Bench& b) { return b.PutHalf(0, 9); }},
-    {"older", ThreeVersions, [](Bench& b) { return b.Put(kSame, 3); }},
-    {"newest again", ThreeVersions, [](Bench& b) { return b.Put(kSame, 8); }},
-    {"newest again, smaller", ThreeVersions, [](Bench& b) { return b.Put(kSmaller, 8); }},
-    {"newest again, larger", ThreeVersions, [](Bench& b) { return b.Put(kLarger, 8); }},
-    {"newest again, a piece", ThreeVersions, [](Bench& b) { return b.PutHalf(1, 8); }},
-    {"older again", ThreeVersions, [](Bench& b) { return b.Put(kSame, 4); }},
-    {"older again, smaller", ThreeVersions, [](Bench& b) { return b.Put(kSmaller, 4); }},
-    {"older again, larger", ThreeVersions, [](Bench& b) { return b.Put(kLarger, 4); }},
-    {"piece in order", FirstHalf, [](Bench& b) { return b.PutHalf(1, 4); },
-     kStoresHalf1 | kMayBeDone},
-    {"piece out of order", SecondHalf, [](Bench& b) { return b.PutHalf(0, 4); },
-     kStoresHalf0 | kMayBeDone},
-    {"piece over another", FirstHalf,
-     [](Bench& b) {
-       const ZrByteArray& piece = b.data[kSmaller];
-       return b.Put(b.key, b.layout.tile, piece, 4, b.layout.size, b.layout.size - piece.GetSize());
-     }},
-    {"remove newest", ThreeVersions, [](Bench& b) { return b.Remove(8); }},
-    {"remove older", ThreeVersions, [](Bench& b) { return b.Remove(4); }},
-    {"remove oldest", ThreeVersions, [](Bench& b) { return b.Remove(2); }},
-    {"remove only", OneVersion, [](Bench& b) { return b.Remove(4); }},
-    {"grow the index", FullIndex, [](Bench& b) { return b.Put(kSame, 4); }, kNamingOnly},
-    {"256th name", Names255, [](Bench& b) { return b.Put(kSame, 4); }, kNamingOnly},
-    {"batch", OneVersion, [](Bench& b) { return b.PutBatch(); }, kManyTiles},
+    {"new", NoTile, Put(kSame, 4)},
+    {"new, a piece", NoTile, PutPiece(kHalf, 4)},
+    {"newest", ThreeVersions, Put(kSame, 9)},
+    {"newest, a piece", ThreeVersions, PutPiece(kHalf, 9, false)},
+    {"older", ThreeVersions, Put(kSame, 3)},
+    {"newest again", ThreeVersions, Put(kSame, 8)},
+    {"newest again, smaller", ThreeVersions, Put(kSmaller, 8)},
+    {"newest again, larger", ThreeVersions, Put(kLarger, 8)},
+    {"newest again, a piece", ThreeVersions, PutPiece(kHalf, 8)},
+    {"older again", ThreeVersions, Put(kSame, 4)},
+    {"older again, smaller", ThreeVersions, Put(kSmaller, 4)},
+    {"older again, larger", ThreeVersions, Put(kLarger, 4)},
+    {"piece in order", FirstHalf, PutPiece(kHalf, 4), kPiece},
+    {"piece out of order", SecondHalf, PutPiece(kHalf, 4, false), kPiece},
+    {"piece over another", FirstHalf, PutPiece(kSmaller, 4)},
+    {"remove newest", ThreeVersions, Remove(8)},
+    {"remove older", ThreeVersions, Remove(4)},
+    {"remove oldest", ThreeVersions, Remove(2)},
+    {"remove only", OneVersion, Remove(4)},
+    {"grow the index", FullIndex, Put(kSame, 4), kNamingOnly},
+    {"256th name", Names255, Put(kSame, 4), kNamingOnly},
+    {"batch", OneVersion, StoreBatch, kManyTiles},
     {"password", OneVersion, [](Bench& b) { return b.file.SetPassword(u"secret") ? 0U : 10U; }},
     {"compact", ThreeVersions, [](Bench& b) { return b.file.Compact(); }, 0, {1, 2, 9, 10}},
-    {"create", NoTile, [](Bench& b) { return b.Create(); }, kOpens | kMakes, {2}},
-    {"create anew",
-     OneVersion,
-     [](Bench& b) { return b.Create(ZrCompactFile::kReplace); },
-     kOpens,
-     {2}},
-    {"open a missing file", NoTile, [](Bench& b) { return b.Open(); },
-     kNamingOnly | kOpens | kMakes | kMayBeDone, kOpening},
-    {"open", OneVersion, [](Bench& b) { return b.Open(); }, kOpens | kReads, kOpening},
+    {"create", NoTile, Create(0), kMissing, {2}},
+    {"create anew", OneVersion, Create(ZrCompactFile::kReplace), kOpens, {2}},
+    {"open a missing file", NoTile, Open, kNamingOnly | kMissing | kMayBeDone, kOpening},
+    {"open", OneVersion, Open, kOpens | kReads, kOpening},
     {"close", OneVersion, [](Bench& b) { return b.file.Close() ? 0U : 10U; }, kReads, {}},
     {"flush", OneVersion, [](Bench& b) { return b.file.Flush() ? 0U : 10U; }, kReads},
-    {"look up", ThreeVersions, [](Bench& b) { return b.Look(8); }, kReads, {9}},
-    {"look up an older version", ThreeVersions, [](Bench& b) { return b.Look(2); }, kReads, {9}},
-    {"status", OneVersion, [](Bench& b) { return b.LookAtStatus(); }, kReads, {4}},
-    {"list", OneVersion, [](Bench& b) { return b.List(); }, kNamingOnly | kReads, {9}},
-    {"writer: create", NoTile, [](Bench& b) { return b.writer.Create(b.path, 2, 3, u"", kCreate); },
-     kLight | kOpens | kMakes, kCreating},
-    {"writer: new", NoTile, [](Bench& b) { return b.Write(kSame); }, kLight | kOpens, kWriting},
-    {"writer: elsewhere", OneVersion, [](Bench& b) { return b.Write(kLarger); },
-     kLight | kOpens | kMayBeDone, kWriting},
-    {"writer: in place", OneVersion, [](Bench& b) { return b.Write(kSmaller); },
-     kLight | kOpens | kMayBeDone, kWriting},
-    {"reader", OneVersion, [](Bench& b) { return b.LookLightly(); }, kLight | kOpens | kReads,
-     kReading},
-    {"stub", NoTile, [](Bench& b) { return b.WriteByStub(); }, kLight | kOpens},
+    {"look up", ThreeVersions, LookUp(8), kReads, {9}},
+    {"look up an older version", ThreeVersions, LookUp(2), kReads, {9}},
+    {"status", OneVersion, GetStatus, kReads, {4}},
+    {"list",
+     OneVersion,
+     [](Bench& b) { return b.file.GetValidNamingList(b.list) ? 0U : 9U; },
+     kNamingOnly | kReads,
+     {9}},
+    {"writer: create", NoTile, CreateLightly, kLight | kMissing, {1, 2}},
+    {"writer: new", NoTile, WriteLightly(kSame), kLightly, kWriting},
+    {"writer: elsewhere", OneVersion, WriteLightly(kLarger), kLightly | kMayBeDone, kWriting},
+    {"writer: in place", OneVersion, WriteLightly(kSmaller), kLightly | kMayBeDone, kWriting},
+    {"reader", OneVersion, LookLightly, kLightly | kReads, kWriting},
+    {"stub", NoTile, WriteByStub, kLightly},
 };
 
-// What goes wrong, at one call or request after the other.
+// What goes wrong, at one call or request for memory after the other.
 struct Fault {
-  enum Place { kFile, kMemory, kElsewhere };
-
   const char* name;
-  Place place;
-  int error;
-  bool isForGood = false;
+  int error;  // ENOMEM: of a request; 0: a kill
+  SyscallFaults::Extent extent;
 
   bool IsHarmless() const { return error == EINTR || error == SyscallFaults::kShort; }
 };
-
+constexpr auto kOnce = SyscallFaults::kOnce, kForGood = SyscallFaults::kFromThenOn;
 const Fault kFaults[] = {
-    {"EIO", Fault::kFile, EIO},
-    {"EIO for good", Fault::kFile, EIO, true},
-    {"ENOSPC", Fault::kFile, ENOSPC},
-    {"ENOSPC for good", Fault::kFile, ENOSPC, true},
-    {"EINVAL", Fault::kFile, EINVAL},
-    {"EINTR", Fault::kFile, EINTR},
-    {"short", Fault::kFile, SyscallFaults::kShort},
-    {"short for good", Fault::kFile, SyscallFaults::kShort, true},
-    {"cut off", Fault::kFile, SyscallFaults::kCutOff},
-    {"cut off for good", Fault::kFile, SyscallFaults::kCutOff, true},
-    {"EINTR elsewhere", Fault::kElsewhere, EINTR},
-    {"EIO elsewhere", Fault::kElsewhere, EIO},
-    {"EIO elsewhere for good", Fault::kElsewhere, EIO, true},
-    {"no memory", Fault::kMemory, ENOMEM},
-    {"no memory for good", Fault::kMemory, ENOMEM, true},
+    {"kill", 0, kOnce},
+    {"EIO", EIO, kOnce},
+    {"EIO for good", EIO, kForGood},
+    {"EINVAL", EINVAL, kOnce},
+    {"ENOSPC for good", ENOSPC, kForGood},
+    {"EINTR", EINTR, kOnce},
+    {"short for good", SyscallFaults::kShort, kForGood},
+    {"cut off", SyscallFaults::kCutOff, kOnce},
+    {"no memory", ENOMEM, kOnce},
+    {"no memory for good", ENOMEM, kForGood},
 };
 
 // Each tile by itself, the one that is worked on first; then what is said of the whole file.
 using State = std::vector<std::string>;
 constexpr std::size_t kTiles = 6;
-constexpr unsigned int kThrown = 1000;  // no answer
 
 class Survival : public EngineTest, public ::testing::WithParamInterface<Layout> {
  public:
   Survival() : EngineTest(TemporaryFolder::kMemory) {}
-  void SetUp() override {
-    ASSERT_EQ(m_another.Create(m_elsewhere.GetPath("a.cf"), 1U, 1U, u"", kLocked), 0U);
-  }
 
   // Makes the file for an operation, and learns what it is before and after.
   void Prepare(const Operation& operation) {
@@ -335,12 +334,9 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
     m_old = ReadState(operation, true);
     Bench bench(layout, path);
     Start(operation, bench);
-    {
-      const SyscallFaults calls;
-      ASSERT_EQ(operation.run(bench), 0U);
-      m_boundaries = calls.GetBoundaries();
-    }
+    ASSERT_EQ(operation.run(bench), 0U);
     bench.file.Close();
+    EXPECT_EQ(folder.CountFiles(), 1U) << "left over";
     m_new = ReadState(operation, false);
   }
   void MakeFile(const Operation& operation) {
@@ -368,9 +364,9 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
   // Where the file is mapped another thread opens it, so the operation is the first of its own.
   void Start(const Operation& operation, Bench& bench) {
     bench.stubPath = path;
-    if (operation.Is(kOpens)) return;
+    if (operation.Is(kOpens) || bench.file.IsOpen()) return;
     const auto open = [&] {
-      ASSERT_TRUE(bench.Open() == 0 || bench.file.Open(path, u"secret", layout.mode) == 0);
+      ASSERT_TRUE(Open(bench) == 0 || bench.file.Open(path, u"secret", layout.mode) == 0);
     };
     if (layout.mode == kMapped)
       std::thread(open).join();
@@ -378,56 +374,46 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
       open();
   }
 
-  // A payload as runs of equal bytes; `unknown` bytes from `from` on are not told.
-  static std::string Describe(Tile tile, std::size_t from, std::size_t unknown) {
+  // A payload as runs of equal bytes. Before a piece is stored, its bytes are anything.
+  static std::string Describe(Tile tile, bool beforePiece) {
     std::string text = ", " + std::to_string(tile.result) + "/" + std::to_string(tile.filled);
     std::string& bytes = tile.payload;
-    if (from < bytes.size()) bytes.replace(from, unknown, unknown, '?');
+    if (beforePiece) std::replace(bytes.begin(), bytes.end(), 'n', '\0');
     for (std::size_t i = 0, end; i < bytes.size(); i = end) {
       end = std::min(bytes.find_first_not_of(bytes[i], i), bytes.size());
       text += " " + std::to_string(end - i) + (bytes[i] == 0 ? '0' : bytes[i]);
     }
     return text;
   }
-  // `beforeHalf`: without the half that the operation stores, which is nobody's before. A kill may
-  // come between that and the status.
-  std::string ReadTileState(const Operation& operation, ZrCompactFile& file, unsigned int tile,
-                            bool beforeHalf) const {
-    const Name name = Bench::NameOf(tile);
-    const bool storesHalf = operation.Is(kStoresHalf0) || operation.Is(kStoresHalf1);
-    const std::size_t half = layout.size / 2;
-    const std::size_t unknown = storesHalf && beforeHalf && tile == layout.tile ? half : 0;
-    std::string text;
-    for (const unsigned long long version : {4ULL, 2ULL, 3ULL, 8ULL, 9ULL})
-      if (tile == layout.tile || version == 4)
-        text += Describe(
-            layout.isNaming ? ReadTile(file, name, version) : ReadTile(file, 0, tile, version),
-            operation.Is(kStoresHalf1) ? half : 0, unknown);
-    const auto status = layout.isNaming ? file.GetStatus(name) : file.GetStatus(0, tile);
-    return storesHalf ? text : std::to_string(status) + text;
-  }
   // What an object knows of the file and finds in it.
-  State ReadState(const Operation& operation, ZrCompactFile& file, bool beforeHalf) const {
+  State ReadState(const Operation& operation, ZrCompactFile& file, bool isBefore) const {
     State state;
-    for (const unsigned int tile : {layout.tile, layout.tile + 1, 5U, 6U, 0U, kStraddling + 1})
-      state.push_back(ReadTileState(operation, file, tile, beforeHalf));
+    for (const unsigned int tile : {layout.tile, layout.tile + 1, 5U, 6U, 0U, kStraddling + 1}) {
+      const Name name = Bench::NameOf(tile);
+      const auto status = layout.isNaming ? file.GetStatus(name) : file.GetStatus(0, tile);
+      state.push_back(operation.Is(kStoresPiece) ? "" : std::to_string(status));
+      for (const unsigned long long version : {4ULL, 2ULL, 3ULL, 8ULL, 9ULL})
+        if (tile == layout.tile || version == 4)
+          state.back() += Describe(
+              layout.isNaming ? ReadTile(file, name, version) : ReadTile(file, 0, tile, version),
+              operation.Is(kStoresPiece) && isBefore);
+    }
     unsigned int first = 0, count = 0;
     const unsigned int kind = file.GetIndexInfo(first, count);
     state.push_back(std::to_string(kind == 0 ? first : 0) + " " + std::to_string(count));
     return state;
   }
   // As whoever comes next finds it, in a file that is sound; and the password.
-  State ReadState(const Operation& operation, bool beforeHalf) {
+  State ReadState(const Operation& operation, bool isBefore) {
     if (!ZrFile::IsExist(path)) return {"no file"};
     ZrCompactFile file;
     const bool isPlain = file.Open(path, u"", layout.mode) == 0;
     if (!isPlain) {
       EXPECT_EQ(file.Open(path, u"secret", layout.mode), 0U);
     }
-    State state = ReadState(operation, file, beforeHalf);
-    if (!isPlain) file.SetPassword(u"");
-    Check();
-    if (!isPlain) file.SetPassword(u"secret");
+    State state = ReadState(operation, file, isBefore);
+    ZrCompactFile::ZrVerifySummary summary;
+    EXPECT_EQ(file.Verify(summary), 0U);
     state.push_back(isPlain ? "" : "secret");
     return state;
   }
@@ -448,78 +434,71 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
       EXPECT_EQ(now, m_old) << (mayBeNew ? "nor is it " + ::testing::PrintToString(m_new) : "");
     } else {
       for (std::size_t i = 0; i < kTiles; ++i) {
-        const bool isStored = i < results.size() && results[i] == 0;
-        EXPECT_TRUE(now[i] == m_new[i] || (!isStored && now[i] == m_old[i])) << i << " " << now[i];
+        const bool isKnown = i < results.size(), isStored = isKnown && results[i] == 0;
+        EXPECT_TRUE((now[i] == m_new[i] && (mayBeNew || !isKnown || isStored)) ||
+                    (now[i] == m_old[i] && !isStored))
+            << i << " " << now[i];
       }
     }
   }
   // It can be done, again or after all.
   void ExpectGoesOn(const Operation& operation, Bench& bench) {
     if (operation.Is(kMakes)) PutBack({});
-    if (!bench.file.IsOpen()) Start(operation, bench);
-    bench.stubPath = path;
+    Start(operation, bench);
     EXPECT_EQ(operation.run(bench), 0U);
     ExpectState(operation, {}, false, true, bench.file);
     EXPECT_FALSE(ZrFile::IsExist(folder.GetPath(".$t.cf")));
   }
 
-  void IsKilled(const Operation& operation, std::size_t call, std::size_t boundary) {
-    PutBack(m_before);
-    ZrCompactFile other;  // which the change of a password would shut out
-    if (layout.mode == kLocked && !operation.Is(kMakes) && m_new.back() == "") {
-      ASSERT_EQ(other.Open(path, u"", kLocked), 0U);
-    }
-    const auto child = Support::Fork(1, [&](unsigned int) {
+  // Kills an operation at its n-th call, at one boundary after the other. False if it makes fewer.
+  bool IsKilled(const Operation& operation, std::size_t n) {
+    for (std::size_t boundary = 0;; ++boundary) {
+      PutBack(m_before);
+      ZrCompactFile other;  // which the change of a password would shut out
+      if (layout.mode == kLocked && !operation.Is(kMakes) && m_new.back().empty())
+        other.Open(path, u"", kLocked);
+      const auto child = Support::Fork(1, [&](unsigned int) {
+        Bench bench(layout, path);
+        Start(operation, bench);
+        SyscallFaults faults;
+        faults.KillAtCall(n, boundary);
+        return operation.run(bench);
+      });
+      int status = 0;
+      ::waitpid(child[0], &status, 0);
+      if (status != SIGKILL) return WEXITSTATUS(status) == SyscallFaults::kNoBoundary;
+      ExpectState(operation, {}, true, true, other);
       Bench bench(layout, path);
-      Start(operation, bench);
-      SyscallFaults faults;
-      faults.KillAtCall(call, boundary);
-      return operation.run(bench) + 1;
-    });
-    Support::ExpectEnd(child, SIGKILL);
-    if (other.IsOpen() && !layout.isNaming) {
-      EXPECT_EQ(ZrCompactFileReader().Open(path, u"", ZrCompactFile::kReadOnly), 0U);
+      ExpectGoesOn(operation, bench);
     }
-    ExpectState(operation, {}, true, true, other);
-    Bench bench(layout, path);
-    ExpectGoesOn(operation, bench);
   }
 
   // Runs an operation whose n-th call or request meets the fault. False if it makes fewer.
-  static bool RunWith(const Fault& fault, std::size_t n, const Operation& operation, Bench& bench,
-                      unsigned int& result) {
-    std::optional<SyscallFaults> calls;
-    std::optional<LibcFaults> others;
-    if (fault.place == Fault::kFile)
-      calls.emplace().FailCall(n, fault.error,
-                               fault.isForGood ? SyscallFaults::kFromThenOn : SyscallFaults::kOnce);
-    else
-      others.emplace(fault.place == Fault::kMemory ? LibcFaults::kMemory : LibcFaults::kCalls, n,
-                     fault.error, fault.isForGood);
-    try {
-      result = operation.run(bench);
-    } catch (const std::bad_alloc&) {
-      result = kThrown;
-    }
-    return calls ? calls->HasFailed() : others->HasFailed();
-  }
   bool MeetsFault(const Operation& operation, const Fault& fault, std::size_t n) {
     PutBack(m_before);
     Bench bench(layout, path);
     Start(operation, bench);
-    // Seems to be changed by another process, so that the operation has to look.
-    if (!m_before.empty()) Support::Poke(path, 0, {m_before.front()});
-    unsigned int result = 0;
-    const bool isMet = RunWith(fault, n, operation, bench, result);
-    if (result != 0) {
-      EXPECT_TRUE(!fault.IsHarmless() && operation.failures.count(result) == 1) << result;
+    unsigned int result = 1000;  // thrown
+    bool isMet = false;
+    try {
+      SyscallFaults faults;
+      if (fault.error == ENOMEM)
+        faults.FailRequest(n, fault.extent);
+      else
+        faults.FailCall(n, fault.error, fault.extent);
+      result = operation.run(bench);
+      isMet = faults.HasFailed();
+    } catch (const std::bad_alloc&) {
     }
+    const bool isForGood = fault.extent == kForGood;
+    EXPECT_TRUE(result == 0 || (!fault.IsHarmless() && operation.failures.count(result) == 1))
+        << result;
     EXPECT_FALSE(bench.file.IsDeadLocked());
-    if (operation.Is(kOpens) && result != 0 && !fault.isForGood) {
+    if (operation.Is(kOpens) && result != 0 && !isForGood) {
       EXPECT_EQ(folder.CountFiles(), ZrFile::IsExist(path) ? 1U : 0U) << "left over";
     }
     // Where nothing works any more, what was done cannot be undone.
-    const bool mayBeDone = result == 0 || fault.isForGood || operation.Is(kMayBeDone);
+    const bool mayBeDone = result == 0 || isForGood || operation.Is(kMayBeDone);
     ExpectState(operation, bench.results, result != 0, mayBeDone, bench.file);
     if (result != 0) ExpectGoesOn(operation, bench);
     return isMet;
@@ -528,32 +507,14 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
   const Layout& layout = GetParam();
   Support::Bytes m_before;
   State m_old, m_new;
-  std::vector<std::size_t> m_boundaries;  // of each system call
 
  private:
-  // As long as something is open with the lock, closing other files is quick.
-  TemporaryFolder m_elsewhere{TemporaryFolder::kMemory};
-  ZrCompactFile m_another;
   const PretendToSync m_quick;
 };
 INSTANTIATE_TEST_SUITE_P(Engine, Survival, ::testing::ValuesIn(kLayouts),
                          [](const auto& param) { return param.param.name; });
 
-TEST_P(Survival, AKillAtAnyCall) {
-  std::size_t kills = 0;
-  for (const Operation& operation : kOperations) {
-    if (!operation.IsFor(layout) || operation.Is(kReads)) continue;
-    SCOPED_TRACE(operation.name);
-    ASSERT_NO_FATAL_FAILURE(Prepare(operation));
-    for (std::size_t call = 1; call <= m_boundaries.size(); ++call)
-      for (std::size_t boundary = 0; boundary <= m_boundaries[call - 1]; ++boundary) {
-        SCOPED_TRACE(std::to_string(call) + "." + std::to_string(boundary));
-        if (++kills % kStep == 0) IsKilled(operation, call, boundary);
-      }
-  }
-}
-
-TEST_P(Survival, AFaultAtAnyCallOrRequest) {
+TEST_P(Survival, AnOperationCutShortAnywhereIsDoneOrNot) {
   std::size_t sweeps = 0;
   for (const Operation& operation : kOperations) {
     if (!operation.IsFor(layout)) continue;
@@ -561,10 +522,10 @@ TEST_P(Survival, AFaultAtAnyCallOrRequest) {
     ASSERT_NO_FATAL_FAILURE(Prepare(operation));
     const std::size_t descriptors = CountOpenDescriptors();
     for (const Fault& fault : kFaults) {
-      bool isMet = true;
-      for (std::size_t n = 1 + ++sweeps % kStep; isMet; n += kStep) {
+      bool isMet = fault.error != 0 || !operation.Is(kReads);
+      for (std::size_t n = 1 + ++sweeps % kStep; isMet && !HasFailure(); n += kStep) {
         SCOPED_TRACE(std::string(fault.name) + " " + std::to_string(n));
-        isMet = MeetsFault(operation, fault, n);
+        isMet = fault.error == 0 ? IsKilled(operation, n) : MeetsFault(operation, fault, n);
         EXPECT_LE(CountOpenDescriptors(), descriptors);
       }
     }

@@ -1,36 +1,54 @@
 #pragma once
 
-#include <cstddef>
-#include <functional>
-#include <map>
-#include <random>
-#include <string>
-#include <vector>
+#include <sys/stat.h>
 
-/// Records what the file classes do to the files of a folder, so that a test can put there what a
-/// loss of power may leave at any moment: what was synced, and any pages of what was not. One
-/// object at a time; copies and room had within the kernel, and stores through mappings, are
-/// refused while it lives, so that every byte is seen.
-class PowerLoss {
+#include <cerrno>
+
+#include "support/SyscallFaults.h"
+
+/// For compaction_test, until it needs these two no more.
+class StoppablePowerLoss : public PowerLoss {
  public:
-  /// Begins with the files that are in the folder now; they count as synced.
-  explicit PowerLoss(std::string folder);
-  ~PowerLoss();
-  PowerLoss(const PowerLoss&) = delete;
-  PowerLoss& operator=(const PowerLoss&) = delete;
-
-  std::size_t CountSteps() const;
-  /// From the n-th step on (0: the first) nothing is done any more: each call fails, as none is
-  /// made after a process is killed.
-  void StopAt(std::size_t step);
-  void GoOn();
-  /// Every write to the file of this name fails from the n-th on.
-  void RefuseWrites(const std::string& name, std::size_t n);
-  /// Makes the folder what it may be if the power is lost before the n-th step. `keep` says of each
-  /// step that was not synced, and of each page of a write, whether it reached the disk. Call it
-  /// when nothing is open.
-  void Leave(std::size_t step, const std::function<bool()>& keep);
+  explicit StoppablePowerLoss(const std::string& folder) : PowerLoss(folder), m_folder(folder) {
+    s_power = this;
+    s_stop = s_refused = SIZE_MAX;
+    s_under = Zarn::GetFileSyscalls();
+    Zarn::FileSyscalls& calls = Zarn::GetFileSyscalls();
+#define STOP(name)                                                                               \
+  calls.name = [](auto... arguments) -> decltype(s_under.name(arguments...)) {                   \
+    if (s_power->CountSteps() >= s_stop || Refuses(#name, arguments...)) return errno = EIO, -1; \
+    return s_under.name(arguments...);                                                           \
+  };
+    STOP(pwrite)
+    STOP(pwritev)
+    STOP(ftruncate) STOP(fdatasync) STOP(fsync) STOP(unlink) STOP(rename) STOP(renameNoReplace)
+#undef STOP
+  }
+  void StopAt(std::size_t step) { s_stop = step; }
+  void GoOn() { s_stop = SIZE_MAX; }
+  void RefuseWrites(const std::string& name, std::size_t n) {
+    struct stat status = {};
+    ::stat((m_folder + "/" + name).c_str(), &status);
+    s_file = status.st_ino;
+    s_refused = n;
+  }
 
  private:
-  std::string m_folder;
+  template <typename... Others>
+  static bool Refuses(const char* name, int fd, Others...) {
+    struct stat status = {};
+    ::fstat(fd, &status);
+    if (name[1] != 'w' || status.st_ino != s_file || s_refused == SIZE_MAX) return false;
+    return s_refused == 0 || s_refused-- == 0;
+  }
+  template <typename... Others>
+  static bool Refuses(const char*, const char*, Others...) {
+    return false;
+  }
+  static inline StoppablePowerLoss* s_power;
+  static inline std::size_t s_stop, s_refused;
+  static inline ino_t s_file;
+  static inline Zarn::FileSyscalls s_under;
+  const std::string m_folder;
 };
+#define PowerLoss StoppablePowerLoss
