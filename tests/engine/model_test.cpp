@@ -199,7 +199,7 @@ class Model : public RandomTiles {
       const unsigned int tile = Below(kTiles), kind = Below(24);
       const Stamp stamp = Below(7);
       ModelNames::Slot* const slot = model.Find(tile);
-      if (kind == 0 && !(isShared && isNaming && isForeign)) {
+      if (kind == 0) {
         ASSERT_EQ(file.Compact(), 0U);
         model.Compact();
       } else if (kind < 3) {

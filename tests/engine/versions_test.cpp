@@ -61,6 +61,7 @@ TEST_P(Versions, EveryKindOfStoreAndRemoval) {
     ASSERT_EQ(row.text == nullptr ? object.Remove(0, 0, row.stamp)
                                   : Store(row.text, row.stamp, row.capacity, row.offset),
               0U);
+    Reopen();
     const Support::FileChecker file = Check();
     EXPECT_EQ(file.GetSize(), row.fileSize);
     EXPECT_EQ(file.GetEntry(), static_cast<unsigned long long>(row.status) << 56 | row.position);
