@@ -227,8 +227,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   ///
   /// kOk for a sound file; kReadFailure if there were findings, and, without any, if the headers
   /// cannot be brought up to date under the process lock; kNotUsable if the progress
-  /// ended the check before there was a finding, if the file was compacted, replaced, given
-  /// another password or, of names, a larger index meanwhile, if memory is short, and for a ".sc" file; kNotOpen.
+  /// ended the check before there was a finding, if the file was compacted, replaced, given another
+  /// password or, of names, a larger index meanwhile, if memory is short, and for a ".sc" file;
+  /// kNotOpen.
   ///
   /// Lookups of all threads and processes go on meanwhile. Stores go on between two parts of the
   /// check, and may be counted; the progress is told between them, too. A program that stores
