@@ -70,6 +70,8 @@ class HX_COMPACTFILE_API ZrGridFile : public ZrFile32 {
   /// Tells the others that this object writes without the lock, if it does. False if that is not
   /// possible.
   bool JoinWriters();
+  /// Cuts the file off where other writers say that its data end. Under the writer lock.
+  void CutSpare();
   /// Stores what Create and Open are given. `path` is a completed one.
   void SetIdentity(const PelmUnicodeString& path, const PelmUnicodeString& password,
                    ZrCompactFile::ZrOpenMode mode);

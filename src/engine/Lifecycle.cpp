@@ -297,7 +297,8 @@ unsigned int Engine::LoadFile(const std::shared_ptr<ZrFile64>& created,
                       stream != nullptr ? stream : created},
                      m_maxSizes, previous, loaded);
   if (result != ZrResult::kOk) return result;
-  if (isEntering && isWriter && !lock.IsAnotherPresent(Presence::kWrites) && !loaded->ForgetEnd())
+  if (isEntering && isWriter && loaded->HasEnd() && !lock.IsAnotherPresent(Presence::kWrites) &&
+      !loaded->ForgetEnd())
     return ZrResult::kNotUsable;
   // Since the lock was taken, the path may have come to lead to another file, which this lock does
   // not protect; finishing a replacement does that, too.
@@ -317,7 +318,7 @@ void Engine::Publish(std::shared_ptr<OpenFile> file) {
     m_state.file.swap(file);
   }
   m_state.isCurrent = true;
-  RefreshFile();  // an odd word may be there
+  if (m_locks.GetProcessLock().isLocked()) m_locks.GetProcessLock().Settle(*m_state.file);
   AdmitLookups();
 }
 

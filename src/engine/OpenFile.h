@@ -74,7 +74,9 @@ class OpenFile {
   enum class Change { kNone, kTiles, kNames, kAll };
   Change Refresh(std::uint64_t length);
 
-  /// A shared file as the first writer finds it: where its data end has to be looked for.
+  /// Whether the board of a shared file tells something of where its data end.
+  bool HasEnd() const { return m_board->HasEnd(); }
+  /// For the first writer: where they end has to be looked for.
   bool ForgetEnd();
   /// The data end here, in a longer file.
   void HasSpareFrom(std::uint64_t end);

@@ -81,6 +81,7 @@ Board::Board(Place place, ZrFileStream& file, const Format::HeaderImage& header,
   m_generation = words.generation;
   m_refreshed = words.entries;
   m_end = words.end;
+  if (words.entries % 2 != 0) m_odd = words.entries;
   Know(words);
 }
 
@@ -294,7 +295,7 @@ bool Board::SetEnd(std::uint64_t end) {
 }
 
 bool Board::ForgetEnd() {
-  if (m_place != kInFile || m_end == 0) return true;
+  if (!HasEnd()) return true;
   m_end = 0;
   return Tell(BoardChange::kMany, true) && Set(kEnd, [](Word) { return 0; });
 }

@@ -131,8 +131,9 @@ class Board {
   /// Takes notice of what others have changed since this object last knew, with the lock held.
   /// After kAll the file must be loaded again.
   Change Refresh();
-  /// Whether Refresh has found an odd word. Under the lock it is a dead writer's, unless somebody
-  /// writes without the lock: then a writer repairs it, and others remember that it counts as even.
+  /// Whether an odd word was there when the file was loaded, or at the last Refresh. Under the lock
+  /// it is a dead writer's, unless somebody writes without the lock: then a writer repairs it, and
+  /// others remember that it counts as even.
   bool IsOdd() const { return m_odd != 0; }
   void Bury() { m_dead = m_odd; }
   void Repair();
@@ -147,6 +148,8 @@ class Board {
   bool Overwrites();
   /// Before the header, the index area or all contents change; to others this is another file then.
   bool Replaces();
+  /// Whether the word of the end is not zero.
+  bool HasEnd() const { return m_place == kInFile && m_end != 0; }
   /// Whether writers tell where the data end.
   bool TellsEnd() const;
   /// Where the data end, as of the last Refresh or SetEnd; 0: unknown.
@@ -185,7 +188,7 @@ class Board {
   bool m_overwritesInPlace = false;
   std::uint64_t m_generation;  // of what was loaded
   std::uint64_t m_refreshed;   // `entries` at the last Refresh
-  std::uint64_t m_odd = 0;     // that Refresh has left; 0: none
+  std::uint64_t m_odd = 0;     // that was found; 0: none
   std::uint64_t m_end;         // as in Words
   Keeper* m_keeper = nullptr;
 

@@ -126,12 +126,6 @@ void Tail::CutSpare(ZrFileStream& file) {
     m_length = m_end;
 }
 
-void CutSpare(const Board& board, ZrFileStream& file) {
-  const std::uint64_t end = board.GetEnd();
-  std::uint64_t length;
-  if (end != 0 && file.GetLength(length) && end < length) file.Cut(end);
-}
-
 bool Tail::IsAsLeft(std::uint64_t fileLength) {
   if (m_length == 0 || m_length == fileLength) return true;
   m_length = fileLength;

@@ -110,8 +110,4 @@ class Tail {
   std::vector<std::uint64_t> m_lost;  // where entries lead behind the end of the file, ascending
 };
 
-/// Cuts the file off where the board says that its data end, unless somebody maps it. With the
-/// writer lock, after Refresh.
-void CutSpare(const Board& board, ZrFileStream& file);
-
 }  // namespace Zarn::Io

@@ -44,13 +44,11 @@ struct ZrCompactFileWriter::Store {
 
 namespace {
 
-/// Around the changes of one call, which do not tell where the data end; so the file must end
-/// there.
+/// Around the changes of one call, which do not tell where the data end.
 class Writing {
  public:
-  Writing(Io::Board& board, ZrFileStream& file) : m_board(board) {
+  explicit Writing(Io::Board& board) : m_board(board) {
     board.BeginWriting();
-    Io::CutSpare(board, file);
     m_isPossible = board.SetEnd(0);
   }
   ~Writing() { m_board.EndWriting(); }
@@ -170,7 +168,8 @@ bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
                                           unsigned long long value) {
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
   if (!IsOpen() || !cell || !LookForChanges()) return false;
-  const Writing writing(GetBoard(), *this);
+  CutSpare();
+  const Writing writing(GetBoard());
   if (!writing.IsPossible()) return false;
   unsigned long long before;
   if (ReadIndexValue(row, col, before)) return ReplaceIndexValue(row, col, before, value);
@@ -200,7 +199,8 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
   const auto span = Format::ResolveStore(nCapacity, nOffset, data.GetSize());
   if (!span) return ZrResult::kWriteFailure;
   if (!LookForChanges()) return ZrResult::kReadFailure;
-  const Writing writing(GetBoard(), *this);
+  CutSpare();
+  const Writing writing(GetBoard());
   Store store{row, col, data, *span, nVersion};
   if (!writing.IsPossible() || !ReadIndexValue(row, col, store.entry) ||
       !GetLength(store.fileLength))

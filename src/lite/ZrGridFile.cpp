@@ -11,7 +11,6 @@
 #include "OpenPath.h"
 #include "PathRules.h"
 #include "RedoFile.h"
-#include "Tail.h"
 #include "ZrFile.h"
 #include "ZrProcess.h"
 
@@ -111,12 +110,21 @@ bool ZrGridFile::JoinWriters() {
   bool isUsable = m_pSharing->IsLockOn(*this) &&
                   (GetBoard().Refresh() != Io::Board::Change::kAll ||
                    (Reload() && GetBoard().Refresh() != Io::Board::Change::kAll));
-  if (isUsable) Io::CutSpare(GetBoard(), *this);
+  if (isUsable) CutSpare();
   isUsable = isUsable && GetBoard().RenounceEnd();
   if (isUsable && GetBoard().IsOdd() && !m_pSharing->IsAnotherPresent(Presence::kWritesUnlocked))
     GetBoard().Repair();
   m_pSharing->WriterUnlock();
   return isUsable;
+}
+
+// Without another writer nobody vouches for the end that the board tells.
+void ZrGridFile::CutSpare() {
+  const std::uint64_t end = GetBoard().GetEnd();
+  std::uint64_t length;
+  if (end != 0 && GetLength(length) && end < length &&
+      m_pSharing->IsAnotherPresent(Presence::kWrites))
+    Cut(end);
 }
 
 // If another file has the path, the lock says nothing about this one.

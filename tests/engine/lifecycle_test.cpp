@@ -256,7 +256,9 @@ TEST_F(Lifecycle, SystemCallsPerOperation) {
       << "existence, open, kind of file, header, grid header";
   EXPECT_EQ(read(0, 0, 1), 2U) << "a page of the index; the next entry tells the record's size";
 
-  Reopen(kLocked);
+  object.Close();
+  EXPECT_EQ(calls([&] { return object.Open(path, u"", kLocked); }), 5 + 8U)
+      << "the lock (open, kind, lock, path, unlock), presence, its path, its file system";
   read(0, 0, 1);
   StoreFromElsewhere(0, 3);
   EXPECT_EQ(read(0, 3, 1), 5U)
@@ -264,6 +266,14 @@ TEST_F(Lifecycle, SystemCallsPerOperation) {
   EXPECT_EQ(read(0, 3, 1), 2U) << "record, words";
   store(0, 4, "maps the words", 1);
   EXPECT_EQ(store(0, 5, "new", 1), 5U) << "lock, path, record, entry, unlock";
+  const std::string large(9000, 'l');
+  store(0, 6, large, 1);
+  EXPECT_EQ(store(0, 6, large, 1), 8U) << "the same, with head, copy, its entry before the record";
+  read(0, 0, 1);
+  EXPECT_EQ(read(0, 0, 1), 2U) << "record, words";
+  Reopen(kLocked | ZrCompactFile::kMapped);
+  read(0, 6, 1);
+  EXPECT_EQ(read(0, 6, 1), 0U);
 
   std::vector<unsigned int> results;
   std::vector<ZrCompactFile::ZrCellStore> cells;
