@@ -389,7 +389,7 @@ void Engine::LeaveFile() {
     const bool isLastWriter =
         isLocked && lock.IsExclusive() && !lock.IsAnotherPresent(Presence::kWrites);
     const bool isLast = lock.LeaveFile();
-    if ((isLastWriter || isLast) && file.HasSpare()) file.CutSpare();
+    if (isLastWriter || isLast) file.CutSpare();
     if (isLast) file.GetBoard().Clear(m_strAbsolutePath);
   }
   if (isLocked) lock.WriterUnlock();

@@ -93,20 +93,24 @@ void OpenFile::HasSpareFrom(std::uint64_t end) {
   if (m_tail && m_file->GetLength(length)) m_tail->HasSpareFrom(end, length);
 }
 
-void OpenFile::CutSpare() {
-  if (m_board->GetPlace() != Io::Board::kInFile)
-    m_tail->CutSpare(*m_file);
-  else
-    m_file->Cut(m_board->LookForEnd());
-}
-
-// Another object may have left it.
-bool OpenFile::HasSpare() const {
-  if (!m_tail || m_file->IsReadOnly()) return false;
-  if (m_board->GetPlace() != Io::Board::kInFile) return m_tail->HasSpare();
+// Another object may have left it. 0 if there is none, or if that cannot be told.
+std::uint64_t OpenFile::FindSpare() const {
   const std::uint64_t end = m_board->LookForEnd();
   std::uint64_t length;
-  return end != 0 && m_file->GetLength(length) && end < length;
+  return end != 0 && m_file->GetLength(length) && end < length ? end : 0;
+}
+
+bool OpenFile::HasSpare() const {
+  if (!m_tail || m_file->IsReadOnly()) return false;
+  return m_board->GetPlace() == Io::Board::kInFile ? FindSpare() != 0 : m_tail->HasSpare();
+}
+
+void OpenFile::CutSpare() {
+  if (!m_tail || m_file->IsReadOnly()) return;
+  if (m_board->GetPlace() != Io::Board::kInFile)
+    m_tail->CutSpare(*m_file);
+  else if (const std::uint64_t end = FindSpare(); end != 0)
+    m_file->Cut(end);
 }
 
 bool OpenFile::HasVersions() const {
@@ -134,7 +138,8 @@ TileStore::Place OpenFile::GetPlace() {
 }
 
 // A program that does not know the board, or one that was killed before it told of its change,
-// shows only by the length that it has changed the file.
+// shows only by the length that it has changed the file. Without a board the system may remember a
+// length of the path that is not the open file's.
 OpenFile::Change OpenFile::Refresh(std::uint64_t length) {
   if (length < Format::kHeaderSize) return Change::kAll;
   const auto change = m_board->Refresh();
@@ -146,7 +151,7 @@ OpenFile::Change OpenFile::Refresh(std::uint64_t length) {
     m_board->Forget();
     m_tail->Invalidate();
   } else {
-    m_tail->Refresh(length);
+    m_tail->Refresh(m_board->GetPlace() == Io::Board::kInFile ? length : 0);
   }
   if (m_names == nullptr) return Change::kTiles;
   switch (m_names->LookForNewNames()) {

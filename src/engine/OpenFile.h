@@ -82,7 +82,7 @@ class OpenFile {
   void HasSpareFrom(std::uint64_t end);
   /// Whether the file is longer than its data, as far as that is known. Without the lock.
   bool HasSpare() const;
-  /// Cuts that off, unless somebody maps the file. There is some, and no other writer.
+  /// Cuts it off if it is, unless somebody maps the file. There is no other writer.
   void CutSpare();
 
   /// Whether the path still leads to this file, as far as it was seen lately. Any thread may ask.
@@ -93,6 +93,7 @@ class OpenFile {
   void SetLockedFile(std::uint64_t number) { m_nLockedFile = number; }
 
  private:
+  std::uint64_t FindSpare() const;
   bool OpenStream(const Source& source);
   bool ReadHeader(const Source& source);
   void TakeMap(const Source& source, const OpenFile& previous);

@@ -9,8 +9,8 @@
 #include "ZrCompactFileCollection.h"
 #include "ZrCompactFileManager.h"
 #include "engine/EngineFixture.h"
-#include "support/LibcFaults.h"
 #include "support/Processes.h"
+#include "support/SyscallFaults.h"
 
 namespace Zarn {
 namespace {
@@ -80,7 +80,8 @@ TEST_F(Access, ManagerKeepsFourStubsByKey) {
   ZrCompactFileStub* made = nullptr;
   for (std::size_t n = 1; made == nullptr; ++n) {
     EXPECT_TRUE(isKept(u"k"));
-    const LibcFaults shortage(LibcFaults::kMemory, n, ENOMEM, false);
+    SyscallFaults shortage;
+    shortage.FailRequest(n);
     made = manager.LookUp(0.5, 3, 7);
   }
   EXPECT_EQ(made, manager.LookUp(u"0.500000000000000_3_7")) << "smallest, but not the victim";
@@ -157,7 +158,8 @@ TEST_F(Access, ShortageOfMemoryIsAnAnswer) {
     fresh.SetPath(given);
     ZrByteArray data;
     unsigned long long filled = 0;
-    const LibcFaults shortage(LibcFaults::kMemory, n, ENOMEM, false);
+    SyscallFaults shortage;
+    shortage.FailRequest(n);
     const bool isShared = collection.GetCompactFile(other, 2, 2) != nullptr;
     const bool isRead = fresh.Read(1, 0, data, filled, 1);
     isShort = shortage.HasFailed();

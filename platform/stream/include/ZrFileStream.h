@@ -160,7 +160,6 @@ class HX_PLATFORM_API ZrFileStream {
 
  private:
   friend class ZrNewFile;
-  struct Access;
 
   /// Takes over a descriptor; false, and it is closed, if it is not a regular file's.
   bool Attach(int fd, bool readOnly);
@@ -168,7 +167,6 @@ class HX_PLATFORM_API ZrFileStream {
   bool Reopen(const PelmUnicodeString& path);
   bool ShowsWrites() const;
   bool WriteZeros(std::uint64_t position, std::uint64_t size);
-  bool TakeAccess(const Access& access);
   bool MakeClaim(const PelmUnicodeString& path, bool wait);
 
   std::unique_ptr<FileLock> m_claim;

@@ -8,10 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <optional>
 #include <string>
 
 #include "Descriptors.h"
+#include "FileAccess.h"
 #include "FileLock.h"
 #include "FileSyscalls.h"
 #include "ZrFile.h"
@@ -76,50 +76,9 @@ std::uint32_t FileSystemOf(int fd) {
   return Uninterrupted(ask) == 0 ? static_cast<std::uint32_t>(status.f_type) : 0;
 }
 
-constexpr mode_t kPermissions = 0777;
-constexpr mode_t kOwnerPermissions = 0700;
-
-// For a file of another group: its members were among the others, and the members of the group of
-// before are among them now.
-mode_t WithoutGroup(mode_t mode) {
-  const mode_t both = mode & mode >> 3 & 07;
-  return (mode & kOwnerPermissions) | both << 3 | both;
-}
-
-// An access control list as the kernel gives it, empty for none; nothing if the kernel does not
-// tell.
-using AccessList = std::optional<std::string>;
-constexpr const char* kAccessList = "system.posix_acl_access";
-
-bool HasNoList() { return errno == ENODATA || errno == EOPNOTSUPP || errno == ENOSYS; }
-
-// `read` is called as getxattr, for that list.
-template <typename Read>
-AccessList ReadAccessList(Read read) {
-  ssize_t size = read(nullptr, 0);
-  std::string list(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
-  if (size > 0) size = read(list.data(), list.size());
-  if (size < 0) return HasNoList() ? AccessList("") : std::nullopt;
-  list.resize(static_cast<std::size_t>(size));
-  return list;
-}
-
-// An empty list removes the one that the file may have got from its folder.
-bool SetAccessList(int fd, const std::string& list) {
-  const FileSyscalls& calls = GetFileSyscalls();
-  if (!list.empty()) return calls.fsetxattr(fd, kAccessList, list.data(), list.size(), 0) == 0;
-  return calls.fremovexattr(fd, kAccessList) == 0 || HasNoList();
-}
-
 iovec Part(const void* bytes, std::uint64_t size) { return {const_cast<void*>(bytes), size}; }
 
 }  // namespace
-
-// Owner, permissions and access control list of a file.
-struct ZrFileStream::Access {
-  struct stat status;
-  AccessList list;
-};
 
 ZrFileStream::ZrFileStream() = default;
 
@@ -385,42 +344,15 @@ bool ZrFileStream::MakeClaim(const PelmUnicodeString& path, bool wait) {
 }
 
 bool ZrFileStream::TakeOwner(const ZrFileStream& other) {
-  Access access;
-  access.list = ReadAccessList([&](char* list, std::size_t size) {
-    return GetFileSyscalls().fgetxattr(other.m_fd, kAccessList, list, size);
-  });
-  return other.GetStatus(access.status) && TakeAccess(access);
+  const auto access = FileAccess::Of(other.m_fd);
+  return access && access->GiveTo(m_fd);
 }
 
 bool ZrFileStream::TakeOwner(const PelmUnicodeString& path) {
   std::string native;
   if (!ZrFile::ToNative(path, native)) return false;
-  const FileSyscalls& calls = GetFileSyscalls();
-  Access access;
-  access.list = ReadAccessList([&](char* list, std::size_t size) {
-    return calls.getxattr(native.c_str(), kAccessList, list, size);
-  });
-  return calls.stat(native.c_str(), &access.status) == 0 && TakeAccess(access);
-}
-
-bool ZrFileStream::TakeAccess(const Access& access) {
-  const auto& [wanted, list] = access;
-  struct stat mine;
-  if (!GetStatus(mine)) return false;
-  const FileSyscalls& calls = GetFileSyscalls();
-  constexpr uid_t kSameOwner = static_cast<uid_t>(-1);
-  bool hasGroup = mine.st_gid == wanted.st_gid;
-  if (mine.st_uid != wanted.st_uid || !hasGroup)
-    hasGroup = calls.fchown(m_fd, wanted.st_uid, wanted.st_gid) == 0 ||
-               calls.fchown(m_fd, kSameOwner, wanted.st_gid) == 0 ||  // which a member may
-               hasGroup;
-  mode_t mode = wanted.st_mode & kPermissions;
-  // Beside a list, the bits of the group stand for all that it names.
-  if (!list || (!hasGroup && !list->empty()) || !SetAccessList(m_fd, *list))
-    mode &= kOwnerPermissions;
-  else if (!hasGroup)
-    mode = WithoutGroup(mode);
-  return (mine.st_mode & kPermissions) == mode || calls.fchmod(m_fd, mode) == 0;
+  const auto access = FileAccess::Of(native);
+  return access && access->GiveTo(m_fd);
 }
 
 bool ZrFileStream::Sync() {
