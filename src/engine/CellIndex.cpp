@@ -53,8 +53,7 @@ bool CellIndex::WriteCells(const NameSlot* cells, std::size_t count) {
     StoreScalar(bytes.GetData() + at, cells[i].entry.Value(), IsSwapped());
     StoreScalar(before.GetData() + at, cells[i].entry.stored, IsSwapped());
   }
-  const Io::BoardChange change(m_board, count == 1 ? cells->entry.number : Io::BoardChange::kMany,
-                               Io::BoardChange::kEntry);
+  const Io::BoardChange change(m_board, count == 1 ? cells->entry.number : Io::BoardChange::kMany);
   if (!change.IsShown()) return false;
   if (ReplaceSplitEntries(*m_file, place, before, bytes) &&
       m_file->WriteAt(place, bytes.GetData(), size)) {

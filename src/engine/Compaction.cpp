@@ -161,7 +161,7 @@ Outcome Engine::Replace(Io::RedoFile& image, OpenFile& file,
   Io::Board& board = file.GetBoard();
   m_locks.GetLookups().Stop();
   if (!board.SetEnd(0) || !board.Replaces()) return Outcome::kNot;
-  const Io::BoardChange change(board, Io::BoardChange::kMany, Io::BoardChange::kRecord);
+  const Io::BoardChange change(board, Io::BoardChange::kMany);
   TearDown();
   const Outcome outcome = image.Replace(*file.GetStream(), progress);
   board.Replaces();  // a light reader may have opened it in between

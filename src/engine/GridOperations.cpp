@@ -66,8 +66,7 @@ unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& dat
     if (!entry.HoldsRecord()) return true;
     cells->AddHint(entry, view);
     record.emplace(*file.GetStream(), file.GetShape(), file.Map());
-    result =
-        TileStore::LookUp_Inner(file.GetPlace(), view, entry, nullptr, version, *buffer, *record);
+    result = TileStore::LookUp_Inner(file.GetPlace(), entry, nullptr, version, *buffer, *record);
     return true;
   };
   const auto handOver = [&](OpenFile& file, ZrByteArray* buffer) {

@@ -23,7 +23,7 @@ bool IndexEntries::WriteIndexValue(TileEntry& entry) {
   std::uint64_t after;
   StoreScalar(&before, entry.stored, IsSwapped());
   StoreScalar(&after, entry.Value(), IsSwapped());
-  const Io::BoardChange change(m_board, entry.number, Io::BoardChange::kEntry);
+  const Io::BoardChange change(m_board, entry.number);
   if (!change.IsShown()) return false;
   if (!Io::ReplaceWord(*m_file, place, before, after)) {
     m_board.Forget();  // a part of it may be there

@@ -55,30 +55,25 @@ bool IndexPages::Read(std::uint64_t entry, std::uint64_t& value, View& view) {
   view.m_entry = entry;
   view.m_page = View::kNone;
   view.m_isRead = false;
-  // In a file of one object, a page has the entries as they are now.
-  bool isKept = false;
-  if (!view.m_isMapped && ReadKept(offset, stored, &view)) {
-    isKept = m_board.GetPlace() != Io::Board::kInObject;
-  } else {
-    if (!view.m_isMapped && stored != kForgotten) {
-      if (!ReadPage(page, view.m_bytes)) return false;
-      view.m_page = page;
-      std::memcpy(&stored, view.m_bytes + offset % kPageSize, kWord);
-    } else {
-      const auto word = view.ReadWord(PositionOf(offset));
-      if (!word) return false;
-      stored = *word;
-      view.m_isRead = true;
-    }
+  const bool isKept = !view.m_isMapped && ReadKept(offset, stored, &view);
+  if (!isKept && (view.m_isMapped || stored == kForgotten)) {
+    const auto word = view.ReadWord(PositionOf(offset));
+    if (!word) return false;
+    stored = *word;
+    view.m_isRead = true;
+  } else if (!isKept) {
+    if (!ReadPage(page, view.m_bytes)) return false;
+    view.m_page = page;
+    std::memcpy(&stored, view.m_bytes + offset % kPageSize, kWord);
   }
   view.m_value = stored;
-  view.UsesTile(static_cast<std::uint32_t>(entry), stored, isKept);
+  view.UsesTile(static_cast<std::uint32_t>(entry));
   value = LoadScalar<std::uint64_t>(&stored, m_area.swap);
   return true;
 }
 
 bool IndexPages::Check(View& view) {
-  const bool isValid = view.IsValid([&] { return ReadAgain(view); });
+  const bool isValid = view.IsValid();
   if (isValid && view.m_page != View::kNone && view.HasFollowed()) KeepPage(view);
   if (isValid && view.m_isRead && view.HasOneTile()) KeepEntry(view);
   return isValid;
@@ -109,15 +104,6 @@ void IndexPages::Forget(std::uint32_t entry) {
   if (entry >= m_area.index.count) return;
   const std::lock_guard guard(m_mutex);
   ValueAt(entry * m_area.index.EntrySize()).store(kForgotten, std::memory_order_release);
-}
-
-std::optional<std::uint64_t> IndexPages::ReadAgain(const View& view) const {
-  const std::uint64_t offset = view.m_entry * m_area.index.EntrySize();
-  std::uint64_t stored;
-  if (m_board.GetPlace() == Io::Board::kInObject && !view.m_isMapped &&
-      ReadKept(offset, stored, &view))
-    return stored;
-  return view.ReadWord(PositionOf(offset));
 }
 
 // The tag tells before and after that the page has not changed meanwhile. Without a view, for the

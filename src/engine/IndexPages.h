@@ -106,7 +106,6 @@ class IndexPages {
   static constexpr std::uint64_t kForgotten = UINT64_MAX;
 
   bool ReadKept(std::uint64_t offset, std::uint64_t& stored, const View* view) const;
-  std::optional<std::uint64_t> ReadAgain(const View& view) const;
   bool ReadPage(std::uint64_t page, unsigned char* target) const;
   void Keep(std::uint64_t page, const unsigned char* bytes, std::uint64_t entries);
   void KeepPage(View& view);

@@ -193,8 +193,7 @@ bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
   }
   const std::uint64_t indexOffset = GetShape().begin;
   const std::uint64_t place = GetShape().EntryAt(oldCount);
-  const Io::BoardChange change(m_board, count == 1 ? slots->entry.number : Io::BoardChange::kMany,
-                               Io::BoardChange::kEntry);
+  const Io::BoardChange change(m_board, count == 1 ? slots->entry.number : Io::BoardChange::kMany);
   if (!change.IsShown()) return false;
   if (!m_file->WriteAt(place, bytes, size) ||
       !WriteHeader(indexOffset, m_nNamingCapacity, oldCount + count)) {

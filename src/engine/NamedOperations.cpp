@@ -154,7 +154,7 @@ unsigned int Engine::ReadTile(OpenFile& file, View& view, const NameKey& key, st
   if (entry.HoldsRecord()) {
     names.AddHint(entry, view);
     const unsigned int result =
-        TileStore::LookUp_Inner(place, view, entry, &key, version, buffer, record);
+        TileStore::LookUp_Inner(place, entry, &key, version, buffer, record);
     if (result != ZrResult::kReadFailure) return result;
     entry.recordLength = 0;
   }

@@ -21,10 +21,10 @@ unsigned int OpenFile::Load(const Source& source, MaxSizes& maxSizes, OpenFile* 
   if (!file->ReadHeader(source) && (!Io::FinishReplacement(source.path) ||
                                     !file->OpenStream(source) || !file->ReadHeader(source)))
     return ZrResult::kWrongFile;
-  file->TakeMap(source, before);
   const auto place = !source.isShared              ? Io::Board::kInObject
                      : file->m_file->SharesPages() ? Io::Board::kInFile
                                                    : Io::Board::kNowhere;
+  if (source.mapped && place != Io::Board::kNowhere) file->TakeMap(before);
   file->m_board.emplace(place, *file->m_file, file->m_header.GetImage(), source.mapped);
   if (source.isShared) file->m_strPath = source.path;
   if (!file->ReadIndex(maxSizes)) return ZrResult::kNotUsable;
@@ -49,8 +49,8 @@ bool OpenFile::ReadHeader(const Source& source) {
   return true;
 }
 
-void OpenFile::TakeMap(const Source& source, const OpenFile& previous) {
-  if (!source.mapped) return;
+// Pages that nobody shares would remain as they were first seen.
+void OpenFile::TakeMap(const OpenFile& previous) {
   if (previous.m_file == m_file) m_pMap = previous.m_pMap;
   if (m_pMap == nullptr) m_pMap = std::make_shared<Io::FileMap>(m_file);
 }

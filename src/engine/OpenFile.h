@@ -96,7 +96,7 @@ class OpenFile {
   std::uint64_t FindSpare() const;
   bool OpenStream(const Source& source);
   bool ReadHeader(const Source& source);
-  void TakeMap(const Source& source, const OpenFile& previous);
+  void TakeMap(const OpenFile& previous);
   bool ReadIndex(MaxSizes& maxSizes);
   void TakeTail(const Source& source, const OpenFile& previous);
 

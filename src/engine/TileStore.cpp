@@ -355,15 +355,15 @@ bool TileStore::ReplaceLocator(Reference& reference, std::uint64_t locator) {
   std::uint64_t after;
   StoreScalar(&before, reference.locator, m_place.shape.swap);
   StoreScalar(&after, locator, m_place.shape.swap);
-  const Io::BoardChange change(m_place.board, reference.entry.number, Io::BoardChange::kEntry);
+  const Io::BoardChange change(m_place.board, reference.entry.number);
   if (!change.IsShown() || !Io::ReplaceWord(m_place.file, reference.locatorPlace, before, after))
     return false;
   reference.locator = locator;
   return true;
 }
 
-unsigned int TileStore::LookUp_Inner(const Place& place, View& view, TileEntry& entry,
-                                     const NameKey* key, std::uint64_t version, ZrByteArray& buffer,
+unsigned int TileStore::LookUp_Inner(const Place& place, TileEntry& entry, const NameKey* key,
+                                     std::uint64_t version, ZrByteArray& buffer,
                                      Io::RecordReader& record) {
   const std::uint64_t headSize =
       Format::RecordHeadSize(place.shape, key != nullptr ? key->GetStoredLength() : 0);
@@ -378,7 +378,6 @@ unsigned int TileStore::LookUp_Inner(const Place& place, View& view, TileEntry& 
     return ZrResult::kNotFound;
   const std::uint32_t older = record.Versions().SelectForLookup(version);
   if (older == 0) return ZrResult::kOk;
-  view.UsesLocator();
   return read(Format::PositionOf(record.Versions().Locator(older)), 0) ? ZrResult::kOk
                                                                        : ZrResult::kReadFailure;
 }

@@ -59,8 +59,8 @@ class TileStore {
   ///
   /// kOk; kNotFound for the record of another name; kReadFailure. Nothing of it counts before the
   /// view is checked.
-  static unsigned int LookUp_Inner(const Place& place, View& view, TileEntry& entry,
-                                   const NameKey* key, std::uint64_t version, ZrByteArray& buffer,
+  static unsigned int LookUp_Inner(const Place& place, TileEntry& entry, const NameKey* key,
+                                   std::uint64_t version, ZrByteArray& buffer,
                                    Io::RecordReader& record);
 
  private:

@@ -29,18 +29,14 @@ constexpr Word kMostEntries = 1 << 8;
 // The word of the change.
 struct Told {
   std::uint32_t tile;
-  std::uint8_t turn;
-  std::uint8_t overwrites;
+  std::uint16_t turn;
   std::uint16_t number;
 
   explicit Told(Word word)
       : tile(static_cast<std::uint32_t>(word)),
-        turn(static_cast<std::uint8_t>(word >> 32)),
-        overwrites(static_cast<std::uint8_t>(word >> 40)),
+        turn(static_cast<std::uint16_t>(word >> 32)),
         number(static_cast<std::uint16_t>(word >> 48)) {}
-  Word Pack() const {
-    return Word{number} << 48 | Word{overwrites} << 40 | Word{turn} << 32 | tile;
-  }
+  Word Pack() const { return Word{number} << 48 | Word{turn} << 32 | tile; }
 };
 
 // Of the change that makes `entries` odd, and even again.
@@ -136,18 +132,13 @@ bool Board::IsOther(std::uint32_t tile, const Words& before, const Words& now) {
 }
 
 bool Board::IsNext(const Words& before, const Words& now) {
-  const auto turns = static_cast<std::uint8_t>(Told(now.change).turn - Told(before.change).turn);
+  const auto turns = static_cast<std::uint16_t>(Told(now.change).turn - Told(before.change).turn);
   return turns <= 1 && now.entries - before.entries < kMostEntries && now.end != kRenounced &&
          TileOf(before) != BoardChange::kMany && TileOf(now) != BoardChange::kMany;
 }
 
 bool Board::IsTold(const Words& words) {
   return Told(words.change).number == NumberOf(words.entries);
-}
-
-bool Board::IsIntact(const Words& before, const Words& now) {
-  return Told(now.change).overwrites == Told(before.change).overwrites &&
-         now.entries - before.entries < kMostEntries;
 }
 
 void Board::Note(const Words& words) {
@@ -193,6 +184,7 @@ std::uint64_t Board::GetEntries() const {
 Board::Change Board::Refresh() {
   if (m_place == kInObject) return Change::kNone;
   if (m_place == kNowhere) {
+    m_file.ForgetPages();
     Forget();
     return Change::kTiles;
   }
@@ -207,11 +199,10 @@ Board::Change Board::Refresh() {
                                                                     : Change::kTiles;
 }
 
-// What the dead writer was about to change is unknown.
+// The dead writer has told the tile before it changed anything.
 void Board::Repair() {
   BeginWriting();
-  if (Tell(BoardChange::kMany, true) && Set(kEntries, [](Word word) { return (word | 1) + 1; }))
-    m_odd = 0;
+  if (Set(kEntries, [](Word word) { return (word | 1) + 1; })) m_odd = 0;
   EndWriting();
   Forget();
 }
@@ -252,23 +243,14 @@ void Board::EndWriting() {
 }
 
 // The tile that was told may be told again: another one may write without the lock.
-bool Board::Tell(std::uint32_t tile, bool overwrites) {
+bool Board::Tell(std::uint32_t tile) {
   Words words;
   return LookUnderLock(words) && Set(kChange, [&](Word word) {
            Told told(word);
            if (std::exchange(told.tile, tile) != tile) ++told.turn;
-           if (overwrites) ++told.overwrites;
            told.number = NumberOf(words.entries);
            return told.Pack();
          });
-}
-
-bool Board::Overwrites() {
-  return Set(kChange, [](Word word) {
-    Told told(word);
-    ++told.overwrites;
-    return told.Pack();
-  });
 }
 
 bool Board::Replaces() {
@@ -297,7 +279,7 @@ bool Board::SetEnd(std::uint64_t end) {
 bool Board::ForgetEnd() {
   if (!HasEnd()) return true;
   m_end = 0;
-  return Tell(BoardChange::kMany, true) && Set(kEnd, [](Word) { return 0; });
+  return Tell(BoardChange::kMany) && Set(kEnd, [](Word) { return 0; });
 }
 
 bool Board::RenounceEnd() {
@@ -347,10 +329,10 @@ bool Board::Set(WordNumber number, Function function) {
 }
 
 // In this order: who sees that a record is overwritten sees `entries` odd, or further on.
-BoardChange::BoardChange(Board& board, std::uint32_t tile, Of what)
+BoardChange::BoardChange(Board& board, std::uint32_t tile)
     : m_board(board),
       m_isOdd(board.Set(Board::kEntries, [](std::uint64_t word) { return (word + 1) | 1; })),
-      m_isShown(m_isOdd && board.Tell(tile, what == kRecord)) {}
+      m_isShown(m_isOdd && board.Tell(tile)) {}
 
 BoardChange::~BoardChange() {
   if (m_isOdd) m_board.Set(Board::kEntries, [](std::uint64_t word) { return (word | 1) + 1; });

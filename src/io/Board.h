@@ -17,9 +17,8 @@ namespace Zarn::Io {
 ///               an index entry, a locator, the count of names, or a record to which an entry
 ///               leads; 2 more afterwards
 ///   change      the tile that is being changed, or was the last one, by the number of its entry; a
-///               count of such tiles; another one, raised before a place to which an entry or a
-///               locator ever led is overwritten; and one of changes, which shows whether this word
-///               is of the same moment as `entries`. 32, 8, 8 and 16 bits
+///               count of such tiles; and one of changes, which shows whether this word is of the
+///               same moment as `entries`. 32, 16 and 16 bits
 ///   generation  raised before the header, the index area or the contents as a whole change, or the
 ///               file at the path
 ///   end         for writers: no entry, locator or index ever leads to this position or behind it
@@ -104,8 +103,6 @@ class Board {
   /// Whether a lookup that has read what belongs to this tile, and nothing else, can be told from
   /// the words before and after to have seen none of its changes.
   static bool IsOther(std::uint32_t tile, const Words& before, const Words& now);
-  /// Whether no place was overwritten between the two, to which something led before.
-  static bool IsIntact(const Words& before, const Words& now);
   /// A lookup has seen these words.
   void Note(const Words& words);
 
@@ -143,9 +140,6 @@ class Board {
   /// Around all changes of one operation.
   void BeginWriting();
   void EndWriting();
-  /// Before places to which an entry of the tile that was told last ever led are overwritten or cut
-  /// off. False: they must not be.
-  bool Overwrites();
   /// Before the header, the index area or all contents change; to others this is another file then.
   bool Replaces();
   /// Whether the word of the end is not zero.
@@ -173,7 +167,7 @@ class Board {
 
   template <typename Function>
   bool Set(WordNumber number, Function function);
-  bool Tell(std::uint32_t tile, bool overwrites);
+  bool Tell(std::uint32_t tile);
   bool LookUnderLock(Words& words) const;
   bool LookAtFile(Words& words) const;
   static bool LookAtPage(void* page, Words& words);
@@ -205,14 +199,10 @@ class Board {
 /// it ends.
 class BoardChange {
  public:
-  enum Of {
-    kEntry,   ///< an entry, a locator or the count of names
-    kRecord,  ///< a record to which one of them leads
-  };
   /// For a change of several tiles, or of others than can be told.
   static constexpr std::uint32_t kMany = UINT32_MAX;
 
-  BoardChange(Board& board, std::uint32_t tile, Of what);
+  BoardChange(Board& board, std::uint32_t tile);
   ~BoardChange();
   BoardChange(const BoardChange&) = delete;
   BoardChange& operator=(const BoardChange&) = delete;

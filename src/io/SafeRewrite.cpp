@@ -19,7 +19,7 @@ void SafeRewrite::KeepOld(std::uint32_t tile, std::uint64_t position, const unsi
 
 void SafeRewrite::PutBack() {
   if (m_oldSize == 0) return;
-  const BoardChange change(m_board, m_tile, BoardChange::kRecord);
+  const BoardChange change(m_board, m_tile);
   PutOldBack();
 }
 

@@ -33,7 +33,7 @@ class SafeRewrite {
   /// Writes over the bytes that were kept. False: they are as they were.
   template <typename Write>
   bool WithinPage(Write write) {
-    const BoardChange change(m_board, m_tile, BoardChange::kRecord);
+    const BoardChange change(m_board, m_tile);
     if (!change.IsShown()) return false;
     if (write(m_oldPosition)) return true;
     PutOldBack();
@@ -48,8 +48,8 @@ class SafeRewrite {
   template <typename Write, typename Point>
   std::uint64_t AcrossPages(std::uint64_t copy, std::uint64_t home, Write write, Point point) {
     if (copy == 0 || !point(copy)) return 0;
-    if (!m_board.Overwrites() || !write(home) || !point(home)) return copy;
-    if (m_board.Overwrites()) m_tail.GiveBack(m_file);
+    if (!write(home) || !point(home)) return copy;
+    m_tail.GiveBack(m_file);
     return home;
   }
 

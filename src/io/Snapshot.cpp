@@ -44,19 +44,16 @@ std::optional<std::uint64_t> Snapshot::ReadWord(std::uint64_t position) const {
 }
 
 // While `entries` stays, nothing to which an entry leads changes: a place is overwritten only
-// after its entry was changed to lead elsewhere.
-bool Snapshot::LookAgain(Board::Words& now) {
+// after its entry was changed to lead elsewhere. While only other tiles change, what belongs to
+// this one stays. Without a board the caller holds the lock.
+bool Snapshot::IsValid() {
+  if (m_board.GetPlace() == Board::kNowhere) return true;
   std::atomic_thread_fence(std::memory_order_acquire);
-  if (!m_board.Look(now)) return false;
-  m_board.Note(now);
-  m_next = now;
-  m_isUnchanged = now.entries == m_words.entries && m_board.IsSettled(now);
-  return m_board.IsOurs(now);
-}
-
-// Then a record is as it was, if the entry that leads to it is.
-bool Snapshot::IsIntact(const Board::Words& now) const {
-  return m_board.IsSettled(m_words) && m_board.IsSettled(now) && Board::IsIntact(m_words, now);
+  if (!m_board.Look(m_next)) return false;
+  m_board.Note(m_next);
+  m_isUnchanged = m_next.entries == m_words.entries && m_board.IsSettled(m_next);
+  return m_board.IsOurs(m_next) &&
+         (m_isUnchanged || (m_usesOne && Board::IsOther(m_tile, m_words, m_next)));
 }
 
 }  // namespace Zarn::Io

@@ -35,32 +35,16 @@ class Snapshot {
 
   /// Reads eight bytes of the index from the file; they are zero behind its end.
   std::optional<std::uint64_t> ReadWord(std::uint64_t position) const;
-  /// What the lookup uses belongs to one tile, that of the entry of this number, and the entry was
-  /// `word`. `isKept`: it was read before this attempt.
-  void UsesTile(std::uint32_t tile, std::uint64_t word, bool isKept) {
+  /// What the lookup uses belongs to one tile, that of the entry of this number.
+  void UsesTile(std::uint32_t tile) {
     m_tile = tile;
-    m_entry = word;
     m_usesOne = true;
-    m_comparesEntry = !isKept;
   }
   /// The lookup uses several entries, or what belongs to none.
-  void UsesMore() { m_usesOne = m_comparesEntry = false; }
-  /// The lookup follows a locator.
-  void UsesLocator() { m_comparesEntry = false; }
+  void UsesMore() { m_usesOne = false; }
 
-  /// Whether everything that was read is of one moment since Begin. `again` reads the entry once
-  /// more, as an optional word; it is called only after UsesTile.
-  template <typename Again>
-  bool IsValid(Again again) {
-    if (m_board.GetPlace() == Board::kNowhere) return !m_comparesEntry || again() == m_entry;
-    Board::Words now;
-    if (!LookAgain(now)) return false;
-    if (m_isUnchanged || (m_usesOne && Board::IsOther(m_tile, m_words, now))) return true;
-    if (!m_comparesEntry || !IsIntact(now)) return false;
-    const std::uint64_t entries = now.entries;
-    return again() == m_entry && m_board.Look(now) && m_board.IsOurs(now) &&
-           now.entries == entries && IsIntact(now);
-  }
+  /// Whether everything that was read is of one moment since Begin.
+  bool IsValid();
   /// Whether what was used belongs to one tile, of which IsValid has found that the entry is right
   /// for the value of `entries` then.
   bool HasOneTile() const { return m_usesOne && (m_isUnchanged || Board::IsTold(m_next)); }
@@ -77,9 +61,6 @@ class Snapshot {
   bool IsUnchanged() const { return m_isUnchanged; }
 
  private:
-  bool LookAgain(Board::Words& now);
-  bool IsIntact(const Board::Words& now) const;
-
   Board& m_board;
   const ZrFileStream& m_file;
   FileMap* const m_map;
@@ -88,9 +69,7 @@ class Snapshot {
   int m_attempts = 0;
   bool m_isUnchanged = false;
   bool m_usesOne = false;
-  bool m_comparesEntry = false;
   std::uint32_t m_tile = 0;
-  std::uint64_t m_entry = 0;
 };
 
 }  // namespace Zarn::Io

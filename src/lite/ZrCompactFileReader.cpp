@@ -50,17 +50,13 @@ unsigned int ZrCompactFileReader::Lookup(unsigned int row, unsigned int col, ZrB
 
 // False if changes by others go on for long; the result is a failure then.
 bool ZrCompactFileReader::LookUp(Tile& tile) {
-  const auto again = [&] {
-    unsigned long long entry = 0;
-    const bool isRead = ReadIndexValue(tile.row, tile.col, entry);
-    return isRead ? std::optional<std::uint64_t>(entry) : std::nullopt;
-  };
   for (Io::Snapshot snapshot(GetBoard(), *this, nullptr); snapshot.Begin();) {
     ReadTile(tile, snapshot);
-    if (snapshot.IsValid(again)) return true;
+    if (snapshot.IsValid()) return true;
   }
   tile.result = ZrResult::kReadFailure;
-  tile.hasEntry = again().has_value();
+  unsigned long long entry;
+  tile.hasEntry = ReadIndexValue(tile.row, tile.col, entry);
   return false;
 }
 
@@ -70,8 +66,7 @@ void ZrCompactFileReader::ReadTile(Tile& tile, Io::Snapshot& snapshot) {
   tile.result = ZrResult::kReadFailure;
   tile.hasEntry = FindRecord(tile.row, tile.col, entry, sizeHint);
   if (!tile.hasEntry) return;
-  snapshot.UsesTile(*Format::GridCellNumber(m_nRowCount, m_nColCount, tile.row, tile.col), entry,
-                    false);
+  snapshot.UsesTile(*Format::GridCellNumber(m_nRowCount, m_nColCount, tile.row, tile.col));
   tile.isThere = Format::HoldsRecord(Format::StatusOf(entry));
   tile.record.emplace(*this, Format::RecordShape{.swap = m_bSwap});
   if (tile.isThere && !ReadRecord(Format::PositionOf(entry), sizeHint, *tile.record)) return;

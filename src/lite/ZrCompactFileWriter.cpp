@@ -175,7 +175,7 @@ bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
   if (ReadIndexValue(row, col, before)) return ReplaceIndexValue(row, col, before, value);
   std::uint64_t after;
   StoreScalar<std::uint64_t>(&after, value, m_bSwap);
-  const Io::BoardChange change(GetBoard(), *cell, Io::BoardChange::kEntry);
+  const Io::BoardChange change(GetBoard(), *cell);
   return change.IsShown() && WriteAt(GetIndexShape().EntryAt(*cell), &after, sizeof after);
 }
 
@@ -187,7 +187,7 @@ bool ZrCompactFileWriter::ReplaceIndexValue(unsigned int row, unsigned int col,
   std::uint64_t stored[2];
   StoreScalar<std::uint64_t>(&stored[0], before, m_bSwap);
   StoreScalar<std::uint64_t>(&stored[1], after, m_bSwap);
-  const Io::BoardChange change(GetBoard(), *cell, Io::BoardChange::kEntry);
+  const Io::BoardChange change(GetBoard(), *cell);
   return change.IsShown() &&
          Io::ReplaceWord(*this, GetIndexShape().EntryAt(*cell), stored[0], stored[1]);
 }

@@ -89,6 +89,8 @@ class HX_PLATFORM_API ZrFileStream {
   /// Whether mappings, reads and writes of all processes that can open this file go to the same
   /// pages of this machine, so that each sees at once what the others write.
   bool SharesPages() const;
+  /// Makes the system read anew what it remembers of the file's contents.
+  void ForgetPages() const;
 
   /// Writes eight bytes, which must lie within the file, by one store into its pages: a process
   /// that is killed meanwhile has written all or none of them. False, and nothing is written, if

@@ -229,6 +229,8 @@ bool ZrFileStream::SharesPages() const {
   return std::ranges::find(kLocal, FileSystemOf(m_fd)) != std::end(kLocal);
 }
 
+void ZrFileStream::ForgetPages() const { ::posix_fadvise(m_fd, 0, 0, POSIX_FADV_DONTNEED); }
+
 // On an overlay, a file gets a copy of its own when it is first opened for writing. Earlier
 // descriptors read the copy from then on, but earlier mappings show the original for ever.
 bool ZrFileStream::ShowsWrites() const {
