@@ -81,7 +81,8 @@ void Engine::HandOver(OpenFile& file, const TileEntry& entry, const Io::RecordRe
                       ZrByteArray& buffer, ZrByteArray& data, unsigned long long& filledLength) {
   record.HandOver(buffer, data);
   filledLength = std::min(record.Head().filledLength, record.Head().capacity);
-  file.Index().KeepHint(entry);
+  // From a mapping, a head is read as quickly without one.
+  if (file.Map() == nullptr) file.Index().KeepHint(entry);
 }
 
 unsigned int Engine::Remove(unsigned int row, unsigned int col, std::uint64_t version) {

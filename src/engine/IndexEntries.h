@@ -19,11 +19,7 @@ class IndexEntries : public EntryWriter, protected Io::Board::Keeper {
       entry.recordLength = m_pIndex->GuessLength(entry.number, entry.position, view);
   }
   /// Keeps the record length that an operation has seen as the hint for the next ones.
-  void KeepHint(const TileEntry& entry) {
-    const auto hint = entry.recordLength <= UINT32_MAX ? entry.recordLength : 0;
-    if (m_pIndex->GetHint(entry.number) != hint)
-      m_pIndex->SetHint(entry.number, static_cast<std::uint32_t>(hint));
-  }
+  void KeepHint(const TileEntry& entry) { m_pIndex->SetHint(entry.number, entry.recordLength); }
   std::uint64_t GetHint(std::uint64_t number) const { return m_pIndex->GetHint(number); }
   /// Whether all that a lookup has read is valid.
   bool Check(View& view) const { return m_pIndex->Check(view); }

@@ -36,7 +36,7 @@ IndexPages::IndexPages(const ZrFile64& file, Io::Board& board, const Area& area)
       m_area(area),
       m_bytes(area.Size()),
       m_tags(PageCount(area.Size(), kPageSize) * kWord),
-      m_hints(area.index.count * sizeof(std::uint32_t)) {
+      m_hints(area.index.count * sizeof(Hint)) {
   static_assert(kPageSize % Format::kGridEntrySize == 0 && kPageSize % Format::kNamingSlotSize == 0,
                 "no entry lies on two pages, for pages are counted from the first entry");
 }
@@ -176,14 +176,19 @@ std::atomic_ref<std::uint64_t> IndexPages::TagOf(std::uint64_t page) const {
   return std::atomic_ref(reinterpret_cast<std::uint64_t*>(m_tags.Get())[page]);
 }
 
-std::uint32_t IndexPages::GetHint(std::uint64_t entry) const {
-  auto* hints = reinterpret_cast<std::uint32_t*>(m_hints.Get());
-  return std::atomic_ref(hints[entry]).load(std::memory_order_relaxed);
+std::uint64_t IndexPages::GetHint(std::uint64_t entry) const {
+  return HintOf(entry).load(std::memory_order_relaxed);
 }
 
-void IndexPages::SetHint(std::uint64_t entry, std::uint32_t hint) {
-  auto* hints = reinterpret_cast<std::uint32_t*>(m_hints.Get());
-  std::atomic_ref(hints[entry]).store(hint, std::memory_order_relaxed);
+// A large record takes so long that a second read of it does not matter.
+void IndexPages::SetHint(std::uint64_t entry, std::uint64_t length) {
+  const Hint hint = length <= UINT16_MAX ? static_cast<Hint>(length) : 0;
+  if (const auto place = HintOf(entry); place.load(std::memory_order_relaxed) != hint)
+    place.store(hint, std::memory_order_relaxed);
+}
+
+std::atomic_ref<IndexPages::Hint> IndexPages::HintOf(std::uint64_t entry) const {
+  return std::atomic_ref(reinterpret_cast<Hint*>(m_hints.Get())[entry]);
 }
 
 std::uint64_t IndexPages::GuessLength(std::uint64_t entry, std::uint64_t position,

@@ -91,10 +91,10 @@ class IndexPages {
   /// The entry, if there is one of this number, is to be read again. Any thread may tell.
   void Forget(std::uint32_t entry);
 
-  /// The hint for an entry: how large its record was when it was last seen; 0 at first. It may be
-  /// wrong.
-  std::uint32_t GetHint(std::uint64_t entry) const;
-  void SetHint(std::uint64_t entry, std::uint32_t hint);
+  /// The hint for an entry: how long its record was when it was last seen; 0 at first, and for a
+  /// large record. It may be wrong.
+  std::uint64_t GetHint(std::uint64_t entry) const;
+  void SetHint(std::uint64_t entry, std::uint64_t length);
   /// For an entry without a hint: how long the record at `position` is if the next entry's follows
   /// it; 0 if that entry would have to be read.
   std::uint64_t GuessLength(std::uint64_t entry, std::uint64_t position, const View& view) const;
@@ -105,6 +105,8 @@ class IndexPages {
   /// does, it is read each time.
   static constexpr std::uint64_t kForgotten = UINT64_MAX;
 
+  using Hint = std::uint16_t;
+
   bool ReadKept(std::uint64_t offset, std::uint64_t& stored, const View* view) const;
   bool ReadPage(std::uint64_t page, unsigned char* target) const;
   void Keep(std::uint64_t page, const unsigned char* bytes, std::uint64_t entries);
@@ -113,6 +115,7 @@ class IndexPages {
   std::uint64_t PositionOf(std::uint64_t offset) const { return m_area.index.EntryAt(0) + offset; }
   std::atomic_ref<std::uint64_t> ValueAt(std::uint64_t offset) const;
   std::atomic_ref<std::uint64_t> TagOf(std::uint64_t page) const;
+  std::atomic_ref<Hint> HintOf(std::uint64_t entry) const;
 
   const ZrFile64& m_file;
   Io::Board& m_board;
@@ -120,7 +123,7 @@ class IndexPages {
   std::mutex m_mutex;  // held while pages change
   ZeroMemory m_bytes;  // values, atomic
   ZeroMemory m_tags;   // of each page, atomic; 0 while it changes
-  ZeroMemory m_hints;  // 32 bits per entry, atomic
+  ZeroMemory m_hints;  // a Hint per entry, atomic
 };
 
 }  // namespace Zarn::Engine

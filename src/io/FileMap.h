@@ -22,6 +22,11 @@ class FileMap {
   /// Copies up to `size` bytes at `position`; returns how many the file has there, and 0 if it
   /// cannot be mapped. Meanwhile the file must not become shorter.
   std::uint64_t ReadUpTo(std::uint64_t position, void* target, std::uint64_t size);
+  /// Whether the file is known to have so many bytes there.
+  bool Has(std::uint64_t position, std::uint64_t size) const {
+    const std::uint64_t length = m_length.load(std::memory_order_acquire);
+    return position <= length && size <= length - position;
+  }
 
  private:
   struct View {

@@ -115,6 +115,7 @@ bool RecordReader::CompleteHead(std::uint64_t position, std::uint64_t available,
 }
 
 bool RecordReader::EndsInFile(std::uint64_t position) const {
+  if (m_map != nullptr && m_map->Has(position, m_head.length)) return true;
   std::uint64_t length;
   return m_file.GetLength(length) && position <= length && m_head.length <= length - position;
 }
