@@ -195,17 +195,20 @@ Numbers RunGrowth(Use& use, const std::vector<unsigned int>& /*arguments*/) {
 
 }  // namespace
 
+ZrCompactFile::ZrOpenMode ModeOf(const std::string& column) {
+  const bool isLocked = column == kLocked || column == kMappedLocked;
+  const bool isMapped = column == kMapped || column == kMappedLocked;
+  return ZrCompactFile::kCreateMissing | (isLocked ? ZrCompactFile::kProcessLock : 0U) |
+         (isMapped ? ZrCompactFile::kMapped : 0U);
+}
+
 Opener OpenerOf(const std::string& column) {
-  constexpr auto kPlain = ZrCompactFile::kCreateMissing;
   if (column == kLmdb) return OpenLmdb;
   if (column == kLight)
     return [](const fs::path& folder, const Tiles&, Access) {
       return std::make_unique<LightStore>(folder);
     };
-  const bool isLocked = column == kLocked || column == kMappedLocked;
-  const bool isMapped = column == kMapped || column == kMappedLocked;
-  return EngineOpener(kPlain | (isLocked ? ZrCompactFile::kProcessLock : 0U) |
-                      (isMapped ? ZrCompactFile::kMapped : 0U));
+  return EngineOpener(ModeOf(column));
 }
 
 Profile ProfileOf(const std::string& column, const Place& place, unsigned int gets, bool isPutting,

@@ -22,6 +22,8 @@ struct Place {
   bool isNamed;
 };
 
+/// How the engine is opened for a column.
+Zarn::ZrCompactFile::ZrOpenMode ModeOf(const std::string& column);
 /// A column's store.
 Opener OpenerOf(const std::string& column);
 
