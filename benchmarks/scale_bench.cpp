@@ -36,6 +36,7 @@ struct Size {
   unsigned int gets = 2000000, names = 4000000, grown = 2000000;
   unsigned int turns = 7, longTurns = 3;
   unsigned int coldTiles = 65536, coldRows = 16;
+  unsigned int pieces = 160;
   unsigned int rewrites = 4000;
   unsigned int compacted = 67000;  // tiles, each stored twice
   unsigned int mostCells = 100000000, mostNames = 10000000;
@@ -51,6 +52,7 @@ constexpr Size kQuick = {.cells = 1 << 20,
                          .longTurns = 1,
                          .coldTiles = 4096,
                          .coldRows = 4,
+                         .pieces = 32,
                          .rewrites = 400,
                          .compacted = 3000,
                          .mostCells = 1000000,
@@ -285,11 +287,12 @@ void MeasureCold(Report& report, const Size& size, const fs::path& folder) {
 }
 
 void MeasurePieces(Report& report, const Size& size, const fs::path& folder) {
-  constexpr std::size_t kWhole = 10 << 20, kPiece = 64 << 10, kCount = kWhole / kPiece;
-  const std::string inOrder = "10 MiB in 64 KiB pieces, in order";
+  constexpr std::size_t kPiece = 64 << 10;
+  const std::size_t whole = size.pieces * kPiece;
+  const std::string inOrder = std::to_string(whole >> 20) + " MiB in 64 KiB pieces, in order";
   std::vector<const char*> columns = kPlainOnes;
   InTurns(size.turns, columns, [&](const char* column, unsigned int turn) {
-    std::vector<unsigned int> order(kCount);
+    std::vector<unsigned int> order(size.pieces);
     std::iota(order.begin(), order.end(), 0U);
     double reference = 0;
     for (const char* how : {"in order", "shuffled", "backwards"}) {
@@ -302,14 +305,14 @@ void MeasurePieces(Report& report, const Size& size, const fs::path& folder) {
         for (const unsigned int piece : order) {
           const std::vector<unsigned char> bytes(kPiece, static_cast<unsigned char>(piece));
           const ZrByteArray data(bytes.data(), bytes.size());
-          Check(file.SetAt(0, 0, data, kWhole, piece * kPiece, 1) == 0);
+          Check(file.SetAt(0, 0, data, whole, piece * kPiece, 1) == 0);
         }
       });
-      ZrByteArray whole;
+      ZrByteArray tile;
       unsigned long long filled = 0;
-      Check(file.Lookup(0, 0, whole, filled, 1) == 0 && whole.GetSize() == kWhole);
-      for (std::size_t i = 0; i < kWhole; ++i)
-        Check(whole.GetData()[i] == static_cast<unsigned char>(i / kPiece));
+      Check(file.Lookup(0, 0, tile, filled, 1) == 0 && tile.GetSize() == whole);
+      for (std::size_t i = 0; i < whole; ++i)
+        Check(tile.GetData()[i] == static_cast<unsigned char>(i / kPiece));
       if (reference == 0) {
         reference = seconds;
         report.Figure(inOrder, "ms").Add(column, seconds * 1e3);
@@ -526,7 +529,8 @@ void DrawSweep(const Size& size, const fs::path& folder, const fs::path& out) {
         std::vector<double> samples[4];
         for (unsigned int turn = 0; turn < size.longTurns; ++turn) {
           const Profile gets = ProfileOf(kAllOnes[i], place, 100000, false, turn);
-          const Profile put = ProfileOf(kAllOnes[i], place, 0, true, turn);
+          const auto number = static_cast<unsigned int>(turn * kAllOnes.size() + i);
+          const Profile put = ProfileOf(kAllOnes[i], place, 0, true, number);
           const double values[4] = {gets.open * 1e6, put.put * 1e6, gets.get * 1e6, gets.ownMiB};
           for (std::size_t k = 0; k < 4; ++k)
             samples[k].push_back(std::max(values[k], 0.001));
@@ -542,7 +546,7 @@ void DrawSweep(const Size& size, const fs::path& folder, const fs::path& out) {
   }
   fs::create_directories(out);
   std::ofstream file(out / "sweep.svg");
-  file << DrawPanels("cost by the size of the file; the fewer, the better", panels, 4);
+  file << DrawPanels("cost by the number of cells and of names; less is better", panels, 4);
   file.close();
   Check(!file.fail());
 }
