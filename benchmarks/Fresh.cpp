@@ -169,7 +169,7 @@ Numbers RunBeside(Use& use, const std::vector<unsigned int>& arguments) {
   for (unsigned int round = 1; round <= arguments.at(1); ++round) {
     Fresh("puts", use.column, use.place, {first + round * others, others});
     times.push_back(use.Put(use.NewTile(first + round, 2)));
-    use.Get(use.NewTile(first + round * others + others - 1, 3));
+    if (others != 0) use.Get(use.NewTile(first + round * others + others - 1, 3));
     use.Get(use.NewTile(first + round, 2));
   }
   const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
