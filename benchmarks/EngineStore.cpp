@@ -62,11 +62,12 @@ class EngineStore : public Store {
 
 }  // namespace
 
-Batch::Batch(const Tiles& tiles, unsigned int firstTile, unsigned int count)
-    : first(firstTile), data(count) {
+Batch::Batch(const Tiles& tiles, unsigned int firstTile, unsigned int count, unsigned int stepTo)
+    : first(firstTile), step(stepTo), data(count) {
   for (unsigned int i = 0; i < count; ++i) {
-    const unsigned int tile = first + i;
-    Check(data[i].Assign(tiles.payload.data(), tiles.sizes[tile]));
+    const unsigned int tile = TileAt(i);
+    Check(data[i].Assign(tiles.payload.data(), tiles.SizeOf(tile)));
+    SetMarks(data[i], {tile, 0});
     if (tiles.IsNamed())
       names.push_back({tiles.names[tile], &data[i], 0, 0, kStamp});
     else

@@ -155,6 +155,7 @@ void LimitStore::Put(unsigned int tile, const Zarn::ZrByteArray& data) {
 }
 
 void LimitStore::PutBatch(const Batch& batch) {
+  Check(batch.step == 1);
   std::vector<iovec> parts;
   std::size_t bytes = 0;
   const auto flush = [&] {

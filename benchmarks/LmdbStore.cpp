@@ -36,7 +36,7 @@ class LmdbStore : public Store {
     const unsigned int flags = m_tiles.IsNamed() ? 0 : MDB_APPEND;
     MDB_txn* transaction = Begin(0);
     for (unsigned int i = 0; i < batch.data.size(); ++i)
-      Put(transaction, batch.first + i, batch.data[i], flags);
+      Put(transaction, batch.TileAt(i), batch.data[i], flags);
     Check(mdb_txn_commit(transaction) == 0);
   }
 

@@ -82,7 +82,7 @@ class SqliteStore : public Store {
   void PutBatch(const Batch& batch) override {
     GetInsert().Run("BEGIN");
     for (unsigned int i = 0; i < batch.data.size(); ++i)
-      Insert(batch.first + i, batch.data[i]);
+      Insert(batch.TileAt(i), batch.data[i]);
     GetInsert().Run("COMMIT");
   }
 

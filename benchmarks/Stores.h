@@ -19,11 +19,13 @@ class Reader {
   virtual Bytes Get(unsigned int tile) = 0;
 };
 
-/// Neighbouring tiles to be stored at once, each with memory of its own.
+/// Tiles to be stored at once, each with memory of its own: neighbours, or every `step`-th.
 struct Batch {
-  Batch(const Tiles& tiles, unsigned int firstTile, unsigned int count);
+  Batch(const Tiles& tiles, unsigned int firstTile, unsigned int count, unsigned int stepTo = 1);
 
-  unsigned int first;
+  unsigned int TileAt(std::size_t i) const { return first + static_cast<unsigned int>(i) * step; }
+
+  unsigned int first, step;
   std::vector<Zarn::ZrByteArray> data;
   // The same as the engine takes them; one of the two is empty.
   std::vector<Zarn::ZrCompactFile::ZrCellStore> cells;

@@ -21,7 +21,8 @@ inline constexpr unsigned int kColumns = 256;  // of a grid
 
 using Bytes = std::span<const unsigned char>;
 
-/// What a benchmark stores: so many tiles of given sizes, in cells or by names.
+/// What a benchmark stores: so many tiles of given sizes, in cells or by names. Where only one size
+/// is given, all tiles have it, and there may be any number of them.
 struct Tiles {
   explicit Tiles(std::vector<std::size_t> tileSizes) : sizes(std::move(tileSizes)) {
     payload.assign(*std::max_element(sizes.begin(), sizes.end()) * 2, 0x5A);
@@ -29,14 +30,23 @@ struct Tiles {
 
   unsigned int Count() const { return static_cast<unsigned int>(sizes.size()); }
   unsigned int Rows() const { return (Count() + kColumns - 1) / kColumns; }
+  std::size_t SizeOf(unsigned int tile) const { return sizes[sizes.size() == 1 ? 0 : tile]; }
   bool IsNamed() const { return !names.empty(); }
 
   /// Gives every tile the name that it has in a map of zoom level 8.
   void MakeNames() {
-    for (unsigned int i = 0; i < Count(); ++i) {
-      utf8Names.push_back("8/" + std::to_string(i % kColumns) + "/" + std::to_string(i / kColumns));
-      names.push_back(PelmUnicodeString::FromUtf8(utf8Names.back()));
-    }
+    MakeRoomForNames(Count());
+    for (unsigned int i = 0; i < Count(); ++i)
+      MakeName(i);
+  }
+  /// Of one tile only; there must be room for it.
+  void MakeName(unsigned int i) {
+    utf8Names[i] = "8/" + std::to_string(i % kColumns) + "/" + std::to_string(i / kColumns);
+    names[i] = PelmUnicodeString::FromUtf8(utf8Names[i]);
+  }
+  void MakeRoomForNames(unsigned int count) {
+    utf8Names.resize(count);
+    names.resize(count);
   }
 
   std::vector<std::size_t> sizes;
@@ -68,6 +78,11 @@ inline Mark MarkAt(const unsigned char* bytes) {
   return mark;
 }
 
+inline void SetMarks(Zarn::ZrByteArray& data, const Mark& mark) {
+  std::memcpy(data.GetData(), &mark, sizeof mark);
+  std::memcpy(data.GetData() + data.GetSize() - sizeof mark, &mark, sizeof mark);
+}
+
 /// The bytes to store, other ones each time.
 class Payload {
  public:
@@ -78,10 +93,8 @@ class Payload {
 
   // All bytes are there from the beginning: setting the size neither copies nor clears any.
   const Zarn::ZrByteArray& Next(unsigned int tile, std::size_t size) {
-    const Mark mark = {tile, m_store++};
     Check(m_data.ResizeForOverwrite(size));
-    std::memcpy(m_data.GetData(), &mark, sizeof mark);
-    std::memcpy(m_data.GetData() + size - sizeof mark, &mark, sizeof mark);
+    SetMarks(m_data, {tile, m_store++});
     return m_data;
   }
 
