@@ -7,6 +7,12 @@
 #include <new>
 
 namespace Zarn::Io {
+namespace {
+
+constexpr std::uint64_t kPiece = 256 * 1024;
+constexpr std::uint64_t kBits = 64;
+
+}  // namespace
 
 FileMap::~FileMap() {
   for (const View& view : m_views)
@@ -21,9 +27,20 @@ std::uint64_t FileMap::ReadUpTo(std::uint64_t position, void* target, std::uint6
   std::uint64_t available = inFile();
   if (available < size && !m_isUseless.load(std::memory_order_relaxed) && Extend())
     available = inFile();
-  if (available != 0)
-    std::memcpy(target, m_view.load(std::memory_order_acquire)->bytes + position, available);
+  if (available == 0) return 0;
+  const View& view = *m_view.load(std::memory_order_acquire);
+  for (std::uint64_t i = position / kPiece; i <= (position + available - 1) / kPiece; ++i)
+    if (!view.WasRead(i)) m_file->ReadAhead(i * kPiece, kPiece);
+  std::memcpy(target, view.bytes + position, available);
   return available;
+}
+
+// From now on it was.
+bool FileMap::View::WasRead(std::uint64_t piece) const {
+  std::atomic<std::uint64_t>& bits = pieces[piece / kBits];
+  const std::uint64_t bit = std::uint64_t{1} << piece % kBits;
+  return (bits.load(std::memory_order_relaxed) & bit) != 0 ||
+         (bits.fetch_or(bit, std::memory_order_relaxed) & bit) != 0;
 }
 
 // Asks for the length of the file, and maps twice as much if the file has outgrown the view, so
@@ -43,7 +60,8 @@ bool FileMap::Extend() {
       return false;
     }
     try {
-      m_views.push_back({bytes, size});
+      const std::uint64_t words = size / (kPiece * kBits) + 1;
+      m_views.push_back({bytes, size, std::make_unique<std::atomic<std::uint64_t>[]>(words)});
     } catch (const std::bad_alloc&) {
       ::munmap(const_cast<unsigned char*>(bytes), size);
       return false;

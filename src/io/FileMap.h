@@ -10,8 +10,10 @@
 
 namespace Zarn::Io {
 
-/// A file as memory, read without a system call. The mapping has room for the file to grow; no read
-/// touches what lies behind the end of the file, which would end the process. Safe from any thread.
+/// A file as memory, read without a system call. Only before the first read of a piece one call
+/// makes the system read all of it: else a cold file would be waited for page by page. The mapping
+/// has room for the file to grow; no read touches what lies behind the end of the file, which would
+/// end the process. Safe from any thread.
 class FileMap {
  public:
   explicit FileMap(std::shared_ptr<const ZrFile64> file) : m_file(std::move(file)) {}
@@ -30,8 +32,11 @@ class FileMap {
 
  private:
   struct View {
+    bool WasRead(std::uint64_t piece) const;
+
     const unsigned char* bytes;
     std::uint64_t size;
+    std::unique_ptr<std::atomic<std::uint64_t>[]> pieces;  // a bit each: it was read
   };
 
   bool Extend();

@@ -91,6 +91,8 @@ class HX_PLATFORM_API ZrFileStream {
   bool SharesPages() const;
   /// Makes the system read anew what it remembers of the file's contents.
   void ForgetPages() const;
+  /// Makes the system begin to read what is not in its memory. Promises nothing.
+  void ReadAhead(std::uint64_t position, std::uint64_t size) const;
 
   /// Writes eight bytes, which must lie within the file, by one store into its pages: a process
   /// that is killed meanwhile has written all or none of them. False, and nothing is written, if

@@ -196,7 +196,6 @@ const unsigned char* ZrFileStream::Map(std::uint64_t size) const {
   void* const bytes =
       GetFileSyscalls().mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_NORESERVE, m_fd, 0);
   if (bytes == MAP_FAILED) return nullptr;
-  ::madvise(bytes, size, MADV_RANDOM);
   return static_cast<unsigned char*>(bytes);
 }
 
@@ -230,6 +229,10 @@ bool ZrFileStream::SharesPages() const {
 }
 
 void ZrFileStream::ForgetPages() const { ::posix_fadvise(m_fd, 0, 0, POSIX_FADV_DONTNEED); }
+
+void ZrFileStream::ReadAhead(std::uint64_t position, std::uint64_t size) const {
+  ::posix_fadvise(m_fd, Offset(position), Offset(size), POSIX_FADV_WILLNEED);
+}
 
 // On an overlay, a file gets a copy of its own when it is first opened for writing. Earlier
 // descriptors read the copy from then on, but earlier mappings show the original for ever.
