@@ -8,6 +8,13 @@ if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYP
   set(CMAKE_BUILD_TYPE Release CACHE STRING "" FORCE)
 endif()
 
+# From -O2 on, g++ 12 counts a loop down by an instruction that overwrites the condition code, even if
+# a branch behind the loop still needs it: StoreBatch::Write then wrote no entries. The option -march
+# changes nothing.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "^s390")
+  add_compile_options(-fno-branch-count-reg)
+endif()
+
 find_package(Threads REQUIRED)
 
 function(hx_target_settings target)

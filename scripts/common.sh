@@ -30,6 +30,27 @@ need() {
   rm -f "$log"
 }
 
+# need_charsets MACHINE: the character sets of Debian's C library for that machine, as files in
+# build/MACHINE-libc. Its cross packages lack them. Nothing is installed, and apt's lists stay as they
+# are.
+need_charsets() {
+  local machine=$1 state
+  local folder=$PWD/build/$machine-libc
+  [ -d "$folder" ] && return
+  echo "fetching the character sets of $machine ..." >&2
+  state=$(mktemp -d)
+  mkdir -p "$state/lists/partial" "$state/archives/partial"
+  local apt=(apt-get -o APT::Architecture="$machine" -o APT::Architectures="$machine"
+    -o Dir::State="$state" -o Dir::State::status=/dev/null -o Dir::Cache="$state"
+    -o APT::Sandbox::User=root)
+  mkdir -p build
+  if ! (cd "$state" && "${apt[@]}" update && "${apt[@]}" download libc6 &&
+    dpkg -x libc6_*.deb root && mv root "$folder") >"$state/log" 2>&1; then
+    fail "cannot fetch libc6 for $machine through apt (see $state/log)"
+  fi
+  rm -r "$state"
+}
+
 need_compiler() { need cmake=cmake ninja=ninja-build g++=g++ "$@"; }
 
 # build PRESET [OPTION...]: configures and builds build/PRESET quietly; shows the log if it fails.

@@ -14,6 +14,7 @@ need_compiler /usr/include/gmock/gmock.h=libgmock-dev python3=python3 pkg-config
 if [ "$preset" = s390x ]; then
   need s390x-linux-gnu-g++=g++-s390x-linux-gnu qemu-s390x-static=qemu-user-static \
     /usr/src/googletest/CMakeLists.txt=googletest
+  need_charsets s390x
   build dev
 fi
 build "$preset"

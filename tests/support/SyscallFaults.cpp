@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -349,7 +348,7 @@ LIBC void* mmap(void* address, std::size_t size, int protection, int flags, int 
   if (FailsRequest()) return MAP_FAILED;
   if (__interceptor_mmap != nullptr)
     return __interceptor_mmap(address, size, protection, flags, fd, offset);
-  return reinterpret_cast<void*>(::syscall(SYS_mmap, address, size, protection, flags, fd, offset));
+  return ::mmap64(address, size, protection, flags, fd, offset);  // glibc's other name for it
 }
 
 }  // extern "C"
