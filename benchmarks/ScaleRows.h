@@ -48,7 +48,6 @@ void MeasureLength(Report& report, const LargeScale& size, const std::filesystem
 void MeasureCompaction(Report& report, const LargeScale& size, const std::filesystem::path& folder);
 void MeasureOlderVersions(Report& report, const LargeScale& size,
                           const std::filesystem::path& folder);
-void MeasureNameCost(Report& report, const LargeScale& size, const std::filesystem::path& folder);
 
 /// How the cost of a file's first operations depends on its size: FOLDER/sweep.svg, of the medians
 /// of some processes.

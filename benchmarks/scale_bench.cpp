@@ -2,7 +2,7 @@
 // a process cost.
 //   scale_bench [--quick] [--only PART] [--out FOLDER]
 // Parts: first, beside, memory, sparse, names, growing, fresh, cold, pieces, length, compact,
-// versions, lookup, sweep. FOLDER (build/bench) receives the tables, and of sweep a chart.
+// versions, sweep. FOLDER (build/bench) receives the tables, and of sweep a chart.
 //
 // Work of one thread is measured by the time of the processor that it takes, all else by the clock.
 
@@ -43,8 +43,7 @@ constexpr Part kParts[] = {{"first", MeasureFirstPuts},    {"beside", MeasureBes
                            {"names", MeasureNames},        {"growing", MeasureGrowth},
                            {"fresh", MeasureFreshOpening}, {"cold", MeasureCold},
                            {"pieces", MeasurePieces},      {"length", MeasureLength},
-                           {"compact", MeasureCompaction}, {"versions", MeasureOlderVersions},
-                           {"lookup", MeasureNameCost}};
+                           {"compact", MeasureCompaction}, {"versions", MeasureOlderVersions}};
 
 }  // namespace
 
