@@ -309,7 +309,6 @@ const Fault kFaults[] = {
     {"ENOSPC for good", ENOSPC, kForGood},
     {"EINTR", EINTR, kOnce},
     {"short for good", SyscallFaults::kShort, kForGood},
-    {"cut off", SyscallFaults::kCutOff, kOnce},
     {"no memory", ENOMEM, kOnce},
     {"no memory for good", ENOMEM, kForGood},
 };
