@@ -278,7 +278,7 @@ std::size_t PowerLoss::CountSteps() const { return g_steps.size(); }
 void PowerLoss::Leave(std::size_t step, const std::function<bool()>& keep) {
   Disk disk = g_disk;
   for (std::size_t i = 0; i < step; ++i)
-    if (g_steps[i].change != nullptr && (IsSynced(i, step) || keep())) g_steps[i].change(disk);
+    if (g_steps[i].change != nullptr && (keep() || IsSynced(i, step))) g_steps[i].change(disk);
   for (const fs::directory_entry& entry : fs::directory_iterator(g_folder))
     fs::remove(entry.path());
   for (const auto& [name, file] : disk.names)
