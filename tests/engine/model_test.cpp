@@ -346,7 +346,8 @@ INSTANTIATE_TEST_SUITE_P(Engine, PowerLossAfterFlush,
                          NameOfParam);
 
 TEST_P(PowerLossAfterFlush, KeepsWhatWasNotTouchedSince) {
-  firstCol = 498;  // the entry of 502 lies on two pages
+  random.seed(10);  // tears the last record in its head, too
+  firstCol = 498;   // the entry of 502 lies on two pages
   for (int round = 0; round < 200 && !HasFailure(); ++round) {
     SCOPED_TRACE(round);
     Make(2, 600);

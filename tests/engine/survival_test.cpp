@@ -9,7 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <new>
-#include <ostream>
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -54,10 +54,6 @@ struct Layout {
   std::size_t size;     // of most payloads
   std::uint64_t start;  // where in a page the records of that tile begin
   std::uint64_t index;  // naming files: where in a page the index begins; 0: at the file's 64
-
-  friend std::ostream& operator<<(std::ostream& out, const Layout& layout) {
-    return out << layout.name;
-  }
 };
 
 // Of what spans two pages, one byte is in the first: the position of the second version in a table,
@@ -98,12 +94,6 @@ struct Bench {
                    unsigned long long capacity = 0, unsigned long long offset = 0) {
     return At([&](auto&&... at) { return file.SetAt(at..., tileData, capacity, offset, version); });
   }
-  // A piece that ends where a tile of the usual size does, or where its first half does.
-  unsigned int PutPiece(Size size, unsigned long long version, bool ends = true) {
-    const unsigned long long end = ends ? layout.size : layout.size / 2;
-    return Put(data[size], version, layout.size, end - data[size].GetSize());
-  }
-
   // For what is there beforehand: each version has a letter of its own.
   void FillPageUpTo(std::uint64_t inPage) {
     const std::string native = path.ToUtf8();
@@ -198,8 +188,12 @@ struct Operation {
 Run Put(Size size, unsigned long long version) {
   return [=](Bench& b) { return b.Put(b.data[size], version); };
 }
+// One that ends where a tile of the usual size does, or where its first half does.
 Run PutPiece(Size size, unsigned long long version, bool ends = true) {
-  return [=](Bench& b) { return b.PutPiece(size, version, ends); };
+  return [=](Bench& b) {
+    const unsigned long long all = b.layout.size, end = ends ? all : all / 2;
+    return b.Put(b.data[size], version, all, end - b.data[size].GetSize());
+  };
 }
 Run Remove(unsigned long long version) {
   return
@@ -249,6 +243,8 @@ unsigned int WriteByStub(Bench& b) {
 constexpr unsigned int kPiece = kStoresPiece | kMayBeDone, kMissing = kOpens | kMakes,
                        kLightly = kLight | kOpens;
 const Codes kOpening = {1, 2, 3, 5, 6}, kWriting = {5, 6, 9, 10};
+const Operation kCompact = {
+    "compact", ThreeVersions, [](Bench& b) { return b.file.Compact(); }, 0, {1, 2, 9, 10}};
 const Operation kOperations[] = {
     {"new", NoTile, Put(kSame, 4)},
     {"new, a piece", NoTile, PutPiece(kHalf, 4)},
@@ -273,7 +269,7 @@ const Operation kOperations[] = {
     {"256th name", Names255, Put(kSame, 4), kNamingOnly},
     {"batch", OneVersion, StoreBatch, kManyTiles},
     {"password", OneVersion, [](Bench& b) { return b.file.SetPassword(u"secret") ? 0U : 10U; }},
-    {"compact", ThreeVersions, [](Bench& b) { return b.file.Compact(); }, 0, {1, 2, 9, 10}},
+    kCompact,
     {"create", NoTile, Create(0), kMissing, {2}},
     {"create anew", OneVersion, Create(ZrCompactFile::kReplace), kOpens, {2}},
     {"open a missing file", NoTile, Open, kNamingOnly | kMissing | kMayBeDone, kOpening},
@@ -313,7 +309,6 @@ const Fault kFaults[] = {
     {"ENOSPC for good", ENOSPC, kForGood},
     {"EINTR", EINTR, kOnce},
     {"short for good", SyscallFaults::kShort, kForGood},
-    {"cut off", SyscallFaults::kCutOff, kOnce},
     {"no memory", ENOMEM, kOnce},
     {"no memory for good", ENOMEM, kForGood},
 };
@@ -527,6 +522,35 @@ TEST_P(Survival, AnOperationCutShortAnywhereIsDoneOrNot) {
         SCOPED_TRACE(std::string(fault.name) + " " + std::to_string(n));
         isMet = fault.error == 0 ? IsKilled(operation, n) : MeetsFault(operation, fault, n);
         EXPECT_LE(CountOpenDescriptors(), descriptors);
+      }
+    }
+  }
+}
+
+// It goes at any moment of a compaction, or of one that finishes what another one has begun, and
+// takes any part of what was not synced with it.
+TEST_P(Survival, ACompactionLosesNothingWithoutPower) {
+  ASSERT_NO_FATAL_FAILURE(Prepare(kCompact));
+  std::mt19937 random(1);
+  for (const auto extent : {kOnce, kForGood}) {
+    bool isMet = true;
+    for (std::size_t n = 1; isMet && !HasFailure(); n += kStep) {
+      SCOPED_TRACE(n);
+      PutBack(m_before);
+      PowerLoss power(folder.GetFolder().string());
+      for (const std::size_t failing : {n, std::size_t{0}}) {
+        Bench bench(layout, path);
+        Start(kCompact, bench);
+        power.FailCall(failing, EIO, extent);
+        kCompact.run(bench);
+        if (failing != 0) isMet = power.HasFailed();
+        power.FailCall(0, 0);
+      }
+      const std::size_t steps = power.CountSteps();
+      for (unsigned int loss = 0; loss < 12; ++loss) {
+        power.Leave(random() % (steps + 1), [&] { return random() % 4 < loss % 5; });
+        ZrCompactFile none;
+        ExpectState(kCompact, {}, true, true, none);
       }
     }
   }

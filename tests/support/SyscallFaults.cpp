@@ -55,34 +55,24 @@ int g_error;  // of calls
 pthread_t g_thread;
 std::size_t g_killing, g_boundary;  // the number of the call at which the process dies
 
-struct Range {
-  off_t position = 0;
-  std::size_t size = 0;
-
-  // What lies before the n-th page boundary in it; 0 if there is none, and before all.
-  std::size_t SizeBefore(std::size_t n) const {
-    const std::size_t before = n * kPageSize - static_cast<std::size_t>(position) % kPageSize;
-    return n > 0 && before < size ? before : 0;
-  }
-};
-
-// The bytes that a call moves.
-template <typename Bytes>
-Range RangeOf(int, Bytes*, std::size_t size, off_t position) {
-  return {position, size};
+// What a killed write has done: what lies before a page boundary.
+void DoPart(int fd, const void* bytes, std::size_t size, off_t position) {
+  const std::size_t before =
+      g_boundary * kPageSize - static_cast<std::size_t>(position) % kPageSize;
+  if (g_boundary > 0 && before >= size) ::_exit(SyscallFaults::kNoBoundary);
+  if (g_boundary > 0) g_saved.pwrite(fd, bytes, before, position);
 }
 template <typename... Others>
-Range RangeOf(Others...) {
-  return {};
+void DoPart(Others...) {
+  if (g_boundary > 0) ::_exit(SyscallFaults::kNoBoundary);
 }
 
-// Changes the arguments of a call so that it moves no more than `limit` bytes.
 template <typename Bytes>
-void Limit(std::size_t limit, int&, Bytes*&, std::size_t& size, off_t&) {
-  size = std::min(size, limit);
+void Halve(int&, Bytes*&, std::size_t& size, off_t&) {
+  size = (size + 1) / 2;
 }
 template <typename... Others>
-void Limit(std::size_t, Others&...) {}
+void Halve(Others&...) {}
 
 bool IsRelease(std::string_view, int, int, struct flock* lock) { return lock->l_type == F_UNLCK; }
 template <typename... Arguments>
@@ -98,32 +88,20 @@ constexpr std::string_view kInterrupted =
     " open pread pwrite copy_file_range ftruncate fallocate fdatasync fsync lock ";
 
 // Whether the call is one of those that g_error is for.
-bool IsMeant(std::string_view name, const Range& range) {
+bool IsMeant(std::string_view name) {
   if (g_error == EINTR) return IsOneOf(name, kInterrupted);
-  if (g_error == ENOSPC) return IsOneOf(name, kTakingRoom);
-  return g_error != SyscallFaults::kCutOff || (name == "pwrite" && range.SizeBefore(1) != 0);
+  return g_error != ENOSPC || IsOneOf(name, kTakingRoom);
 }
-
-// How many bytes a call may move. One that is cut off is followed by an error.
-std::size_t LimitOf(const Range& range) {
-  if (g_error == SyscallFaults::kShort) return (range.size + 1) / 2;
-  g_error = EIO;
-  ++g_calls.failing;
-  return range.SizeBefore(1);
-}
-
-// A change of a file or a name.
-struct Step {
-  enum Kind { kWrite, kLength, kSync, kName, kSyncNames } kind;
-  ino_t file = 0;
-  off_t offset = 0;
-  std::string bytes = {};          // written
-  std::string from = {}, to = {};  // names; "" for none
-};
 
 struct Disk {
   std::map<ino_t, std::string> files;
   std::map<std::string, ino_t> names;
+};
+
+// A change of a file (0: of names), or without one a sync of all that came before.
+struct Step {
+  ino_t file;
+  std::function<void(Disk&)> change;
 };
 
 bool g_records;
@@ -131,40 +109,52 @@ fs::path g_folder;
 Disk g_disk;  // at first
 std::vector<Step> g_steps;
 
-struct stat StatusOf(int fd) {
+ino_t FileOf(int fd) {
   struct stat status = {};
   ::fstat(fd, &status);
-  return status;
+  return S_ISDIR(status.st_mode) ? 0 : status.st_ino;
 }
 std::string NameOf(const char* path) { return fs::path(path).filename().string(); }
 
 // What a call that has succeeded has changed.
 void Record(std::string_view, ssize_t size, int fd, const void* bytes, std::size_t, off_t at) {
   const std::string all(static_cast<const char*>(bytes), static_cast<std::size_t>(size));
-  for (std::size_t done = 0, piece; done < all.size(); done += piece) {
-    const off_t position = at + static_cast<off_t>(done);
-    piece = kPageSize - static_cast<std::size_t>(position) % kPageSize;
-    g_steps.push_back({Step::kWrite, StatusOf(fd).st_ino, position, all.substr(done, piece)});
+  for (std::size_t done = 0, length; done < all.size(); done += length) {
+    const std::size_t position = static_cast<std::size_t>(at) + done;
+    length = kPageSize - position % kPageSize;
+    const auto change = [file = FileOf(fd), position,
+                         piece = all.substr(done, length)](Disk& disk) {
+      std::string& content = disk.files[file];
+      content.resize(std::max(content.size(), position + piece.size()));
+      content.replace(position, piece.size(), piece);
+    };
+    g_steps.push_back({FileOf(fd), change});
   }
 }
 void Record(std::string_view, int, int fd, off_t length) {
-  g_steps.push_back({Step::kLength, StatusOf(fd).st_ino, length});
+  const auto size = static_cast<std::size_t>(length);
+  g_steps.push_back(
+      {FileOf(fd), [=, file = FileOf(fd)](Disk& disk) { disk.files[file].resize(size); }});
 }
 void Record(std::string_view name, int, int fd) {
-  if (name == "close") return;
-  const auto kind = S_ISDIR(StatusOf(fd).st_mode) ? Step::kSyncNames : Step::kSync;
-  g_steps.push_back({kind, StatusOf(fd).st_ino});
+  if (name != "close") g_steps.push_back({FileOf(fd), nullptr});
 }
 void Record(std::string_view, int fd, const char* path, int flags, mode_t) {
   if ((flags & O_CREAT) == 0) return;
-  g_steps.push_back({Step::kName, StatusOf(fd).st_ino, 0, "", "", NameOf(path)});
+  g_steps.push_back({0, [name = NameOf(path), file = FileOf(fd)](Disk& disk) {
+                       disk.names[name] = file;
+                       disk.files[file].clear();  // perhaps a number used before
+                     }});
 }
 void Record(std::string_view, int, const char* path) {
-  g_steps.push_back({Step::kName, 0, 0, "", NameOf(path), ""});
+  g_steps.push_back({0, [name = NameOf(path)](Disk& disk) { disk.names.erase(name); }});
 }
-void Record(std::string_view name, int, const char* from, const char* to) {
+void Record(std::string_view name, int, const char* old, const char* path) {
   if (!name.starts_with("rename") || name == "renameExchange") std::abort();  // not known here
-  g_steps.push_back({Step::kName, 0, 0, "", NameOf(from), NameOf(to)});
+  g_steps.push_back({0, [from = NameOf(old), to = NameOf(path)](Disk& disk) {
+                       const auto moved = disk.names.extract(from);
+                       if (!moved.empty()) disk.names[to] = moved.mapped();
+                     }});
 }
 template <typename... Others>
 void Record(std::string_view, Others...) {}
@@ -172,17 +162,13 @@ void Record(std::string_view, Others...) {}
 template <typename Call, typename... Arguments>
 auto Pass(std::string_view name, Call call, Arguments... arguments) {
   const std::size_t number = ++g_total;
-  const Range range = RangeOf(arguments...);
   if (number == g_killing) {
-    const std::size_t size = name == "pwrite" ? range.SizeBefore(g_boundary) : 0;
-    if (g_boundary > 0 && size == 0) ::_exit(SyscallFaults::kNoBoundary);
-    Limit(size, arguments...);
-    if (size > 0) call(arguments...);
+    DoPart(arguments...);
     ::kill(::getpid(), SIGKILL);
   }
-  const bool isChosen = IsMeant(name, range) && g_calls.Has(++g_calls.count);
-  const bool fails = isChosen && g_error > 0;
-  if (isChosen && !fails) Limit(LimitOf(range), arguments...);
+  const bool isChosen = IsMeant(name) && g_calls.Has(++g_calls.count);
+  const bool fails = isChosen && g_error != SyscallFaults::kShort;
+  if (isChosen && !fails) Halve(arguments...);
   using Result = decltype(call(arguments...));
   const auto failure = (Result)-1;  // of any type: a number, or MAP_FAILED
   const Result result = fails && !IsRelease(name, arguments...) ? failure : call(arguments...);
@@ -198,36 +184,13 @@ bool FailsRequest() {
   return true;
 }
 
-void Apply(const Step& step, Disk& disk) {
-  if (step.kind == Step::kWrite || step.kind == Step::kLength) {
-    std::string& file = disk.files[step.file];
-    const auto offset = static_cast<std::size_t>(step.offset);
-    if (step.kind == Step::kLength || file.size() < offset + step.bytes.size())
-      file.resize(offset + step.bytes.size());
-    file.replace(offset, step.bytes.size(), step.bytes);
-  } else if (step.kind == Step::kName) {
-    ino_t file = step.file;
-    if (step.from.empty()) {
-      disk.files[file].clear();  // made anew, perhaps with a number used before
-    } else {
-      const auto found = disk.names.find(step.from);
-      if (found == disk.names.end()) return;
-      file = found->second;
-      disk.names.erase(found);
-    }
-    if (!step.to.empty()) disk.names[step.to] = file;
-  }
-}
-
 bool IsSynced(std::size_t step, std::size_t end) {
-  const auto [kind, file] = std::pair(g_steps[step].kind, g_steps[step].file);
-  for (; step < end; ++step) {
-    const Step& later = g_steps[step];
-    if (kind == Step::kName ? later.kind == Step::kSyncNames
-                            : later.kind == Step::kSync && later.file == file)
-      return true;
-  }
-  return false;
+  const auto isItsSync = [&](const Step& later) {
+    return later.change == nullptr && later.file == g_steps[step].file;
+  };
+  const auto steps = g_steps.begin();
+  return std::any_of(steps + static_cast<std::ptrdiff_t>(step),
+                     steps + static_cast<std::ptrdiff_t>(end), isItsSync);
 }
 
 // As one write. Where memory may run short, it must not ask for any.
@@ -314,7 +277,7 @@ std::size_t PowerLoss::CountSteps() const { return g_steps.size(); }
 void PowerLoss::Leave(std::size_t step, const std::function<bool()>& keep) {
   Disk disk = g_disk;
   for (std::size_t i = 0; i < step; ++i)
-    if (IsSynced(i, step) || keep()) Apply(g_steps[i], disk);
+    if (g_steps[i].change != nullptr && (keep() || IsSynced(i, step))) g_steps[i].change(disk);
   for (const fs::directory_entry& entry : fs::directory_iterator(g_folder))
     fs::remove(entry.path());
   for (const auto& [name, file] : disk.names)

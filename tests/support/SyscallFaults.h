@@ -19,9 +19,6 @@ class SyscallFaults {
 
   /// Instead of an error number: a transfer moves half of its bytes, and other calls succeed.
   static constexpr int kShort = -1;
-  /// The same: a write moves what lies before its first page boundary, and the call after it fails
-  /// with EIO. Only writes that cross one count.
-  static constexpr int kCutOff = -2;
 
   SyscallFaults();
   ~SyscallFaults();
