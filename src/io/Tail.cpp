@@ -198,16 +198,16 @@ bool Tail::LookThroughIndex(const ZrFileStream& file, std::uint64_t fileLength) 
   return false;
 }
 
-// The stated end of the last record counts if a light writer can have left it so.
+// The last record may end behind the file: a light writer leaves unused capacity unwritten, and a
+// loss of power may have torn it. What it does not state, not even its length, is left free.
 bool Tail::ReadStatedEnd(const ZrFileStream& file, std::uint64_t fileLength) {
-  unsigned char bytes[Format::kGridRecordHead];
-  Format::RecordHead head;
-  if (m_lastRecord == 0 || fileLength - m_lastRecord < sizeof bytes) return true;
-  if (!file.ReadAt(m_lastRecord, bytes, sizeof bytes)) return false;
-  const auto parse = Format::ParseRecordHead(bytes, sizeof bytes, {.swap = m_swap}, head);
-  if (parse.outcome == Format::HeadParse::kComplete && head.versionCount == 1 &&
-      head.length == head.size + head.capacity && IsStorableLength(head.length))
-    Claim(m_lastRecord + head.length);
+  if (m_lastRecord == 0) return true;
+  Claim(m_lastRecord + Format::kGridRecordHead);
+  std::uint64_t length;
+  if (fileLength - m_lastRecord < sizeof length) return true;
+  if (!file.ReadAt(m_lastRecord, &length, sizeof length)) return false;
+  length = LoadScalar<std::uint64_t>(&length, m_swap);
+  if (IsStorableLength(length)) Claim(m_lastRecord + length);
   return true;
 }
 
