@@ -26,11 +26,12 @@ INSTANTIATE_TEST_SUITE_P(Engine, Versions, ::testing::Bool(),
                          [](const auto& param) { return param.param ? "Foreign" : "Native"; });
 
 TEST_P(Versions, TheNewestThatIsLeftHasItsStatus) {
-  for (const unsigned int gone : {5U, 0U}) {  // that is older than the partial one, or none
+  for (const unsigned int gone : {5U, 0U}) {  // of two older ones the first, or none
     ASSERT_EQ(Store("whole", 5) + Store("part", 7, 9) + Store("older, moved", 5), 0U);
-    ASSERT_EQ(Store("new", 9) + object.Remove(0, 0, gone) + object.Remove(0, 0, 9), 0U);
-    EXPECT_EQ(object.GetStatus(0, 0), ZrCompactFile::kPartial);
-    EXPECT_EQ(Read(9).filled, 4U);
+    ASSERT_EQ(Store("new", 9) + object.Remove(0, 0, gone) + Store("completed", 7), 0U);
+    ASSERT_EQ(object.Remove(0, 0, 9), 0U);
+    EXPECT_EQ(object.GetStatus(0, 0), ZrCompactFile::kPartial) << "as was said of it first";
+    EXPECT_EQ(Read(9), (Tile{0, "completed", 9}));
     ASSERT_EQ(object.Remove(0, 0, 7), 0U);
     EXPECT_EQ(object.GetStatus(0, 0), gone == 5 ? 0U : 1U);
   }
