@@ -31,6 +31,9 @@ INSTANTIATE_TEST_SUITE_P(Engine, Names, ::testing::Bool(),
 
 TEST_P(Names, Answers) {
   MakeNaming(4, GetParam());
+  const Support::Bytes sizes = Number(0x3FF8000000000000) + Number(0x4004000000000000);
+  Support::Poke(path, 80, sizes);
+  Reopen();
   const Name longest(std::u16string(128, u'x')), tooLong(std::u16string(129, u'x'));
   const Name lone(u"\xD800", 1), other(u"\xDC00", 1);
   EXPECT_EQ(Store(u"", "x") + Store(tooLong, "x") + Store(u"a", ""), 30U);
@@ -45,6 +48,8 @@ TEST_P(Names, Answers) {
   EXPECT_EQ(List(),
             (std::multiset<std::string>{"a", longest.ToUtf8(), lone.ToUtf8(), other.ToUtf8()}))
       << "removed names are listed";
+  const Support::Bytes file = Support::ReadFile(path);
+  EXPECT_EQ(Support::Bytes(file.begin() + 80, file.begin() + 96), sizes);
 
   // From disk files, on a grid, and closed.
   const Name disk = folder.GetPath("disk"), empty = folder.GetPath("empty");

@@ -37,6 +37,13 @@ TEST_P(Versions, TheNewestThatIsLeftHasItsStatus) {
   }
 }
 
+TEST_P(Versions, ATableSaysWhereEachVersionIs) {
+  ASSERT_EQ(Store("AAAA", 5) + Store("BBBBBB", 9) + Store("longer", 5), 0U);
+  EXPECT_EQ(Check().Describe(132), "66, 9:1|132 5:1|198, 6/6");
+  ASSERT_EQ(Store("CC", 7), 0U);
+  EXPECT_EQ(Check().Describe(294), "82, 9:1|132 7:1|248 5:1|198, 6/6");
+}
+
 TEST_P(Versions, PiecesKeepWhatWasThere) {
   ASSERT_EQ(Store("first", 3, 9), 0U);
   EXPECT_EQ(Read(3), (Tile{0, std::string("first\0\0\0\0", 9), 5}));
