@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -8,7 +7,9 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
+#include "FileSyscalls.h"
 #include "ZrProcess.h"
 #include "support/TemporaryFolder.h"
 
@@ -137,6 +138,17 @@ TEST_F(ProcessTest, TellsWhoIsPresentAndWhoLeavesLast) {
   EXPECT_TRUE(late.IsStuck());  // until the last one has left altogether
   first.ProcessLockRelease();
   EXPECT_TRUE(late.Succeeds());
+}
+
+TEST_F(ProcessTest, OneWhoMayNotWriteDoesNotKeepOutAReservation) {
+  const auto open = std::exchange(GetFileSyscalls().open, [](const char* name, int flags, mode_t) {
+    errno = EACCES;
+    return (flags & O_ACCMODE) == O_RDWR ? -1 : ::open(name, flags);
+  });
+  Owner looking(path);
+  GetFileSyscalls().open = open;
+  EXPECT_TRUE(looking.ReservedLock(1) && looking.ExcludeReaders());
+  EXPECT_TRUE(Owner(path).ReservedLock(0) && IsTaken());
 }
 
 TEST_F(ProcessTest, LastUnlockReleasesAndMoreAreHarmless) {
