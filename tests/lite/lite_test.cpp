@@ -65,17 +65,20 @@ class Lite : public EngineTest {
   }
   /// One call after the other fails: a store that has failed has changed nothing. But a copy stays
   /// that the entry may name.
-  void FailEverywhere(unsigned int col, const std::string& text, unsigned long long capacity,
+  void FailEverywhere(unsigned int col, std::size_t size, unsigned long long capacity,
                       std::size_t copySize) {
-    bool hasFailed = true;
+    bool hasFailed = true, isStored = false;
     for (std::size_t n = 1; hasFailed; ++n) {
       const Tile before = Read(col);
-      const std::size_t size = File().size();
-      SyscallFaults faults;
-      faults.FailCall(n, EIO);
-      const bool isStored = Store(col, text, capacity) == 0;
-      hasFailed = faults.HasFailed();
-      const std::size_t more = File().size() - size;
+      const std::size_t fileSize = File().size();
+      const std::string text(size, static_cast<char>('a' + n));
+      {
+        SyscallFaults faults;
+        faults.FailCall(n, EIO);
+        isStored = Store(col, text, capacity) == 0;
+        hasFailed = faults.HasFailed();
+      }
+      const std::size_t more = File().size() - fileSize;
       EXPECT_TRUE(isStored || more == 0 || more == copySize) << n;
       EXPECT_TRUE(isStored ? Read(col).payload.starts_with(text) : Read(col) == before) << n;
     }
@@ -243,7 +246,7 @@ TEST_F(Lite, RewritesInPlaceOnlyWhereNobodyIsRunOver) {
     GetFileSyscalls().fallocate = [](int, int, off_t, off_t) { return errno = ENOSPC, -1; };
     EXPECT_EQ(Store(2, std::string(20, 'L')), 10U) << "before anything is overwritten";
   }
-  FailEverywhere(2, std::string(20, 'L'), 20, 0);
+  FailEverywhere(2, 20, 20, 0);
   EXPECT_EQ(Put(2, std::string(20, 'L')), last) << "the last may grow by what the length allows";
   const auto next = Put(2, std::string(37, 'M'));
   EXPECT_NE(next, last);
@@ -269,8 +272,8 @@ TEST_F(Lite, NothingIsLeftOfACopy) {
   EXPECT_EQ(Put(1, "next"), first + 44 + 5000) << "where the copy was";
   const auto last = Put(2, large);
   EXPECT_EQ(Put(2, large, 5016), last);
-  FailEverywhere(2, std::string(5000, 'X'), 5016, 44 + 5016);
   EXPECT_EQ(Put(1, "longer than next"), last + 44 + 5016) << "behind what the last one states";
+  FailEverywhere(2, 5000, 5016, 44 + 5016);
 }
 
 // An odd word says that a writer changes an entry.
