@@ -52,6 +52,8 @@ TEST_F(FileTest, OpensExistingRegularFilesOnly) {
   EXPECT_FALSE(file.Write("x", 1) || file.SetLength(0) || file.ZeroFill(1, 1) ||
                file.Save(ZrByteArray("y", 1)) || file.GetPosition() != 0);
   EXPECT_TRUE(ContentsOf("file") == "x" && file.Open(path, kReadWrite) && !file.IsReadOnly());
+  EXPECT_TRUE(file.Write("longer", 6) && file.Save(ZrByteArray("y", 1)));
+  EXPECT_EQ(ContentsOf("file"), "y");
 }
 
 TEST_F(FileTest, PositionsBeyondFourGibibytes) {
