@@ -25,53 +25,23 @@ class Versions : public EngineTest, public ::testing::WithParamInterface<bool> {
 INSTANTIATE_TEST_SUITE_P(Engine, Versions, ::testing::Bool(),
                          [](const auto& param) { return param.param ? "Foreign" : "Native"; });
 
-// Each row of the table is one operation and the whole state after it.
-TEST_P(Versions, EveryKindOfStoreAndRemoval) {
-  struct Row {
-    unsigned int stamp;
-    const char* text;  // null: the version is removed
-    unsigned int capacity, offset;
-    unsigned long long fileSize;
-    unsigned int status;
-    unsigned long long position;
-    const char* record;  // length, versions as stamp:status|position, capacity/filled
-  };
-  const Row rows[] = {
-      {5, "AAAA", 0, 0, 132, 1, 84, "48, 5:1|0, 4/4"},
-      {9, "BBBBBB", 0, 0, 198, 1, 132, "66, 9:1|0 5:1|84, 6/6"},
-      {7, "CC", 0, 0, 326, 1, 244, "82, 9:1|132 7:1|198 5:1|84, 6/6"},
-      {2, "ZZ", 0, 0, 470, 1, 372, "98, 9:1|132 7:1|198 5:1|84 2:1|326, 6/6"},
-      {9, "DDDD", 0, 0, 470, 1, 372, "96, 9:1|132 7:1|198 5:1|84 2:1|326, 4/4"},
-      {5, "EE", 4, 2, 470, 1, 372, "96, 9:1|132 7:1|198 5:1|84 2:1|326, 4/4"},
-      {5, "FFFFFFFF", 0, 0, 522, 1, 372, "96, 9:1|132 7:1|198 5:1|470 2:1|326, 4/4"},
-      {12, "GG", 0, 0, 632, 1, 522, "110, 12:1|0 9:1|372 7:1|198 5:1|470 2:1|326, 2/2"},
-      {7, nullptr, 0, 0, 632, 1, 522, "110, 12:1|0 9:1|372 5:1|470 2:1|326, 2/2"},
-      {12, "HHHHHH", 0, 0, 632, 1, 522, "98, 12:1|522 9:1|372 5:1|470 2:1|326, 6/6"},
-      {12, nullptr, 0, 0, 632, 1, 372, "80, 9:1|372 5:1|470 2:1|326, 4/4"},
-      {2, nullptr, 0, 0, 632, 1, 372, "80, 9:1|372 5:1|470, 4/4"},
-      {11, "I", 6, 3, 714, 2, 632, "82, 11:2|0 9:1|372 5:1|470, 6/4"},
-      // Entry 0 gets its position when the current record is written again.
-      {5, "longer than before", 0, 0, 776, 1, 632, "82, 11:2|632 9:1|372 5:1|714, 6/4"},
-      // The newest that is left has the status that its locator says.
-      {13, "J", 0, 0, 869, 1, 776, "93, 13:1|0 11:2|632 9:1|372 5:1|714, 1/1"},
-      {13, nullptr, 0, 0, 869, 2, 632, "82, 11:2|632 9:1|372 5:1|714, 6/4"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(&row - rows);
-    ASSERT_EQ(row.text == nullptr ? object.Remove(0, 0, row.stamp)
-                                  : Store(row.text, row.stamp, row.capacity, row.offset),
-              0U);
-    Reopen();
-    const Support::FileChecker file = Check();
-    EXPECT_EQ(file.GetSize(), row.fileSize);
-    EXPECT_EQ(file.GetEntry(), static_cast<unsigned long long>(row.status) << 56 | row.position);
-    EXPECT_EQ(file.Describe(row.position), row.record);
-    if (row.offset == 2) {
-      EXPECT_EQ(Read(5), (Tile{0, "AAEE", 4})) << "the piece went into the older version";
-    }
+TEST_P(Versions, TheNewestThatIsLeftHasItsStatus) {
+  for (const unsigned int gone : {5U, 0U}) {  // of two older ones the first, or none
+    ASSERT_EQ(Store("whole", 5) + Store("part", 7, 9) + Store("older, moved", 5), 0U);
+    ASSERT_EQ(Store("new", 9) + object.Remove(0, 0, gone) + Store("completed", 7), 0U);
+    ASSERT_EQ(object.Remove(0, 0, 9), 0U);
+    EXPECT_EQ(object.GetStatus(0, 0), ZrCompactFile::kPartial) << "as was said of it first";
+    EXPECT_EQ(Read(9), (Tile{0, "completed", 9}));
+    ASSERT_EQ(object.Remove(0, 0, 7), 0U);
+    EXPECT_EQ(object.GetStatus(0, 0), gone == 5 ? 0U : 1U);
   }
-  EXPECT_EQ(Read(9), (Tile{0, "DDDD", 4}));
-  EXPECT_EQ(Read(11).payload.substr(3, 1), "I");
+}
+
+TEST_P(Versions, ATableSaysWhereEachVersionIs) {
+  ASSERT_EQ(Store("AAAA", 5) + Store("BBBBBB", 9) + Store("longer", 5), 0U);
+  EXPECT_EQ(Check().Describe(132), "66, 9:1|132 5:1|198, 6/6");
+  ASSERT_EQ(Store("CC", 7), 0U);
+  EXPECT_EQ(Check().Describe(294), "82, 9:1|132 7:1|248 5:1|198, 6/6");
 }
 
 TEST_P(Versions, PiecesKeepWhatWasThere) {

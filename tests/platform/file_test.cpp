@@ -5,7 +5,6 @@
 
 #include "ZrFile.h"
 #include "ZrFile64.h"
-#include "ZrNewFile.h"
 #include "support/RawFile.h"
 #include "support/SyscallFaults.h"
 #include "support/TemporaryFolder.h"
@@ -13,7 +12,6 @@
 namespace Zarn {
 namespace {
 
-using Outcome = ZrNewFile::Outcome;
 constexpr unsigned int kReadWrite = ZrFileStream::kReadWrite;
 
 struct FileTest : testing::Test {
@@ -54,6 +52,8 @@ TEST_F(FileTest, OpensExistingRegularFilesOnly) {
   EXPECT_FALSE(file.Write("x", 1) || file.SetLength(0) || file.ZeroFill(1, 1) ||
                file.Save(ZrByteArray("y", 1)) || file.GetPosition() != 0);
   EXPECT_TRUE(ContentsOf("file") == "x" && file.Open(path, kReadWrite) && !file.IsReadOnly());
+  EXPECT_TRUE(file.Write("longer", 6) && file.Save(ZrByteArray("y", 1)));
+  EXPECT_EQ(ContentsOf("file"), "y");
 }
 
 TEST_F(FileTest, PositionsBeyondFourGibibytes) {
@@ -85,28 +85,6 @@ TEST_F(FileTest, ZeroFillTakesTheRoom) {
     struct stat status = {};
     EXPECT_EQ(ContentsOf("file"), std::string(20, 'x').append(399987, '\0'));
     EXPECT_TRUE(file.GetStatus(status) && status.st_blocks * 512 >= 300000);
-  }
-}
-
-TEST_F(FileTest, NewFilesTouchNothingThatExistsUnlessTold) {
-  MakeFile("file", "old");
-  ASSERT_TRUE(ZrFile::MkDirEx(folder.GetPath("folder")));
-  const SyscallFaults restore;
-  for (const int round : {0, 1, 2, 3}) {  // publish, the same by the fallback, replace, for good
-    if (round == 1)
-      GetFileSyscalls().renameNoReplace = [](auto, auto) { return errno = EINVAL, -1; };
-    for (const std::string name : {"file", "folder", "missing"}) {
-      ZrNewFile made(file);
-      ASSERT_TRUE(made.Begin(folder.GetPath(name)) && file.Write("new", 3));
-      const bool isPublished = name == "missing" || (round >= 2 && name != "folder");
-      const Outcome refusal = round >= 2 ? Outcome::kFailed : Outcome::kExists;
-      EXPECT_EQ(round >= 2 ? made.Replace() : made.Publish(),
-                isPublished ? Outcome::kPublished : refusal);
-      if (round == 3) made.Commit();
-      EXPECT_EQ(file.IsSameFile(folder.GetPath(name)), isPublished) << name;
-    }
-    EXPECT_EQ(ContentsOf("file") + ContentsOf("missing"), round == 3 ? "newnew" : "old");
-    EXPECT_EQ(folder.CountFiles(), round == 3 ? 3U : 2U);
   }
 }
 

@@ -14,15 +14,13 @@ namespace {
 TEST(MutexTest, OnlyReentrantOnesLockTwice) {
   for (const int reentrant : {0, 1}) {
     ZrMutex mutex(reentrant);
-    bool isFree = true;
     mutex.Lock();
     EXPECT_EQ(mutex.TryLock(), reentrant == 1);
-    std::jthread([&] { isFree = mutex.TryLock(); }).join();
-    EXPECT_FALSE(isFree);
-    for (int i = 0; i <= reentrant; ++i)
+    for (int depth = reentrant; depth >= 0; --depth) {
+      std::jthread([&] { EXPECT_FALSE(mutex.TryLock()); }).join();
       mutex.Unlock();
-    std::jthread([&] { isFree = mutex.TryLock() && (mutex.Unlock(), true); }).join();
-    EXPECT_TRUE(isFree);
+    }
+    std::jthread([&] { EXPECT_TRUE(mutex.TryLock() && (mutex.Unlock(), true)); }).join();
   }
 }
 
