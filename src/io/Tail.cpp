@@ -199,12 +199,14 @@ bool Tail::LookThroughIndex(const ZrFileStream& file, std::uint64_t fileLength) 
 }
 
 // The last record may end behind the file: a light writer leaves unused capacity unwritten, and a
-// loss of power may have torn it. What it does not state, not even its length, is left free.
+// loss of power may have torn it, perhaps within the length itself: then its head is left free.
 bool Tail::ReadStatedEnd(const ZrFileStream& file, std::uint64_t fileLength) {
   if (m_lastRecord == 0) return true;
-  Claim(m_lastRecord + Format::kGridRecordHead);
   std::uint64_t length;
-  if (fileLength - m_lastRecord < sizeof length) return true;
+  if (fileLength - m_lastRecord < sizeof length) {
+    Claim(m_lastRecord + Format::kGridRecordHead);
+    return true;
+  }
   if (!file.ReadAt(m_lastRecord, &length, sizeof length)) return false;
   length = LoadScalar<std::uint64_t>(&length, m_swap);
   if (IsStorableLength(length)) Claim(m_lastRecord + length);
