@@ -86,6 +86,8 @@ class TileStore {
                                const StoreRequest& request);
   bool ReplaceInPage(std::uint32_t number, std::uint64_t position, Record& record,
                      const StoreRequest& request);
+  bool AddPiece(std::uint32_t number, std::uint64_t position, const Record& record,
+                const StoreRequest& request);
   bool UpdateOlderVersion(TileEntry& entry, unsigned int index, const StoreRequest& request,
                           std::uint64_t newestLocator);
   bool RemoveOlder(TileEntry& entry, unsigned int index);
