@@ -7,6 +7,7 @@
 
 #include "engine/EngineFixture.h"
 #include "support/RawFile.h"
+#include "support/SyscallFaults.h"
 
 namespace Zarn {
 namespace {
@@ -18,6 +19,7 @@ class Batch : public EngineTest, public ::testing::WithParamInterface<bool> {
   void MakeStores(unsigned int seed) {
     const PelmUnicodeString few[] = {u"1yeg98dgy", u"sm38f3s71", u"fqecng9yn", u"f1qe6747c", u""};
     std::mt19937 random(seed);
+    spread = seed % 3 == 0 ? 1 : 60;  // else they lie in many pages of the index
     const auto below = [&random](unsigned int limit) {
       return static_cast<unsigned int>(random() % limit);
     };
@@ -30,10 +32,12 @@ class Batch : public EngineTest, public ::testing::WithParamInterface<bool> {
       const unsigned long long capacity = below(4) == 0 ? offset + size + below(9) : 0;
       const ZrByteArray* const source = below(50) == 0 ? nullptr : &tile;
       const unsigned int name = below(150);
-      cells.push_back({below(4), below(110), source, capacity, offset, version});
+      cells.push_back({below(4), below(110) * spread, source, capacity, offset, version});
       names.push_back({name < 5 ? few[name] : PelmUnicodeString::FromUtf8(std::to_string(name)),
                        source, capacity, offset, version});
     }
+    if (!GetParam() && seed % 4 < 2)
+      std::ranges::sort(cells, {}, [](const auto& cell) { return std::pair(cell.row, cell.col); });
   }
   std::vector<unsigned int> StoreAll(bool together) {
     std::vector<unsigned int> results;
@@ -53,6 +57,7 @@ class Batch : public EngineTest, public ::testing::WithParamInterface<bool> {
     return results;
   }
 
+  unsigned int spread = 1;
   std::vector<ZrByteArray> data = std::vector<ZrByteArray>(300);
   std::vector<ZrCompactFile::ZrCellStore> cells;
   std::vector<ZrCompactFile::ZrNameStore> names;
@@ -67,7 +72,7 @@ TEST_P(Batch, IsAsManyStoresOneAfterTheOther) {
     std::vector<unsigned int> results[2];
     Support::Bytes files[2];
     for (const bool together : {false, true}) {
-      GetParam() ? MakeNaming(8, seed % 2 != 0) : MakeGrid(4, 100, seed % 2 != 0);
+      GetParam() ? MakeNaming(8, seed % 2 != 0) : MakeGrid(4, 100 * spread, seed % 2 != 0);
       results[together] = StoreAll(together);
       object.Close();
       files[together] = Support::ReadFile(path);
@@ -77,6 +82,33 @@ TEST_P(Batch, IsAsManyStoresOneAfterTheOther) {
     EXPECT_TRUE(files[0] == files[1]);
   }
   EXPECT_EQ(StoreAll(true), StoreAll(false)) << "closed";
+}
+
+// What a light writer stores takes no lock, so it may come at any moment of the batch.
+TEST_F(EngineTest, ABatchLeavesAloneTheCellsBetweenItsOwn) {
+  static ZrCompactFileWriter* s_writer;
+  static off_t s_entry;
+  ASSERT_EQ(object.Create(path, 1, 100, u"", kMode | ZrCompactFile::kProcessLock), 0U);
+  ZrCompactFileWriter writer;
+  ASSERT_EQ(writer.Open(path, u"", kMode), 0U);
+  s_writer = &writer;
+  s_entry = 76 + 3 * 8;
+  const ZrByteArray data = Data("batch");
+  std::vector<unsigned int> results;
+  {
+    const SyscallFaults restore;
+    GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
+      if (position == s_entry) {
+        s_entry = 0;
+        EXPECT_EQ(s_writer->SetAt(0, 5, Data("light"), 0, 0, 1), 0U);
+      }
+      return ::pwrite(fd, bytes, size, position);
+    };
+    EXPECT_EQ(object.SetBatch({{0, 3, &data}, {0, 9, &data}}, results), 0U);
+  }
+  EXPECT_EQ(s_entry, 0);
+  for (const unsigned int cell : {3, 5, 9})
+    EXPECT_EQ(Read(0, cell, 1).payload, cell == 5 ? "light" : "batch");
 }
 
 }  // namespace
