@@ -14,6 +14,9 @@ using StorePlace = Format::VersionTable::StorePlace;
 
 namespace {
 
+// To read so much in vain takes about as long as to read the head by itself before.
+constexpr std::uint64_t kMostGuessed = 32 * 1024;
+
 std::uint64_t LocatorOf(const StoreRequest& request, std::uint64_t position) {
   return Format::PackIndexValue(request.span.Status(), position);
 }
@@ -387,24 +390,37 @@ bool TileStore::ReplaceLocator(Reference& reference, std::uint64_t locator) {
   return true;
 }
 
+// Whoever has asked for an older version will ask for more of them, of other tiles: then of the
+// current record only the head is read first. The older one is probably no larger.
 unsigned int TileStore::LookUp_Inner(const Place& place, TileEntry& entry, const NameKey* key,
                                      std::uint64_t version, ZrByteArray& buffer,
                                      Io::RecordReader& record) {
   const std::uint64_t headSize =
       Format::RecordHeadSize(place.shape, key != nullptr ? key->GetStoredLength() : 0);
+  const auto isSound = [&](std::uint64_t position) {
+    return record.Head().versionCount > 0 && place.index.LeavesRoom(position, record.Head().length);
+  };
   const auto read = [&](std::uint64_t position, std::uint64_t length) {
     const std::uint64_t payload = length > headSize ? length - headSize : 0;
-    return record.Read(position, {headSize, payload}, buffer) && record.Head().versionCount > 0 &&
-           place.index.LeavesRoom(position, record.Head().length);
+    return record.Read(position, {headSize, payload}, buffer) && isSound(position);
   };
-  if (!read(entry.position, entry.recordLength)) return ZrResult::kReadFailure;
-  entry.recordLength = record.Head().length;
-  if (key != nullptr && !key->Matches(record.NameBytes(), record.Head().nameLength))
+  const bool mayBeOlder = version < place.olderEnd.load(std::memory_order_relaxed);
+  if (mayBeOlder
+          ? !record.ReadHead(entry.position, entry.recordLength, buffer) || !isSound(entry.position)
+          : !read(entry.position, entry.recordLength))
+    return ZrResult::kReadFailure;
+  const Format::RecordHead& head = record.Head();
+  entry.recordLength = head.length;
+  if (key != nullptr && !key->Matches(record.NameBytes(), head.nameLength))
     return ZrResult::kNotFound;
   const std::uint32_t older = record.Versions().SelectForLookup(version);
-  if (older == 0) return ZrResult::kOk;
-  return read(Format::PositionOf(record.Versions().Locator(older)), 0) ? ZrResult::kOk
-                                                                       : ZrResult::kReadFailure;
+  if ((older != 0) != mayBeOlder)
+    place.olderEnd.store(older != 0 ? version + 1 : 0, std::memory_order_relaxed);
+  if (older == 0 && !mayBeOlder) return ZrResult::kOk;
+  const std::uint64_t position =
+      older == 0 ? entry.position : Format::PositionOf(record.Versions().Locator(older));
+  const std::uint64_t guess = head.length <= kMostGuessed || older == 0 ? head.length : 0;
+  return read(position, guess) ? ZrResult::kOk : ZrResult::kReadFailure;
 }
 
 }  // namespace Zarn::Engine

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+
 #include "IndexPages.h"
 #include "IndexShape.h"
 #include "RecordImage.h"
@@ -34,6 +36,8 @@ class TileStore {
     Io::Tail& tail;
     Io::Board& board;
     EntryWriter& entries;
+    /// Lookups of lesser stamps have lately found older versions; any value will do.
+    std::atomic<std::uint64_t>& olderEnd;
   };
 
   /// `buffer` is the thread's, for a record.
