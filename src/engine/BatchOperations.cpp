@@ -23,8 +23,8 @@ class StoreBatch {
   /// data.
   bool Add(const ZrCellStore& store, std::size_t number);
   bool Add(const ZrNameStore& store, std::size_t number);
-  /// Writes all tiles: what is left of their records, then their entries, those of neighbours at
-  /// once.
+  /// Writes all tiles: what is left of their records, then their entries, those that are near each
+  /// other at once.
   void Write();
   std::size_t CountTiles() const { return m_tiles.size(); }
 
@@ -46,6 +46,7 @@ class StoreBatch {
   std::vector<unsigned int>& m_results;
   ZrByteArray m_headBytes;
   Format::RecordImage m_record;  // the head of the tile that is being added
+  PagesAhead m_ahead;
   std::unordered_set<std::uint64_t> m_codes;
   std::vector<Tile> m_tiles;
   std::size_t m_inFile = 0;       // tiles whose records are written; the others are the block
@@ -65,7 +66,8 @@ bool StoreBatch::Add(const ZrCellStore& store, std::size_t number) {
   const CellIndex* const cells = m_file.Cells();
   NameSlot slot;
   if (!FillsItsRecord(store) || cells == nullptr || m_file.GetTail().HasLostRecords() ||
-      !cells->Read(store.row, store.col, slot.entry) || slot.entry.status != Format::kStatusEmpty)
+      !cells->ReadAhead(store.row, store.col, slot.entry, m_ahead) ||
+      slot.entry.status != Format::kStatusEmpty)
     return false;
   slot.code = slot.entry.number;
   return Add(store, number, slot, {});
@@ -139,9 +141,12 @@ std::vector<iovec> StoreBatch::PlaceBlock(std::uint64_t position) {
 }
 
 void StoreBatch::Write() {
+  constexpr std::uint32_t kMostEntries = 8192;  // for so long at most lookups wait
+  const std::uint32_t reach = m_file.Cells() != nullptr ? m_file.Cells()->GetReach() : 1;
   WriteBlock();
   std::vector<Tile> tiles = std::exchange(m_tiles, {});
   m_codes.clear();
+  m_ahead = {};
   m_inFile = 0;
   std::sort(tiles.begin(), tiles.end(),
             [](const Tile& a, const Tile& b) { return a.slot.entry.number < b.slot.entry.number; });
@@ -155,7 +160,8 @@ void StoreBatch::Write() {
   for (std::size_t first = 0, end = 0; first < tiles.size(); first = end) {
     do
       ++end;
-    while (end < slots.size() && slots[end].entry.number == slots[end - 1].entry.number + 1);
+    while (end < slots.size() && slots[end].entry.number - slots[end - 1].entry.number <= reach &&
+           slots[end].entry.number - slots[first].entry.number < kMostEntries);
     const bool written = end <= slots.size() && WriteEntries(&slots[first], end - first);
     for (std::size_t i = first; i < end; ++i) {
       if (written)
@@ -166,7 +172,7 @@ void StoreBatch::Write() {
   }
 }
 
-// The entries of new tiles, whose numbers have no gap.
+// The entries of new tiles, whose numbers ascend; those of names have no gap.
 bool StoreBatch::WriteEntries(const NameSlot* slots, std::size_t count) {
   if (NameIndex* const names = m_file.Names()) return names->AddSlots(slots, count);
   return m_file.Cells()->WriteCells(slots, count);

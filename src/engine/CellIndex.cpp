@@ -1,19 +1,21 @@
 #include "CellIndex.h"
 
+#include <cstring>
+
 #include "WholeWords.h"
 
 namespace Zarn::Engine {
 namespace {
 
-// Writes those of the entries at `position` that span pages: a kill must not cut them in two.
+// Writes those of the entries at `position` that span pages and change: a kill must not cut them in
+// two.
 bool ReplaceSplitEntries(ZrFile64& file, std::uint64_t position, const ZrByteArray& before,
                          const ZrByteArray& after) {
   for (std::uint64_t at = 0; at < after.GetSize(); at += Format::kGridEntrySize) {
-    if (Io::SpansPages(position + at, Format::kGridEntrySize) &&
-        !Io::ReplaceWord(file, position + at,
-                         LoadScalar<std::uint64_t>(before.GetData() + at, false),
-                         LoadScalar<std::uint64_t>(after.GetData() + at, false)))
-      return false;
+    if (!Io::SpansPages(position + at, Format::kGridEntrySize)) continue;
+    const auto oldWord = LoadScalar<std::uint64_t>(before.GetData() + at, false);
+    const auto newWord = LoadScalar<std::uint64_t>(after.GetData() + at, false);
+    if (oldWord != newWord && !Io::ReplaceWord(file, position + at, oldWord, newWord)) return false;
   }
   return true;
 }
@@ -42,22 +44,43 @@ bool CellIndex::Read(std::uint32_t row, std::uint32_t col, TileEntry& entry, Vie
   return cell && ReadEntry(*cell, entry, view);
 }
 
+// Two entries this near lie in one page or in two that follow each other.
+std::uint32_t CellIndex::GetReach() const {
+  constexpr std::uint32_t kPageSize = 4096;
+  return m_board.ExcludesOthers() ? kPageSize / Format::kGridEntrySize : 1;
+}
+
+bool CellIndex::ReadAhead(std::uint32_t row, std::uint32_t col, TileEntry& entry,
+                          PagesAhead& ahead) const {
+  const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
+  std::uint64_t stored;
+  if (!cell || !m_pIndex->ReadStable(*cell, stored, &ahead)) return false;
+  entry = {*cell, stored};
+  return true;
+}
+
 bool CellIndex::WriteCells(const NameSlot* cells, std::size_t count) {
-  const std::uint64_t size = count * Format::kGridEntrySize;
-  const std::uint64_t place = GetShape().EntryAt(cells[0].entry.number);
+  const std::uint32_t first = cells[0].entry.number;
+  const std::uint64_t entries = std::uint64_t{cells[count - 1].entry.number} - first + 1;
+  const std::uint64_t size = entries * Format::kGridEntrySize;
+  const std::uint64_t place = GetShape().EntryAt(first);
   ZrByteArray bytes;
   ZrByteArray before;
   if (!bytes.ResizeForOverwrite(size) || !before.ResizeForOverwrite(size)) return false;
+  if (entries > count) {
+    if (!Io::ReadEntries(*m_file, place, before.GetData(), size)) return false;
+    std::memcpy(bytes.GetData(), before.GetData(), size);
+  }
   for (std::size_t i = 0; i < count; ++i) {
-    const std::size_t at = i * Format::kGridEntrySize;
+    const std::size_t at = (cells[i].entry.number - first) * Format::kGridEntrySize;
     StoreScalar(bytes.GetData() + at, cells[i].entry.Value(), IsSwapped());
     StoreScalar(before.GetData() + at, cells[i].entry.stored, IsSwapped());
   }
-  const Io::BoardChange change(m_board, count == 1 ? cells->entry.number : Io::BoardChange::kMany);
+  const Io::BoardChange change(m_board, count == 1 ? first : Io::BoardChange::kMany);
   if (!change.IsShown()) return false;
   if (ReplaceSplitEntries(*m_file, place, before, bytes) &&
       m_file->WriteAt(place, bytes.GetData(), size)) {
-    m_pIndex->Write(cells[0].entry.number, bytes.GetData(), size);
+    m_pIndex->Write(first, bytes.GetData(), size);
     return true;
   }
   m_file->WriteAt(place, before.GetData(), size);

@@ -23,7 +23,12 @@ class CellIndex final : public IndexEntries {
   /// The entry of a cell; without a view for a store or removal. False outside the grid, and if it
   /// cannot be read.
   bool Read(std::uint32_t row, std::uint32_t col, TileEntry& entry, View* view = nullptr) const;
-  /// Writes the entries of neighbouring cells that were empty; on failure they are empty again.
+  /// The same for a batch of stores; without the length of the record.
+  bool ReadAhead(std::uint32_t row, std::uint32_t col, TileEntry& entry, PagesAhead& ahead) const;
+  /// How far apart the cells of one call of WriteCells may be.
+  std::uint32_t GetReach() const;
+  /// Writes the entries of cells that were empty, in ascending order; on failure they are empty
+  /// again. What lies between them is written as it is.
   bool WriteCells(const NameSlot* cells, std::size_t count);
 
  private:

@@ -116,19 +116,44 @@ bool IndexPages::ReadKept(std::uint64_t offset, std::uint64_t& stored, const Vie
   return tag.load(std::memory_order_relaxed) == before && stored != kForgotten;
 }
 
-bool IndexPages::ReadStable(std::uint64_t entry, std::uint64_t& value) {
+bool IndexPages::ReadStable(std::uint64_t entry, std::uint64_t& value, PagesAhead* ahead) {
   if (entry >= m_area.index.count) return false;
   const std::uint64_t offset = entry * m_area.index.EntrySize();
-  const std::uint64_t page = offset / kPageSize;
   std::uint64_t stored;
-  if (!ReadKept(offset, stored, nullptr)) {
-    unsigned char bytes[kPageSize];
-    if (!ReadPage(page, bytes)) return false;
-    const std::lock_guard guard(m_mutex);
-    Keep(page, bytes, m_board.GetEntries());
-    std::memcpy(&stored, bytes + offset % kPageSize, kWord);
-  }
+  if (!ReadKept(offset, stored, nullptr) &&
+      !(ahead != nullptr && ReadAhead(offset, stored, *ahead)) && !ReadAndKeep(offset, stored))
+    return false;
   value = LoadScalar<std::uint64_t>(&stored, m_area.swap);
+  return true;
+}
+
+bool IndexPages::ReadAndKeep(std::uint64_t offset, std::uint64_t& stored) {
+  unsigned char bytes[kPageSize];
+  const std::uint64_t page = offset / kPageSize;
+  if (!ReadPage(page, bytes)) return false;
+  const std::lock_guard guard(m_mutex);
+  Keep(page, bytes, m_board.GetEntries());
+  std::memcpy(&stored, bytes + offset % kPageSize, kWord);
+  return true;
+}
+
+// Who goes on with the next page is expected to go on further.
+bool IndexPages::ReadAhead(std::uint64_t offset, std::uint64_t& stored, PagesAhead& ahead) const {
+  constexpr std::uint64_t kSize = 16 * kPageSize;
+  const std::uint64_t page = offset / kPageSize;
+  if (page == ahead.m_end) {
+    ahead.m_first = page;
+    ahead.m_bytes.resize(kSize);
+    const std::uint64_t begin = page * kPageSize;
+    if (Io::ReadEntries(m_file, PositionOf(begin), ahead.m_bytes.data(),
+                        std::min(kSize, m_area.Size() - begin)))
+      ahead.m_end = page + kSize / kPageSize;
+  }
+  if (page < ahead.m_first || page >= ahead.m_end) {
+    ahead.m_first = ahead.m_end = page + 1;
+    return false;
+  }
+  std::memcpy(&stored, &ahead.m_bytes[offset - ahead.m_first * kPageSize], kWord);
   return true;
 }
 
@@ -160,11 +185,15 @@ void IndexPages::Write(std::uint64_t entry, const void* source, std::uint64_t si
   const std::uint64_t offset = entry * m_area.index.EntrySize();
   const auto* bytes = static_cast<const unsigned char*>(source);
   const std::lock_guard guard(m_mutex);
-  for (std::uint64_t i = 0; i < size; i += kWord) {
-    std::uint64_t value;
-    std::memcpy(&value, bytes + i, kWord);
-    if (m_board.IsCurrent(TagOf((offset + i) / kPageSize).load(std::memory_order_relaxed)))
-      ValueAt(offset + i).store(value, std::memory_order_release);
+  for (std::uint64_t i = 0; i < size;) {
+    const std::uint64_t page = (offset + i) / kPageSize;
+    const std::uint64_t end = std::min(size, (page + 1) * kPageSize - offset);
+    const bool isKept = m_board.IsCurrent(TagOf(page).load(std::memory_order_relaxed));
+    for (; i < end; i += kWord) {
+      std::uint64_t value;
+      std::memcpy(&value, bytes + i, kWord);
+      if (isKept) ValueAt(offset + i).store(value, std::memory_order_release);
+    }
   }
 }
 

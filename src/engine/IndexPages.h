@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "IndexShape.h"
 #include "Snapshot.h"
@@ -52,6 +53,17 @@ class View : public Io::Snapshot {
   unsigned char m_bytes[kPageSize];
 };
 
+/// Pages of the index that follow the one that was read last. They are not kept, for a page that is
+/// kept takes longer than to read it.
+class PagesAhead {
+ private:
+  friend class IndexPages;
+
+  std::uint64_t m_first = UINT64_MAX;  // by the numbers of pages
+  std::uint64_t m_end = UINT64_MAX;
+  std::vector<unsigned char> m_bytes;
+};
+
 /// The entries of an index area in memory, as they lie in the file, read page by page when they
 /// are first asked for. So opening costs nothing per entry, and after another process's change only
 /// what is used is read again: each page has the board's tag of when it was read.
@@ -83,8 +95,9 @@ class IndexPages {
   /// Whether everything that the view has read is valid. Then the page or the entry that it has
   /// read is kept.
   bool Check(View& view);
-  /// The same for one who holds the writer lock.
-  bool ReadStable(std::uint64_t entry, std::uint64_t& value);
+  /// The same for one who holds the writer lock. `ahead`: for one who reads many entries, most of
+  /// them in their order; to be made anew when one has changed.
+  bool ReadStable(std::uint64_t entry, std::uint64_t& value, PagesAhead* ahead = nullptr);
   /// Changes whole entries in memory, from the one of this number on; they are in the file already.
   void Write(std::uint64_t entry, const void* source, std::uint64_t size);
 
@@ -109,6 +122,8 @@ class IndexPages {
 
   bool ReadKept(std::uint64_t offset, std::uint64_t& stored, const View* view) const;
   bool ReadPage(std::uint64_t page, unsigned char* target) const;
+  bool ReadAndKeep(std::uint64_t offset, std::uint64_t& stored);
+  bool ReadAhead(std::uint64_t offset, std::uint64_t& stored, PagesAhead& ahead) const;
   void Keep(std::uint64_t page, const unsigned char* bytes, std::uint64_t entries);
   void KeepPage(View& view);
   void KeepEntry(const View& view);

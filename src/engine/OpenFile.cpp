@@ -133,8 +133,8 @@ bool OpenFile::IsAtPath() try {
 }
 
 TileStore::Place OpenFile::GetPlace() {
-  return {*m_file,       m_pMap.get(), m_shape,  Index().GetShape(),
-          HasVersions(), *m_tail,      *m_board, Index()};
+  return {*m_file, m_pMap.get(), m_shape, Index().GetShape(), HasVersions(),
+          *m_tail, *m_board,     Index(), m_nOlderEnd};
 }
 
 // A program that does not know the board, or one that was killed before it told of its change,

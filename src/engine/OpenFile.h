@@ -107,7 +107,8 @@ class OpenFile {
   std::shared_ptr<Io::FileMap> m_pMap;
   std::unique_ptr<CellIndex> m_cells;
   std::unique_ptr<NameIndex> m_names;
-  std::optional<Io::Tail> m_tail;  // where the data end
+  std::optional<Io::Tail> m_tail;             // where the data end
+  std::atomic<std::uint64_t> m_nOlderEnd{0};  // see TileStore::Place
   std::uint64_t m_nLockedFile = 0;
   PelmUnicodeString m_strPath;              // of a shared file
   std::atomic<std::int64_t> m_nextLook{0};  // at the path, in milliseconds of the monotonic clock

@@ -13,8 +13,9 @@ namespace {
 // Read where the size of a record is unknown: holds most tiles whole, and costs little where not.
 constexpr std::uint64_t kUsualPayload = 16 * 1024;
 constexpr std::uint64_t kTellEvery = 1 << 20;  // bytes written
-// Of a tile, that older versions may have for tables however small the payloads are.
-constexpr std::uint64_t kUsualTables = 4096;
+// Of a tile, that older versions may have for tables: so much, or this part of the payloads.
+constexpr std::uint64_t kUsualTables = 512;
+constexpr std::uint64_t kTablesPart = 16;
 
 // An index of the same kind and size in a new container.
 Format::IndexShape NewIndexOf(const OpenFile& source) {
@@ -310,7 +311,8 @@ bool TileCopier::HasWholeTable(std::size_t number) {
   const std::uint64_t others = (m_versions.size() - number - 1) * Format::kVersionEntrySize;
   m_payloadBytes += m_payload.GetSize();
   if (number == 0) return true;
-  if (m_layout == kTight || m_tableBytes + others > std::max(kUsualTables, m_payloadBytes))
+  if (m_layout == kTight ||
+      m_tableBytes + others > std::max(kUsualTables, m_payloadBytes / kTablesPart))
     return false;
   m_tableBytes += others;
   return true;

@@ -17,7 +17,7 @@ namespace Zarn::Engine {
 /// with its versions, one record per version, the oldest first. Records come out as if the versions
 /// had been stored in that order, but how far each is filled, and the status of tile and versions,
 /// stay as they were; and where the tables of older versions, which nothing reads, would take more
-/// than the payloads, they have no entry but their own.
+/// than a part of the payloads, they have no entry but their own.
 class TileCopier {
  public:
   /// Turns a stored name, of a file of the older version, into UTF-16; false if it cannot.

@@ -14,17 +14,16 @@ using StorePlace = Format::VersionTable::StorePlace;
 
 namespace {
 
+// To read so much in vain takes about as long as to read the head by itself before.
+constexpr std::uint64_t kMostGuessed = 32 * 1024;
+
 std::uint64_t LocatorOf(const StoreRequest& request, std::uint64_t position) {
   return Format::PackIndexValue(request.span.Status(), position);
 }
 
-// Whether a store may change a record, whose head this is, in its place: then it can be killed at
-// any moment. All that it writes lies in one page, or its data lies where the head does not yet
-// count it as filled, and the head in one page.
-bool IsSafeInPlace(std::uint64_t position, const Format::RecordHead& head,
-                   const Format::StoreSpan& span) {
-  if (span.offset == 0) return !Io::SpansPages(position, head.size + span.size);
-  return span.offset >= head.filledLength && !Io::SpansPages(position, head.size);
+// Whether a store changes nothing of the record but bytes of the payload and how far it is filled.
+bool KeepsSizes(const Format::RecordHead& head, const Format::StoreSpan& span) {
+  return span.capacity == head.capacity && head.size + head.capacity == head.length;
 }
 
 // The operation has put this record, the tile's current one, there; 0: it has failed.
@@ -127,34 +126,58 @@ std::uint64_t TileStore::AddOldVersionData(std::uint64_t recordPosition, unsigne
 }
 
 // New data for the version of the record. In place if the record does not grow, and no other tile's
-// lies where the data go; then the rest of the payload area stays as it is.
+// lies where the data go; then the rest of the payload area stays as it is. That needs no copy if
+// all lies in one page, or if the data go where nothing was stored, or where the head does not
+// count it.
 std::uint64_t TileStore::ReplaceVersion(Reference& reference, std::uint64_t position,
                                         Record& record, const StoreRequest& request) {
   const Format::RecordHead& head = record.Head();
-  const bool fits = head.size + request.span.capacity <= head.length &&
-                    !IsCrowded(position, head, head.size + request.span.FilledLength());
-  if (fits && IsSafeInPlace(position, head, request.span))
-    return ReplaceInPage(reference.entry.number, position, record, request) ? position : 0;
-  if (!request.span.CoversAll() && !ReadDataFromDataFile(position, record)) return 0;
+  const Format::StoreSpan& span = request.span;
+  const std::uint32_t number = reference.entry.number;
+  const std::uint64_t payload = position + head.size;
+  const bool isInGap =
+      m_place.tail.GetGaps().Take(payload + span.offset, payload + span.FilledLength());
+  const bool fits = head.size + span.capacity <= head.length &&
+                    !IsCrowded(position, head, head.size + span.FilledLength());
+  if (fits && span.offset == 0 && !Io::SpansPages(position, head.size + span.size))
+    return ReplaceInPage(number, position, record, request) ? position : 0;
+  if (fits && KeepsSizes(head, span) && (isInGap || span.offset >= head.filledLength))
+    return AddPiece(number, position, record, request) ? position : 0;
+  if (!span.CoversAll() && !ReadDataFromDataFile(position, record)) return 0;
   const std::uint64_t copy = AppendSwapData(record, request);
   return fits ? MoveHome(reference, copy, position, record, &request) : copy;
 }
 
-// The data of a store with an offset lie where nothing counts yet: only the head must be replaced
-// in one page.
 bool TileStore::ReplaceInPage(std::uint32_t number, std::uint64_t position, Record& record,
                               const StoreRequest& request) {
   record.SetPayload(request.span.capacity, request.span.FilledLength());
   const std::uint64_t headSize = record.Head().size;
-  const std::uint64_t offset = request.span.offset;
-  if (offset != 0 && !m_place.file.WriteAt(position + headSize + offset, request.data.GetData(),
-                                           request.data.GetSize()))
-    return false;
-  const std::uint64_t size = headSize + (offset == 0 ? request.span.size : 0);
-  return m_rewrite.KeepOld(number, position, size) && m_rewrite.WithinPage([&](std::uint64_t home) {
-    return m_place.file.WriteParts(home, record.Bytes().GetData(), headSize, request.data.GetData(),
-                                   size - headSize);
-  });
+  return m_rewrite.KeepOld(number, position, headSize + request.span.size) &&
+         m_rewrite.WithinPage([&](std::uint64_t home) {
+           return m_place.file.WriteParts(home, record.Bytes().GetData(), headSize,
+                                          request.data.GetData(), request.span.size);
+         });
+}
+
+// The data come first: nobody can miss what they overwrite. Lookups must not see a part of them but
+// where the head does not count it yet.
+bool TileStore::AddPiece(std::uint32_t number, std::uint64_t position, const Record& record,
+                         const StoreRequest& request) {
+  const Format::StoreSpan& span = request.span;
+  const std::uint64_t payload = position + record.Head().size;
+  const auto writeData = [&] {
+    return m_place.file.WriteAt(payload + span.offset, request.data.GetData(), span.size);
+  };
+  const bool isUnfilled = span.offset >= record.Head().filledLength;
+  std::uint64_t before;
+  std::uint64_t after;
+  StoreScalar(&before, record.Head().filledLength, m_place.shape.swap);
+  StoreScalar(&after, span.FilledLength(), m_place.shape.swap);
+  return (!isUnfilled || writeData()) &&
+         m_rewrite.KeepOld(number, payload - sizeof after, sizeof after) &&
+         m_rewrite.WithinPage([&](std::uint64_t home) {
+           return (isUnfilled || writeData()) && Io::ReplaceWord(m_place.file, home, before, after);
+         });
 }
 
 // New data for an older version. If its record moves, the current one gets the new locator, and the
@@ -269,15 +292,19 @@ std::uint64_t TileStore::AppendSwapData(Record& record, const StoreRequest& requ
 // Appends a record that is new altogether. What the data leaves of its payload area reads as zero,
 // and has its room on the disk: a later piece must not fail for want of it.
 std::uint64_t TileStore::AppendNewRecord(const Record& record, const StoreRequest& request) {
+  const Format::StoreSpan& span = request.span;
   const std::uint64_t position = m_place.tail.Reserve(m_place.file);
-  if (position == 0 || !WriteHeadAndData(position, record, request)) return 0;
   const std::uint64_t payload = position + record.Head().size;
-  const std::uint64_t filled = request.span.FilledLength();
-  if (!request.span.CoversAll() &&
-      !(m_place.file.ZeroFill(payload, request.span.offset) &&
-        m_place.file.ZeroFill(payload + filled, request.span.capacity - filled)))
+  const std::uint64_t filledEnd = payload + span.FilledLength();
+  const std::uint64_t end = position + record.Head().length;
+  // In ascending order: what lies behind the end of the file need not be written.
+  if (position == 0 || !m_place.file.ZeroFill(payload, span.offset) ||
+      !WriteHeadAndData(position, record, request) ||
+      !m_place.file.ZeroFill(filledEnd, end - filledEnd) || !m_place.tail.EndsAt(end))
     return 0;
-  return m_place.tail.EndsAt(position + record.Head().length) ? position : 0;
+  m_place.tail.GetGaps().Add(payload, payload + span.offset);
+  m_place.tail.GetGaps().Add(filledEnd, end);
+  return position;
 }
 
 // Writes the head, and the data at its place behind it, and nothing else.
@@ -310,6 +337,7 @@ std::uint64_t TileStore::WriteDataToDataFile(std::uint64_t position, const Recor
 std::uint64_t TileStore::RewriteRecord(Reference& reference, std::uint64_t position,
                                        const Record& record) {
   const Format::RecordHead& head = record.Head();
+  m_place.tail.GetGaps().Take(position, position + head.length);
   if (IsCrowded(position, head, head.length)) return WriteDataToDataFile(0, record);
   if (Io::SpansPages(position, head.length))
     return MoveHome(reference, WriteDataToDataFile(0, record), position, record, nullptr);
@@ -362,24 +390,37 @@ bool TileStore::ReplaceLocator(Reference& reference, std::uint64_t locator) {
   return true;
 }
 
+// Whoever has asked for an older version will ask for more of them, of other tiles: then of the
+// current record only the head is read first. The older one is probably no larger.
 unsigned int TileStore::LookUp_Inner(const Place& place, TileEntry& entry, const NameKey* key,
                                      std::uint64_t version, ZrByteArray& buffer,
                                      Io::RecordReader& record) {
   const std::uint64_t headSize =
       Format::RecordHeadSize(place.shape, key != nullptr ? key->GetStoredLength() : 0);
+  const auto isSound = [&](std::uint64_t position) {
+    return record.Head().versionCount > 0 && place.index.LeavesRoom(position, record.Head().length);
+  };
   const auto read = [&](std::uint64_t position, std::uint64_t length) {
     const std::uint64_t payload = length > headSize ? length - headSize : 0;
-    return record.Read(position, {headSize, payload}, buffer) && record.Head().versionCount > 0 &&
-           place.index.LeavesRoom(position, record.Head().length);
+    return record.Read(position, {headSize, payload}, buffer) && isSound(position);
   };
-  if (!read(entry.position, entry.recordLength)) return ZrResult::kReadFailure;
-  entry.recordLength = record.Head().length;
-  if (key != nullptr && !key->Matches(record.NameBytes(), record.Head().nameLength))
+  const bool mayBeOlder = version < place.olderEnd.load(std::memory_order_relaxed);
+  if (mayBeOlder
+          ? !record.ReadHead(entry.position, entry.recordLength, buffer) || !isSound(entry.position)
+          : !read(entry.position, entry.recordLength))
+    return ZrResult::kReadFailure;
+  const Format::RecordHead& head = record.Head();
+  entry.recordLength = head.length;
+  if (key != nullptr && !key->Matches(record.NameBytes(), head.nameLength))
     return ZrResult::kNotFound;
   const std::uint32_t older = record.Versions().SelectForLookup(version);
-  if (older == 0) return ZrResult::kOk;
-  return read(Format::PositionOf(record.Versions().Locator(older)), 0) ? ZrResult::kOk
-                                                                       : ZrResult::kReadFailure;
+  if ((older != 0) != mayBeOlder)
+    place.olderEnd.store(older != 0 ? version + 1 : 0, std::memory_order_relaxed);
+  if (older == 0 && !mayBeOlder) return ZrResult::kOk;
+  const std::uint64_t position =
+      older == 0 ? entry.position : Format::PositionOf(record.Versions().Locator(older));
+  const std::uint64_t guess = head.length <= kMostGuessed || older == 0 ? head.length : 0;
+  return read(position, guess) ? ZrResult::kOk : ZrResult::kReadFailure;
 }
 
 }  // namespace Zarn::Engine

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+
 #include "IndexPages.h"
 #include "IndexShape.h"
 #include "RecordImage.h"
@@ -34,6 +36,8 @@ class TileStore {
     Io::Tail& tail;
     Io::Board& board;
     EntryWriter& entries;
+    /// Lookups of lesser stamps have lately found older versions; any value will do.
+    std::atomic<std::uint64_t>& olderEnd;
   };
 
   /// `buffer` is the thread's, for a record.
@@ -86,6 +90,8 @@ class TileStore {
                                const StoreRequest& request);
   bool ReplaceInPage(std::uint32_t number, std::uint64_t position, Record& record,
                      const StoreRequest& request);
+  bool AddPiece(std::uint32_t number, std::uint64_t position, const Record& record,
+                const StoreRequest& request);
   bool UpdateOlderVersion(TileEntry& entry, unsigned int index, const StoreRequest& request,
                           std::uint64_t newestLocator);
   bool RemoveOlder(TileEntry& entry, unsigned int index);

@@ -144,6 +144,8 @@ class Board {
   bool Replaces();
   /// Whether the word of the end is not zero.
   bool HasEnd() const { return m_place == kInFile && m_end != 0; }
+  /// Whether nobody else can change anything while this object holds the writer lock.
+  bool ExcludesOthers() const { return m_place == kInObject || TellsEnd(); }
   /// Whether writers tell where the data end.
   bool TellsEnd() const;
   /// Where the data end, as of the last Refresh or SetEnd; 0: unknown.

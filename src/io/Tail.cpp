@@ -71,6 +71,7 @@ std::uint64_t Tail::Reserve(const ZrFileStream& file) {
   m_lengthBefore = m_length;
   m_reserved = isKnown ? std::max(m_end, m_index.End()) : Reserve(file, m_length);
   m_ownStart = std::min(m_ownStart, m_reserved);
+  m_gaps.Take(m_reserved, UINT64_MAX);
   m_isWriting = true;
   return m_reserved <= kLast ? m_reserved : 0;
 }
@@ -139,6 +140,7 @@ void Tail::Refresh(std::uint64_t fileLength) {
 }
 
 void Tail::Invalidate() {
+  m_gaps.Take(0, UINT64_MAX);
   m_isFound = false;
   m_isWriting = false;
   m_end = 0;

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "Board.h"
+#include "Gaps.h"
 #include "IndexShape.h"
 #include "ZrFileStream.h"
 
@@ -87,6 +88,8 @@ class Tail {
   /// more than dead space.
   bool IsCrowded(const ZrFileStream& file, std::uint64_t position, std::uint64_t from,
                  std::uint64_t to) const;
+  /// Of the records that were appended while nobody else has changed the file.
+  Gaps& GetGaps() { return m_gaps; }
 
  private:
   bool FollowRecords(const ZrFileStream& file, std::uint64_t fileLength);
@@ -108,6 +111,7 @@ class Tail {
   std::uint64_t m_lastRecord = 0;         // the highest record that was found; 0: none
   std::uint64_t m_ownStart = UINT64_MAX;  // records from here on were appended since the opening
   std::vector<std::uint64_t> m_lost;  // where entries lead behind the end of the file, ascending
+  Gaps m_gaps;
 };
 
 }  // namespace Zarn::Io

@@ -264,9 +264,11 @@ TEST_F(Lifecycle, SystemCallsPerOperation) {
   store(0, 0, "first", 1);  // loads the page of the index
   EXPECT_EQ(store(0, 1, "second", 1), 3U) << "length of the file, record, entry";
   EXPECT_EQ(store(0, 1, "2nd", 1), 3U) << "head, what is replaced, record in place";
+  store(0, 2, "piece", 1, 99, 50);
+  EXPECT_EQ(store(0, 2, "another", 1, 99, 5), 4U) << "head, how far it is filled, data, the same";
   EXPECT_EQ(store(0, 1, "newest", 2), 4U) << "head, length of the file, record, entry";
   EXPECT_EQ(read(0, 1, 2), 1U) << "two versions";
-  EXPECT_EQ(read(0, 1, 1), 3U) << "older: the newest, then that with what follows, and the end";
+  EXPECT_EQ(read(0, 1, 1), 2U) << "older: the newest, then that with what follows";
   object.Close();
   EXPECT_EQ(calls([&] { return object.Open(path, u"", kMode); }), 5U)
       << "existence, open, kind of file, header, grid header";
@@ -293,8 +295,13 @@ TEST_F(Lifecycle, SystemCallsPerOperation) {
   for (unsigned int i = 0; i < 2000; ++i)
     cells.push_back({i / 50, i % 50, &tile, 0, 0, 1});
   MakeGrid(40, 50);
-  EXPECT_EQ(calls([&] { return object.SetBatch(cells, results); }), 4 * 2 + 3 + 4 + 3 * 2 + 1U)
+  EXPECT_EQ(calls([&] { return object.SetBatch(cells, results); }), 4 * 2 + 3 + 2 + 3 * 2 + 1U)
       << "blocks of 512, end of the data, pages of the index, entries on two pages, all entries";
+  for (unsigned int i = 0; i < 2000; ++i)
+    cells[i].row = 0, cells[i].col = 8 * i;
+  MakeGrid(1, 16000);
+  EXPECT_EQ(calls([&] { return object.SetBatch(cells, results); }), 4 * 2 + 5 + 3 + 2 * 2U)
+      << "the same; each 64 KiB of entries are read and written";
   MakeNaming(256);
   store(u"5", "first");
   store(u"6", "next");

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "ZrCompactFileReader.h"
+#include "ZrCompactFileWriter.h"
 #include "engine/EngineFixture.h"
 #include "support/Processes.h"
 #include "support/RawFile.h"
@@ -235,6 +236,30 @@ TEST_P(SharingReadOnly, SeesWhatIsStored) {
   ::waitpid(child[0], &status, 0);
   if (status == kUnable << 8) GTEST_SKIP() << "needs root, and that it may mount";
   EXPECT_EQ(status, 0);
+}
+
+// What a light writer stores takes no lock, so it may come at any moment of the batch.
+TEST_F(Sharing, ABatchLeavesAloneTheCellsBetweenItsOwn) {
+  static ZrCompactFileWriter* s_writer;
+  static off_t s_entry;
+  ASSERT_EQ(object.Create(path, 1, 100, u"", kMode | ZrCompactFile::kProcessLock), 0U);
+  ZrCompactFileWriter writer;
+  ASSERT_EQ(writer.Open(path, u"", kMode), 0U);
+  s_writer = &writer;
+  s_entry = 76 + 3 * 8;
+  const ZrByteArray data = Data("batch");
+  std::vector<unsigned int> results;
+  GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
+    if (position == s_entry) {
+      s_entry = 0;
+      EXPECT_EQ(s_writer->SetAt(0, 5, Data("light"), 0, 0, 1), 0U);
+    }
+    return ::pwrite(fd, bytes, size, position);
+  };
+  EXPECT_EQ(object.SetBatch({{0, 3, &data}, {0, 9, &data}}, results), 0U);
+  EXPECT_EQ(s_entry, 0);
+  for (const unsigned int cell : {3, 5, 9})
+    EXPECT_EQ(Read(0, cell, 1).payload, cell == 5 ? "light" : "batch");
 }
 
 }  // namespace

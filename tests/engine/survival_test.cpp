@@ -141,6 +141,11 @@ void SecondHalf(Bench& bench) {
   const std::size_t half = bench.layout.size / 2;
   bench.Prepare(bench.tile, 4, half, 2 * half, half);
 }
+void BothHalves(Bench& bench) {
+  SecondHalf(bench);
+  const std::size_t half = bench.layout.size / 2;
+  bench.Prepare(bench.tile, 4, half, 2 * half);
+}
 void FullIndex(Bench& bench) {
   unsigned int capacity = 1, count = 0;
   for (unsigned int tile = 10; count < capacity; ++tile) {
@@ -167,6 +172,7 @@ enum Trait : unsigned int {
   // Stores bytes that were nobody's before. A kill may come between them and the status.
   kStoresPiece = 64,
   kMayBeDone = 128,  // also where the answer is a failure
+  kGoesOn = 256,     // by the object that has prepared the file
 };
 
 using Run = std::function<unsigned int(Bench&)>;
@@ -261,6 +267,9 @@ const Operation kOperations[] = {
     {"piece in order", FirstHalf, PutPiece(kHalf, 4), kPiece},
     {"piece out of order", SecondHalf, PutPiece(kHalf, 4, false), kPiece},
     {"piece over another", FirstHalf, PutPiece(kSmaller, 4)},
+    {"piece in a gap", SecondHalf, PutPiece(kHalf, 4, false), kPiece | kGoesOn},
+    {"piece in a filled gap", BothHalves, PutPiece(kHalf, 4, false), kGoesOn},
+    {"piece in a gap and beyond", SecondHalf, PutPiece(kSmaller, 4), kGoesOn},
     {"remove newest", ThreeVersions, Remove(8)},
     {"remove older", ThreeVersions, Remove(4)},
     {"remove oldest", ThreeVersions, Remove(2)},
@@ -329,6 +338,10 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
     m_old = ReadState(operation, true);
     Bench bench(layout, path);
     Start(operation, bench);
+    if (operation.Is(kGoesOn)) {
+      m_old = ReadState(operation, bench.file, true);
+      m_old.emplace_back();
+    }
     ASSERT_EQ(operation.run(bench), 0U);
     bench.file.Close();
     EXPECT_EQ(folder.CountFiles(), 1U) << "left over";
@@ -349,7 +362,7 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
       bench.FillPageUpTo(layout.index);
     }
     bench.Prepare(kStraddling + 1, 1, 10);
-    operation.prepare(bench);
+    if (!operation.Is(kGoesOn)) operation.prepare(bench);
   }
   void PutBack(const Support::Bytes& bytes) {
     for (const auto& entry : std::filesystem::directory_iterator(folder.GetFolder()))
@@ -367,6 +380,7 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
       std::thread(open).join();
     else
       open();
+    if (operation.Is(kGoesOn)) operation.prepare(bench);
   }
 
   // A payload as runs of equal bytes. Before a piece is stored, its bytes are anything.

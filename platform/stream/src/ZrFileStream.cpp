@@ -272,6 +272,7 @@ bool ZrFileStream::SetLength(std::uint64_t length) {
 bool ZrFileStream::IsMapped() const { return FileLock::IsMapped(m_fd); }
 
 bool ZrFileStream::ZeroFill(std::uint64_t position, std::uint64_t size) {
+  if (size == 0) return true;
   std::uint64_t length;
   if (!GetLength(length) || position > INT64_MAX || size > INT64_MAX - position) return false;
   const std::uint64_t inside = position < length ? std::min(size, length - position) : 0;
