@@ -355,6 +355,33 @@ TEST_F(Lite, ReadsTheNewestVersionOnly) {
   }
 }
 
+// The copy that the entry named first is gone, and another tile lies there, before the record is
+// read.
+TEST_F(Lite, ReadsTheRecordThatTheEntryNamesInTheEnd) {
+  static PelmUnicodeString s_path;
+  static ZrCompactFileWriter* s_writer;
+  static int s_reads;  // before that: two when the file is opened, and the entry
+  s_path = path;
+  s_writer = &writer;
+  s_reads = 3;
+  Create(4);
+  Put(0, "home");  // at 108, and a copy of it at 156
+  const Bytes file = File();
+  WriteFile(path, file + Bytes(file.begin() + 108, file.end()));
+  Poke(path, 76, Native(kCompleteAt | 156));
+  const SyscallFaults restore;
+  GetFileSyscalls().pread = [](int fd, void* bytes, std::size_t size, off_t position) {
+    if (s_reads-- == 0) {
+      Poke(s_path, 76, Native(kCompleteAt | 108));
+      std::filesystem::resize_file(s_path.ToUtf8(), 156);
+      for (const unsigned int col : {1U, 2U})
+        EXPECT_EQ(s_writer->SetAt(0, col, Data("else"), 0, 0, 1), 0U);
+    }
+    return ::pread(fd, bytes, size, position);
+  };
+  EXPECT_EQ(Read(0), (Tile{0, "home", 4}));
+}
+
 TEST_F(Lite, UsesFilesOfTheOtherByteOrder) {
   MakeGrid(1, 3, true);
   ASSERT_EQ(EngineTest::Store(0, 1, "one", 7) + EngineTest::Store(0, 2, "two!", 7), 0U);
