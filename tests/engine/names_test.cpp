@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <atomic>
 #include <filesystem>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "engine/EngineFixture.h"
 #include "support/RawFile.h"
@@ -85,6 +87,36 @@ TEST_P(Names, OfAnOlderFile) {
   MakeNaming(4, GetParam(), 20111112);
   EXPECT_EQ(Store(name, "tile"), 10U) << "an unknown version: nobody could find it again";
   EXPECT_EQ(Read(name).result, 5U);
+}
+
+// One by one, with lookups of another thread, and by an object that hears of each.
+TEST_P(Names, AreFoundWhileTheirTableGrows) {
+  constexpr int kCount = 6000, kOther = 100;
+  const PretendToSync pretend;
+  MakeNaming(1, GetParam());
+  Reopen(ZrCompactFile::kProcessLock);
+  ZrCompactFile beside;
+  ASSERT_EQ(beside.Open(path, u"", ZrCompactFile::kProcessLock), 0U);
+  const auto nameOf = [](int i) { return Name::FromUtf8("name " + std::to_string(i)); };
+  const auto isThere = [&](ZrCompactFile& file, int i) {
+    return ReadTile(file, nameOf(i), 0) == Tile{0, std::to_string(i), std::to_string(i).size()};
+  };
+  std::atomic<int> stored{0};
+  std::thread looking([&] {
+    for (int i = 0, known = 0; known < kCount; ++i, known = stored)
+      EXPECT_TRUE(known == 0 || (isThere(object, i % known) && isThere(object, known - 1)))
+          << known;
+  });
+  for (int i = 0; i < kCount; ++i) {
+    EXPECT_EQ(Store(nameOf(i), std::to_string(i)), 0U);
+    stored = i + 1;
+    EXPECT_TRUE(i % kOther != 0 || (isThere(beside, i) && isThere(beside, i / 2))) << i;
+  }
+  looking.join();
+  Reopen(ZrCompactFile::kProcessLock);
+  for (int i = 0; i < kCount; ++i)
+    EXPECT_TRUE(isThere(object, i) && isThere(beside, i)) << i;
+  EXPECT_EQ(Read(u"name 6000").result, 5U);
 }
 
 // Memory for names depends on what the file has, not on what it claims; and a table that is just
