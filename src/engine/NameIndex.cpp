@@ -207,7 +207,7 @@ bool NameIndex::FillLargerTable(std::uint64_t names, std::uint64_t slots, bool i
   constexpr std::uint64_t kPiece = 1024;
   constexpr std::uint64_t kForEach = 8;
   if (m_larger == nullptr || !m_larger->MayHold(names, slots)) {
-    m_larger = std::make_unique<NameTable>(names + names / 4, slots);
+    m_larger = std::make_unique<NameTable>(names + names / 2, slots);
     m_inLarger = 0;
   }
   const std::uint64_t count = GetCount();

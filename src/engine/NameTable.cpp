@@ -24,7 +24,7 @@ std::uint64_t NameTable::GetSpread() {
 
 // The memory of a large array is committed when it is first touched: no store waits for all of it.
 NameTable::NameTable(std::uint64_t names, std::uint64_t slots)
-    : m_count(std::max<std::uint64_t>(2 * names, 16)),
+    : m_count(std::max<std::uint64_t>(names / 4 * 7, 16)),
       m_slotMask(static_cast<std::uint32_t>(
           std::bit_ceil(std::min(slots + m_count / 2, Format::kMaxNamingCapacity) + 1) - 1)),
       m_places(static_cast<std::uint32_t*>(std::calloc(m_count, sizeof(std::uint32_t)))) {

@@ -21,7 +21,7 @@ namespace Zarn::Engine {
 /// as well. The array never moves: a table that becomes too small is replaced by a larger one.
 class NameTable {
  public:
-  /// For so many names, whose slots have numbers below `slots`, and half as many more. Throws
+  /// For so many names, whose slots have numbers below `slots`, and a few more. Throws
   /// std::bad_alloc.
   NameTable(std::uint64_t names, std::uint64_t slots);
   /// For a table that is filled at once: that takes a quarter less time in large pages. One that is

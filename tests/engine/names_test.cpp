@@ -89,6 +89,31 @@ TEST_P(Names, OfAnOlderFile) {
   EXPECT_EQ(Read(name).result, 5U);
 }
 
+// The table of names knows a part of each code, and four bits of its ordinal: slots of which it
+// cannot tell which one is meant. Of those with one code the last counts.
+TEST_P(Names, AreFoundByTheirWholeCode) {
+  constexpr std::uint64_t kCode = 100 + 8, kSlot = 16;
+  MakeNaming(3, GetParam());
+  ASSERT_EQ(Store(u"a", "A") + Store(u"b", "B") + Store(u"c", "C"), 0U);
+  object.Close();
+  const Support::Bytes file = Support::ReadFile(path);
+  const auto codeAt = [&](std::uint64_t slot) {
+    const auto from = file.begin() + static_cast<std::ptrdiff_t>(kCode + slot * kSlot);
+    return Support::Bytes(from, from + 8);
+  };
+  const Support::Bytes ordinal = Number(std::uint64_t{16} << 56);
+  Support::Bytes later = codeAt(1);
+  for (std::size_t i = 0; i < later.size(); ++i)
+    later[i] |= ordinal[i];
+  Support::Poke(path, kCode, later);
+  Reopen();
+  EXPECT_EQ(Read(u"a").result, 5U);
+  EXPECT_EQ(Read(u"b").payload + Read(u"c").payload, "BC");
+  Support::Poke(path, kCode + 2 * kSlot, codeAt(1));
+  Reopen();
+  EXPECT_EQ(Read(u"b").result, 5U);
+}
+
 // One by one, with lookups of another thread, and by an object that hears of each.
 TEST_P(Names, AreFoundWhileTheirTableGrows) {
   constexpr int kCount = 6000, kOther = 100;
