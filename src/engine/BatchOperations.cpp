@@ -79,7 +79,9 @@ bool StoreBatch::Add(const ZrNameStore& store, std::size_t number) {
   const NameKey key(store.name, m_file.GetShape());
   const std::uint64_t code = key.GetHashCode();
   const std::uint64_t slot = names->GetCount() + m_tiles.size();
-  if (slot >= names->GetCapacity() || !key.IsStorable() || names->GetSameHashCodeCount(code) != 0)
+  NameSlot found;
+  if (slot >= names->GetCapacity() || !key.IsStorable() ||
+      names->FindSlot(code, found) != NameIndex::Found::kNone)
     return false;
   std::string scratch;
   return Add(store, number, {{static_cast<std::uint32_t>(slot), 0}, code, true},

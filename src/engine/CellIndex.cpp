@@ -53,9 +53,9 @@ std::uint32_t CellIndex::GetReach() const {
 bool CellIndex::ReadAhead(std::uint32_t row, std::uint32_t col, TileEntry& entry,
                           PagesAhead& ahead) const {
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
-  std::uint64_t stored;
+  IndexPages::Entry stored;
   if (!cell || !m_pIndex->ReadStable(*cell, stored, &ahead)) return false;
-  entry = {*cell, stored};
+  entry = {*cell, stored.value};
   return true;
 }
 

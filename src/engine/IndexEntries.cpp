@@ -4,12 +4,14 @@
 
 namespace Zarn::Engine {
 
-bool IndexEntries::ReadEntry(std::uint32_t number, TileEntry& entry, View* view) const {
-  std::uint64_t stored;
+bool IndexEntries::ReadEntry(std::uint32_t number, TileEntry& entry, View* view,
+                             std::uint64_t* code) const {
+  IndexPages::Entry stored;
   if (view != nullptr ? !m_pIndex->Read(number, stored, *view)
                       : !m_pIndex->ReadStable(number, stored))
     return false;
-  entry = {number, stored};
+  entry = {number, stored.value};
+  if (code != nullptr) *code = stored.code;
   entry.recordLength = m_pIndex->GetHint(number);
   return true;
 }

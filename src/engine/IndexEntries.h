@@ -25,7 +25,10 @@ class IndexEntries : public EntryWriter, protected Io::Board::Keeper {
   bool Check(View& view) const { return m_pIndex->Check(view); }
   /// The index value of an entry, for one who holds the writer lock. False if it cannot be read.
   bool ReadStable(std::uint64_t number, std::uint64_t& value) const {
-    return m_pIndex->ReadStable(number, value);
+    IndexPages::Entry stored;
+    const bool isRead = m_pIndex->ReadStable(number, stored);
+    value = stored.value;
+    return isRead;
   }
   const Format::IndexShape& GetShape() const { return m_pIndex->GetArea().index; }
 
@@ -40,8 +43,9 @@ class IndexEntries : public EntryWriter, protected Io::Board::Keeper {
   ~IndexEntries() { m_board.SetKeeper(nullptr); }
 
   void Forget(std::uint32_t number) override { m_pIndex->Forget(number); }
-  /// Without a view, for one who holds the writer lock.
-  bool ReadEntry(std::uint32_t number, TileEntry& entry, View* view) const;
+  /// Without a view, for one who holds the writer lock. `code`: of a slot.
+  bool ReadEntry(std::uint32_t number, TileEntry& entry, View* view,
+                 std::uint64_t* code = nullptr) const;
   bool IsUsable() const { return m_pIndex->IsUsable(); }
   bool IsSwapped() const { return m_pIndex->GetArea().swap; }
 

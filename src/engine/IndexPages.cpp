@@ -39,6 +39,7 @@ IndexPages::IndexPages(const ZrFile64& file, Io::Board& board, const Area& area)
       m_hints(area.index.count * sizeof(Hint)) {
   static_assert(kPageSize % Format::kGridEntrySize == 0 && kPageSize % Format::kNamingSlotSize == 0,
                 "no entry lies on two pages, for pages are counted from the first entry");
+  static_assert(sizeof(Entry) == Format::kNamingSlotSize, "a slot is read as it lies in the file");
 }
 
 bool IndexPages::IsUsable() const {
@@ -47,28 +48,27 @@ bool IndexPages::IsUsable() const {
 
 // A mapping is as quick as a page of our own, and always new. Where others change the file, a page
 // is read whole only if it may be kept.
-bool IndexPages::Read(std::uint64_t entry, std::uint64_t& value, View& view) {
+bool IndexPages::Read(std::uint64_t entry, Entry& result, View& view) {
   if (entry >= m_area.index.count) return false;
   const std::uint64_t offset = entry * m_area.index.EntrySize();
   const std::uint64_t page = offset / kPageSize;
-  std::uint64_t stored = 0;
+  Entry stored;
   view.m_entry = entry;
   view.m_page = View::kNone;
   view.m_isRead = false;
   const bool isKept = !view.m_isMapped && ReadKept(offset, stored, &view);
-  if (!isKept && (view.m_isMapped || stored == kForgotten)) {
-    const auto word = view.ReadWord(PositionOf(offset));
-    if (!word) return false;
-    stored = *word;
+  if (!isKept && (view.m_isMapped || stored.value == kForgotten)) {
+    if (!view.ReadIndex(PositionOf(offset), &stored, m_area.index.EntrySize())) return false;
     view.m_isRead = true;
   } else if (!isKept) {
     if (!ReadPage(page, view.m_bytes)) return false;
     view.m_page = page;
-    std::memcpy(&stored, view.m_bytes + offset % kPageSize, kWord);
+    std::memcpy(&stored, view.m_bytes + offset % kPageSize, m_area.index.EntrySize());
   }
-  view.m_value = stored;
+  view.m_value = stored.value;
+  view.m_code = stored.code;
   view.UsesTile(static_cast<std::uint32_t>(entry));
-  value = LoadScalar<std::uint64_t>(&stored, m_area.swap);
+  result = Decode(stored);
   return true;
 }
 
@@ -91,13 +91,15 @@ void IndexPages::KeepPage(View& view) {
   if (m_board.MayKeep(view.GetEntriesNow())) Keep(view.m_page, view.m_bytes, view.GetEntriesNow());
 }
 
-// Only into a page that has all the others.
+// Only into a page that has all the others. The code first: who sees the value, sees it as well.
 void IndexPages::KeepEntry(const View& view) {
   const std::uint64_t offset = view.m_entry * m_area.index.EntrySize();
   const auto value = ValueAt(offset);
   if (view.m_isMapped || value.load(std::memory_order_relaxed) != kForgotten) return;
   const std::lock_guard guard(m_mutex);
-  if (m_board.MayKeep(view.GetEntriesNow())) value.store(view.m_value, std::memory_order_release);
+  if (!m_board.MayKeep(view.GetEntriesNow())) return;
+  if (!m_area.index.IsGrid()) ValueAt(offset + kWord).store(view.m_code, std::memory_order_relaxed);
+  value.store(view.m_value, std::memory_order_release);
 }
 
 void IndexPages::Forget(std::uint32_t entry) {
@@ -108,37 +110,43 @@ void IndexPages::Forget(std::uint32_t entry) {
 
 // The tag tells before and after that the page has not changed meanwhile. Without a view, for the
 // holder of the writer lock.
-bool IndexPages::ReadKept(std::uint64_t offset, std::uint64_t& stored, const View* view) const {
+bool IndexPages::ReadKept(std::uint64_t offset, Entry& stored, const View* view) const {
   const auto tag = TagOf(offset / kPageSize);
   const std::uint64_t before = tag.load(std::memory_order_acquire);
   if (view != nullptr ? !view->IsCurrent(before) : !m_board.IsCurrent(before)) return false;
-  stored = ValueAt(offset).load(std::memory_order_acquire);
-  return tag.load(std::memory_order_relaxed) == before && stored != kForgotten;
+  stored.value = ValueAt(offset).load(std::memory_order_acquire);
+  if (!m_area.index.IsGrid()) stored.code = ValueAt(offset + kWord).load(std::memory_order_acquire);
+  return tag.load(std::memory_order_relaxed) == before && stored.value != kForgotten;
 }
 
-bool IndexPages::ReadStable(std::uint64_t entry, std::uint64_t& value, PagesAhead* ahead) {
+IndexPages::Entry IndexPages::Decode(const Entry& stored) const {
+  return {LoadScalar<std::uint64_t>(&stored.value, m_area.swap),
+          LoadScalar<std::uint64_t>(&stored.code, m_area.swap)};
+}
+
+bool IndexPages::ReadStable(std::uint64_t entry, Entry& result, PagesAhead* ahead) {
   if (entry >= m_area.index.count) return false;
   const std::uint64_t offset = entry * m_area.index.EntrySize();
-  std::uint64_t stored;
+  Entry stored;
   if (!ReadKept(offset, stored, nullptr) &&
       !(ahead != nullptr && ReadAhead(offset, stored, *ahead)) && !ReadAndKeep(offset, stored))
     return false;
-  value = LoadScalar<std::uint64_t>(&stored, m_area.swap);
+  result = Decode(stored);
   return true;
 }
 
-bool IndexPages::ReadAndKeep(std::uint64_t offset, std::uint64_t& stored) {
+bool IndexPages::ReadAndKeep(std::uint64_t offset, Entry& stored) {
   unsigned char bytes[kPageSize];
   const std::uint64_t page = offset / kPageSize;
   if (!ReadPage(page, bytes)) return false;
   const std::lock_guard guard(m_mutex);
   Keep(page, bytes, m_board.GetEntries());
-  std::memcpy(&stored, bytes + offset % kPageSize, kWord);
+  std::memcpy(&stored, bytes + offset % kPageSize, m_area.index.EntrySize());
   return true;
 }
 
 // Who goes on with the next page is expected to go on further.
-bool IndexPages::ReadAhead(std::uint64_t offset, std::uint64_t& stored, PagesAhead& ahead) const {
+bool IndexPages::ReadAhead(std::uint64_t offset, Entry& stored, PagesAhead& ahead) const {
   constexpr std::uint64_t kSize = 16 * kPageSize;
   const std::uint64_t page = offset / kPageSize;
   if (page == ahead.m_end) {
@@ -153,7 +161,8 @@ bool IndexPages::ReadAhead(std::uint64_t offset, std::uint64_t& stored, PagesAhe
     ahead.m_first = ahead.m_end = page + 1;
     return false;
   }
-  std::memcpy(&stored, &ahead.m_bytes[offset - ahead.m_first * kPageSize], kWord);
+  std::memcpy(&stored, &ahead.m_bytes[offset - ahead.m_first * kPageSize],
+              m_area.index.EntrySize());
   return true;
 }
 
@@ -224,14 +233,15 @@ std::uint64_t IndexPages::GuessLength(std::uint64_t entry, std::uint64_t positio
                                       const View& view) const {
   const std::uint64_t offset = (entry + 1) * m_area.index.EntrySize();
   if (entry + 1 >= m_area.index.count) return 0;
-  std::uint64_t next = 0;
-  if (view.m_isMapped)
-    next = view.ReadWord(PositionOf(offset)).value_or(0);
-  else if (view.m_page == offset / kPageSize)
-    std::memcpy(&next, view.m_bytes + offset % kPageSize, kWord);
-  else if (!ReadKept(offset, next, nullptr))
+  Entry next;
+  if (view.m_isMapped) {
+    if (!view.ReadIndex(PositionOf(offset), &next.value, kWord)) return 0;
+  } else if (view.m_page == offset / kPageSize) {
+    std::memcpy(&next.value, view.m_bytes + offset % kPageSize, kWord);
+  } else if (!ReadKept(offset, next, nullptr)) {
     return 0;
-  return Format::DistanceToNext(position, LoadScalar<std::uint64_t>(&next, m_area.swap));
+  }
+  return Format::DistanceToNext(position, Decode(next).value);
 }
 
 }  // namespace Zarn::Engine

@@ -48,8 +48,9 @@ class View : public Io::Snapshot {
   bool m_seesAllNames = false;
   std::uint64_t m_page = kNone;  // the number of the page in m_bytes
   std::uint64_t m_entry = 0;     // the entry that was read last
-  std::uint64_t m_value = 0;     // as it lies in the file
-  bool m_isRead = false;         // from the file, by itself
+  std::uint64_t m_value = 0;     // its words as they lie in the file
+  std::uint64_t m_code = 0;
+  bool m_isRead = false;  // from the file, by itself
   unsigned char m_bytes[kPageSize];
 };
 
@@ -81,6 +82,11 @@ class IndexPages {
     Format::IndexShape index;
     bool swap = false;  // the file is in the other byte order
   };
+  /// An entry of the index as numbers.
+  struct Entry {
+    std::uint64_t value = 0;  ///< the index value
+    std::uint64_t code = 0;   ///< the hash code of a slot; of a cell 0
+  };
 
   /// `file` and `board` outlive this object.
   IndexPages(const ZrFile64& file, Io::Board& board, const Area& area);
@@ -89,15 +95,14 @@ class IndexPages {
   bool IsUsable() const;
   const Area& GetArea() const { return m_area; }
 
-  /// The index value of an entry: its first 8 bytes as a number. False if there is no such entry,
-  /// or if the file cannot be read.
-  bool Read(std::uint64_t entry, std::uint64_t& value, View& view);
+  /// Reads an entry. False if there is none of this number, or if the file cannot be read.
+  bool Read(std::uint64_t entry, Entry& result, View& view);
   /// Whether everything that the view has read is valid. Then the page or the entry that it has
   /// read is kept.
   bool Check(View& view);
   /// The same for one who holds the writer lock. `ahead`: for one who reads many entries, most of
   /// them in their order; to be made anew when one has changed.
-  bool ReadStable(std::uint64_t entry, std::uint64_t& value, PagesAhead* ahead = nullptr);
+  bool ReadStable(std::uint64_t entry, Entry& result, PagesAhead* ahead = nullptr);
   /// Changes whole entries in memory, from the one of this number on; they are in the file already.
   void Write(std::uint64_t entry, const void* source, std::uint64_t size);
 
@@ -120,10 +125,11 @@ class IndexPages {
 
   using Hint = std::uint16_t;
 
-  bool ReadKept(std::uint64_t offset, std::uint64_t& stored, const View* view) const;
+  bool ReadKept(std::uint64_t offset, Entry& stored, const View* view) const;
+  Entry Decode(const Entry& stored) const;
   bool ReadPage(std::uint64_t page, unsigned char* target) const;
-  bool ReadAndKeep(std::uint64_t offset, std::uint64_t& stored);
-  bool ReadAhead(std::uint64_t offset, std::uint64_t& stored, PagesAhead& ahead) const;
+  bool ReadAndKeep(std::uint64_t offset, Entry& stored);
+  bool ReadAhead(std::uint64_t offset, Entry& stored, PagesAhead& ahead) const;
   void Keep(std::uint64_t page, const unsigned char* bytes, std::uint64_t entries);
   void KeepPage(View& view);
   void KeepEntry(const View& view);

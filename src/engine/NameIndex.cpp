@@ -1,7 +1,11 @@
 #include "NameIndex.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <new>
+#include <span>
+#include <utility>
 
 #include "IndexWalker.h"
 #include "NameHash.h"
@@ -10,6 +14,8 @@
 
 namespace Zarn::Engine {
 namespace {
+
+constexpr std::uint64_t kSlotsAtOnce = 16384;
 
 // Writes a header that lies on two pages, field by field; all that ever change have eight bytes.
 // The count goes last of them: once it is there, nothing can fail any more.
@@ -40,7 +46,7 @@ std::unique_ptr<NameIndex> NameIndex::Load(const std::shared_ptr<ZrFile64>& file
   const auto shape = Format::IndexShape::OfNames(indexOffset, naming.capacity);
   auto index = std::make_unique<NameIndex>(file, board, header, maxSizes, naming,
                                            IndexPages::Area{shape, header.IsSwapped()});
-  return index->IsUsable() && index->InitHashCodeMap(0) ? std::move(index) : nullptr;
+  return index->IsUsable() && index->InitHashCodeMap() ? std::move(index) : nullptr;
 }
 
 NameIndex::NameIndex(std::shared_ptr<ZrFile64> file, Io::Board& board, Io::FileHeader& fileHeader,
@@ -75,15 +81,20 @@ NameIndex::Growth NameIndex::LookForNewNames() {
 
 bool NameIndex::AddNewNames() {
   const auto header = ReadHeader();
-  if (!header) return false;
-  const std::uint64_t first = m_nNamingCount.exchange(header->count);
-  return InitHashCodeMap(first);
+  if (!header || !Reserve(CountInData(GetCount(), header->count), header->count)) return false;
+  if (HasLargerTable()) TakeLargerTable();
+  if (!AddCodes(*m_mapHashCode, GetCount(), header->count)) return false;
+  m_nNamingCount = header->count;
+  m_tag = Io::Board::Tag(m_board.GetEntries());
+  return true;
 }
 
 bool NameIndex::IsComplete(View& view) {
   if (m_board.IsCurrent(m_tag, view.GetEntries())) return true;
-  const auto word = view.ReadWord(GetShape().begin + Format::kNamingCountOffset);
-  if (!word || LoadScalar<std::uint64_t>(&*word, IsSwapped()) != GetCount()) return false;
+  std::uint64_t count;
+  if (!view.ReadIndex(GetShape().begin + Format::kNamingCountOffset, &count, sizeof count) ||
+      LoadScalar<std::uint64_t>(&count, IsSwapped()) != GetCount())
+    return false;
   view.SeesAllNames();
   return true;
 }
@@ -100,75 +111,163 @@ void NameIndex::Forget(std::uint32_t number) {
   if (number >= GetCount()) m_tag = 0;
 }
 
-// Adds the hash codes of the slots from `first` on. Those in holes, and beyond the end of the file,
-// are empty, all with the code 0, of which the last counts: so a file that claims many names takes
-// memory only for those that it has.
-bool NameIndex::InitHashCodeMap(std::uint64_t first) {
-  constexpr std::uint64_t kSlotsAtOnce = 16384;
-  const std::uint64_t count = GetCount();
-  const auto insert = [&](std::uint64_t code, std::uint64_t slot) {
-    return m_mapHashCode.Insert(code, static_cast<std::uint32_t>(slot));
-  };
+// Visits the hash codes of the slots from `first` up to `end` in blocks, with the number of the
+// first slot of each. The slots in holes, and beyond the end of the file, are empty, all with the
+// code 0; of a run of them only the last is visited, for of one code the last slot counts. So a
+// file that claims many names takes memory only for those that it has.
+template <typename Visit>
+bool NameIndex::VisitCodes(std::uint64_t first, std::uint64_t end, Visit visit) const {
+  const std::uint64_t none[] = {0};
   std::uint64_t fileLength;
   if (!m_file->GetLength(fileLength)) return false;
   const std::uint64_t start = GetShape().EntryAt(0);
   const std::uint64_t inFile = (std::max(fileLength, start) - start) / GetShape().EntrySize();
-  Io::IndexWalker slots(*m_file, GetShape(), IsSwapped(), std::min(count, inFile),
+  Io::IndexWalker slots(*m_file, GetShape(), IsSwapped(), std::min(end, inFile),
                         {.first = first, .blockSize = kSlotsAtOnce, .readsLastBlock = true});
+  std::vector<std::uint64_t> codes;
   std::uint64_t next = slots.Position();
-  std::uint64_t roomUpTo = 0;
   while (slots.Next()) {
-    if (slots.First() > next && !insert(0, slots.First() - 1)) return false;
+    if (slots.First() > next && !visit(slots.First() - 1, std::span(none))) return false;
     next = slots.Position();
-    if (next > roomUpTo) {
-      roomUpTo = slots.NextHole();
-      if (!m_mapHashCode.Reserve(m_mapHashCode.GetSize() + roomUpTo - slots.First())) return false;
-    }
-    for (std::size_t i = 0; i < slots.Size(); ++i)
-      if (!insert(slots.Code(i), slots.First() + i)) return false;
+    codes.resize(slots.Size());
+    for (std::size_t i = 0; i < codes.size(); ++i)
+      codes[i] = slots.Code(i);
+    if (!visit(slots.First(), std::span<const std::uint64_t>(codes))) return false;
   }
-  if (slots.HasFailed() || (next != count && !insert(0, count - 1))) return false;
+  return !slots.HasFailed() && (next == end || visit(end - 1, std::span(none)));
+}
+
+// How many of the slots the table needs room for: those that lie in the file and not in holes, and
+// one for each hole. A file that has as many blocks as bytes is not searched for holes.
+std::uint64_t NameIndex::CountInData(std::uint64_t first, std::uint64_t end) const {
+  constexpr std::uint64_t kBlock = 512;
+  const std::uint64_t all = end - first;
+  struct stat status;
+  if (all <= kSlotsAtOnce || !m_file->GetStatus(status)) return all;
+  const auto length = static_cast<std::uint64_t>(status.st_size);
+  const bool isDense = static_cast<std::uint64_t>(status.st_blocks) * kBlock >= length;
+  const std::uint64_t stop = std::min(GetShape().EntryAt(end), length);
+  std::uint64_t count = 1;  // all that lie behind the end
+  for (std::uint64_t at = GetShape().EntryAt(first); at < stop;) {
+    const std::uint64_t data = isDense ? at : std::clamp(m_file->NextData(at), at, stop);
+    at = isDense ? stop : std::clamp(m_file->NextHole(data), std::min(data + 1, stop), stop);
+    count += (at - data) / GetShape().EntrySize() + 2;
+  }
+  return std::min(count, all);
+}
+
+bool NameIndex::AddCodes(NameTable& table, std::uint64_t first, std::uint64_t end) const {
+  constexpr std::size_t kAhead = 16;
+  bool isRead = true;
+  const auto add = [&](std::uint64_t block, std::span<const std::uint64_t> codes) {
+    for (std::size_t i = 0; i < codes.size() && isRead; ++i) {
+      if (i + kAhead < codes.size()) table.Prefetch(codes[i + kAhead]);
+      if (!table.MayHold(table.GetSize() + 1, block + i + 1)) return false;
+      table.Insert(codes[i], static_cast<std::uint32_t>(block + i), [&](std::uint32_t other) {
+        std::uint64_t code = 0;
+        if (other - block < i)
+          code = codes[other - block];
+        else
+          isRead = isRead && ReadCode(other, code);
+        return code == codes[i];
+      });
+    }
+    return isRead;
+  };
+  return VisitCodes(first, end, add);
+}
+
+bool NameIndex::ReadCode(std::uint64_t slot, std::uint64_t& code) const {
+  unsigned char bytes[Format::kWidth8];
+  if (!Io::ReadEntries(*m_file, GetShape().EntryAt(slot) + Format::kWidth8, bytes, sizeof bytes))
+    return false;
+  code = LoadScalar<std::uint64_t>(bytes, IsSwapped());
+  return true;
+}
+
+bool NameIndex::InitHashCodeMap() {
+  const std::uint64_t count = GetCount();
+  m_mapHashCode = std::make_unique<NameTable>(CountInData(0, count), count);
+  m_mapHashCode->UseLargePages();
+  if (!AddCodes(*m_mapHashCode, 0, count)) return false;
   m_tag = Io::Board::Tag(m_board.GetEntries());
   return true;
 }
 
-bool NameIndex::ReadSlot(std::uint64_t code, NameSlot& slot, View* view) const {
-  const std::uint32_t number = *m_mapHashCode.Find(code);
-  slot = {{number, Format::PackIndexValue(Format::kStatusUnknown, 0)}, code, false};
-  return ReadEntry(number, slot.entry, view);
+bool NameIndex::Reserve(std::uint64_t names, std::uint64_t slots) {
+  const std::uint64_t size = m_mapHashCode->GetSize() + names;
+  const bool isFull = !m_mapHashCode->MayHold(size, slots);
+  if (!isFull && size <= m_mapHashCode->GetComfort()) return true;
+  return FillLargerTable(size, slots, isFull) || !isFull;
+}
+
+// Of a full table everything at once. Before, some slots for each name above its comfort, so that
+// all are in the larger one in time; in pieces, which are quicker to read and to insert.
+bool NameIndex::FillLargerTable(std::uint64_t names, std::uint64_t slots, bool isFull) try {
+  constexpr std::uint64_t kPiece = 1024;
+  constexpr std::uint64_t kForEach = 8;
+  if (m_larger == nullptr || !m_larger->MayHold(names, slots)) {
+    m_larger = std::make_unique<NameTable>(names + names / 2, slots);
+    m_inLarger = 0;
+  }
+  const std::uint64_t count = GetCount();
+  const std::uint64_t goal = isFull ? count : (names - m_mapHashCode->GetComfort()) * kForEach;
+  if (m_inLarger >= std::min(goal, count)) return true;
+  const std::uint64_t end = std::min(std::max(goal, m_inLarger + kPiece), count);
+  const bool isAdded = AddCodes(*m_larger, m_inLarger, end);
+  m_inLarger = end;
+  if (!isAdded) m_larger.reset();
+  return isAdded;
+} catch (const std::bad_alloc&) {
+  m_larger.reset();
+  return false;
+}
+
+NameIndex::Found NameIndex::FindSlot(std::uint64_t code, NameSlot& slot, View* view) const {
+  bool isRead = true;
+  const auto number = m_mapHashCode->Find(code, [&](std::uint32_t candidate) {
+    std::uint64_t itsCode = 0;
+    slot = {{candidate, Format::PackIndexValue(Format::kStatusUnknown, 0)}, code, false};
+    isRead = ReadEntry(candidate, slot.entry, view, &itsCode);
+    return !isRead || itsCode == code;
+  });
+  if (!number) return Found::kNone;
+  return isRead ? Found::kSlot : Found::kUnreadable;
 }
 
 bool NameIndex::GetNamingIdxValue(const NameKey& key, TileStore& store, NameSlot& slot,
                                   View* view) const {
   slot = {{static_cast<std::uint32_t>(GetCount()), 0}, key.GetHashCode(), true};
-  const std::uint32_t run = GetSameHashCodeCount(slot.code);
-  return run == 0 || ReSetHashCodeAndIndexValue(key, store, run, slot, view);
+  return ReSetHashCodeAndIndexValue(key, store, slot, view);
 }
 
 // Walks through the names of one hash. Deliberately it stops at the first slot whose tile is gone,
 // even if the name follows further on: that slot is then taken for the name.
-bool NameIndex::ReSetHashCodeAndIndexValue(const NameKey& key, TileStore& store, std::uint32_t run,
-                                           NameSlot& slot, View* view) const {
+bool NameIndex::ReSetHashCodeAndIndexValue(const NameKey& key, TileStore& store, NameSlot& slot,
+                                           View* view) const {
   const NameSlot next = slot;
   std::uint64_t probe = slot.code;
   std::optional<NameSlot> unreadable;  // the first one
-  std::uint32_t i = 0;
-  for (; i < run; ++i) {
-    if (!ReadSlot(probe, slot, view)) return false;
-    if (slot.entry.status == Format::kStatusEmpty) break;
+  bool isFull = false;
+  Found found = Found::kNone;
+  while (!isFull) {
+    found = FindSlot(probe, slot, view);
+    if (found == Found::kUnreadable) return false;
+    if (found == Found::kNone || slot.entry.status == Format::kStatusEmpty) break;
     const auto matches = HasName(slot.entry, key, store);
     if (matches == true) return true;
     if (!matches && !unreadable) unreadable = slot;
+    isFull = Format::GetNextHashCode(probe) == probe;
     probe = Format::GetNextHashCode(probe);
   }
   if (unreadable) {
     slot = *unreadable;
     return false;
   }
-  if (i < run) return true;
+  if (!isFull && found == Found::kSlot) return true;
   slot = next;
   slot.code = probe;
-  return run <= Format::kLastOrdinal;
+  return !isFull;
 }
 
 std::optional<bool> NameIndex::HasName(TileEntry& entry, const NameKey& key, TileStore& store) {
@@ -182,7 +281,8 @@ bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
   const std::uint64_t size = count * Format::kNamingSlotSize;
   unsigned char one[Format::kNamingSlotSize];
   ZrByteArray many;
-  if (oldCount + count > m_nNamingCapacity || NeedsRoom(count) ||
+  if (oldCount + count > m_nNamingCapacity ||
+      !m_mapHashCode->MayHold(m_mapHashCode->GetSize() + count, oldCount + count) ||
       (count > 1 && !many.ResizeForOverwrite(size)))
     return false;
   unsigned char* const bytes = count > 1 ? many.GetData() : one;
@@ -203,8 +303,10 @@ bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
     return false;
   }
   m_pIndex->Write(oldCount, bytes, size);
+  // No slot has the code of a new name.
   for (std::uint64_t i = 0; i < count; ++i)
-    m_mapHashCode.Insert(slots[i].code, slots[i].entry.number);
+    m_mapHashCode->Insert(slots[i].code, slots[i].entry.number,
+                          [](std::uint32_t) { return false; });
   m_nNamingCount = oldCount + count;
   return true;
 }
@@ -266,9 +368,11 @@ bool NameIndex::List(const Format::RecordShape& shape, PelmArray<PelmUnicodeStri
   ZrByteArray keyBuf;
   std::uint64_t left;
   if (!m_file->GetLength(left)) return false;
-  for (const NameTable::Entry& place : m_mapHashCode.Sorted()) {
+  std::vector<std::uint32_t> slots;
+  if (!Sort(slots)) return false;
+  for (const std::uint32_t slot : slots) {
     TileEntry entry;
-    if (!ReadEntry(place.slot, entry, nullptr)) return false;
+    if (!ReadEntry(slot, entry, nullptr)) return false;
     const auto read = GetKeyString(entry.position, shape, keyBuf);
     if (read == Io::NameRead::kFailed) return false;
     if (read == Io::NameRead::kNone) continue;
@@ -278,6 +382,22 @@ bool NameIndex::List(const Format::RecordShape& shape, PelmArray<PelmUnicodeStri
     const std::size_t size = isUtf16 ? keyBuf.GetSize() : 0;  // an older file lists empty names
     names.Add(PelmUnicodeString(UnitsOf({bytes, size}, shape.swap)));
   }
+  return true;
+}
+
+bool NameIndex::Sort(std::vector<std::uint32_t>& slots) const {
+  std::vector<std::pair<std::uint64_t, std::uint32_t>> codes;
+  codes.reserve(m_mapHashCode->GetSize());
+  const auto add = [&](std::uint64_t block, std::span<const std::uint64_t> some) {
+    for (std::size_t i = 0; i < some.size(); ++i)
+      codes.emplace_back(some[i], static_cast<std::uint32_t>(block + i));
+    return true;
+  };
+  if (!VisitCodes(0, GetCount(), add)) return false;
+  std::sort(codes.begin(), codes.end());
+  for (std::size_t i = 0; i < codes.size(); ++i)
+    if (i + 1 == codes.size() || codes[i].first != codes[i + 1].first)
+      slots.push_back(codes[i].second);
   return true;
 }
 

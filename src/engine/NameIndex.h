@@ -1,8 +1,10 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <vector>
 
 #include "FileHeader.h"
 #include "IndexEntries.h"
@@ -20,8 +22,8 @@ class TileStore;
 /// The index of a naming file: finds the slot of a name by its hash code, adds slots, and grows.
 ///
 /// Threads: lookups read with a View at any time, and anybody may ask for the two counts; the rest
-/// is for one who holds the writer lock. Lookups must not run while the index grows or the table
-/// needs room (NeedsRoom).
+/// is for one who holds the writer lock. Lookups must not run while the index grows, names of
+/// others are added or a larger table is taken.
 class NameIndex final : public IndexEntries {
  public:
   /// Loads the index header and the hash codes of all slots. Null if the index does not lie in the
@@ -45,12 +47,14 @@ class NameIndex final : public IndexEntries {
   std::uint64_t GetCount() const { return m_nNamingCount; }
   bool HasVersions() const { return (m_nNamingFlags & Format::kVersionsEnabled) != 0; }
 
-  /// How many slots have the hash of a name, through its ordinals.
-  std::uint32_t GetSameHashCodeCount(std::uint64_t code) const {
-    return m_mapHashCode.GetSameHashCodeCount(code);
+  /// Whether a slot may have the code, without a look at the index: one with another code may, too,
+  /// but seldom.
+  bool MayHave(std::uint64_t code) const {
+    return m_mapHashCode->Find(code, [](std::uint32_t) { return true; }).has_value();
   }
-  /// The slot of a code that the index has. False if it cannot be read: its status is unknown then.
-  bool ReadSlot(std::uint64_t code, NameSlot& slot, View* view = nullptr) const;
+  /// Finds the slot of a code. kUnreadable: it cannot be told, and its status is unknown.
+  enum class Found { kNone, kSlot, kUnreadable };
+  Found FindSlot(std::uint64_t code, NameSlot& slot, View* view = nullptr) const;
   /// Finds the slot of a name, or the code under which it would get one. The head of the record
   /// that has the name stays in the store's record buffer.
   ///
@@ -70,12 +74,13 @@ class NameIndex final : public IndexEntries {
   /// Writes slots of new names, behind those in use. They are written before they are counted in,
   /// so that an operation cut short leaves no trace.
   bool AddSlots(const NameSlot* slots, std::uint64_t count);
-  /// Whether the table must move to take so many more names.
-  bool NeedsRoom(std::uint64_t count) const { return m_mapHashCode.NeedsRoom(count); }
-  /// Moves it. False if memory is short.
-  bool Reserve(std::uint64_t count) {
-    return m_mapHashCode.Reserve(m_mapHashCode.GetSize() + count);
-  }
+  /// Makes room in memory for so many more names. Long before the table is full a larger one is
+  /// filled, a part with each call; lookups use the old one until it is taken. False if memory is
+  /// short.
+  bool Reserve(std::uint64_t count) { return Reserve(count, GetCount() + count); }
+  /// Whether the larger table is filled, and is to be taken.
+  bool HasLargerTable() const { return m_larger != nullptr && m_inLarger == GetCount(); }
+  void TakeLargerTable() { m_mapHashCode = std::move(m_larger); }
   /// Whether there is room for one more slot.
   bool IsFull() const { return m_nNamingCount >= m_nNamingCapacity; }
   /// Doubles the index: a new one at `position`, the end of the data, to which the header then
@@ -86,15 +91,22 @@ class NameIndex final : public IndexEntries {
   /// Appends the names, removed ones as well, in the order of their hash codes. False if one cannot
   /// be read, or if they are longer than the file together. Throws std::bad_alloc.
   bool List(const Format::RecordShape& shape, PelmArray<PelmUnicodeString>& names) const;
-  /// All slots by hash code, for compaction.
-  const NameTable& GetTable() const { return m_mapHashCode; }
+  /// The numbers of all slots, by hash code. False if these cannot be read. Throws std::bad_alloc.
+  bool Sort(std::vector<std::uint32_t>& slots) const;
 
  private:
   void Forget(std::uint32_t number) override;
-  bool InitHashCodeMap(std::uint64_t first);
+  bool InitHashCodeMap();
   std::optional<Format::NamingHeader> ReadHeader() const;
-  bool ReSetHashCodeAndIndexValue(const NameKey& key, TileStore& store, std::uint32_t run,
-                                  NameSlot& slot, View* view) const;
+  template <typename Visit>
+  bool VisitCodes(std::uint64_t first, std::uint64_t end, Visit visit) const;
+  std::uint64_t CountInData(std::uint64_t first, std::uint64_t end) const;
+  bool AddCodes(NameTable& table, std::uint64_t first, std::uint64_t end) const;
+  bool ReadCode(std::uint64_t slot, std::uint64_t& code) const;
+  bool Reserve(std::uint64_t names, std::uint64_t slots);
+  bool FillLargerTable(std::uint64_t names, std::uint64_t slots, bool isFull);
+  bool ReSetHashCodeAndIndexValue(const NameKey& key, TileStore& store, NameSlot& slot,
+                                  View* view) const;
   Io::NameRead GetKeyString(std::uint64_t recordPosition, const Format::RecordShape& shape,
                             ZrByteArray& keyBuf) const;
   bool WriteHeader(std::uint64_t indexOffset, std::uint64_t capacity, std::uint64_t count);
@@ -102,9 +114,11 @@ class NameIndex final : public IndexEntries {
 
   Io::FileHeader& m_header;
   MaxSizes& m_maxSizes;
-  NameTable m_mapHashCode;              // slots by hash code
-  std::atomic<std::uint64_t> m_tag{0};  // of when it was known to be complete
-  std::mutex m_mutex;                   // held while lookups set the tag
+  std::unique_ptr<NameTable> m_mapHashCode;  // slots by hash code
+  std::unique_ptr<NameTable> m_larger;       // is being filled; null: none is
+  std::uint64_t m_inLarger = 0;              // so many slots are in it
+  std::atomic<std::uint64_t> m_tag{0};       // of when it was known to be complete
+  std::mutex m_mutex;                        // held while lookups set the tag
   std::atomic<std::uint64_t> m_nNamingCapacity;
   std::atomic<std::uint64_t> m_nNamingCount;
   const std::uint32_t m_nNamingFlags;

@@ -1,12 +1,13 @@
 #include "NameTable.h"
 
+#include <sys/mman.h>
 #include <sys/random.h>
 
 #include <algorithm>
 #include <bit>
 #include <new>
 
-#include "NameHash.h"
+#include "Layout.h"
 
 namespace Zarn::Engine {
 
@@ -21,78 +22,28 @@ std::uint64_t NameTable::GetSpread() {
   return spread;
 }
 
-// The same for all ordinals of a hash: a search for one mostly goes on with the next, which then
-// lies in the same cache line.
-std::size_t NameTable::Home(std::uint64_t code) const {
-  return static_cast<std::size_t>((code & Format::kHashMask) * m_spread >> m_shift);
+// The memory of a large array is committed when it is first touched: no store waits for all of it.
+NameTable::NameTable(std::uint64_t names, std::uint64_t slots)
+    : m_count(std::max<std::uint64_t>(names / 4 * 7, 16)),
+      m_slotMask(static_cast<std::uint32_t>(
+          std::bit_ceil(std::min(slots + m_count / 2, Format::kMaxNamingCapacity) + 1) - 1)),
+      m_places(static_cast<std::uint32_t*>(std::calloc(m_count, sizeof(std::uint32_t)))) {
+  if (m_places == nullptr) throw std::bad_alloc();
 }
 
-// Where the code is, or where it would go.
-std::size_t NameTable::PlaceOf(std::uint64_t code) const {
-  std::size_t place = Home(code);
-  while (m_places[place].Slot() != 0 && m_places[place].code != code)
-    place = Next(place);
-  return place;
+void NameTable::UseLargePages() {
+  constexpr std::uintptr_t kLargePage = 1 << 21;
+  const auto address = reinterpret_cast<std::uintptr_t>(m_places.get());
+  const std::uintptr_t begin = (address + kLargePage - 1) & ~(kLargePage - 1);
+  const std::uintptr_t end = (address + m_count * sizeof(std::uint32_t)) & ~(kLargePage - 1);
+  if (begin < end) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
 }
 
-std::optional<std::uint32_t> NameTable::Find(std::uint64_t code) const {
-  if (m_places.empty()) return std::nullopt;
-  const std::uint32_t slot = m_places[PlaceOf(code)].Slot();
-  if (slot == 0) return std::nullopt;
-  return slot - 1;
-}
-
-std::uint32_t NameTable::GetSameHashCodeCount(std::uint64_t code) const {
-  std::uint32_t count = 0;
-  while (Find(code)) {
-    ++count;
-    const std::uint64_t next = Format::GetNextHashCode(code);
-    if (next == code) break;
-    code = next;
-  }
-  return count;
-}
-
-std::size_t NameTable::CountSteps(std::uint64_t code) const {
-  return ((PlaceOf(code) - Home(code)) & (m_places.size() - 1)) + 1;
-}
-
-bool NameTable::Reserve(std::size_t size) {
-  const std::size_t needed = std::bit_ceil(std::max<std::size_t>(2 * size, 16));
-  if (needed <= m_places.size()) return true;
-  std::vector<Place> old;
-  try {
-    std::vector<Place> larger(needed);
-    old.swap(m_places);
-    m_places.swap(larger);
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
-  m_shift = 64 - static_cast<unsigned>(std::countr_zero(needed));
-  for (const Place& place : old)
-    if (place.slotPlusOne != 0) m_places[PlaceOf(place.code)] = place;
-  return true;
-}
-
-bool NameTable::Insert(std::uint64_t code, std::uint32_t slot) {
-  if (NeedsRoom(1) && !Find(code) && !Reserve(m_size + 1)) return false;
-  Place& place = m_places[PlaceOf(code)];
-  if (place.slotPlusOne == 0) {
-    ++m_size;
-    place.code = code;
-  }
-  std::atomic_ref(place.slotPlusOne).store(slot + 1, std::memory_order_release);
-  return true;
-}
-
-std::vector<NameTable::Entry> NameTable::Sorted() const {
-  std::vector<Entry> entries;
-  entries.reserve(m_size);
-  for (const Place& place : m_places)
-    if (place.slotPlusOne != 0) entries.push_back({place.code, place.slotPlusOne - 1});
-  std::sort(entries.begin(), entries.end(),
-            [](const Entry& a, const Entry& b) { return a.code < b.code; });
-  return entries;
+std::uint64_t NameTable::CountSteps(std::uint64_t code) const {
+  std::uint64_t steps = 1;
+  for (std::uint64_t number = Home(code); LoadPlace(number) != 0; number = Next(number))
+    ++steps;
+  return steps;
 }
 
 }  // namespace Zarn::Engine

@@ -79,15 +79,17 @@ bool Engine::MakeRoomForName() {
   return ReserveNames(1);
 }
 
-// Makes room in memory for new names. Lookups wait while the table moves.
+// Makes room in memory for new names. Lookups wait only while the table is exchanged.
 bool Engine::ReserveNames(std::size_t count) {
   NameIndex* const names = File().Names();
-  if (names == nullptr || !names->NeedsRoom(count)) return true;
+  if (names == nullptr) return true;
+  if (!names->Reserve(count)) return false;
+  if (!names->HasLargerTable()) return true;
   m_locks.AssertMutexHeld();
   m_locks.GetLookups().Stop();
-  const bool hasRoom = names->Reserve(count);
+  names->TakeLargerTable();
   AdmitLookups();
-  return hasRoom;
+  return true;
 }
 
 // The new index goes to the end of the data, which is unknown until the header leads there.
@@ -139,10 +141,11 @@ unsigned int Engine::ReadTile(OpenFile& file, View& view, const NameKey& key, st
   NameIndex& names = *file.Names();
   const TileStore::Place place = file.GetPlace();
   NameSlot slot;
-  const std::uint32_t candidates = names.GetSameHashCodeCount(key.GetHashCode());
-  if (candidates == 0) return ZrResult::kNotFound;
-  if (candidates == 1) {
-    if (!names.ReadSlot(key.GetHashCode(), slot, &view)) return ZrResult::kReadFailure;
+  const std::uint64_t code = key.GetHashCode();
+  if (!names.MayHave(Format::GetNextHashCode(code))) {
+    const auto found = names.FindSlot(code, slot, &view);
+    if (found == NameIndex::Found::kNone) return ZrResult::kNotFound;
+    if (found == NameIndex::Found::kUnreadable) return ZrResult::kReadFailure;
   } else {
     TileStore tiles(place, buffer);
     const bool isFound = names.GetNamingIdxValue(key, tiles, slot, &view);

@@ -147,14 +147,16 @@ bool TileCopier::CopyCells(const Io::IndexWalker& cells) {
 }
 
 bool TileCopier::CopyNames() {
-  const std::vector<NameTable::Entry> places = m_source.Names()->GetTable().Sorted();
-  m_all = places.size();
-  for (std::size_t i = 0; i < places.size(); ++i) {
+  std::vector<std::uint32_t> slots;
+  if (!m_source.Names()->Sort(slots)) return CannotRead();
+  m_all = slots.size();
+  m_table.emplace(slots.size(), slots.size());
+  m_copied.reserve(slots.size());
+  for (std::size_t i = 0; i < slots.size(); ++i) {
     m_done = i;
     std::uint64_t value;
-    if (!m_source.Index().ReadStable(places[i].slot, value)) return CannotRead();
-    if (Format::StatusOf(value) != Format::kStatusEmpty && !CopyName(places[i].slot, value))
-      return false;
+    if (!m_source.Index().ReadStable(slots[i], value)) return CannotRead();
+    if (Format::StatusOf(value) != Format::kStatusEmpty && !CopyName(slots[i], value)) return false;
   }
   return true;
 }
@@ -169,16 +171,27 @@ bool TileCopier::CopyName(std::uint32_t number, std::uint64_t value) {
   std::uint64_t slot[2] = {value};
   std::uint64_t& code = slot[1];
   if (!Decode(name) || !FindCode(name, code)) return false;
-  if (m_names.Find(code)) return true;  // shadowed
+  if (FindCopied(code) != nullptr) return true;  // shadowed
   const std::string_view units(reinterpret_cast<const char*>(name.units.data()),
                                name.units.size() * sizeof(char16_t));
-  return WriteTile(slot[0], {Format::kNameCharsetUtf16, units}) &&
-         m_writer.PutEntry(m_names.GetSize(), slot) && m_names.Insert(code, number);
+  if (!WriteTile(slot[0], {Format::kNameCharsetUtf16, units}) ||
+      !m_writer.PutEntry(m_copied.size(), slot))
+    return false;
+  m_table->Insert(code, static_cast<std::uint32_t>(m_copied.size()),
+                  [](std::uint32_t) { return false; });
+  m_copied.push_back({code, number});
+  return true;
+}
+
+const TileCopier::CopiedName* TileCopier::FindCopied(std::uint64_t code) const {
+  const auto slot =
+      m_table->Find(code, [&](std::uint32_t number) { return m_copied[number].code == code; });
+  return slot ? &m_copied[*slot] : nullptr;
 }
 
 bool TileCopier::WriteCount() {
   const auto bytes =
-      Format::EncodeNamingHeader(m_sizes.MakeHeader(m_index.count, m_names.GetSize()), false);
+      Format::EncodeNamingHeader(m_sizes.MakeHeader(m_index.count, m_copied.size()), false);
   return m_target.WriteAt(Format::kHeaderSize, bytes.data(), bytes.size());
 }
 
@@ -213,9 +226,9 @@ bool TileCopier::ReadName(std::uint32_t slot, Name& name) {
 // charset. Bytes that differ and become one name are no case for a choice.
 bool TileCopier::FindCode(const Name& name, std::uint64_t& code) {
   code = Format::HashUnits(name.units);
-  while (const auto found = m_names.Find(code)) {
+  while (const CopiedName* const found = FindCopied(code)) {
     Name other;
-    if (!ReadName(*found, other) || !Decode(other)) return CannotRead();
+    if (!ReadName(found->source, other) || !Decode(other)) return CannotRead();
     if (other.units == name.units) return other.stored == name.stored;
     const std::uint64_t next = Format::GetNextHashCode(code);
     if (next == code) return false;

@@ -77,6 +77,12 @@ class TileCopier {
   bool Decode(Name& name) const;
   bool ReadName(std::uint32_t slot, Name& name);
   bool FindCode(const Name& name, std::uint64_t& code);
+  /// A slot of the target.
+  struct CopiedName {
+    std::uint64_t code;
+    std::uint32_t source;  // its slot there
+  };
+  const CopiedName* FindCopied(std::uint64_t code) const;
 
   bool ReadRecord(std::uint64_t position, std::uint64_t hint);
   bool WriteTile(std::uint64_t& value, const Format::StoredName& name);
@@ -120,8 +126,9 @@ class TileCopier {
   ImageWriter m_writer;
   std::uint64_t m_done = 0;  // entries of the index that were visited
   std::uint64_t m_all = 0;
-  std::uint64_t m_told = 0;  // position at the last call of m_progress
-  NameTable m_names;         // from codes in the target to slots of the source
+  std::uint64_t m_told = 0;          // position at the last call of m_progress
+  std::vector<CopiedName> m_copied;  // the slots of the target
+  std::optional<NameTable> m_table;  // of them
 };
 
 }  // namespace Zarn::Engine

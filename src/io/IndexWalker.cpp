@@ -33,7 +33,7 @@ bool IndexWalker::Next() {
 void IndexWalker::SkipHole() {
   const std::uint64_t left = m_end - m_next;
   const std::uint64_t position = m_index.EntryAt(m_next);
-  if (left == 0 || position < m_holeAt || (m_options.readsLastBlock && left <= m_blockSize)) return;
+  if (left == 0 || (m_options.readsLastBlock && left <= m_blockSize)) return;
   const std::uint64_t hole = std::max(m_file.NextData(position), position) - position;
   m_next += std::min(hole / m_index.EntrySize(), left);
 }
@@ -49,14 +49,6 @@ bool IndexWalker::ReadBlock() {
   m_size = (*got + entrySize - 1) / entrySize;
   m_end = m_next = m_first + m_size;
   return true;
-}
-
-std::uint64_t IndexWalker::NextHole() {
-  if (m_next == m_end) return m_end;
-  const std::uint64_t begin = m_index.EntryAt(m_next);
-  m_holeAt = std::max(m_file.NextHole(begin), begin);
-  const std::uint64_t entries = (m_holeAt - begin + m_index.EntrySize() - 1) / m_index.EntrySize();
-  return m_next + std::min(entries, m_end - m_next);
 }
 
 }  // namespace Zarn::Io

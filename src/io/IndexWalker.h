@@ -47,9 +47,6 @@ class IndexWalker {
   /// The hash code of a slot of the block.
   std::uint64_t Code(std::size_t slot) const { return Word(slot, Format::kWidth8); }
 
-  /// The first entry behind the block that lies wholly in a hole of the file, or is not visited.
-  std::uint64_t NextHole();
-
  private:
   std::uint64_t Word(std::size_t entry, std::size_t offset) const {
     return LoadScalar<std::uint64_t>(&m_bytes[entry * m_index.EntrySize() + offset], m_swap);
@@ -67,7 +64,6 @@ class IndexWalker {
   std::uint64_t m_first;
   std::size_t m_size = 0;
   bool m_failed = false;
-  std::uint64_t m_holeAt = 0;  // no hole lies between m_next and this position of the file
   std::vector<unsigned char> m_bytes;
 };
 

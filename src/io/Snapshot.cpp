@@ -35,12 +35,9 @@ bool Snapshot::Begin() {
   return m_board.IsOurs(m_words) && (m_attempts == 1 || m_board.IsSettled(m_words));
 }
 
-std::optional<std::uint64_t> Snapshot::ReadWord(std::uint64_t position) const {
-  std::uint64_t word;
-  if (m_map != nullptr && m_map->ReadUpTo(position, &word, sizeof word) == sizeof word) return word;
-  if (!ReadEntries(m_file, position, reinterpret_cast<unsigned char*>(&word), sizeof word))
-    return std::nullopt;
-  return word;
+bool Snapshot::ReadIndex(std::uint64_t position, void* target, std::uint64_t size) const {
+  return (m_map != nullptr && m_map->ReadUpTo(position, target, size) == size) ||
+         ReadEntries(m_file, position, static_cast<unsigned char*>(target), size);
 }
 
 // While `entries` stays, nothing to which an entry leads changes: a place is overwritten only

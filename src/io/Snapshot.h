@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <optional>
 
 #include "Board.h"
 #include "FileMap.h"
@@ -33,8 +32,8 @@ class Snapshot {
   /// The value of `entries` for what is read now.
   std::uint64_t GetEntries() const { return m_words.entries; }
 
-  /// Reads eight bytes of the index from the file; they are zero behind its end.
-  std::optional<std::uint64_t> ReadWord(std::uint64_t position) const;
+  /// Reads bytes of the index from the file; they are zero behind its end. False if that fails.
+  bool ReadIndex(std::uint64_t position, void* target, std::uint64_t size) const;
   /// What the lookup uses belongs to one tile, that of the entry of this number.
   void UsesTile(std::uint32_t tile) {
     m_tile = tile;

@@ -10,13 +10,13 @@ TEST(NameTable, CodesMadeToMeetDoNot) {
   std::uint64_t inverse = kGolden;
   for (int i = 0; i < 5; ++i)
     inverse *= 2 - kGolden * inverse;
-  NameTable table;
+  NameTable table(4096, 4096);
   std::vector<std::uint64_t> codes;
   for (std::uint64_t product = 0; codes.size() < 4096; ++product)
     if (const std::uint64_t code = product * inverse; code >> 56 == 0) codes.push_back(code);
   std::size_t steps = 0;
   for (const std::uint64_t code : codes)
-    ASSERT_TRUE(table.Insert(code, 1));
+    table.Insert(code, 1, [](std::uint32_t) { return false; });
   for (const std::uint64_t code : codes)
     steps += table.CountSteps(code);
   EXPECT_LT(steps, 64 * codes.size());

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <atomic>
 #include <filesystem>
 #include <set>
 #include <string>
+#include <thread>
 
 #include "engine/EngineFixture.h"
 #include "support/RawFile.h"
@@ -84,6 +86,64 @@ TEST_P(Names, OfAnOlderFile) {
   MakeNaming(4, GetParam(), 20111112);
   EXPECT_EQ(Store(name, "tile"), 10U) << "an unknown version: nobody could find it again";
   EXPECT_EQ(Read(name).result, 5U);
+}
+
+// The table of names knows a part of each code, and four bits of its ordinal: slots of which it
+// cannot tell which one is meant. Of those with one code the last counts.
+TEST_P(Names, AreFoundByTheirWholeCode) {
+  constexpr std::uint64_t kCode = 100 + 8, kSlot = 16;
+  MakeNaming(3, GetParam());
+  ASSERT_EQ(Store(u"a", "A") + Store(u"b", "B") + Store(u"c", "C"), 0U);
+  object.Close();
+  const Support::Bytes file = Support::ReadFile(path);
+  const auto codeAt = [&](std::uint64_t slot) {
+    const auto from = file.begin() + static_cast<std::ptrdiff_t>(kCode + slot * kSlot);
+    return Support::Bytes(from, from + 8);
+  };
+  const Support::Bytes ordinal = Number(std::uint64_t{16} << 56);
+  Support::Bytes later = codeAt(1);
+  for (std::size_t i = 0; i < later.size(); ++i)
+    later[i] |= ordinal[i];
+  Support::Poke(path, kCode, later);
+  Support::Poke(path, kCode + 2 * kSlot, later);
+  Reopen();
+  EXPECT_EQ(Read(u"b").payload, "B");
+  Support::Poke(path, kCode + 2 * kSlot, codeAt(1));
+  Reopen();
+  EXPECT_EQ(Read(u"b").result, 5U);
+}
+
+// With lookups of another thread, and of an object that hears of them one by one, or of many.
+TEST_P(Names, AreFoundWhileTheirTableGrows) {
+  constexpr int kCount = 6000, kUnheard = 1000;
+  const PretendToSync pretend;
+  MakeNaming(1, GetParam());
+  Reopen(ZrCompactFile::kProcessLock);
+  ZrCompactFile beside;
+  ASSERT_EQ(beside.Open(path, u"", ZrCompactFile::kProcessLock), 0U);
+  const auto nameOf = [](int i) { return Name::FromUtf8("name " + std::to_string(i)); };
+  const auto isThere = [&](ZrCompactFile& file, int i) {
+    return ReadTile(file, nameOf(i), 0) == Tile{0, std::to_string(i), std::to_string(i).size()};
+  };
+  std::atomic<int> stored{0};
+  std::thread looking([&] {
+    for (int i = 0, known = 0; known < kCount; ++i, known = stored)
+      EXPECT_TRUE(known == 0 || (isThere(object, i % known) && isThere(object, known - 1)))
+          << known;
+  });
+  for (int i = 0; i < kCount; ++i) {
+    EXPECT_EQ(Store(nameOf(i), std::to_string(i)), 0U);
+    stored = i + 1;
+    if (i / kUnheard % 2 == 0) {
+      EXPECT_TRUE(isThere(beside, i)) << i;
+      EXPECT_TRUE(isThere(beside, i)) << i << ", from what is kept";
+    }
+  }
+  looking.join();
+  Reopen(ZrCompactFile::kProcessLock);
+  for (int i = 0; i < kCount; ++i)
+    EXPECT_TRUE(isThere(object, i) && isThere(beside, i)) << i;
+  EXPECT_EQ(Read(u"name 6000").result, 5U);
 }
 
 // Memory for names depends on what the file has, not on what it claims; and a table that is just

@@ -54,12 +54,6 @@ TEST(IndexWalker, PassesOverHolesAndEndsWithTheFile) {
   EXPECT_EQ(Walk(file, 1 << 19, {}), first + "? to 524288");
   calls.FailCall(2, EIO);
   EXPECT_EQ(Walk(file, kFew, {}), "! ? " + second + "to 1048585");
-
-  IndexWalker walker(file, kNames, true, kAll, {.blockSize = 5});
-  EXPECT_TRUE(walker.Next());
-  const std::uint64_t inHole = kNames.EntryAt(walker.NextHole());
-  EXPECT_GT(file.NextData(inHole), inHole);
-  EXPECT_EQ(file.NextData(inHole - 16), inHole - 16);
 }
 
 }  // namespace
