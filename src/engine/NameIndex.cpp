@@ -223,6 +223,17 @@ bool NameIndex::FillLargerTable(std::uint64_t names, std::uint64_t slots, bool i
   return false;
 }
 
+std::uint32_t NameIndex::GetSameHashCodeCount(std::uint64_t code) const {
+  const auto isAny = [](std::uint32_t) { return true; };
+  std::uint32_t count = 0;
+  while (m_mapHashCode->Find(code, isAny)) {
+    ++count;
+    const std::uint64_t next = Format::GetNextHashCode(code);
+    if (std::exchange(code, next) == next) break;
+  }
+  return count;
+}
+
 NameIndex::Found NameIndex::FindSlot(std::uint64_t code, NameSlot& slot, View* view) const {
   bool isRead = true;
   const auto number = m_mapHashCode->Find(code, [&](std::uint32_t candidate) {

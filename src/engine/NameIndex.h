@@ -47,11 +47,9 @@ class NameIndex final : public IndexEntries {
   std::uint64_t GetCount() const { return m_nNamingCount; }
   bool HasVersions() const { return (m_nNamingFlags & Format::kVersionsEnabled) != 0; }
 
-  /// Whether a slot may have the code, without a look at the index: one with another code may, too,
-  /// but seldom.
-  bool MayHave(std::uint64_t code) const {
-    return m_mapHashCode->Find(code, [](std::uint32_t) { return true; }).has_value();
-  }
+  /// How many of the codes from this one on, by GetNextHashCode, are those of slots, without a look
+  /// at the index: seldom, a slot with another code counts as well.
+  std::uint32_t GetSameHashCodeCount(std::uint64_t code) const;
   /// Finds the slot of a code. kUnreadable: it cannot be told, and its status is unknown.
   enum class Found { kNone, kSlot, kUnreadable };
   Found FindSlot(std::uint64_t code, NameSlot& slot, View* view = nullptr) const;

@@ -142,7 +142,7 @@ unsigned int Engine::ReadTile(OpenFile& file, View& view, const NameKey& key, st
   const TileStore::Place place = file.GetPlace();
   NameSlot slot;
   const std::uint64_t code = key.GetHashCode();
-  if (!names.MayHave(Format::GetNextHashCode(code))) {
+  if (names.GetSameHashCodeCount(code) <= 1) {
     const auto found = names.FindSlot(code, slot, &view);
     if (found == NameIndex::Found::kNone) return ZrResult::kNotFound;
     if (found == NameIndex::Found::kUnreadable) return ZrResult::kReadFailure;
