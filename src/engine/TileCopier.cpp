@@ -14,7 +14,7 @@ namespace {
 constexpr std::uint64_t kUsualPayload = 16 * 1024;
 constexpr std::uint64_t kTellEvery = 1 << 20;  // bytes written
 // Of a tile, that older versions may have for tables: so much, or this part of the payloads.
-constexpr std::uint64_t kUsualTables = 512;
+constexpr std::uint64_t kUsualTables = 4096;
 constexpr std::uint64_t kTablesPart = 16;
 
 // An index of the same kind and size in a new container.

@@ -93,7 +93,7 @@ TEST_P(CompactionInBothOrders, ManyVersionsTakeNoMoreThanTheirPayloads) {
   for (unsigned int version = 2; version <= 400; version += 2)
     ASSERT_EQ(Store(u"name", "text " + std::to_string(version), version), 0U);
   ASSERT_EQ(object.Compact(), 0U);
-  EXPECT_LT(Check().GetSize(), 200U * (60 + 8 + 16) + 512 + 200);
+  EXPECT_LT(Check().GetSize(), 200U * (60 + 8 + 16) + 4096 + 200);
   for (unsigned int newest = 400; newest > 390; newest -= 2) {
     ASSERT_EQ(Store(u"name", "new " + std::to_string(newest - 1), newest - 1), 0U);
     ASSERT_EQ(object.Remove(u"name", newest) + object.Remove(u"name", newest - 1), 0U);
