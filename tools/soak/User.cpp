@@ -28,8 +28,12 @@ PelmUnicodeString NameOf(std::uint32_t tile) {
   return PelmUnicodeString::FromUtf8("tile " + std::to_string(tile));
 }
 
+// One byte scrambles a header, so many passwords are as good as another one: who finds the file
+// open by that would take it for not changed. These 64, and none, give different bytes.
 PelmUnicodeString PasswordOf(std::uint32_t number) {
-  return PelmUnicodeString::FromUtf8(number == 0 ? "" : std::to_string(number));
+  constexpr char16_t kFirst = 0x4B88;
+  const auto unit = static_cast<char16_t>(kFirst + number % 64);
+  return number == 0 ? PelmUnicodeString() : PelmUnicodeString(&unit, 1);
 }
 
 }  // namespace
