@@ -1,0 +1,179 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hx/container.h"
+
+namespace hx {
+
+/// West, south, east and north, in degrees.
+struct Bounds {
+  double west = -180, south = -85.051129, east = 180, north = 85.051129;
+};
+
+/// Where a map may open.
+struct Center {
+  double longitude = 0, latitude = 0;
+  int zoom = 0;
+};
+
+/// What is known of a tileset as a whole: texts by the keys of MBTiles, such as "name", "format",
+/// "attribution", and "json" with the layers of vector tiles. Other keys stay as they are.
+class HX_TILES_API Metadata {
+ public:
+  using Values = std::map<std::string, std::string, std::less<>>;
+
+  Metadata() = default;
+  explicit Metadata(Values values) : m_values(std::move(values)) {}
+
+  const Values& values() const noexcept { return m_values; }
+  bool empty() const noexcept { return m_values.empty(); }
+  /// The text of a key; empty if there is none.
+  std::string get(std::string_view key) const;
+  void set(std::string_view key, std::string_view value);
+  void erase(std::string_view key);
+
+  /// @name Keys that are numbers
+  /// Nothing if the key is missing, or its text is none of these numbers.
+  /// @{
+  std::optional<Bounds> bounds() const;
+  std::optional<Center> center() const;
+  std::optional<int> min_zoom() const;
+  std::optional<int> max_zoom() const;
+  void set_bounds(const Bounds& bounds);
+  void set_center(const Center& center);
+  void set_zooms(int min, int max);
+  /// @}
+
+  /// An object of texts.
+  std::string to_json() const;
+  /// Takes objects whose values are no texts, too: a number, a list or an object becomes its JSON.
+  /// Nothing for any other text.
+  static std::optional<Metadata> from_json(std::string_view json);
+
+ private:
+  Values m_values;
+};
+
+/// The part of a zoom that a tileset of grids has room for.
+struct ZoomRange {
+  std::uint32_t zoom = 0;
+  std::uint32_t first_col = 0, first_row = 0;
+  std::uint32_t cols = 1, rows = 1;
+
+  /// All of a zoom: 2^zoom columns and rows.
+  static constexpr ZoomRange whole(std::uint32_t zoom) noexcept {
+    return {zoom, 0, 0, std::uint32_t{1} << zoom, std::uint32_t{1} << zoom};
+  }
+  constexpr bool holds(const Tile& tile) const noexcept {
+    return tile.z == zoom && tile.x >= first_col && tile.x - first_col < cols &&
+           tile.y >= first_row && tile.y - first_row < rows;
+  }
+};
+
+/// A pyramid of tiles, by zoom, column and row (downwards), with its metadata.
+///
+/// It is one container of names, "z/x/y" for each tile and "metadata.json", which suits most sets.
+/// Or it is a folder with one grid for each zoom, "z.cf", and the manifest "tileset.json", which
+/// says where the grids begin; this suits sets that are dense. How many columns a zoom has is up to
+/// the set.
+///
+/// Errors, threads, processes and crashes as with Container. The metadata of a set of grids are
+/// replaced as a whole, in one step; of two who do that at the same time, one counts.
+class HX_TILES_API Tileset {
+ public:
+  /// @name Opening
+  /// @{
+
+  /// Opens the set at `path`: a file, or a folder with a manifest.
+  static Tileset open(const std::filesystem::path& path, const Options& options = {});
+  /// Creates a container of names. Throws (Cause::kExists) if a file is there.
+  static Tileset create(const std::filesystem::path& path, const Metadata& metadata = {},
+                        const Options& options = {});
+  /// Opens the set if it is there; else creates a container of names.
+  static Tileset open_or_create(const std::filesystem::path& path, const Options& options = {});
+  /// Creates a folder with a grid for each of the ranges, one of a zoom. The manifest comes last: a
+  /// folder without one is no set. Throws (Cause::kExists) if there is one.
+  static Tileset create_grids(const std::filesystem::path& folder,
+                              const std::vector<ZoomRange>& ranges, const Metadata& metadata = {},
+                              const Options& options = {});
+
+  /// Nothing is open.
+  Tileset() noexcept;
+  Tileset(Tileset&& other) noexcept;
+  Tileset& operator=(Tileset&& other) noexcept;
+  ~Tileset();
+
+  bool is_open() const noexcept { return m_set != nullptr; }
+  void close() noexcept;
+  /// The container of names; null for a set of grids.
+  Container* names() const noexcept;
+  /// Of a set of grids.
+  std::vector<ZoomRange> ranges() const;
+
+  /// Reads the metadata; they may have been changed by others.
+  Metadata metadata() const;
+  void set_metadata(const Metadata& metadata);
+  /// @}
+
+  /// @name Tiles
+  /// As the same calls of Container. Outside of all grids there are no tiles, and none can be
+  /// stored (Cause::kOutOfRange).
+  /// @{
+  Payload get(const Tile& tile, Stamp stamp = kNewest) const;
+  std::optional<Payload> find(const Tile& tile, Stamp stamp = kNewest) const;
+  Status try_get(const Tile& tile, Payload& payload, Stamp stamp = kNewest) const noexcept;
+  bool contains(const Tile& tile) const;
+  void put(const Tile& tile, Bytes bytes, const PutOptions& options = {});
+  Status try_put(const Tile& tile, Bytes bytes, const PutOptions& options = {}) noexcept;
+  /// One store of several.
+  struct TilePut {
+    Tile tile;
+    Bytes bytes;
+    PutOptions options = {};
+  };
+  /// Throws for the first that could not be stored, or before any is stored if one lies outside.
+  void put_all(const std::vector<TilePut>& puts);
+  bool erase(const Tile& tile);
+  bool erase(const Tile& tile, Stamp stamp);
+  std::uint64_t erase_older_than(Stamp stamp);
+  std::vector<Version> versions(const Tile& tile) const;
+  /// @}
+
+  /// @name The whole set
+  /// @{
+
+  /// Calls `visit` for each tile, as Container::tiles gives them; the zooms of grids one after the
+  /// other. Of one zoom, or of all. It returns false to end.
+  void for_each(const std::function<bool(const Tile&, const Entry&)>& visit,
+                std::optional<std::uint32_t> zoom = {}, const CursorOptions& options = {}) const;
+  /// How many tiles there are.
+  std::uint64_t size() const;
+  /// Of all files together.
+  Statistics statistics() const;
+  void flush();
+  /// Of each file; `done` and `total` are those of the file.
+  void compact(const Container::Progress& progress = {});
+  bool verify(const std::function<bool(const Finding&)>& report = {}) const;
+  /// @}
+
+ private:
+  struct Set;
+  struct Place;
+
+  Set& Use() const;
+  Place Find(const Tile& tile) const noexcept;
+  Place FindToStore(const Tile& tile) const;
+
+  std::unique_ptr<Set> m_set;
+};
+
+}  // namespace hx
