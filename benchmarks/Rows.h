@@ -15,6 +15,7 @@ inline constexpr char kLocked[] = "process lock";  // the engine with the lock b
 inline constexpr char kMapped[] = "mapped";        // the engine, reading through a mapping
 inline constexpr char kMappedLocked[] = "mapped + lock";  // both
 inline constexpr char kMemcpy[] = "memcpy";  // the limit of that: a mapping and nothing else
+inline constexpr char kFace[] = "hx";        // the engine through its face for C++17
 inline constexpr char kLmdb[] = "LMDB";
 inline constexpr char kSqlite[] = "SQLite";
 
@@ -59,6 +60,7 @@ void MeasureLookups(Report& report, const Scale& scale, const std::filesystem::p
 void MeasureStores(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureProcesses(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureNamedStores(Report& report, const Scale& scale, const std::filesystem::path& folder);
+void MeasureFace(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureVersions(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureOpening(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureCalls(Report& report, const Scale& scale, const std::filesystem::path& folder);

@@ -59,6 +59,9 @@ using Opener = std::function<std::unique_ptr<Store>(const std::filesystem::path&
 std::unique_ptr<Store> OpenLimit(const std::filesystem::path& folder, const Tiles& tiles,
                                  Access access);
 Opener EngineOpener(Zarn::ZrCompactFile::ZrOpenMode mode);
+/// The engine through its face for C++17.
+std::unique_ptr<Store> OpenFace(const std::filesystem::path& folder, const Tiles& tiles,
+                                Access access);
 /// One transaction per store or batch, with MDB_NOSYNC.
 std::unique_ptr<Store> OpenLmdb(const std::filesystem::path& folder, const Tiles& tiles,
                                 Access access);

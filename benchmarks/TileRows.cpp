@@ -221,6 +221,31 @@ void MeasureLookups(Report& report, const Scale& scale, const fs::path& folder) 
   }
 }
 
+// Beside the engine itself: what the face costs.
+void MeasureFace(Report& report, const Scale& scale, const fs::path& folder) {
+  Tiles tiles = MapTiles(scale.stored);
+  for (const std::string what : {"", "named "}) {
+    std::vector<Contender> contenders = MakeContenders(folder);
+    std::erase_if(contenders, [](const Contender& contender) {
+      return contender.column != kLimit && contender.column != kEngine;
+    });
+    fs::create_directories(folder / kFace);
+    contenders.push_back({kFace, folder / kFace, OpenFace, false, nullptr});
+    OpenAll(contenders, tiles, Access::kMake);
+    MeasureNewTiles(report, what + "put through the face", contenders, tiles, scale);
+    std::vector<Looker> lookers;
+    for (Contender& contender : contenders)
+      lookers.push_back({contender.column, [&] { return contender.store->NewReader(); }});
+    const std::vector<unsigned int> order = Shuffled(scale.stored);
+    InTurns(scale.passes, lookers, [&](const Looker& looker, unsigned int) {
+      const double seconds = CpuSeconds([&] { MeasureGets(looker, order, 1); });
+      report.Speed(what + "get through the face").Add(looker.column, seconds / scale.stored);
+    });
+    CloseAll(contenders);
+    tiles.MakeNames();
+  }
+}
+
 // The first of two versions, beside one read of as many bytes.
 void MeasureVersions(Report& report, const Scale& scale, const fs::path& folder) {
   const Tiles tiles = MapTiles(scale.slice);

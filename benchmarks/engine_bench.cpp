@@ -29,8 +29,9 @@ constexpr Scale kQuick = {.tiles = 16384,
 
 using Measure = void (*)(Report&, const Scale&, const std::filesystem::path&);
 constexpr std::pair<const char*, Measure> kSections[] = {
-    {"lookups", MeasureLookups},   {"stores", MeasureStores},     {"processes", MeasureProcesses},
-    {"names", MeasureNamedStores}, {"versions", MeasureVersions}, {"opening", MeasureOpening}};
+    {"lookups", MeasureLookups},   {"stores", MeasureStores}, {"processes", MeasureProcesses},
+    {"names", MeasureNamedStores}, {"face", MeasureFace},     {"versions", MeasureVersions},
+    {"opening", MeasureOpening}};
 
 void AddGoals(Report& report) {
   for (const char* put : {"put each", "named put"}) {
@@ -62,6 +63,8 @@ void AddGoals(Report& report) {
     report.AtLeast("two processes, writer", column, kLmdb, 1.5);
     report.AtLeast("two processes, reader", column, kLmdb, 0.8);
   }
+  for (const char* what : {"put", "get", "named put", "named get"})
+    report.AtLeast(std::string(what) + " through the face", kFace, kEngine, 0.95);
   report.AtMost("file bytes : payload bytes", kEngine, "", 1.01);
   report.AtMost("private memory, all tiles read", kEngine, "", 4);
 }
@@ -81,7 +84,7 @@ int main(int argc, char** argv) {
     return true;
   };
   Report stores("engine",
-                {kLimit, kEngine, kLocked, kMapped, kMappedLocked, kMemcpy, kLmdb, kSqlite});
+                {kLimit, kEngine, kLocked, kMapped, kMappedLocked, kMemcpy, kFace, kLmdb, kSqlite});
   bool isMeasured = false;
   for (const auto& [name, measure] : kSections)
     isMeasured |= run(name, measure, stores);
