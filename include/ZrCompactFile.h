@@ -78,6 +78,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// entry on two pages through a mapping.) Damage within the file gives the same results as ever.
   /// Where the file cannot be mapped, the bit has no effect.
   static constexpr ZrOpenMode kMapped = 16;
+  /// Open never makes a missing file, whatever else the mode says: it answers kNotFound. It changes
+  /// nothing else, and creating ignores it.
+  static constexpr ZrOpenMode kMustExist = 32;
 
   /// Largest capacity that a store may ask for, in bytes: 2 GiB less 100 bytes.
   static constexpr unsigned long long kMaxCapacity = 0x7FFFFF9C;
@@ -110,7 +113,7 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                       const PelmUnicodeString& password, ZrOpenMode mode);
 
   /// Opens a file, joins it if it is open in this object, or makes it, as a naming file with 128
-  /// slots, if it is missing and the mode is not exactly kReadOnly.
+  /// slots, if it is missing and the mode is not exactly kReadOnly and has no kMustExist.
   ///
   /// kOk; kNotUsable if the lock, memory or the index is not available; kNotCreated if a missing
   /// file cannot be made; kWrongFile for no compact file or a wrong password; kNotFound, also for
@@ -123,6 +126,13 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   /// Ends the calling thread's use; closes the file if no other thread uses it. Always true, except
   /// that a ".sc" file gives its own result.
   bool Close();
+
+  /// Ends the use of all threads and closes the file. Operations that are under way end first,
+  /// whatever thread runs them, and those that come later find nothing open; a check goes on until
+  /// it looks at the file again, and answers kNotUsable then. A thread that is no user any more
+  /// need not call Close. The object may be opened again. False, and the file stays open, within
+  /// the progress of a compaction; a ".sc" file gives its own result.
+  bool CloseAll();
 
   /// Whether a file is open. Lock-free.
   bool IsOpen() const;

@@ -101,6 +101,17 @@ class HX_COMPACTFILE_API ZrCompactFileWriter : public ZrGridFile {
   enum class Place { kInPlace, kAppend, kBeyondFile, kUnreadable };
   struct Store;  // one call of SetAt, and what it finds
 
+  // What the public operations of similar names do.
+  unsigned int CreateFile(const PelmUnicodeString& path, unsigned int rows, unsigned int cols,
+                          const PelmUnicodeString& password, ZrCompactFile::ZrOpenMode mode);
+  unsigned int StoreTile(unsigned int row, unsigned int col, const ZrByteArray& data,
+                         unsigned long long nCapacity, unsigned long long nOffset,
+                         unsigned long long nVersion);
+  bool WriteEntry(unsigned int row, unsigned int col, unsigned long long value);
+  unsigned long long WriteData(ZrCompactFile::ZrStatus& status, const ZrByteArray& data,
+                               unsigned long long capacity, unsigned long long nOffset,
+                               unsigned long long nVersion, unsigned long long position);
+  unsigned int RefuseHeader() const;
   unsigned int MakeFile(unsigned int rows, unsigned int cols, ZrCompactFile::ZrOpenMode mode);
   bool LookForChanges();
   Place FindPlace(Store& store) const;

@@ -18,7 +18,7 @@ LAYERS = {
     "stream": (["platform/stream"], ["base"]),
     "toolkit": (["platform/toolkit"], ["base"]),
     "format": (["src/format"], ["base", "stream", "toolkit"]),
-    "io": (["src/io"], ["format", "base", "stream", "toolkit"]),
+    "io": (["src/io"], ["format", "include", "base", "stream", "toolkit"]),
     "include": (["include"], ["base", "stream", "toolkit"]),
     "lite": (["src/lite"], ["io", "format", "include", "base", "stream", "toolkit"]),
     "engine": (["src/engine"], ["io", "format", "include", "base", "stream", "toolkit"]),

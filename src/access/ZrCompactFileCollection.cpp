@@ -5,6 +5,8 @@
 #include <mutex>
 #include <new>
 
+#include "Cause.h"
+
 namespace Zarn {
 
 template <>
@@ -52,6 +54,7 @@ ZrCompactFile* ZrCompactFileCollection::GetCompactFile(const PelmUnicodeString& 
 // Adds a user to the object of this path; returns it, and whether it is new. Null if memory is
 // short.
 std::pair<ZrCompactFile*, bool> ZrCompactFileCollection::Share(const PelmUnicodeString& path) {
+  const Io::PublicCall call("share", path);
   const auto found = m_mapCompactFile.find(path);
   if (found != m_mapCompactFile.end()) {
     found->second->AddRef();
@@ -65,6 +68,7 @@ std::pair<ZrCompactFile*, bool> ZrCompactFileCollection::Share(const PelmUnicode
     m_mapCompactFile.emplace(path, std::move(ref));
     return {shared, true};
   } catch (const std::bad_alloc&) {
+    call.Answer(Io::Fail(ZrCause::kNoMemory), ZrResult::kNotUsable);
     return {nullptr, false};
   }
 }

@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "Cause.h"
+
 namespace Zarn {
 namespace {
 
@@ -37,10 +39,12 @@ ZrCompactFileManager* ZrCompactFileManager::GetInstance() {
 }
 
 PelmUnicodeString ZrCompactFileManager::GetKey(double scale, int row, int col) {
+  const Io::PublicCall call("make the key of");
   try {
     return PelmUnicodeString::FromUtf8(FormatScale(scale) + "_" + std::to_string(row) + "_" +
                                        std::to_string(col));
   } catch (const std::bad_alloc&) {
+    call.Answer(Io::Fail(ZrCause::kNoMemory), ZrResult::kNotUsable);
     return {};
   }
 }
@@ -49,6 +53,7 @@ ZrCompactFileStub* ZrCompactFileManager::LookUp(PelmUnicodeString key) {
   // One by one: the comparison ignores case, but the order of the map does not.
   for (const auto& [itsKey, stub] : m_mapStub)
     if (itsKey.CompareNoCase(key) == 0) return stub.get();
+  const Io::PublicCall call("look up");
   try {
     decltype(m_mapStub) added;
     ZrCompactFileStub* const stub =
@@ -58,6 +63,7 @@ ZrCompactFileStub* ZrCompactFileManager::LookUp(PelmUnicodeString key) {
     m_mapStub.merge(added);
     return stub;
   } catch (const std::bad_alloc&) {
+    call.Answer(Io::Fail(ZrCause::kNoMemory), ZrResult::kNotUsable);
     return nullptr;
   }
 }

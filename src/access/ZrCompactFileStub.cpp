@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "Cause.h"
 #include "OpenPath.h"
 #include "PathRules.h"
 #include "ZrFile.h"
@@ -53,6 +54,7 @@ ZrCompactFileStub::~ZrCompactFileStub() {
 
 void ZrCompactFileStub::SetPath(PelmUnicodeString path) {
   const std::lock_guard lock(m_mutex);
+  const Io::PublicCall call("create", m_strPath);  // whether it succeeds shows later
   m_strPath = std::move(path);
   try {
     PelmUnicodeString file = FileOf(m_strPath);
@@ -73,20 +75,22 @@ bool ZrCompactFileStub::Write(unsigned int row, unsigned int col, const ZrByteAr
                               unsigned long long capacity, unsigned long long offset,
                               unsigned long long version) {
   const std::lock_guard lock(m_mutex);
+  const Io::PublicCall call("store into", m_strFile);
   try {
-    if (!LockFile()) return false;
+    if (!LockFile()) return call.Answer(false, ZrResult::kNotUsable);
     const Unlocking unlocking{*m_pLock};
-    return RefreshWriter() &&
-           m_pWriter->SetAt(row, col, data, capacity, offset, version) == ZrResult::kOk;
+    return call.Answer(RefreshWriter(), ZrResult::kNotUsable) &&
+           call.Answer(m_pWriter->SetAt(row, col, data, capacity, offset, version)) ==
+               ZrResult::kOk;
   } catch (const std::bad_alloc&) {
-    return false;
+    return call.Answer(Io::Fail(ZrCause::kNoMemory), ZrResult::kWriteFailure);
   }
 }
 
 // Keeps other processes and other stubs out while this one writes: two writers would append at the
 // same position, and one tile would be lost.
 bool ZrCompactFileStub::LockFile() {
-  if (m_strFile.IsEmpty()) return false;
+  if (m_strFile.IsEmpty()) return Io::Fail(ZrCause::kBadPath);
   if (m_pLock->m_strFile == m_strFile && m_pLock->WriterLock(0)) return true;
   CreateFile();  // leaves an existing file alone
   m_pLock = std::make_unique<Access::FileLock>(m_strFile);
@@ -114,10 +118,11 @@ void ZrCompactFileStub::ForgetReaders() {
 bool ZrCompactFileStub::Read(unsigned int row, unsigned int col, ZrByteArray& data,
                              unsigned long long& filledLength, unsigned long long version) {
   const std::lock_guard lock(m_mutex);
+  const Io::PublicCall call("read from", m_strFile);
   try {
-    return GetReader().Lookup(row, col, data, filledLength, version) == ZrResult::kOk;
+    return call.Answer(GetReader().Lookup(row, col, data, filledLength, version)) == ZrResult::kOk;
   } catch (const std::bad_alloc&) {
-    return false;
+    return call.Answer(Io::Fail(ZrCause::kNoMemory), ZrResult::kReadFailure);
   }
 }
 

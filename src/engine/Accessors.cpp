@@ -1,3 +1,4 @@
+#include "Cause.h"
 #include "LookUp.h"
 
 // What is answered without the locks of an operation: a reference to the open file is taken under
@@ -21,8 +22,17 @@ bool Engine::IsOpen() const {
 }
 
 bool Engine::Flush() {
+  struct Flushing {
+    std::atomic<std::uint32_t>& count;
+    ~Flushing() {
+      --count;
+      count.notify_all();
+    }
+  };
+  ++m_flushes;
+  const Flushing flushing{m_flushes};
   const auto file = GetFile();
-  return file != nullptr && file->GetStream()->Sync();
+  return file != nullptr ? file->GetStream()->Sync() : Io::Fail(ZrCause::kNotOpen);
 }
 
 PelmUnicodeString Engine::GetFullPath() const {

@@ -5,6 +5,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "Cause.h"
 #include "Engine.h"
 
 namespace Zarn::Engine {
@@ -119,6 +120,7 @@ void StoreBatch::WriteBlock() {
               m_file.GetStream()->WriteGathered(position, parts.data(), parts.size()) &&
               m_file.GetTail().EndsAt(position + m_blockSize);
   } catch (const std::bad_alloc&) {
+    Io::Fail(ZrCause::kNoMemory);
   }
   while (!written && m_tiles.size() > m_inFile) {
     m_results[m_tiles.back().store] = ZrResult::kWriteFailure;
@@ -157,6 +159,7 @@ void StoreBatch::Write() {
     for (const Tile& tile : tiles)
       slots.push_back(tile.slot);
   } catch (const std::bad_alloc&) {
+    Io::Fail(ZrCause::kNoMemory);
     slots.clear();  // none is written
   }
   for (std::size_t first = 0, end = 0; first < tiles.size(); first = end) {
@@ -199,7 +202,7 @@ unsigned int Engine::StoreAll(const std::vector<Store>& stores,
   try {
     results.assign(stores.size(), ZrResult::kOk);
   } catch (const std::bad_alloc&) {
-    return ZrResult::kWriteFailure;
+    return Io::Fail(ZrCause::kNoMemory, ZrResult::kWriteFailure);
   }
   if (!StoreTogether(stores, results))
     for (std::size_t i = 0; i < stores.size(); ++i)
@@ -232,7 +235,7 @@ bool Engine::StoreTogether(const std::vector<Store>& stores, std::vector<unsigne
       batch.Write();
       results[i] = StoreOne(stores[i]);
     } catch (const std::bad_alloc&) {
-      results[i] = ZrResult::kWriteFailure;
+      results[i] = Io::Fail(ZrCause::kNoMemory, ZrResult::kWriteFailure);
     }
   }
   ReserveNames(batch.CountTiles());

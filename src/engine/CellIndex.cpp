@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "Cause.h"
 #include "WholeWords.h"
 
 namespace Zarn::Engine {
@@ -41,7 +42,7 @@ CellIndex::CellIndex(std::shared_ptr<ZrFile64> file, Io::Board& board,
 
 bool CellIndex::Read(std::uint32_t row, std::uint32_t col, TileEntry& entry, View* view) const {
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
-  return cell && ReadEntry(*cell, entry, view);
+  return cell ? ReadEntry(*cell, entry, view) : Io::Fail(ZrCause::kOutOfRange);
 }
 
 // Two entries this near lie in one page or in two that follow each other.

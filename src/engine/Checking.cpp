@@ -1,5 +1,6 @@
 #include <new>
 
+#include "Cause.h"
 #include "Engine.h"
 #include "Verifier.h"
 
@@ -8,7 +9,7 @@ namespace Zarn::Engine {
 unsigned int Engine::Verify(ZrVerifySummary& summary, const ZrCompactFile::VerifyReport& report,
                             const ZrCompactFile::VerifyProgress& progress) {
   summary = {};
-  if (GetCacheFile() != nullptr) return ZrResult::kNotUsable;
+  if (GetCacheFile() != nullptr) return Io::Fail(ZrCause::kWrongKind, ZrResult::kNotUsable);
   ReadOperation operation(m_locks, m_state);
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
   if (!operation.IsUsable()) return ZrResult::kReadFailure;
@@ -17,13 +18,18 @@ unsigned int Engine::Verify(ZrVerifySummary& summary, const ZrCompactFile::Verif
   const std::uint64_t generation = File().GetBoard().GetGeneration();
   // Without the locks: others may work meanwhile. The check ends if the file is another one then.
   const auto tell = [&](unsigned long long done, unsigned long long total) {
-    return operation.Pause([&] { return !progress || progress(done, total); }) &&
-           m_state.file->GetBoard().GetGeneration() == generation;
+    bool goesOn = false;
+    const auto ask = [&] {
+      const Io::CallersTurn turn;
+      return goesOn = !progress || progress(done, total);
+    };
+    return (operation.Pause(ask) && m_state.file->GetBoard().GetGeneration() == generation) ||
+           Io::Fail(goesOn ? ZrCause::kMoved : ZrCause::kCancelled);
   };
   try {
     return VerifyFile(*file, xorString, report, tell, summary);
   } catch (const std::bad_alloc&) {
-    return ZrResult::kNotUsable;
+    return Io::Fail(ZrCause::kNoMemory, ZrResult::kNotUsable);
   }
 }
 

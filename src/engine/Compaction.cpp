@@ -4,6 +4,7 @@
 #include <limits>
 #include <new>
 
+#include "Cause.h"
 #include "EmptyContainer.h"
 #include "Engine.h"
 #include "PELM.h"
@@ -47,11 +48,13 @@ class ProgressReport {
     if (!m_callback) return true;
     const double part = all == 0 ? 1 : static_cast<double>(done) / static_cast<double>(all);
     const auto bytes = static_cast<std::uint64_t>(static_cast<double>(m_length) * part);
+    bool goesOn = false;
     try {
-      return m_callback(start + std::min(bytes, m_length), 2 * m_length);
+      const Io::CallersTurn turn;
+      goesOn = m_callback(start + std::min(bytes, m_length), 2 * m_length);
     } catch (...) {
-      return false;
     }
+    return goesOn || Io::Fail(ZrCause::kCancelled);
   }
 
   const ZrCompactFile::CompactProgress& m_callback;
@@ -68,13 +71,15 @@ unsigned int Engine::Compact(const ZrCompactFile::CompactProgress& progress) {
   if (!operation.IsUsable())
     return File().Names() != nullptr ? ZrResult::kNotCreated : ZrResult::kReadFailure;
   try {
-    if (IsReadOnly() || !File().GetStream()->IsSameFile(m_strAbsolutePath))
-      return ZrResult::kNotCreated;
+    if (!MayStore(operation)) return ZrResult::kNotCreated;
+    if (!File().GetStream()->IsSameFile(m_strAbsolutePath))
+      return Io::Fail(ZrCause::kMoved, ZrResult::kNotCreated);
     Io::RedoFile image;
     const unsigned int result = BuildImage(image, progress);
     return result == ZrResult::kOk ? ReplaceByImage(image, operation, progress) : result;
   } catch (const std::bad_alloc&) {
-    return operation.IsOpen() ? ZrResult::kWriteFailure : ZrResult::kNotUsable;
+    return Io::Fail(ZrCause::kNoMemory,
+                    operation.IsOpen() ? ZrResult::kWriteFailure : ZrResult::kNotUsable);
   }
 }
 

@@ -46,6 +46,11 @@ class Engine {
   /// For the callback of the process lock; does nothing while no file is open.
   void Refresh();
 
+  // Lifecycle.cpp
+  bool CloseAll();
+  /// Tells apart the paths that GetFullPath gives, of all objects; 0: cannot tell.
+  std::uint64_t GetPathNumber() const { return m_bHasCacheFile ? 0 : m_pathNumber.load(); }
+
   // Accessors.cpp: take no operation's locks.
   bool IsOpen() const;
   bool Flush();
@@ -145,6 +150,10 @@ class Engine {
   bool ReserveNames(std::size_t count) HX_REQUIRES(m_locks);
   bool GrowIndex() HX_REQUIRES(m_locks);
 
+  bool MayStore(const WriteOperation& operation) const HX_REQUIRES(m_locks);
+  static unsigned int RefuseStore(std::uint64_t size);
+  static unsigned int RefuseName(const PelmUnicodeString& name);
+
   // BatchOperations.cpp
   template <typename Store>
   unsigned int StoreAll(const std::vector<Store>& stores, std::vector<unsigned int>& results);
@@ -175,6 +184,8 @@ class Engine {
   Mode m_nOpenMode HX_GUARDED_BY(m_locks.GetMutex()) = 0;
   Format::XorString m_xorString HX_GUARDED_BY(m_locks.GetMutex()){};
   std::map<std::uint64_t, std::unique_ptr<ZrTextCodec>> m_mapTextCodec;  // by both charsets
+  std::atomic<std::uint64_t> m_pathNumber{0};                            // see GetPathNumber
+  std::atomic<std::uint32_t> m_flushes{0};                               // under way
 };
 
 }  // namespace Zarn::Engine

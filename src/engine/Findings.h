@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Cause.h"
 #include "ZrCompactFile.h"
 
 namespace Zarn::Engine {
@@ -24,6 +25,9 @@ class Findings {
     m_at.kind = kind;
     m_at.position = position;
     m_at.message = message;
+    Note(kind);
+    m_note = GetFailureNote();
+    const Io::CallersTurn turn;
     Tell(m_report, m_at);
   }
   /// The same, for what makes it pointless to look further. False.
@@ -33,10 +37,21 @@ class Findings {
   }
   void TellProgress(std::uint64_t done, std::uint64_t all) { Tell(m_progress, done, all); }
 
+  /// Makes the last finding why the check fails.
+  void NoteLast() const { GetFailureNote() = m_note; }
+
   void End() { m_ended = true; }
   bool HaveEnded() const { return m_ended; }
 
  private:
+  static void Note(Finding::Kind kind) {
+    if (kind == Finding::kUnreadable)
+      Io::FailUnlessBySystem(ZrCause::kInputOutput);
+    else
+      Io::Fail(kind == Finding::kHeader || kind == Finding::kIndex ? ZrCause::kDamagedHeader
+               : kind == Finding::kEntry                           ? ZrCause::kDamagedEntry
+                                                                   : ZrCause::kDamagedRecord);
+  }
   template <typename Callback, typename... Arguments>
   void Tell(const Callback& callback, const Arguments&... arguments) {
     if (m_ended || !callback) return;
@@ -51,6 +66,7 @@ class Findings {
   const ZrCompactFile::VerifyProgress& m_progress;
   unsigned long long& m_count;
   Finding m_at;
+  ZrFailureNote m_note;  // of the last finding
   bool m_ended = false;
 };
 

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "Cause.h"
 #include "LookUp.h"
 
 namespace Zarn::Engine {
@@ -15,20 +16,34 @@ bool Engine::IsReadOnly() const {
   return File().GetStream()->IsReadOnly() || (!lock.IsDisabled() && lock.IsLockReadOnly());
 }
 
+// Whether stores may go on, or else notes why not.
+bool Engine::MayStore(const WriteOperation& operation) const {
+  return operation.IsUsable() && (!IsReadOnly() || Io::Fail(ZrCause::kReadOnly));
+}
+
+// The result of a store whose numbers Format::ResolveStore has refused.
+unsigned int Engine::RefuseStore(std::uint64_t size) {
+  return Io::Fail(size == 0 ? ZrCause::kEmptyArgument : ZrCause::kOutOfRange,
+                  ZrResult::kWriteFailure);
+}
+
 unsigned int Engine::SetAt(const ZrCellStore& store) {
   const WriteOperation operation(m_locks, m_state);
-  if (store.capacity > Format::kMaxCapacity) return ZrResult::kWriteFailure;
+  if (store.capacity > Format::kMaxCapacity)
+    return Io::Fail(ZrCause::kOutOfRange, ZrResult::kWriteFailure);
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
-  if (!operation.IsUsable() || IsReadOnly()) return ZrResult::kWriteFailure;
+  if (!MayStore(operation)) return ZrResult::kWriteFailure;
   return StoreOne(store);
 }
 
 unsigned int Engine::StoreOne(const ZrCellStore& store) {
   CellIndex* const cells = File().Cells();
-  if (store.data == nullptr || cells == nullptr) return ZrResult::kWriteFailure;
-  const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
+  if (cells == nullptr) return Io::Fail(ZrCause::kWrongKind, ZrResult::kWriteFailure);
+  const std::uint64_t size = store.data != nullptr ? store.data->GetSize() : 0;
+  const auto span = Format::ResolveStore(store.capacity, store.offset, size);
   TileEntry entry;
-  if (!span || !cells->Read(store.row, store.col, entry)) return ZrResult::kWriteFailure;
+  if (!span) return RefuseStore(size);
+  if (!cells->Read(store.row, store.col, entry)) return ZrResult::kWriteFailure;
   return StoreTile(entry, nullptr, {*store.data, *span, store.version, {}});
 }
 
@@ -61,8 +76,12 @@ unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& dat
   const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
     result = ZrResult::kReadFailure;
     CellIndex* const cells = file.Cells();
+    if (cells == nullptr) Io::Fail(ZrCause::kWrongKind);
     if (cells == nullptr || !cells->Read(row, col, entry, &view)) return true;
-    if (entry.status == Format::kStatusEmpty) result = ZrResult::kNotFound;
+    if (entry.status == Format::kStatusEmpty)
+      result = Io::Fail(ZrCause::kNoTile, ZrResult::kNotFound);
+    else if (!entry.HoldsRecord())
+      Io::Fail(ZrCause::kDamagedEntry);
     if (!entry.HoldsRecord()) return true;
     cells->AddHint(entry, view);
     record.emplace(*file.GetStream(), file.GetShape(), file.Map());
@@ -89,6 +108,7 @@ unsigned int Engine::Remove(unsigned int row, unsigned int col, std::uint64_t ve
   const WriteOperation operation(m_locks, m_state);
   ZrByteArray* const buffer = operation.IsUsable() ? GetSwapData() : nullptr;
   CellIndex* const cells = buffer != nullptr ? File().Cells() : nullptr;
+  if (buffer != nullptr && cells == nullptr) Io::Fail(ZrCause::kWrongKind);
   TileEntry entry;
   if (cells == nullptr || !cells->Read(row, col, entry)) return ZrResult::kWriteFailure;
   return RemoveVersion(entry, *buffer, version);

@@ -7,6 +7,7 @@
 
 #include "IndexValue.h"
 #include "WholeWords.h"
+#include "ZrFailure.h"
 
 namespace Zarn::Engine {
 namespace {
@@ -23,7 +24,10 @@ ZeroMemory::ZeroMemory(std::uint64_t size) : m_size(size) {
   if (size == 0) return;
   void* bytes = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (bytes != MAP_FAILED) m_bytes = static_cast<unsigned char*>(bytes);
+  if (bytes != MAP_FAILED)
+    m_bytes = static_cast<unsigned char*>(bytes);
+  else
+    FailBySystem();
 }
 
 ZeroMemory::~ZeroMemory() {

@@ -1,6 +1,7 @@
 #include <new>
 #include <utility>
 
+#include "Cause.h"
 #include "EmptyContainer.h"
 #include "Engine.h"
 #include "OpenPath.h"
@@ -50,31 +51,33 @@ Engine::~Engine() {
 unsigned int Engine::Create(const PelmUnicodeString& path, unsigned int rows, unsigned int cols,
                             const PelmUnicodeString& password, Mode mode) {
   const Guard lock(m_locks.GetMutex());
-  if (m_locks.IsHeldByCompaction()) return ZrResult::kNotCreated;
+  if (m_locks.IsHeldByCompaction()) return Io::Fail(ZrCause::kInUse, ZrResult::kNotCreated);
   try {
     CloseForThread();
     // In 64 bits: a product that wraps below the limit would ask for more memory than there is.
     const std::uint64_t cells = std::uint64_t{rows} * cols;
-    if (cells == 0 || cells > Format::kMaxGridCells) return ZrResult::kNotCreated;
+    if (cells == 0 || cells > Format::kMaxGridCells)
+      return Io::Fail(ZrCause::kOutOfRange, ZrResult::kNotCreated);
     return CreateContainer(Format::GridHeader{rows, cols, Format::kVersionsEnabled}, path, password,
                            mode);
   } catch (const std::bad_alloc&) {
     TearDown();
-    return ZrResult::kNotCreated;
+    return Io::Fail(ZrCause::kNoMemory, ZrResult::kNotCreated);
   }
 }
 
 unsigned int Engine::Create(const PelmUnicodeString& path, std::uint64_t capacity,
                             const PelmUnicodeString& password, Mode mode) {
   const Guard lock(m_locks.GetMutex());
-  if (m_locks.IsHeldByCompaction()) return ZrResult::kNotCreated;
+  if (m_locks.IsHeldByCompaction()) return Io::Fail(ZrCause::kInUse, ZrResult::kNotCreated);
   try {
     CloseForThread();
-    if (capacity == 0 || capacity > Format::kMaxNamingCapacity) return ZrResult::kNotCreated;
+    if (capacity == 0 || capacity > Format::kMaxNamingCapacity)
+      return Io::Fail(ZrCause::kOutOfRange, ZrResult::kNotCreated);
     return CreateContainer(m_maxSizes.Get().MakeHeader(capacity, 0), path, password, mode);
   } catch (const std::bad_alloc&) {
     TearDown();
-    return ZrResult::kNotCreated;
+    return Io::Fail(ZrCause::kNoMemory, ZrResult::kNotCreated);
   }
 }
 
@@ -83,7 +86,8 @@ unsigned int Engine::Create(const PelmUnicodeString& path, std::uint64_t capacit
 template <typename IndexHeader>
 unsigned int Engine::CreateContainer(const IndexHeader& header, const PelmUnicodeString& path,
                                      const PelmUnicodeString& password, Mode mode) {
-  if (Format::IsCachePath(path) || !Format::IsUsablePath(path)) return ZrResult::kNotCreated;
+  if (Format::IsCachePath(path)) return Io::Fail(ZrCause::kWrongKind, ZrResult::kNotCreated);
+  if (!Format::IsUsablePath(path)) return Io::Fail(ZrCause::kBadPath, ZrResult::kNotCreated);
   Identity identity = {
       Format::CompletePath(path), {}, Format::MakeXorString(password.GetBuffer()), mode};
   identity.absolutePath = ZrFile::GetAbsolute(identity.path);
@@ -101,7 +105,7 @@ unsigned int Engine::CreateContainer(const IndexHeader& header, const PelmUnicod
 unsigned int Engine::Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
                           Mode mode) {
   const Guard lock(m_locks.GetMutex());
-  if (m_locks.IsHeldByCompaction()) return ZrResult::kNotUsable;
+  if (m_locks.IsHeldByCompaction()) return Io::Fail(ZrCause::kInUse, ZrResult::kNotUsable);
   try {
     if (Format::IsCachePath(path)) return OpenCacheFile(path, password);
     if (m_pCacheFile == nullptr && IsOpenAt(path)) return Join();
@@ -109,20 +113,22 @@ unsigned int Engine::Open(const PelmUnicodeString& path, const PelmUnicodeString
     return OpenContainer(path, password, mode);
   } catch (const std::bad_alloc&) {
     TearDown();
-    return ZrResult::kNotUsable;
+    return Io::Fail(ZrCause::kNoMemory, ZrResult::kNotUsable);
   }
 }
 
 unsigned int Engine::OpenContainer(const PelmUnicodeString& path, const PelmUnicodeString& password,
                                    Mode mode) {
   // The bit of the mapping takes nothing from "exactly kReadOnly".
-  const bool mayCreate = (mode & ~ZrCompactFile::kMapped) != ZrCompactFile::kReadOnly;
-  if (!Format::IsUsablePath(path)) return mayCreate ? ZrResult::kNotCreated : ZrResult::kNotFound;
+  const bool mayCreate = (mode & ZrCompactFile::kMustExist) == 0 &&
+                         (mode & ~ZrCompactFile::kMapped) != ZrCompactFile::kReadOnly;
+  if (!Format::IsUsablePath(path))
+    return Io::Fail(ZrCause::kBadPath, mayCreate ? ZrResult::kNotCreated : ZrResult::kNotFound);
   Identity identity = {
       Format::CompletePath(path), {}, Format::MakeXorString(password.GetBuffer()), mode};
   if (m_pCacheFile == nullptr && IsOpenAt(identity.path)) return Join();  // other threads use it
   identity.absolutePath = ZrFile::GetAbsolute(identity.path);
-  if (identity.absolutePath.IsEmpty()) return ZrResult::kNotFound;
+  if (identity.absolutePath.IsEmpty()) return Io::Fail(ZrCause::kBadPath, ZrResult::kNotFound);
   if (!ZrFile::IsExist(identity.absolutePath)) {
     if (!mayCreate) return ZrResult::kNotFound;
     if (!MakeMissing(identity)) return ZrResult::kNotCreated;
@@ -187,6 +193,8 @@ bool Engine::IsOpenAt(const PelmUnicodeString& path) const {
 void Engine::SetIdentity(Identity identity) {
   m_xorString = identity.xorString;
   m_nOpenMode = identity.mode;
+  static std::atomic<std::uint64_t> s_paths{0};
+  m_pathNumber = ++s_paths;
   const Guard state(m_stateMutex);
   m_strPath = std::move(identity.path);
   m_strAbsolutePath = std::move(identity.absolutePath);
@@ -214,7 +222,8 @@ unsigned int Engine::TakeIntoUse(std::shared_ptr<ZrFile64> created) {
     result = RefreshIndex(std::move(created));
     if (!isHeld) lock.WriterUnlock();
   } else if (!ZrFile64().Open(m_strAbsolutePath, ZrFile64::kRead)) {
-    result = ZrResult::kNotOpen;  // what cannot be opened cannot be locked
+    // What cannot be opened cannot be locked.
+    result = Io::FailUnlessBySystem(ZrCause::kWrongKind, ZrResult::kNotOpen);
   }
   if (result == ZrResult::kOk && m_buffers.GetSwapData(m_state.file->GetShape().swap) == nullptr)
     result = ZrResult::kNotUsable;
@@ -239,6 +248,7 @@ unsigned int Engine::RefreshIndex(std::shared_ptr<ZrFile64> created) {
   try {
     result = LoadFile(created, loaded);
   } catch (const std::bad_alloc&) {
+    Io::Fail(ZrCause::kNoMemory);
   }
   m_state.isCurrent = false;
   if (result == ZrResult::kOk) Publish(std::move(loaded));
@@ -304,7 +314,7 @@ unsigned int Engine::LoadFile(const std::shared_ptr<ZrFile64>& created,
   // not protect; finishing a replacement does that, too.
   const bool isChecked = stream != nullptr && loaded->GetStream() == stream;
   if (lock.isLocked() && !isChecked && !lock.IsLockOn(*loaded->GetStream()))
-    return ZrResult::kNotUsable;
+    return Io::Fail(ZrCause::kMoved, ZrResult::kNotUsable);
   loaded->SetLockedFile(lock.isLocked() ? lock.GetLockedFile() : 0);
   return ZrResult::kOk;
 }
@@ -327,7 +337,7 @@ unsigned int Engine::SetPassword(const PelmUnicodeString& password) {
   constexpr unsigned int kFailed = 0;
   if (const auto cache = GetCacheFile()) return cache->SetPassword(password);
   const WriteOperation operation(m_locks, m_state);
-  if (!operation.IsUsable() || IsReadOnly()) return kFailed;
+  if (!MayStore(operation)) return kFailed;
   m_locks.AssertMutexHeld();
   const Format::XorString xorString = Format::MakeXorString(password.GetBuffer());
   m_locks.GetLookups().Stop();
@@ -345,6 +355,20 @@ bool Engine::Close() {
   return true;
 }
 
+// Operations hold the mutex, lookups are waited for by TearDown, and Flush uses the file without
+// either.
+bool Engine::CloseAll() {
+  {
+    const Guard lock(m_locks.GetMutex());
+    if (m_locks.IsHeldByCompaction()) return Io::Fail(ZrCause::kInUse);
+    if (m_pCacheFile != nullptr) return m_pCacheFile->Close();
+    TearDown();
+  }
+  while (const std::uint32_t flushes = m_flushes)
+    m_flushes.wait(flushes);
+  return true;
+}
+
 // The calling thread no longer uses the file; the last user closes it.
 void Engine::CloseForThread() {
   if (m_pCacheFile != nullptr) {
@@ -359,6 +383,7 @@ void Engine::CloseForThread() {
 // Lets go of the file, in whatever state the object is: after this it is as good as new, except
 // that it keeps its path, and what SetMaxSize gave it while nothing was open.
 void Engine::TearDown() {
+  const Io::KeptNote kept;
   m_locks.GetLookups().Stop();
   if (m_state.file != nullptr) m_maxSizes.Set({});
   m_buffers.Invalidate();

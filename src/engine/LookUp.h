@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Cause.h"
 #include "Engine.h"
 
 namespace Zarn::Engine {
@@ -7,7 +8,8 @@ namespace Zarn::Engine {
 /// How every lookup goes: `attempt(file, view, buffer)` reads what it needs by the view, and
 /// believes nothing; once the view is valid, `finish(file, buffer)` hands it to the caller. Both
 /// without a lock if that is possible, else under it: also if the attempt answers false, for want
-/// of what only a refresh gives. False if the file cannot be used.
+/// of what only a refresh gives. False if the file cannot be used. What an attempt has noted of
+/// failures is forgotten where another one follows.
 ///
 /// `buffer` is the thread's record buffer; null without `usesBuffer`.
 template <typename Attempt, typename Finish>
@@ -16,12 +18,15 @@ bool Engine::LookUp(Attempt attempt, Finish finish, bool usesBuffer) {
     View view(file.GetBoard(), *file.GetStream(), file.Map());
     while (view.Begin()) {
       if (!attempt(file, view, buffer)) return false;
-      if (!file.Index().Check(view)) continue;
+      if (!file.Index().Check(view)) {
+        Io::ForgetFailure();
+        continue;
+      }
       if (file.Names() != nullptr) file.Names()->KeepComplete(view);
       finish(file, buffer);
       return true;
     }
-    return false;
+    return Io::FailUnlessBySystem(ZrCause::kInUse);
   };
   {
     const Lookups::Visit visit(m_locks.GetLookups());
@@ -32,10 +37,11 @@ bool Engine::LookUp(Attempt attempt, Finish finish, bool usesBuffer) {
         look(*file, buffer))
       return true;
   }
+  Io::ForgetFailure();
   const ReadOperation operation(m_locks, m_state);
   ZrByteArray* const buffer = operation.IsUsable() && usesBuffer ? GetSwapData() : nullptr;
-  return operation.IsUsable() && (buffer != nullptr || !usesBuffer) && File().HasIndex() &&
-         look(File(), buffer);
+  return operation.IsUsable() && (buffer != nullptr || !usesBuffer) &&
+         (File().HasIndex() || Io::Fail(ZrCause::kWrongKind)) && look(File(), buffer);
 }
 
 }  // namespace Zarn::Engine

@@ -7,6 +7,7 @@
 #include <span>
 #include <utility>
 
+#include "Cause.h"
 #include "IndexWalker.h"
 #include "NameHash.h"
 #include "TileStore.h"
@@ -220,7 +221,7 @@ bool NameIndex::FillLargerTable(std::uint64_t names, std::uint64_t slots, bool i
   return isAdded;
 } catch (const std::bad_alloc&) {
   m_larger.reset();
-  return false;
+  return Io::Fail(ZrCause::kNoMemory);
 }
 
 std::uint32_t NameIndex::GetSameHashCodeCount(std::uint64_t code) const {
@@ -278,7 +279,7 @@ bool NameIndex::ReSetHashCodeAndIndexValue(const NameKey& key, TileStore& store,
   if (!isFull && found == Found::kSlot) return true;
   slot = next;
   slot.code = probe;
-  return !isFull;
+  return !isFull || Io::Fail(ZrCause::kFull);
 }
 
 std::optional<bool> NameIndex::HasName(TileEntry& entry, const NameKey& key, TileStore& store) {
@@ -295,7 +296,7 @@ bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
   if (oldCount + count > m_nNamingCapacity ||
       !m_mapHashCode->MayHold(m_mapHashCode->GetSize() + count, oldCount + count) ||
       (count > 1 && !many.ResizeForOverwrite(size)))
-    return false;
+    return Io::FailUnlessBySystem(ZrCause::kFull);
   unsigned char* const bytes = count > 1 ? many.GetData() : one;
   for (std::uint64_t i = 0; i < count; ++i) {
     unsigned char* slot = bytes + i * Format::kNamingSlotSize;
@@ -334,16 +335,18 @@ bool NameIndex::WriteHeader(std::uint64_t indexOffset, std::uint64_t capacity,
 bool NameIndex::IncreaseNamingIndexCapacity(std::uint64_t position) {
   const Format::IndexShape old = GetShape();
   const auto larger = Format::IndexShape::OfNames(position, 2 * old.count);
-  if (old.count == 0 || larger.count > Format::kMaxNamingCapacity || position == 0) return false;
+  if (position == 0) return false;
+  if (old.count == 0 || larger.count > Format::kMaxNamingCapacity) return Io::Fail(ZrCause::kFull);
   const std::uint64_t oldSize = old.End() - old.EntryAt(0);
   // An index of which the file has lost a part does not count as full, whatever it states.
   std::uint64_t length;
-  if (!m_file->GetLength(length) || length < old.End()) return false;
+  if (!m_file->GetLength(length) || length < old.End())
+    return Io::FailUnlessBySystem(ZrCause::kDamagedEntry);
   std::unique_ptr<IndexPages> pages;
   try {
     pages = std::make_unique<IndexPages>(*m_file, m_board, IndexPages::Area{larger, IsSwapped()});
   } catch (const std::bad_alloc&) {
-    return false;
+    return Io::Fail(ZrCause::kNoMemory);
   }
   // All the room first: a full disk shows before anything is copied.
   if (!pages->IsUsable() || !m_board.Replaces() ||

@@ -1,6 +1,7 @@
 #include <new>
 #include <optional>
 
+#include "Cause.h"
 #include "LookUp.h"
 
 namespace Zarn::Engine {
@@ -8,9 +9,10 @@ namespace {
 
 bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data) try {
   ZrFile64 file;
-  return file.Open(path, ZrFile64::kRead) && file.Load(data);
+  return (file.Open(path, ZrFile64::kRead) && file.Load(data)) ||
+         Io::FailTogether(ZrCause::kBadSource);
 } catch (const std::bad_alloc&) {
-  return false;
+  return Io::Fail(ZrCause::kNoMemory);
 }
 
 }  // namespace
@@ -18,16 +20,22 @@ bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data) try {
 unsigned int Engine::SetAt(const PelmUnicodeString& name, const ZrByteArray& data,
                            std::uint64_t capacity, std::uint64_t offset, std::uint64_t version) {
   if (const auto cache = GetCacheFile()) return cache->AddFile(data, name);
-  if (!Format::ResolveStore(capacity, offset, data.GetSize()) || !NameKey::IsUsable(name))
-    return ZrResult::kWriteFailure;
+  if (!Format::ResolveStore(capacity, offset, data.GetSize())) return RefuseStore(data.GetSize());
+  if (!NameKey::IsUsable(name)) return RefuseName(name);
   const WriteOperation operation(m_locks, m_state);
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
-  if (!operation.IsUsable() || IsReadOnly()) return ZrResult::kWriteFailure;
+  if (!MayStore(operation)) return ZrResult::kWriteFailure;
   try {
     return StoreOne({name, &data, capacity, offset, version});
   } catch (const std::bad_alloc&) {
-    return ZrResult::kWriteFailure;
+    return Io::Fail(ZrCause::kNoMemory, ZrResult::kWriteFailure);
   }
+}
+
+// The result of a store under a name that is not usable.
+unsigned int Engine::RefuseName(const PelmUnicodeString& name) {
+  return Io::Fail(name.IsEmpty() ? ZrCause::kEmptyArgument : ZrCause::kTooLong,
+                  ZrResult::kWriteFailure);
 }
 
 unsigned int Engine::SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,
@@ -48,12 +56,14 @@ unsigned int Engine::SetAt(unsigned int row, unsigned int col, const PelmUnicode
 unsigned int Engine::StoreOne(const ZrNameStore& store) {
   ZrByteArray* const buffer = GetSwapData();
   NameIndex* const names = File().Names();
-  if (buffer == nullptr || names == nullptr || store.data == nullptr ||
-      !NameKey::IsUsable(store.name))
-    return ZrResult::kWriteFailure;
-  const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
+  if (buffer == nullptr) return ZrResult::kWriteFailure;
+  if (names == nullptr) return Io::Fail(ZrCause::kWrongKind, ZrResult::kWriteFailure);
+  if (!NameKey::IsUsable(store.name)) return RefuseName(store.name);
+  const std::uint64_t size = store.data != nullptr ? store.data->GetSize() : 0;
+  const auto span = Format::ResolveStore(store.capacity, store.offset, size);
+  if (!span) return RefuseStore(size);
   const NameKey key(store.name, File().GetShape());
-  if (!span || !key.IsStorable()) return ZrResult::kWriteFailure;
+  if (!key.IsStorable()) return Io::Fail(ZrCause::kBadName, ZrResult::kWriteFailure);
   if (!MakeRoomForName()) return ZrResult::kWriteFailure;
   NameSlot slot;
   TileStore tiles = File().MakeStore(*buffer);
@@ -108,14 +118,14 @@ unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
                             unsigned long long& filledLength, std::uint64_t version) {
   filledLength = 0;
   if (const auto cache = GetCacheFile()) return cache->ReadFile(name, data);
-  if (name.IsEmpty()) return ZrResult::kReadFailure;
+  if (name.IsEmpty()) return Io::Fail(ZrCause::kEmptyArgument, ZrResult::kReadFailure);
   unsigned int result = ZrResult::kReadFailure;
   TileEntry entry;
   std::optional<NameKey> key;
   std::optional<Io::RecordReader> record;
   const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
     result = ZrResult::kReadFailure;
-    if (file.Names() == nullptr) return true;
+    if (file.Names() == nullptr) return !Io::Fail(ZrCause::kWrongKind);
     key.emplace(name, file.GetShape());  // which may be another one than in the last attempt
     record.emplace(*file.GetStream(), file.GetShape(), file.Map());
     result = ReadTile(file, view, *key, version, *buffer, entry, *record);
@@ -124,13 +134,16 @@ unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
     return file.Names()->IsComplete(view);
   };
   const auto handOver = [&](OpenFile& file, ZrByteArray* buffer) {
-    if (result == ZrResult::kNotFound) data.Resize(0);
+    if (result == ZrResult::kNotFound) {
+      Io::Fail(ZrCause::kNoTile);  // whatever was noted of other names
+      data.Resize(0);
+    }
     if (result == ZrResult::kOk) HandOver(file, entry, *record, *buffer, data, filledLength);
   };
   try {
     return LookUp(read, handOver) ? result : ZrResult::kReadFailure;
   } catch (const std::bad_alloc&) {
-    return ZrResult::kReadFailure;
+    return Io::Fail(ZrCause::kNoMemory, ZrResult::kReadFailure);
   }
 }
 
@@ -173,25 +186,27 @@ unsigned int Engine::Remove(const PelmUnicodeString& name, std::uint64_t version
   const WriteOperation operation(m_locks, m_state);
   ZrByteArray* const buffer = operation.IsUsable() ? GetSwapData() : nullptr;
   NameIndex* const names = buffer != nullptr ? File().Names() : nullptr;
+  if (buffer != nullptr && names == nullptr) Io::Fail(ZrCause::kWrongKind);
   if (names == nullptr) return ZrResult::kWriteFailure;
   try {
     NameSlot slot;
     TileStore tiles = File().MakeStore(*buffer);
-    if (!names->GetNamingIdxValue(NameKey(name, File().GetShape()), tiles, slot) || slot.isNew)
-      return ZrResult::kWriteFailure;
+    const bool isFound = names->GetNamingIdxValue(NameKey(name, File().GetShape()), tiles, slot);
+    if (slot.isNew) return Io::Fail(ZrCause::kNoTile, ZrResult::kWriteFailure);
+    if (!isFound) return ZrResult::kWriteFailure;
     return RemoveVersion(slot.entry, *buffer, version);
   } catch (const std::bad_alloc&) {
-    return ZrResult::kWriteFailure;
+    return Io::Fail(ZrCause::kNoMemory, ZrResult::kWriteFailure);
   }
 }
 
 ZrCompactFile::ZrStatus Engine::GetStatus(const PelmUnicodeString& name) {
-  if (name.IsEmpty()) return ZrCompactFile::kUnknown;
+  if (name.IsEmpty()) return Io::Fail(ZrCause::kEmptyArgument, ZrCompactFile::kUnknown);
   ZrCompactFile::ZrStatus status = ZrCompactFile::kUnknown;
   const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
     status = ZrCompactFile::kUnknown;
     NameIndex* const names = file.Names();
-    if (names == nullptr) return true;
+    if (names == nullptr) return !Io::Fail(ZrCause::kWrongKind);
     if (!names->IsComplete(view)) return false;
     NameSlot slot;
     TileStore tiles = file.MakeStore(*buffer);
@@ -206,7 +221,7 @@ ZrCompactFile::ZrStatus Engine::GetStatus(const PelmUnicodeString& name) {
   try {
     return LookUp(read, [](OpenFile&, ZrByteArray*) {}) ? status : ZrCompactFile::kUnknown;
   } catch (const std::bad_alloc&) {
-    return ZrCompactFile::kUnknown;
+    return Io::Fail(ZrCause::kNoMemory, ZrCompactFile::kUnknown);
   }
 }
 
@@ -214,11 +229,12 @@ ZrCompactFile::ZrStatus Engine::GetStatus(const PelmUnicodeString& name) {
 bool Engine::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
   if (const auto cache = GetCacheFile()) return cache->ListFiles(names) == 0;
   const WriteOperation operation(m_locks, m_state);
-  if (!operation.IsUsable() || File().Names() == nullptr) return false;
+  if (!operation.IsUsable()) return false;
+  if (File().Names() == nullptr) return Io::Fail(ZrCause::kWrongKind);
   try {
     return File().Names()->List(File().GetShape(), names);
   } catch (const std::bad_alloc&) {
-    return false;
+    return Io::Fail(ZrCause::kNoMemory);
   }
 }
 

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <new>
 
+#include "Cause.h"
 #include "RedoFile.h"
 #include "ZrResult.h"
 
@@ -16,7 +17,8 @@ unsigned int OpenFile::Load(const Source& source, MaxSizes& maxSizes, OpenFile* 
   const OpenFile& before = previous != nullptr ? *previous : none;
   auto file = std::make_shared<OpenFile>();
   file->m_file = source.stream != nullptr ? source.stream : before.m_file;
-  if (source.stream == nullptr && !file->OpenStream(source)) return ZrResult::kNotOpen;
+  if (source.stream == nullptr && !file->OpenStream(source))
+    return Io::FailUnlessBySystem(ZrCause::kWrongKind, ZrResult::kNotOpen);
   // Perhaps a compaction was cut short. Finishing it may give the path to another file.
   if (!file->ReadHeader(source) && (!Io::FinishReplacement(source.path) ||
                                     !file->OpenStream(source) || !file->ReadHeader(source)))
@@ -27,7 +29,9 @@ unsigned int OpenFile::Load(const Source& source, MaxSizes& maxSizes, OpenFile* 
   if (source.mapped && place != Io::Board::kNowhere) file->TakeMap(before);
   file->m_board.emplace(place, *file->m_file, file->m_header.GetImage(), source.mapped);
   if (source.isShared) file->m_strPath = source.path;
-  if (!file->ReadIndex(maxSizes)) return ZrResult::kNotUsable;
+  Io::ForgetFailure();
+  if (!file->ReadIndex(maxSizes))
+    return Io::FailUnlessBySystem(ZrCause::kDamagedHeader, ZrResult::kNotUsable);
   file->TakeTail(source, before);
   loaded = std::move(file);
   return ZrResult::kOk;

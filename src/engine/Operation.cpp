@@ -4,6 +4,7 @@
 #include <thread>
 #include <utility>
 
+#include "Cause.h"
 #include "OpenFile.h"
 
 // What is held depends on the kind of the operation, so the compiler cannot check this file.
@@ -19,10 +20,18 @@ Operation::Operation(Locks& locks, const OpenState& state, Kind kind) HX_NOT_CHE
 
 void Operation::Acquire() HX_NOT_CHECKED {
   m_isUsable = false;
-  if (m_state.file == nullptr || (m_locks.m_bLockHeld && m_kind != kReader)) return;
+  if (m_state.file == nullptr) {
+    Io::Fail(ZrCause::kNotOpen);
+    return;
+  }
+  if (m_locks.m_bLockHeld && m_kind != kReader) {
+    Io::Fail(ZrCause::kInUse);
+    return;
+  }
   try {
     if (!m_locks.m_bLockHeld && !LockProcess()) return;
   } catch (const std::bad_alloc&) {
+    Io::Fail(ZrCause::kNoMemory);
     return;
   }
   if (m_kind == kCompaction) m_locks.m_bLockHeld = true;

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "Cause.h"
 #include "ZrThread.h"
 
 namespace Zarn::Engine {
@@ -18,6 +19,7 @@ ZrByteArray* RecordBuffers::GetSwapData(bool swap) {
     if (isKnown) m_known[thread] = buffer.get();
     return buffer.get();
   } catch (const std::bad_alloc&) {
+    Io::Fail(ZrCause::kNoMemory);
     return nullptr;
   }
 }

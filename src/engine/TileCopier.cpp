@@ -170,7 +170,7 @@ bool TileCopier::CopyName(std::uint32_t number, std::uint64_t value) {
   name.charset = head.charset;
   std::uint64_t slot[2] = {value};
   std::uint64_t& code = slot[1];
-  if (!Decode(name) || !FindCode(name, code)) return false;
+  if (!Decode(name) || !FindCode(name, code)) return Io::FailUnlessBySystem(ZrCause::kBadName);
   if (FindCopied(code) != nullptr) return true;  // shadowed
   const std::string_view units(reinterpret_cast<const char*>(name.units.data()),
                                name.units.size() * sizeof(char16_t));

@@ -5,6 +5,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Cause.h"
 #include "ImageWriter.h"
 #include "IndexWalker.h"
 #include "OpenFile.h"
@@ -94,6 +95,7 @@ class TileCopier {
   bool TellNowAndThen();
   // The source cannot be read, or holds what nothing writes.
   bool CannotRead() {
+    Io::FailUnlessBySystem(ZrCause::kDamagedRecord);
     m_failure = ZrResult::kReadFailure;
     return false;
   }

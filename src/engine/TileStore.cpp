@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "Cause.h"
 #include "NameKey.h"
 #include "RecordReader.h"
 #include "WholeWords.h"
@@ -245,25 +246,29 @@ bool TileStore::RemoveNewest(TileEntry& entry) {
 // Reads the head of a record. `seenLength` is the record's, if it was seen before.
 bool TileStore::ReadHead(std::uint64_t position, std::uint64_t seenLength, Record& record) const {
   Io::RecordReader reader(m_place.file, m_place.shape, m_place.map);
-  return reader.ReadHead(position, seenLength, record.Bytes()) && record.Parse() &&
-         record.Head().versionCount > 0 && m_place.index.LeavesRoom(position, record.Head().length);
+  return (reader.ReadHead(position, seenLength, record.Bytes()) && record.Parse() &&
+          record.Head().versionCount > 0 &&
+          m_place.index.LeavesRoom(position, record.Head().length)) ||
+         Io::FailUnlessBySystem(ZrCause::kDamagedRecord);
 }
 
 // Only a record whose own newest version has the stamp that it is named by, and which is not the
 // current one, may be written to as an older one.
 bool TileStore::ReadOlderHead(std::uint64_t position, std::uint64_t currentPosition,
                               std::uint64_t stamp, Record& record) const {
-  return position != currentPosition && ReadHead(position, 0, record) &&
-         record.Versions().Stamp(0) == stamp;
+  return (position != currentPosition && ReadHead(position, 0, record) &&
+          record.Versions().Stamp(0) == stamp) ||
+         Io::FailUnlessBySystem(ZrCause::kDamagedRecord);
 }
 
 // Reads the payload area of the record at `position`, of which the buffer holds the head.
 bool TileStore::ReadDataFromDataFile(std::uint64_t position, Record& record) const {
   const Format::RecordHead& head = record.Head();
   ZrByteArray& bytes = record.Bytes();
-  return bytes.Resize(head.length) &&
-         m_place.file.ReadAt(position + head.size, bytes.GetData() + head.size,
-                             head.length - head.size);
+  return (bytes.Resize(head.length) &&
+          m_place.file.ReadAt(position + head.size, bytes.GetData() + head.size,
+                              head.length - head.size)) ||
+         Io::FailUnlessBySystem(ZrCause::kDamagedRecord);
 }
 
 // Puts the data into the payload area of a whole record in its buffer. Where the area grows beyond
@@ -408,7 +413,7 @@ unsigned int TileStore::LookUp_Inner(const Place& place, TileEntry& entry, const
   if (mayBeOlder
           ? !record.ReadHead(entry.position, entry.recordLength, buffer) || !isSound(entry.position)
           : !read(entry.position, entry.recordLength))
-    return ZrResult::kReadFailure;
+    return Io::FailUnlessBySystem(ZrCause::kDamagedRecord, ZrResult::kReadFailure);
   const Format::RecordHead& head = record.Head();
   entry.recordLength = head.length;
   if (key != nullptr && !key->Matches(record.NameBytes(), head.nameLength))
@@ -420,7 +425,8 @@ unsigned int TileStore::LookUp_Inner(const Place& place, TileEntry& entry, const
   const std::uint64_t position =
       older == 0 ? entry.position : Format::PositionOf(record.Versions().Locator(older));
   const std::uint64_t guess = head.length <= kMostGuessed || older == 0 ? head.length : 0;
-  return read(position, guess) ? ZrResult::kOk : ZrResult::kReadFailure;
+  if (read(position, guess)) return ZrResult::kOk;
+  return Io::FailUnlessBySystem(ZrCause::kDamagedRecord, ZrResult::kReadFailure);
 }
 
 }  // namespace Zarn::Engine

@@ -47,7 +47,10 @@ class Verifier {
       CheckOrdinals();
       CheckOverlaps();
     }
-    if (m_summary.findings != 0) return ZrResult::kReadFailure;
+    if (m_summary.findings != 0) {
+      m_findings.NoteLast();
+      return ZrResult::kReadFailure;
+    }
     return m_findings.HaveEnded() ? ZrResult::kNotUsable : ZrResult::kOk;
   }
 

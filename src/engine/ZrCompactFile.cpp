@@ -2,10 +2,48 @@
 
 #include <utility>
 
+#include "Cause.h"
 #include "Engine.h"
 #include "Scramble.h"
 
 namespace Zarn {
+namespace {
+
+/// An operation on the open file. A lookup that finds nothing may be frequent; so the path of the
+/// last error is set only if it is another one.
+class Call : public Io::PublicCall {
+ public:
+  Call(const Engine::Engine& engine, const char* action) noexcept
+      : PublicCall(action), m_engine(engine) {}
+
+  unsigned int Answer(unsigned int result) const noexcept {
+    if (result != ZrResult::kOk && IsOutermost()) [[unlikely]]
+      Report(result);
+    return result;
+  }
+  template <typename Result>
+  Result Answer(Result result, ZrResult::Code failure) const noexcept {
+    if (!result && IsOutermost()) [[unlikely]]
+      Report(failure);
+    return result;
+  }
+
+ private:
+  [[gnu::cold, gnu::noinline]] void Report(unsigned int result) const noexcept try {
+    SetLastError(result);
+    const std::uint64_t path = m_engine.GetPathNumber();
+    if (!HasLastPath(path)) SetLastPath(m_engine.GetFullPath(), path);
+  } catch (const std::bad_alloc&) {
+  }
+
+  const Engine::Engine& m_engine;
+};
+
+constexpr const char* kStoring = "store into";
+constexpr const char* kReading = "read from";
+constexpr const char* kRemoving = "remove from";
+
+}  // namespace
 
 ZrCompactFile::ZrCompactFile() : m_engine(std::make_unique<Engine::Engine>(*this)) {
   SetCallBack(RefeshIndexCallBack, this);
@@ -20,22 +58,30 @@ void RefeshIndexCallBack(void* owner) {
 unsigned int ZrCompactFile::Create(const PelmUnicodeString& path, unsigned int rows,
                                    unsigned int cols, const PelmUnicodeString& password,
                                    ZrOpenMode mode) {
-  return m_engine->Create(path, rows, cols, password, mode);
+  return Io::PublicCall("create", path).Answer(m_engine->Create(path, rows, cols, password, mode));
 }
 
 unsigned int ZrCompactFile::Create(const PelmUnicodeString& path, unsigned long long capacity,
                                    const PelmUnicodeString& password, ZrOpenMode mode) {
-  return m_engine->Create(path, capacity, password, mode);
+  return Io::PublicCall("create", path).Answer(m_engine->Create(path, capacity, password, mode));
 }
 
 unsigned int ZrCompactFile::Open(const PelmUnicodeString& path, const PelmUnicodeString& password,
                                  ZrOpenMode mode) {
-  return m_engine->Open(path, password, mode);
+  return Io::PublicCall("open", path).Answer(m_engine->Open(path, password, mode));
 }
 
-bool ZrCompactFile::Close() { return m_engine->Close(); }
+bool ZrCompactFile::Close() {
+  return Call(*m_engine, "close").Answer(m_engine->Close(), ZrResult::kWriteFailure);
+}
+bool ZrCompactFile::CloseAll() {
+  return Call(*m_engine, "close").Answer(m_engine->CloseAll(), ZrResult::kNotUsable);
+}
+
 bool ZrCompactFile::IsOpen() const { return m_engine->IsOpen(); }
-bool ZrCompactFile::Flush() { return m_engine->Flush(); }
+bool ZrCompactFile::Flush() {
+  return Call(*m_engine, "flush").Answer(m_engine->Flush(), ZrResult::kWriteFailure);
+}
 PelmUnicodeString ZrCompactFile::GetFullPath() const { return m_engine->GetFullPath(); }
 void ZrCompactFile::SetMaxSize(double first, double second) { m_engine->SetMaxSize(first, second); }
 bool ZrCompactFile::IsVersionEnabled() const { return m_engine->IsVersionEnabled(); }
@@ -46,91 +92,101 @@ unsigned int ZrCompactFile::GetIndexInfo(unsigned int& first, unsigned int& seco
 }
 
 unsigned int ZrCompactFile::SetPassword(const PelmUnicodeString& password) {
-  return m_engine->SetPassword(password);
+  return Call(*m_engine, "set the password of")
+      .Answer(m_engine->SetPassword(password), ZrResult::kWriteFailure);
 }
 
-unsigned int ZrCompactFile::Compact() { return m_engine->Compact(CompactProgress()); }
+unsigned int ZrCompactFile::Compact() {
+  return Call(*m_engine, "compact").Answer(m_engine->Compact(CompactProgress()));
+}
 
 unsigned int ZrCompactFile::Compact(const CompactProgress& progress) {
-  return m_engine->Compact(progress);
+  return Call(*m_engine, "compact").Answer(m_engine->Compact(progress));
 }
 
 unsigned int ZrCompactFile::Verify(ZrVerifySummary& summary) {
-  return m_engine->Verify(summary, VerifyReport(), VerifyProgress());
+  return Call(*m_engine, "verify")
+      .Answer(m_engine->Verify(summary, VerifyReport(), VerifyProgress()));
 }
 
 unsigned int ZrCompactFile::Verify(ZrVerifySummary& summary, const VerifyReport& report,
                                    const VerifyProgress& progress) {
-  return m_engine->Verify(summary, report, progress);
+  return Call(*m_engine, "verify").Answer(m_engine->Verify(summary, report, progress));
 }
 
 unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col, const ZrByteArray& data,
                                   unsigned long long capacity, unsigned long long offset,
                                   unsigned long long version) {
-  return m_engine->SetAt({row, col, &data, capacity, offset, version});
+  return Call(*m_engine, kStoring)
+      .Answer(m_engine->SetAt({row, col, &data, capacity, offset, version}));
 }
 
 unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col,
                                   const PelmUnicodeString& filePath, unsigned long long version) {
-  return m_engine->SetAt(row, col, filePath, version);
+  return Call(*m_engine, kStoring).Answer(m_engine->SetAt(row, col, filePath, version));
 }
 
 unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                                    unsigned long long& filledLength, unsigned long long version) {
-  return m_engine->Lookup(row, col, data, filledLength, version);
+  return Call(*m_engine, kReading).Answer(m_engine->Lookup(row, col, data, filledLength, version));
 }
 
 unsigned int ZrCompactFile::Remove(unsigned int row, unsigned int col, unsigned long long version) {
-  return m_engine->Remove(row, col, version);
+  return Call(*m_engine, kRemoving).Answer(m_engine->Remove(row, col, version));
 }
 
 unsigned int ZrCompactFile::SetBatch(const std::vector<ZrCellStore>& stores,
                                      std::vector<unsigned int>& results) {
-  return m_engine->SetBatch(stores, results);
+  return Call(*m_engine, kStoring).Answer(m_engine->SetBatch(stores, results));
 }
 
 bool ZrCompactFile::GetGridIdxValue(unsigned int row, unsigned int col,
                                     unsigned long long& value) const {
-  return m_engine->GetGridIdxValue(row, col, value);
+  return Call(*m_engine, kReading)
+      .Answer(m_engine->GetGridIdxValue(row, col, value), ZrResult::kReadFailure);
 }
 
 ZrCompactFile::ZrStatus ZrCompactFile::GetStatus(unsigned int row, unsigned int col) const {
   unsigned long long value;
-  if (!m_engine->GetGridIdxValue(row, col, value)) return kUnknown;
+  if (!GetGridIdxValue(row, col, value)) return kUnknown;
   return static_cast<ZrStatus>(Format::StatusOf(value));
 }
 
 unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const ZrByteArray& data,
                                   unsigned long long capacity, unsigned long long offset,
                                   unsigned long long version) {
-  return m_engine->SetAt(name, data, capacity, offset, version);
+  return Call(*m_engine, kStoring).Answer(m_engine->SetAt(name, data, capacity, offset, version));
 }
 
 unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,
                                   unsigned long long version) {
-  return m_engine->SetAt(name, filePath, version);
+  return Call(*m_engine, kStoring).Answer(m_engine->SetAt(name, filePath, version));
 }
 
 unsigned int ZrCompactFile::SetBatch(const std::vector<ZrNameStore>& stores,
                                      std::vector<unsigned int>& results) {
-  return m_engine->SetBatch(stores, results);
+  return Call(*m_engine, kStoring).Answer(m_engine->SetBatch(stores, results));
 }
 
 unsigned int ZrCompactFile::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
                                    unsigned long long& filledLength, unsigned long long version) {
-  return m_engine->Lookup(name, data, filledLength, version);
+  return Call(*m_engine, kReading).Answer(m_engine->Lookup(name, data, filledLength, version));
 }
 
 unsigned int ZrCompactFile::Remove(const PelmUnicodeString& name, unsigned long long version) {
-  return m_engine->Remove(name, version);
+  return Call(*m_engine, kRemoving).Answer(m_engine->Remove(name, version));
 }
 
 ZrCompactFile::ZrStatus ZrCompactFile::GetStatus(const PelmUnicodeString& name) {
-  return m_engine->GetStatus(name);
+  const Call call(*m_engine, kReading);
+  const ZrStatus status = m_engine->GetStatus(name);
+  call.Answer(status != kUnknown, ZrResult::kReadFailure);
+  return status;
 }
 
 bool ZrCompactFile::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
-  return m_engine->GetValidNamingList(names);
+  return Call(*m_engine, "list the names of")
+      .Answer(m_engine->GetValidNamingList(names), ZrResult::kReadFailure);
 }
 
 void ZrCompactFile::SwapByte(unsigned char& a, unsigned char& b) { std::swap(a, b); }

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include "Cause.h"
+#include "RedoMarks.h"
+
 namespace Zarn::Io {
 namespace {
 
@@ -22,10 +25,13 @@ Format::HeaderImage Encode(Format::HeaderImage header, bool swap,
 HeaderRead ReadFileHeader(const ZrFileStream& file, const Format::XorString& xorString,
                           Format::HeaderImage& header, bool& swap) {
   Format::HeaderImage image;
-  if (!file.ReadAt(0, image.data(), image.size())) return HeaderRead::kTooShort;
+  if (!file.ReadAt(0, image.data(), image.size()))
+    return Io::FailUnlessBySystem(ZrCause::kWrongFormat, HeaderRead::kTooShort);
+  const bool isMarked = Format::DecodeRedoMark(image).has_value();
   Scramble(image, xorString);
   const Format::HeaderView view(image);
-  if (!view.HasMagic()) return HeaderRead::kBadMagic;
+  if (!view.HasMagic())
+    return Io::Fail(isMarked ? ZrCause::kUnfinished : ZrCause::kWrongFormat, HeaderRead::kBadMagic);
   swap = view.IsForeignOrder();
   if (swap) Format::SwapHeaderFields(image);
   header = image;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <thread>
 
+#include "Cause.h"
 #include "PathRules.h"
 #include "ZrFile.h"
 
@@ -154,9 +155,9 @@ bool RedoFile::Make(const PelmUnicodeString& path, ZrFile64& container) {
   m_path = Format::TemporaryPath(m_containerPath);
   constexpr unsigned int kOwnerOnly = 0600;  // until it has the permissions of the container
   // Others find the redo image by their path of the container.
-  if (!ZrFile::IsOnMountOfFolder(m_containerPath) || !ClaimContainer(container) ||
-      !m_file.Begin(m_path, kOwnerOnly) || !m_stream.TryClaim(m_file.GetTemporaryPath()) ||
-      !m_stream.TakeOwner(container))
+  if (!ZrFile::IsOnMountOfFolder(m_containerPath)) return Fail(ZrCause::kNotSupported);
+  if (!ClaimContainer(container) || !m_file.Begin(m_path, kOwnerOnly) ||
+      !m_stream.TryClaim(m_file.GetTemporaryPath()) || !m_stream.TakeOwner(container))
     return false;
   ZrNewFile::Outcome outcome = m_file.Publish();
   if (outcome == ZrNewFile::Outcome::kExists && RemoveLeftover(m_path, container))
@@ -216,6 +217,7 @@ void RedoFile::Delete(ZrFile64& container) {
 }
 
 bool FinishReplacement(const PelmUnicodeString& path) {
+  const KeptNote kept;  // if it fails, what the caller has found stays the cause
   const PelmUnicodeString containerPath = ZrFile::FollowLink(path);
   const PelmUnicodeString imagePath = Format::TemporaryPath(containerPath);
   ZrFile64 container;

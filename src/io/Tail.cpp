@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "Cause.h"
 #include "IndexWalker.h"
 #include "RecordHead.h"
 #include "StoreArguments.h"
@@ -73,7 +74,7 @@ std::uint64_t Tail::Reserve(const ZrFileStream& file) {
   m_ownStart = std::min(m_ownStart, m_reserved);
   m_gaps.Take(m_reserved, UINT64_MAX);
   m_isWriting = true;
-  return m_reserved <= kLast ? m_reserved : 0;
+  return m_reserved <= kLast ? m_reserved : FailUnlessBySystem(ZrCause::kFull, 0);
 }
 
 std::uint64_t Tail::Reserve(const ZrFileStream& file, std::uint64_t fileLength) {
@@ -197,7 +198,7 @@ bool Tail::LookThroughIndex(const ZrFileStream& file, std::uint64_t fileLength) 
   m_lastRecord = last;
   return ReadStatedEnd(file, fileLength);
 } catch (const std::bad_alloc&) {
-  return false;
+  return Fail(ZrCause::kNoMemory);
 }
 
 // The last record may end behind the file: a light writer leaves unused capacity unwritten, and a

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "Cause.h"
 #include "Header.h"
 #include "IndexValue.h"
 #include "RecordReader.h"
@@ -25,7 +26,7 @@ struct ZrCompactFileReader::Tile {
 unsigned int ZrCompactFileReader::Open(const PelmUnicodeString& path,
                                        const PelmUnicodeString& password,
                                        ZrCompactFile::ZrOpenMode mode) {
-  return OpenExisting(path, password, mode, kRead);
+  return Io::PublicCall("open", path).Answer(OpenExisting(path, password, mode, kRead));
 }
 
 bool ZrCompactFileReader::Close() {
@@ -35,12 +36,17 @@ bool ZrCompactFileReader::Close() {
 
 unsigned int ZrCompactFileReader::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                                          unsigned long long& nFilled, unsigned long long nVersion) {
-  if (!IsOpen()) return ZrResult::kNotOpen;
+  const Io::PublicCall call("read from", m_strPath);
+  if (!IsOpen()) return call.Answer(ZrResult::kNotOpen);
   Tile tile{row, col, nVersion};
   const bool needsLock = GetBoard().GetPlace() == Io::Board::kNowhere;
-  if (needsLock || !LookUp(tile)) UnderLock([&] { LookUp(tile); });
+  const auto lookAgain = [&] {
+    Io::ForgetFailure();
+    LookUp(tile);
+  };
+  if (needsLock || !LookUp(tile)) UnderLock(lookAgain);
   if (tile.hasEntry) nFilled = 0;
-  if (tile.result != ZrResult::kOk) return tile.result;
+  if (tile.result != ZrResult::kOk) return call.Answer(tile.result);
   if (!tile.isThere) data.Resize(0);
   if (!tile.isThere || tile.isOlder) return ZrResult::kOk;
   tile.record->HandOver(m_payload, data);
@@ -53,8 +59,9 @@ bool ZrCompactFileReader::LookUp(Tile& tile) {
   for (Io::Snapshot snapshot(GetBoard(), *this, nullptr); snapshot.Begin();) {
     ReadTile(tile, snapshot);
     if (snapshot.IsValid()) return true;
+    Io::ForgetFailure();
   }
-  tile.result = ZrResult::kReadFailure;
+  tile.result = Io::FailUnlessBySystem(ZrCause::kInUse, ZrResult::kReadFailure);
   unsigned long long entry;
   tile.hasEntry = ReadIndexValue(tile.row, tile.col, entry);
   return false;
@@ -69,7 +76,10 @@ void ZrCompactFileReader::ReadTile(Tile& tile, Io::Snapshot& snapshot) {
   snapshot.UsesTile(*Format::GridCellNumber(m_nRowCount, m_nColCount, tile.row, tile.col));
   tile.isThere = Format::HoldsRecord(Format::StatusOf(entry));
   tile.record.emplace(*this, Format::RecordShape{.swap = m_bSwap});
-  if (tile.isThere && !ReadRecord(Format::PositionOf(entry), sizeHint, *tile.record)) return;
+  if (tile.isThere && !ReadRecord(Format::PositionOf(entry), sizeHint, *tile.record)) {
+    Io::FailUnlessBySystem(ZrCause::kDamagedRecord);
+    return;
+  }
   tile.isOlder =  // which this class deliberately does not follow
       tile.isThere && tile.record->Versions().SelectForLookup(tile.version) != 0;
   tile.result = ZrResult::kOk;

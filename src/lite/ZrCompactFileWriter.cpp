@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Board.h"
+#include "Cause.h"
 #include "FileHeader.h"
 #include "IndexHeaders.h"
 #include "IndexShape.h"
@@ -44,6 +45,9 @@ struct ZrCompactFileWriter::Store {
 
 namespace {
 
+constexpr const char* kStoring = "store into";
+constexpr const char* kWritingHeader = "write the header of";
+
 /// Around the changes of one call, which do not tell where the data end.
 class Writing {
  public:
@@ -71,16 +75,24 @@ ZrCompactFileWriter::~ZrCompactFileWriter() { Close(); }
 
 unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned int rows,
                                          unsigned int cols, const PelmUnicodeString& password,
-                                         ZrCompactFile::ZrOpenMode mode) try {
+                                         ZrCompactFile::ZrOpenMode mode) {
+  return Io::PublicCall("create", path).Answer(CreateFile(path, rows, cols, password, mode));
+}
+
+unsigned int ZrCompactFileWriter::CreateFile(const PelmUnicodeString& path, unsigned int rows,
+                                             unsigned int cols, const PelmUnicodeString& password,
+                                             ZrCompactFile::ZrOpenMode mode) try {
   Close();
-  if (Format::IsCachePath(path)) return ZrResult::kNotUsable;
+  if (Format::IsCachePath(path)) return Io::Fail(ZrCause::kWrongKind, ZrResult::kNotUsable);
   // The product wraps at 32 bits before it is compared.
-  if (rows == 0 || cols == 0 || rows * cols > Format::kMaxGridCells || !Format::IsUsablePath(path))
-    return ZrResult::kNotCreated;
+  if (rows == 0 || cols == 0 || rows * cols > Format::kMaxGridCells)
+    return Io::Fail(ZrCause::kOutOfRange, ZrResult::kNotCreated);
+  if (!Format::IsUsablePath(path)) return Io::Fail(ZrCause::kBadPath, ZrResult::kNotCreated);
   const PelmUnicodeString completed = Format::CompletePath(path);
   if (ZrFile::IsExist(completed)) {
     if ((mode & ZrCompactFile::kReplace) != 0) ZrFile::Delete(completed);
-    return ZrResult::kNotCreated;  // deleted or not: a replacing create takes two calls
+    // Deleted or not: a replacing create takes two calls.
+    return Io::FailUnlessBySystem(ZrCause::kExists, ZrResult::kNotCreated);
   }
 
   SetIdentity(completed, password, mode);
@@ -98,7 +110,7 @@ unsigned int ZrCompactFileWriter::Create(const PelmUnicodeString& path, unsigned
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
   Close();
-  return ZrResult::kNotCreated;
+  return Io::Fail(ZrCause::kNoMemory, ZrResult::kNotCreated);
 }
 
 // Without Commit the file goes away again.
@@ -118,9 +130,10 @@ unsigned int ZrCompactFileWriter::MakeFile(unsigned int rows, unsigned int cols,
 unsigned int ZrCompactFileWriter::Open(const PelmUnicodeString& path,
                                        const PelmUnicodeString& password,
                                        ZrCompactFile::ZrOpenMode mode) {
+  const Io::PublicCall call("open", path);
   const unsigned int result = OpenExisting(path, password, mode, kReadWrite);
   *m_pTail = Io::Tail({}, m_bSwap, Io::Tail::kLight);
-  return result;
+  return call.Answer(result);
 }
 
 bool ZrCompactFileWriter::Close() {
@@ -130,20 +143,22 @@ bool ZrCompactFileWriter::Close() {
 }
 
 unsigned int ZrCompactFileWriter::WriteHeader() {
-  if (!IsOpen()) return ZrResult::kNotUsable;
+  const Io::PublicCall call(kWritingHeader, m_strPath);
+  if (!IsOpen()) return call.Answer(Io::Fail(ZrCause::kNotOpen, ZrResult::kNotUsable));
   if (m_bSwap || (HoldsRecords() && GetIndexOffset() != Format::kHeaderSize))
-    return ZrResult::kWriteFailure;
+    return call.Answer(RefuseHeader());
   const Format::HeaderImage header =
       Format::NewHeader(Format::kGridFile, PelmTime().GetCurTime().GetTime());
   if (!GetBoard().Replaces() || !Io::WriteFileHeader(*this, m_xorString, header, false))
-    return ZrResult::kWriteFailure;
+    return call.Answer(ZrResult::kWriteFailure);
   m_header = header;
   Flush();
   return ZrResult::kOk;
 }
 
 unsigned int ZrCompactFileWriter::WriteHeaderGrid(unsigned int rows, unsigned int cols) {
-  if (m_bSwap || HoldsRecords()) return ZrResult::kWriteFailure;
+  const Io::PublicCall call(kWritingHeader, m_strPath);
+  if (m_bSwap || HoldsRecords()) return call.Answer(RefuseHeader());
   const Format::GridHeader header = {rows, cols, m_nGridFlags | Format::kVersionsEnabled};
   const auto image = Format::EncodeGridHeader(header, false);
   const auto shape = Format::IndexShape::OfGrid(GetIndexOffset(), rows, cols);
@@ -151,7 +166,7 @@ unsigned int ZrCompactFileWriter::WriteHeaderGrid(unsigned int rows, unsigned in
   const std::uint64_t end = shape.End();
   if (!GetBoard().Replaces() || !WriteAt(GetIndexOffset(), image.data(), image.size()) ||
       !ZeroFill(entries, end - entries) || !SetLength(end))
-    return ZrResult::kWriteFailure;
+    return call.Answer(ZrResult::kWriteFailure);
   m_nRowCount = header.rowCount;
   m_nColCount = header.colCount;
   m_nGridFlags = header.flags;
@@ -164,10 +179,23 @@ bool ZrCompactFileWriter::HoldsRecords() const {
   return !GetLength(length) || length > GetDataStart();
 }
 
+// The result where a new header would cost tiles.
+unsigned int ZrCompactFileWriter::RefuseHeader() const {
+  const ZrCause cause = m_bSwap ? ZrCause::kWrongKind : ZrCause::kExists;
+  return Io::FailUnlessBySystem(cause, ZrResult::kWriteFailure);
+}
+
 bool ZrCompactFileWriter::WriteIndexValue(unsigned int row, unsigned int col,
                                           unsigned long long value) {
+  return Io::PublicCall(kStoring, m_strPath)
+      .Answer(WriteEntry(row, col, value), ZrResult::kWriteFailure);
+}
+
+bool ZrCompactFileWriter::WriteEntry(unsigned int row, unsigned int col, unsigned long long value) {
+  if (!IsOpen()) return Io::Fail(ZrCause::kNotOpen);
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
-  if (!IsOpen() || !cell || !LookForChanges()) return false;
+  if (!cell) return Io::Fail(ZrCause::kOutOfRange);
+  if (!LookForChanges()) return false;
   CutSpare();
   const Writing writing(GetBoard());
   if (!writing.IsPossible()) return false;
@@ -195,9 +223,19 @@ bool ZrCompactFileWriter::ReplaceIndexValue(unsigned int row, unsigned int col,
 unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, const ZrByteArray& data,
                                         unsigned long long nCapacity, unsigned long long nOffset,
                                         unsigned long long nVersion) {
+  return Io::PublicCall(kStoring, m_strPath)
+      .Answer(StoreTile(row, col, data, nCapacity, nOffset, nVersion));
+}
+
+unsigned int ZrCompactFileWriter::StoreTile(unsigned int row, unsigned int col,
+                                            const ZrByteArray& data, unsigned long long nCapacity,
+                                            unsigned long long nOffset,
+                                            unsigned long long nVersion) {
   if (!IsOpen()) return ZrResult::kNotOpen;
   const auto span = Format::ResolveStore(nCapacity, nOffset, data.GetSize());
-  if (!span) return ZrResult::kWriteFailure;
+  if (!span)
+    return Io::Fail(data.IsEmpty() ? ZrCause::kEmptyArgument : ZrCause::kOutOfRange,
+                    ZrResult::kWriteFailure);
   if (!LookForChanges()) return ZrResult::kReadFailure;
   CutSpare();
   const Writing writing(GetBoard());
@@ -213,7 +251,7 @@ unsigned int ZrCompactFileWriter::SetAt(unsigned int row, unsigned int col, cons
     case Place::kBeyondFile:
       return ZrResult::kOk;  // deliberately silent, nothing written
     default:
-      return ZrResult::kReadFailure;
+      return Io::FailUnlessBySystem(ZrCause::kDamagedRecord, ZrResult::kReadFailure);
   }
 }
 
@@ -314,18 +352,28 @@ bool ZrCompactFileWriter::RewriteAcrossPages(const Store& store, unsigned long l
 
 unsigned long long ZrCompactFileWriter::WriteRecord(const Store& store, unsigned long long position,
                                                     ZrCompactFile::ZrStatus& status) {
-  return WriteDataToFile(status, store.data, store.span.capacity, store.span.offset, store.version,
-                         position);
+  return WriteData(status, store.data, store.span.capacity, store.span.offset, store.version,
+                   position);
 }
 
 unsigned long long ZrCompactFileWriter::WriteDataToFile(
     ZrCompactFile::ZrStatus& status, const ZrByteArray& data, unsigned long long capacity,
     unsigned long long nOffset, unsigned long long nVersion, unsigned long long position) {
+  return Io::PublicCall(kStoring, m_strPath)
+      .Answer(WriteData(status, data, capacity, nOffset, nVersion, position),
+              ZrResult::kWriteFailure);
+}
+
+unsigned long long ZrCompactFileWriter::WriteData(
+    ZrCompactFile::ZrStatus& status, const ZrByteArray& data, unsigned long long capacity,
+    unsigned long long nOffset, unsigned long long nVersion, unsigned long long position) {
   const auto span = Format::FitSpan(capacity, nOffset, data.GetSize());
-  if (!IsOpen() || !span || position < GetDataStart()) return 0;
+  if (!IsOpen()) return Io::Fail(ZrCause::kNotOpen, 0U);
+  if (!span || position < GetDataStart()) return Io::FailUnlessBySystem(ZrCause::kOutOfRange, 0U);
   const std::uint64_t recordLength = Format::kGridRecordHead + capacity;
   // Beyond what an index value can name, the position would run into the status.
-  if (position > Format::kPositionMask || recordLength > Format::kPositionMask - position) return 0;
+  if (position > Format::kPositionMask || recordLength > Format::kPositionMask - position)
+    return Io::Fail(ZrCause::kOutOfRange, 0U);
   status = static_cast<ZrCompactFile::ZrStatus>(span->Status());
   unsigned char head[Format::kGridRecordHead];
   // Host order even in a file of the other order, where only the index is swapped.

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "Board.h"
+#include "Cause.h"
 #include "FileHeader.h"
 #include "IndexHeaders.h"
 #include "IndexShape.h"
@@ -53,12 +54,14 @@ unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
                                       ZrCompactFile::ZrOpenMode mode, unsigned int direction) try {
   if (IsOpenAt(path)) return ZrResult::kOk;
   CloseStream();
-  if (Format::IsCachePath(path)) return ZrResult::kNotUsable;
+  if (Format::IsCachePath(path)) return Io::Fail(ZrCause::kWrongKind, ZrResult::kNotUsable);
+  if (!Format::IsUsablePath(path)) return Io::Fail(ZrCause::kBadPath, ZrResult::kNotFound);
   const PelmUnicodeString completed = Format::CompletePath(path);
-  if (!Format::IsUsablePath(path) || !ZrFile::IsExist(completed)) return ZrResult::kNotFound;
+  if (!ZrFile::IsExist(completed)) return ZrResult::kNotFound;
 
   SetIdentity(completed, password, mode);
   if (!ZrFile32::Open(completed, direction) || !Join(mode)) {
+    Io::FailUnlessBySystem(ZrCause::kWrongKind);
     CloseStream();
     return ZrResult::kNotOpen;
   }
@@ -75,7 +78,7 @@ unsigned int ZrGridFile::OpenExisting(const PelmUnicodeString& path,
   return ZrResult::kOk;
 } catch (const std::bad_alloc&) {
   CloseStream();
-  return ZrResult::kNotOpen;
+  return Io::Fail(ZrCause::kNoMemory, ZrResult::kNotOpen);
 }
 
 bool ZrGridFile::IsOpenAt(const PelmUnicodeString& path) const {
@@ -130,7 +133,7 @@ void ZrGridFile::CutSpare() {
 // If another file has the path, the lock says nothing about this one.
 bool ZrGridFile::UnderLock(const std::function<void()>& action) {
   if (!m_pSharing->ReaderLock(0)) return false;
-  bool isUsable = m_pSharing->IsLockOn(*this);
+  bool isUsable = m_pSharing->IsLockOn(*this) || Io::Fail(ZrCause::kMoved);
   if (isUsable && GetBoard().Refresh() == Io::Board::Change::kAll)
     isUsable = Reload() && GetBoard().Refresh() != Io::Board::Change::kAll;
   if (isUsable) {
@@ -143,6 +146,7 @@ bool ZrGridFile::UnderLock(const std::function<void()>& action) {
 }
 
 void ZrGridFile::CloseStream() {
+  const Io::KeptNote kept;
   if (m_pSharing->LeaveFile()) GetBoard().Clear(m_strPath);
   m_pSharing->ProcessLockRelease();
   m_pSharing->Attach(Io::Board::kInObject, *this, {});
@@ -160,21 +164,25 @@ void ZrGridFile::SetIdentity(const PelmUnicodeString& path, const PelmUnicodeStr
 }
 
 unsigned int ZrGridFile::ReadHeader() {
+  const Io::PublicCall call("read the header of", m_strPath);
   switch (Io::ReadFileHeader(*this, m_xorString, m_header, m_bSwap)) {
     case Io::HeaderRead::kOk:
       return ZrResult::kOk;
     case Io::HeaderRead::kBadMagic:
-      return ZrResult::kWrongFile;
+      return call.Answer(ZrResult::kWrongFile);
     default:
-      return ZrResult::kReadFailure;
+      return call.Answer(ZrResult::kReadFailure);
   }
 }
 
 unsigned int ZrGridFile::ReadHeaderGrid() {
-  if (Format::HeaderView(m_header).FileKind() != Format::kGridFile) return ZrResult::kWrongFile;
-  if (GetIndexOffset() < Format::kHeaderSize) return ZrResult::kReadFailure;
+  const Io::PublicCall call("read the header of", m_strPath);
+  if (Format::HeaderView(m_header).FileKind() != Format::kGridFile)
+    return call.Answer(Io::Fail(ZrCause::kWrongKind, ZrResult::kWrongFile));
   Format::GridHeaderImage image;
-  if (!ReadAt(GetIndexOffset(), image.data(), image.size())) return ZrResult::kReadFailure;
+  if (GetIndexOffset() < Format::kHeaderSize ||
+      !ReadAt(GetIndexOffset(), image.data(), image.size()))
+    return call.Answer(Io::FailUnlessBySystem(ZrCause::kDamagedHeader, ZrResult::kReadFailure));
   const Format::GridHeader header = Format::DecodeGridHeader(image, m_bSwap);
   m_nRowCount = header.rowCount;
   m_nColCount = header.colCount;
@@ -184,18 +192,21 @@ unsigned int ZrGridFile::ReadHeaderGrid() {
 
 bool ZrGridFile::ReadIndexValue(unsigned int row, unsigned int col,
                                 unsigned long long& value) const {
-  return ReadEntries(row, col, &value, 1) == 1;
+  return Io::PublicCall("read from", m_strPath)
+      .Answer(ReadEntries(row, col, &value, 1) == 1, ZrResult::kReadFailure);
 }
 
 unsigned int ZrGridFile::ReadEntries(unsigned int row, unsigned int col,
                                      unsigned long long* entries, unsigned int count) const {
   const auto cell = Format::GridCellNumber(m_nRowCount, m_nColCount, row, col);
-  if (!m_bOpened || !cell) return 0;
+  if (!m_bOpened || !cell)
+    return Io::Fail(m_bOpened ? ZrCause::kOutOfRange : ZrCause::kNotOpen, 0U);
   const unsigned int following = Format::GridEntryCount(m_nRowCount, m_nColCount) - *cell;
   const std::uint64_t size = std::min(count, following) * std::uint64_t{Format::kGridEntrySize};
   const std::uint64_t position = GetIndexShape().EntryAt(*cell);
   const auto got =
       static_cast<unsigned int>(ReadUpTo(position, entries, size) / Format::kGridEntrySize);
+  if (got == 0) Io::FailUnlessBySystem(ZrCause::kDamagedEntry);
   for (unsigned int i = 0; i < got; ++i)
     entries[i] = LoadScalar<unsigned long long>(&entries[i], m_bSwap);
   return got;

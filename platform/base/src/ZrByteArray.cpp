@@ -1,10 +1,13 @@
 #include "ZrByteArray.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <new>
 #include <utility>
+
+#include "ZrFailure.h"
 
 namespace Zarn {
 
@@ -59,10 +62,10 @@ bool ZrByteArray::Resize(Size size) {
 bool ZrByteArray::ResizeForOverwrite(Size size) {
   m_reserve += std::exchange(m_start, 0);
   if (size > m_reserve) {
-    if (size > PTRDIFF_MAX) return false;
+    if (size > PTRDIFF_MAX) return FailBySystem(ENOMEM);
     const Size reserve = GrownReserve(size);
     auto* bytes = static_cast<unsigned char*>(std::malloc(reserve));
-    if (bytes == nullptr) return false;
+    if (bytes == nullptr) return FailBySystem(ENOMEM);
     m_bytes.reset(bytes);
     m_reserve = reserve;
   }
@@ -81,7 +84,7 @@ void ZrByteArray::DropFront(Size size) {
 
 bool ZrByteArray::Reserve(Size size) {
   if (size <= m_reserve) return true;
-  if (size > PTRDIFF_MAX) return false;
+  if (size > PTRDIFF_MAX) return FailBySystem(ENOMEM);
   if (m_start != 0) {
     std::memmove(m_bytes.get(), GetData(), m_size);
     m_reserve += std::exchange(m_start, 0);
@@ -89,7 +92,7 @@ bool ZrByteArray::Reserve(Size size) {
   }
   const Size reserve = GrownReserve(size);
   auto* bytes = static_cast<unsigned char*>(std::realloc(m_bytes.get(), reserve));
-  if (bytes == nullptr) return false;
+  if (bytes == nullptr) return FailBySystem(ENOMEM);
   static_cast<void>(m_bytes.release());  // realloc has taken it over
   m_bytes.reset(bytes);
   m_reserve = reserve;

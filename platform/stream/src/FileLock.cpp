@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Descriptors.h"
+#include "ZrFailure.h"
 #include "ZrMutex.h"
 
 namespace Zarn {
@@ -138,9 +139,11 @@ bool FileLock::Open(const std::string& path) {
   int fd = OpenFile(path, O_RDWR);
   const bool readOnly = fd < 0 && (errno == EACCES || errno == EPERM || errno == EROFS);
   if (readOnly) fd = OpenFile(path, O_RDONLY);
-  if (fd < 0) return false;
+  if (fd < 0) return FailBySystem();
   struct stat status;
-  if (GetFileSyscalls().fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+  const bool isKnown = GetFileSyscalls().fstat(fd, &status) == 0;
+  if (!isKnown || !S_ISREG(status.st_mode)) {
+    FailBySystem(isKnown ? 0 : errno);
     GetFileSyscalls().close(fd);
     return false;
   }
@@ -173,12 +176,13 @@ bool FileLock::Lock(LockMode mode) {
     locked = LockShared(m_fd);
   else
     locked = mode == LockMode::kExclusive ? LockExclusive(m_fd) : Wait(m_fd, F_WRLCK, kReserve);
-  if (locked) m_mode = mode;
-  return locked;
+  if (!locked) return FailBySystem();
+  m_mode = mode;
+  return true;
 }
 
 bool FileLock::ExcludeShared() {
-  if (!m_readOnly && !Exclude(m_fd)) return false;
+  if (!m_readOnly && !Exclude(m_fd)) return FailBySystem();
   m_mode = LockMode::kExclusive;
   return true;
 }
@@ -190,12 +194,12 @@ void FileLock::Unlock() {
 
 bool FileLock::Claim(bool wait) {
   m_isClaim = Ask(m_fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, F_WRLCK, kClaim);
-  return m_isClaim;
+  return m_isClaim || FailBySystem();
 }
 
 bool FileLock::Enter(Presence presence) {
   m_isPresent = Ask(m_fd, F_OFD_SETLKW, F_RDLCK, BytesOf(presence));
-  return m_isPresent;
+  return m_isPresent || FailBySystem();
 }
 
 // Of two who leave at the same time the second one finds nobody.

@@ -7,6 +7,7 @@
 
 #include "Descriptors.h"
 #include "FileSyscalls.h"
+#include "ZrFailure.h"
 
 namespace Zarn {
 namespace {
@@ -93,24 +94,26 @@ bool ZrFile::IsOnMountOfFolder(const PelmUnicodeString& path) {
 bool ZrFile::IsExist(const PelmUnicodeString& path) {
   std::string native;
   struct stat status;
-  return ToNative(path, native) && GetFileSyscalls().stat(native.c_str(), &status) == 0;
+  return ToNative(path, native) &&
+         (GetFileSyscalls().stat(native.c_str(), &status) == 0 || FailBySystem());
 }
 
 bool ZrFile::MkDirEx(const PelmUnicodeString& path) {
   std::string native;
-  return ToNative(path, native) && MakeDirectories(native);
+  return ToNative(path, native) && (MakeDirectories(native) || FailBySystem());
 }
 
 bool ZrFile::Delete(const PelmUnicodeString& path) {
   std::string native;
-  return ToNative(path, native) && GetFileSyscalls().unlink(native.c_str()) == 0;
+  return ToNative(path, native) &&
+         (GetFileSyscalls().unlink(native.c_str()) == 0 || FailBySystem());
 }
 
 bool ZrFile::Rename(const PelmUnicodeString& from, const PelmUnicodeString& to) {
   std::string nativeFrom;
   std::string nativeTo;
   return ToNative(from, nativeFrom) && ToNative(to, nativeTo) &&
-         GetFileSyscalls().rename(nativeFrom.c_str(), nativeTo.c_str()) == 0;
+         (GetFileSyscalls().rename(nativeFrom.c_str(), nativeTo.c_str()) == 0 || FailBySystem());
 }
 
 bool ZrFile::SyncDir(const PelmUnicodeString& path) {
@@ -120,8 +123,9 @@ bool ZrFile::SyncDir(const PelmUnicodeString& path) {
     return calls.open(directory.empty() ? "." : directory.c_str(),
                       O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
   });
-  if (fd < 0) return false;
-  const bool synced = Uninterrupted([&] { return calls.fsync(fd); }) == 0 || errno == EINVAL;
+  if (fd < 0) return FailBySystem();
+  const bool synced =
+      Uninterrupted([&] { return calls.fsync(fd); }) == 0 || errno == EINVAL || FailBySystem();
   calls.close(fd);
   return synced;
 }

@@ -14,6 +14,7 @@
 #include "FileAccess.h"
 #include "FileLock.h"
 #include "FileSyscalls.h"
+#include "ZrFailure.h"
 #include "ZrFile.h"
 
 namespace Zarn {
@@ -24,6 +25,10 @@ off_t Offset(std::uint64_t position) { return static_cast<off_t>(position); }
 constexpr iovec kNoPart = {nullptr, 0};
 
 constexpr std::size_t kHeadPage = 4096;
+
+// Notes that a transfer has ended early: by an error, or because nothing could be moved, as at the
+// end of the file.
+void NoteEnd(ssize_t moved) { FailBySystem(moved < 0 ? errno : 0); }
 
 // Moves all bytes of the parts with repeated calls of `transfer`. Returns how many were moved:
 // fewer than asked when a call fails or moves nothing. Positions beyond the largest offset are
@@ -45,7 +50,10 @@ std::uint64_t TransferParts(std::uint64_t position, iovec first, iovec second, T
     const int count = static_cast<int>(rest + (rest[1].iov_len == 0 ? 1 : 2) - begin);
     const ssize_t moved =
         Uninterrupted([&] { return transfer(begin, count, Offset(position + done)); });
-    if (moved <= 0) break;
+    if (moved <= 0) {
+      NoteEnd(moved);
+      break;
+    }
     done += static_cast<std::uint64_t>(moved);
   }
   return done;
@@ -97,9 +105,11 @@ bool ZrFileStream::Open(const PelmUnicodeString& path, unsigned int direction) {
 
 bool ZrFileStream::Attach(int fd, bool readOnly) {
   fd = AboveStandardStreams(fd);
-  if (fd < 0) return false;
+  if (fd < 0) return FailBySystem();
   struct stat status;
-  if (GetFileSyscalls().fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+  const bool isKnown = GetFileSyscalls().fstat(fd, &status) == 0;
+  if (!isKnown || !S_ISREG(status.st_mode)) {
+    FailBySystem(isKnown ? 0 : errno);  // no error of the system's if it is no regular file
     GetFileSyscalls().close(fd);
     return false;
   }
@@ -170,7 +180,10 @@ bool ZrFileStream::WriteGathered(std::uint64_t position, iovec* parts, std::size
     if (position > INT64_MAX) return false;
     const ssize_t moved = Uninterrupted(
         [&] { return GetFileSyscalls().pwritev(m_fd, parts, now, Offset(position)); });
-    if (moved <= 0) return false;
+    if (moved <= 0) {
+      NoteEnd(moved);
+      return false;
+    }
     position += static_cast<std::uint64_t>(moved);
     auto left = static_cast<std::size_t>(moved);
     for (; parts != end && left >= parts->iov_len; ++parts)
@@ -259,14 +272,15 @@ bool ZrFileStream::StoreWord(std::uint64_t position, std::uint64_t word) {
 // Nothing else uses the descriptor's own position, and this costs half of what fstat does.
 bool ZrFileStream::GetLength(std::uint64_t& length) const {
   const off_t end = IsOpen() ? GetFileSyscalls().lseek(m_fd, 0, SEEK_END) : -1;
-  if (end < 0) return false;
+  if (end < 0) return FailBySystem();
   length = static_cast<std::uint64_t>(end);
   return true;
 }
 
 bool ZrFileStream::SetLength(std::uint64_t length) {
-  return length <= INT64_MAX &&
-         Uninterrupted([&] { return GetFileSyscalls().ftruncate(m_fd, Offset(length)); }) == 0;
+  if (length > INT64_MAX) return FailBySystem(EFBIG);
+  return Uninterrupted([&] { return GetFileSyscalls().ftruncate(m_fd, Offset(length)); }) == 0 ||
+         FailBySystem();
 }
 
 bool ZrFileStream::IsMapped() const { return FileLock::IsMapped(m_fd); }
@@ -283,7 +297,8 @@ bool ZrFileStream::ZeroFill(std::uint64_t position, std::uint64_t size) {
     return GetFileSyscalls().fallocate(m_fd, 0, Offset(position + inside), Offset(outside));
   });
   if (result == 0) return true;
-  return (errno == EOPNOTSUPP || errno == ENOSYS) && WriteZeros(position + inside, outside);
+  return errno == EOPNOTSUPP || errno == ENOSYS ? WriteZeros(position + inside, outside)
+                                                : FailBySystem();
 }
 
 bool ZrFileStream::WriteZeros(std::uint64_t position, std::uint64_t size) {
@@ -318,7 +333,7 @@ bool ZrFileStream::Reserve(std::uint64_t position, std::uint64_t size) {
            return GetFileSyscalls().fallocate(m_fd, FALLOC_FL_KEEP_SIZE, Offset(position),
                                               Offset(size));
          }) == 0 ||
-         errno == EOPNOTSUPP || errno == ENOSYS;
+         errno == EOPNOTSUPP || errno == ENOSYS || FailBySystem();
 }
 
 bool ZrFileStream::MakeHole(std::uint64_t position, std::uint64_t size) {
@@ -331,7 +346,8 @@ bool ZrFileStream::MakeHole(std::uint64_t position, std::uint64_t size) {
     return GetFileSyscalls().fallocate(m_fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
                                        Offset(position), Offset(size));
   });
-  return result == 0 || ((errno == EOPNOTSUPP || errno == ENOSYS) && WriteZeros(position, size));
+  if (result == 0) return true;
+  return errno == EOPNOTSUPP || errno == ENOSYS ? WriteZeros(position, size) : FailBySystem();
 }
 
 bool ZrFileStream::TryClaim(const PelmUnicodeString& path) { return MakeClaim(path, false); }
@@ -351,18 +367,19 @@ bool ZrFileStream::MakeClaim(const PelmUnicodeString& path, bool wait) {
 
 bool ZrFileStream::TakeOwner(const ZrFileStream& other) {
   const auto access = FileAccess::Of(other.m_fd);
-  return access && access->GiveTo(m_fd);
+  return (access && access->GiveTo(m_fd)) || FailBySystem();
 }
 
 bool ZrFileStream::TakeOwner(const PelmUnicodeString& path) {
   std::string native;
   if (!ZrFile::ToNative(path, native)) return false;
   const auto access = FileAccess::Of(native);
-  return access && access->GiveTo(m_fd);
+  return (access && access->GiveTo(m_fd)) || FailBySystem();
 }
 
 bool ZrFileStream::Sync() {
-  return IsOpen() && Uninterrupted([&] { return GetFileSyscalls().fdatasync(m_fd); }) == 0;
+  return IsOpen() &&
+         (Uninterrupted([&] { return GetFileSyscalls().fdatasync(m_fd); }) == 0 || FailBySystem());
 }
 
 void ZrFileStream::BeginSync(std::uint64_t position, std::uint64_t size) {

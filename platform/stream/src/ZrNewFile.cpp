@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "FileSyscalls.h"
+#include "ZrFailure.h"
 #include "ZrFile.h"
 
 namespace Zarn {
@@ -32,9 +33,11 @@ bool ZrNewFile::Begin(const PelmUnicodeString& path, unsigned int permissions) {
   constexpr int kAttempts = 16;  // a clash of random names even once is next to impossible
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     if (Make(directory + PrivateName(), permissions)) return true;
-    if (errno != EEXIST && errno != EINTR) return false;
+    if (errno != EEXIST && errno != EINTR) break;
   }
-  return false;
+  // Why a missing folder could not be made says more than that it is missing.
+  const bool isNoted = errno == ENOENT && GetFailureNote().systemError != 0;
+  return !isNoted && FailBySystem();
 }
 
 // The name is kept first: there may be no memory for it once there is a file to undo.
@@ -56,7 +59,10 @@ ZrNewFile::Outcome ZrNewFile::Publish() {
   int result = calls.renameNoReplace(m_temporary.c_str(), m_nativePath.c_str());
   const bool needsLink = result != 0 && (errno == EINVAL || errno == ENOSYS);
   if (needsLink) result = calls.link(m_temporary.c_str(), m_nativePath.c_str());
-  if (result != 0) return errno == EEXIST ? Outcome::kExists : Outcome::kFailed;
+  if (result != 0) {
+    FailBySystem();
+    return errno == EEXIST ? Outcome::kExists : Outcome::kFailed;
+  }
   m_state = State::kPublished;
   if (!needsLink) return Outcome::kPublished;
   // Of a file system that makes another inode of a link, this stream must have the one that others
@@ -72,8 +78,10 @@ ZrNewFile::Outcome ZrNewFile::Replace() {
   const FileSyscalls& calls = GetFileSyscalls();
   const bool isThere = calls.stat(m_nativePath.c_str(), &old) == 0;
   if (isThere ? S_ISDIR(old.st_mode) || !m_stream.TakeOwner(m_path)
-              : errno != ENOENT && errno != ELOOP)
+              : errno != ENOENT && errno != ELOOP) {
+    FailBySystem(isThere && S_ISDIR(old.st_mode) ? EISDIR : errno);
     return Outcome::kFailed;
+  }
   if (calls.renameExchange(m_temporary.c_str(), m_nativePath.c_str()) == 0) {
     m_state = State::kExchanged;
     return Outcome::kPublished;
@@ -82,9 +90,13 @@ ZrNewFile::Outcome ZrNewFile::Replace() {
     const Outcome outcome = Publish();
     if (outcome != Outcome::kExists) return outcome;
   } else if (errno != EINVAL && errno != ENOSYS) {
+    FailBySystem();
     return Outcome::kFailed;
   }
-  if (calls.rename(m_temporary.c_str(), m_nativePath.c_str()) != 0) return Outcome::kFailed;
+  if (calls.rename(m_temporary.c_str(), m_nativePath.c_str()) != 0) {
+    FailBySystem();
+    return Outcome::kFailed;
+  }
   m_state = State::kReplaced;
   return Outcome::kPublished;
 }

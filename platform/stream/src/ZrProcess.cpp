@@ -6,6 +6,7 @@
 
 #include "FileLock.h"
 #include "FileSyscalls.h"
+#include "ZrFailure.h"
 #include "ZrFile.h"
 
 namespace Zarn {
@@ -76,7 +77,10 @@ bool ZrProcess::Impl::LockFileAtPath(LockMode mode) {
 
 AtPath ZrProcess::Impl::Look() {
   struct stat status;
-  if (GetFileSyscalls().stat(m_path.c_str(), &status) != 0) return AtPath::kNothing;
+  if (GetFileSyscalls().stat(m_path.c_str(), &status) != 0) {
+    FailBySystem();
+    return AtPath::kNothing;
+  }
   if (!m_lock.IsOpenOn(status)) return AtPath::kOtherFile;
   m_length = static_cast<std::uint64_t>(status.st_size);
   return AtPath::kLockedFile;
