@@ -52,9 +52,9 @@ unsigned int Engine::StoreTile(TileEntry& entry, NameSlot* slot, const StoreRequ
   return ZrResult::kWriteFailure;
 }
 
-unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
-                            unsigned long long& filledLength, std::uint64_t version) {
-  filledLength = 0;
+unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& data, ZrVersion& given,
+                            std::uint64_t version) {
+  given = {};
   unsigned int result = ZrResult::kReadFailure;
   TileEntry entry;
   std::optional<Io::RecordReader> record;
@@ -71,16 +71,18 @@ unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& dat
   };
   const auto handOver = [&](OpenFile& file, ZrByteArray* buffer) {
     if (result == ZrResult::kNotFound) data.Resize(0);
-    if (result == ZrResult::kOk) HandOver(file, entry, *record, *buffer, data, filledLength);
+    if (result == ZrResult::kOk) HandOver(file, entry, *record, *buffer, data, given);
   };
   return LookUp(read, handOver) ? result : ZrResult::kReadFailure;
 }
 
 // Gives a tile that was read to the caller.
 void Engine::HandOver(OpenFile& file, const TileEntry& entry, const Io::RecordReader& record,
-                      ZrByteArray& buffer, ZrByteArray& data, unsigned long long& filledLength) {
+                      ZrByteArray& buffer, ZrByteArray& data, ZrVersion& given) {
   record.HandOver(buffer, data);
-  filledLength = std::min(record.Head().filledLength, record.Head().capacity);
+  const Format::RecordHead& head = record.Head();
+  given = {entry.givenStamp, head.capacity, std::min(head.filledLength, head.capacity),
+           entry.givenStatus};
   // From a mapping, a head is read as quickly without one.
   if (file.Map() == nullptr) file.Index().KeepHint(entry);
 }

@@ -104,9 +104,9 @@ bool Engine::GrowIndex() {
   return true;
 }
 
-unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
-                            unsigned long long& filledLength, std::uint64_t version) {
-  filledLength = 0;
+unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data, ZrVersion& given,
+                            std::uint64_t version) {
+  given = {};
   if (const auto cache = GetCacheFile()) return cache->ReadFile(name, data);
   if (name.IsEmpty()) return ZrResult::kReadFailure;
   unsigned int result = ZrResult::kReadFailure;
@@ -125,7 +125,7 @@ unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
   };
   const auto handOver = [&](OpenFile& file, ZrByteArray* buffer) {
     if (result == ZrResult::kNotFound) data.Resize(0);
-    if (result == ZrResult::kOk) HandOver(file, entry, *record, *buffer, data, filledLength);
+    if (result == ZrResult::kOk) HandOver(file, entry, *record, *buffer, data, given);
   };
   try {
     return LookUp(read, handOver) ? result : ZrResult::kReadFailure;

@@ -20,6 +20,9 @@ struct TileEntry {
   /// wrong. Afterwards it is what was read or written.
   std::uint64_t recordLength = 0;
   bool isHeadRead = false;  // the record's head is in the thread's buffer
+  /// After a lookup: the version that it gives.
+  std::uint64_t givenStamp = 0;
+  std::uint8_t givenStatus = Format::kStatusEmpty;
 
   /// The index value that the entry is to get.
   std::uint64_t Value() const { return Format::PackIndexValue(status, position); }

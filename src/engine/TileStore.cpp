@@ -206,15 +206,34 @@ bool TileStore::RemoveFromTile(TileEntry& entry, std::uint64_t version, bool isR
   const std::uint32_t index = m_current.Versions().Find(version, 0);
   if (index == count) return true;
   if (isReadOnly) return false;
-  if (count > 1) return index == 0 ? RemoveNewest(entry) : RemoveOlder(entry, index);
+  if (count > 1) return index == 0 ? RemoveNewest(entry) : RemoveOlder(entry, index, 1);
   entry.status = Format::kStatusEmpty;
   return true;
 }
 
-// The current record without that entry of its table; the version's own record is dead then.
-bool TileStore::RemoveOlder(TileEntry& entry, unsigned int index) {
+// Where the stamps do not descend, nothing tells which version would be the newest then.
+bool TileStore::RemoveOlderThan(TileEntry& entry, std::uint64_t stamp, bool isReadOnly,
+                                std::uint32_t& removed) {
+  removed = 0;
+  if (!ReadCurrentHead(entry)) return false;
+  const Format::VersionTable versions = m_current.Versions();
+  std::uint32_t kept = 0;
+  while (kept < versions.Count() && versions.Stamp(kept) >= stamp)
+    ++kept;
+  for (std::uint32_t older = kept; older < versions.Count(); ++older)
+    if (versions.Stamp(older) >= stamp) return false;
+  const std::uint32_t count = versions.Count() - kept;
+  if (count == 0) return true;
+  if (isReadOnly || (kept > 0 && !RemoveOlder(entry, kept, count))) return false;
+  if (kept == 0) entry.status = Format::kStatusEmpty;
+  removed = count;
+  return true;
+}
+
+// The current record without these entries of its table; the versions' own records are dead then.
+bool TileStore::RemoveOlder(TileEntry& entry, unsigned int index, unsigned int count) {
   if (!ReadDataFromDataFile(entry.position, m_current)) return false;
-  m_current.RemoveVersion(index);
+  m_current.RemoveVersions(index, count);
   Reference reference = {entry};
   return MoveTo(entry, RewriteRecord(reference, entry.position, m_current), m_current);
 }
@@ -414,6 +433,9 @@ unsigned int TileStore::LookUp_Inner(const Place& place, TileEntry& entry, const
   if (key != nullptr && !key->Matches(record.NameBytes(), head.nameLength))
     return ZrResult::kNotFound;
   const std::uint32_t older = record.Versions().SelectForLookup(version);
+  entry.givenStamp = record.Versions().Stamp(older);
+  entry.givenStatus =
+      older == 0 ? entry.status : Format::StatusOf(record.Versions().Locator(older));
   if ((older != 0) != mayBeOlder)
     place.olderEnd.store(older != 0 ? version + 1 : 0, std::memory_order_relaxed);
   if (older == 0 && !mayBeOlder) return ZrResult::kOk;

@@ -77,7 +77,10 @@ unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col,
 
 unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                                    unsigned long long& filledLength, unsigned long long version) {
-  return m_engine->Lookup(row, col, data, filledLength, version);
+  ZrVersion given;
+  const unsigned int result = m_engine->Lookup(row, col, data, given, version);
+  filledLength = given.filledLength;
+  return result;
 }
 
 unsigned int ZrCompactFile::Remove(unsigned int row, unsigned int col, unsigned long long version) {
@@ -118,7 +121,10 @@ unsigned int ZrCompactFile::SetBatch(const std::vector<ZrNameStore>& stores,
 
 unsigned int ZrCompactFile::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
                                    unsigned long long& filledLength, unsigned long long version) {
-  return m_engine->Lookup(name, data, filledLength, version);
+  ZrVersion given;
+  const unsigned int result = m_engine->Lookup(name, data, given, version);
+  filledLength = given.filledLength;
+  return result;
 }
 
 unsigned int ZrCompactFile::Remove(const PelmUnicodeString& name, unsigned long long version) {
@@ -131,6 +137,47 @@ ZrCompactFile::ZrStatus ZrCompactFile::GetStatus(const PelmUnicodeString& name) 
 
 bool ZrCompactFile::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
   return m_engine->GetValidNamingList(names);
+}
+
+unsigned int ZrCompactFile::GetVersions(unsigned int row, unsigned int col,
+                                        std::vector<ZrVersion>& versions) {
+  return m_engine->GetVersions(row, col, versions);
+}
+
+unsigned int ZrCompactFile::GetVersions(const PelmUnicodeString& name,
+                                        std::vector<ZrVersion>& versions) {
+  return m_engine->GetVersions(name, versions);
+}
+
+unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
+                                   ZrVersion& given, unsigned long long version) {
+  return m_engine->Lookup(row, col, data, given, version);
+}
+
+unsigned int ZrCompactFile::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
+                                   ZrVersion& given, unsigned long long version) {
+  return m_engine->Lookup(name, data, given, version);
+}
+
+unsigned int ZrCompactFile::RemoveAll(unsigned int row, unsigned int col) {
+  return m_engine->RemoveAll(row, col);
+}
+
+unsigned int ZrCompactFile::RemoveAll(const PelmUnicodeString& name) {
+  return m_engine->RemoveAll(name);
+}
+
+unsigned int ZrCompactFile::RemoveOlderThan(unsigned long long stamp, unsigned long long& removed) {
+  return m_engine->RemoveOlderThan(stamp, removed);
+}
+
+unsigned int ZrCompactFile::GetStatistics(ZrStatistics& statistics) {
+  return m_engine->GetStatistics(statistics);
+}
+
+unsigned int ZrCompactFile::GetStatistics(ZrStatistics& statistics,
+                                          const StatisticsProgress& progress) {
+  return m_engine->GetStatistics(statistics, progress);
 }
 
 void ZrCompactFile::SwapByte(unsigned char& a, unsigned char& b) { std::swap(a, b); }
