@@ -13,13 +13,16 @@
 #include "ZrFilledLength.h"
 #include "ZrProcess.h"
 #include "ZrResult.h"
+#include "ZrStatistics.h"
 #include "ZrVerify.h"
+#include "ZrVersion.h"
 
 namespace Zarn {
 
 namespace Engine {
 class Engine;
-}
+class TileWalk;
+}  // namespace Engine
 
 /// One container file, for all threads of a process: tiles stored whole or in pieces, in versions,
 /// and read back while others write.
@@ -269,6 +272,11 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
                      unsigned long long capacity, unsigned long long offset,
                      unsigned long long version);
 
+  /// The same for `size` bytes at `bytes`.
+  unsigned int SetAt(unsigned int row, unsigned int col, const void* bytes, unsigned long long size,
+                     unsigned long long capacity, unsigned long long offset,
+                     unsigned long long version);
+
   /// Reads a tile.
   ///
   /// @param data         receives the whole payload area, in memory of at most twice its size or
@@ -325,6 +333,10 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   unsigned int SetAt(const PelmUnicodeString& name, const ZrByteArray& data,
                      unsigned long long capacity, unsigned long long offset,
                      unsigned long long version);
+  /// The same for `size` bytes at `bytes`.
+  unsigned int SetAt(const PelmUnicodeString& name, const void* bytes, unsigned long long size,
+                     unsigned long long capacity, unsigned long long offset,
+                     unsigned long long version);
   using ZrNameStore = Zarn::ZrNameStore;  ///< one of the stores of a batch
   /// Stores many tiles at once, as the same operation on cells. With a ".sc" file, one by one.
   unsigned int SetBatch(const std::vector<ZrNameStore>& stores, std::vector<unsigned int>& results);
@@ -361,6 +373,77 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
   bool GetValidNamingList(PelmArray<PelmUnicodeString>& names);
   /// @}
 
+  /// @name Versions
+  /// What happens to one version is for SetAt, Lookup and Remove. In a lookup any stamp but the
+  /// exact one of an older version means the newest, so 0 does unless a version has it; here a
+  /// stamp is only a number, and 0 the smallest. All locks and all that holds of other processes
+  /// are those of Lookup and of Remove.
+  /// @{
+
+  /// Lists the versions of a tile, the newest first.
+  ///
+  /// @param versions receives them. One whose record cannot be read has the status kUnknown, and
+  ///                 sizes of 0.
+  ///
+  /// kOk; kNotFound for an empty cell, with an empty list; kReadFailure if nothing is open, for a
+  /// cell outside the grid, a damaged record, or if memory is short; then `versions` is untouched.
+  /// It reads the head of each version's record.
+  unsigned int GetVersions(unsigned int row, unsigned int col, std::vector<ZrVersion>& versions);
+  /// The same for a name; kNotFound for an unknown one. kNotUsable for a ".sc" file.
+  unsigned int GetVersions(const PelmUnicodeString& name, std::vector<ZrVersion>& versions);
+
+  /// Reads a tile, and tells which version it gives; else as the other Lookup.
+  ///
+  /// @param given receives its stamp, status, capacity and filled length; zeros on failure.
+  unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data, ZrVersion& given,
+                      unsigned long long version);
+  /// The same for a name. A ".sc" file tells of no version.
+  unsigned int Lookup(const PelmUnicodeString& name, ZrByteArray& data, ZrVersion& given,
+                      unsigned long long version);
+
+  /// Removes all versions of a tile, also of one whose record is damaged. Results as of Remove.
+  unsigned int RemoveAll(unsigned int row, unsigned int col);
+  /// The same for a name, whose record must be readable. As with Remove, the name stays in the
+  /// index, and hides later names of the same hash until one of them is stored again.
+  unsigned int RemoveAll(const PelmUnicodeString& name);
+
+  /// Removes all versions in the file whose stamps are smaller; a tile that has no other version is
+  /// removed. What is stored meanwhile may stay.
+  ///
+  /// @param stamp   the smallest stamp that stays.
+  /// @param removed receives the number of versions that were removed, also after a failure.
+  ///
+  /// kOk, also in a file without versions, where nothing is removed; kNotOpen; kNotUsable for a
+  /// ".sc" file, or if the file has become another one meanwhile (see ZrTileCursor::Next);
+  /// kWriteFailure for a file opened for reading, if memory is short, and for tiles that could not
+  /// be written or whose versions are not in order; kReadFailure for tiles or an index that could
+  /// not be read. All other tiles are done.
+  ///
+  /// It walks over the heads of all records without a lock, and holds the lock for some 30 tiles at
+  /// a time. A process that is killed meanwhile may have removed any of these versions.
+  unsigned int RemoveOlderThan(unsigned long long stamp, unsigned long long& removed);
+  /// @}
+
+  /// @name Counting
+  /// @{
+
+  /// Receives how many of all index entries are done, without a lock. `done` never goes down. The
+  /// counting thread calls it. The answer false and an exception end the count.
+  using StatisticsProgress = std::function<bool(unsigned long long done, unsigned long long total)>;
+  /// Counts what the index tells: `tiles`, `entries`, `indexBytes` and `fileBytes`; the others stay
+  /// 0. Here each entry that names a record counts as a tile.
+  ///
+  /// kOk; kNotOpen; kReadFailure if the index cannot be read; kNotUsable for a ".sc" file. It takes
+  /// as long as to read the index, and a lock only where a lookup would.
+  unsigned int GetStatistics(ZrStatistics& statistics);
+  /// Counts everything, by a walk over the heads of all records, with the results of
+  /// ZrTileCursor::Next and the tiles that it gives.
+  ///
+  /// @param progress may be empty. If it ends the count, the result is kNotUsable, and the numbers
+  ///                 are those up to there.
+  unsigned int GetStatistics(ZrStatistics& statistics, const StatisticsProgress& progress);
+  /// @}
+
   /// @name Header scrambling
   /// A header is scrambled, and unscrambled, by XOR with one byte of a key stream:
   /// GenerateStream(state, GenerateKey(password)), GenerateXorString(xorString, state), then
@@ -385,6 +468,9 @@ class HX_COMPACTFILE_API ZrCompactFile : public ZrProcess {
 
  private:
   friend HX_COMPACTFILE_API void RefeshIndexCallBack(void* owner);
+  friend class ZrTileCursor;
+
+  unsigned int Step(Engine::TileWalk& walk);
 
   const std::unique_ptr<Engine::Engine> m_engine;
 };

@@ -33,7 +33,7 @@ class StoreBatch {
   struct Tile {
     NameSlot slot;                    // of a cell the code is its number
     std::size_t store;                // its number among the caller's stores
-    const ZrByteArray* data;          // fills the payload area of the record
+    BytesToStore data;                // fill the payload area of the record
     std::vector<unsigned char> head;  // of the record
   };
 
@@ -57,8 +57,7 @@ class StoreBatch {
 // A store whose data fill the payload area.
 template <typename Store>
 bool FillsItsRecord(const Store& store) {
-  if (store.data == nullptr) return false;
-  const auto span = Format::ResolveStore(store.capacity, store.offset, store.data->GetSize());
+  const auto span = Format::ResolveStore(store.capacity, store.offset, BytesOf(store).size());
   return span && span->CoversAll();
 }
 
@@ -95,13 +94,14 @@ bool StoreBatch::Add(const Store& store, std::size_t number, NameSlot slot,
   constexpr std::uint64_t kBlock = 1 << 20;
   constexpr std::size_t kTiles = 512;  // of two parts each: a system call takes 1024
   if (m_codes.count(slot.code) != 0) return false;
-  const std::uint64_t size = store.data->GetSize();
+  const BytesToStore data = BytesOf(store);
+  const std::uint64_t size = data.size();
   if (!m_record.Begin({store.version, Format::kStatusComplete, size, size}, name))
     throw std::bad_alloc();
   slot.entry.status = Format::kStatusComplete;
   slot.entry.recordLength = m_record.Head().length;
   const unsigned char* const head = m_headBytes.GetData();
-  Tile tile = {slot, number, store.data, {head, head + m_headBytes.GetSize()}};
+  Tile tile = {slot, number, data, {head, head + m_headBytes.GetSize()}};
   m_codes.insert(slot.code);
   m_tiles.push_back(std::move(tile));
   m_blockSize += slot.entry.recordLength;
@@ -137,7 +137,7 @@ std::vector<iovec> StoreBatch::PlaceBlock(std::uint64_t position) {
   for (std::size_t i = m_inFile; i < m_tiles.size(); ++i) {
     Tile& tile = m_tiles[i];
     parts.push_back({tile.head.data(), tile.head.size()});
-    parts.push_back({const_cast<unsigned char*>(tile.data->GetData()), tile.data->GetSize()});
+    parts.push_back({const_cast<unsigned char*>(tile.data.data()), tile.data.size()});
     tile.slot.entry.position = position;
     position += tile.slot.entry.recordLength;
   }
@@ -210,12 +210,6 @@ unsigned int Engine::StoreAll(const std::vector<Store>& stores,
   for (const unsigned int result : results)
     if (result != ZrResult::kOk) return result;
   return ZrResult::kOk;
-}
-
-unsigned int Engine::SetAt(const ZrNameStore& store) {
-  static const ZrByteArray kNothing;
-  return SetAt(store.name, store.data != nullptr ? *store.data : kNothing, store.capacity,
-               store.offset, store.version);
 }
 
 // New tiles are kept back, and written together with the next ones; whatever else is to be stored

@@ -9,8 +9,11 @@
 #include "Operation.h"
 #include "RecordBuffers.h"
 #include "RedoFile.h"
+#include "TileWalk.h"
+#include "VersionList.h"
 #include "ZrCacheFile.h"
 #include "ZrCompactFile.h"
+#include "ZrStatistics.h"
 #include "ZrTextCodec.h"
 
 namespace Zarn::Engine {
@@ -64,25 +67,36 @@ class Engine {
   unsigned int SetAt(const ZrCellStore& store);
   unsigned int SetAt(unsigned int row, unsigned int col, const PelmUnicodeString& filePath,
                      std::uint64_t version);
-  unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
-                      unsigned long long& filledLength, std::uint64_t version);
+  unsigned int Lookup(unsigned int row, unsigned int col, ZrByteArray& data, ZrVersion& given,
+                      std::uint64_t version);
   unsigned int Remove(unsigned int row, unsigned int col, std::uint64_t version);
 
   // NamedOperations.cpp
-  unsigned int SetAt(const PelmUnicodeString& name, const ZrByteArray& data, std::uint64_t capacity,
-                     std::uint64_t offset, std::uint64_t version);
+  unsigned int SetAt(const ZrNameStore& store);
   unsigned int SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,
                      std::uint64_t version);
-  unsigned int Lookup(const PelmUnicodeString& name, ZrByteArray& data,
-                      unsigned long long& filledLength, std::uint64_t version);
+  unsigned int Lookup(const PelmUnicodeString& name, ZrByteArray& data, ZrVersion& given,
+                      std::uint64_t version);
   unsigned int Remove(const PelmUnicodeString& name, std::uint64_t version);
   ZrCompactFile::ZrStatus GetStatus(const PelmUnicodeString& name);
   bool GetValidNamingList(PelmArray<PelmUnicodeString>& names);
 
   // BatchOperations.cpp
-  unsigned int SetAt(const ZrNameStore& store);
   unsigned int SetBatch(const std::vector<ZrCellStore>& stores, std::vector<unsigned int>& results);
   unsigned int SetBatch(const std::vector<ZrNameStore>& stores, std::vector<unsigned int>& results);
+
+  // VersionOperations.cpp
+  unsigned int GetVersions(unsigned int row, unsigned int col, std::vector<ZrVersion>& versions);
+  unsigned int GetVersions(const PelmUnicodeString& name, std::vector<ZrVersion>& versions);
+  unsigned int RemoveAll(unsigned int row, unsigned int col);
+  unsigned int RemoveAll(const PelmUnicodeString& name);
+
+  // Walking.cpp
+  unsigned int Step(TileWalk& walk);
+  unsigned int RemoveOlderThan(std::uint64_t stamp, unsigned long long& removed);
+  unsigned int GetStatistics(ZrStatistics& statistics);
+  unsigned int GetStatistics(ZrStatistics& statistics,
+                             const ZrCompactFile::StatisticsProgress& progress);
 
   // Compaction.cpp, Checking.cpp
   unsigned int Compact(const ZrCompactFile::CompactProgress& progress);
@@ -131,10 +145,14 @@ class Engine {
   void TearDown() HX_REQUIRES(m_locks.GetMutex());
 
   // LookUp.h, and what lookups have in common
+  template <typename Look>
+  bool UseFile(Look look, bool usesBuffer);
+  template <typename Attempt>
+  bool Survey(Attempt attempt);
   template <typename Attempt, typename Finish>
   bool LookUp(Attempt attempt, Finish finish, bool usesBuffer = true);
   static void HandOver(OpenFile& file, const TileEntry& entry, const Io::RecordReader& record,
-                       ZrByteArray& buffer, ZrByteArray& data, unsigned long long& filledLength);
+                       ZrByteArray& buffer, ZrByteArray& data, ZrVersion& given);
   static unsigned int ReadTile(OpenFile& file, View& view, const NameKey& key,
                                std::uint64_t version, ZrByteArray& buffer, TileEntry& entry,
                                Io::RecordReader& record);
@@ -153,6 +171,29 @@ class Engine {
   bool MayStore(const WriteOperation& operation) const HX_REQUIRES(m_locks);
   static unsigned int RefuseStore(std::uint64_t size);
   static unsigned int RefuseName(const PelmUnicodeString& name);
+
+  // VersionOperations.cpp
+  unsigned int ListVersions(unsigned int row, unsigned int col, VersionList& list);
+  unsigned int ListVersions(const PelmUnicodeString& name, VersionList& list);
+  unsigned int RemoveTile(TileEntry& entry) HX_REQUIRES(m_locks);
+
+  // Walking.cpp
+  struct Address {
+    PelmUnicodeString name;
+    std::uint32_t row = 0, col = 0;
+  };
+  unsigned int WhyUnusable() const {
+    return IsOpen() ? ZrResult::kReadFailure : ZrResult::kNotOpen;
+  }
+  unsigned int ReadEntryAlone(TileWalk& walk);
+  unsigned int ListHash(TileWalk& walk);
+  unsigned int ReadNameAlone(TileWalk& walk);
+  unsigned int RemoveOlderThan(std::uint64_t stamp, const std::vector<Address>& tiles,
+                               unsigned long long& removed);
+  bool FindForRemoval(const Address& tile, TileStore& tiles, TileEntry& entry) HX_REQUIRES(m_locks);
+  TileWalk::Seen CountEntries(OpenFile& file, View& view, std::uint64_t& next,
+                              ZrStatistics& statistics);
+  void CountTile(const TileWalk& walk, ZrStatistics& statistics);
 
   // BatchOperations.cpp
   template <typename Store>

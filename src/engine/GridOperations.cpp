@@ -39,12 +39,12 @@ unsigned int Engine::SetAt(const ZrCellStore& store) {
 unsigned int Engine::StoreOne(const ZrCellStore& store) {
   CellIndex* const cells = File().Cells();
   if (cells == nullptr) return Io::Fail(ZrCause::kWrongKind, ZrResult::kWriteFailure);
-  const std::uint64_t size = store.data != nullptr ? store.data->GetSize() : 0;
-  const auto span = Format::ResolveStore(store.capacity, store.offset, size);
+  const BytesToStore data = BytesOf(store);
+  const auto span = Format::ResolveStore(store.capacity, store.offset, data.size());
   TileEntry entry;
-  if (!span) return RefuseStore(size);
+  if (!span) return RefuseStore(data.size());
   if (!cells->Read(store.row, store.col, entry)) return ZrResult::kWriteFailure;
-  return StoreTile(entry, nullptr, {*store.data, *span, store.version, {}});
+  return StoreTile(entry, nullptr, {data, *span, store.version, {}});
 }
 
 // Stores into the tile of an entry and writes the entry; `slot`: of a name, to which it belongs.
@@ -67,9 +67,9 @@ unsigned int Engine::StoreTile(TileEntry& entry, NameSlot* slot, const StoreRequ
   return ZrResult::kWriteFailure;
 }
 
-unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
-                            unsigned long long& filledLength, std::uint64_t version) {
-  filledLength = 0;
+unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& data, ZrVersion& given,
+                            std::uint64_t version) {
+  given = {};
   unsigned int result = ZrResult::kReadFailure;
   TileEntry entry;
   std::optional<Io::RecordReader> record;
@@ -90,16 +90,18 @@ unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& dat
   };
   const auto handOver = [&](OpenFile& file, ZrByteArray* buffer) {
     if (result == ZrResult::kNotFound) data.Resize(0);
-    if (result == ZrResult::kOk) HandOver(file, entry, *record, *buffer, data, filledLength);
+    if (result == ZrResult::kOk) HandOver(file, entry, *record, *buffer, data, given);
   };
   return LookUp(read, handOver) ? result : ZrResult::kReadFailure;
 }
 
 // Gives a tile that was read to the caller.
 void Engine::HandOver(OpenFile& file, const TileEntry& entry, const Io::RecordReader& record,
-                      ZrByteArray& buffer, ZrByteArray& data, unsigned long long& filledLength) {
+                      ZrByteArray& buffer, ZrByteArray& data, ZrVersion& given) {
   record.HandOver(buffer, data);
-  filledLength = std::min(record.Head().filledLength, record.Head().capacity);
+  const Format::RecordHead& head = record.Head();
+  given = {entry.givenStamp, head.capacity, std::min(head.filledLength, head.capacity),
+           entry.givenStatus};
   // From a mapping, a head is read as quickly without one.
   if (file.Map() == nullptr) file.Index().KeepHint(entry);
 }

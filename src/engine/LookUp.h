@@ -5,13 +5,33 @@
 
 namespace Zarn::Engine {
 
-/// How every lookup goes: `attempt(file, view, buffer)` reads what it needs by the view, and
-/// believes nothing; once the view is valid, `finish(file, buffer)` hands it to the caller. Both
-/// without a lock if that is possible, else under it: also if the attempt answers false, for want
-/// of what only a refresh gives. False if the file cannot be used. What an attempt has noted of
-/// failures is forgotten where another one follows.
+/// Has `look(file, buffer)` look at the open file, without a lock if that is possible, else under
+/// it: also if it answers false, for want of what only a refresh gives. False if the file cannot be
+/// used.
 ///
 /// `buffer` is the thread's record buffer; null without `usesBuffer`.
+template <typename Look>
+bool Engine::UseFile(Look look, bool usesBuffer) {
+  {
+    const Lookups::Visit visit(m_locks.GetLookups());
+    OpenFile* const file = visit.GetFile();
+    const bool hasBuffer = file != nullptr && usesBuffer;
+    ZrByteArray* const buffer = hasBuffer ? m_buffers.GetSwapData(file->GetShape().swap) : nullptr;
+    if (file != nullptr && (buffer != nullptr || !usesBuffer) && file->IsAtPath() &&
+        look(*file, buffer))
+      return true;
+  }
+  Io::ForgetFailure();
+  const ReadOperation operation(m_locks, m_state);
+  ZrByteArray* const buffer = operation.IsUsable() && usesBuffer ? GetSwapData() : nullptr;
+  return operation.IsUsable() && (buffer != nullptr || !usesBuffer) &&
+         (File().HasIndex() || Io::Fail(ZrCause::kWrongKind)) && look(File(), buffer);
+}
+
+/// How every lookup goes: `attempt(file, view, buffer)` reads what it needs by the view, and
+/// believes nothing; once the view is valid, `finish(file, buffer)` hands it to the caller. As
+/// UseFile; an attempt that answers false needs the lock. What an attempt has noted of failures is
+/// forgotten where another one follows.
 template <typename Attempt, typename Finish>
 bool Engine::LookUp(Attempt attempt, Finish finish, bool usesBuffer) {
   const auto look = [&](OpenFile& file, ZrByteArray* buffer) {
@@ -28,20 +48,23 @@ bool Engine::LookUp(Attempt attempt, Finish finish, bool usesBuffer) {
     }
     return Io::FailUnlessBySystem(ZrCause::kInUse);
   };
-  {
-    const Lookups::Visit visit(m_locks.GetLookups());
-    OpenFile* const file = visit.GetFile();
-    const bool hasBuffer = file != nullptr && usesBuffer;
-    ZrByteArray* const buffer = hasBuffer ? m_buffers.GetSwapData(file->GetShape().swap) : nullptr;
-    if (file != nullptr && (buffer != nullptr || !usesBuffer) && file->IsAtPath() &&
-        look(*file, buffer))
-      return true;
-  }
-  Io::ForgetFailure();
-  const ReadOperation operation(m_locks, m_state);
-  ZrByteArray* const buffer = operation.IsUsable() && usesBuffer ? GetSwapData() : nullptr;
-  return operation.IsUsable() && (buffer != nullptr || !usesBuffer) &&
-         (File().HasIndex() || Io::Fail(ZrCause::kWrongKind)) && look(File(), buffer);
+  return UseFile(look, usesBuffer);
+}
+
+/// The same for one who reads much, of which not everything need be valid: `attempt(file, view)`
+/// asks the view itself, and answers a TileWalk::Seen.
+template <typename Attempt>
+bool Engine::Survey(Attempt attempt) {
+  const auto look = [&](OpenFile& file, ZrByteArray*) {
+    View view(file.GetBoard(), *file.GetStream(), file.Map());
+    auto seen = TileWalk::Seen::kAgain;
+    while (seen == TileWalk::Seen::kAgain && view.Begin()) {
+      Io::ForgetFailure();
+      seen = attempt(file, view);
+    }
+    return seen == TileWalk::Seen::kDone || Io::FailUnlessBySystem(ZrCause::kInUse);
+  };
+  return UseFile(look, true);
 }
 
 }  // namespace Zarn::Engine

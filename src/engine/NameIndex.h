@@ -50,6 +50,11 @@ class NameIndex final : public IndexEntries {
   /// How many of the codes from this one on, by GetNextHashCode, are those of slots, without a look
   /// at the index: seldom, a slot with another code counts as well.
   std::uint32_t GetSameHashCodeCount(std::uint64_t code) const;
+  /// Whether no two slots have one code; only a damaged file has such slots. Seldom, false.
+  bool HasUniqueCodes() const {
+    const std::uint64_t count = GetCount();
+    return m_mapHashCode->GetSize() >= count;
+  }
   /// Finds the slot of a code. kUnreadable: it cannot be told, and its status is unknown.
   enum class Found { kNone, kSlot, kUnreadable };
   Found FindSlot(std::uint64_t code, NameSlot& slot, View* view = nullptr) const;

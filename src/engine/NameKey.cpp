@@ -16,6 +16,14 @@ std::u16string UnitsOf(std::string_view stored, bool swap) {
   return units;
 }
 
+std::u16string UnitsOfOlder(std::string_view stored) {
+  std::u16string units(stored.size(), u'\0');
+  const std::ptrdiff_t count =
+      PelmUnicodeString::AcharToWchar(units.data(), units.size(), stored.data(), stored.size());
+  units.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+  return units;
+}
+
 NameKey::NameKey(const PelmUnicodeString& name, const Format::RecordShape& shape)
     : m_name(name),
       m_swap(shape.swap),

@@ -11,6 +11,9 @@ namespace Zarn::Engine {
 
 /// The units of a name that is stored in UTF-16.
 std::u16string UnitsOf(std::string_view stored, bool swap);
+/// The units of a name in an older file, in the current charset, whatever that of its record is.
+/// Empty if it is no text.
+std::u16string UnitsOfOlder(std::string_view stored);
 
 /// A name as a file of some format version stores it and finds it.
 class NameKey {

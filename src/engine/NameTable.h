@@ -28,7 +28,8 @@ class NameTable {
   /// filled step by step does without, for the first step would wait for most of them.
   void UseLargePages();
 
-  std::uint64_t GetSize() const { return m_size; }
+  /// Any thread may ask.
+  std::uint64_t GetSize() const { return m_size.load(std::memory_order_relaxed); }
   /// Whether it may have so many names in all, of slots below `slots`.
   bool MayHold(std::uint64_t names, std::uint64_t slots) const {
     return names <= m_count / 4 * 3 && slots <= m_slotMask;
@@ -48,7 +49,7 @@ class NameTable {
   template <typename HasCode>
   void Insert(std::uint64_t code, std::uint32_t slot, HasCode hasCode) {
     std::uint32_t& place = m_places[PlaceOf(code, hasCode)];
-    if (place == 0) ++m_size;
+    if (place == 0) m_size.store(GetSize() + 1, std::memory_order_relaxed);
     std::atomic_ref(place).store(TagOf(code) | (slot + 1), std::memory_order_release);
   }
   /// Tells that the code is needed soon. Inline, for some compilers leave out calls of what does
@@ -94,7 +95,7 @@ class NameTable {
   const std::uint64_t m_count;     // of places, fewer than 2^32
   const std::uint32_t m_slotMask;  // of the bits that have slot + 1; a place that is 0 is free
   const std::unique_ptr<std::uint32_t[], Free> m_places;
-  std::uint64_t m_size = 0;
+  std::atomic<std::uint64_t> m_size{0};
 };
 
 }  // namespace Zarn::Engine

@@ -15,18 +15,23 @@ bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data) try {
   return Io::Fail(ZrCause::kNoMemory);
 }
 
+unsigned int AddToCacheFile(ZrCacheFile& cache, const ZrNameStore& store) {
+  return store.data != nullptr ? cache.AddFile(*store.data, store.name)
+                               : cache.AddFile(ZrByteArray(store.bytes, store.size), store.name);
+}
+
 }  // namespace
 
-unsigned int Engine::SetAt(const PelmUnicodeString& name, const ZrByteArray& data,
-                           std::uint64_t capacity, std::uint64_t offset, std::uint64_t version) {
-  if (const auto cache = GetCacheFile()) return cache->AddFile(data, name);
-  if (!Format::ResolveStore(capacity, offset, data.GetSize())) return RefuseStore(data.GetSize());
-  if (!NameKey::IsUsable(name)) return RefuseName(name);
+unsigned int Engine::SetAt(const ZrNameStore& store) {
+  if (const auto cache = GetCacheFile()) return AddToCacheFile(*cache, store);
+  const std::uint64_t size = BytesOf(store).size();
+  if (!Format::ResolveStore(store.capacity, store.offset, size)) return RefuseStore(size);
+  if (!NameKey::IsUsable(store.name)) return RefuseName(store.name);
   const WriteOperation operation(m_locks, m_state);
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
   if (!MayStore(operation)) return ZrResult::kWriteFailure;
   try {
-    return StoreOne({name, &data, capacity, offset, version});
+    return StoreOne(store);
   } catch (const std::bad_alloc&) {
     return Io::Fail(ZrCause::kNoMemory, ZrResult::kWriteFailure);
   }
@@ -43,7 +48,7 @@ unsigned int Engine::SetAt(const PelmUnicodeString& name, const PelmUnicodeStrin
   if (const auto cache = GetCacheFile()) return cache->AddFile(filePath, name);
   ZrByteArray data;
   if (!LoadDiskFile(filePath, data)) return ZrResult::kWriteFailure;
-  return SetAt(name, data, 0, 0, version);
+  return SetAt({name, &data, 0, 0, version});
 }
 
 unsigned int Engine::SetAt(unsigned int row, unsigned int col, const PelmUnicodeString& filePath,
@@ -59,9 +64,9 @@ unsigned int Engine::StoreOne(const ZrNameStore& store) {
   if (buffer == nullptr) return ZrResult::kWriteFailure;
   if (names == nullptr) return Io::Fail(ZrCause::kWrongKind, ZrResult::kWriteFailure);
   if (!NameKey::IsUsable(store.name)) return RefuseName(store.name);
-  const std::uint64_t size = store.data != nullptr ? store.data->GetSize() : 0;
-  const auto span = Format::ResolveStore(store.capacity, store.offset, size);
-  if (!span) return RefuseStore(size);
+  const BytesToStore data = BytesOf(store);
+  const auto span = Format::ResolveStore(store.capacity, store.offset, data.size());
+  if (!span) return RefuseStore(data.size());
   const NameKey key(store.name, File().GetShape());
   if (!key.IsStorable()) return Io::Fail(ZrCause::kBadName, ZrResult::kWriteFailure);
   if (!MakeRoomForName()) return ZrResult::kWriteFailure;
@@ -69,7 +74,7 @@ unsigned int Engine::StoreOne(const ZrNameStore& store) {
   TileStore tiles = File().MakeStore(*buffer);
   if (!names->GetNamingIdxValue(key, tiles, slot)) return ZrResult::kWriteFailure;
   std::string scratch;
-  StoreRequest request = {*store.data, *span, store.version, {}};
+  StoreRequest request = {data, *span, store.version, {}};
   if (!slot.entry.HoldsRecord()) {
     slot.entry.status = Format::kStatusEmpty;
     request.name = key.GetStoredName(scratch);
@@ -114,9 +119,9 @@ bool Engine::GrowIndex() {
   return true;
 }
 
-unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
-                            unsigned long long& filledLength, std::uint64_t version) {
-  filledLength = 0;
+unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data, ZrVersion& given,
+                            std::uint64_t version) {
+  given = {};
   if (const auto cache = GetCacheFile()) return cache->ReadFile(name, data);
   if (name.IsEmpty()) return Io::Fail(ZrCause::kEmptyArgument, ZrResult::kReadFailure);
   unsigned int result = ZrResult::kReadFailure;
@@ -138,7 +143,7 @@ unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
       Io::Fail(ZrCause::kNoTile);  // whatever was noted of other names
       data.Resize(0);
     }
-    if (result == ZrResult::kOk) HandOver(file, entry, *record, *buffer, data, filledLength);
+    if (result == ZrResult::kOk) HandOver(file, entry, *record, *buffer, data, given);
   };
   try {
     return LookUp(read, handOver) ? result : ZrResult::kReadFailure;

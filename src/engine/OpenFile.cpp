@@ -10,6 +10,11 @@
 
 namespace Zarn::Engine {
 
+std::uint64_t OpenFile::NextId() {
+  static std::atomic<std::uint64_t> s_last{0};
+  return ++s_last;
+}
+
 unsigned int OpenFile::Load(const Source& source, MaxSizes& maxSizes, OpenFile* previous,
                             std::shared_ptr<OpenFile>& loaded) {
   loaded = nullptr;

@@ -88,11 +88,15 @@ class OpenFile {
   /// Whether the path still leads to this file, as far as it was seen lately. Any thread may ask.
   bool IsAtPath();
 
+  /// Tells it from all others that were ever loaded in this process.
+  std::uint64_t GetId() const { return m_id; }
+
   /// The number of the locked file that it was loaded from; 0 without the process lock.
   std::uint64_t GetLockedFile() const { return m_nLockedFile; }
   void SetLockedFile(std::uint64_t number) { m_nLockedFile = number; }
 
  private:
+  static std::uint64_t NextId();
   std::uint64_t FindSpare() const;
   bool OpenStream(const Source& source);
   bool ReadHeader(const Source& source);
@@ -100,6 +104,7 @@ class OpenFile {
   bool ReadIndex(MaxSizes& maxSizes);
   void TakeTail(const Source& source, const OpenFile& previous);
 
+  const std::uint64_t m_id = NextId();
   std::shared_ptr<ZrFile64> m_file;
   Io::FileHeader m_header;
   std::optional<Io::Board> m_board;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <span>
+
 #include "IndexValue.h"
 #include "RecordHead.h"
 #include "StoreArguments.h"
@@ -20,6 +22,9 @@ struct TileEntry {
   /// wrong. Afterwards it is what was read or written.
   std::uint64_t recordLength = 0;
   bool isHeadRead = false;  // the record's head is in the thread's buffer
+  /// After a lookup: the version that it gives.
+  std::uint64_t givenStamp = 0;
+  std::uint8_t givenStatus = Format::kStatusEmpty;
 
   /// The index value that the entry is to get.
   std::uint64_t Value() const { return Format::PackIndexValue(status, position); }
@@ -42,8 +47,18 @@ struct NameSlot {
 };
 
 /// What a caller stores.
+using BytesToStore = std::span<const unsigned char>;
+
+/// Of a ZrCellStore or a ZrNameStore.
+template <typename Store>
+BytesToStore BytesOf(const Store& store) {
+  if (store.data != nullptr) return {store.data->GetData(), store.data->GetSize()};
+  return {static_cast<const unsigned char*>(store.bytes), store.bytes != nullptr ? store.size : 0};
+}
+
+/// The same with all that belongs to it.
 struct StoreRequest {
-  const ZrByteArray& data;
+  BytesToStore data;
   Format::StoreSpan span;  // where in the payload area the data go
   std::uint64_t version;
   Format::StoredName name;  // for the record of a new name

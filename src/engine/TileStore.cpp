@@ -156,7 +156,7 @@ bool TileStore::ReplaceInPage(std::uint32_t number, std::uint64_t position, Reco
   return m_rewrite.KeepOld(number, position, headSize + request.span.size) &&
          m_rewrite.WithinPage([&](std::uint64_t home) {
            return m_place.file.WriteParts(home, record.Bytes().GetData(), headSize,
-                                          request.data.GetData(), request.span.size);
+                                          request.data.data(), request.span.size);
          });
 }
 
@@ -167,7 +167,7 @@ bool TileStore::AddPiece(std::uint32_t number, std::uint64_t position, const Rec
   const Format::StoreSpan& span = request.span;
   const std::uint64_t payload = position + record.Head().size;
   const auto writeData = [&] {
-    return m_place.file.WriteAt(payload + span.offset, request.data.GetData(), span.size);
+    return m_place.file.WriteAt(payload + span.offset, request.data.data(), span.size);
   };
   const bool isUnfilled = span.offset >= record.Head().filledLength;
   std::uint64_t before;
@@ -207,15 +207,34 @@ bool TileStore::RemoveFromTile(TileEntry& entry, std::uint64_t version, bool isR
   const std::uint32_t index = m_current.Versions().Find(version, 0);
   if (index == count) return true;
   if (isReadOnly) return false;
-  if (count > 1) return index == 0 ? RemoveNewest(entry) : RemoveOlder(entry, index);
+  if (count > 1) return index == 0 ? RemoveNewest(entry) : RemoveOlder(entry, index, 1);
   entry.status = Format::kStatusEmpty;
   return true;
 }
 
-// The current record without that entry of its table; the version's own record is dead then.
-bool TileStore::RemoveOlder(TileEntry& entry, unsigned int index) {
+// Where the stamps do not descend, nothing tells which version would be the newest then.
+bool TileStore::RemoveOlderThan(TileEntry& entry, std::uint64_t stamp, bool isReadOnly,
+                                std::uint32_t& removed) {
+  removed = 0;
+  if (!ReadCurrentHead(entry)) return false;
+  const Format::VersionTable versions = m_current.Versions();
+  std::uint32_t kept = 0;
+  while (kept < versions.Count() && versions.Stamp(kept) >= stamp)
+    ++kept;
+  for (std::uint32_t older = kept; older < versions.Count(); ++older)
+    if (versions.Stamp(older) >= stamp) return false;
+  const std::uint32_t count = versions.Count() - kept;
+  if (count == 0) return true;
+  if (isReadOnly || (kept > 0 && !RemoveOlder(entry, kept, count))) return false;
+  if (kept == 0) entry.status = Format::kStatusEmpty;
+  removed = count;
+  return true;
+}
+
+// The current record without these entries of its table; the versions' own records are dead then.
+bool TileStore::RemoveOlder(TileEntry& entry, unsigned int index, unsigned int count) {
   if (!ReadDataFromDataFile(entry.position, m_current)) return false;
-  m_current.RemoveVersion(index);
+  m_current.RemoveVersions(index, count);
   Reference reference = {entry};
   return MoveTo(entry, RewriteRecord(reference, entry.position, m_current), m_current);
 }
@@ -277,7 +296,7 @@ bool TileStore::UpdateSwapData(Record& record, const StoreRequest& request) {
   record.SetPayload(request.span.capacity, request.span.FilledLength());
   if (!record.Bytes().Resize(record.Head().length)) return false;
   std::memcpy(record.Bytes().GetData() + record.Head().size + request.span.offset,
-              request.data.GetData(), request.data.GetSize());
+              request.data.data(), request.data.size());
   return true;
 }
 
@@ -317,11 +336,11 @@ bool TileStore::WriteHeadAndData(std::uint64_t position, const Record& record,
                                  const StoreRequest& request) {
   const unsigned char* head = record.Bytes().GetData();
   const std::uint64_t headSize = record.Head().size;
-  const ZrByteArray& data = request.data;
+  const BytesToStore data = request.data;
   if (request.span.offset == 0)
-    return m_place.file.WriteParts(position, head, headSize, data.GetData(), data.GetSize());
-  return m_place.file.WriteAt(position + headSize + request.span.offset, data.GetData(),
-                              data.GetSize()) &&
+    return m_place.file.WriteParts(position, head, headSize, data.data(), data.size());
+  return m_place.file.WriteAt(position + headSize + request.span.offset, data.data(),
+                              data.size()) &&
          m_place.file.WriteAt(position, head, headSize);
 }
 
@@ -419,6 +438,9 @@ unsigned int TileStore::LookUp_Inner(const Place& place, TileEntry& entry, const
   if (key != nullptr && !key->Matches(record.NameBytes(), head.nameLength))
     return ZrResult::kNotFound;
   const std::uint32_t older = record.Versions().SelectForLookup(version);
+  entry.givenStamp = record.Versions().Stamp(older);
+  entry.givenStatus =
+      older == 0 ? entry.status : Format::StatusOf(record.Versions().Locator(older));
   if ((older != 0) != mayBeOlder)
     place.olderEnd.store(older != 0 ? version + 1 : 0, std::memory_order_relaxed);
   if (older == 0 && !mayBeOlder) return ZrResult::kOk;

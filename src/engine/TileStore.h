@@ -54,7 +54,10 @@ class TileStore {
   /// Removes the version with exactly this stamp, if there is one, of an entry that holds a record,
   /// in a file with versions. With `isReadOnly` it fails instead.
   bool RemoveFromTile(TileEntry& entry, std::uint64_t version, bool isReadOnly);
-  /// After StoreIntoTile or RemoveFromTile, if the entry could not be written.
+  /// The same for all versions whose stamps are smaller; tells how many these are.
+  bool RemoveOlderThan(TileEntry& entry, std::uint64_t stamp, bool isReadOnly,
+                       std::uint32_t& removed);
+  /// After a store or removal, if the entry could not be written.
   void PutBack() { m_rewrite.PutBack(); }
 
   /// Reads the version that a lookup of `version` selects into `buffer`; `record`, which is of the
@@ -94,7 +97,7 @@ class TileStore {
                 const StoreRequest& request);
   bool UpdateOlderVersion(TileEntry& entry, unsigned int index, const StoreRequest& request,
                           std::uint64_t newestLocator);
-  bool RemoveOlder(TileEntry& entry, unsigned int index);
+  bool RemoveOlder(TileEntry& entry, unsigned int index, unsigned int count);
   bool RemoveNewest(TileEntry& entry);
 
   // Records.

@@ -42,6 +42,8 @@ class Call : public Io::PublicCall {
 constexpr const char* kStoring = "store into";
 constexpr const char* kReading = "read from";
 constexpr const char* kRemoving = "remove from";
+constexpr const char* kListing = "list the versions of a tile of";
+constexpr const char* kCounting = "count the tiles of";
 
 }  // namespace
 
@@ -118,7 +120,15 @@ unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col, const ZrBy
                                   unsigned long long capacity, unsigned long long offset,
                                   unsigned long long version) {
   return Call(*m_engine, kStoring)
-      .Answer(m_engine->SetAt({row, col, &data, capacity, offset, version}));
+      .Answer(m_engine->SetAt(ZrCellStore{row, col, &data, capacity, offset, version}));
+}
+
+unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col, const void* bytes,
+                                  unsigned long long size, unsigned long long capacity,
+                                  unsigned long long offset, unsigned long long version) {
+  return Call(*m_engine, kStoring)
+      .Answer(
+          m_engine->SetAt(ZrCellStore{row, col, nullptr, capacity, offset, version, bytes, size}));
 }
 
 unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col,
@@ -128,7 +138,10 @@ unsigned int ZrCompactFile::SetAt(unsigned int row, unsigned int col,
 
 unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
                                    unsigned long long& filledLength, unsigned long long version) {
-  return Call(*m_engine, kReading).Answer(m_engine->Lookup(row, col, data, filledLength, version));
+  ZrVersion given;
+  const unsigned int result = Lookup(row, col, data, given, version);
+  filledLength = given.filledLength;
+  return result;
 }
 
 unsigned int ZrCompactFile::Remove(unsigned int row, unsigned int col, unsigned long long version) {
@@ -155,7 +168,15 @@ ZrCompactFile::ZrStatus ZrCompactFile::GetStatus(unsigned int row, unsigned int 
 unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const ZrByteArray& data,
                                   unsigned long long capacity, unsigned long long offset,
                                   unsigned long long version) {
-  return Call(*m_engine, kStoring).Answer(m_engine->SetAt(name, data, capacity, offset, version));
+  return Call(*m_engine, kStoring)
+      .Answer(m_engine->SetAt(ZrNameStore{name, &data, capacity, offset, version}));
+}
+
+unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const void* bytes,
+                                  unsigned long long size, unsigned long long capacity,
+                                  unsigned long long offset, unsigned long long version) {
+  return Call(*m_engine, kStoring)
+      .Answer(m_engine->SetAt(ZrNameStore{name, nullptr, capacity, offset, version, bytes, size}));
 }
 
 unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,
@@ -170,7 +191,10 @@ unsigned int ZrCompactFile::SetBatch(const std::vector<ZrNameStore>& stores,
 
 unsigned int ZrCompactFile::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
                                    unsigned long long& filledLength, unsigned long long version) {
-  return Call(*m_engine, kReading).Answer(m_engine->Lookup(name, data, filledLength, version));
+  ZrVersion given;
+  const unsigned int result = Lookup(name, data, given, version);
+  filledLength = given.filledLength;
+  return result;
 }
 
 unsigned int ZrCompactFile::Remove(const PelmUnicodeString& name, unsigned long long version) {
@@ -187,6 +211,54 @@ ZrCompactFile::ZrStatus ZrCompactFile::GetStatus(const PelmUnicodeString& name) 
 bool ZrCompactFile::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
   return Call(*m_engine, "list the names of")
       .Answer(m_engine->GetValidNamingList(names), ZrResult::kReadFailure);
+}
+
+unsigned int ZrCompactFile::GetVersions(unsigned int row, unsigned int col,
+                                        std::vector<ZrVersion>& versions) {
+  return Call(*m_engine, kListing).Answer(m_engine->GetVersions(row, col, versions));
+}
+
+unsigned int ZrCompactFile::GetVersions(const PelmUnicodeString& name,
+                                        std::vector<ZrVersion>& versions) {
+  return Call(*m_engine, kListing).Answer(m_engine->GetVersions(name, versions));
+}
+
+unsigned int ZrCompactFile::Lookup(unsigned int row, unsigned int col, ZrByteArray& data,
+                                   ZrVersion& given, unsigned long long version) {
+  return Call(*m_engine, kReading).Answer(m_engine->Lookup(row, col, data, given, version));
+}
+
+unsigned int ZrCompactFile::Lookup(const PelmUnicodeString& name, ZrByteArray& data,
+                                   ZrVersion& given, unsigned long long version) {
+  return Call(*m_engine, kReading).Answer(m_engine->Lookup(name, data, given, version));
+}
+
+unsigned int ZrCompactFile::RemoveAll(unsigned int row, unsigned int col) {
+  return Call(*m_engine, kRemoving).Answer(m_engine->RemoveAll(row, col));
+}
+
+unsigned int ZrCompactFile::RemoveAll(const PelmUnicodeString& name) {
+  return Call(*m_engine, kRemoving).Answer(m_engine->RemoveAll(name));
+}
+
+unsigned int ZrCompactFile::RemoveOlderThan(unsigned long long stamp, unsigned long long& removed) {
+  return Call(*m_engine, kRemoving).Answer(m_engine->RemoveOlderThan(stamp, removed));
+}
+
+unsigned int ZrCompactFile::GetStatistics(ZrStatistics& statistics) {
+  return Call(*m_engine, kCounting).Answer(m_engine->GetStatistics(statistics));
+}
+
+unsigned int ZrCompactFile::GetStatistics(ZrStatistics& statistics,
+                                          const StatisticsProgress& progress) {
+  return Call(*m_engine, kCounting).Answer(m_engine->GetStatistics(statistics, progress));
+}
+
+// The end of the tiles is no failure.
+unsigned int ZrCompactFile::Step(Engine::TileWalk& walk) {
+  const Call call(*m_engine, "walk over the tiles of");
+  const unsigned int result = m_engine->Step(walk);
+  return result == ZrResult::kNotFound ? result : call.Answer(result);
 }
 
 void ZrCompactFile::SwapByte(unsigned char& a, unsigned char& b) { std::swap(a, b); }

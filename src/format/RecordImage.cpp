@@ -47,12 +47,12 @@ bool RecordImage::InsertVersion(std::uint32_t index, std::uint64_t stamp, std::u
   return true;
 }
 
-void RecordImage::RemoveVersion(std::uint32_t index) {
+void RecordImage::RemoveVersions(std::uint32_t index, std::uint32_t count) {
   unsigned char* entry = Entry(index);
-  const unsigned char* next = entry + kVersionEntrySize;
+  const unsigned char* next = Entry(index + count);
   const unsigned char* end = m_bytes.GetData() + m_bytes.GetSize();
   std::memmove(entry, next, static_cast<std::size_t>(end - next));
-  SetCount(m_head.versionCount - 1);
+  SetCount(m_head.versionCount - count);
 }
 
 bool RecordImage::ReplaceVersions(const VersionTable& other, std::uint32_t first) {

@@ -43,9 +43,9 @@ class RecordImage {
   bool PushVersion(std::uint64_t stamp, std::uint64_t locator);
   /// Inserts an entry; all that follows moves back, and the record becomes 16 bytes longer.
   bool InsertVersion(std::uint32_t index, std::uint64_t stamp, std::uint64_t locator);
-  /// Takes an entry out; all that follows moves forward. The record keeps its length, so its last
-  /// 16 bytes are slack.
-  void RemoveVersion(std::uint32_t index);
+  /// Takes entries out; all that follows moves forward. The record keeps its length, so its last
+  /// bytes, 16 for each, are slack.
+  void RemoveVersions(std::uint32_t index, std::uint32_t count);
   /// Replaces the table by that of another record, from its entry `first` on; all that follows
   /// moves, and the record length changes by as much.
   bool ReplaceVersions(const VersionTable& other, std::uint32_t first);

@@ -40,17 +40,27 @@ bool Snapshot::ReadIndex(std::uint64_t position, void* target, std::uint64_t siz
          ReadEntries(m_file, position, static_cast<unsigned char*>(target), size);
 }
 
-// While `entries` stays, nothing to which an entry leads changes: a place is overwritten only
-// after its entry was changed to lead elsewhere. While only other tiles change, what belongs to
-// this one stays. Without a board the caller holds the lock.
 bool Snapshot::IsValid() {
+  if (m_board.GetPlace() == Board::kNowhere) return true;
+  return LookAgain() && (m_isUnchanged || (m_usesOne && HoldsFor(m_tile)));
+}
+
+// Without a board the caller holds the lock.
+bool Snapshot::LookAgain() {
   if (m_board.GetPlace() == Board::kNowhere) return true;
   std::atomic_thread_fence(std::memory_order_acquire);
   if (!m_board.Look(m_next)) return false;
   m_board.Note(m_next);
   m_isUnchanged = m_next.entries == m_words.entries && m_board.IsSettled(m_next);
-  return m_board.IsOurs(m_next) &&
-         (m_isUnchanged || (m_usesOne && Board::IsOther(m_tile, m_words, m_next)));
+  return m_board.IsOurs(m_next);
+}
+
+// While `entries` stays, nothing to which an entry leads changes: a place is overwritten only
+// after its entry was changed to lead elsewhere. While only other tiles change, what belongs to
+// this one stays.
+bool Snapshot::HoldsFor(std::uint32_t tile) const {
+  return m_board.GetPlace() == Board::kNowhere || m_isUnchanged ||
+         Board::IsOther(tile, m_words, m_next);
 }
 
 }  // namespace Zarn::Io

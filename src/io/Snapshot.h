@@ -44,6 +44,11 @@ class Snapshot {
 
   /// Whether everything that was read is of one moment since Begin.
   bool IsValid();
+  /// The same for one who tells tiles apart: first, whether the header, the index area and the file
+  /// itself have stayed since Begin; then HoldsFor tells of each tile.
+  bool LookAgain();
+  /// Whether what was read of this tile is of one moment.
+  bool HoldsFor(std::uint32_t tile) const;
   /// Whether what was used belongs to one tile, of which IsValid has found that the entry is right
   /// for the value of `entries` then.
   bool HasOneTile() const { return m_usesOne && (m_isUnchanged || Board::IsTold(m_next)); }
