@@ -270,11 +270,15 @@ Cursor Container::tiles(const CursorOptions& options) const {
   return cursor;
 }
 
-std::uint64_t Container::size() const { return statistics().tiles; }
-
-Statistics Container::statistics() const {
+std::uint64_t Container::size() const {
   Statistics statistics;
   Expect(Use().engine.GetStatistics(statistics));
+  return statistics.tiles;
+}
+
+Statistics Container::statistics(const Progress& progress) const {
+  Statistics statistics;
+  Expect(Use().engine.GetStatistics(statistics, progress));
   return statistics;
 }
 

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <new>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <system_error>
 #include <utility>
 
@@ -69,10 +68,8 @@ struct Manifest {
 Manifest ReadManifest(const fs::path& folder) {
   const fs::path path = folder / kManifestName;
   std::ifstream file(path, std::ios::binary);
-  std::stringstream text;
-  if (!file || !(text << file.rdbuf()))
-    Fail(ZrResult::kNotFound, Cause::kNoFile, path, "read", errno);
-  const Json json = Json::parse(text.str(), nullptr, false);
+  if (!file) Fail(ZrResult::kNotFound, Cause::kNoFile, path, "read", errno);
+  const Json json = Json::parse(file, nullptr, false);
   Manifest manifest;
   const auto damaged = [&] { Fail(ZrResult::kWrongFile, Cause::kWrongFormat, path, "understand"); };
   if (!json.is_object() || !json.contains("zooms") || !json["zooms"].is_array()) damaged();

@@ -36,7 +36,7 @@ struct Options {
   /// disk fails, a lookup may end the process by SIGBUS.
   bool mapped = false;
   /// Keeps a file from being opened by mistake; it is no encryption.
-  std::string password;
+  std::string password = {};
 };
 
 /// Of what kind a new container is.
@@ -188,18 +188,17 @@ class HX_TILES_API Container {
     for (const Entry& entry : tiles(options))
       visit(entry);
   }
-  /// How many tiles there are. It walks over the index.
+  /// Receives how much is done, of how much. False ends the call (Cause::kCancelled).
+  using Progress = std::function<bool(std::uint64_t done, std::uint64_t total)>;
+  /// How many tiles there are, by the index alone.
   std::uint64_t size() const;
-  /// Counts tiles, versions, and bytes alive and dead. The time is in proportion to the number of
-  /// versions.
-  Statistics statistics() const;
+  /// Counts tiles, versions, and bytes alive and dead. It walks over the heads of all tiles.
+  Statistics statistics(const Progress& progress = {}) const;
 
   /// Waits until all that was stored before would survive a loss of power.
   void flush();
-  /// Receives how much is done, of how much. False ends the call.
-  using Progress = std::function<bool(std::uint64_t done, std::uint64_t total)>;
   /// Rewrites the file without the space that replaced and removed tiles have left. Lookups go on
-  /// but for a moment; stores wait. Throws (Cause::kCancelled) if `progress` ends it.
+  /// but for a moment; stores wait.
   void compact(const Progress& progress = {});
   /// Checks the whole file. True if it is sound. Else `report` has received what was found; it
   /// returns false to end the check, and must not use the file.

@@ -18,7 +18,7 @@ struct CursorOptions {
   /// Whether it reads the payloads, too.
   bool payloads = true;
   /// Only names that begin with this, in UTF-8. The others are read as well: names have no order.
-  std::string prefix;
+  std::string prefix = {};
 };
 
 /// A tile that a walk has reached. What it gives is valid until the walk goes on.
