@@ -107,10 +107,11 @@ unsigned int File::Store(const std::vector<std::uint32_t>& tiles) {
         {number / kSide, number % kSide, &piece, payload.size(), offset, tile.stamp + 1ULL});
     names.push_back({NameOf(number), &piece, payload.size(), offset, tile.stamp + 1ULL});
   }
-  const auto& [row, col, piece, capacity, offset, stamp] = cells[0];
+  const ZrCompactFile::ZrCellStore& cell = cells[0];
   if (m_isStub)
-    return m_stub.Write(row, col, *piece, capacity, offset, stamp) ? ZrResult::kOk
-                                                                   : ZrResult::kWriteFailure;
+    return m_stub.Write(cell.row, cell.col, *cell.data, cell.capacity, cell.offset, cell.version)
+               ? ZrResult::kOk
+               : ZrResult::kWriteFailure;
   std::vector<unsigned int> results;
   if (tiles.size() > 1)
     return m_named ? m_file.SetBatch(names, results) : m_file.SetBatch(cells, results);
