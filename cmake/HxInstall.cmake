@@ -12,8 +12,9 @@ set(hx_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/HxCompactFile)
 set(hx_pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # The libraries find each other wherever their folder is moved.
-set_target_properties(HxBase HxStream HxToolkit HxCompactFile PROPERTIES INSTALL_RPATH "$ORIGIN")
-install(TARGETS HxBase HxStream HxToolkit HxCompactFile EXPORT HxCompactFileTargets
+set(hx_libraries HxBase HxStream HxToolkit HxCompactFile HxTiles)
+set_target_properties(${hx_libraries} PROPERTIES INSTALL_RPATH "$ORIGIN")
+install(TARGETS ${hx_libraries} EXPORT HxCompactFileTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development
   INCLUDES DESTINATION ${hx_include_dir})
 # For whoever keeps files; no place for it in the package of the libraries alone.
@@ -23,7 +24,7 @@ if(TARGET hxcf_check)
   install(TARGETS hxcf_check
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Development)
 endif()
-install(DIRECTORY include/ platform/base/include/ platform/stream/include/ platform/toolkit/include/
+install(DIRECTORY include/ tiles/include/ platform/base/include/ platform/stream/include/ platform/toolkit/include/
   DESTINATION ${hx_include_dir} COMPONENT Development
   PATTERN FileSyscalls.h EXCLUDE)  # for tests
 
@@ -44,6 +45,8 @@ install(FILES ${PROJECT_BINARY_DIR}/HxCompactFileConfig.cmake
 # The way from the .pc file to the prefix, which may be moved.
 set(hx_prefix_from_pc /)
 cmake_path(RELATIVE_PATH hx_prefix_from_pc BASE_DIRECTORY /${hx_pkgconfig_dir})
-configure_file(cmake/hxcompactfile.pc.in hxcompactfile.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/hxcompactfile.pc
+foreach(hx_library IN ITEMS hxcompactfile hxtiles)
+  configure_file(cmake/${hx_library}.pc.in ${hx_library}.pc @ONLY)
+endforeach()
+install(FILES ${PROJECT_BINARY_DIR}/hxcompactfile.pc ${PROJECT_BINARY_DIR}/hxtiles.pc
   DESTINATION ${hx_pkgconfig_dir} COMPONENT Development)

@@ -23,7 +23,9 @@ LAYERS = {
     "lite": (["src/lite"], ["io", "format", "include", "base", "stream", "toolkit"]),
     "engine": (["src/engine"], ["io", "format", "include", "base", "stream", "toolkit"]),
     "access": (["src/access"], ["io", "format", "include", "base", "stream", "toolkit"]),
-    "tools": (["tools", "examples", "benchmarks"], ["include", "base", "stream", "toolkit"]),
+    "tiles": (["tiles"], ["include", "base", "stream", "toolkit"]),
+    "tools": (["tools", "examples", "benchmarks"],
+              ["tiles", "include", "base", "stream", "toolkit"]),
 }
 OPERATIONS = [f"{name}.cpp" for name in (
     "ZrCompactFile", "Lifecycle", "GridOperations", "NamedOperations", "BatchOperations",
@@ -86,14 +88,15 @@ def circle_errors(project):
 
 
 def standalone_errors(project, compiler):
-    folders = [project / "include", *sorted(project.glob("platform/*/include"))]
+    folders = [project / "include", project / "tiles/include",
+               *sorted(project.glob("platform/*/include"))]
     flags = [f"-I{folder}" for folder in folders]
     for folder in folders:
-        for header in sorted(folder.glob("*.h")):
+        for header in sorted(folder.rglob("*.h")):
             run = subprocess.run(
                 [compiler, "-std=c++17", "-fsyntax-only", "-Wall", "-Wextra", "-Wpedantic",
                  "-Wshadow", "-Wconversion", "-Werror", *flags, "-x", "c++", "-"],
-                input=f'#include "{header.name}"\n#include "{header.name}"\n',
+                input=f'#include "{header.relative_to(folder)}"\n' * 2,
                 text=True, capture_output=True, check=False)
             if run.returncode != 0:
                 yield f"{header.relative_to(project)} does not compile on its own\n{run.stderr}"

@@ -6,7 +6,7 @@ set -euo pipefail
 work=$BUILD/package/$1
 prefix=$BUILD/package/prefix
 rm -rf "$work" && mkdir -p "$work"
-libraries="HxBase HxStream HxToolkit HxCompactFile"
+libraries="HxBase HxStream HxToolkit HxCompactFile HxTiles"
 warnings="-Wall -Wextra -Wpedantic -Werror"
 fail() {
   echo "$*" >&2
@@ -53,7 +53,7 @@ find_package() {
 pkg_config() {
   local folder flags name
   folder=$(dirname "$(find "$prefix" -name hxcompactfile.pc)")
-  flags=$(PKG_CONFIG_PATH=$folder pkg-config --cflags --libs hxcompactfile)
+  flags=$(PKG_CONFIG_PATH=$folder pkg-config --cflags --libs hxtiles)
   export LD_LIBRARY_PATH=${folder%/pkgconfig}
   # The README's program is its first block of C++.
   awk '/^```cpp$/ { on = 1; next } /^```$/ { if (on) exit } on' "$PROJECT/README.md" \
