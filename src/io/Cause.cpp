@@ -191,7 +191,7 @@ std::string ZrErrorText(const ZrError& error) {
 namespace Io {
 
 constinit thread_local ZrFailureNote* t_note = nullptr;
-thread_local unsigned int PublicCall::t_depth = 0;
+constinit thread_local unsigned int PublicCall::t_depth = 0;
 
 void PublicCall::Report(unsigned int result) const noexcept try {
   constexpr std::uint64_t kNoNumber = 0;

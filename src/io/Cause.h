@@ -99,7 +99,7 @@ class PublicCall {
  private:
   [[gnu::cold, gnu::noinline]] void Report(unsigned int result) const noexcept;
 
-  static thread_local unsigned int t_depth;
+  [[gnu::tls_model("initial-exec")]] static constinit thread_local unsigned int t_depth;
 
   const char* const m_action;
   const PelmUnicodeString* m_path = nullptr;  // null: none is known

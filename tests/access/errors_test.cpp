@@ -121,6 +121,12 @@ class Errors : public EngineTest {
     faults.FailRequest(1, SyscallFaults::kFromThenOn);
     return fresh.Lookup(0, 1, data, filled, 1);
   }
+  unsigned int StoreBatch() {
+    const ZrByteArray data = Data("tile");
+    std::vector<unsigned int> results;
+    return object.SetBatch(std::vector<ZrCellStore>{{0, 1, &data}, {9, 9, &data}, {1, 1, &data}},
+                           results);
+  }
   static PelmUnicodeString Wide(const std::string& text) {
     return PelmUnicodeString::FromUtf8(text);
   }
@@ -215,6 +221,12 @@ TEST_F(Errors, EachCauseIsToldByAFaultThatProvokesIt) {
        "a cell or a number is out of range"},
       {"store into", [&] { return Store(0, 1, "", 1); }, 10, C::kEmptyArgument, 0,
        "the data or the name is empty"},
+      {"store into", [&] { return StoreBatch(); }, 10, C::kOutOfRange, 0,
+       "a cell or a number is out of range"},
+      {"remove from", [&] { return MakeNaming(4), object.Remove(u"n", 1); }, 10, C::kNoTile, 0,
+       "there is no such tile"},
+      {"read from", [&] { return MakeNaming(4), Read(u"n").result; }, 5, C::kNoTile, 0,
+       "there is no such tile"},
       {"store into", [&] { return Store(u"", "tile"); }, 10, C::kEmptyArgument, 0,
        "the data or the name is empty"},
       {"store into", [&] { return Store(Wide(std::string(129, 'n')), "tile"); }, 10, C::kTooLong, 0,
