@@ -93,8 +93,12 @@ bool ZrCompactFileStub::LockFile() {
   if (m_strFile.IsEmpty()) return Io::Fail(ZrCause::kBadPath);
   if (m_pLock->m_strFile == m_strFile && m_pLock->WriterLock(0)) return true;
   CreateFile();  // leaves an existing file alone
+  const ZrFailureNote creation = GetFailureNote();
   m_pLock = std::make_unique<Access::FileLock>(m_strFile);
-  if (!m_pLock->WriterLock(0)) return false;
+  if (!m_pLock->WriterLock(0)) {
+    if (creation.systemError != 0) GetFailureNote() = creation;  // then there is no file to lock
+    return false;
+  }
   ForgetReaders();
   return true;
 }

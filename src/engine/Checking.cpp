@@ -20,7 +20,7 @@ unsigned int Engine::Verify(ZrVerifySummary& summary, const ZrCompactFile::Verif
   const auto tell = [&](unsigned long long done, unsigned long long total) {
     bool goesOn = false;
     const auto ask = [&] {
-      const Io::CallersTurn turn;
+      const Io::KeptNote kept;
       return goesOn = !progress || progress(done, total);
     };
     return (operation.Pause(ask) && m_state.file->GetBoard().GetGeneration() == generation) ||

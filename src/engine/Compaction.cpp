@@ -50,7 +50,7 @@ class ProgressReport {
     const auto bytes = static_cast<std::uint64_t>(static_cast<double>(m_length) * part);
     bool goesOn = false;
     try {
-      const Io::CallersTurn turn;
+      const Io::KeptNote kept;
       goesOn = m_callback(start + std::min(bytes, m_length), 2 * m_length);
     } catch (...) {
     }

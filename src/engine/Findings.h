@@ -27,7 +27,7 @@ class Findings {
     m_at.message = message;
     Note(kind);
     m_note = GetFailureNote();
-    const Io::CallersTurn turn;
+    const Io::KeptNote kept;
     Tell(m_report, m_at);
   }
   /// The same, for what makes it pointless to look further. False.

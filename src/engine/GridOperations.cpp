@@ -79,7 +79,7 @@ unsigned int Engine::Lookup(unsigned int row, unsigned int col, ZrByteArray& dat
     if (cells == nullptr) Io::Fail(ZrCause::kWrongKind);
     if (cells == nullptr || !cells->Read(row, col, entry, &view)) return true;
     if (entry.status == Format::kStatusEmpty)
-      result = Io::Fail(ZrCause::kNoTile, ZrResult::kNotFound);
+      result = ZrResult::kNotFound;
     else if (!entry.HoldsRecord())
       Io::Fail(ZrCause::kDamagedEntry);
     if (!entry.HoldsRecord()) return true;

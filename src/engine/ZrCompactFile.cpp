@@ -9,34 +9,37 @@
 namespace Zarn {
 namespace {
 
-/// An operation on the open file. A lookup that finds nothing may be frequent; so the path of the
-/// last error is set only if it is another one.
-class Call : public Io::PublicCall {
+/// An operation on the open file. None is a step of another one. A lookup that finds nothing may be
+/// frequent; so the path of the last error is set only if it is another one.
+class Call {
  public:
   Call(const Engine::Engine& engine, const char* action) noexcept
-      : PublicCall(action), m_engine(engine) {}
+      : m_engine(engine), m_action(action) {
+    Io::BeginOperation();
+  }
 
+  /// Passes the result on. A failure becomes the last error.
   unsigned int Answer(unsigned int result) const noexcept {
-    if (result != ZrResult::kOk && IsOutermost()) [[unlikely]]
-      Report(result);
+    if (result != ZrResult::kOk) [[unlikely]]
+      Report(m_engine, m_action, result);
     return result;
   }
-  template <typename Result>
-  Result Answer(Result result, ZrResult::Code failure) const noexcept {
-    if (!result && IsOutermost()) [[unlikely]]
-      Report(failure);
-    return result;
+  bool Answer(bool isDone, ZrResult::Code failure) const noexcept {
+    if (!isDone) [[unlikely]]
+      Report(m_engine, m_action, failure);
+    return isDone;
   }
 
  private:
-  [[gnu::cold, gnu::noinline]] void Report(unsigned int result) const noexcept try {
-    SetLastError(result);
-    const std::uint64_t path = m_engine.GetPathNumber();
-    if (!HasLastPath(path)) SetLastPath(m_engine.GetFullPath(), path);
+  [[gnu::cold, gnu::noinline]] static void Report(const Engine::Engine& engine, const char* action,
+                                                  unsigned int result) noexcept try {
+    const std::uint64_t path = engine.GetPathNumber();
+    if (!Io::SetLastError(action, result, path)) Io::SetLastPath(engine.GetFullPath(), path);
   } catch (const std::bad_alloc&) {
   }
 
   const Engine::Engine& m_engine;
+  const char* const m_action;
 };
 
 constexpr const char* kStoring = "store into";
@@ -94,8 +97,10 @@ unsigned int ZrCompactFile::GetIndexInfo(unsigned int& first, unsigned int& seco
 }
 
 unsigned int ZrCompactFile::SetPassword(const PelmUnicodeString& password) {
-  return Call(*m_engine, "set the password of")
-      .Answer(m_engine->SetPassword(password), ZrResult::kWriteFailure);
+  const Call call(*m_engine, "set the password of");
+  const unsigned int result = m_engine->SetPassword(password);
+  call.Answer(result != 0, ZrResult::kWriteFailure);
+  return result;
 }
 
 unsigned int ZrCompactFile::Compact() {

@@ -18,7 +18,7 @@ struct LastError {
 };
 
 alignas(LastError) thread_local std::byte t_bytes[sizeof(LastError)];
-thread_local LastError* t_last = nullptr;
+[[gnu::tls_model("initial-exec")]] constinit thread_local LastError* t_last = nullptr;
 
 // What the thread does later finds an empty path.
 extern "C" void GivePathBack(void*) { t_last->error.path = std::string(); }
@@ -190,40 +190,35 @@ std::string ZrErrorText(const ZrError& error) {
 
 namespace Io {
 
+constinit thread_local ZrFailureNote* t_note = nullptr;
 constinit thread_local unsigned int PublicCall::t_depth = 0;
 
-CallersTurn::CallersTurn() noexcept : m_depth(std::exchange(PublicCall::t_depth, 0)) {}
-
-CallersTurn::~CallersTurn() { PublicCall::t_depth = m_depth; }
-
 void PublicCall::Report(unsigned int result) const noexcept try {
-  SetLastError(result);
+  constexpr std::uint64_t kNoNumber = 0;
   const bool hasPath = m_path != nullptr && !m_path->IsEmpty();
-  SetLastPath(hasPath ? Format::CompletePath(*m_path) : PelmUnicodeString(), 0);
+  SetLastError(m_action, result, kNoNumber);
+  SetLastPath(hasPath ? Format::CompletePath(*m_path) : PelmUnicodeString(), kNoNumber);
 } catch (const std::bad_alloc&) {
 }
 
-void PublicCall::SetLastError(unsigned int result) const noexcept {
-  const ZrFailureNote& note = GetFailureNote();
+bool SetLastError(const char* action, unsigned int result, std::uint64_t pathNumber) noexcept {
+  const ZrFailureNote note = *t_note;
   LastError& last = GetLast();
   last.error.result = result;
   last.error.systemError = note.systemError;
-  last.error.action = m_action;
+  last.error.action = action;
   last.error.cause = note.reason != 0        ? static_cast<ZrCause>(note.reason)
                      : note.systemError != 0 ? CauseOf(note.systemError)
                                              : UsualCauseOf(result);
+  return pathNumber != 0 && pathNumber == last.pathNumber;
 }
 
-bool PublicCall::HasLastPath(std::uint64_t number) noexcept {
-  return number != 0 && GetLast().pathNumber == number;
-}
-
-void PublicCall::SetLastPath(const PelmUnicodeString& path, std::uint64_t number) {
+void SetLastPath(const PelmUnicodeString& path, std::uint64_t pathNumber) {
   LastError& last = GetLast();
   last.pathNumber = 0;
   last.error.path.clear();
   last.error.path = path.ToUtf8();
-  last.pathNumber = number;
+  last.pathNumber = pathNumber;
 }
 
 }  // namespace Io

@@ -40,7 +40,8 @@ inline bool FailTogether(ZrCause cause) noexcept {
 /// What was noted does not count: another attempt follows.
 inline void ForgetFailure() noexcept { GetFailureNote() = {}; }
 
-/// While it lives, nothing is noted that stays.
+/// While it lives, nothing is noted that stays: around what tidies up, and around functions of the
+/// caller's, whose operations are no part of the one under way.
 class KeptNote {
  public:
   KeptNote() noexcept : m_note(GetFailureNote()) {}
@@ -52,25 +53,28 @@ class KeptNote {
   const ZrFailureNote m_note;
 };
 
-/// Around what the caller gave to be called: its operations are no part of the one under way.
-class CallersTurn {
- public:
-  CallersTurn() noexcept;
-  ~CallersTurn();
+/// The note of the calling thread, found without a call; null before its first operation.
+[[gnu::tls_model("initial-exec")]] extern constinit thread_local ZrFailureNote* t_note;
 
- private:
-  const KeptNote m_note;
-  const unsigned int m_depth;
-};
+/// A public operation begins: nothing has failed yet.
+inline void BeginOperation() noexcept {
+  if (t_note == nullptr) [[unlikely]]
+    t_note = &GetFailureNote();
+  *t_note = {};
+}
+/// It has failed: makes what was noted the last error. Its path stays: true if that is the one of
+/// this number, which is not 0. `action`: as in ZrError.
+bool SetLastError(const char* action, unsigned int result, std::uint64_t pathNumber) noexcept;
+void SetLastPath(const PelmUnicodeString& path, std::uint64_t pathNumber);
 
-/// One public operation, also one that is a step of another one: then only that one reports.
+/// One public operation of an object that knows its file by a path. It may be a step of another
+/// one; then only that one reports.
 class PublicCall {
  public:
-  /// `action`: as in ZrError.
   explicit PublicCall(const char* action) noexcept : m_action(action) {
-    if (t_depth++ == 0) ForgetFailure();
+    if (t_depth++ == 0) BeginOperation();
   }
-  /// `path`: of the file, ".cf" is appended as it is elsewhere. It must outlive this object.
+  /// `path`: ".cf" is appended as it is elsewhere. It must outlive this object.
   PublicCall(const char* action, const PelmUnicodeString& path) noexcept : PublicCall(action) {
     m_path = &path;
   }
@@ -84,7 +88,7 @@ class PublicCall {
       Report(result);
     return result;
   }
-  /// The same for what is null, 0 or false on failure.
+  /// The same for what is 0 or false on failure.
   template <typename Result>
   Result Answer(Result result, ZrResult::Code failure) const noexcept {
     if (!result && t_depth == 1) [[unlikely]]
@@ -92,17 +96,7 @@ class PublicCall {
     return result;
   }
 
- protected:
-  static bool IsOutermost() { return t_depth == 1; }
-  /// Makes what was noted the last error. Its path stays.
-  void SetLastError(unsigned int result) const noexcept;
-  /// Whether its path is the one that was set with this number, which is not 0.
-  static bool HasLastPath(std::uint64_t number) noexcept;
-  static void SetLastPath(const PelmUnicodeString& path, std::uint64_t number);
-
  private:
-  friend class CallersTurn;
-
   [[gnu::cold, gnu::noinline]] void Report(unsigned int result) const noexcept;
 
   [[gnu::tls_model("initial-exec")]] static constinit thread_local unsigned int t_depth;

@@ -74,7 +74,7 @@ std::uint64_t Tail::Reserve(const ZrFileStream& file) {
   m_ownStart = std::min(m_ownStart, m_reserved);
   m_gaps.Take(m_reserved, UINT64_MAX);
   m_isWriting = true;
-  return m_reserved <= kLast ? m_reserved : FailUnlessBySystem(ZrCause::kFull, 0);
+  return m_reserved <= kLast ? m_reserved : FailUnlessBySystem(ZrCause::kFull, std::uint64_t{0});
 }
 
 std::uint64_t Tail::Reserve(const ZrFileStream& file, std::uint64_t fileLength) {

@@ -7,10 +7,13 @@
 #include <ZrCompactFileReader.h>
 #include <ZrCompactFileStub.h>
 #include <ZrCompactFileWriter.h>
+#include <ZrError.h>
 #include <ZrNewFile.h>
 
 #pragma GCC visibility push(default)
 Zarn::ZrResult::Code resultCode;
+Zarn::ZrCause cause;
+Zarn::ZrError error;
 Zarn::ZrCompactFile::ZrStatus status;
 Zarn::ZrCellStore cellStore;
 Zarn::ZrNameStore nameStore;
