@@ -8,6 +8,7 @@
 #include <ZrCompactFileStub.h>
 #include <ZrCompactFileWriter.h>
 #include <ZrNewFile.h>
+#include <ZrTileCursor.h>
 
 #pragma GCC visibility push(default)
 Zarn::ZrResult::Code resultCode;
@@ -16,6 +17,9 @@ Zarn::ZrCellStore cellStore;
 Zarn::ZrNameStore nameStore;
 Zarn::ZrVerifyFinding verifyFinding;
 Zarn::ZrVerifySummary verifySummary;
+Zarn::ZrVersion version;
+Zarn::ZrStatistics statistics;
+Zarn::ZrTileCursor::Content content;
 Zarn::ZrCacheFileStatus cacheFileStatus;
 
 Zarn::ZrCompactFile compactFile;
