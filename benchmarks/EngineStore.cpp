@@ -1,5 +1,6 @@
 #include "Stores.h"
 #include "Support.h"
+#include "ZrTileCursor.h"
 
 namespace Bench {
 namespace {
@@ -52,6 +53,13 @@ class EngineStore : public Store {
 
   std::unique_ptr<Reader> NewReader() override {
     return std::make_unique<EngineReader>(m_file, m_tiles);
+  }
+
+  bool Walk(const std::function<void(Bytes)>& visit) override {
+    Zarn::ZrTileCursor cursor(m_file);
+    while (cursor.Next() == 0)
+      visit({cursor.GetData(), static_cast<std::size_t>(cursor.GetSize())});
+    return true;
   }
 
  private:

@@ -42,6 +42,21 @@ class LmdbStore : public Store {
 
   std::unique_ptr<Reader> NewReader() override { return std::make_unique<TileReader>(*this); }
 
+  bool Walk(const std::function<void(Bytes)>& visit) override {
+    std::vector<unsigned char> buffer(m_tiles.payload.size());
+    MDB_txn* const transaction = Begin(MDB_RDONLY);
+    MDB_cursor* cursor = nullptr;
+    Check(mdb_cursor_open(transaction, m_database, &cursor) == 0);
+    MDB_val key, value;
+    while (mdb_cursor_get(cursor, &key, &value, MDB_NEXT) == 0) {
+      std::memcpy(buffer.data(), value.mv_data, value.mv_size);
+      visit({buffer.data(), value.mv_size});
+    }
+    mdb_cursor_close(cursor);
+    mdb_txn_abort(transaction);
+    return true;
+  }
+
  private:
   class TileReader : public Reader {
    public:

@@ -57,6 +57,7 @@ void InTurns(unsigned int repetitions, std::vector<Item>& items, Action action) 
 
 // Each adds its rows to the report, and works in a folder of its own.
 void MeasureLookups(Report& report, const Scale& scale, const std::filesystem::path& folder);
+void MeasureWalks(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureStores(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureProcesses(Report& report, const Scale& scale, const std::filesystem::path& folder);
 void MeasureNamedStores(Report& report, const Scale& scale, const std::filesystem::path& folder);

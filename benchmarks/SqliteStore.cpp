@@ -90,6 +90,17 @@ class SqliteStore : public Store {
     return std::make_unique<SqliteReader>(m_path, m_tiles);
   }
 
+  bool Walk(const std::function<void(Bytes)>& visit) override {
+    std::vector<unsigned char> buffer(m_tiles.payload.size());
+    Statement select(m_path, "SELECT data FROM tiles");
+    while (sqlite3_step(select.Get()) == SQLITE_ROW) {
+      const auto size = static_cast<std::size_t>(sqlite3_column_bytes(select.Get(), 0));
+      std::memcpy(buffer.data(), sqlite3_column_blob(select.Get(), 0), size);
+      visit({buffer.data(), size});
+    }
+    return true;
+  }
+
  private:
   Statement& GetInsert() {
     if (m_insert == nullptr)

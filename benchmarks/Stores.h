@@ -41,6 +41,11 @@ class Store {
   virtual void Put(unsigned int tile, const Zarn::ZrByteArray& data) = 0;
   virtual void PutBatch(const Batch& batch) = 0;
   virtual std::unique_ptr<Reader> NewReader() = 0;
+  /// Gives all tiles by a cursor, each copied into memory of the store's own. False without one.
+  virtual bool Walk(const std::function<void(Bytes)>& visit) {
+    static_cast<void>(visit);
+    return false;
+  }
   /// One that copies from a mapping of all tiles put before and does nothing else; the limit's
   /// only.
   virtual std::unique_ptr<Reader> NewMappedReader() { return nullptr; }

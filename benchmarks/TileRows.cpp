@@ -115,6 +115,39 @@ void MeasureGets(Report& report, const std::string& what, std::vector<Contender>
   });
 }
 
+// Every tile once: by a cursor, or one by one as they lie in the file.
+void MeasureWalks(Report& report, const std::string& what, std::vector<Contender>& contenders,
+                  const Tiles& tiles, const Scale& scale) {
+  using Visit = std::function<void(Bytes)>;
+  std::vector<std::pair<std::string, std::function<void(const Visit&)>>> walkers;
+  const auto readEach = [&](Reader& reader, const Visit& visit) {
+    for (unsigned int i = 0; i < scale.tiles; ++i)
+      visit(reader.Get(i));
+  };
+  for (Contender& contender : contenders) {
+    Store& store = *contender.store;
+    walkers.emplace_back(contender.column, [&store, readEach](const Visit& visit) {
+      if (!store.Walk(visit)) readEach(*store.NewReader(), visit);
+    });
+    if (contender.column == kLimit)
+      walkers.emplace_back(kMemcpy, [&store, readEach](const Visit& visit) {
+        readEach(*store.NewMappedReader(), visit);
+      });
+  }
+  std::uint64_t expected = 0;
+  for (unsigned int i = 0; i < scale.tiles; ++i)
+    expected += i + tiles.sizes[i];
+  Row& row = report.Speed(what);
+  InTurns(scale.passes, walkers, [&](const auto& walker, unsigned int) {
+    std::uint64_t seen = 0;
+    const double seconds = CpuSeconds([&] {
+      walker.second([&](Bytes bytes) { seen += MarkAt(bytes.data()).tile + bytes.size(); });
+    });
+    Check(seen == expected);
+    row.Add(walker.first, seconds / scale.tiles);
+  });
+}
+
 // Replaces tiles in an order of chance: first by others as large, then by larger ones.
 void MeasureRewrites(Report& report, std::vector<Contender>& contenders, const Tiles& tiles,
                      const Scale& scale) {
@@ -243,6 +276,18 @@ void MeasureFace(Report& report, const Scale& scale, const fs::path& folder) {
     });
     CloseAll(contenders);
     tiles.MakeNames();
+  }
+}
+
+void MeasureWalks(Report& report, const Scale& scale, const fs::path& folder) {
+  Tiles tiles = MapTiles(scale.tiles);
+  for (const char* what : {"walk", "named walk"}) {
+    std::vector<Contender> contenders = MakeContenders(folder);
+    OpenAll(contenders, tiles, Access::kMake);
+    Fill(contenders, tiles, scale.tiles, scale.slice);
+    MeasureWalks(report, what, contenders, tiles, scale);
+    CloseAll(contenders);
+    if (!tiles.IsNamed()) tiles.MakeNames();
   }
 }
 

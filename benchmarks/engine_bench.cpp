@@ -1,8 +1,8 @@
 // The engine beside the bare system calls that move the same bytes, and beside LMDB and SQLite
 // doing the same; and what such calls cost.
 //   engine_bench [--quick] [--only SECTION] [--out FOLDER]
-// Sections: lookups, stores, processes, names, versions, opening, calls. FOLDER (build/bench)
-// receives tables and a chart.
+// Sections: lookups, walks, stores, processes, names, versions, opening, calls. FOLDER
+// (build/bench) receives tables and a chart.
 //
 // Work of one thread is measured by the time of the processor that it takes, all else by the clock.
 
@@ -29,8 +29,13 @@ constexpr Scale kQuick = {.tiles = 16384,
 
 using Measure = void (*)(Report&, const Scale&, const std::filesystem::path&);
 constexpr std::pair<const char*, Measure> kSections[] = {
+<<<<<<< HEAD
     {"lookups", MeasureLookups},   {"stores", MeasureStores}, {"processes", MeasureProcesses},
     {"names", MeasureNamedStores}, {"face", MeasureFace},     {"versions", MeasureVersions},
+=======
+    {"lookups", MeasureLookups},     {"walks", MeasureWalks},       {"stores", MeasureStores},
+    {"processes", MeasureProcesses}, {"names", MeasureNamedStores}, {"versions", MeasureVersions},
+>>>>>>> walk
     {"opening", MeasureOpening}};
 
 void AddGoals(Report& report) {
@@ -42,6 +47,10 @@ void AddGoals(Report& report) {
   report.AtLeast("random get, 1 thread", kMapped, kLmdb, 1.3);
   report.AtLeast("named get, 1 thread", kEngine, kLmdb, 0.8);
   report.AtLeast("named get, 1 thread", kMapped, kLmdb, 1.2);
+  for (const char* walk : {"walk", "named walk"}) {
+    report.AtLeast(walk, kEngine, kLimit, 1);
+    report.AtLeast(walk, kMapped, kLmdb, 1);
+  }
   // Where others gain less than LMDB mostly does, somebody had part of the other core.
   if (const Row* gain = report.Look("random get, 2 threads : 1 thread"))
     report.AtLeast(gain->GetName(), kEngine, "", 1.6 * std::min(1.0, gain->Median(kLmdb) / 1.8));

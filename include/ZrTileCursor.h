@@ -35,7 +35,7 @@ class TileWalk;
 /// a name that no lookup could find, because its hash is not that of its slot, or because it is no
 /// text of the current charset in a file of the older version. The guarantee holds for all others.
 ///
-/// Memory: a quarter of a MiB for what is read ahead, but for one larger tile; and for names 24
+/// Memory: half a MiB for what is read ahead, but for one larger tile; and for names 24
 /// bytes for each of up to a million, or of up to an eighth of them if that is more. Files of more
 /// names are walked over in several parts, each by a pass over the index.
 ///

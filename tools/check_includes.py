@@ -29,14 +29,16 @@ LAYERS = {
 }
 OPERATIONS = [f"{name}.cpp" for name in (
     "ZrCompactFile", "Lifecycle", "GridOperations", "NamedOperations", "BatchOperations",
-    "Compaction", "Checking", "Password", "Accessors")]
+    "Compaction", "Checking", "Password", "Accessors", "VersionOperations", "Walking",
+    "ZrTileCursor")]
 # Header of src/engine: the files that may include it. All others are for every room.
 ONLY_FOR = {
     "Engine.h": ["LookUp.h", *OPERATIONS],
     "LookUp.h": OPERATIONS,
     "Operation.h": ["Engine.h", "Operation.cpp", *OPERATIONS],
     "Locks.h": ["Engine.h", "Locks.cpp", "Operation.h", *OPERATIONS],
-    "OpenFile.h": ["Engine.h", "Locks.cpp", "OpenFile.cpp", "Operation.cpp", "TileCopier.h", *OPERATIONS],
+    "OpenFile.h": ["Engine.h", "Locks.cpp", "OpenFile.cpp", "Operation.cpp", "TileCopier.h",
+                   "TileWalk.cpp", *OPERATIONS],
 }
 QUOTED = re.compile(r'^\s*#include "([^"]+)"', re.MULTILINE)
 

@@ -236,7 +236,8 @@ TileWalk::Seen Engine::CountEntries(OpenFile& file, View& view, std::uint64_t& n
   statistics.tiles = tiles;
   statistics.entries = entries;
   statistics.fileBytes = length;
-  statistics.indexBytes = Format::kHeaderSize + std::min(index.End(), length) - index.begin;
+  statistics.indexBytes =
+      Format::kHeaderSize + std::max(std::min(index.End(), length), index.begin) - index.begin;
   next = walker.HasFailed() ? UINT64_MAX : isRead ? walker.Position() : entries;
   return TileWalk::Seen::kDone;
 }

@@ -48,7 +48,7 @@ class RecordWindow {
 
  private:
   // Larger than a call is worth, and small enough to stay in the processor's cache.
-  static constexpr std::uint64_t kSize = 256 * 1024;
+  static constexpr std::uint64_t kSize = 512 * 1024;
   static constexpr std::uint64_t kHead = 256;  // holds most heads
 
   /// Records to be read at once.

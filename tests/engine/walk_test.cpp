@@ -210,6 +210,55 @@ TEST_P(Walk, Answers) {
   EXPECT_EQ(ZrTileCursor(object).Next(), 6U);
 }
 
+// Tiles are replaced in their places while a large read has read the first half of them.
+class CutInTwo : public WalkBase, public ::testing::WithParamInterface<bool> {
+ public:
+  CutInTwo() : WalkBase(GetParam()) {}
+
+  static inline std::function<void()> s_meanwhile;
+};
+INSTANTIATE_TEST_SUITE_P(Engine, CutInTwo, ::testing::Bool(),
+                         [](const auto& param) { return param.param ? "Names" : "Cells"; });
+
+TEST_P(CutInTwo, NothingThatIsGivenIsTorn) {
+  constexpr unsigned int kFirst = 10, kTiles = 40, kSize = 9000;
+  ZrCompactFile other;
+  isNaming ? MakeNaming(64) : MakeGrid(1, kCols);
+  Reopen(kLocked);
+  ASSERT_EQ(other.Open(path, u"", kLocked), 0U);
+  for (unsigned int tile = kFirst; tile < kFirst + kTiles; ++tile)
+    ASSERT_EQ(Put(object, tile, std::string(kSize, 'a')), 0U);
+  GetFileSyscalls().pread = [](int fd, void* bytes, std::size_t size, off_t position) {
+    const std::size_t half = size > 2 * kSize ? size / 2 + kSize / 3 : size;
+    if (half < size && s_meanwhile) ::pread(fd, bytes, half, position), s_meanwhile();
+    if (half == size || !s_meanwhile) return ::pread(fd, bytes, size, position);
+    const ssize_t rest = ::pread(fd, static_cast<char*>(bytes) + half, size - half,
+                                 position + static_cast<off_t>(half));
+    return rest < 0 ? rest : rest + static_cast<ssize_t>(half);
+  };
+  char last = 'a';
+  // The cut lies in tile 20; or all tiles change.
+  for (const auto& [changed, number] : {std::pair(19U, 1U), {20U, 1U}, {19U, 2U}, {0U, kTiles}}) {
+    unsigned int calls = 0;
+    s_meanwhile = [&, first = changed, count = number] {
+      ++calls;
+      ++last;
+      for (unsigned int i = 0; i < count; ++i)
+        EXPECT_EQ(Put(other, kFirst + first + i, std::string(kSize, last)), 0U);
+    };
+    ZrTileCursor cursor(object);
+    unsigned int count = 0;
+    for (; cursor.Next() == 0; ++count) {
+      ZrByteArray data;
+      ASSERT_TRUE(cursor.GetPayload(data));
+      EXPECT_EQ(Content(data), std::string(kSize, Content(data)[0])) << Which(cursor);
+    }
+    EXPECT_EQ(count, kTiles);
+    EXPECT_GT(calls, 0U);
+  }
+  s_meanwhile = nullptr;
+}
+
 // Names or cells, in both byte orders.
 class ManyVersions : public WalkBase, public ::testing::WithParamInterface<std::tuple<bool, bool>> {
  public:

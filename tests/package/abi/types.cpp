@@ -9,6 +9,7 @@
 #include <ZrCompactFileWriter.h>
 #include <ZrError.h>
 #include <ZrNewFile.h>
+#include <ZrTileCursor.h>
 
 #pragma GCC visibility push(default)
 Zarn::ZrResult::Code resultCode;
@@ -19,6 +20,9 @@ Zarn::ZrCellStore cellStore;
 Zarn::ZrNameStore nameStore;
 Zarn::ZrVerifyFinding verifyFinding;
 Zarn::ZrVerifySummary verifySummary;
+Zarn::ZrVersion version;
+Zarn::ZrStatistics statistics;
+Zarn::ZrTileCursor::Content content;
 Zarn::ZrCacheFileStatus cacheFileStatus;
 
 Zarn::ZrCompactFile compactFile;
