@@ -29,14 +29,9 @@ constexpr Scale kQuick = {.tiles = 16384,
 
 using Measure = void (*)(Report&, const Scale&, const std::filesystem::path&);
 constexpr std::pair<const char*, Measure> kSections[] = {
-<<<<<<< HEAD
-    {"lookups", MeasureLookups},   {"stores", MeasureStores}, {"processes", MeasureProcesses},
-    {"names", MeasureNamedStores}, {"face", MeasureFace},     {"versions", MeasureVersions},
-=======
     {"lookups", MeasureLookups},     {"walks", MeasureWalks},       {"stores", MeasureStores},
-    {"processes", MeasureProcesses}, {"names", MeasureNamedStores}, {"versions", MeasureVersions},
->>>>>>> walk
-    {"opening", MeasureOpening}};
+    {"processes", MeasureProcesses}, {"names", MeasureNamedStores}, {"face", MeasureFace},
+    {"versions", MeasureVersions},   {"opening", MeasureOpening}};
 
 void AddGoals(Report& report) {
   for (const char* put : {"put each", "named put"}) {
