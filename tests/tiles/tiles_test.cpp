@@ -224,6 +224,10 @@ TEST_P(Containers, SayWhatTheyCannotDo) {
   hx::Options password;
   password.password = "secret";
   EXPECT_EQ(open("tiles", password), Cause::kWrongFormat);
+  tiles.set_password("secret");
+  EXPECT_EQ(open("tiles"), Cause::kWrongFormat);
+  EXPECT_EQ(open("tiles", password), Cause::kNone);
+  tiles.set_password("");
   EXPECT_EQ(CauseOf([&] { Create(); }), Cause::kExists);
   EXPECT_EQ(CauseOf([&] { Container::open(Path("tiles"), {true}).put(Key(1), "x"); }),
             Cause::kReadOnly);

@@ -282,6 +282,10 @@ Statistics Container::statistics(const Progress& progress) const {
   return statistics;
 }
 
+void Container::set_password(std::string_view password) {
+  if (Use().engine.SetPassword(PelmUnicodeString::FromUtf8(password)) != 1) Throw();
+}
+
 void Container::flush() {
   if (!Use().engine.Flush()) Throw();
 }

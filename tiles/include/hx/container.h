@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ZrStatistics.h"
@@ -194,6 +195,9 @@ class HX_TILES_API Container {
   std::uint64_t size() const;
   /// Counts tiles, versions, and bytes alive and dead. It walks over the heads of all tiles.
   Statistics statistics(const Progress& progress = {}) const;
+
+  /// Keeps the file from being opened without this password; empty: by none.
+  void set_password(std::string_view password);
 
   /// Waits until all that was stored before would survive a loss of power.
   void flush();
