@@ -142,6 +142,12 @@ Tileset::Tileset(Tileset&&) noexcept = default;
 Tileset& Tileset::operator=(Tileset&&) noexcept = default;
 Tileset::~Tileset() = default;
 
+Tileset::Tileset(Container names) : m_set(std::make_unique<Set>()) {
+  if (names.layout().is_grid())
+    Fail(ZrResult::kWrongFile, Cause::kWrongKind, names.path(), "open as a tileset");
+  m_set->layers.push_back({{}, std::move(names)});
+}
+
 // Of what is not open, a container that is not open tells.
 Tileset::Set& Tileset::Use() const {
   static Set closed = [] {
@@ -162,26 +168,18 @@ Tileset::Place Tileset::Find(const Tile& tile) const noexcept {
 }
 
 Tileset Tileset::open(const fs::path& path, const Options& options) {
-  auto set = std::make_unique<Set>();
   std::error_code ignored;
-  if (fs::is_directory(path, ignored)) {
-    set->folder = path;
-    for (const ZoomRange& range : ReadManifest(path).ranges)
-      set->layers.push_back({range, Container::open(GridPath(path, range.zoom), options)});
-  } else {
-    set->layers.push_back({{}, Container::open(path, options)});
-    if (set->layers[0].container.layout().is_grid())
-      Fail(ZrResult::kWrongFile, Cause::kWrongKind, path, "open as a tileset");
-  }
+  if (!fs::is_directory(path, ignored)) return Tileset(Container::open(path, options));
   Tileset tileset;
-  tileset.m_set = std::move(set);
+  tileset.m_set = std::make_unique<Set>();
+  tileset.m_set->folder = path;
+  for (const ZoomRange& range : ReadManifest(path).ranges)
+    tileset.m_set->layers.push_back({range, Container::open(GridPath(path, range.zoom), options)});
   return tileset;
 }
 
 Tileset Tileset::create(const fs::path& path, const Metadata& metadata, const Options& options) {
-  Tileset tileset;
-  tileset.m_set = std::make_unique<Set>();
-  tileset.m_set->layers.push_back({{}, Container::create(path, Layout::names(), options)});
+  Tileset tileset(Container::create(path, Layout::names(), options));
   if (!metadata.empty()) tileset.set_metadata(metadata);
   return tileset;
 }
@@ -189,12 +187,7 @@ Tileset Tileset::create(const fs::path& path, const Metadata& metadata, const Op
 Tileset Tileset::open_or_create(const fs::path& path, const Options& options) {
   std::error_code ignored;
   if (fs::is_directory(path, ignored)) return open(path, options);
-  Tileset tileset;
-  tileset.m_set = std::make_unique<Set>();
-  tileset.m_set->layers.push_back({{}, Container::open_or_create(path, Layout::names(), options)});
-  if (tileset.m_set->layers[0].container.layout().is_grid())
-    Fail(ZrResult::kWrongFile, Cause::kWrongKind, path, "open as a tileset");
-  return tileset;
+  return Tileset(Container::open_or_create(path, Layout::names(), options));
 }
 
 Tileset Tileset::create_grids(const fs::path& folder, const std::vector<ZoomRange>& ranges,

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "ZrError.h"
+
 namespace Soak {
 
 Ledger* g_ledger;
@@ -24,8 +26,9 @@ std::int64_t Now() {
 void Fail(Wrong wrong, const char* what, std::uint32_t tile, std::uint32_t stamp,
           unsigned int result) {
   if (++g_ledger->wrong[wrong] <= 20)
-    std::fprintf(stderr, "%s: %s: tile %u, version %u, result %u\n", kWrongNames[wrong], what, tile,
-                 stamp, result);
+    std::fprintf(stderr, "%s: %s: tile %u, version %u, result %u; last error: %s\n",
+                 kWrongNames[wrong], what, tile, stamp, result,
+                 Zarn::ZrErrorText(Zarn::ZrLastError()).c_str());
 }
 
 void News::Begin() {

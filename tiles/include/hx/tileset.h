@@ -106,6 +106,9 @@ class HX_TILES_API Tileset {
                               const std::vector<ZoomRange>& ranges, const Metadata& metadata = {},
                               const Options& options = {});
 
+  /// Takes over an open container, which must be one of names. Throws (Cause::kWrongKind) else.
+  explicit Tileset(Container names);
+
   /// Nothing is open.
   Tileset() noexcept;
   Tileset(Tileset&& other) noexcept;
