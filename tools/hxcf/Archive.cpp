@@ -20,7 +20,8 @@ std::optional<hx::Cell> ParseCell(const std::string& text) {
 
 Archive Archive::Open(const std::filesystem::path& path, const hx::Options& options) {
   std::error_code ignored;
-  if (std::filesystem::is_directory(path, ignored)) return Archive(hx::Tileset::open(path, options));
+  if (std::filesystem::is_directory(path, ignored))
+    return Archive(hx::Tileset::open(path, options));
   hx::Container file = hx::Container::open(path, options);
   if (file.layout().is_grid()) return Archive(std::move(file));
   return Archive(hx::Tileset(std::move(file)));
