@@ -1,11 +1,11 @@
+#include "hx/metadata.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <utility>
-
-#include "hx/tileset.h"
 
 namespace hx {
 namespace {
