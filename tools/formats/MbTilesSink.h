@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <utility>
 
 #include "Extent.h"
 #include "OutputFile.h"
@@ -11,7 +13,7 @@
 namespace Formats {
 
 /// Writes an MBTiles file with the tables `tiles` and `metadata`. Until it is finished the file is
-/// a temporary one that needs no journal, and indexes are made when all rows are there.
+/// a temporary one that needs no journal.
 class MbTilesSink : public TileSink {
  public:
   MbTilesSink(const std::filesystem::path& path, bool replace);
@@ -21,11 +23,17 @@ class MbTilesSink : public TileSink {
   void Finish() override;
 
  private:
+  using Column = std::pair<std::uint32_t, std::uint32_t>;  // zoom and column
+
+  void FollowOrder(const Column& column);
   void WriteMetadata();
 
   OutputFile m_file;
   std::optional<SqliteDatabase> m_database;  // closed before the file gets its name
   SqliteStatement m_insert;
+  Column m_last;
+  bool m_isOrdered = true;  // up to now; then the index is there
+  bool m_isWhole = true;    // no row has failed
   Extent m_extent;
   hx::Metadata m_metadata;
 };

@@ -73,7 +73,9 @@ void NewFolder::Write(const std::string& name, hx::Bytes bytes) {
       ::open((m_temporary / name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (fd < 0 && errno == EEXIST) throw FormatError(m_path, "was given a file twice: " + name);
   if (fd < 0) throw FormatError::OfSystem(m_path / name, "cannot be created");
+  m_isWhole = false;
   WriteBytes(fd, bytes, name);
+  m_isWhole = true;
 }
 
 void NewFolder::WriteBytes(int fd, hx::Bytes bytes, const std::string& name) const {
@@ -93,6 +95,7 @@ void NewFolder::WriteBytes(int fd, hx::Bytes bytes, const std::string& name) con
 }
 
 void NewFolder::Publish() {
+  if (!m_isWhole) throw FormatError(m_path, "could not be written as a whole");
   if (::rename(m_temporary.c_str(), m_path.c_str()) != 0)
     throw FormatError::OfSystem(m_path, "cannot be given its name");
   m_isPublished = true;

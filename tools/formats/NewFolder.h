@@ -20,6 +20,7 @@ class NewFolder {
 
   const std::filesystem::path& GetPath() const { return m_path; }
   /// Writes a file of this relative name, which must not be there, with the folders that it needs.
+  /// A name that is refused changes nothing; after other failures the folder cannot be published.
   void Write(const std::string& name, hx::Bytes bytes);
   void Publish();
 
@@ -28,7 +29,8 @@ class NewFolder {
 
   std::filesystem::path m_path;
   std::filesystem::path m_temporary;
-  std::string m_folder;  // that was made last, with a slash
+  std::string m_folder;   // that was made last, with a slash
+  bool m_isWhole = true;  // no file has failed
   bool m_isPublished = false;
 };
 

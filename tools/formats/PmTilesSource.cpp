@@ -104,6 +104,7 @@ bool PmTilesSource::VisitDirectory(Walk& walk, const PmSection& section, std::ui
         const PmSection leaf{m_header.leaves.offset + entry.offset, entry.length};
         if (!PmSection{entry.offset, entry.length}.LiesWithin(m_header.leaves.length))
           Fail("has a directory outside of its section");
+        walk.doneId = entry.id;
         if (!VisitDirectory(walk, leaf, end, level + 1)) return false;
       }
     }
