@@ -1,11 +1,11 @@
+#include "hx/metadata.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <utility>
-
-#include "hx/tileset.h"
 
 namespace hx {
 namespace {
@@ -57,6 +57,21 @@ std::string ToText(const Json& value) {
   const bool isNumbers = value.is_array() && std::all_of(value.begin(), value.end(),
                                                          [](auto& v) { return v.is_number(); });
   return isNumbers ? text.substr(1, text.size() - 2) : text;
+}
+
+// Nothing for what is no JSON, or nested so deeply that to write it would take too much of the
+// stack.
+std::optional<Json> Parse(std::string_view text) {
+  constexpr int kDeepest = 100;
+  bool isTooDeep = false;
+  Json parsed = Json::parse(
+      text,
+      [&](int depth, Json::parse_event_t, Json&) {
+        isTooDeep |= depth > kDeepest;
+        return !isTooDeep;
+      },
+      false);
+  return parsed.is_discarded() || isTooDeep ? std::nullopt : std::optional(std::move(parsed));
 }
 
 }  // namespace
@@ -111,10 +126,10 @@ std::string Metadata::to_json() const {
 }
 
 std::optional<Metadata> Metadata::from_json(std::string_view json) {
-  const Json parsed = Json::parse(json, nullptr, false);
-  if (!parsed.is_object()) return std::nullopt;
+  const auto parsed = Parse(json);
+  if (!parsed || !parsed->is_object()) return std::nullopt;
   Metadata metadata;
-  for (const auto& [key, value] : parsed.items())
+  for (const auto& [key, value] : parsed->items())
     metadata.set(key, ToText(value));
   return metadata;
 }

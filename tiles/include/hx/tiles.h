@@ -8,4 +8,5 @@
 ///   hx::Tileset    a pyramid of tiles by zoom, column and row, with its metadata
 
 #include "hx/container.h"
+#include "hx/metadata.h"
 #include "hx/tileset.h"
