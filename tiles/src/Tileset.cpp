@@ -18,7 +18,6 @@ namespace fs = std::filesystem;
 using Json = nlohmann::json;
 using Zarn::ZrResult;
 
-constexpr char kMetadataName[] = "metadata.json";
 constexpr char kManifestName[] = "tileset.json";
 constexpr Stamp kMetadataStamp = UINT64_MAX;  // they never become too old
 

@@ -44,6 +44,11 @@ Archive::Address Archive::Parse(const std::string& text) {
   return address;
 }
 
+std::optional<Archive::Address> Archive::FindSame(const Address& address) {
+  const bool hasOne = IsGrid() ? ParseCell(address.text).has_value() : IsNames() || address.tile;
+  return hasOne ? std::optional(Parse(address.text)) : std::nullopt;
+}
+
 std::optional<hx::Payload> Archive::Find(const Address& address, hx::Stamp stamp) {
   hx::Container* const file = GetFile();
   return file != nullptr ? file->find(KeyOf(address), stamp) : GetSet()->find(*address.tile, stamp);

@@ -36,6 +36,8 @@ class Archive {
     std::optional<hx::Tile> tile;
   };
   Address Parse(const std::string& text);
+  /// The tile that an address of another archive means here; nothing if none can.
+  std::optional<Address> FindSame(const Address& address);
 
   std::optional<hx::Payload> Find(const Address& address, hx::Stamp stamp = hx::kNewest);
   bool Contains(const Address& address);

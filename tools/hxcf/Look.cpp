@@ -204,8 +204,11 @@ class Difference {
 
   int Run() {
     Progress progress(m_console, "compared");
+    CompareMetadata();
     m_left.ForEach({}, true, [&](const Archive::Address& address, const hx::Entry& entry) {
-      const auto other = m_right.Find(m_right.Parse(address.text));
+      if (IsMetadata(address)) return true;
+      const auto same = m_right.FindSame(address);
+      const auto other = same ? m_right.Find(*same) : std::nullopt;
       if (!other)
         Tell("-", address.text);
       else if (entry.payload() != hx::Bytes(*other))
@@ -214,7 +217,8 @@ class Difference {
       return true;
     });
     m_right.ForEach({}, false, [&](const Archive::Address& address, const hx::Entry&) {
-      if (!m_left.Contains(m_left.Parse(address.text))) Tell("+", address.text);
+      const auto same = m_left.FindSame(address);
+      if (!IsMetadata(address) && !(same && m_left.Contains(*same))) Tell("+", address.text);
       return true;
     });
     if (m_console.isJson) m_console.PrintJson({{"compared", m_compared}, {"differences", m_list}});
@@ -222,6 +226,16 @@ class Difference {
   }
 
  private:
+  static bool IsMetadata(const Archive::Address& address) {
+    return address.text == hx::Tileset::kMetadataName;
+  }
+  // As a whole, for a set of grids has them elsewhere.
+  void CompareMetadata() {
+    const auto read = [](Archive& archive) {
+      return archive.GetSet() != nullptr ? archive.GetSet()->metadata() : hx::Metadata();
+    };
+    if (read(m_left).values() != read(m_right).values()) Tell("!", hx::Tileset::kMetadataName);
+  }
   void Tell(const char* what, const std::string& key) {
     m_isSame = false;
     if (m_console.isJson)

@@ -58,7 +58,9 @@ std::string MakeManPage(const CLI::App& app, const std::string& command) {
     out << ".SH \"EXIT STATUS\"\n" << Escape(app.get_footer()) << "\n";
     return out.str();
   }
-  const CLI::App* const chosen = app.get_subcommand_no_throw(command);
+  const CLI::App* chosen = nullptr;
+  for (const CLI::App* const each : CommandsOf(app))
+    if (each->get_name() == command) chosen = each;
   if (chosen == nullptr) throw WrongCall("there is no command " + command);
   Begin(out, "hxcf-" + command, chosen->get_description());
   out << ".B hxcf " << command << "\n";

@@ -39,6 +39,9 @@ struct ZoomRange {
 /// replaced as a whole, in one step; of two who do that at the same time, one counts.
 class HX_TILES_API Tileset {
  public:
+  /// The name of the metadata, in a container of names.
+  static constexpr char kMetadataName[] = "metadata.json";
+
   /// @name Opening
   /// @{
 
