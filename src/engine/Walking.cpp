@@ -162,9 +162,10 @@ unsigned int Engine::RemoveOlderThan(std::uint64_t stamp, const std::vector<Addr
   for (const Address& address : tiles) {
     TileEntry entry;
     TileStore store = File().MakeStore(*buffer);
-    if (!FindForRemoval(address, store, entry)) continue;
     std::uint32_t count = 0;
-    if (!store.RemoveOlderThan(entry, stamp, IsReadOnly(), count)) {
+    const bool isFound = FindForRemoval(address, store, entry);
+    if (isFound && !entry.HoldsRecord()) continue;  // it has gone since
+    if (!isFound || !store.RemoveOlderThan(entry, stamp, IsReadOnly(), count)) {
       result = ZrResult::kWriteFailure;
       continue;
     }
@@ -179,15 +180,16 @@ unsigned int Engine::RemoveOlderThan(std::uint64_t stamp, const std::vector<Addr
   return result;
 }
 
-// The entry of a tile that was seen to have such versions. False if it has gone since.
+// The entry of a tile that was seen to have such versions; one that is empty if the tile has gone
+// since. False if it cannot be told.
 bool Engine::FindForRemoval(const Address& tile, TileStore& tiles, TileEntry& entry) {
-  if (const CellIndex* const cells = File().Cells())
-    return cells->Read(tile.row, tile.col, entry) && entry.HoldsRecord();
+  if (const CellIndex* const cells = File().Cells()) return cells->Read(tile.row, tile.col, entry);
   NameSlot slot;
   const NameKey key(tile.name, File().GetShape());
-  if (!File().Names()->GetNamingIdxValue(key, tiles, slot) || slot.isNew) return false;
-  entry = slot.entry;
-  return entry.HoldsRecord();
+  const bool isFound =
+      File().Names() != nullptr && File().Names()->GetNamingIdxValue(key, tiles, slot);
+  if (isFound && !slot.isNew) entry = slot.entry;
+  return isFound || slot.isNew;
 }
 
 // By the index alone.

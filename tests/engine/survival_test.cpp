@@ -19,6 +19,7 @@
 #include "ZrCompactFileStub.h"
 #include "ZrCompactFileWriter.h"
 #include "ZrFile.h"
+#include "ZrTileCursor.h"
 #include "engine/EngineFixture.h"
 #include "support/Processes.h"
 #include "support/RawFile.h"
@@ -134,6 +135,12 @@ void ThreeVersions(Bench& bench) {
   for (const auto version : {2ULL, 4ULL, 8ULL})
     bench.Prepare(bench.tile, version, bench.layout.size);
 }
+// And of the other tiles one that stays when all smaller stamps go.
+void OldAndNewVersions(Bench& bench) {
+  bench.Prepare(0, 9, 10);
+  bench.Prepare(kStraddling + 1, 9, 10);
+  ThreeVersions(bench);
+}
 void FirstHalf(Bench& bench) {
   bench.Prepare(bench.tile, 4, bench.layout.size / 2, bench.layout.size);
 }
@@ -235,6 +242,28 @@ unsigned int GetStatus(Bench& b) {
   const auto status = b.At([&](auto&&... at) { return b.file.GetStatus(at...); });
   return status == ZrCompactFile::kComplete ? 0U : unsigned{status};
 }
+unsigned int RemoveAll(Bench& b) {
+  return b.At([&](auto&&... at) { return b.file.RemoveAll(at...); });
+}
+unsigned int RemoveOlder(Bench& b) {
+  unsigned long long removed = 0;
+  return b.file.RemoveOlderThan(8, removed);
+}
+// What cannot be read is passed over, and counted.
+unsigned int Walk(Bench& b) try {
+  ZrTileCursor cursor(b.file);
+  unsigned int result = 0;
+  while ((result = cursor.Next()) == 0)
+    if (!cursor.GetPayload(b.read)) return 9;
+  return result == 5 && cursor.GetDamagedCount() == 0 ? 0 : result == 5 ? 9 : result;
+} catch (const std::bad_alloc&) {
+  return 9;
+}
+unsigned int CountAll(Bench& b) {
+  ZrStatistics statistics;
+  const unsigned int result = b.file.GetStatistics(statistics, {});
+  return result != 0 ? result : statistics.damaged == 0 && statistics.versions > 3 ? 0 : 9;
+}
 unsigned int CreateLightly(Bench& b) { return b.writer.Create(b.path, 2, 3, u"", kCreate); }
 unsigned int LookLightly(Bench& b) {
   unsigned long long filled;
@@ -274,6 +303,8 @@ const Operation kOperations[] = {
     {"remove older", ThreeVersions, Remove(4)},
     {"remove oldest", ThreeVersions, Remove(2)},
     {"remove only", OneVersion, Remove(4)},
+    {"remove all", ThreeVersions, RemoveAll},
+    {"remove older than", OldAndNewVersions, RemoveOlder, kMayBeDone, {9, 10}},
     {"grow the index", FullIndex, Put(kSame, 4), kNamingOnly},
     {"256th name", Names255, Put(kSame, 4), kNamingOnly},
     {"batch", OneVersion, StoreBatch, kManyTiles},
@@ -287,6 +318,8 @@ const Operation kOperations[] = {
     {"flush", OneVersion, [](Bench& b) { return b.file.Flush() ? 0U : 10U; }, kReads},
     {"look up", ThreeVersions, LookUp(8), kReads, {9}},
     {"look up an older version", ThreeVersions, LookUp(2), kReads, {9}},
+    {"walk", ThreeVersions, Walk, kReads, {9}},
+    {"count", ThreeVersions, CountAll, kReads, {1, 9}},
     {"status", OneVersion, GetStatus, kReads, {4}},
     {"list",
      OneVersion,
