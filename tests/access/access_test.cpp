@@ -80,7 +80,7 @@ TEST_F(Access, ManagerKeepsFourStubsByKey) {
   for (std::size_t n = 1; made == nullptr; ++n) {
     EXPECT_TRUE(isKept(u"k"));
     SyscallFaults shortage;
-    shortage.FailRequest(n);
+    shortage.FailCall(n, ENOMEM);
     made = manager.LookUp(0.5, 3, 7);
   }
   EXPECT_EQ(made, manager.LookUp(u"0.500000000000000_3_7")) << "smallest, but not the victim";
@@ -148,7 +148,7 @@ TEST_F(Access, ShortageOfMemoryIsAnAnswer) {
     ZrByteArray data;
     unsigned long long filled = 0;
     SyscallFaults shortage;
-    shortage.FailRequest(n);
+    shortage.FailCall(n, ENOMEM);
     const bool isShared = collection.GetCompactFile(other, 2, 2) != nullptr;
     const bool isRead = fresh.Read(1, 0, data, filled, 1);
     isShort = shortage.HasFailed();

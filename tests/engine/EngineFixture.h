@@ -7,6 +7,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "FileSyscalls.h"
 #include "ZrCompactFile.h"
@@ -36,22 +37,37 @@ inline std::string Content(const ZrByteArray& data) {
                                       static_cast<std::size_t>(data.GetSize()));
 }
 
-inline Tile ReadTile(ZrCompactFile& file, unsigned int row, unsigned int col,
-                     unsigned long long version) {
+/// What addresses a tile: a cell, or a name.
+struct Subject {
+  Subject(unsigned int itsRow, unsigned int itsCol) : row(itsRow), col(itsCol) {}
+  Subject(PelmUnicodeString itsName) : isName(true), name(std::move(itsName)) {}
+  Subject(const char16_t* itsName) : Subject(PelmUnicodeString(itsName)) {}
+
+  /// Calls the one that is for names, or for cells.
+  auto operator()(auto call) const { return isName ? call(name) : call(row, col); }
+
+  bool isName = false;
+  unsigned int row = 0, col = 0;
+  PelmUnicodeString name;
+};
+
+inline Tile ReadTile(ZrCompactFile& file, const Subject& at, unsigned long long version) {
   ZrByteArray data = Data("before");
   Tile tile{0, "", 77};
-  tile.result = file.Lookup(row, col, data, tile.filled, version);
+  tile.result = at([&](auto&&... to) { return file.Lookup(to..., data, tile.filled, version); });
   tile.payload = Content(data);
   return tile;
 }
-
-inline Tile ReadTile(ZrCompactFile& file, const PelmUnicodeString& name,
-                     unsigned long long version) {
-  ZrByteArray data = Data("before");
-  Tile tile{0, "", 77};
-  tile.result = file.Lookup(name, data, tile.filled, version);
-  tile.payload = Content(data);
-  return tile;
+inline unsigned int StoreTile(ZrCompactFile& file, const Subject& at, const ZrByteArray& data,
+                              unsigned long long version, unsigned long long capacity = 0,
+                              unsigned long long offset = 0) {
+  return at([&](auto&&... to) { return file.SetAt(to..., data, capacity, offset, version); });
+}
+inline unsigned int RemoveTile(ZrCompactFile& file, const Subject& at, unsigned long long version) {
+  return at([&](auto&&... to) { return file.Remove(to..., version); });
+}
+inline unsigned int StatusOf(ZrCompactFile& file, const Subject& at) {
+  return at([&](auto&&... to) -> unsigned int { return file.GetStatus(to...); });
 }
 
 /// While it lives, no sync waits for the disk. For tests that are about what is written, and in
@@ -130,21 +146,18 @@ class EngineTest : public ::testing::Test {
     object.Close();
     ASSERT_EQ(object.Open(path, u"", mode), 0U);
   }
-  unsigned int Store(unsigned int row, unsigned int col, std::string_view text,
-                     unsigned long long version, unsigned long long capacity = 0,
-                     unsigned long long offset = 0) {
-    return object.SetAt(row, col, Data(text), capacity, offset, version);
+  unsigned int Store(const Subject& at, std::string_view text, unsigned long long version = 1,
+                     unsigned long long capacity = 0, unsigned long long offset = 0) {
+    return StoreTile(object, at, Data(text), version, capacity, offset);
   }
-  unsigned int Store(const PelmUnicodeString& name, std::string_view text,
-                     unsigned long long version = 1, unsigned long long capacity = 0,
-                     unsigned long long offset = 0) {
-    return object.SetAt(name, Data(text), capacity, offset, version);
+  unsigned int Store(unsigned int row, unsigned int col, auto... what) {
+    return Store(Subject(row, col), what...);
+  }
+  Tile Read(const Subject& at, unsigned long long version = ~0ULL) {
+    return ReadTile(object, at, version);
   }
   Tile Read(unsigned int row, unsigned int col, unsigned long long version) {
-    return ReadTile(object, row, col, version);
-  }
-  Tile Read(const PelmUnicodeString& name, unsigned long long version = ~0ULL) {
-    return ReadTile(object, name, version);
+    return Read(Subject(row, col), version);
   }
   /// Walks the file and expects it to be well-formed.
   Support::FileChecker Check() {

@@ -54,6 +54,13 @@ struct Layout {
   std::size_t size;     // of most payloads
   std::uint64_t start;  // where in a page the records of that tile begin
   std::uint64_t index;  // naming files: where in a page the index begins; 0: at the file's 64
+
+  // The tiles 0 and 2 have names of one hash.
+  Subject At(unsigned int number) const {
+    if (!isNaming) return {0, number};
+    if (number == 0) return u"1yeg98dgy";
+    return number == 2 ? Name(u"sm38f3s71") : Name::FromUtf8("tile" + std::to_string(number));
+  }
 };
 
 // Of what spans two pages, one byte is in the first: the position of the second version in a table,
@@ -76,24 +83,10 @@ struct Bench {
       data.push_back(Data(std::string(layout.size * sixths / 6, 'n')));
     for (const unsigned int stored : {tile, tile + 1, 5U, 6U}) {
       cells.push_back({0, stored, &data[stored % 4], 0, 0, 4});
-      names.push_back({NameOf(stored), &data[stored % 4], 0, 0, 4});
+      names.push_back({layout.At(stored).name, &data[stored % 4], 0, 0, 4});
     }
   }
 
-  // The tiles 0 and 2 have names of one hash.
-  static Name NameOf(unsigned int tile) {
-    if (tile == 0) return u"1yeg98dgy";
-    return tile == 2 ? Name(u"sm38f3s71") : Name::FromUtf8("tile" + std::to_string(tile));
-  }
-  // Calls the one that is for names, or for cells.
-  template <typename Call>
-  auto At(Call call) {
-    return layout.isNaming ? call(key) : call(0U, tile);
-  }
-  unsigned int Put(const ZrByteArray& tileData, unsigned long long version,
-                   unsigned long long capacity = 0, unsigned long long offset = 0) {
-    return At([&](auto&&... at) { return file.SetAt(at..., tileData, capacity, offset, version); });
-  }
   // For what is there beforehand: each version has a letter of its own.
   void FillPageUpTo(std::uint64_t inPage) {
     const std::string native = path.ToUtf8();
@@ -103,18 +96,14 @@ struct Bench {
   void Prepare(unsigned int other, unsigned long long version, std::size_t size,
                unsigned long long capacity = 0, unsigned long long offset = 0) {
     if (other == layout.tile) FillPageUpTo(layout.start);
-    tile = other;
-    key = NameOf(tile);
     const std::string text(size, static_cast<char>('a' + static_cast<int>(version)));
-    ASSERT_EQ(Put(Data(text), version, capacity, offset), 0U);
-    tile = layout.tile;
-    key = NameOf(tile);
+    ASSERT_EQ(StoreTile(file, layout.At(other), Data(text), version, capacity, offset), 0U);
   }
 
   const Layout& layout;
   const Name path;
-  unsigned int tile = layout.tile;
-  Name key = NameOf(tile);
+  const unsigned int tile = layout.tile;
+  const Subject at = layout.At(tile);
   ZrCompactFile file;
   std::vector<ZrByteArray> data;  // by Size
   std::vector<ZrCompactFile::ZrCellStore> cells;
@@ -192,24 +181,23 @@ struct Operation {
 };
 
 Run Put(Size size, unsigned long long version) {
-  return [=](Bench& b) { return b.Put(b.data[size], version); };
+  return [=](Bench& b) { return StoreTile(b.file, b.at, b.data[size], version); };
 }
 // One that ends where a tile of the usual size does, or where its first half does.
 Run PutPiece(Size size, unsigned long long version, bool ends = true) {
   return [=](Bench& b) {
     const unsigned long long all = b.layout.size, end = ends ? all : all / 2;
-    return b.Put(b.data[size], version, all, end - b.data[size].GetSize());
+    return StoreTile(b.file, b.at, b.data[size], version, all, end - b.data[size].GetSize());
   };
 }
 Run Remove(unsigned long long version) {
-  return
-      [=](Bench& b) { return b.At([&](auto&&... at) { return b.file.Remove(at..., version); }); };
+  return [=](Bench& b) { return RemoveTile(b.file, b.at, version); };
 }
 Run LookUp(unsigned long long version) {
   return [=](Bench& b) {
     unsigned long long filled;
     const unsigned int result =
-        b.At([&](auto&&... at) { return b.file.Lookup(at..., b.read, filled, version); });
+        b.at([&](auto&&... at) { return b.file.Lookup(at..., b.read, filled, version); });
     return result != 0 || *b.read.GetData() == 'a' + version ? result : 99;
   };
 }
@@ -232,8 +220,8 @@ unsigned int StoreBatch(Bench& b) {
                            : b.file.SetBatch(b.cells, b.results);
 }
 unsigned int GetStatus(Bench& b) {
-  const auto status = b.At([&](auto&&... at) { return b.file.GetStatus(at...); });
-  return status == ZrCompactFile::kComplete ? 0U : unsigned{status};
+  const unsigned int status = StatusOf(b.file, b.at);
+  return status == ZrCompactFile::kComplete ? 0 : status;
 }
 unsigned int CreateLightly(Bench& b) { return b.writer.Create(b.path, 2, 3, u"", kCreate); }
 unsigned int LookLightly(Bench& b) {
@@ -398,14 +386,12 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
   State ReadState(const Operation& operation, ZrCompactFile& file, bool isBefore) const {
     State state;
     for (const unsigned int tile : {layout.tile, layout.tile + 1, 5U, 6U, 0U, kStraddling + 1}) {
-      const Name name = Bench::NameOf(tile);
-      const auto status = layout.isNaming ? file.GetStatus(name) : file.GetStatus(0, tile);
-      state.push_back(operation.Is(kStoresPiece) ? "" : std::to_string(status));
+      const Subject at = layout.At(tile);
+      state.push_back(operation.Is(kStoresPiece) ? "" : std::to_string(StatusOf(file, at)));
       for (const unsigned long long version : {4ULL, 2ULL, 3ULL, 8ULL, 9ULL})
         if (tile == layout.tile || version == 4)
-          state.back() += Describe(
-              layout.isNaming ? ReadTile(file, name, version) : ReadTile(file, 0, tile, version),
-              operation.Is(kStoresPiece) && isBefore);
+          state.back() +=
+              Describe(ReadTile(file, at, version), operation.Is(kStoresPiece) && isBefore);
     }
     unsigned int first = 0, count = 0;
     const unsigned int kind = file.GetIndexInfo(first, count);
@@ -491,10 +477,7 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
     bool isMet = false;
     try {
       SyscallFaults faults;
-      if (fault.error == ENOMEM)
-        faults.FailRequest(n, fault.extent);
-      else
-        faults.FailCall(n, fault.error, fault.extent);
+      faults.FailCall(n, fault.error, fault.extent);
       result = operation.run(bench);
       isMet = faults.HasFailed();
     } catch (const std::bad_alloc&) {
@@ -551,7 +534,7 @@ TEST_P(Survival, ACompactionLosesNothingWithoutPower) {
     for (std::size_t n = 1; isMet && !HasFailure(); n += kStep) {
       SCOPED_TRACE(n);
       PutBack(m_before);
-      PowerLoss power(folder.GetFolder().string());
+      SyscallFaults power(folder.GetFolder().string());
       for (const std::size_t failing : {n, std::size_t{0}}) {
         Bench bench(layout, path);
         Start(kCompact, bench);

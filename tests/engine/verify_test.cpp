@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -197,31 +196,38 @@ const Damage kDamages[] = {
 };
 
 TEST_P(Verify, DamageIsReportedAndChangesNothing) {
-  using Operation = std::function<unsigned int()>;
   const auto look = [](const Tile& tile) {
     return tile.filled > tile.payload.size() ? 99U : tile.result;
   };
-  const Operation withCells[] = {[&] { return unsigned{object.GetStatus(0, 0)}; },
-                                 [&] { return look(Read(0, 0, 9)); },
-                                 [&] { return look(Read(0, 0, 5)); },
-                                 [&] { return Store(0, 0, "new", 9); },
-                                 [&] { return Store(0, 0, "new", 5); },
-                                 [&] { return object.Remove(0, 0, 9); },
-                                 [&] { return object.Compact(); }};
-  const Operation withNames[] = {[&] { return unsigned{object.GetStatus(kFirst)}; },
-                                 [&] { return look(Read(kFirst)); },
-                                 [&] { return look(Read(kSecond)); },
-                                 [&] { return Store(kFirst, "new"); },
-                                 [&] { return Store(kSecond, "new"); },
-                                 [&] { return object.Remove(kSecond, 1); },
-                                 [&] { return object.Compact(); }};
+  const auto run = [&](Kind kind, int operation) {
+    const bool areCells = kind == kCells;
+    const Subject first = areCells ? Subject(0, 0) : kFirst,
+                  second = areCells ? Subject(0, 0) : kSecond;
+    const unsigned int newest = areCells ? 9 : 1, older = areCells ? 5 : 1;
+    switch (operation) {
+      case 0:
+        return StatusOf(object, first);
+      case 1:
+        return look(Read(first, newest));
+      case 2:
+        return look(Read(second, older));
+      case 3:
+        return Store(first, "new", newest);
+      case 4:
+        return Store(second, "new", older);
+      case 5:
+        return RemoveTile(object, second, newest);
+      default:
+        return object.Compact();
+    }
+  };
   const auto answersOf = [&](Kind kind, const Support::Bytes& bytes, auto mode) {
     std::string answers;
-    for (const Operation& operation : kind == kCells ? withCells : withNames) {
+    for (int operation = 0; operation < 7; ++operation) {
       Support::WriteFile(path, bytes);
       const unsigned int opened = object.Open(path, u"", mode);
       if (opened != 0) return "opened " + std::to_string(opened);
-      const unsigned int result = operation();
+      const unsigned int result = run(kind, operation);
       object.Close();
       // A cell of an unknown status is left alone.
       const bool mayChange = result == 0 && (kind != kCells || answers[0] != '3');
