@@ -8,7 +8,6 @@
 #include "ZrCompactFileCollection.h"
 #include "ZrCompactFileManager.h"
 #include "engine/EngineFixture.h"
-#include "support/Processes.h"
 #include "support/SyscallFaults.h"
 
 namespace Zarn {
@@ -94,7 +93,7 @@ TEST_F(Access, StubFollowsItsPath) {
   EXPECT_EQ(fs::file_size(file), 76 + 8 * 128 * 128 + 44 + 5);
   ZrCompactFileStub fresh;
   fresh.SetPath(given);
-  EXPECT_TRUE(Put(stub, 1, "second") && Put(fresh, 2, "third"));
+  EXPECT_TRUE(Put(stub, 1, "second") && Put(fresh, 2, "third", 100));
   stub.SetPath(other);
   EXPECT_TRUE(Put(stub, 3, "fourth") && !fs::exists(otherFile)) << "the same but for case";
   InThreads(1, [&](int) { EXPECT_EQ(Get(stub, 0) + Get(stub, 3), "firstfourth"); });
@@ -174,26 +173,6 @@ TEST_F(Access, ThousandsOfThreadsOnOneStubAndOneCollection) {
   }
   EXPECT_TRUE(faults == 0 && CountOpenDescriptors() <= 60);
   Check();
-}
-
-TEST_F(Access, ProcessesMakeOneFileAndLoseNoTile) {
-  const auto pathOf = [&](unsigned int round) { return folder.GetPath(std::to_string(round)); };
-  for (unsigned int round = 0; round < 100; ++round) {
-    stub.SetPath(pathOf(round));
-    if (round % 3 == 0) fs::remove(pathOf(round).ToUtf8() + ".cf");  // to be made by Write
-    const auto children = Support::Fork(2, [&](unsigned int process) {
-      ZrCompactFileStub own;
-      own.SetPath(pathOf(round));
-      unsigned int faults = 0;
-      for (unsigned int i = 0; i < 9; ++i)  // the last one leaves no room unwritten
-        faults += !Put(own, 2 * i + process, "tile", i < 8 ? 100 : 0);
-      return faults;
-    });
-    Support::ExpectEnd(children, 0);
-    ASSERT_EQ(Support::FileChecker(pathOf(round) + u".cf").errors, "");
-    for (unsigned int col = 0; col < 18; ++col)
-      ASSERT_EQ(Get(stub, col), "tile");
-  }
 }
 
 }  // namespace

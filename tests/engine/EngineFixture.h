@@ -8,11 +8,12 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "FileSyscalls.h"
 #include "ZrCompactFile.h"
 #include "ZrCompactFileWriter.h"
-#include "support/FileChecker.h"
+#include "support/RawFile.h"
 #include "support/TemporaryFolder.h"
 
 namespace Zarn {
@@ -159,11 +160,32 @@ class EngineTest : public ::testing::Test {
   Tile Read(unsigned int row, unsigned int col, unsigned long long version) {
     return Read(Subject(row, col), version);
   }
-  /// Walks the file and expects it to be well-formed.
-  Support::FileChecker Check() {
-    Support::FileChecker checker(path);
-    EXPECT_EQ(checker.errors, "");
-    return checker;
+  /// Expects the file to be sound, and answers its bytes.
+  Support::Bytes Check() const {
+    ZrCompactFile file;
+    ZrCompactFile::ZrVerifySummary summary;
+    EXPECT_EQ(file.Open(path, u"", ZrCompactFile::kReadOnly), 0U);
+    const auto show = [](const ZrCompactFile::ZrFinding& finding) {
+      ADD_FAILURE() << finding.message << " at " << finding.position;
+      return true;
+    };
+    EXPECT_TRUE(file.Verify(summary, show) == 0 && summary.unwrittenBytes == 0);
+    return Support::ReadFile(path);
+  }
+  /// The last bytes of the file, which is sound.
+  Support::Bytes Last(std::size_t size) const {
+    const Support::Bytes file = Check();
+    return {file.end() - static_cast<std::ptrdiff_t>(size), file.end()};
+  }
+  /// A record of a grid by hand: stamps and positions of its versions, and the newest one's bytes.
+  Support::Bytes Record(const std::vector<std::pair<unsigned long long, std::uint64_t>>& versions,
+                        std::string_view payload) const {
+    using Support::operator+;
+    Support::Bytes table;
+    for (const auto& [stamp, position] : versions)
+      table = table + Number(stamp) + Number(1ULL << 56 | position);
+    return Number(28 + table.size() + payload.size()) + Number(versions.size(), 4) + table +
+           Number(payload.size()) + Number(payload.size()) + Support::Text(payload);
   }
   bool IsBig() const { return m_big; }
   /// A number in the file's byte order.

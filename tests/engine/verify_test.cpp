@@ -287,14 +287,13 @@ TEST_P(Verify, HostileTablesTakeNoTime) {
   constexpr unsigned long long kVersions = 4000, kRecord = 76 + 64 * 64 * 8;
   MakeGrid(64, 64, GetParam());
   using Support::operator+;
-  Support::Bytes cells, table;
+  Support::Bytes cells;
   for (int i = 0; i < 64 * 64; ++i)
     cells = cells + Number(kStatus1 | kRecord);
+  std::vector<std::pair<unsigned long long, std::uint64_t>> versions;
   for (unsigned long long i = kVersions; i > 0; --i)
-    table = table + Number(i) + Number(kStatus1 | kRecord);
-  Support::Poke(path, 76,
-                cells + Number(30 + 16 * kVersions) + Number(kVersions, 4) + table + Number(2) +
-                    Number(2) + Support::Text("at"));
+    versions.emplace_back(i, kRecord);
+  Support::Poke(path, 76, cells + Record(versions, "at"));
   EXPECT_EQ(Find(object).substr(0, 8), "4@32844 ");
   EXPECT_LT(summary.versions, 10U);
   EXPECT_EQ(object.Compact(), 9U);

@@ -1,32 +1,22 @@
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <vector>
-
 namespace Support {
 
-/// Forks processes that end with 0 if `body` returns 0; those that hang are ended by the alarm.
+/// The wait status of a forked process that ends with what `body` answers; if it hangs, the alarm
+/// ends it.
 template <typename Body>
-std::vector<pid_t> Fork(unsigned int count, Body body) {
-  std::vector<pid_t> children(count);
-  for (unsigned int i = 0; i < count; ++i) {
-    children[i] = ::fork();
-    if (children[i] != 0) continue;
+int RunForked(Body body) {
+  const pid_t child = ::fork();
+  if (child == 0) {
     ::alarm(120);
-    ::_exit(body(i) == 0 ? 0 : 1);
+    ::_exit(static_cast<int>(body()));
   }
-  return children;
-}
-
-inline void ExpectEnd(const std::vector<pid_t>& children, int expected) {
-  for (const pid_t child : children) {
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(status, expected);
-  }
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  return status;
 }
 
 }  // namespace Support

@@ -74,14 +74,18 @@ constexpr std::string_view kTakingRoom = " pwrite copy_file_range fallocate mkdi
 constexpr std::string_view kInterrupted =
     " open pread pwrite copy_file_range ftruncate fallocate fdatasync fsync lock ";
 
-// Whether this call, or request for memory, is a chosen one of those that g_error is for.
-bool IsChosen(std::string_view name) {
+enum Fate { kPasses, kIsHalved, kFails };
+
+// Of a call, or a request for memory, if it is one of those that g_error is for.
+Fate DrawFate(std::string_view name) {
   const bool isMeant = g_error == EINTR    ? IsOneOf(name, kInterrupted)
                        : g_error == ENOSPC ? IsOneOf(name, kTakingRoom)
                                            : (g_error == ENOMEM) == (name == "request");
-  if (g_failing == 0 || !isMeant) return false;
+  if (g_failing == 0 || !isMeant) return kPasses;
   const std::size_t number = ++g_count;
-  return number == g_failing || (g_isForGood && number > g_failing);
+  if (g_error == SyscallFaults::kCutShort && number == g_failing + 1) return kFails;
+  const bool isChosen = number == g_failing || (g_isForGood && number > g_failing);
+  return !isChosen ? kPasses : g_error < 0 ? kIsHalved : kFails;
 }
 
 struct Disk {
@@ -157,20 +161,20 @@ auto Pass(std::string_view name, Call call, Arguments... arguments) {
     DoPart(arguments...);
     ::kill(::getpid(), SIGKILL);
   }
-  const bool isChosen = IsChosen(name);
-  const bool fails = isChosen && g_error != SyscallFaults::kShort;
-  if (isChosen && !fails) Halve(arguments...);
+  const Fate fate = DrawFate(name);
+  const bool fails = fate == kFails;
+  if (fate == kIsHalved) Halve(arguments...);
   using Result = decltype(call(arguments...));
   const auto failure = (Result)-1;  // of any type: a number, or MAP_FAILED
   const Result result = fails && !IsRelease(name, arguments...) ? failure : call(arguments...);
   if (g_records && result != failure) Record(name, result, arguments...);
-  if (fails) errno = g_error;
+  if (fails) errno = g_error > 0 ? g_error.load() : EFBIG;
   return fails ? failure : result;
 }
 
 bool FailsRequest() {
   if (g_error != ENOMEM || ::pthread_equal(g_thread, ::pthread_self()) == 0) return false;
-  if (!IsChosen("request")) return false;
+  if (DrawFate("request") == kPasses) return false;
   errno = ENOMEM;
   return true;
 }

@@ -19,6 +19,8 @@ class SyscallFaults {
 
   /// Instead of an error number: a transfer moves half of its bytes, and other calls succeed.
   static constexpr int kShort = -1;
+  /// The same, and the next call fails, as at a limit on the size of files.
+  static constexpr int kCutShort = -2;
 
   /// Records as well what is done to the files of a folder, if one is given, so that a test can put
   /// there what a loss of power may leave at any moment: what was synced, and any pages of what was
