@@ -315,8 +315,11 @@ TEST_F(Compaction, AnImageLetsInNobodyElse) {
     return seen;
   };
   // User 1234 may read and write, the group may not, which the mode does not tell.
-  const Support::Bytes list = Support::Hex(
-      "02000000 01000600 FFx4 02000600 D2040000 04000000 FFx4 10000600 FFx4 20000000 FFx4");
+  Support::Bytes list = Support::Number(2, 4, false);  // the version
+  for (const auto& [who, may, id] :
+       {std::tuple{1, 6, -1}, {2, 6, 1234}, {4, 0, -1}, {0x10, 6, -1}, {0x20, 0, -1}})
+    list = list + Support::Number(who, 2, false) + Support::Number(may, 2, false) +
+           Support::Number(id, 4, false);
   const auto setList = [&](const std::string& name, const char* kind) {
     return ::setxattr(name.c_str(), kind, list.data(), list.size(), 0) == 0;
   };

@@ -225,6 +225,9 @@ unsigned int GetStatus(Bench& b) {
   const unsigned int status = StatusOf(b.file, b.at);
   return status == ZrCompactFile::kComplete ? 0 : status;
 }
+unsigned int List(Bench& b) { return b.file.GetValidNamingList(b.list) ? 0 : 9; }
+unsigned int SetPassword(Bench& b) { return b.file.SetPassword(u"secret") ? 0 : 10; }
+unsigned int Compact(Bench& b) { return b.file.Compact(); }
 unsigned int CreateLightly(Bench& b) { return b.writer.Create(b.path, 2, 3, u"", kCreate); }
 unsigned int LookLightly(Bench& b) {
   unsigned long long filled;
@@ -239,8 +242,7 @@ unsigned int WriteByStub(Bench& b) {
 constexpr unsigned int kPiece = kStoresPiece | kMayBeDone, kMissing = kOpens | kMakes,
                        kLightly = kLight | kOpens;
 const Codes kOpening = {1, 2, 3, 5, 6}, kWriting = {5, 6, 9, 10};
-const Operation kCompact = {
-    "compact", ThreeVersions, [](Bench& b) { return b.file.Compact(); }, 0, {1, 2, 9, 10}};
+const Operation kCompact = {"compact", ThreeVersions, Compact, 0, {1, 2, 9, 10}};
 const Operation kOperations[] = {
     {"new", NoTile, Put(kSame, 4)},
     {"new, a piece", NoTile, PutPiece(kHalf, 4)},
@@ -279,11 +281,7 @@ const Operation kOperations[] = {
     {"look up", ThreeVersions, LookUp(8), kReads, {9}},
     {"look up an older version", ThreeVersions, LookUp(2), kReads, {9}},
     {"status", OneVersion, GetStatus, kReads, {4}},
-    {"list",
-     OneVersion,
-     [](Bench& b) { return b.file.GetValidNamingList(b.list) ? 0U : 9U; },
-     kNamingOnly | kReads,
-     {9}},
+    {"list", OneVersion, List, kNamingOnly | kReads, {9}},
     {"writer: create", NoTile, CreateLightly, kLight | kMissing, {1, 2}},
     {"writer: new", NoTile, WriteLightly(kSame), kLightly, kWriting},
     {"writer: elsewhere", OneVersion, WriteLightly(kLarger), kLightly | kMayBeDone, kWriting},

@@ -81,8 +81,8 @@ TEST_F(Lite, WritesTheFormatByteForByte) {
     for (std::size_t i = 0; i < 64; ++i)
       file[i] ^= static_cast<unsigned char>(mask);
     std::fill_n(file.begin() + 11, 8, 0);  // the time
-    EXPECT_EQ(file, Hex(kIsBig ? "43 46 01" : "43 46 00") + Native(20120214, 4) + Native(0, 4) +
-                        Hex("00x8") + Native(64) + Hex("00x37") +
+    EXPECT_EQ(file, Text("CF") + Native(kIsBig, 1) + Native(20120214, 4) + Native(0, 4) + Bytes(8) +
+                        Native(64) + Bytes(37) +
                         // rows, columns, flags, entry: partial, at 84
                         Native(1, 4) + Native(1, 4) + Native(1, 4) + Native(0x0200000000000054) +
                         // length, count, stamp, locator, capacity, filled
@@ -177,10 +177,10 @@ TEST_F(Lite, NothingOfAnEarlierFileStays) {
   WriteFile(path, fresh);
   EXPECT_EQ(writer.Open(path, u"", 4), 0U) << "a file of its own now";
   EXPECT_EQ(Put(1, "next"), 100U) << "without regard to the file before";
-  Poke(path, 72, Hex("FFx4"));  // flags
+  Poke(path, 72, Bytes(4, 0xFF));  // flags
   Reopen();
   writer.Close();
-  Poke(path, 2, Hex(kIsBig ? "00" : "01"));
+  Poke(path, 2, {!kIsBig});
   ASSERT_EQ(writer.Open(path, u"", 4), 9U);
   path = folder.GetPath("new.cf");
   Create(3);
@@ -261,7 +261,7 @@ TEST_F(Lite, MakesAWordEvenThatADeadWriterHasLeft) {
   ZrCompactFileWriter other;
   Create(1);
   for (const bool isAlive : {true, false}) {
-    Poke(path, 48, Hex("01 00x6 01"));
+    Poke(path, 48, {1, 0, 0, 0, 0, 0, 0, 1});
     EXPECT_EQ(other.Open(path, u"", 4), 0U);
     EXPECT_EQ(File()[kIsBig ? 55 : 48] % 2 != 0, isAlive);
     other.Close();
@@ -327,7 +327,7 @@ TEST_F(Lite, ReadsTheNewestVersionOnly) {
     MakeGrid(1, 3, isForeign);
     ASSERT_EQ(EngineTest::Store(0, 1, "older", 7) + EngineTest::Store(0, 1, "one", 9), 0U);
     object.Close();
-    if (IsBig()) Poke(path, 2, Hex("C8"));  // any number but 0
+    if (IsBig()) Poke(path, 2, {0xC8});  // any number but 0
     EXPECT_EQ(Read(0), (Tile{0, "", 0}));
     EXPECT_EQ(Read(1), (Tile{0, "one", 3}));
     EXPECT_EQ(Lookup(1, 7), (Tile{0, "before", 0}));
