@@ -10,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include "FileSyscalls.h"
 #include "ZrCompactFile.h"
 #include "ZrCompactFileWriter.h"
 #include "support/RawFile.h"
@@ -70,23 +69,6 @@ inline unsigned int RemoveTile(ZrCompactFile& file, const Subject& at, unsigned 
 inline unsigned int StatusOf(ZrCompactFile& file, const Subject& at) {
   return at([&](auto&&... to) -> unsigned int { return file.GetStatus(to...); });
 }
-
-/// While it lives, no sync waits for the disk. For tests that are about what is written, and in
-/// which order, many times over. Made before a SyscallFaults.
-class PretendToSync {
- public:
-  PretendToSync() {
-    const auto nothing = [](int) { return 0; };
-    GetFileSyscalls().fdatasync = nothing;
-    GetFileSyscalls().fsync = nothing;
-  }
-  ~PretendToSync() { GetFileSyscalls() = m_saved; }
-  PretendToSync(const PretendToSync&) = delete;
-  PretendToSync& operator=(const PretendToSync&) = delete;
-
- private:
-  const FileSyscalls m_saved = GetFileSyscalls();
-};
 
 /// A folder, an object, and a file in it.
 class EngineTest : public ::testing::Test {

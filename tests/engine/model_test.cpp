@@ -76,7 +76,6 @@ class RandomTiles : public EngineTest,
   const bool isNaming = std::get<0>(GetParam()), isForeign = std::get<1>(GetParam());
   unsigned int firstCol = 0;  // if it is another one, no names have one hash
   std::mt19937 random;
-  const PretendToSync quick;
 };
 
 std::string NameOfParam(const ::testing::TestParamInfo<std::tuple<bool, bool>>& param) {

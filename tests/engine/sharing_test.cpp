@@ -19,6 +19,7 @@
 #include "engine/EngineFixture.h"
 #include "support/Processes.h"
 #include "support/RawFile.h"
+#include "support/SyscallFaults.h"
 
 namespace Zarn {
 namespace {
@@ -29,7 +30,6 @@ constexpr Mode kLocked = ZrCompactFile::kCreateMissing | ZrCompactFile::kProcess
 
 class Sharing : public EngineTest {
  protected:
-  const PretendToSync quick;  // restores all calls
   ZrCompactFile fresh;
 };
 
@@ -37,6 +37,7 @@ TEST_F(Sharing, ARecordIsBeingWrittenWhenACheckBegins) {
   static off_t s_length = 100;  // of the file as the check finds it: within the record's head
   MakeGrid(1, 2);
   ASSERT_EQ(Store(0, 0, "tile", 1), 0U);
+  const SyscallFaults restore;
   GetFileSyscalls().lseek = [](int fd, off_t offset, int whence) {
     const off_t result = ::lseek(fd, offset, whence);
     return whence == SEEK_END ? std::min(result, std::exchange(s_length, result)) : result;
@@ -216,13 +217,14 @@ TEST_P(SharingReadOnly, SeesWhatIsStored) {
     std::filesystem::create_directory(here + name);
   ::chmod(path.ToUtf8().c_str(), 0644);
   ::chmod(here.c_str(), 0755);
-  const int status = Support::RunForked([&] {
-    if (!MakeView()) return kUnable;
-    const bool isSeen = SeesWhatIsStored(kReadOnly | ZrCompactFile::kMapped, 2);
-    return isSeen && SeesWhatIsStored(kReadOnly, 3) ? 0 : 1;
+  const Support::Child child([&] {
+    if (!MakeView()) ::_exit(kUnable);
+    return SeesWhatIsStored(kReadOnly | ZrCompactFile::kMapped, 2) &&
+           SeesWhatIsStored(kReadOnly, 3);
   });
-  if (status == kUnable << 8) GTEST_SKIP() << "needs root, and that it may mount";
-  EXPECT_EQ(status, 0);
+  const int end = child.Wait(WEXITED);
+  if (end == kUnable) GTEST_SKIP() << "needs root, and that it may mount";
+  EXPECT_EQ(end, 0);
 }
 
 // What a light writer stores takes no lock, so it may come at any moment of the batch.
@@ -236,6 +238,7 @@ TEST_F(Sharing, ABatchLeavesAloneTheCellsBetweenItsOwn) {
   s_entry = 76 + 3 * 8;
   const ZrByteArray data = Data("batch");
   std::vector<unsigned int> results;
+  const SyscallFaults restore;
   GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
     if (position == s_entry) {
       s_entry = 0;

@@ -269,8 +269,7 @@ const Operation kOperations[] = {
     {"grow the index", FullIndex, Put(kSame, 4), kNamingOnly},
     {"256th name", Names255, Put(kSame, 4), kNamingOnly},
     {"batch", OneVersion, StoreBatch, kManyTiles},
-    {"password", OneVersion, [](Bench& b) { return b.file.SetPassword(u"secret") ? 0U : 10U; },
-     kInHeader},
+    {"password", OneVersion, SetPassword, kInHeader},
     kCompact,
     {"create", NoTile, Create(0), kMissing, {2}},
     {"create anew", OneVersion, Create(ZrCompactFile::kReplace), kOpens, {2}},
@@ -455,14 +454,15 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
       ZrCompactFile other;  // which the change of a password would shut out
       if (layout.mode == kLocked && !operation.Is(kMakes) && m_new.back().empty())
         other.Open(path, u"", kLocked);
-      const int status = Support::RunForked([&] {
+      const Support::Child child([&] {
         Bench bench(layout, path);
         Start(operation, bench);
         SyscallFaults faults;
         faults.KillAtCall(n, boundary);
-        return operation.run(bench);
+        return operation.run(bench) == 0;
       });
-      if (status != SIGKILL) return WEXITSTATUS(status) == SyscallFaults::kNoBoundary;
+      const int end = child.Wait(WEXITED);
+      if (end != SIGKILL) return end == SyscallFaults::kNoBoundary;
       ExpectState(operation, {}, true, true, other);
       Bench bench(layout, path);
       ExpectGoesOn(operation, bench);
@@ -500,9 +500,6 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
   const Layout& layout = GetParam();
   Support::Bytes m_before;
   State m_old, m_new;
-
- private:
-  const PretendToSync m_quick;
 };
 INSTANTIATE_TEST_SUITE_P(Engine, Survival, ::testing::ValuesIn(kLayouts),
                          [](const auto& param) { return param.param.name; });

@@ -221,6 +221,11 @@ TEST_F(Lite, RewritesInPlaceOnlyWhereNobodyIsRunOver) {
   EXPECT_EQ(writer.GetStatus(0, 0), ZrCompactFile::kComplete) << "the entry keeps its status";
 
   const auto last = Put(2, "last");
+  {
+    const SyscallFaults restore;
+    GetFileSyscalls().fallocate = [](int, int, off_t, off_t) { return errno = ENOSPC, -1; };
+    EXPECT_EQ(Store(2, std::string(20, 'L')), 10U) << "before anything is overwritten";
+  }
   const std::size_t size = File().size();
   for (std::size_t n = 1, result = 1; result != 0; ++n) {
     SyscallFaults faults;
@@ -333,33 +338,6 @@ TEST_F(Lite, ReadsTheNewestVersionOnly) {
     EXPECT_EQ(Lookup(1, 7), (Tile{0, "before", 0}));
     EXPECT_EQ(Lookup(1, 8), (Tile{0, "one", 3}));
   }
-}
-
-// The copy that the entry named first is gone, and another tile lies there, before the record is
-// read.
-TEST_F(Lite, ReadsTheRecordThatTheEntryNamesInTheEnd) {
-  static PelmUnicodeString s_path;
-  static ZrCompactFileWriter* s_writer;
-  static int s_reads;  // before that: two when the file is opened, and the entry
-  s_path = path;
-  s_writer = &writer;
-  s_reads = 3;
-  Create(4);
-  Put(0, "home");  // at 108, and a copy of it at 156
-  const Bytes file = File();
-  WriteFile(path, file + Bytes(file.begin() + 108, file.end()));
-  Poke(path, 76, Native(kCompleteAt | 156));
-  const SyscallFaults restore;
-  GetFileSyscalls().pread = [](int fd, void* bytes, std::size_t size, off_t position) {
-    if (s_reads-- == 0) {
-      Poke(s_path, 76, Native(kCompleteAt | 108));
-      std::filesystem::resize_file(s_path.ToUtf8(), 156);
-      for (const unsigned int col : {1U, 2U})
-        EXPECT_EQ(s_writer->SetAt(0, col, Data("else"), 0, 0, 1), 0U);
-    }
-    return ::pread(fd, bytes, size, position);
-  };
-  EXPECT_EQ(Read(0), (Tile{0, "home", 4}));
 }
 
 TEST_F(Lite, UsesFilesOfTheOtherByteOrder) {
