@@ -155,7 +155,7 @@ TEST_F(Access, ShortageOfMemoryIsAnAnswer) {
   }
 }
 
-TEST_F(Access, ThousandsOfThreadsOnOneStubAndOneCollection) {
+TEST_F(Access, ThousandsOfThreadsOnTwoStubsAndOneCollectionLoseNoTile) {
   ZrCompactFileCollection collection;
   std::atomic<int> faults = 0;
   for (unsigned int round = 0; round < 625; ++round) {
@@ -164,7 +164,8 @@ TEST_F(Access, ThousandsOfThreadsOnOneStubAndOneCollection) {
       const std::string tile(20 + i * 7, static_cast<char>('a' + i));
       stub.SetPath(given);
       fresh.SetPath(given);
-      faults += !Put(stub, i, tile) || Get(fresh, i) != tile || Get(stub, i) != tile;
+      faults += !Put(stub, i, tile) || !Put(fresh, 8 + i, tile);
+      faults += Get(fresh, i) != tile || Get(stub, i) != tile || Get(stub, 8 + i) != tile;
       ZrCompactFile* const shared = collection.GetCompactFile(path, 8, 8);
       faults += shared->Open(path, u"", 4) != 0 || shared->SetAt(i, 0, Data("x"), 0, 0, round) != 0;
       shared->Close();

@@ -7,6 +7,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -51,10 +52,15 @@ struct Subject {
   PelmUnicodeString name;
 };
 
-inline Tile ReadTile(ZrCompactFile& file, const Subject& at, unsigned long long version) {
+/// What a lookup gives; light readers know no names.
+inline Tile ReadTile(auto& file, const Subject& at, unsigned long long version) {
   ZrByteArray data = Data("before");
   Tile tile{0, "", 77};
-  tile.result = at([&](auto&&... to) { return file.Lookup(to..., data, tile.filled, version); });
+  const auto look = [&](auto&&... to) { return file.Lookup(to..., data, tile.filled, version); };
+  if constexpr (std::is_same_v<decltype(file), ZrCompactFile&>)
+    tile.result = at(look);
+  else
+    tile.result = look(at.row, at.col);
   tile.payload = Content(data);
   return tile;
 }

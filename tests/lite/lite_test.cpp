@@ -52,11 +52,7 @@ class Lite : public EngineTest {
     return writer.WriteDataToFile(status, Data(text), capacity, 0, 1, position);
   }
   Tile Lookup(unsigned int col, unsigned long long version) {
-    ZrByteArray data = Data("before");
-    Tile tile = {0, "", 77};
-    tile.result = reader.Lookup(0, col, data, tile.filled, version);
-    tile.payload = Content(data);
-    return tile;
+    return ReadTile(reader, {0, col}, version);
   }
   Tile Read(unsigned int col) {
     reader.Close();
