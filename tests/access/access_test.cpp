@@ -126,17 +126,17 @@ TEST_F(Access, AWriteExcludesOthers) {
   static std::string s_file;
   static bool s_isExclusive;
   s_file = file;
-  s_isExclusive = true;
+  s_isExclusive = false;
   stub.SetPath(given);
   ASSERT_TRUE(Put(stub, 0, "first"));
   const SyscallFaults restore;
   GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
     struct flock shared = {};
     shared.l_type = F_RDLCK;
-    const int other = ::open(s_file.c_str(), O_RDWR);
-    ::fcntl(other, F_OFD_GETLK, &shared);
-    ::close(other);
-    s_isExclusive = s_isExclusive && shared.l_type == F_WRLCK;
+    const int beside = ::open(s_file.c_str(), O_RDWR);
+    ::fcntl(beside, F_OFD_GETLK, &shared);
+    ::close(beside);
+    s_isExclusive = shared.l_type == F_WRLCK;
     return ::pwrite(fd, bytes, size, position);
   };
   EXPECT_TRUE(Put(stub, 1, "second") && s_isExclusive);
