@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cerrno>
 #include <cmath>
@@ -8,7 +11,6 @@
 #include "ZrCompactFileCollection.h"
 #include "ZrCompactFileManager.h"
 #include "engine/EngineFixture.h"
-#include "support/Processes.h"
 #include "support/SyscallFaults.h"
 
 namespace Zarn {
@@ -80,7 +82,7 @@ TEST_F(Access, ManagerKeepsFourStubsByKey) {
   for (std::size_t n = 1; made == nullptr; ++n) {
     EXPECT_TRUE(isKept(u"k"));
     SyscallFaults shortage;
-    shortage.FailRequest(n);
+    shortage.FailCall(n, ENOMEM);
     made = manager.LookUp(0.5, 3, 7);
   }
   EXPECT_EQ(made, manager.LookUp(u"0.500000000000000_3_7")) << "smallest, but not the victim";
@@ -94,7 +96,7 @@ TEST_F(Access, StubFollowsItsPath) {
   EXPECT_EQ(fs::file_size(file), 76 + 8 * 128 * 128 + 44 + 5);
   ZrCompactFileStub fresh;
   fresh.SetPath(given);
-  EXPECT_TRUE(Put(stub, 1, "second") && Put(fresh, 2, "third"));
+  EXPECT_TRUE(Put(stub, 1, "second") && Put(fresh, 2, "third", 100));
   stub.SetPath(other);
   EXPECT_TRUE(Put(stub, 3, "fourth") && !fs::exists(otherFile)) << "the same but for case";
   InThreads(1, [&](int) { EXPECT_EQ(Get(stub, 0) + Get(stub, 3), "firstfourth"); });
@@ -117,6 +119,27 @@ TEST_F(Access, StubFollowsItsPath) {
     stub.SetPath(unusable);
     EXPECT_TRUE(!Put(stub, 3, "x") && Get(stub, 3) == "no");
   }
+}
+
+// Two that append at the same position would lose a tile.
+TEST_F(Access, AWriteExcludesOthers) {
+  static std::string s_file;
+  static bool s_isExclusive;
+  s_file = file;
+  s_isExclusive = false;
+  stub.SetPath(given);
+  ASSERT_TRUE(Put(stub, 0, "first"));
+  const SyscallFaults restore;
+  GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
+    struct flock shared = {};
+    shared.l_type = F_RDLCK;
+    const int beside = ::open(s_file.c_str(), O_RDWR);
+    ::fcntl(beside, F_OFD_GETLK, &shared);
+    ::close(beside);
+    s_isExclusive = shared.l_type == F_WRLCK;
+    return ::pwrite(fd, bytes, size, position);
+  };
+  EXPECT_TRUE(Put(stub, 1, "second") && s_isExclusive);
 }
 
 // The memory of a large tile, which comes back with the next lookup, does not go to those who look
@@ -148,7 +171,7 @@ TEST_F(Access, ShortageOfMemoryIsAnAnswer) {
     ZrByteArray data;
     unsigned long long filled = 0;
     SyscallFaults shortage;
-    shortage.FailRequest(n);
+    shortage.FailCall(n, ENOMEM);
     const bool isShared = collection.GetCompactFile(other, 2, 2) != nullptr;
     const bool isRead = fresh.Read(1, 0, data, filled, 1);
     isShort = shortage.HasFailed();
@@ -174,26 +197,6 @@ TEST_F(Access, ThousandsOfThreadsOnOneStubAndOneCollection) {
   }
   EXPECT_TRUE(faults == 0 && CountOpenDescriptors() <= 60);
   Check();
-}
-
-TEST_F(Access, ProcessesMakeOneFileAndLoseNoTile) {
-  const auto pathOf = [&](unsigned int round) { return folder.GetPath(std::to_string(round)); };
-  for (unsigned int round = 0; round < 100; ++round) {
-    stub.SetPath(pathOf(round));
-    if (round % 3 == 0) fs::remove(pathOf(round).ToUtf8() + ".cf");  // to be made by Write
-    const auto children = Support::Fork(2, [&](unsigned int process) {
-      ZrCompactFileStub own;
-      own.SetPath(pathOf(round));
-      unsigned int faults = 0;
-      for (unsigned int i = 0; i < 9; ++i)  // the last one leaves no room unwritten
-        faults += !Put(own, 2 * i + process, "tile", i < 8 ? 100 : 0);
-      return faults;
-    });
-    Support::ExpectEnd(children, 0);
-    ASSERT_EQ(Support::FileChecker(pathOf(round) + u".cf").errors, "");
-    for (unsigned int col = 0; col < 18; ++col)
-      ASSERT_EQ(Get(stub, col), "tile");
-  }
 }
 
 }  // namespace

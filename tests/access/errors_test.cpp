@@ -56,7 +56,7 @@ class Errors : public EngineTest {
     object.Close();
     Poke(path, 0, Bytes(mark, mark + 16));
   }
-  unsigned int Look() { return ReadTile(fresh, 0, 0, 1).result; }
+  unsigned int Look() { return ReadTile(fresh, {0, 0}, 1).result; }
   static unsigned int Look(ZrCompactFileReader& reader) {
     ZrByteArray data;
     unsigned long long filled;
@@ -88,7 +88,7 @@ class Errors : public EngineTest {
     return result;
   }
   unsigned int OpenWithoutLocks() {
-    const PretendToSync restored;
+    const SyscallFaults restored;
     GetFileSyscalls().lock = [](int, int, struct flock*) { return errno = ENOLCK, -1; };
     return Open(path, kLocked);
   }
@@ -118,7 +118,7 @@ class Errors : public EngineTest {
     ZrByteArray data;
     unsigned long long filled;
     SyscallFaults faults;
-    faults.FailRequest(1, SyscallFaults::kFromThenOn);
+    faults.FailCall(1, ENOMEM, SyscallFaults::kFromThenOn);
     return fresh.Lookup(0, 1, data, filled, 1);
   }
   unsigned int StoreBatch() {
@@ -183,8 +183,11 @@ TEST_F(Errors, EachCauseIsToldByAFaultThatProvokesIt) {
       {"store into", [&] { return StoreWithinCompaction(); }, 10, C::kInUse, 0, "it is in use"},
       {"store into", [&] { return about = u"", unopened.SetAt(0, 0, Data("x"), 0, 0, 1); }, 6,
        C::kNotOpen, 0, "no file is open"},
-      {"read from", [&] { return about = u"", ReadTile(unopened, 0, 0, 1).result; }, 9, C::kNotOpen,
-       0, "no file is open"},
+      {"read from",
+       [&] {
+         return about = u"", ReadTile(unopened, {0, 0}, 1).result;
+       },
+       9, C::kNotOpen, 0, "no file is open"},
       {"open", [&] { return Open(missing, 2); }, 5, C::kNoFile, ENOENT,
        "there is no such file (No such file or directory)"},
       {"read from", [&] { return Read(1, 1, 1).result; }, 5, C::kNoTile, 0,
@@ -282,7 +285,7 @@ TEST_F(Errors, EachCauseIsToldByAFaultThatProvokesIt) {
 // Another one's change makes the first attempt, whose read fails, count for nothing.
 TEST_F(Errors, AnAttemptThatDoesNotCountIsNoCause) {
   static ZrCompactFile* s_other;
-  const PretendToSync restored;
+  const SyscallFaults restored;
   Reopen(kLocked);
   ASSERT_EQ(Open(path, kLocked), 0U);
   ASSERT_EQ(Look(), 0U);

@@ -7,11 +7,13 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
-#include "FileSyscalls.h"
 #include "ZrCompactFile.h"
 #include "ZrCompactFileWriter.h"
-#include "support/FileChecker.h"
+#include "support/RawFile.h"
 #include "support/TemporaryFolder.h"
 
 namespace Zarn {
@@ -36,40 +38,43 @@ inline std::string Content(const ZrByteArray& data) {
                                       static_cast<std::size_t>(data.GetSize()));
 }
 
-inline Tile ReadTile(ZrCompactFile& file, unsigned int row, unsigned int col,
-                     unsigned long long version) {
-  ZrByteArray data = Data("before");
-  Tile tile{0, "", 77};
-  tile.result = file.Lookup(row, col, data, tile.filled, version);
-  tile.payload = Content(data);
-  return tile;
-}
+/// What addresses a tile: a cell, or a name.
+struct Subject {
+  Subject(unsigned int itsRow, unsigned int itsCol) : row(itsRow), col(itsCol) {}
+  Subject(PelmUnicodeString itsName) : isName(true), name(std::move(itsName)) {}
+  Subject(const char16_t* itsName) : Subject(PelmUnicodeString(itsName)) {}
 
-inline Tile ReadTile(ZrCompactFile& file, const PelmUnicodeString& name,
-                     unsigned long long version) {
-  ZrByteArray data = Data("before");
-  Tile tile{0, "", 77};
-  tile.result = file.Lookup(name, data, tile.filled, version);
-  tile.payload = Content(data);
-  return tile;
-}
+  /// Calls the one that is for names, or for cells.
+  auto operator()(auto call) const { return isName ? call(name) : call(row, col); }
 
-/// While it lives, no sync waits for the disk. For tests that are about what is written, and in
-/// which order, many times over. Made before a SyscallFaults.
-class PretendToSync {
- public:
-  PretendToSync() {
-    const auto nothing = [](int) { return 0; };
-    GetFileSyscalls().fdatasync = nothing;
-    GetFileSyscalls().fsync = nothing;
-  }
-  ~PretendToSync() { GetFileSyscalls() = m_saved; }
-  PretendToSync(const PretendToSync&) = delete;
-  PretendToSync& operator=(const PretendToSync&) = delete;
-
- private:
-  const FileSyscalls m_saved = GetFileSyscalls();
+  bool isName = false;
+  unsigned int row = 0, col = 0;
+  PelmUnicodeString name;
 };
+
+/// What a lookup gives; light readers know no names.
+inline Tile ReadTile(auto& file, const Subject& at, unsigned long long version) {
+  ZrByteArray data = Data("before");
+  Tile tile{0, "", 77};
+  const auto look = [&](auto&&... to) { return file.Lookup(to..., data, tile.filled, version); };
+  if constexpr (std::is_same_v<decltype(file), ZrCompactFile&>)
+    tile.result = at(look);
+  else
+    tile.result = look(at.row, at.col);
+  tile.payload = Content(data);
+  return tile;
+}
+inline unsigned int StoreTile(ZrCompactFile& file, const Subject& at, const ZrByteArray& data,
+                              unsigned long long version, unsigned long long capacity = 0,
+                              unsigned long long offset = 0) {
+  return at([&](auto&&... to) { return file.SetAt(to..., data, capacity, offset, version); });
+}
+inline unsigned int RemoveTile(ZrCompactFile& file, const Subject& at, unsigned long long version) {
+  return at([&](auto&&... to) { return file.Remove(to..., version); });
+}
+inline unsigned int StatusOf(ZrCompactFile& file, const Subject& at) {
+  return at([&](auto&&... to) -> unsigned int { return file.GetStatus(to...); });
+}
 
 /// A folder, an object, and a file in it.
 class EngineTest : public ::testing::Test {
@@ -130,27 +135,45 @@ class EngineTest : public ::testing::Test {
     object.Close();
     ASSERT_EQ(object.Open(path, u"", mode), 0U);
   }
-  unsigned int Store(unsigned int row, unsigned int col, std::string_view text,
-                     unsigned long long version, unsigned long long capacity = 0,
-                     unsigned long long offset = 0) {
-    return object.SetAt(row, col, Data(text), capacity, offset, version);
+  unsigned int Store(const Subject& at, std::string_view text, unsigned long long version = 1,
+                     unsigned long long capacity = 0, unsigned long long offset = 0) {
+    return StoreTile(object, at, Data(text), version, capacity, offset);
   }
-  unsigned int Store(const PelmUnicodeString& name, std::string_view text,
-                     unsigned long long version = 1, unsigned long long capacity = 0,
-                     unsigned long long offset = 0) {
-    return object.SetAt(name, Data(text), capacity, offset, version);
+  unsigned int Store(unsigned int row, unsigned int col, auto... what) {
+    return Store(Subject(row, col), what...);
+  }
+  Tile Read(const Subject& at, unsigned long long version = ~0ULL) {
+    return ReadTile(object, at, version);
   }
   Tile Read(unsigned int row, unsigned int col, unsigned long long version) {
-    return ReadTile(object, row, col, version);
+    return Read(Subject(row, col), version);
   }
-  Tile Read(const PelmUnicodeString& name, unsigned long long version = ~0ULL) {
-    return ReadTile(object, name, version);
+  /// Expects the file to be sound, and answers its bytes.
+  Support::Bytes Check() const {
+    ZrCompactFile file;
+    ZrCompactFile::ZrVerifySummary summary;
+    EXPECT_EQ(file.Open(path, u"", ZrCompactFile::kReadOnly), 0U);
+    const auto show = [](const ZrCompactFile::ZrFinding& finding) {
+      ADD_FAILURE() << finding.message << " at " << finding.position;
+      return true;
+    };
+    EXPECT_TRUE(file.Verify(summary, show) == 0 && summary.unwrittenBytes == 0);
+    return Support::ReadFile(path);
   }
-  /// Walks the file and expects it to be well-formed.
-  Support::FileChecker Check() {
-    Support::FileChecker checker(path);
-    EXPECT_EQ(checker.errors, "");
-    return checker;
+  /// The last bytes of the file, which is sound.
+  Support::Bytes Last(std::size_t size) const {
+    const Support::Bytes file = Check();
+    return {file.end() - static_cast<std::ptrdiff_t>(size), file.end()};
+  }
+  /// A record of a grid by hand: stamps and positions of its versions, and the newest one's bytes.
+  Support::Bytes Record(const std::vector<std::pair<unsigned long long, std::uint64_t>>& versions,
+                        std::string_view payload) const {
+    using Support::operator+;
+    Support::Bytes table;
+    for (const auto& [stamp, position] : versions)
+      table = table + Number(stamp) + Number(1ULL << 56 | position);
+    return Number(28 + table.size() + payload.size()) + Number(versions.size(), 4) + table +
+           Number(payload.size()) + Number(payload.size()) + Support::Text(payload);
   }
   bool IsBig() const { return m_big; }
   /// A number in the file's byte order.

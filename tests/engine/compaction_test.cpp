@@ -83,7 +83,10 @@ TEST_P(CompactionInBothOrders, GoneVersionsGo) {
   ASSERT_EQ(Read(0, 0, 3).payload, "version 3");
   ASSERT_EQ(object.Compact(), 0U);
   EXPECT_TRUE(object.IsVersionEnabled());
-  EXPECT_EQ(Check().Describe(Check().GetEntry() & 0x00FFFFFFFFFFFFFF), "69, 4:1|0 1:1|84, 9/9");
+  using Support::Native;
+  EXPECT_EQ(Last(61), Native(2, 4) + Native(4) + Native(1ULL << 56) + Native(1) +
+                          Native(1ULL << 56 | 84) + Native(9) + Native(9) +
+                          Support::Text("version 4"));
   EXPECT_EQ(Read(0, 0, 1).payload + Read(0, 0, 3).payload, "version 1version 4");
 }
 
@@ -93,7 +96,7 @@ TEST_P(CompactionInBothOrders, ManyVersionsTakeNoMoreThanTheirPayloads) {
   for (unsigned int version = 2; version <= 400; version += 2)
     ASSERT_EQ(Store(u"name", "text " + std::to_string(version), version), 0U);
   ASSERT_EQ(object.Compact(), 0U);
-  EXPECT_LT(Check().GetSize(), 200U * (60 + 8 + 16) + 4096 + 200);
+  EXPECT_LT(Check().size(), 200U * (60 + 8 + 16) + 4096 + 200);
   for (unsigned int newest = 400; newest > 390; newest -= 2) {
     ASSERT_EQ(Store(u"name", "new " + std::to_string(newest - 1), newest - 1), 0U);
     ASSERT_EQ(object.Remove(u"name", newest) + object.Remove(u"name", newest - 1), 0U);
@@ -106,7 +109,6 @@ TEST_P(CompactionInBothOrders, ManyVersionsTakeNoMoreThanTheirPayloads) {
 // A tile whose older versions have records of one entry; and then all lie in what others have
 // reserved, of which the first has the most, and comes last in the index.
 TEST_F(Compaction, NoFileBecomesLonger) {
-  using Support::Native;
   for (const bool crowded : {false, true}) {
     SCOPED_TRACE(crowded);
     Forget();
@@ -121,14 +123,12 @@ TEST_F(Compaction, NoFileBecomesLonger) {
     ASSERT_TRUE(writer.WriteIndexValue(0, 39, write(std::string(70000, 'f'), 90000, 1)));
     for (unsigned int col = 1; col < 39; ++col)
       ASSERT_TRUE(writer.WriteIndexValue(0, col, write(CrowdedTile(col), 3000, 1)));
-    Support::Bytes table = Native(20) + Native(1ULL << 56);
+    std::vector<std::pair<unsigned long long, std::uint64_t>> versions = {{20, 0}};
     for (unsigned int version = 19; version > 0; --version)
-      table = table + Native(version) + Native(write("older", version == 1 ? 5000 : 0, version));
+      versions.emplace_back(version, write("older", version == 1 ? 5000 : 0, version));
     const std::size_t current = ReadFile(path).size();
     ASSERT_TRUE(writer.WriteIndexValue(0, 0, 1ULL << 56 | current));
-    Support::Poke(path, current,
-                  Native(28 + 20 * 16 + 3) + Native(20, 4) + table + Native(3) + Native(3) +
-                      Support::Text("new"));
+    Support::Poke(path, current, Record(versions, "new"));
     if (crowded) Support::WriteFile(path, ReadFile(path) + Support::Bytes(90000));
     const auto readAll = [&] {
       std::vector<Tile> tiles;
@@ -141,10 +141,10 @@ TEST_F(Compaction, NoFileBecomesLonger) {
     };
     Reopen();
     const std::vector<Tile> before = readAll();
-    const std::size_t length = Check().GetSize();
+    const std::size_t length = Check().size();
     ASSERT_EQ(object.Compact(), 0U);
     EXPECT_EQ(readAll(), before);
-    EXPECT_LE(Check().GetSize(), length);
+    EXPECT_LE(Check().size(), length);
     ASSERT_EQ(Store(0, 39, std::string(90000, 'x'), 1) + Store(0, 38, "last", 1), 0U);
     EXPECT_EQ(Read(0, 5, 1).payload.substr(0, 6), "tile 5");
   }
@@ -170,7 +170,7 @@ TEST_P(CompactionInBothOrders, Names) {
     std::memcpy(&now, &file[11], sizeof now);
     EXPECT_TRUE(std::isfinite(time) ? now > time : std::isfinite(now));
     ASSERT_EQ(object.Remove(u"kept", 1) + object.Compact(), 0U);
-    EXPECT_EQ(Check().GetSize(), 64U + 36U + 5U * 16U);
+    EXPECT_EQ(Check().size(), 64U + 36U + 5U * 16U);
   }
 }
 
@@ -315,8 +315,11 @@ TEST_F(Compaction, AnImageLetsInNobodyElse) {
     return seen;
   };
   // User 1234 may read and write, the group may not, which the mode does not tell.
-  const Support::Bytes list = Support::Hex(
-      "02000000 01000600 FFx4 02000600 D2040000 04000000 FFx4 10000600 FFx4 20000000 FFx4");
+  Support::Bytes list = Support::Number(2, 4, false);  // the version
+  for (const auto& [who, may, id] :
+       {std::tuple{1, 6, -1}, {2, 6, 1234}, {4, 0, -1}, {0x10, 6, -1}, {0x20, 0, -1}})
+    list = list + Support::Number(who, 2, false) + Support::Number(may, 2, false) +
+           Support::Number(id, 4, false);
   const auto setList = [&](const std::string& name, const char* kind) {
     return ::setxattr(name.c_str(), kind, list.data(), list.size(), 0) == 0;
   };

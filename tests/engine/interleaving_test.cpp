@@ -101,12 +101,10 @@ class Orders : public EngineTest, public ::testing::WithParamInterface<std::size
   Orders() : EngineTest(TemporaryFolder::kMemory) {}
 
   bool IsNaming() const { return m_layout == kNames || m_layout == kFullNames; }
-  // Calls the one that is for names, or for cells.
-  template <typename Call>
-  auto At(unsigned int cell, Call call) const {
-    return IsNaming() ? call(Name(cell)) : call(0U, Col(cell));
+  Subject At(unsigned int cell) const {
+    if (IsNaming()) return PelmUnicodeString(u"names of tiles", 1 + cell);
+    return {0, Col(cell)};
   }
-  static PelmUnicodeString Name(unsigned int cell) { return {u"names of tiles", 1 + cell}; }
   unsigned int Col(unsigned int cell) const {
     if (m_layout != kWideGrid) return cell;
     return cell == m_row.changes[0].cell ? 502 : 495 + cell;
@@ -121,17 +119,15 @@ class Orders : public EngineTest, public ::testing::WithParamInterface<std::size
   }
   unsigned int Apply(ZrCompactFile& file, const Change& change) const {
     const ZrByteArray data = DataOf(change);
-    const auto remove = [&](auto... at) { return file.Remove(at..., change.stamp); };
-    const auto store = [&](auto... at) { return file.SetAt(at..., data, 0, 0, change.stamp); };
     if (change.what == Change::kCompact) return file.Compact();
-    if (change.what == Change::kRemove) return At(change.cell, remove);
-    if (change.what == Change::kSet) return At(change.cell, store);
+    if (change.what == Change::kRemove) return RemoveTile(file, At(change.cell), change.stamp);
+    if (change.what == Change::kSet) return StoreTile(file, At(change.cell), data, change.stamp);
     std::vector<ZrCompactFile::ZrCellStore> cells;
     std::vector<ZrCompactFile::ZrNameStore> names;
     std::vector<unsigned int> results;
     for (const unsigned int cell : {change.cell, change.cell + 1}) {
       cells.push_back({0, Col(cell), &data, 0, 0, change.stamp});
-      names.push_back({Name(cell), &data, 0, 0, change.stamp});
+      names.push_back({At(cell).name, &data, 0, 0, change.stamp});
     }
     return IsNaming() ? file.SetBatch(names, results) : file.SetBatch(cells, results);
   }
@@ -151,15 +147,10 @@ class Orders : public EngineTest, public ::testing::WithParamInterface<std::size
     return 0;
   }
 
-  Tile Look(ZrCompactFile& file, const Place& place) const {
-    return At(place.cell, [&](auto... at) { return ReadTile(file, at..., place.stamp); });
-  }
-  Tile Look(ZrCompactFileReader& file, const Place& place) const {
-    ZrByteArray data;
-    Tile tile;
-    tile.result = file.Lookup(0, Col(place.cell), data, tile.filled, place.stamp);
-    tile.payload = Content(data);
-    return tile.result == 0 && tile.payload.empty() ? Tile{kNotFound, "", 0} : tile;
+  // Of a tile that is not there, light readers answer no bytes.
+  Tile Look(auto& file, const Place& place) const {
+    const Tile tile = ReadTile(file, At(place.cell), place.stamp);
+    return tile == Tile() ? Tile{kNotFound, "", 0} : tile;
   }
 
   void MakeFile() {

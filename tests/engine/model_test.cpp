@@ -41,31 +41,18 @@ class RandomTiles : public EngineTest,
 
   RandomTiles() : EngineTest(TemporaryFolder::kMemory) {}
 
-  PelmUnicodeString NameOf(unsigned int tile) const {
-    if (firstCol != 0) return {u"names of tiles", 1 + tile};
+  Subject At(unsigned int tile) const {
+    if (!isNaming) return {0, firstCol + tile};
+    if (firstCol != 0) return PelmUnicodeString(u"names of tiles", 1 + tile);
     // Three pairs have one hash each.
     const char16_t* const names[] = {u"1yeg98dgy", u"sm38f3s71", u"f1qe6747c", u"fqecng9yn",
                                      u"k9fzdqzdp", u"urp901231", u"alone",     u"a"};
     return tile < kTiles ? names[tile] : u"";
   }
   unsigned int Below(unsigned int limit) { return static_cast<unsigned int>(random() % limit); }
-  // Calls the one that is for names, or for cells.
-  template <typename Call>
-  auto At(unsigned int tile, Call call) const {
-    return isNaming ? call(NameOf(tile)) : call(0U, firstCol + tile);
-  }
   void Make(Stamp capacity, unsigned int cols) {
     ZrFile::Delete(path);
     isNaming ? MakeNaming(capacity, isForeign) : MakeGrid(1, cols, isForeign);
-  }
-  Tile Get(ZrCompactFile& file, unsigned int tile, Stamp stamp) const {
-    return At(tile, [&](auto... at) { return ReadTile(file, at..., stamp); });
-  }
-  unsigned int Status(ZrCompactFile& file, unsigned int tile) const {
-    return At(tile, [&](auto... at) { return unsigned{file.GetStatus(at...)}; });
-  }
-  unsigned int Remove(ZrCompactFile& file, unsigned int tile, Stamp stamp) const {
-    return At(tile, [&](auto... at) { return file.Remove(at..., stamp); });
   }
   std::vector<unsigned int> StoreAll(ZrCompactFile& file, const std::vector<Request>& stores,
                                      bool isBatch) const {
@@ -77,12 +64,10 @@ class RandomTiles : public EngineTest,
     std::vector<ZrCompactFile::ZrNameStore> names;
     for (std::size_t i = 0; i < stores.size(); ++i) {
       const auto& [tile, text, capacity, offset, stamp] = stores[i];
-      cells.push_back({0, firstCol + tile, &data[i], capacity, offset, stamp});
-      names.push_back({NameOf(tile), &data[i], capacity, offset, stamp});
-      const auto store = [&, &cell = cells[i]](auto... at) {
-        return file.SetAt(at..., *cell.data, cell.capacity, cell.offset, cell.version);
-      };
-      if (!isBatch) results.push_back(At(tile, store));
+      const Subject at = At(tile);
+      cells.push_back({at.row, at.col, &data[i], capacity, offset, stamp});
+      names.push_back({at.name, &data[i], capacity, offset, stamp});
+      if (!isBatch) results.push_back(StoreTile(file, at, data[i], stamp, capacity, offset));
     }
     if (isBatch) isNaming ? file.SetBatch(names, results) : file.SetBatch(cells, results);
     return results;
@@ -91,7 +76,6 @@ class RandomTiles : public EngineTest,
   const bool isNaming = std::get<0>(GetParam()), isForeign = std::get<1>(GetParam());
   unsigned int firstCol = 0;  // if it is another one, no names have one hash
   std::mt19937 random;
-  const PretendToSync quick;
 };
 
 std::string NameOfParam(const ::testing::TestParamInfo<std::tuple<bool, bool>>& param) {
@@ -205,7 +189,7 @@ class Model : public RandomTiles {
       } else if (kind < 3) {
         Reopen(mode | (Below(2) == 0 ? 0 : ZrCompactFile::kMapped));
       } else if (kind < 6) {
-        ASSERT_EQ(Remove(file, tile, stamp), isNaming && slot == nullptr ? 10U : 0U);
+        ASSERT_EQ(RemoveTile(file, At(tile), stamp), isNaming && slot == nullptr ? 10U : 0U);
         if (slot != nullptr) ForgetVersion(file, *slot, tile, stamp);
       } else if (kind < 14) {
         std::vector<Request> stores;
@@ -216,10 +200,11 @@ class Model : public RandomTiles {
         for (const Request& store : stores)
           model.Put(store);
       } else {
-        (slot != nullptr ? slot->tile : ModelTile()).ExpectSame(Get(file, tile, stamp), stamp);
+        (slot != nullptr ? slot->tile : ModelTile())
+            .ExpectSame(ReadTile(file, At(tile), stamp), stamp);
       }
       const ModelNames::Slot* after = model.Find(tile);
-      EXPECT_EQ(Status(file, tile), after != nullptr ? after->tile.status : 0U);
+      EXPECT_EQ(StatusOf(file, At(tile)), after != nullptr ? after->tile.status : 0U);
     }
     Check();
     other.Close();
@@ -238,7 +223,7 @@ class Model : public RandomTiles {
   void ForgetVersion(ZrCompactFile& file, ModelNames::Slot& slot, unsigned int tile, Stamp stamp) {
     if (slot.tile.status == 0 || slot.tile.versions.erase(stamp) == 0) return;
     // The status is then what the file has noted for the version that is the newest now.
-    slot.tile.status = slot.tile.versions.empty() ? 0 : Status(file, tile);
+    slot.tile.status = slot.tile.versions.empty() ? 0 : StatusOf(file, At(tile));
     EXPECT_EQ(slot.tile.versions.empty(), slot.tile.status == 0);
   }
 };
@@ -272,8 +257,9 @@ TEST_P(Model, FilesAreTheSameHoweverTheyAreMade) {
         if (!isOften && Below(90) == 0) stores.back().capacity = ~0ULL;
       }
       const unsigned int kind = Below(6);
-      const auto results = kind == 0 ? std::vector{Remove(object, stores[0].tile, stores[0].stamp)}
-                                     : StoreAll(object, stores, how == kInBatches || kind == 1);
+      const auto results =
+          kind == 0 ? std::vector{RemoveTile(object, At(stores[0].tile), stores[0].stamp)}
+                    : StoreAll(object, stores, how == kInBatches || kind == 1);
       made.second.insert(made.second.end(), results.begin(), results.end());
     }
     object.Close();
@@ -301,12 +287,12 @@ class PowerLossAfterFlush : public RandomTiles {
       m_touched[i] = std::min(m_touched[i], step);
     }
     if (Below(8) == 0)
-      Remove(object, tile, stamp);
+      RemoveTile(object, At(tile), stamp);
     else
       ASSERT_EQ(StoreAll(object, stores, true), std::vector<unsigned int>(count));
   }
   // To the end; or on a disk that fills, or cut short; one of a disk that fills ends it, too.
-  void Compact(PowerLoss& power) {
+  void Compact(SyscallFaults& power) {
     const int faults[] = {0, EIO, ENOSPC}, fault = faults[Below(3)];
     const std::size_t before = power.GetCount();
     const unsigned int call = m_calls / 2 + Below(m_calls / 2);  // once the new file is complete
@@ -324,7 +310,7 @@ class PowerLossAfterFlush : public RandomTiles {
   std::string ReadAll(ZrCompactFile& file, unsigned int tile) const {
     std::ostringstream all;
     for (Stamp stamp = 1; stamp <= 3; ++stamp)
-      all << Get(file, tile, stamp);
+      all << ReadTile(file, At(tile), stamp);
     return all.str();
   }
   // A tile that is stored after the loss is not what a lost one's entry leads to.
@@ -335,7 +321,7 @@ class PowerLossAfterFlush : public RandomTiles {
     for (unsigned int tile = 0; tile < kTiles; ++tile)
       for (Stamp stamp = 9; stamp > 0; --stamp)
         StoreAll(file, {{tile, "x", 0, 0, stamp}}, false);
-    EXPECT_EQ(ReadTile(file, 0, 0, 9), (Tile{0, "new", 3}));
+    EXPECT_EQ(ReadTile(file, {0, 0}, 9), (Tile{0, "new", 3}));
   }
 
   unsigned int m_calls = 60;                    // that a compaction takes
@@ -351,7 +337,7 @@ TEST_P(PowerLossAfterFlush, KeepsWhatWasNotTouchedSince) {
   for (int round = 0; round < 200 && !HasFailure(); ++round) {
     SCOPED_TRACE(round);
     Make(2, 600);
-    PowerLoss power(folder.GetFolder().string());
+    SyscallFaults power(folder.GetFolder().string());
     for (int i = 0; i < 15; ++i)
       round % 8 == 7 && i == 12 ? Compact(power) : Change(0);
     ASSERT_TRUE(object.Flush());

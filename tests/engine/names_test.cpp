@@ -19,6 +19,8 @@ using Support::operator+;
 // In both byte orders.
 class Names : public EngineTest, public ::testing::WithParamInterface<bool> {
  public:
+  Names() : EngineTest(TemporaryFolder::kMemory) {}
+
   std::multiset<std::string> List() {
     PelmArray<Name> names;
     EXPECT_TRUE(object.GetValidNamingList(names));
@@ -116,7 +118,6 @@ TEST_P(Names, AreFoundByTheirWholeCode) {
 // With lookups of another thread, and of an object that hears of them one by one, or of many.
 TEST_P(Names, AreFoundWhileTheirTableGrows) {
   constexpr int kCount = 6000, kUnheard = 1000;
-  const PretendToSync pretend;
   MakeNaming(1, GetParam());
   Reopen(ZrCompactFile::kProcessLock);
   ZrCompactFile beside;

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,19 +19,17 @@
 #include "engine/EngineFixture.h"
 #include "support/Processes.h"
 #include "support/RawFile.h"
+#include "support/SyscallFaults.h"
 
 namespace Zarn {
 namespace {
 
 using Mode = ZrCompactFile::ZrOpenMode;
-using Support::ExpectEnd;
-using Support::Fork;
 
 constexpr Mode kLocked = ZrCompactFile::kCreateMissing | ZrCompactFile::kProcessLock;
 
 class Sharing : public EngineTest {
  protected:
-  const PretendToSync quick;  // restores all calls
   ZrCompactFile fresh;
 };
 
@@ -40,6 +37,7 @@ TEST_F(Sharing, ARecordIsBeingWrittenWhenACheckBegins) {
   static off_t s_length = 100;  // of the file as the check finds it: within the record's head
   MakeGrid(1, 2);
   ASSERT_EQ(Store(0, 0, "tile", 1), 0U);
+  const SyscallFaults restore;
   GetFileSyscalls().lseek = [](int fd, off_t offset, int whence) {
     const off_t result = ::lseek(fd, offset, whence);
     return whence == SEEK_END ? std::min(result, std::exchange(s_length, result)) : result;
@@ -49,29 +47,21 @@ TEST_F(Sharing, ARecordIsBeingWrittenWhenACheckBegins) {
 }
 
 TEST_F(Sharing, OpenersOfAMissingFileMakeOne) {
-  constexpr unsigned int kProcesses = 4, kRounds = 100;
-  void* const shared =
-      ::mmap(nullptr, 8, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  auto& arrived = *new (shared) std::atomic<unsigned int>(0);
-  const auto children = Fork(kProcesses, [&](unsigned int i) {
-    unsigned int faults = 0;
-    for (unsigned int round = 1; round <= kRounds; ++round) {
-      for (++arrived; arrived < kProcesses * round;)
-        std::this_thread::yield();
-      ZrCompactFile file;
-      faults += file.Open(folder.GetPath(std::to_string(round)), u"", kLocked);
-      faults += file.SetAt(PelmUnicodeString(u"names", 1 + i), Data("tile"), 0, 0, 1);
-    }
-    return faults;
-  });
-  ExpectEnd(children, 0);
-  EXPECT_EQ(folder.CountFiles(), kRounds);
-  unsigned int capacity = 0, count = 0;
-  for (unsigned int round = 1; round <= kRounds; ++round) {
-    ASSERT_EQ(object.Open(folder.GetPath(std::to_string(round)), u"", 2), 0U);
-    object.GetIndexInfo(capacity, count);
-    ASSERT_EQ(count, kProcesses) << "a tile of each";
-  }
+  static ZrCompactFile* s_fresh;  // which makes it before the other one can
+  static PelmUnicodeString s_path;
+  static int (*s_rename)(const char*, const char*);
+  s_fresh = &fresh;
+  s_path = path;
+  s_rename = GetFileSyscalls().renameNoReplace;
+  GetFileSyscalls().renameNoReplace = [](const char* from, const char* to) {
+    GetFileSyscalls().renameNoReplace = s_rename;
+    EXPECT_EQ(s_fresh->Open(s_path, u"", kLocked), 0U);
+    EXPECT_EQ(s_fresh->SetAt(u"theirs", Data("tile"), 0, 0, 1), 0U);
+    return s_rename(from, to);
+  };
+  ASSERT_EQ(object.Open(path, u"", kLocked) + Store(u"ours", "tile"), 0U);
+  EXPECT_EQ(Read(u"theirs").payload + Read(u"ours").payload, "tiletile");
+  EXPECT_EQ(folder.CountFiles(), 1U);
 }
 
 TEST_F(Sharing, FollowsThePath) {
@@ -95,9 +85,10 @@ TEST_F(Sharing, AnotherPasswordShutsOut) {
   MakeGrid(1, 2, false, kLocked);
   ASSERT_EQ(Store(0, 0, "tile", 1), 0U);
   const auto change = [&](const PelmUnicodeString& from, const PelmUnicodeString& to) {
-    return fresh.Open(path, from, kLocked) == 0 ? fresh.SetPassword(to) : 0;
+    ZrCompactFile other;
+    return other.Open(path, from, kLocked) == 0 ? other.SetPassword(to) : 0;
   };
-  ExpectEnd(Fork(1, [&](unsigned int) { return change(u"", u"secret") - 1; }), 0);
+  EXPECT_EQ(change(u"", u"secret"), 1U);
   const Support::Bytes scrambled = Support::ReadFile(path);
   EXPECT_EQ(Read(0, 0, 1), (Tile{9, "before", 0}));
   EXPECT_EQ(Store(0, 1, "x", 1), 10U);
@@ -226,16 +217,14 @@ TEST_P(SharingReadOnly, SeesWhatIsStored) {
     std::filesystem::create_directory(here + name);
   ::chmod(path.ToUtf8().c_str(), 0644);
   ::chmod(here.c_str(), 0755);
-  const auto child = Fork(1, [&](unsigned int) {
+  const Support::Child child([&] {
     if (!MakeView()) ::_exit(kUnable);
-    return SeesWhatIsStored(kReadOnly | ZrCompactFile::kMapped, 2) && SeesWhatIsStored(kReadOnly, 3)
-               ? 0
-               : 1;
+    return SeesWhatIsStored(kReadOnly | ZrCompactFile::kMapped, 2) &&
+           SeesWhatIsStored(kReadOnly, 3);
   });
-  int status = -1;
-  ::waitpid(child[0], &status, 0);
-  if (status == kUnable << 8) GTEST_SKIP() << "needs root, and that it may mount";
-  EXPECT_EQ(status, 0);
+  const int end = child.Wait(WEXITED);
+  if (end == kUnable) GTEST_SKIP() << "needs root, and that it may mount";
+  EXPECT_EQ(end, 0);
 }
 
 // What a light writer stores takes no lock, so it may come at any moment of the batch.
@@ -249,6 +238,7 @@ TEST_F(Sharing, ABatchLeavesAloneTheCellsBetweenItsOwn) {
   s_entry = 76 + 3 * 8;
   const ZrByteArray data = Data("batch");
   std::vector<unsigned int> results;
+  const SyscallFaults restore;
   GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
     if (position == s_entry) {
       s_entry = 0;

@@ -1,13 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <functional>
 #include <string>
-#include <tuple>
 
 #include "engine/EngineFixture.h"
-#include "support/SyscallFaults.h"
 
 namespace Zarn {
 namespace {
@@ -39,9 +34,10 @@ TEST_P(Versions, TheNewestThatIsLeftHasItsStatus) {
 
 TEST_P(Versions, ATableSaysWhereEachVersionIs) {
   ASSERT_EQ(Store("AAAA", 5) + Store("BBBBBB", 9) + Store("longer", 5), 0U);
-  EXPECT_EQ(Check().Describe(132), "66, 9:1|132 5:1|198, 6/6");
+  using Support::operator+;
+  EXPECT_EQ(Last(116), Record({{9, 132}, {5, 198}}, "BBBBBB") + Record({{5, 0}}, "longer"));
   ASSERT_EQ(Store("CC", 7), 0U);
-  EXPECT_EQ(Check().Describe(294), "82, 9:1|132 7:1|248 5:1|198, 6/6");
+  EXPECT_EQ(Last(82), Record({{9, 132}, {7, 248}, {5, 198}}, "BBBBBB"));
 }
 
 TEST_P(Versions, PiecesKeepWhatWasThere) {
@@ -64,43 +60,6 @@ TEST_P(Versions, WithoutVersionsATileIsNeverRewritten) {
   EXPECT_EQ(object.GetStatus(0, 0), ZrCompactFile::kComplete) << "it follows the store";
   EXPECT_EQ(object.Remove(0, 0, 1), 0U);
   EXPECT_EQ(Read(1).payload, std::string("first\0\0\0", 8));
-}
-
-// A write is cut short, as by a limit on the size of files, and then fails: what answers 10 has
-// changed nothing. All records lie in one page.
-TEST_P(Versions, AChangeWithinAPageThatFailsIsTakenBack) {
-  static std::size_t s_room;  // bytes that can be written before one write fails
-  ASSERT_EQ(Store("one", 1) + Store("two", 2) + Store("new", 3, 6), 0U);
-  object.Close();
-  const Support::Bytes good = Support::ReadFile(path);
-  const auto state = [&] { return std::tuple(Read(1), Read(2), Read(3), object.GetStatus(0, 0)); };
-  const std::function<unsigned int()> operations[] = {
-      [&] { return Store("NEWEST", 3); }, [&] { return Store("123", 2); },
-      [&] { return object.Remove(0, 0, 2); }, [&] { return object.Remove(0, 0, 3); }};
-  for (const auto& operation : operations) {
-    std::size_t room = 0;
-    do {
-      SCOPED_TRACE(std::to_string(&operation - operations) + " " + std::to_string(room));
-      object.Close();
-      Support::WriteFile(path, good);
-      Reopen();
-      const auto before = state();
-      s_room = room++;
-      const SyscallFaults restore;
-      GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t position) {
-        const std::size_t now = std::min(size, s_room);
-        s_room = now == 0 ? SIZE_MAX : s_room - now;
-        return now == 0 ? errno = EFBIG, -1 : ::pwrite(fd, bytes, now, position);
-      };
-      GetFileSyscalls().pwritev = [](int fd, const iovec* parts, int, off_t position) {
-        return GetFileSyscalls().pwrite(fd, parts->iov_base, parts->iov_len, position);
-      };
-      const unsigned int result = operation();
-      EXPECT_TRUE(result == 0 || result == 10);
-      EXPECT_EQ(state() == before, result == 10);
-    } while (s_room > good.size());
-    EXPECT_GT(room, 8U);
-  }
 }
 
 }  // namespace

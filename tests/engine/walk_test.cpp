@@ -17,6 +17,7 @@
 #include "engine/EngineFixture.h"
 #include "support/Processes.h"
 #include "support/RawFile.h"
+#include "support/SyscallFaults.h"
 
 namespace Zarn {
 namespace {
@@ -56,7 +57,7 @@ class WalkBase : public EngineTest {
     return static_cast<unsigned int>(std::stoul(name.ToUtf8().substr(1)));
   }
 
-  const PretendToSync quick;
+  const SyscallFaults restored;
   const bool isNaming;
 };
 
@@ -141,9 +142,9 @@ TEST_P(Walk, GivesEachTileThatStaysOnceBesideThreadsAndProcesses) {
     }
     return faults;
   };
-  const auto children = Support::Fork(1, [&](unsigned int) {
+  const Support::Child child([&] {
     ZrCompactFile file;
-    return file.Open(path, u"", kLocked) != 0 ? 1 : work(file, 1, 3000);
+    return file.Open(path, u"", kLocked) == 0 && work(file, 1, 3000) == 0;
   });
   ASSERT_EQ(object.Open(path, u"", GetMode()), 0U);
   std::atomic<unsigned int> faults = 0;
@@ -156,7 +157,7 @@ TEST_P(Walk, GivesEachTileThatStaysOnceBesideThreadsAndProcesses) {
   for (; works || walks < 3; ++walks)
     faults += WalkOnce(object, [](unsigned int) {});
   storing.join();
-  Support::ExpectEnd(children, 0);
+  EXPECT_TRUE(child.Succeeds());
   EXPECT_EQ(faults, 0U) << "in " << walks << " walks";
   EXPECT_EQ(WalkOnce(object, [](unsigned int) {}), 0U);
   Check();
@@ -404,7 +405,7 @@ TEST_P(ManyVersions, OfADamagedFileACursorGivesWhatLookupsGive) {
       unsigned int unreadable = 0, result = 0;
       for (unsigned int tile = 0; tile < kTiles; ++tile) {
         const Tile read =
-            At(tile, [&](auto... where) { return ReadTile(object, where..., ~0ULL); });
+            At(tile, [&](auto... where) { return ReadTile(object, {where...}, ~0ULL); });
         if (read.result == 0) expected[tile] = read;
         unreadable += read.result == 9;
       }

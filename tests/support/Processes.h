@@ -1,32 +1,49 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <vector>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <string>
 
 namespace Support {
 
-/// Forks processes that end with 0 if `body` returns 0; those that hang are ended by the alarm.
-template <typename Body>
-std::vector<pid_t> Fork(unsigned int count, Body body) {
-  std::vector<pid_t> children(count);
-  for (unsigned int i = 0; i < count; ++i) {
-    children[i] = ::fork();
-    if (children[i] != 0) continue;
-    ::alarm(120);
-    ::_exit(body(i) == 0 ? 0 : 1);
+/// A forked process, which ends with 0 if `body` returns true. It is killed in the end.
+struct Child {
+  explicit Child(const auto& body) : pid(::fork()) {
+    if (pid < 0 || (pid == 0 && ::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0)) std::abort();
+    if (pid == 0) ::_exit(body() ? 0 : 1);
   }
-  return children;
-}
+  Child(Child&&) = delete;
+  ~Child() {
+    Kill();
+    ::waitpid(pid, nullptr, 0);
+  }
+  void Kill() const {
+    ::kill(pid, SIGKILL);
+    Wait(WEXITED);
+  }
+  bool Succeeds() const { return Wait(WEXITED) == 0; }
+  /// Waits until it has stopped itself, which tells that it has a lock.
+  bool Locks() const { return Wait(WEXITED | WSTOPPED) == SIGSTOP; }
+  /// Its exit status, or the signal that has ended or stopped it.
+  int Wait(int events) const {
+    siginfo_t info = {};
+    ::waitid(P_PID, static_cast<id_t>(pid), &info, events | WNOWAIT);
+    return info.si_status;
+  }
+  /// Whether it sleeps, which it does only while it waits for a lock.
+  bool IsStuck() const {
+    std::string number, name, state;
+    while (state.empty() || state == "R" || state == "D")
+      std::ifstream("/proc/" + std::to_string(pid) + "/stat") >> number >> name >> state;
+    return state == "S";
+  }
 
-inline void ExpectEnd(const std::vector<pid_t>& children, int expected) {
-  for (const pid_t child : children) {
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    EXPECT_EQ(status, expected);
-  }
-}
+  const pid_t pid;
+};
 
 }  // namespace Support

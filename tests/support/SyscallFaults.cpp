@@ -33,26 +33,13 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kPageSize = 4096;
 
-// What fails: calls, or requests for memory. The n-th of each that is counted; 0: none.
-struct Choice {
-  std::atomic<std::size_t> count, failing;
-  bool isForGood;
-
-  void Set(std::size_t n, SyscallFaults::Extent extent) {
-    isForGood = extent == SyscallFaults::kFromThenOn;
-    failing = n == 0 ? 0 : count + n;
-  }
-  bool Has(std::size_t number) const {
-    return failing != 0 && (number == failing || (isForGood && number > failing));
-  }
-};
-
 Zarn::FileSyscalls g_saved;
 std::atomic<bool> g_installed;
 std::atomic<std::size_t> g_total;  // calls
-Choice g_calls, g_requests;
-int g_error;  // of calls
-pthread_t g_thread;
+std::atomic<int> g_error;
+std::atomic<std::size_t> g_count, g_failing;  // of what g_error is for; 0: none fails
+bool g_isForGood;
+pthread_t g_thread;                 // whose requests for memory count
 std::size_t g_killing, g_boundary;  // the number of the call at which the process dies
 
 // What a killed write has done: what lies before a page boundary.
@@ -87,10 +74,18 @@ constexpr std::string_view kTakingRoom = " pwrite copy_file_range fallocate mkdi
 constexpr std::string_view kInterrupted =
     " open pread pwrite copy_file_range ftruncate fallocate fdatasync fsync lock ";
 
-// Whether the call is one of those that g_error is for.
-bool IsMeant(std::string_view name) {
-  if (g_error == EINTR) return IsOneOf(name, kInterrupted);
-  return g_error != ENOSPC || IsOneOf(name, kTakingRoom);
+enum Fate { kPasses, kIsHalved, kFails };
+
+// Of a call, or a request for memory, if it is one of those that g_error is for.
+Fate DrawFate(std::string_view name) {
+  const bool isMeant = g_error == EINTR    ? IsOneOf(name, kInterrupted)
+                       : g_error == ENOSPC ? IsOneOf(name, kTakingRoom)
+                                           : (g_error == ENOMEM) == (name == "request");
+  if (g_failing == 0 || !isMeant) return kPasses;
+  const std::size_t number = ++g_count;
+  if (g_error == SyscallFaults::kCutShort && number == g_failing + 1) return kFails;
+  const bool isChosen = number == g_failing || (g_isForGood && number > g_failing);
+  return !isChosen ? kPasses : g_error < 0 ? kIsHalved : kFails;
 }
 
 struct Disk {
@@ -166,20 +161,20 @@ auto Pass(std::string_view name, Call call, Arguments... arguments) {
     DoPart(arguments...);
     ::kill(::getpid(), SIGKILL);
   }
-  const bool isChosen = IsMeant(name) && g_calls.Has(++g_calls.count);
-  const bool fails = isChosen && g_error != SyscallFaults::kShort;
-  if (isChosen && !fails) Halve(arguments...);
+  const Fate fate = DrawFate(name);
+  const bool fails = fate == kFails;
+  if (fate == kIsHalved) Halve(arguments...);
   using Result = decltype(call(arguments...));
   const auto failure = (Result)-1;  // of any type: a number, or MAP_FAILED
   const Result result = fails && !IsRelease(name, arguments...) ? failure : call(arguments...);
   if (g_records && result != failure) Record(name, result, arguments...);
-  if (fails) errno = g_error;
+  if (fails) errno = g_error > 0 ? g_error.load() : EFBIG;
   return fails ? failure : result;
 }
 
 bool FailsRequest() {
-  if (g_requests.failing == 0 || ::pthread_equal(g_thread, ::pthread_self()) == 0) return false;
-  if (!g_requests.Has(++g_requests.count)) return false;
+  if (g_error != ENOMEM || ::pthread_equal(g_thread, ::pthread_self()) == 0) return false;
+  if (DrawFate("request") == kPasses) return false;
   errno = ENOMEM;
   return true;
 }
@@ -193,64 +188,9 @@ bool IsSynced(std::size_t step, std::size_t end) {
                      steps + static_cast<std::ptrdiff_t>(end), isItsSync);
 }
 
-// As one write. Where memory may run short, it must not ask for any.
-ssize_t PassParts(int fd, const iovec* parts, int count, off_t at) {
-  if (g_requests.failing != 0) return g_saved.pwritev(fd, parts, count, at);
-  std::string bytes;
-  for (int i = 0; i < count; ++i)
-    bytes.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
-  return Pass("pwrite", g_saved.pwrite, fd, static_cast<const void*>(bytes.data()), bytes.size(),
-              at);
-}
-
-}  // namespace
-
-SyscallFaults::SyscallFaults() {
-  if (g_installed.exchange(true)) std::abort();  // the calls would pass here for ever
-  g_saved = Zarn::GetFileSyscalls();
-  g_total = 0;
-  g_killing = 0;
-#define INSTALL(name)                                    \
-  Zarn::GetFileSyscalls().name = [](auto... arguments) { \
-    return Pass(#name, g_saved.name, arguments...);      \
-  };
-  FOR_EACH_CALL(INSTALL)
-  Zarn::GetFileSyscalls().pwritev = PassParts;
-#define PLUS_ONE(name) +1
-  static_assert(sizeof g_saved == sizeof g_saved.open * (FOR_EACH_CALL(PLUS_ONE)));
-}
-
-SyscallFaults::~SyscallFaults() {
-  FailCall(0, 0);
-  FailRequest(0);
-  Zarn::GetFileSyscalls() = g_saved;
-  g_installed = false;
-}
-
-void SyscallFaults::FailCall(std::size_t n, int error, Extent extent) {
-  g_error = error;
-  g_calls.Set(error == 0 ? 0 : n, extent);
-}
-
-void SyscallFaults::FailRequest(std::size_t n, Extent extent) {
-  g_thread = ::pthread_self();
-  g_requests.Set(n, extent);
-}
-
-void SyscallFaults::KillAtCall(std::size_t n, std::size_t boundary) {
-  g_killing = g_total + n;
-  g_boundary = boundary;
-}
-
-bool SyscallFaults::HasFailed() const {
-  const Choice& choice = g_requests.failing != 0 ? g_requests : g_calls;
-  return choice.failing != 0 && choice.count >= choice.failing;
-}
-
-std::size_t SyscallFaults::GetCount() const { return g_total; }
-
-PowerLoss::PowerLoss(std::string folder) {
-  g_folder = std::move(folder);
+// The files that are in the folder now count as synced.
+void BeginRecords(const std::string& folder) {
+  g_folder = folder;
   g_disk = {};
   g_steps.clear();
   for (const fs::directory_entry& entry : fs::directory_iterator(g_folder)) {
@@ -270,11 +210,61 @@ PowerLoss::PowerLoss(std::string folder) {
   g_records = true;
 }
 
-PowerLoss::~PowerLoss() { g_records = false; }
+// As one write. Where memory may run short, it must not ask for any.
+ssize_t PassParts(int fd, const iovec* parts, int count, off_t at) {
+  if (g_error == ENOMEM) return g_saved.pwritev(fd, parts, count, at);
+  std::string bytes;
+  for (int i = 0; i < count; ++i)
+    bytes.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
+  return Pass("pwrite", g_saved.pwrite, fd, static_cast<const void*>(bytes.data()), bytes.size(),
+              at);
+}
 
-std::size_t PowerLoss::CountSteps() const { return g_steps.size(); }
+}  // namespace
 
-void PowerLoss::Leave(std::size_t step, const std::function<bool()>& keep) {
+SyscallFaults::SyscallFaults(const std::string& recorded) {
+  if (g_installed.exchange(true)) std::abort();  // the calls would pass here for ever
+  g_saved = Zarn::GetFileSyscalls();
+  g_total = 0;
+  g_killing = 0;
+#define INSTALL(name)                                    \
+  Zarn::GetFileSyscalls().name = [](auto... arguments) { \
+    return Pass(#name, g_saved.name, arguments...);      \
+  };
+  FOR_EACH_CALL(INSTALL)
+  Zarn::GetFileSyscalls().pwritev = PassParts;
+#define PLUS_ONE(name) +1
+  static_assert(sizeof g_saved == sizeof g_saved.open * (FOR_EACH_CALL(PLUS_ONE)));
+  if (!recorded.empty()) BeginRecords(recorded);
+}
+
+SyscallFaults::~SyscallFaults() {
+  FailCall(0, 0);
+  g_records = false;
+  Zarn::GetFileSyscalls() = g_saved;
+  g_installed = false;
+}
+
+void SyscallFaults::FailCall(std::size_t n, int error, Extent extent) {
+  g_error = error;
+  g_thread = ::pthread_self();
+  g_isForGood = extent == kFromThenOn;
+  g_count = 0;
+  g_failing = error == 0 ? 0 : n;
+}
+
+void SyscallFaults::KillAtCall(std::size_t n, std::size_t boundary) {
+  g_killing = g_total + n;
+  g_boundary = boundary;
+}
+
+bool SyscallFaults::HasFailed() const { return g_failing != 0 && g_count >= g_failing; }
+
+std::size_t SyscallFaults::GetCount() const { return g_total; }
+
+std::size_t SyscallFaults::CountSteps() const { return g_steps.size(); }
+
+void SyscallFaults::Leave(std::size_t step, const std::function<bool()>& keep) {
   Disk disk = g_disk;
   for (std::size_t i = 0; i < step; ++i)
     if (g_steps[i].change != nullptr && (keep() || IsSynced(i, step))) g_steps[i].change(disk);

@@ -19,8 +19,14 @@ class SyscallFaults {
 
   /// Instead of an error number: a transfer moves half of its bytes, and other calls succeed.
   static constexpr int kShort = -1;
+  /// The same, and the next call fails, as at a limit on the size of files.
+  static constexpr int kCutShort = -2;
 
-  SyscallFaults();
+  /// Records as well what is done to the files of a folder, if one is given, so that a test can put
+  /// there what a loss of power may leave at any moment: what was synced, and any pages of what was
+  /// not. Copies and room had within the kernel, and stores through mappings, are refused then, so
+  /// that every byte is seen.
+  explicit SyscallFaults(const std::string& recorded = "");
   ~SyscallFaults();
   SyscallFaults(const SyscallFaults&) = delete;
   SyscallFaults& operator=(const SyscallFaults&) = delete;
@@ -28,10 +34,8 @@ class SyscallFaults {
   /// Makes the n-th call from now (1: the next one) fail with `error`, and no other any more; an
   /// error of 0 fails none. What gives something up does so even when it fails. Of EINTR, only
   /// calls count that a signal may interrupt; they are repeated, so from then on it never ends. Of
-  /// ENOSPC, only calls count that take room.
+  /// ENOSPC, only calls count that take room; of ENOMEM, only this thread's requests for memory.
   void FailCall(std::size_t n, int error, Extent extent = kOnce);
-  /// Makes the n-th request for memory from now fail; those of this thread count.
-  void FailRequest(std::size_t n, Extent extent = kOnce);
   /// Makes the n-th call from now the last thing that this process does. It is not made at all, or
   /// for a `boundary` above 0 a write as far as the page boundary of this number in its range: a
   /// kill stops a write between two pages, and never within one. Where there is no such boundary,
@@ -40,22 +44,10 @@ class SyscallFaults {
   static constexpr int kNoBoundary = 77;
   /// True once the call or request that was chosen last has been made.
   bool HasFailed() const;
-
   /// Calls during this object's life, failed ones too.
   std::size_t GetCount() const;
-};
 
-/// Records as well what is done to the files of a folder, so that a test can put there what a loss
-/// of power may leave at any moment: what was synced, and any pages of what was not. Copies and
-/// room had within the kernel, and stores through mappings, are refused while it lives, so that
-/// every byte is seen.
-class PowerLoss : public SyscallFaults {
- public:
-  /// Begins with the files that are in the folder now; they count as synced.
-  explicit PowerLoss(std::string folder);
-  ~PowerLoss();
-
-  /// What has changed files or names so far; of a write, each page is a step.
+  /// What has changed recorded files or names so far; of a write, each page is a step.
   std::size_t CountSteps() const;
   /// Makes the folder what it may be if the power is lost before the n-th step (0: the first).
   /// `keep` says of each step that was not synced whether it reached the disk. Call it when nothing
