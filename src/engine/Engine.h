@@ -72,7 +72,7 @@ class Engine {
   unsigned int Remove(unsigned int row, unsigned int col, std::uint64_t version);
 
   // NamedOperations.cpp
-  unsigned int SetAt(const ZrNameStore& store);
+  unsigned int SetAt(const NamedStore& store);
   unsigned int SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,
                      std::uint64_t version);
   unsigned int Lookup(const PelmUnicodeString& name, ZrByteArray& data, ZrVersion& given,
@@ -159,7 +159,7 @@ class Engine {
 
   // GridOperations.cpp, NamedOperations.cpp
   unsigned int StoreOne(const ZrCellStore& store) HX_REQUIRES(m_locks);
-  unsigned int StoreOne(const ZrNameStore& store) HX_REQUIRES(m_locks);
+  unsigned int StoreOne(const NamedStore& store) HX_REQUIRES(m_locks);
   unsigned int StoreTile(TileEntry& entry, NameSlot* slot, const StoreRequest& request)
       HX_REQUIRES(m_locks);
   unsigned int RemoveVersion(TileEntry& entry, ZrByteArray& buffer, std::uint64_t version)

@@ -15,16 +15,18 @@ bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data) try {
   return Io::Fail(ZrCause::kNoMemory);
 }
 
-unsigned int AddToCacheFile(ZrCacheFile& cache, const ZrNameStore& store) {
-  return store.data != nullptr ? cache.AddFile(*store.data, store.name)
-                               : cache.AddFile(ZrByteArray(store.bytes, store.size), store.name);
+// A class of the host's takes nothing but this.
+unsigned int AddToCacheFile(ZrCacheFile& cache, const NamedStore& store) try {
+  return cache.AddFile(ZrByteArray(store.data.data(), store.data.size()), store.name);
+} catch (const std::bad_alloc&) {
+  return Io::Fail(ZrCause::kNoMemory, ZrResult::kWriteFailure);
 }
 
 }  // namespace
 
-unsigned int Engine::SetAt(const ZrNameStore& store) {
+unsigned int Engine::SetAt(const NamedStore& store) {
   if (const auto cache = GetCacheFile()) return AddToCacheFile(*cache, store);
-  const std::uint64_t size = BytesOf(store).size();
+  const std::uint64_t size = store.data.size();
   if (!Format::ResolveStore(store.capacity, store.offset, size)) return RefuseStore(size);
   if (!NameKey::IsUsable(store.name)) return RefuseName(store.name);
   const WriteOperation operation(m_locks, m_state);
@@ -48,7 +50,7 @@ unsigned int Engine::SetAt(const PelmUnicodeString& name, const PelmUnicodeStrin
   if (const auto cache = GetCacheFile()) return cache->AddFile(filePath, name);
   ZrByteArray data;
   if (!LoadDiskFile(filePath, data)) return ZrResult::kWriteFailure;
-  return SetAt({name, &data, 0, 0, version});
+  return SetAt({name, {data.GetData(), data.GetSize()}, 0, 0, version});
 }
 
 unsigned int Engine::SetAt(unsigned int row, unsigned int col, const PelmUnicodeString& filePath,
@@ -58,15 +60,14 @@ unsigned int Engine::SetAt(unsigned int row, unsigned int col, const PelmUnicode
   return SetAt({row, col, &data, 0, 0, version});
 }
 
-unsigned int Engine::StoreOne(const ZrNameStore& store) {
+unsigned int Engine::StoreOne(const NamedStore& store) {
   ZrByteArray* const buffer = GetSwapData();
   NameIndex* const names = File().Names();
   if (buffer == nullptr) return ZrResult::kWriteFailure;
   if (names == nullptr) return Io::Fail(ZrCause::kWrongKind, ZrResult::kWriteFailure);
   if (!NameKey::IsUsable(store.name)) return RefuseName(store.name);
-  const BytesToStore data = BytesOf(store);
-  const auto span = Format::ResolveStore(store.capacity, store.offset, data.size());
-  if (!span) return RefuseStore(data.size());
+  const auto span = Format::ResolveStore(store.capacity, store.offset, store.data.size());
+  if (!span) return RefuseStore(store.data.size());
   const NameKey key(store.name, File().GetShape());
   if (!key.IsStorable()) return Io::Fail(ZrCause::kBadName, ZrResult::kWriteFailure);
   if (!MakeRoomForName()) return ZrResult::kWriteFailure;
@@ -74,7 +75,7 @@ unsigned int Engine::StoreOne(const ZrNameStore& store) {
   TileStore tiles = File().MakeStore(*buffer);
   if (!names->GetNamingIdxValue(key, tiles, slot)) return ZrResult::kWriteFailure;
   std::string scratch;
-  StoreRequest request = {data, *span, store.version, {}};
+  StoreRequest request = {store.data, *span, store.version, {}};
   if (!slot.entry.HoldsRecord()) {
     slot.entry.status = Format::kStatusEmpty;
     request.name = key.GetStoredName(scratch);

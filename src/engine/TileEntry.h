@@ -5,6 +5,7 @@
 #include "IndexValue.h"
 #include "RecordHead.h"
 #include "StoreArguments.h"
+#include "ZrBatch.h"
 #include "ZrByteArray.h"
 
 /// What operations on tiles and the rooms below them hand to each other, however a tile is
@@ -55,6 +56,23 @@ BytesToStore BytesOf(const Store& store) {
   if (store.data != nullptr) return {store.data->GetData(), store.data->GetSize()};
   return {static_cast<const unsigned char*>(store.bytes), store.bytes != nullptr ? store.size : 0};
 }
+
+/// A store under a name, as the engine hands it on.
+struct NamedStore {
+  NamedStore(const PelmUnicodeString& itsName, BytesToStore itsData, std::uint64_t itsCapacity,
+             std::uint64_t itsOffset, std::uint64_t itsVersion)
+      : name(itsName),
+        data(itsData),
+        capacity(itsCapacity),
+        offset(itsOffset),
+        version(itsVersion) {}
+  NamedStore(const ZrNameStore& store)  // NOLINT: one of a batch is one
+      : NamedStore(store.name, BytesOf(store), store.capacity, store.offset, store.version) {}
+
+  const PelmUnicodeString& name;
+  BytesToStore data;
+  std::uint64_t capacity, offset, version;
+};
 
 /// The same with all that belongs to it.
 struct StoreRequest {

@@ -69,11 +69,13 @@ bool FileHeader::MoveIndex(ZrFileStream& file, std::uint64_t indexOffset) {
 bool FileHeader::SetPassword(ZrFileStream& file, const Format::XorString& xorString) {
   Format::HeaderImage header;
   bool swap;
-  if (ReadFileHeader(file, m_xorString, header, swap) != HeaderRead::kOk ||
-      !WriteFileHeader(file, xorString, header, swap))
-    return false;
-  m_xorString = xorString;
-  return true;
+  if (ReadFileHeader(file, m_xorString, header, swap) != HeaderRead::kOk) return false;
+  if (WriteFileHeader(file, xorString, header, swap)) {
+    m_xorString = xorString;
+    return true;
+  }
+  WriteFileHeader(file, m_xorString, header, swap);  // a part of the other may be there
+  return false;
 }
 
 bool FileHeader::IsIn(const ZrFileStream& file) const {
