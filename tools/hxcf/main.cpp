@@ -16,6 +16,9 @@ Program::Program()
   app.add_flag("-q,--quiet", console.isQuiet, "No progress and no notes");
   app.set_version_flag("--version", HXCF_VERSION);
   app.set_help_flag("-h,--help", "Prints this help");
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return std::string("hxcf: ") + error.what() + "; see hxcf --help\n";
+  });
   app.footer(
       "Ends with 0 if it is done; 1 if not: a tile is missing, a check has findings, two files\n"
       "differ, or a file cannot be used; 2 for a call that makes no sense.");
