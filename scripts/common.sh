@@ -51,7 +51,10 @@ need_charsets() {
   rm -r "$state"
 }
 
-need_compiler() { need cmake=cmake ninja=ninja-build g++=g++ "$@"; }
+need_compiler() {
+  need cmake=cmake ninja=ninja-build g++=g++ /usr/include/nlohmann/json.hpp=nlohmann-json3-dev \
+    /usr/include/sqlite3.h=libsqlite3-dev /usr/include/zlib.h=zlib1g-dev "$@"
+}
 
 # build PRESET [OPTION...]: configures and builds build/PRESET quietly; shows the log if it fails.
 build() {

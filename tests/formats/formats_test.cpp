@@ -366,6 +366,10 @@ TEST_F(FormatsTest, DamagedMbTilesAreRefusedWithASentence) {
   Write("empty.mbtiles", "");
   Write("magic.mbtiles", std::string(kSqliteMagic));
   MakeDatabase("foreign.mbtiles", "CREATE TABLE other (a)");
+  MakeDatabase("endless.mbtiles",
+               "CREATE TABLE tiles (a); CREATE VIEW metadata AS WITH RECURSIVE r(name, value) AS"
+               " (SELECT 1, 'x' UNION ALL SELECT name + 1, 'x' FROM r) SELECT * FROM r");
+  EXPECT_THAT(fault("endless.mbtiles"), HasSubstr("metadata that are too large"));
   MakeDatabase("columns.mbtiles", "CREATE TABLE tiles (a, b); INSERT INTO tiles VALUES (1, 2)");
   for (const char* const name :
        {"cut.mbtiles", "zeros.mbtiles", "magic.mbtiles", "columns.mbtiles"})

@@ -3,11 +3,11 @@
 #include <cstdint>
 #include <filesystem>
 
+#include <hx/bytes.h>
+#include <hx/key.h>
+#include <hx/metadata.h>
 #include "TileFilter.h"
 #include "TileFormat.h"
-#include "hx/bytes.h"
-#include "hx/key.h"
-#include "hx/metadata.h"
 
 namespace Formats {
 

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <string>
 
-#include "hx/bytes.h"
+#include <hx/bytes.h>
 
 namespace Formats {
 

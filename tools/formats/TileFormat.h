@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "hx/bytes.h"
+#include <hx/bytes.h>
 
 namespace Formats {
 
