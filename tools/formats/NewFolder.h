@@ -25,7 +25,7 @@ class NewFolder {
   void Publish();
 
  private:
-  void WriteBytes(int fd, hx::Bytes bytes, const std::string& name) const;
+  void WriteBytes(int fd, hx::Bytes bytes, const std::string& name);
 
   std::filesystem::path m_path;
   std::filesystem::path m_temporary;
