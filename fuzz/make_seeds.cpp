@@ -7,7 +7,11 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "PmDirectory.h"
+#include "PmHeader.h"
+#include "TileSink.h"
 #include "ZrCompactFile.h"
 
 namespace {
@@ -130,12 +134,41 @@ Bytes EngineCommands(bool secret, unsigned int kinds, std::minstd_rand& random) 
   return commands;
 }
 
+// An archive with a directory within another and one in the root directory, not compressed; and one
+// as this project writes it.
+void WritePmTiles(const fs::path& folder) {
+  using namespace Formats;
+  const Bytes leaf =
+      EncodeDirectory(std::vector<PmEntry>{{1, 0, 5, 2}, {4, 5, 4, 1}, {5, 0, 5, 9}});
+  const auto length = static_cast<std::uint32_t>(leaf.size());
+  const Bytes outer = EncodeDirectory(std::vector<PmEntry>{{1, 0, length, 0}, {400, 0, 9, 70000}});
+  const auto outerLength = static_cast<std::uint32_t>(outer.size());
+  const Bytes root =
+      EncodeDirectory(std::vector<PmEntry>{{0, 9, 1, 1}, {1, length, outerLength, 0}});
+  const Bytes json = R"({"name":"Seed","vector_layers":[{"id":"a"}],"count":7})";
+  PmHeader header;
+  header.internalCompression = PmCompression::kNone;
+  header.root = {kPmHeaderSize, root.size()};
+  header.metadata = {header.root.offset + root.size(), json.size()};
+  header.leaves = {header.metadata.offset + json.size(), leaf.size() + outer.size()};
+  header.tiles = {header.leaves.offset + header.leaves.length, 10};
+  header.maxZoom = 9;
+  const auto start = EncodeHeader(header);
+  WriteFile(folder / "plain.pmtiles",
+            Bytes(start.begin(), start.end()) + root + json + leaf + outer + "0123456789");
+  const auto sink = CreateSink(folder / "gzip.pmtiles");
+  for (std::uint32_t i = 0; i < 64; ++i)
+    sink->Put({3, i % 8, i / 8}, Bytes(1 + i % 5, 'x'));
+  sink->Finish();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) try {
   Expect(argc == 2, "make_seeds FOLDER");
   const fs::path folder = argv[1];
   fs::remove_all(folder);
+  WritePmTiles(folder / "pmtiles_fuzz");
   std::minstd_rand random;
   for (const Kind& kind : kKinds) {
     const auto flag = static_cast<char>(kind.secret);

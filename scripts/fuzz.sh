@@ -5,7 +5,7 @@
 # build/fuzz/findings, and the others are run all the same.
 . "$(dirname "$0")/common.sh"
 
-targets=(engine_fuzz compact_fuzz recovery_fuzz reader_fuzz writer_fuzz)
+targets=(engine_fuzz compact_fuzz recovery_fuzz reader_fuzz writer_fuzz pmtiles_fuzz)
 [[ ${1-} =~ ^[1-9][0-9]*$ ]] || fail "for how many seconds?"
 [ -z "${2-}" ] || targets=("$2")
 need_compiler clang++=clang

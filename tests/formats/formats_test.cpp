@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -290,6 +292,16 @@ TEST_F(FormatsTest, MissingMetadataAreMadeOfTheTiles) {
     EXPECT_EQ(metadata.bounds()->south, 0);
   }
   EXPECT_EQ(ReadBytes("set/2/2/1.png"), kPng + "2");
+  // Zooms are what the tiles have, where a reader would not look for others.
+  const auto sink = CreateSink(Path("zooms.pmtiles"));
+  hx::Metadata wrong;
+  wrong.set_zooms(5, 6);
+  wrong.set("format", "image/png");
+  sink->SetMetadata(wrong);
+  sink->Put({3, 0, 0}, "x");
+  sink->Finish();
+  EXPECT_EQ(OpenSource(Path("zooms.pmtiles"))->GetMetadata().max_zoom(), 3);
+  EXPECT_EQ(OpenSource(Path("zooms.pmtiles"))->GetMetadata().get("format"), "png");
 }
 
 TEST_F(FormatsTest, SinksRefuseWhatTheyCannotHoldAndLeaveNothing) {
@@ -321,6 +333,38 @@ TEST_F(FormatsTest, SinksRefuseWhatTheyCannotHoldAndLeaveNothing) {
   EXPECT_EQ(ReadBytes("old.pmtiles"), "old");
   sink->Finish();
   EXPECT_THAT(ReadSet("old.pmtiles"), ElementsAre(std::pair(kAllOf, kPng)));
+}
+
+/// Lets no file become longer, as a full disk would.
+class FileLimit {
+ public:
+  explicit FileLimit(rlim_t length) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &m_before);
+    const rlimit limit{length, m_before.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileLimit() { ::setrlimit(RLIMIT_FSIZE, &m_before); }
+
+ private:
+  rlimit m_before;
+};
+
+TEST_F(FormatsTest, SetsThatLostAPartAreNotFinished) {
+  for (const char* const name : {"set.mbtiles", "set.pmtiles", "set"}) {
+    const auto sink = CreateSink(Path(name));
+    {
+      const FileLimit limit(100000);
+      std::string fault;
+      for (std::uint32_t x = 0; x < 4 && fault.empty(); ++x)
+        fault = FaultOf([&] { sink->Put({2, x, 0}, std::string(1500000, 'x')); });
+      EXPECT_NE(fault, "") << name;
+    }
+    if (std::string(name) == "set.pmtiles") continue;  // it has kept what it could not write
+    sink->SetMetadata({});
+    EXPECT_THAT(FaultOf([&] { sink->Finish(); }), HasSubstr("as a whole")) << name;
+  }
+  EXPECT_EQ(m_folder.CountFiles(), 0U);
 }
 
 TEST_F(FormatsTest, MbTilesMayHaveViewsOrImagesOnly) {
@@ -366,6 +410,10 @@ TEST_F(FormatsTest, DamagedMbTilesAreRefusedWithASentence) {
   Write("empty.mbtiles", "");
   Write("magic.mbtiles", std::string(kSqliteMagic));
   MakeDatabase("foreign.mbtiles", "CREATE TABLE other (a)");
+  MakeDatabase("endless.mbtiles",
+               "CREATE TABLE tiles (a); CREATE VIEW metadata AS WITH RECURSIVE r(name, value) AS"
+               " (SELECT 1, 'x' UNION ALL SELECT name + 1, 'x' FROM r) SELECT * FROM r");
+  EXPECT_THAT(fault("endless.mbtiles"), HasSubstr("metadata that are too large"));
   MakeDatabase("columns.mbtiles", "CREATE TABLE tiles (a, b); INSERT INTO tiles VALUES (1, 2)");
   for (const char* const name :
        {"cut.mbtiles", "zeros.mbtiles", "magic.mbtiles", "columns.mbtiles"})

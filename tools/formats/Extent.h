@@ -3,11 +3,11 @@
 #include <cstdint>
 #include <filesystem>
 
+#include <hx/bytes.h>
+#include <hx/key.h>
+#include <hx/metadata.h>
 #include "TileFilter.h"
 #include "TileFormat.h"
-#include "hx/bytes.h"
-#include "hx/key.h"
-#include "hx/metadata.h"
 
 namespace Formats {
 
@@ -17,6 +17,9 @@ class Extent {
   void Add(const hx::Tile& tile, hx::Bytes bytes);
 
   std::uint64_t Count() const { return m_count; }
+  /// Of the tiles; there must be one.
+  std::uint32_t MinZoom() const { return m_minZoom; }
+  std::uint32_t MaxZoom() const { return m_maxZoom; }
   /// Whether all tiles are compressed by gzip, or none of them.
   bool IsGzip() const { return m_gzipCount == m_count; }
   bool IsPlain() const { return m_gzipCount == 0; }

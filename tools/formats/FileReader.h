@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "hx/bytes.h"
+#include <hx/bytes.h>
 
 namespace Formats {
 

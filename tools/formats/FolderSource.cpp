@@ -82,20 +82,20 @@ std::vector<FolderSource::Numbered> FolderSource::List(const fs::path& folder, b
 
 bool FolderSource::VisitFiles(const TileFilter& filter, const Give& give,
                               const Report& report) const {
-  for (const Numbered& zoom : List(m_path, true, report)) {
-    if (!filter.HasZoom(zoom.number)) continue;
-    for (const Numbered& column : List(zoom.path, true, report))
-      for (const Numbered& row : List(column.path, false, report)) {
-        hx::Tile tile{zoom.number, column.number, row.number};
-        if (m_rows == Rows::kUp) {
-          if (!IsRowOf(tile.z, tile.y)) {
-            Tell(report, row.path.string() + ": the zoom has no such row");
-            continue;
-          }
-          tile.y = FlipRow(tile.z, tile.y);
+  for (const auto& [zoom, zoomPath] : List(m_path, true, report)) {
+    if (!filter.HasZoom(zoom)) continue;
+    for (const auto& [x, columnPath] : List(zoomPath, true, report)) {
+      if (!filter.RangeOf(zoom).HasColumn(x)) continue;
+      for (const auto& [row, path] : List(columnPath, false, report)) {
+        const bool isFlipped = m_rows == Rows::kUp;
+        if (isFlipped && !IsRowOf(zoom, row)) {
+          Tell(report, path.string() + ": the zoom has no such row");
+          continue;
         }
-        if (filter.Holds(tile) && !give(tile, row.path)) return false;
+        const hx::Tile tile{zoom, x, isFlipped ? FlipRow(zoom, row) : row};
+        if (filter.Holds(tile) && !give(tile, path)) return false;
       }
+    }
   }
   return true;
 }

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "hx/key.h"
+#include <hx/key.h>
 
 namespace Formats {
 

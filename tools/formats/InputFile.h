@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <vector>
 
+#include <hx/bytes.h>
 #include "ZrFile64.h"
-#include "hx/bytes.h"
 
 namespace Formats {
 

@@ -31,6 +31,8 @@ void MbTilesSink::Put(const hx::Tile& tile, hx::Bytes bytes) {
     throw FormatError(m_file.GetPath(), "has no row for the tile " + tile.name());
   if (bytes.empty()) throw FormatError(m_file.GetPath(), "cannot hold an empty tile");
   const std::uint32_t row = FlipRow(tile.z, tile.y);
+  ExpectWhole();
+  m_isWhole = false;
   FollowOrder({tile.z, tile.x});
   constexpr std::uint64_t kTilesPerTransaction = 8192;
   if (m_extent.Count() % kTilesPerTransaction == kTilesPerTransaction - 1)
@@ -40,7 +42,6 @@ void MbTilesSink::Put(const hx::Tile& tile, hx::Bytes bytes) {
   m_insert.Bind(2, std::int64_t{tile.x});
   m_insert.Bind(3, std::int64_t{row});
   m_insert.Bind(4, bytes);
-  m_isWhole = false;
   m_insert.Step();
   m_insert.Reset();
   m_isWhole = true;
@@ -68,8 +69,12 @@ void MbTilesSink::WriteMetadata() {
 }
 
 // Without a journal SQLite cannot undo the half of a row that it could not insert.
-void MbTilesSink::Finish() {
+void MbTilesSink::ExpectWhole() const {
   if (!m_isWhole) throw FormatError(m_file.GetPath(), "could not be written as a whole");
+}
+
+void MbTilesSink::Finish() {
+  ExpectWhole();
   WriteMetadata();
   if (!m_isOrdered) m_database->Run(kMakeIndex);
   m_database->Run("CREATE UNIQUE INDEX name ON metadata (name); COMMIT");

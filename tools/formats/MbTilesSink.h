@@ -26,6 +26,7 @@ class MbTilesSink : public TileSink {
   using Column = std::pair<std::uint32_t, std::uint32_t>;  // zoom and column
 
   void FollowOrder(const Column& column);
+  void ExpectWhole() const;
   void WriteMetadata();
 
   OutputFile m_file;
@@ -33,7 +34,7 @@ class MbTilesSink : public TileSink {
   SqliteStatement m_insert;
   Column m_last;
   bool m_isOrdered = true;  // up to now; then the index is there
-  bool m_isWhole = true;    // no row has failed
+  bool m_isWhole = true;    // nothing has failed
   Extent m_extent;
   hx::Metadata m_metadata;
 };

@@ -69,14 +69,21 @@ MbTilesSource::MbTilesSource(const std::filesystem::path& path)
   } else {
     throw FormatError(path, "is an SQLite file without tiles");
   }
-  ReadMetadata();
+  ReadMetadata(path);
 }
 
-void MbTilesSource::ReadMetadata() {
+// A view may give rows without end.
+void MbTilesSource::ReadMetadata(const std::filesystem::path& path) {
   if (!m_database.Has("metadata")) return;
   SqliteStatement row = m_database.Prepare("SELECT name, value FROM metadata");
-  while (row.Step())
-    if (row.TypeOf(0) != SQLITE_NULL) m_metadata.set(row.Text(0), row.Text(1));
+  constexpr std::size_t kMost = 16 << 20;
+  for (std::size_t size = 0; row.Step();) {
+    if (row.TypeOf(0) == SQLITE_NULL) continue;
+    const std::string name = row.Text(0), value = row.Text(1);
+    size += sizeof(hx::Metadata::Values::value_type) + name.size() + value.size();
+    if (size > kMost) throw FormatError(path, "has metadata that are too large");
+    m_metadata.set(name, value);
+  }
 }
 
 std::optional<std::uint64_t> MbTilesSource::Count() {

@@ -5,9 +5,9 @@
 #include <string>
 #include <string_view>
 
+#include <hx/bytes.h>
 #include "NewFolder.h"
 #include "TileSource.h"
-#include "hx/bytes.h"
 
 namespace Formats {
 

@@ -73,12 +73,10 @@ void NewFolder::Write(const std::string& name, hx::Bytes bytes) {
       ::open((m_temporary / name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (fd < 0 && errno == EEXIST) throw FormatError(m_path, "was given a file twice: " + name);
   if (fd < 0) throw FormatError::OfSystem(m_path / name, "cannot be created");
-  m_isWhole = false;
   WriteBytes(fd, bytes, name);
-  m_isWhole = true;
 }
 
-void NewFolder::WriteBytes(int fd, hx::Bytes bytes, const std::string& name) const {
+void NewFolder::WriteBytes(int fd, hx::Bytes bytes, const std::string& name) {
   std::size_t done = 0;
   bool isGood = true;
   while (isGood && done < bytes.size()) {
@@ -91,6 +89,7 @@ void NewFolder::WriteBytes(int fd, hx::Bytes bytes, const std::string& name) con
   const int error = errno;
   if (::close(fd) == 0 && isGood) return;
   if (!isGood) errno = error;
+  m_isWhole = false;
   throw FormatError::OfSystem(m_path / name, "cannot be written");
 }
 

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <string>
 
-#include "hx/bytes.h"
+#include <hx/bytes.h>
 
 namespace Formats {
 
@@ -25,7 +25,7 @@ class NewFolder {
   void Publish();
 
  private:
-  void WriteBytes(int fd, hx::Bytes bytes, const std::string& name) const;
+  void WriteBytes(int fd, hx::Bytes bytes, const std::string& name);
 
   std::filesystem::path m_path;
   std::filesystem::path m_temporary;

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string_view>
 
-#include "hx/metadata.h"
+#include <hx/metadata.h>
 
 namespace Formats {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include <hx/metadata.h>
 #include "PmHeader.h"
-#include "hx/metadata.h"
 
 namespace Formats {
 

@@ -146,6 +146,8 @@ void PmTilesSink::WriteStart(PmHeader& header, const std::vector<PmEntry>& entri
   if (m_extent.IsGzip()) header.tileCompression = PmCompression::kGzip;
   if (m_extent.IsPlain()) header.tileCompression = PmCompression::kNone;
   m_extent.Complete(m_metadata, m_file.GetPath());
+  // Readers take the header's word that there are no tiles at other zooms.
+  m_metadata.set_zooms(static_cast<int>(m_extent.MinZoom()), static_cast<int>(m_extent.MaxZoom()));
   const std::string metadata = Compress(WritePmMetadata(m_metadata, header));
   const Directories directories = MakeDirectories(entries);
 

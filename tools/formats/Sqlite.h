@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "hx/bytes.h"
+#include <hx/bytes.h>
 
 namespace Formats {
 

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "hx/key.h"
-#include "hx/metadata.h"
+#include <hx/key.h>
+#include <hx/metadata.h>
 
 namespace Formats {
 
@@ -20,10 +20,12 @@ struct TileRange {
   std::uint32_t firstY = 0, lastY = UINT32_MAX;
 
   bool IsAcross() const { return firstX > lastX; }
+  bool HasColumn(std::uint32_t x) const {
+    const bool isBehindFirst = x >= firstX, isBeforeLast = x <= lastX;
+    return IsAcross() ? isBehindFirst || isBeforeLast : isBehindFirst && isBeforeLast;
+  }
   bool Holds(const hx::Tile& tile) const {
-    const bool isBehindFirst = tile.x >= firstX, isBeforeLast = tile.x <= lastX;
-    return tile.y >= firstY && tile.y <= lastY &&
-           (IsAcross() ? isBehindFirst || isBeforeLast : isBehindFirst && isBeforeLast);
+    return tile.y >= firstY && tile.y <= lastY && HasColumn(tile.x);
   }
 };
 

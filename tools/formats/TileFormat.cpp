@@ -74,7 +74,7 @@ TileFormat FormatOfName(std::string_view name) {
   std::transform(lower.begin(), lower.end(), lower.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   for (const Names& names : kNames)
-    if (lower == names.name || lower == names.other) return names.format;
+    if (lower == names.name || lower == names.other || lower == names.mimeType) return names.format;
   return TileFormat::kUnknown;
 }
 

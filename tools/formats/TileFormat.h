@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "hx/bytes.h"
+#include <hx/bytes.h>
 
 namespace Formats {
 
@@ -11,7 +11,8 @@ enum class TileFormat { kUnknown, kPng, kJpg, kWebp, kAvif, kGif, kPbf };
 
 /// Tells it by the first bytes. What is compressed by gzip counts as a vector tile: images are not.
 TileFormat DetectFormat(hx::Bytes payload);
-/// Tells it by an extension without the dot, or the value of "format" in the metadata.
+/// Tells it by an extension without the dot, or the value of "format" in the metadata, which may be
+/// a MIME type.
 TileFormat FormatOfName(std::string_view name);
 /// As extension and in the metadata: "png". Empty for kUnknown.
 const char* NameOf(TileFormat format);

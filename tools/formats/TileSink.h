@@ -3,10 +3,10 @@
 #include <filesystem>
 #include <memory>
 
+#include <hx/bytes.h>
+#include <hx/key.h>
+#include <hx/metadata.h>
 #include "TileSource.h"
-#include "hx/bytes.h"
-#include "hx/key.h"
-#include "hx/metadata.h"
 
 namespace Formats {
 

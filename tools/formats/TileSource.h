@@ -7,10 +7,10 @@
 #include <optional>
 #include <string>
 
+#include <hx/bytes.h>
+#include <hx/key.h>
+#include <hx/metadata.h>
 #include "TileFilter.h"
-#include "hx/bytes.h"
-#include "hx/key.h"
-#include "hx/metadata.h"
 
 namespace Formats {
 
