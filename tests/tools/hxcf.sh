@@ -74,6 +74,7 @@ ends 2 'no cell' get cells 1/2
 "$hxcf" --json info names | python3 -c 'import json, sys; assert json.load(sys.stdin)["kind"] == "names"'
 
 # What cannot be, makes nothing.
+rm out err
 before=$(ls)
 ends 1 'no such file' info missing
 ends 1 'missing' import missing.mbtiles new
