@@ -4,6 +4,9 @@ set(CPACK_PACKAGE_NAME libhxcompactfile)
 set(CPACK_PACKAGE_VENDOR "libHxCompactFile developers")
 set(CPACK_PACKAGE_CONTACT "libHxCompactFile developers <developers@example.invalid>")
 set(CPACK_COMPONENTS_ALL Runtime Development)
+if(TARGET hxcf)
+  list(APPEND CPACK_COMPONENTS_ALL Tools)
+endif()
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 
@@ -31,4 +34,10 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
     "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
     "${hx_description}\n.\nThis package holds what is needed to build programs with it.")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME hxcf-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
+    "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION
+    "${hx_description}\n.\nThis package holds the command hxcf, which looks into files, imports and exports them.")
 include(CPack)

@@ -17,12 +17,15 @@ set_target_properties(${hx_libraries} PROPERTIES INSTALL_RPATH "$ORIGIN")
 install(TARGETS ${hx_libraries} EXPORT HxCompactFileTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development
   INCLUDES DESTINATION ${hx_include_dir})
-# For whoever keeps files; no place for it in the package of the libraries alone.
-if(TARGET hxcf_check)
+# The command, with its manual and its completion.
+if(TARGET hxcf)
   file(RELATIVE_PATH hx_libraries_from_bin /${CMAKE_INSTALL_BINDIR} /${CMAKE_INSTALL_LIBDIR})
-  set_target_properties(hxcf_check PROPERTIES INSTALL_RPATH "$ORIGIN/${hx_libraries_from_bin}")
-  install(TARGETS hxcf_check
-    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Development)
+  set_target_properties(hxcf PROPERTIES INSTALL_RPATH "$ORIGIN/${hx_libraries_from_bin}")
+  install(TARGETS hxcf RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
+  install(DIRECTORY ${PROJECT_BINARY_DIR}/tools/hxcf/man1
+    DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT Tools)
+  install(FILES ${PROJECT_BINARY_DIR}/tools/hxcf/completion RENAME hxcf
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT Tools)
 endif()
 install(DIRECTORY include/ tiles/include/ platform/base/include/ platform/stream/include/ platform/toolkit/include/
   DESTINATION ${hx_include_dir} COMPONENT Development

@@ -34,10 +34,10 @@ install() {
   # The example of the format is a sound file, and no more when its last byte is missing.
   printf "$(sed -nE '/^## Example/,$ s/^ *[0-9]+  (([0-9a-f.]{2} )*[0-9a-f.]{2})(  .*)?$/ \1/p' \
     "$PROJECT/docs/format.md" | sed 's/\.\./00/g; s/ /\\x/g' | tr -d '\n')" >"$work/example.cf"
-  "$prefix/bin/hxcf_check" "$work/example"
+  "$prefix/bin/hxcf" verify "$work/example"
   truncate -s -1 "$work/example.cf"
-  [ "$("$prefix/bin/hxcf_check" "$work/example" >/dev/null; echo $?)" = 1 ] ||
-    fail "hxcf_check does not see that the file was cut"
+  [ "$("$prefix/bin/hxcf" verify "$work/example" >/dev/null; echo $?)" = 1 ] ||
+    fail "hxcf does not see that the file was cut"
 }
 
 find_package() {
