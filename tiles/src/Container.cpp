@@ -193,22 +193,22 @@ unsigned int Container::StoreAll(const std::vector<Put>& puts, std::vector<unsig
   std::vector<Zarn::ZrNameStore> names;
   const bool hasCells = !puts.empty() && puts[0].key.is_cell();
   hasCells ? cells.reserve(puts.size()) : names.reserve(puts.size());
-  for (const auto& [key, bytes, options] : puts) {
+  for (const Put& put : puts) {
     const auto add = [&](auto& stores) {
       auto& store = stores.emplace_back();
-      store.bytes = bytes.data();
-      store.size = bytes.size();
-      store.capacity = options.capacity;
-      store.offset = options.offset;
-      store.version = options.stamp;
+      store.bytes = put.bytes.data();
+      store.size = put.bytes.size();
+      store.capacity = put.options.capacity;
+      store.offset = put.options.offset;
+      store.version = put.options.stamp;
       return &store;
     };
     if (hasCells) {
       Zarn::ZrCellStore* const store = add(cells);
-      store->row = key.is_cell() ? key.cell().row : UINT32_MAX;
-      store->col = key.cell().col;
+      store->row = put.key.is_cell() ? put.key.cell().row : UINT32_MAX;
+      store->col = put.key.cell().col;
     } else {
-      add(names)->name = PelmUnicodeString::FromUtf8(key.name());
+      add(names)->name = PelmUnicodeString::FromUtf8(put.key.name());
     }
   }
   ZrCompactFile& engine = Use().engine;
