@@ -255,6 +255,13 @@ TEST_F(FormatsTest, SetsAreTheSameInEveryFormat) {
     EXPECT_THAT(m_reports, IsEmpty());
     const TileFilter filter(3, 9, hx::Bounds{0.1, -0.1, 3, 0.1});
     EXPECT_EQ(ReadSet(name, filter).size(), 4U) << name;
+    for (const hx::Bounds& box : {hx::Bounds{-100, -5, 30, 70}, hx::Bounds{150, 10, -120, 89}}) {
+      const TileFilter some(1, 7, box);
+      Set expected;
+      for (const auto& [tile, bytes] : set)
+        if (some.Holds(*Tile::parse(tile))) expected[tile] = bytes;
+      EXPECT_TRUE(ReadSet(name, some) == expected && !expected.empty()) << name;
+    }
     EXPECT_EQ(ReadSet(name, {0, 6}).size(), 16U) << name;
     EXPECT_EQ(ReadSet(name, {9, 40}).size(), 0U) << name;
     const auto count = OpenSource(Path(name))->Count();

@@ -1,6 +1,7 @@
 #include "PmTilesSource.h"
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
 #include "FormatError.h"
@@ -9,6 +10,30 @@
 #include "PmMetadata.h"
 
 namespace Formats {
+namespace {
+
+// The first id from `id` on whose tile is in the box of the filter; `end` if there is none before
+// it. 4^k ids that begin at a multiple of that are one tile k zooms above, so where that is outside
+// of the box all of them are passed over.
+std::uint64_t NextInBox(const TileFilter& filter, std::uint64_t id, std::uint64_t end) {
+  if (!filter.HasBounds()) return std::min(id, end);
+  while (id < end) {
+    const hx::Tile tile = TileOf(id);
+    const TileRange range = filter.RangeOf(tile.z);
+    const std::uint64_t position = id - FirstIdOf(tile.z);
+    const auto fitting = static_cast<int>(std::bit_width(end - id)) - 1;
+    const int most = std::min(std::countr_zero(position), fitting) / 2;
+    auto levels = std::min(tile.z, static_cast<std::uint32_t>(most));
+    const auto above = [&] { return hx::Tile{0, tile.x >> levels, tile.y >> levels}; };
+    while (levels > 0 && range.Meets(above(), levels))
+      --levels;
+    if (levels == 0 && range.Holds(tile)) return id;
+    id += std::uint64_t{1} << levels << levels;
+  }
+  return end;
+}
+
+}  // namespace
 
 /// What does not change while the tiles are visited, and the end of what was visited.
 struct PmTilesSource::Walk {
@@ -61,8 +86,7 @@ void PmTilesSource::CheckHeader() const {
 // A section within the file, inflated.
 std::string PmTilesSource::ReadSection(const PmSection& section, std::size_t most,
                                        const char* what) {
-  const auto tooLarge = [&] { Fail(std::string("has ") + what + " that are too large"); };
-  if (section.length > most) tooLarge();
+  if (section.length > most) Fail(std::string("has ") + what + " that are too large");
   const hx::Bytes bytes = m_file.Read(section.offset, section.length);
   if (m_header.internalCompression == PmCompression::kNone) return std::string(bytes.text());
   auto inflated = Inflate(bytes.text(), most);
@@ -97,7 +121,8 @@ bool PmTilesSource::VisitDirectory(Walk& walk, const PmSection& section, std::ui
     if (entry.id < walk.doneId || entry.id >= endId || end > endId)
       Fail("has directories that overlap");
     if (entry.id >= walk.endId) return true;
-    if (end > walk.firstId) {
+    const std::uint64_t endOfAsked = std::min(end, walk.endId);
+    if (NextInBox(walk.filter, std::max(entry.id, walk.firstId), endOfAsked) < endOfAsked) {
       if (!entry.IsDirectory()) {
         if (!VisitRun(walk, entry)) return false;
       } else {
@@ -114,17 +139,15 @@ bool PmTilesSource::VisitDirectory(Walk& walk, const PmSection& section, std::ui
   return true;
 }
 
+// At least one of the tiles is asked for.
 bool PmTilesSource::VisitRun(const Walk& walk, const PmEntry& entry) {
   if (!PmSection{entry.offset, entry.length}.LiesWithin(m_header.tiles.length))
     Fail("has a tile outside of its section: " + TileOf(entry.id).name());
-  hx::Bytes bytes;
+  const hx::Bytes bytes = m_file.Read(m_header.tiles.offset + entry.offset, entry.length);
   const std::uint64_t end = std::min(entry.id + entry.runLength, walk.endId);
-  for (std::uint64_t id = std::max(entry.id, walk.firstId); id < end; ++id) {
-    const hx::Tile tile = TileOf(id);
-    if (!walk.filter.Holds(tile)) continue;
-    if (bytes.empty()) bytes = m_file.Read(m_header.tiles.offset + entry.offset, entry.length);
-    if (!walk.visit(tile, bytes)) return false;
-  }
+  for (std::uint64_t id = std::max(entry.id, walk.firstId);
+       (id = NextInBox(walk.filter, id, end)) < end; ++id)
+    if (!walk.visit(TileOf(id), bytes)) return false;
   return true;
 }
 

@@ -26,7 +26,8 @@ Span SpanOf(double from, double to, std::uint32_t zoom) {
   constexpr double kCentimetre = 0.01 / 40e6;
   const double count = std::ldexp(1, static_cast<int>(zoom));
   const auto clamp = [&](double tile) {
-    return static_cast<std::uint32_t>(std::clamp(tile, 0.0, count - 1));
+    return static_cast<std::uint32_t>(tile > 0 ? std::min(tile, count - 1)
+                                               : 0);  // also of no number
   };
   const std::uint32_t first = clamp(std::floor((from + kCentimetre) * count));
   return {first, clamp(std::ceil((to - kCentimetre) * count) - 1)};

@@ -20,10 +20,18 @@ struct TileRange {
   std::uint32_t firstY = 0, lastY = UINT32_MAX;
 
   bool IsAcross() const { return firstX > lastX; }
-  bool HasColumn(std::uint32_t x) const {
-    const bool isBehindFirst = x >= firstX, isBeforeLast = x <= lastX;
-    return IsAcross() ? isBehindFirst || isBeforeLast : isBehindFirst && isBeforeLast;
+  /// Whether one of the columns from the first to the last is in the range.
+  bool MeetsColumns(std::uint32_t first, std::uint32_t last) const {
+    const bool endsBehindFirst = last >= firstX, beginsBeforeLast = first <= lastX;
+    return IsAcross() ? endsBehindFirst || beginsBeforeLast : endsBehindFirst && beginsBeforeLast;
   }
+  /// Whether it has tiles that lie in a tile that is `levels` zooms above.
+  bool Meets(const hx::Tile& tile, std::uint32_t levels) const {
+    const std::uint32_t ones = (std::uint32_t{1} << levels) - 1;
+    const std::uint32_t x = tile.x << levels, y = tile.y << levels;
+    return (y | ones) >= firstY && y <= lastY && MeetsColumns(x, x | ones);
+  }
+  bool HasColumn(std::uint32_t x) const { return MeetsColumns(x, x); }
   bool Holds(const hx::Tile& tile) const {
     return tile.y >= firstY && tile.y <= lastY && HasColumn(tile.x);
   }
