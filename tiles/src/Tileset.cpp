@@ -335,6 +335,10 @@ void Tileset::for_each(const std::function<bool(const Tile&, const Entry&)>& vis
 
 std::uint64_t Tileset::size() const {
   std::uint64_t count = 0;
+  if (Use().IsGrids()) {
+    Use().ForEach([&](Container& container) { count += container.size(); });
+    return count;
+  }
   for_each([&](const Tile&, const Entry&) { return ++count != 0; }, {}, {false, {}});
   return count;
 }

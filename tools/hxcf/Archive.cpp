@@ -114,7 +114,7 @@ void Archive::ForEach(const Filter& filter, bool withPayloads, const Visit& visi
 }
 
 std::uint64_t Archive::Count() {
-  return GetFile() != nullptr ? GetFile()->size() : GetSet()->statistics().tiles;
+  return GetFile() != nullptr ? GetFile()->size() : GetSet()->size();
 }
 
 hx::Statistics Archive::Count(const hx::Container::Progress& progress) {

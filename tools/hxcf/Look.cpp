@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <limits>
 #include <map>
+#include <utility>
 
 #include "Commands.h"
 #include "TileFormat.h"
@@ -54,10 +55,12 @@ Survey LookAround(Archive& archive, const Console& console) {
   Survey survey;
   Progress progress(console, "tiles");
   std::uint64_t done = 0;
+  bool hasLooked = false;  // at the format of the first tile
   archive.ForEach({}, false, [&](const Archive::Address& address, const hx::Entry& entry) {
     address.tile ? survey.zooms[address.tile->z].Add(*address.tile, entry.size())
                  : survey.others.Add(entry.size());
-    if (survey.format.empty() && (address.tile || archive.IsGrid()))
+    const bool isTile = address.tile || archive.IsGrid();
+    if (isTile && !std::exchange(hasLooked, true))
       if (const auto payload = archive.Find(address))
         survey.format = Formats::NameOf(Formats::DetectFormat(*payload));
     progress.Show(++done, 0);

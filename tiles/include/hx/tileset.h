@@ -110,7 +110,7 @@ class HX_TILES_API Tileset {
   /// other. Of one zoom, or of all. It returns false to end.
   void for_each(const std::function<bool(const Tile&, const Entry&)>& visit,
                 std::optional<std::uint32_t> zoom = {}, const CursorOptions& options = {}) const;
-  /// How many tiles there are.
+  /// How many tiles there are: of grids by their indexes, of names by a walk.
   std::uint64_t size() const;
   /// Of all files together.
   Statistics statistics() const;
