@@ -21,7 +21,7 @@ alignas(LastError) thread_local std::byte t_bytes[sizeof(LastError)];
 [[gnu::tls_model("initial-exec")]] constinit thread_local LastError* t_last = nullptr;
 
 // What the thread does later finds an empty path.
-extern "C" void GivePathBack(void*) { t_last->error.path = std::string(); }
+extern "C" void GivePathBack(void*) { std::string().swap(t_last->error.path); }
 
 pthread_key_t MakeKey() {
   pthread_key_t key;
