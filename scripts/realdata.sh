@@ -187,16 +187,16 @@ for ((x = 0; x < 8; ++x)); do
 done
 gdalbuildvrt -q world.vrt geo-*.tif
 gdal_translate -q -of MBTILES -projwin -180 85 180 -85 world.vrt gdal.mbtiles
-gdaladdo -q gdal.mbtiles 2 4 8
+gdaladdo -q gdal.mbtiles 2 4 8 16
 quiet import gdal.mbtiles gdal.cf
 sound gdal.cf
 holds gdal.cf "$(sqlite3 gdal.mbtiles 'SELECT count(*) FROM tiles')"
 quiet export gdal.cf ours.mbtiles
 same_mbtiles gdal.mbtiles ours.mbtiles
 # GDAL sees the same picture in both, by the checksums of its bands and overviews.
-cmp <(gdalinfo -checksum gdal.mbtiles | grep -v '^Files:') \
-  <(gdalinfo -checksum ours.mbtiles | grep -v '^Files:') || fail "GDAL sees two pictures"
-gdalinfo -checksum ours.mbtiles | grep -q Checksum= || fail "GDAL sees nothing"
+picture() { gdalinfo -nomd -checksum "$1" | grep -v '^Files:'; }
+cmp <(picture gdal.mbtiles) <(picture ours.mbtiles) || fail "GDAL sees two pictures"
+picture ours.mbtiles | grep -q 'Checksum=[1-9]' || fail "GDAL sees nothing"
 quiet export gdal.cf gdal-out
 by_pmtiles gdal.cf gdal-out
 echo "GDAL's MBTiles: $(count gdal-out | awk '{print $1 - 1}') tiles, as MBTiles (GDAL reads the same picture) and PMTiles the same"
