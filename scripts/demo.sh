@@ -21,7 +21,8 @@ run hxcf import --by-name "$folder" names.cf
 run hxcf info names.cf
 # A second version of the same tiles, of which the first is removed again: dead space.
 run hxcf import --by-name --stamp 1 "$folder" names.cf
-hxcf ls names.cf | head -n 100 | while IFS= read -r name; do hxcf rm --stamp 0 names.cf "$name"; done
+hxcf ls names.cf >list
+head -n 100 list | while IFS= read -r name; do hxcf rm --stamp 0 names.cf "$name"; done
 run hxcf compact names.cf
 run hxcf verify names.cf
 run hxcf export --by-name names.cf files
