@@ -134,6 +134,7 @@ std::vector<hx::ZoomRange> FindRanges(Formats::TileSource& source,
   };
   std::map<std::uint32_t, Corners> zooms;
   Progress progress(console, "measured");
+  const std::uint64_t total = source.Count().value_or(0);  // which may take a look at all
   std::uint64_t done = 0;
   source.Visit(filter, [&](const hx::Tile& tile, hx::Bytes) {
     Corners& corners = zooms[tile.z];
@@ -141,7 +142,7 @@ std::vector<hx::ZoomRange> FindRanges(Formats::TileSource& source,
     corners.right = std::max(corners.right, tile.x);
     corners.top = std::min(corners.top, tile.y);
     corners.bottom = std::max(corners.bottom, tile.y);
-    progress.Show(++done, source.Count().value_or(0));
+    progress.Show(++done, total);
     return true;
   });
   std::vector<hx::ZoomRange> ranges;
