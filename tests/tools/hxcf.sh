@@ -73,6 +73,42 @@ ends 1 'range' put cells 2,0 one
 ends 2 'no cell' get cells 1/2
 "$hxcf" --json info names | python3 -c 'import json, sys; assert json.load(sys.stdin)["kind"] == "names"'
 
+# Two fill a file while others read it; one of them dies at its work, and a new one goes on.
+python3 - <<'END'
+import sqlite3
+for name, odd in ("even", 0), ("odd", 1):
+    db = sqlite3.connect(name + ".mbtiles")
+    db.execute("CREATE TABLE tiles (zoom_level, tile_column, tile_row, tile_data)")
+    db.executemany("INSERT INTO tiles VALUES (8, ?, ?, randomblob(500))",
+                   ((x, y) for x in range(odd, 100, 2) for y in range(256)))
+    db.commit()
+# Its last column comes to no end.
+db.executescript("""ATTACH 'endless.mbtiles' AS other; CREATE TABLE other.t AS SELECT * FROM tiles;
+  CREATE VIEW other.tiles AS SELECT zoom_level, tile_column, tile_row, CASE tile_column WHEN 99 THEN
+  (WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n) SELECT count(*) FROM n)
+  ELSE tile_data END AS tile_data FROM t""")
+END
+quiet create shared
+"$hxcf" -q import endless.mbtiles shared & dying=$!
+trap 'kill -9 $dying || true; rm -rf "$work"' EXIT
+"$hxcf" -q import even.mbtiles shared & living=$!
+until [ -n "$("$hxcf" ls --prefix 8/1/ shared)" ]; do kill -0 $dying; done
+kill -9 $dying
+wait $dying 2>/dev/null || [ $? -eq 137 ] || fail "the import did not live until it was killed"
+while kill -0 $living 2>/dev/null; do quiet verify shared >/dev/null; done
+wait $living || fail "the import beside the one that died has failed"
+trap 'rm -rf "$work"' EXIT
+quiet import odd.mbtiles shared
+"$hxcf" verify shared >/dev/null
+quiet export shared shared.mbtiles
+python3 - <<'END'
+import sqlite3
+def rows(*names):
+    return sorted(row for name in names for row in sqlite3.connect(name + ".mbtiles").execute(
+        "SELECT zoom_level, tile_column, tile_row, tile_data FROM tiles"))
+assert rows("shared") == rows("even", "odd")
+END
+
 # What cannot be, makes nothing.
 rm out err
 before=$(ls)

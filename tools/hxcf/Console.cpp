@@ -10,13 +10,14 @@ void Console::Note(const std::string& text) const {
   if (!isQuiet) std::fprintf(stderr, "hxcf: %s\n", text.c_str());
 }
 
+bool Console::ShowsProgress() const { return !isQuiet && !isJson && ::isatty(STDERR_FILENO) == 1; }
+
 void Console::PrintJson(const Json& json) const {
   std::printf("%s\n", json.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
 }
 
 Progress::Progress(const Console& console, std::string what)
-    : m_what(std::move(what)),
-      m_isShown(!console.isQuiet && !console.isJson && ::isatty(STDERR_FILENO) == 1) {}
+    : m_what(std::move(what)), m_isShown(console.ShowsProgress()) {}
 
 Progress::~Progress() {
   if (m_hasLine) std::fprintf(stderr, "\r\033[K");

@@ -31,6 +31,8 @@ struct Console {
 
   /// A sentence for whoever runs the command.
   void Note(const std::string& text) const;
+  /// Whether somebody sees the progress.
+  bool ShowsProgress() const;
   void PrintJson(const Json& json) const;
 };
 

@@ -126,6 +126,11 @@ class Importer {
   std::vector<Waiting> m_waiting;
 };
 
+// Some sources walk over their tiles to count them, so it is only done once, and for who sees it.
+std::uint64_t TotalOf(Formats::TileSource& source, const Console& console) {
+  return console.ShowsProgress() ? source.Count().value_or(0) : 0;
+}
+
 // One more look at all tiles, for grids must know how large they are.
 std::vector<hx::ZoomRange> FindRanges(Formats::TileSource& source,
                                       const Formats::TileFilter& filter, const Console& console) {
@@ -134,7 +139,7 @@ std::vector<hx::ZoomRange> FindRanges(Formats::TileSource& source,
   };
   std::map<std::uint32_t, Corners> zooms;
   Progress progress(console, "measured");
-  const std::uint64_t total = source.Count().value_or(0);  // which may take a look at all
+  const std::uint64_t total = TotalOf(source, console);
   std::uint64_t done = 0;
   source.Visit(filter, [&](const hx::Tile& tile, hx::Bytes) {
     Corners& corners = zooms[tile.z];
@@ -198,7 +203,7 @@ int Import(const ImportOptions& options, const Console& console) {
   const auto source = Formats::OpenSource(options.source, {options.GetRows()});
   const Archive::Filter filter = options.filter.Get();
   Archive archive = OpenForImport(options, source.get(), console);
-  const std::uint64_t total = source->Count().value_or(0);
+  const std::uint64_t total = TotalOf(*source, console);
   Tally tally;
   Complaints complaints(console, tally);
   {
