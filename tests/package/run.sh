@@ -98,9 +98,9 @@ exports() {
     nm -D --defined-only -C "$(installed "$library")"
   done |
     sed -E -e 's/^[0-9a-f]+ . //' -e 's/^(vtable|typeinfo|typeinfo name) for (.*)/\2::/' \
-      -e 's/(\[abi:|\().*//' -e '/^Zarn::[^:]*$/!s/::[^:]*$//' -e 's/^Zarn:://' | sort -u |
+      -e 's/(\[abi:|\().*//' -e '/^Zarn::[^:]*$/!s/::[^:]*$//' -e 's/^(Zarn|hx):://' | sort -u |
     while read -r name; do
-      grep -qE "HX_[A-Z]+_API .*\b$name\b" "$PROJECT"/{,platform/*/}include/*.h ||
+      grep -qE "HX_[A-Z]+_API .*\b$name\b" "$PROJECT"/{,platform/*/}include/*.h "$PROJECT"/tiles/include/hx/*.h ||
         fail "exported: $name"
     done
 }
