@@ -39,5 +39,18 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
     "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
-    "${hx_description}\n.\nThis package holds the command hxcf, which looks into files, imports and exports them.")
+    "${hx_description}\n.\nThis package holds the command hxcf, which looks into files, imports and\nexports them.")
+# What Debian wants in every package.
+set(hx_debian ${PROJECT_SOURCE_DIR}/cmake/debian)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${hx_debian}/triggers)
+execute_process(COMMAND gzip -9nc ${hx_debian}/changelog
+  OUTPUT_FILE ${PROJECT_BINARY_DIR}/changelog.gz COMMAND_ERROR_IS_FATAL ANY)
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+  string(TOUPPER ${component} name)
+  install(FILES ${hx_debian}/copyright ${PROJECT_BINARY_DIR}/changelog.gz
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${name}_PACKAGE_NAME}
+    COMPONENT ${component})
+endforeach()
+install(FILES ${hx_debian}/overrides RENAME ${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME}
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT Runtime)
 include(CPack)
