@@ -151,6 +151,8 @@ class Engine {
   bool Survey(Attempt attempt);
   template <typename Attempt, typename Finish>
   bool LookUp(Attempt attempt, Finish finish, bool usesBuffer = true);
+  template <typename Use>
+  bool LookUpSlot(const PelmUnicodeString& name, Use use);
   static void HandOver(OpenFile& file, const TileEntry& entry, const Io::RecordReader& record,
                        ZrByteArray& buffer, ZrByteArray& data, ZrVersion& given);
   static unsigned int ReadTile(OpenFile& file, View& view, const NameKey& key,

@@ -51,6 +51,28 @@ bool Engine::LookUp(Attempt attempt, Finish finish, bool usesBuffer) {
   return UseFile(look, usesBuffer);
 }
 
+/// The same for the slot of a name: `use(file, slot, isFound)` is told what each attempt has found
+/// (NameIndex::GetNamingIdxValue), and null in a file that has no names.
+template <typename Use>
+bool Engine::LookUpSlot(const PelmUnicodeString& name, Use use) {
+  const auto attempt = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
+    NameIndex* const names = file.Names();
+    if (names == nullptr) {
+      use(file, nullptr, Io::Fail(ZrCause::kWrongKind));
+      return true;
+    }
+    if (!names->IsComplete(view)) return false;
+    NameSlot slot;
+    TileStore tiles = file.MakeStore(*buffer);
+    const bool isFound =
+        names->GetNamingIdxValue(NameKey(name, file.GetShape()), tiles, slot, &view);
+    view.UsesMore();
+    use(file, &slot, isFound);
+    return true;
+  };
+  return LookUp(attempt, [](OpenFile&, ZrByteArray*) {});
+}
+
 /// The same for one who reads much, of which not everything need be valid: `attempt(file, view)`
 /// asks the view itself, and answers a TileWalk::Seen.
 template <typename Attempt>

@@ -15,8 +15,9 @@ bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data) try {
   return Io::Fail(ZrCause::kNoMemory);
 }
 
-// A class of the host's takes nothing but this.
+// A class of the host's takes nothing but arrays.
 unsigned int AddToCacheFile(ZrCacheFile& cache, const NamedStore& store) try {
+  if (store.array != nullptr) return cache.AddFile(*store.array, store.name);
   return cache.AddFile(ZrByteArray(store.data.data(), store.data.size()), store.name);
 } catch (const std::bad_alloc&) {
   return Io::Fail(ZrCause::kNoMemory, ZrResult::kWriteFailure);
@@ -50,7 +51,7 @@ unsigned int Engine::SetAt(const PelmUnicodeString& name, const PelmUnicodeStrin
   if (const auto cache = GetCacheFile()) return cache->AddFile(filePath, name);
   ZrByteArray data;
   if (!LoadDiskFile(filePath, data)) return ZrResult::kWriteFailure;
-  return SetAt({name, {data.GetData(), data.GetSize()}, 0, 0, version});
+  return SetAt(NamedStore(name, data, 0, 0, version));
 }
 
 unsigned int Engine::SetAt(unsigned int row, unsigned int col, const PelmUnicodeString& filePath,
@@ -209,23 +210,14 @@ unsigned int Engine::Remove(const PelmUnicodeString& name, std::uint64_t version
 ZrCompactFile::ZrStatus Engine::GetStatus(const PelmUnicodeString& name) {
   if (name.IsEmpty()) return Io::Fail(ZrCause::kEmptyArgument, ZrCompactFile::kUnknown);
   ZrCompactFile::ZrStatus status = ZrCompactFile::kUnknown;
-  const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
-    status = ZrCompactFile::kUnknown;
-    NameIndex* const names = file.Names();
-    if (names == nullptr) return !Io::Fail(ZrCause::kWrongKind);
-    if (!names->IsComplete(view)) return false;
-    NameSlot slot;
-    TileStore tiles = file.MakeStore(*buffer);
-    // Of a record that cannot be read, too, the slot tells.
-    const bool isFound =
-        names->GetNamingIdxValue(NameKey(name, file.GetShape()), tiles, slot, &view);
-    view.UsesMore();
-    status = !isFound && slot.isNew ? ZrCompactFile::kEmpty
-                                    : static_cast<ZrCompactFile::ZrStatus>(slot.entry.status);
-    return true;
+  // Of a record that cannot be read, too, the slot tells.
+  const auto tell = [&](OpenFile&, const NameSlot* slot, bool isFound) {
+    status = slot == nullptr           ? ZrCompactFile::kUnknown
+             : !isFound && slot->isNew ? ZrCompactFile::kEmpty
+                                       : static_cast<ZrCompactFile::ZrStatus>(slot->entry.status);
   };
   try {
-    return LookUp(read, [](OpenFile&, ZrByteArray*) {}) ? status : ZrCompactFile::kUnknown;
+    return LookUpSlot(name, tell) ? status : ZrCompactFile::kUnknown;
   } catch (const std::bad_alloc&) {
     return Io::Fail(ZrCause::kNoMemory, ZrCompactFile::kUnknown);
   }

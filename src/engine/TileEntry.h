@@ -60,18 +60,26 @@ BytesToStore BytesOf(const Store& store) {
 /// A store under a name, as the engine hands it on.
 struct NamedStore {
   NamedStore(const PelmUnicodeString& itsName, BytesToStore itsData, std::uint64_t itsCapacity,
-             std::uint64_t itsOffset, std::uint64_t itsVersion)
+             std::uint64_t itsOffset, std::uint64_t itsVersion,
+             const ZrByteArray* itsArray = nullptr)
       : name(itsName),
         data(itsData),
         capacity(itsCapacity),
         offset(itsOffset),
-        version(itsVersion) {}
+        version(itsVersion),
+        array(itsArray) {}
+  NamedStore(const PelmUnicodeString& itsName, const ZrByteArray& itsArray,
+             std::uint64_t itsCapacity, std::uint64_t itsOffset, std::uint64_t itsVersion)
+      : NamedStore(itsName, {itsArray.GetData(), itsArray.GetSize()}, itsCapacity, itsOffset,
+                   itsVersion, &itsArray) {}
   NamedStore(const ZrNameStore& store)  // NOLINT: one of a batch is one
-      : NamedStore(store.name, BytesOf(store), store.capacity, store.offset, store.version) {}
+      : NamedStore(store.name, BytesOf(store), store.capacity, store.offset, store.version,
+                   store.data) {}
 
   const PelmUnicodeString& name;
   BytesToStore data;
   std::uint64_t capacity, offset, version;
+  const ZrByteArray* array;  // that has the data; null: none
 };
 
 /// The same with all that belongs to it.

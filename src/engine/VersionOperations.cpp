@@ -56,23 +56,14 @@ unsigned int Engine::ListVersions(unsigned int row, unsigned int col, VersionLis
 
 unsigned int Engine::ListVersions(const PelmUnicodeString& name, VersionList& list) {
   unsigned int result = ZrResult::kReadFailure;
-  const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
+  const auto read = [&](OpenFile& file, const NameSlot* slot, bool isFound) {
     result = ZrResult::kReadFailure;
-    NameIndex* const names = file.Names();
-    if (names == nullptr) return !Io::Fail(ZrCause::kWrongKind);
-    if (!names->IsComplete(view)) return false;
-    NameSlot slot;
-    TileStore tiles = file.MakeStore(*buffer);
-    const bool isFound =
-        names->GetNamingIdxValue(NameKey(name, file.GetShape()), tiles, slot, &view);
-    view.UsesMore();
     if (isFound)
-      result = list.Read(file, slot.entry);
-    else if (slot.isNew)
+      result = list.Read(file, slot->entry);
+    else if (slot != nullptr && slot->isNew)
       result = Io::Fail(ZrCause::kNoTile, ZrResult::kNotFound);
-    return true;
   };
-  return LookUp(read, [](OpenFile&, ZrByteArray*) {}) ? result : ZrResult::kReadFailure;
+  return LookUpSlot(name, read) ? result : ZrResult::kReadFailure;
 }
 
 unsigned int Engine::GetVersions(unsigned int row, unsigned int col,

@@ -10,6 +10,17 @@ namespace {
 
 constexpr std::uint64_t kNewest = UINT64_MAX;  // a lookup of it gives the newest version
 
+// Gives the walk what a lookup by itself has come to. kOk; kNotFound if there is no tile to give.
+unsigned int TakeAlone(TileWalk& walk, unsigned int result,
+                       const std::optional<Io::RecordReader>& record, const TileEntry& entry,
+                       ZrByteArray& buffer) {
+  if (result != ZrResult::kOk)
+    walk.PassOver(result != ZrResult::kNotFound);
+  else if (walk.TakeAlone(*record, entry, buffer))
+    return ZrResult::kOk;
+  return ZrResult::kNotFound;
+}
+
 }  // namespace
 
 // Goes on to the next tile: kOk; kNotFound at the end; else what keeps the walk from going on. The
@@ -70,12 +81,8 @@ unsigned int Engine::ReadEntryAlone(TileWalk& walk) {
     return true;
   };
   const auto take = [&](OpenFile&, ZrByteArray* buffer) {
-    if (!isSame)
-      result = ZrResult::kNotUsable;
-    else if (result != ZrResult::kOk)
-      walk.PassOver(std::exchange(result, ZrResult::kNotFound) != ZrResult::kNotFound);
-    else if (!walk.TakeAlone(*record, entry, *buffer))
-      result = ZrResult::kNotFound;
+    result =
+        isSame ? TakeAlone(walk, result, record, entry, *buffer) : unsigned{ZrResult::kNotUsable};
   };
   return LookUp(read, take) ? result : WhyUnusable();
 }
@@ -111,12 +118,8 @@ unsigned int Engine::ReadNameAlone(TileWalk& walk) {
     return result == ZrResult::kOk || file.Names()->IsComplete(view);
   };
   const auto take = [&](OpenFile&, ZrByteArray* buffer) {
-    if (!isSame)
-      result = ZrResult::kNotUsable;
-    else if (result != ZrResult::kOk)
-      walk.PassOver(std::exchange(result, ZrResult::kNotFound) != ZrResult::kNotFound);
-    else if (!walk.TakeAlone(*record, entry, *buffer))
-      result = ZrResult::kNotFound;
+    result =
+        isSame ? TakeAlone(walk, result, record, entry, *buffer) : unsigned{ZrResult::kNotUsable};
   };
   return LookUp(read, take) ? result : WhyUnusable();
 }

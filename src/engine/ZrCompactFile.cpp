@@ -174,15 +174,16 @@ unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const ZrByteArr
                                   unsigned long long capacity, unsigned long long offset,
                                   unsigned long long version) {
   return Call(*m_engine, kStoring)
-      .Answer(m_engine->SetAt({name, {data.GetData(), data.GetSize()}, capacity, offset, version}));
+      .Answer(m_engine->SetAt(Engine::NamedStore(name, data, capacity, offset, version)));
 }
 
 unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const void* bytes,
                                   unsigned long long size, unsigned long long capacity,
                                   unsigned long long offset, unsigned long long version) {
   return Call(*m_engine, kStoring)
-      .Answer(m_engine->SetAt(
-          {name, {static_cast<const unsigned char*>(bytes), size}, capacity, offset, version}));
+      .Answer(m_engine->SetAt(Engine::NamedStore(
+          name, Engine::BytesToStore(static_cast<const unsigned char*>(bytes), size), capacity,
+          offset, version)));
 }
 
 unsigned int ZrCompactFile::SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,

@@ -324,15 +324,29 @@ TEST_P(Tilesets, HoldTilesAndMetadata) {
 INSTANTIATE_TEST_SUITE_P(Both, Tilesets, testing::Bool(),
                          [](const auto& kind) { return kind.param ? "Grids" : "Names"; });
 
+// Somebody was killed before the manifest was there.
+TEST_F(Tiles, GridsThatWereLeftAreUsedIfTheyFit) {
+  Container::create(Path("set/3.cf"), Layout::grid(3, 5)).put(Cell{0, 0}, "a");
+  EXPECT_EQ(CauseOf([&] {
+              Tileset::create_grids(Path("set"), {{3, 2, 4, 5, 2}});
+            }),
+            Cause::kExists);
+  EXPECT_EQ(Tileset::create_grids(Path("set"), {{3, 2, 4, 5, 3}}).get({3, 2, 4}).text(), "a");
+}
+
 TEST_F(Tiles, FoldersThatAreNoSetsAreNotOpened) {
   EXPECT_EQ(CauseOf([&] { Tileset::open(m_folder.GetFolder()); }), Cause::kNoFile);
   Container::create(Path("grid"), Layout::grid(1, 1));
   EXPECT_EQ(CauseOf([&] { Tileset::open(Path("grid.cf")); }), Cause::kWrongKind);
   EXPECT_EQ(CauseOf([&] { Tileset::open_or_create(Path("grid")); }), Cause::kWrongKind);
-  for (const char* const text : {"", "[]", "{}", R"({"zooms": [{"zoom": 1}]})", R"({"zooms": [1]})",
-                                 R"({"zooms": [], "metadata": 1})"}) {
+  const std::string deep = std::string(100000, '[') + std::string(100000, ']');
+  for (const std::string& text :
+       {std::string(), std::string("[]"), std::string("{}"), std::string(R"({"zooms": [1]})"),
+        std::string(R"({"zooms": [{"zoom": 1}]})"), std::string(R"({"zooms": [], "metadata": 1})"),
+        R"({"zooms": [], "metadata": )" + deep + "}"}) {
     std::ofstream(Path("tileset.json")) << text;
-    EXPECT_EQ(CauseOf([&] { Tileset::open(m_folder.GetFolder()); }), Cause::kWrongFormat) << text;
+    EXPECT_EQ(CauseOf([&] { Tileset::open(m_folder.GetFolder()); }), Cause::kWrongFormat)
+        << text.substr(0, 99);
   }
   EXPECT_EQ(
       CauseOf([&] {

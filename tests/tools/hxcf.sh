@@ -116,6 +116,8 @@ ends 1 'no such file' info missing
 ends 1 'missing' import missing.mbtiles new
 ends 1 'exist' create names
 ends 2 'FILE' info
+ends 2 'no zooms' import --by-name --min-zoom 1 set new
+ends 1 'no metadata' meta names get nothing
 ends 1 'mbtiles' export names a.mbtiles
 head -c 100 /dev/urandom >junk.pmtiles && ends 1 'junk' import junk.pmtiles new
 head -c 500 a.mbtiles >cut.mbtiles && ends 1 'cut' import cut.mbtiles new

@@ -13,7 +13,6 @@ namespace hx {
 namespace {
 
 using Zarn::ZrCompactFile;
-using Zarn::ZrError;
 using Zarn::ZrResult;
 
 PelmUnicodeString ToUnits(const std::filesystem::path& path) {

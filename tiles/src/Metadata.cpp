@@ -3,9 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <nlohmann/json.hpp>
 #include <sstream>
 #include <utility>
+
+#include "Json.h"
 
 namespace hx {
 namespace {
@@ -59,9 +60,9 @@ std::string ToText(const Json& value) {
   return isNumbers ? text.substr(1, text.size() - 2) : text;
 }
 
-// Nothing for what is no JSON, or nested so deeply that to write it would take too much of the
-// stack.
-std::optional<Json> Parse(std::string_view text) {
+}  // namespace
+
+std::optional<Json> ParseJson(std::string_view text) {
   constexpr int kDeepest = 100;
   bool isTooDeep = false;
   Json parsed = Json::parse(
@@ -73,8 +74,6 @@ std::optional<Json> Parse(std::string_view text) {
       false);
   return parsed.is_discarded() || isTooDeep ? std::nullopt : std::optional(std::move(parsed));
 }
-
-}  // namespace
 
 std::string Metadata::get(std::string_view key) const {
   const auto found = m_values.find(key);
@@ -126,7 +125,7 @@ std::string Metadata::to_json() const {
 }
 
 std::optional<Metadata> Metadata::from_json(std::string_view json) {
-  const auto parsed = Parse(json);
+  const auto parsed = ParseJson(json);
   if (!parsed || !parsed->is_object()) return std::nullopt;
   Metadata metadata;
   for (const auto& [key, value] : parsed->items())

@@ -2,14 +2,16 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <fstream>
+#include <iterator>
+#include <map>
 #include <new>
-#include <nlohmann/json.hpp>
 #include <system_error>
 #include <utility>
 
-#include <unistd.h>
+#include "Json.h"
+#include "ZrFile64.h"
+#include "ZrNewFile.h"
 
 namespace hx {
 namespace {
@@ -59,6 +61,16 @@ std::optional<ZoomRange> ToRange(const Json& json) {
   return range;
 }
 
+// One without a manifest may have been left by somebody who was killed.
+Container MakeGrid(const fs::path& folder, const ZoomRange& range, const Options& options) {
+  const fs::path path = GridPath(folder, range.zoom);
+  Container grid = Container::open_or_create(path, Layout::grid(range.rows, range.cols), options);
+  const Layout layout = grid.layout();
+  if (!layout.is_grid() || layout.rows() != range.rows || layout.cols() != range.cols)
+    Fail(ZrResult::kNotCreated, Cause::kExists, path, "create");
+  return grid;
+}
+
 struct Manifest {
   std::vector<ZoomRange> ranges;
   Metadata metadata;
@@ -68,7 +80,8 @@ Manifest ReadManifest(const fs::path& folder) {
   const fs::path path = folder / kManifestName;
   std::ifstream file(path, std::ios::binary);
   if (!file) Fail(ZrResult::kNotFound, Cause::kNoFile, path, "read", errno);
-  const Json json = Json::parse(file, nullptr, false);
+  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  const Json json = ParseJson(text).value_or(Json());
   Manifest manifest;
   const auto damaged = [&] { Fail(ZrResult::kWrongFile, Cause::kWrongFormat, path, "understand"); };
   if (!json.is_object() || !json.contains("zooms") || !json["zooms"].is_array()) damaged();
@@ -85,29 +98,38 @@ Manifest ReadManifest(const fs::path& folder) {
   return manifest;
 }
 
-// Whole or not at all: written beside it, and renamed. `isNew`: none may be there.
+Cause CauseOf(int systemError) {
+  switch (systemError) {
+    case ENOSPC:
+      return Cause::kDiskFull;
+    case EACCES:
+    case EPERM:
+      return Cause::kPermission;
+    case EROFS:
+      return Cause::kReadOnly;
+    default:
+      return Cause::kOther;
+  }
+}
+
+// Whole or not at all. `isNew`: none may be there.
 void WriteManifest(const fs::path& folder, const Manifest& manifest, bool isNew) {
-  Json json = {{"zooms", Json::array()}, {"metadata", Json::parse(manifest.metadata.to_json())}};
+  Json json = {{"zooms", Json::array()}, {"metadata", manifest.metadata.values()}};
   for (const ZoomRange& range : manifest.ranges)
     json["zooms"].push_back(ToJson(range));
+  const std::string text = json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
   const fs::path path = folder / kManifestName;
-  const fs::path beside = path.string() + "." + std::to_string(::getpid());
-  std::error_code error;
-  std::ofstream file(beside, std::ios::binary);
-  const bool isWritten =
-      static_cast<bool>(file << json.dump(2) << "\n") && (file.close(), file.good());
-  if (!isWritten) error.assign(errno, std::generic_category());
-  if (isWritten)
-    isNew ? fs::create_hard_link(beside, path, error) : fs::rename(beside, path, error);
-  std::error_code ignored;
-  fs::remove(beside, ignored);
-  if (error)
-    Fail(ZrResult::kWriteFailure,
-         error == std::errc::file_exists          ? Cause::kExists
-         : error == std::errc::no_space_on_device ? Cause::kDiskFull
-         : error == std::errc::permission_denied  ? Cause::kPermission
-                                                  : Cause::kOther,
-         path, "write", error.value());
+  Zarn::ZrFile64 stream;
+  Zarn::ZrNewFile file(stream);
+  using Outcome = Zarn::ZrNewFile::Outcome;
+  errno = 0;
+  const bool isWritten = file.Begin(PelmUnicodeString::FromUtf8(path.native())) &&
+                         stream.WriteAt(0, text.data(), text.size()) && stream.Sync();
+  const Outcome outcome = !isWritten ? Outcome::kFailed : isNew ? file.Publish() : file.Replace();
+  if (outcome == Outcome::kExists) Fail(ZrResult::kNotCreated, Cause::kExists, path, "create");
+  if (outcome == Outcome::kFailed)
+    Fail(ZrResult::kWriteFailure, CauseOf(errno), path, "write", errno);
+  file.Commit();
 }
 
 }  // namespace
@@ -201,9 +223,7 @@ Tileset Tileset::create_grids(const fs::path& folder, const std::vector<ZoomRang
     for (const auto& layer : tileset.m_set->layers)
       if (layer.range.zoom == range.zoom)
         Fail(ZrResult::kNotCreated, Cause::kOutOfRange, folder, "create two grids for a zoom in");
-    tileset.m_set->layers.push_back(
-        {range, Container::create(GridPath(folder, range.zoom),
-                                  Layout::grid(range.rows, range.cols), options)});
+    tileset.m_set->layers.push_back({range, MakeGrid(folder, range, options)});
   }
   WriteManifest(folder, {ranges, metadata}, true);
   return tileset;
@@ -369,8 +389,14 @@ void Tileset::compact(const Container::Progress& progress) {
 }
 
 bool Tileset::verify(const std::function<bool(const Finding&)>& report) const {
-  bool isSound = true;
-  Use().ForEach([&](Container& container) { isSound = container.verify(report) && isSound; });
+  bool isSound = true, goesOn = true;
+  const auto tell = [&](const Finding& finding) {
+    goesOn = !report || report(finding);
+    return goesOn;
+  };
+  Use().ForEach([&](Container& container) {
+    if (goesOn) isSound = container.verify(tell) && isSound;
+  });
   return isSound;
 }
 

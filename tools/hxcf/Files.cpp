@@ -28,15 +28,24 @@ int Create(const CreateOptions& options) {
   return kDone;
 }
 
+// Of the file, or of all files in the folder of grids.
+std::uint64_t SizeOf(Archive& archive, const std::filesystem::path& path) {
+  if (archive.GetFile() != nullptr) return std::filesystem::file_size(archive.GetFile()->path());
+  std::uint64_t size = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(path))
+    if (entry.is_regular_file()) size += entry.file_size();
+  return size;
+}
+
 int Compact(const FileOptions& file, const Console& console) {
   Archive archive = file.Open(false);
-  const std::uint64_t before = archive.Count({}).fileBytes;
+  const std::uint64_t before = SizeOf(archive, file.path);
   {
     Progress progress(console, "bytes");
     archive.IsGrid() ? archive.GetFile()->compact(progress.AsFunction())
                      : archive.GetSet()->compact(progress.AsFunction());
   }
-  const std::uint64_t after = archive.Count({}).fileBytes;
+  const std::uint64_t after = SizeOf(archive, file.path);
   if (console.isJson)
     console.PrintJson({{"before", before}, {"after", after}});
   else
@@ -61,7 +70,8 @@ int Meta(const MetaOptions& options, const Console& console) {
   hx::Tileset& set = SetOf(archive);
   hx::Metadata metadata = set.metadata();
   if (options.what == "get" && !options.key.empty()) {
-    if (metadata.values().count(options.key) == 0) return kNot;
+    if (metadata.values().count(options.key) == 0)
+      throw std::runtime_error(options.file.path + " has no metadata " + options.key);
     std::printf("%s\n", metadata.get(options.key).c_str());
   } else if (options.what == "get" && !console.isJson) {
     for (const auto& [key, value] : metadata.values())

@@ -83,20 +83,11 @@ class Importer {
   }
 
   void Flush() {
-    const auto store = [&](auto& target, auto keyOf) {
-      std::vector<typename std::decay_t<decltype(target)>::value_type> puts;
-      puts.reserve(m_waiting.size());
-      for (const Waiting& tile : m_waiting)
-        puts.push_back(
-            {keyOf(tile.address), {m_bytes.data() + tile.begin, tile.size}, {m_options.stamp}});
-      return puts;
-    };
-    std::vector<hx::Put> byKey;
-    std::vector<hx::Tileset::TilePut> byTile;
     if (hx::Container* const file = m_archive.GetFile())
-      file->put_all(store(byKey, [](const auto& address) { return hx::Key(address.text); }));
+      file->put_all(MakePuts<hx::Put>([](const auto& address) { return hx::Key(address.text); }));
     else
-      m_archive.GetSet()->put_all(store(byTile, [](const auto& address) { return *address.tile; }));
+      m_archive.GetSet()->put_all(
+          MakePuts<hx::Tileset::TilePut>([](const auto& address) { return *address.tile; }));
     m_tally.done += m_waiting.size();
     m_waiting.clear();
     m_bytes.clear();
@@ -111,6 +102,15 @@ class Importer {
     std::size_t begin, size;
   };
 
+  template <typename Put, typename KeyOf>
+  std::vector<Put> MakePuts(KeyOf keyOf) const {
+    std::vector<Put> puts;
+    puts.reserve(m_waiting.size());
+    for (const Waiting& tile : m_waiting)
+      puts.push_back(
+          {keyOf(tile.address), {m_bytes.data() + tile.begin, tile.size}, {m_options.stamp}});
+    return puts;
+  }
   bool IsThere(const Archive::Address& address) {
     if (m_options.stamp == 0) return m_archive.Contains(address);
     const auto versions = m_archive.Versions(address);
@@ -179,6 +179,8 @@ void ImportMetadata(hx::Tileset& set, const hx::Metadata& from, bool replaces) {
 
 int ImportNames(const ImportOptions& options, const Console& console) {
   if (!fs::is_directory(options.source)) throw WrongCall(options.source + " is no folder");
+  if (!options.filter.Get().isForAll || options.layout != "names")
+    throw WrongCall("what is imported --by-name has no zooms");
   Archive archive = OpenForImport(options, nullptr, console);
   if (!archive.IsNames()) throw WrongCall(options.file.path + " holds no names");
   Tally tally;
@@ -236,7 +238,7 @@ void ExportTiles(Archive& archive, const Archive::Filter& filter, const Console&
                  Tally& tally, Put put) {
   Complaints complaints(console, tally);
   Progress progress(console, "exported");
-  const std::uint64_t total = filter.isForAll ? archive.Count() : 0;
+  const std::uint64_t total = filter.isForAll && console.ShowsProgress() ? archive.Count() : 0;
   archive.ForEach(filter, true, [&](const Archive::Address& address, const hx::Entry& entry) {
     progress.Show(tally.done, total);
     if (entry.filled() != entry.size()) {
@@ -306,7 +308,7 @@ int Copy(const CopyOptions& options, const Console& console) {
       // In the order in which they were made, each goes to the end.
       for (auto stamp = stamps.rbegin(); stamp != stamps.rend(); ++stamp) {
         const auto payload = source.Find(address, *stamp);
-        if (!payload) continue;
+        if (!payload || payload->stamp() != *stamp) continue;  // it has gone meanwhile
         target.Put(target.Parse(address.text), {payload->data(), payload->filled()},
                    {*stamp, payload->size()});
         tally.bytes += payload->size();

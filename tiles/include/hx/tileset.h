@@ -53,7 +53,8 @@ class HX_TILES_API Tileset {
   /// Opens the set if it is there; else creates a container of names.
   static Tileset open_or_create(const std::filesystem::path& path, const Options& options = {});
   /// Creates a folder with a grid for each of the ranges, one of a zoom. The manifest comes last: a
-  /// folder without one is no set. Throws (Cause::kExists) if there is one.
+  /// folder without one is no set, and a grid of the right size that is there is used. Throws
+  /// (Cause::kExists) if there is a manifest, or another file in the place of a grid.
   static Tileset create_grids(const std::filesystem::path& folder,
                               const std::vector<ZoomRange>& ranges, const Metadata& metadata = {},
                               const Options& options = {});
