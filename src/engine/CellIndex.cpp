@@ -81,7 +81,7 @@ bool CellIndex::WriteCells(const NameSlot* cells, std::size_t count) {
   if (!change.IsShown()) return false;
   if (ReplaceSplitEntries(*m_file, place, before, bytes) &&
       m_file->WriteAt(place, bytes.GetData(), size)) {
-    m_pIndex->Write(first, bytes.GetData(), size);
+    m_pIndex->Write(first, bytes.GetData(), entries);
     return true;
   }
   m_file->WriteAt(place, before.GetData(), size);

@@ -31,7 +31,7 @@ bool IndexEntries::WriteIndexValue(TileEntry& entry) {
     m_board.Forget();  // a part of it may be there
     return false;
   }
-  m_pIndex->Write(entry.number, &after, sizeof after);
+  m_pIndex->WriteValue(entry.number, entry.Value());
   entry.stored = entry.Value();
   return true;
 }

@@ -14,6 +14,34 @@ namespace {
 
 constexpr std::uint64_t kWord = sizeof(std::uint64_t);
 
+// A word in memory: two bits of status, 46 of position, 16 of hint. A value that does not fit,
+// which is damaged or leads behind 64 TiB, is not kept: it is read each time, as one that is to be
+// forgotten.
+constexpr unsigned kHintBits = 16;
+constexpr unsigned kStatusPlace = 62;
+constexpr std::uint64_t kHintMask = (std::uint64_t{1} << kHintBits) - 1;
+constexpr std::uint64_t kForgotten = std::uint64_t{3} << kStatusPlace;
+constexpr std::uint64_t kMostPosition = (std::uint64_t{1} << (kStatusPlace - kHintBits)) - 1;
+
+constexpr std::uint64_t WordOf(std::uint64_t value) {
+  const std::uint64_t status = Format::StatusOf(value);
+  const std::uint64_t position = Format::PositionOf(value);
+  if (status >= kForgotten >> kStatusPlace || position > kMostPosition) return kForgotten;
+  return status << kStatusPlace | position << kHintBits;
+}
+
+constexpr std::uint64_t ValueOf(std::uint64_t word) {
+  return Format::PackIndexValue(static_cast<std::uint8_t>(word >> kStatusPlace),
+                                word >> kHintBits & kMostPosition);
+}
+
+constexpr bool IsForgotten(std::uint64_t word) { return word >= kForgotten; }
+
+// What is in the file instead of a value that must be read again.
+constexpr std::uint64_t kNoValue = UINT64_MAX;
+static_assert(IsForgotten(WordOf(kNoValue)));
+static_assert(Format::kStatusPartial < kForgotten >> kStatusPlace);
+
 std::uint64_t PageCount(std::uint64_t size, std::uint64_t pageSize) {
   return (size + pageSize - 1) / pageSize;
 }
@@ -38,17 +66,13 @@ IndexPages::IndexPages(const ZrFile64& file, Io::Board& board, const Area& area)
     : m_file(file),
       m_board(board),
       m_area(area),
-      m_bytes(area.Size()),
-      m_tags(PageCount(area.Size(), kPageSize) * kWord),
-      m_hints(area.index.count * sizeof(Hint)) {
+      m_words(area.Size()),
+      m_tags(PageCount(area.Size(), kPageSize) * kWord) {
   static_assert(kPageSize % Format::kGridEntrySize == 0 && kPageSize % Format::kNamingSlotSize == 0,
                 "no entry lies on two pages, for pages are counted from the first entry");
-  static_assert(sizeof(Entry) == Format::kNamingSlotSize, "a slot is read as it lies in the file");
 }
 
-bool IndexPages::IsUsable() const {
-  return m_bytes.IsUsable() && m_tags.IsUsable() && m_hints.IsUsable();
-}
+bool IndexPages::IsUsable() const { return m_words.IsUsable() && m_tags.IsUsable(); }
 
 // A mapping is as quick as a page of our own, and always new. Where others change the file, a page
 // is read whole only if it may be kept.
@@ -56,23 +80,25 @@ bool IndexPages::Read(std::uint64_t entry, Entry& result, View& view) {
   if (entry >= m_area.index.count) return false;
   const std::uint64_t offset = entry * m_area.index.EntrySize();
   const std::uint64_t page = offset / kPageSize;
-  Entry stored;
   view.m_entry = entry;
   view.m_page = View::kNone;
   view.m_isRead = false;
-  const bool isKept = !view.m_isMapped && ReadKept(offset, stored, &view);
-  if (!isKept && (view.m_isMapped || stored.value == kForgotten)) {
-    if (!view.ReadIndex(PositionOf(offset), &stored, m_area.index.EntrySize())) return false;
-    view.m_isRead = true;
-  } else if (!isKept) {
-    if (!ReadPage(page, view.m_bytes)) return false;
-    view.m_page = page;
-    std::memcpy(&stored, view.m_bytes + offset % kPageSize, m_area.index.EntrySize());
+  bool isForgotten = false;
+  if (view.m_isMapped || !ReadKept(offset, result, &view, &isForgotten)) {
+    if (view.m_isMapped || isForgotten) {
+      unsigned char bytes[Format::kNamingSlotSize];
+      if (!view.ReadIndex(PositionOf(offset), bytes, m_area.index.EntrySize())) return false;
+      view.m_isRead = true;
+      result = Decode(bytes);
+    } else {
+      if (!ReadPage(page, view.m_bytes)) return false;
+      view.m_page = page;
+      result = Decode(view.m_bytes + offset % kPageSize);
+    }
   }
-  view.m_value = stored.value;
-  view.m_code = stored.code;
+  view.m_value = result.value;
+  view.m_code = result.code;
   view.UsesTile(static_cast<std::uint32_t>(entry));
-  result = Decode(stored);
   return true;
 }
 
@@ -89,68 +115,68 @@ void IndexPages::KeepPage(View& view) {
     for (const std::uint32_t tile : view.GetChanged()) {
       const std::uint64_t offset = tile * m_area.index.EntrySize();
       if (tile < m_area.index.count && offset / kPageSize == view.m_page)
-        std::memcpy(view.m_bytes + offset % kPageSize, &kForgotten, sizeof kForgotten);
+        std::memcpy(view.m_bytes + offset % kPageSize, &kNoValue, sizeof kNoValue);
     }
   const std::lock_guard guard(m_mutex);
   if (m_board.MayKeep(view.GetEntriesNow())) Keep(view.m_page, view.m_bytes, view.GetEntriesNow());
 }
 
-// Only into a page that has all the others. The code first: who sees the value, sees it as well.
+// Only into a page that has all the others.
 void IndexPages::KeepEntry(const View& view) {
   const std::uint64_t offset = view.m_entry * m_area.index.EntrySize();
-  const auto value = ValueAt(offset);
-  if (view.m_isMapped || value.load(std::memory_order_relaxed) != kForgotten) return;
+  if (view.m_isMapped || !IsForgotten(WordAt(offset).load(std::memory_order_relaxed))) return;
   const std::lock_guard guard(m_mutex);
-  if (!m_board.MayKeep(view.GetEntriesNow())) return;
-  if (!m_area.index.IsGrid()) ValueAt(offset + kWord).store(view.m_code, std::memory_order_relaxed);
-  value.store(view.m_value, std::memory_order_release);
+  if (m_board.MayKeep(view.GetEntriesNow())) StoreAt(offset, {view.m_value, view.m_code});
 }
 
 void IndexPages::Forget(std::uint32_t entry) {
   if (entry >= m_area.index.count) return;
   const std::lock_guard guard(m_mutex);
-  ValueAt(entry * m_area.index.EntrySize()).store(kForgotten, std::memory_order_release);
+  const auto word = WordAt(entry * m_area.index.EntrySize());
+  word.store(kForgotten | (word.load(std::memory_order_relaxed) & kHintMask),
+             std::memory_order_release);
 }
 
 // The tag tells before and after that the page has not changed meanwhile. Without a view, for the
 // holder of the writer lock.
-bool IndexPages::ReadKept(std::uint64_t offset, Entry& stored, const View* view) const {
+bool IndexPages::ReadKept(std::uint64_t offset, Entry& result, const View* view,
+                          bool* isForgotten) const {
   const auto tag = TagOf(offset / kPageSize);
   const std::uint64_t before = tag.load(std::memory_order_acquire);
   if (view != nullptr ? !view->IsCurrent(before) : !m_board.IsCurrent(before)) return false;
-  stored.value = ValueAt(offset).load(std::memory_order_acquire);
-  if (!m_area.index.IsGrid()) stored.code = ValueAt(offset + kWord).load(std::memory_order_acquire);
-  return tag.load(std::memory_order_relaxed) == before && stored.value != kForgotten;
+  const std::uint64_t word = WordAt(offset).load(std::memory_order_acquire);
+  result = {ValueOf(word), 0};
+  if (!m_area.index.IsGrid()) result.code = WordAt(offset + kWord).load(std::memory_order_acquire);
+  if (tag.load(std::memory_order_relaxed) != before) return false;
+  if (isForgotten != nullptr) *isForgotten = IsForgotten(word);
+  return !IsForgotten(word);
 }
 
-IndexPages::Entry IndexPages::Decode(const Entry& stored) const {
-  return {LoadScalar<std::uint64_t>(&stored.value, m_area.swap),
-          LoadScalar<std::uint64_t>(&stored.code, m_area.swap)};
+IndexPages::Entry IndexPages::Decode(const unsigned char* bytes) const {
+  Entry entry{LoadScalar<std::uint64_t>(bytes, m_area.swap)};
+  if (!m_area.index.IsGrid()) entry.code = LoadScalar<std::uint64_t>(bytes + kWord, m_area.swap);
+  return entry;
 }
 
 bool IndexPages::ReadStable(std::uint64_t entry, Entry& result, PagesAhead* ahead) {
   if (entry >= m_area.index.count) return false;
   const std::uint64_t offset = entry * m_area.index.EntrySize();
-  Entry stored;
-  if (!ReadKept(offset, stored, nullptr) &&
-      !(ahead != nullptr && ReadAhead(offset, stored, *ahead)) && !ReadAndKeep(offset, stored))
-    return false;
-  result = Decode(stored);
-  return true;
+  return ReadKept(offset, result, nullptr) ||
+         (ahead != nullptr && ReadAhead(offset, result, *ahead)) || ReadAndKeep(offset, result);
 }
 
-bool IndexPages::ReadAndKeep(std::uint64_t offset, Entry& stored) {
+bool IndexPages::ReadAndKeep(std::uint64_t offset, Entry& result) {
   unsigned char bytes[kPageSize];
   const std::uint64_t page = offset / kPageSize;
   if (!ReadPage(page, bytes)) return false;
   const std::lock_guard guard(m_mutex);
   Keep(page, bytes, m_board.GetEntries());
-  std::memcpy(&stored, bytes + offset % kPageSize, m_area.index.EntrySize());
+  result = Decode(bytes + offset % kPageSize);
   return true;
 }
 
 // Who goes on with the next page is expected to go on further.
-bool IndexPages::ReadAhead(std::uint64_t offset, Entry& stored, PagesAhead& ahead) const {
+bool IndexPages::ReadAhead(std::uint64_t offset, Entry& result, PagesAhead& ahead) const {
   constexpr std::uint64_t kSize = 16 * kPageSize;
   const std::uint64_t page = offset / kPageSize;
   if (page == ahead.m_end) {
@@ -165,8 +191,7 @@ bool IndexPages::ReadAhead(std::uint64_t offset, Entry& stored, PagesAhead& ahea
     ahead.m_first = ahead.m_end = page + 1;
     return false;
   }
-  std::memcpy(&stored, &ahead.m_bytes[offset - ahead.m_first * kPageSize],
-              m_area.index.EntrySize());
+  result = Decode(&ahead.m_bytes[offset - ahead.m_first * kPageSize]);
   return true;
 }
 
@@ -185,33 +210,44 @@ void IndexPages::Keep(std::uint64_t page, const unsigned char* bytes, std::uint6
   const auto tag = TagOf(page);
   tag.store(0, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  for (std::uint64_t i = 0; i < size; i += kWord) {
-    std::uint64_t value;
-    std::memcpy(&value, bytes + i, kWord);
-    ValueAt(begin + i).store(value, std::memory_order_release);
-  }
+  for (std::uint64_t i = 0; i < size; i += m_area.index.EntrySize())
+    StoreAt(begin + i, Decode(bytes + i));
   tag.store(Io::Board::Tag(entries), std::memory_order_release);
 }
 
 // A page that is not current is read when it is asked for, and has the change then.
-void IndexPages::Write(std::uint64_t entry, const void* source, std::uint64_t size) {
-  const std::uint64_t offset = entry * m_area.index.EntrySize();
-  const auto* bytes = static_cast<const unsigned char*>(source);
+void IndexPages::Write(std::uint64_t entry, const unsigned char* bytes, std::uint64_t count) {
+  const std::uint64_t size = m_area.index.EntrySize();
   const std::lock_guard guard(m_mutex);
-  for (std::uint64_t i = 0; i < size;) {
-    const std::uint64_t page = (offset + i) / kPageSize;
-    const std::uint64_t end = std::min(size, (page + 1) * kPageSize - offset);
-    const bool isKept = m_board.IsCurrent(TagOf(page).load(std::memory_order_relaxed));
-    for (; i < end; i += kWord) {
-      std::uint64_t value;
-      std::memcpy(&value, bytes + i, kWord);
-      if (isKept) ValueAt(offset + i).store(value, std::memory_order_release);
-    }
-  }
+  for (std::uint64_t i = 0; i < count; ++i)
+    if (IsKept((entry + i) * size)) StoreAt((entry + i) * size, Decode(bytes + i * size));
 }
 
-std::atomic_ref<std::uint64_t> IndexPages::ValueAt(std::uint64_t offset) const {
-  return std::atomic_ref(*reinterpret_cast<std::uint64_t*>(m_bytes.Get() + offset));
+void IndexPages::WriteValue(std::uint64_t entry, std::uint64_t value) {
+  const std::uint64_t offset = entry * m_area.index.EntrySize();
+  const std::lock_guard guard(m_mutex);
+  if (IsKept(offset)) StoreValueAt(offset, value);
+}
+
+bool IndexPages::IsKept(std::uint64_t offset) const {
+  return m_board.IsCurrent(TagOf(offset / kPageSize).load(std::memory_order_relaxed));
+}
+
+// The caller holds m_mutex. The code first: who sees the value, sees it as well.
+void IndexPages::StoreAt(std::uint64_t offset, const Entry& entry) {
+  if (!m_area.index.IsGrid()) WordAt(offset + kWord).store(entry.code, std::memory_order_release);
+  StoreValueAt(offset, entry.value);
+}
+
+// The hint stays.
+void IndexPages::StoreValueAt(std::uint64_t offset, std::uint64_t value) {
+  const auto word = WordAt(offset);
+  word.store(WordOf(value) | (word.load(std::memory_order_relaxed) & kHintMask),
+             std::memory_order_release);
+}
+
+std::atomic_ref<std::uint64_t> IndexPages::WordAt(std::uint64_t offset) const {
+  return std::atomic_ref(*reinterpret_cast<std::uint64_t*>(m_words.Get() + offset));
 }
 
 std::atomic_ref<std::uint64_t> IndexPages::TagOf(std::uint64_t page) const {
@@ -219,33 +255,36 @@ std::atomic_ref<std::uint64_t> IndexPages::TagOf(std::uint64_t page) const {
 }
 
 std::uint64_t IndexPages::GetHint(std::uint64_t entry) const {
-  return HintOf(entry).load(std::memory_order_relaxed);
+  return WordAt(entry * m_area.index.EntrySize()).load(std::memory_order_relaxed) & kHintMask;
 }
 
-// A large record takes so long that a second read of it does not matter.
+// A large record takes so long that a second read of it does not matter. A page that was never read
+// gets no memory for a hint. What changes the word meanwhile, stays.
 void IndexPages::SetHint(std::uint64_t entry, std::uint64_t length) {
-  const Hint hint = length <= UINT16_MAX ? static_cast<Hint>(length) : 0;
-  if (const auto place = HintOf(entry); place.load(std::memory_order_relaxed) != hint)
-    place.store(hint, std::memory_order_relaxed);
-}
-
-std::atomic_ref<IndexPages::Hint> IndexPages::HintOf(std::uint64_t entry) const {
-  return std::atomic_ref(reinterpret_cast<Hint*>(m_hints.Get())[entry]);
+  const std::uint64_t hint = length <= kHintMask ? length : 0;
+  const std::uint64_t offset = entry * m_area.index.EntrySize();
+  if (TagOf(offset / kPageSize).load(std::memory_order_relaxed) == 0) return;
+  const auto word = WordAt(offset);
+  std::uint64_t before = word.load(std::memory_order_relaxed);
+  if ((before & kHintMask) != hint)
+    word.compare_exchange_strong(before, (before & ~kHintMask) | hint, std::memory_order_relaxed);
 }
 
 std::uint64_t IndexPages::GuessLength(std::uint64_t entry, std::uint64_t position,
                                       const View& view) const {
   const std::uint64_t offset = (entry + 1) * m_area.index.EntrySize();
   if (entry + 1 >= m_area.index.count) return 0;
+  unsigned char bytes[Format::kNamingSlotSize];
   Entry next;
   if (view.m_isMapped) {
-    if (!view.ReadIndex(PositionOf(offset), &next.value, kWord)) return 0;
+    if (!view.ReadIndex(PositionOf(offset), bytes, m_area.index.EntrySize())) return 0;
+    next = Decode(bytes);
   } else if (view.m_page == offset / kPageSize) {
-    std::memcpy(&next.value, view.m_bytes + offset % kPageSize, kWord);
+    next = Decode(view.m_bytes + offset % kPageSize);
   } else if (!ReadKept(offset, next, nullptr)) {
     return 0;
   }
-  return Format::DistanceToNext(position, Decode(next).value);
+  return Format::DistanceToNext(position, next.value);
 }
 
 }  // namespace Zarn::Engine

@@ -48,7 +48,7 @@ class View : public Io::Snapshot {
   bool m_seesAllNames = false;
   std::uint64_t m_page = kNone;  // the number of the page in m_bytes
   std::uint64_t m_entry = 0;     // the entry that was read last
-  std::uint64_t m_value = 0;     // its words as they lie in the file
+  std::uint64_t m_value = 0;     // its index value
   std::uint64_t m_code = 0;
   bool m_isRead = false;  // from the file, by itself
   unsigned char m_bytes[kPageSize];
@@ -65,9 +65,12 @@ class PagesAhead {
   std::vector<unsigned char> m_bytes;
 };
 
-/// The entries of an index area in memory, as they lie in the file, read page by page when they
-/// are first asked for. So opening costs nothing per entry, and after another process's change only
-/// what is used is read again: each page has the board's tag of when it was read.
+/// The entries of an index area in memory, read page by page when they are first asked for. So
+/// opening costs nothing per entry, and after another process's change only what is used is read
+/// again: each page has the board's tag of when it was read.
+///
+/// An index value has more bits than files of our days need. The rest of its word holds a hint, so
+/// a lookup touches one line of memory, and hints need none of their own.
 ///
 /// What lies beyond the end of the file reads as zero: an index cut short has empty entries.
 ///
@@ -103,14 +106,17 @@ class IndexPages {
   /// The same for one who holds the writer lock. `ahead`: for one who reads many entries, most of
   /// them in their order; to be made anew when one has changed.
   bool ReadStable(std::uint64_t entry, Entry& result, PagesAhead* ahead = nullptr);
-  /// Changes whole entries in memory, from the one of this number on; they are in the file already.
-  void Write(std::uint64_t entry, const void* source, std::uint64_t size);
+  /// Changes entries in memory, from the one of this number on, to what is in the file already:
+  /// these bytes.
+  void Write(std::uint64_t entry, const unsigned char* bytes, std::uint64_t count);
+  /// The same for the index value of one entry.
+  void WriteValue(std::uint64_t entry, std::uint64_t value);
 
   /// The entry, if there is one of this number, is to be read again. Any thread may tell.
   void Forget(std::uint32_t entry);
 
-  /// The hint for an entry: how long its record was when it was last seen; 0 at first, and for a
-  /// large record. It may be wrong.
+  /// The hint for an entry: how long its record was when it was last seen; 0 if its page is not in
+  /// memory, and for a large record. It may be wrong.
   std::uint64_t GetHint(std::uint64_t entry) const;
   void SetHint(std::uint64_t entry, std::uint64_t length);
   /// For an entry without a hint: how long the record at `position` is if the next entry's follows
@@ -119,32 +125,28 @@ class IndexPages {
 
  private:
   static constexpr std::uint64_t kPageSize = View::kPageSize;
-  /// In memory instead of a value that must be read again. No tile has it; where a damaged file
-  /// does, it is read each time.
-  static constexpr std::uint64_t kForgotten = UINT64_MAX;
-
-  using Hint = std::uint16_t;
-
-  bool ReadKept(std::uint64_t offset, Entry& stored, const View* view) const;
-  Entry Decode(const Entry& stored) const;
+  bool ReadKept(std::uint64_t offset, Entry& result, const View* view,
+                bool* isForgotten = nullptr) const;
+  Entry Decode(const unsigned char* bytes) const;
   bool ReadPage(std::uint64_t page, unsigned char* target) const;
-  bool ReadAndKeep(std::uint64_t offset, Entry& stored);
-  bool ReadAhead(std::uint64_t offset, Entry& stored, PagesAhead& ahead) const;
+  bool ReadAndKeep(std::uint64_t offset, Entry& result);
+  bool ReadAhead(std::uint64_t offset, Entry& result, PagesAhead& ahead) const;
   void Keep(std::uint64_t page, const unsigned char* bytes, std::uint64_t entries);
   void KeepPage(View& view);
   void KeepEntry(const View& view);
   std::uint64_t PositionOf(std::uint64_t offset) const { return m_area.index.EntryAt(0) + offset; }
-  std::atomic_ref<std::uint64_t> ValueAt(std::uint64_t offset) const;
+  void StoreAt(std::uint64_t offset, const Entry& entry);
+  void StoreValueAt(std::uint64_t offset, std::uint64_t value);
+  bool IsKept(std::uint64_t offset) const;
+  std::atomic_ref<std::uint64_t> WordAt(std::uint64_t offset) const;
   std::atomic_ref<std::uint64_t> TagOf(std::uint64_t page) const;
-  std::atomic_ref<Hint> HintOf(std::uint64_t entry) const;
 
   const ZrFile64& m_file;
   Io::Board& m_board;
   const Area m_area;
   std::mutex m_mutex;  // held while pages change
-  ZeroMemory m_bytes;  // values, atomic
+  ZeroMemory m_words;  // atomic: of each entry value and hint, of a slot then the code
   ZeroMemory m_tags;   // of each page, atomic; 0 while it changes
-  ZeroMemory m_hints;  // a Hint per entry, atomic
 };
 
 }  // namespace Zarn::Engine

@@ -314,7 +314,7 @@ bool NameIndex::AddSlots(const NameSlot* slots, std::uint64_t count) {
     m_board.Forget();
     return false;
   }
-  m_pIndex->Write(oldCount, bytes, size);
+  m_pIndex->Write(oldCount, bytes, count);
   // No slot has the code of a new name.
   for (std::uint64_t i = 0; i < count; ++i)
     m_mapHashCode->Insert(slots[i].code, slots[i].entry.number,
