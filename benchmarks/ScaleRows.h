@@ -20,7 +20,7 @@ struct LargeScale {
   unsigned int pieces = 160;
   unsigned int rewrites = 4000;
   unsigned int compacted = 67000;  // tiles, each stored twice
-  unsigned int mostCells = 100000000, mostNames = 1000000;
+  unsigned int mostCells = 100000000, mostNames = 10000000;
 };
 
 inline constexpr unsigned int kBatchTiles = 2048;

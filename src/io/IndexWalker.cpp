@@ -10,9 +10,10 @@ IndexWalker::IndexWalker(const ZrFileStream& file, const Format::IndexShape& ind
                          std::uint64_t end, const WalkOptions& options)
     : m_file(file),
       m_index(index),
+      m_entrySize(index.EntrySize()),
       m_swap(swap),
       m_options(options),
-      m_blockSize(options.blockSize != 0 ? options.blockSize : 64 * 1024 / index.EntrySize()),
+      m_blockSize(options.blockSize != 0 ? options.blockSize : 64 * 1024 / m_entrySize),
       m_end(end),
       m_next(std::min(options.first, end)),
       m_first(m_next) {}
@@ -35,18 +36,17 @@ void IndexWalker::SkipHole() {
   const std::uint64_t position = m_index.EntryAt(m_next);
   if (left == 0 || (m_options.readsLastBlock && left <= m_blockSize)) return;
   const std::uint64_t hole = std::max(m_file.NextData(position), position) - position;
-  m_next += std::min(hole / m_index.EntrySize(), left);
+  m_next += std::min(hole / m_entrySize, left);
 }
 
 // The walk ends where the file does; of the last entry it may have a part.
 bool IndexWalker::ReadBlock() {
   const std::uint64_t position = m_index.EntryAt(m_first);
-  const std::uint64_t entrySize = m_index.EntrySize();
-  m_bytes.resize(m_size * entrySize);
+  m_bytes.resize(m_size * m_entrySize);
   const auto got = ReadEntries(m_file, position, m_bytes.data(), m_bytes.size());
   if (!got) return false;
   if (*got == m_bytes.size()) return true;
-  m_size = (*got + entrySize - 1) / entrySize;
+  m_size = (*got + m_entrySize - 1) / m_entrySize;
   m_end = m_next = m_first + m_size;
   return true;
 }

@@ -49,13 +49,14 @@ class IndexWalker {
 
  private:
   std::uint64_t Word(std::size_t entry, std::size_t offset) const {
-    return LoadScalar<std::uint64_t>(&m_bytes[entry * m_index.EntrySize() + offset], m_swap);
+    return LoadScalar<std::uint64_t>(m_bytes.data() + entry * m_entrySize + offset, m_swap);
   }
   void SkipHole();
   bool ReadBlock();
 
   const ZrFileStream& m_file;
   const Format::IndexShape m_index;
+  const std::size_t m_entrySize;
   const bool m_swap;
   const WalkOptions m_options;
   const std::uint64_t m_blockSize;

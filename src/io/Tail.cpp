@@ -179,13 +179,15 @@ bool Tail::FollowRecords(const ZrFileStream& file, std::uint64_t fileLength) {
 bool Tail::LookThroughIndex(const ZrFileStream& file, std::uint64_t fileLength) try {
   m_lastRecord = 0;
   std::uint64_t last = 0;
+  const std::uint64_t indexEnd = m_index.End();
   std::vector<std::uint64_t> lost;
   IndexWalker walker(file, m_index, m_swap, m_index.CountIn(fileLength));
   while (walker.Next()) {
     for (std::size_t i = 0; i < walker.Size(); ++i) {
-      const std::uint64_t record = Format::PositionOf(walker.Value(i));
-      if (!Format::HoldsRecord(Format::StatusOf(walker.Value(i))) || record < m_index.End())
-        continue;
+      const std::uint64_t value = walker.Value(i);
+      if (value == 0) continue;  // most of a large grid
+      const std::uint64_t record = Format::PositionOf(value);
+      if (!Format::HoldsRecord(Format::StatusOf(value)) || record < indexEnd) continue;
       if (record >= fileLength)
         lost.push_back(record);
       else
