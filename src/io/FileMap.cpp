@@ -30,9 +30,15 @@ std::uint64_t FileMap::ReadUpTo(std::uint64_t position, void* target, std::uint6
   if (available == 0) return 0;
   const View& view = *m_view.load(std::memory_order_acquire);
   for (std::uint64_t i = position / kPiece; i <= (position + available - 1) / kPiece; ++i)
-    if (!view.WasRead(i)) m_file->ReadAhead(i * kPiece, kPiece);
+    if (!view.WasRead(i))
+      m_file->ReadAhead(i * kPiece, i != 0 && view.IsRead(i - 1) ? 2 * kPiece : kPiece);
   std::memcpy(target, view.bytes + position, available);
   return available;
+}
+
+bool FileMap::View::IsRead(std::uint64_t piece) const {
+  const std::uint64_t bits = pieces[piece / kBits].load(std::memory_order_relaxed);
+  return (bits & std::uint64_t{1} << piece % kBits) != 0;
 }
 
 // From now on it was.

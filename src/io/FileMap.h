@@ -32,6 +32,7 @@ class FileMap {
 
  private:
   struct View {
+    bool IsRead(std::uint64_t piece) const;
     bool WasRead(std::uint64_t piece) const;
 
     const unsigned char* bytes;
