@@ -225,8 +225,8 @@ TileWalk::Seen TileWalk::ReadFound(OpenFile& file, View& view, std::size_t& coun
 
 bool TileWalk::IsSound(const OpenFile& file, std::size_t number) const {
   const Io::RecordWindow::Record& record = m_window.At(number);
-  return record.bytes != nullptr && record.head.versionCount > 0 &&
-         file.Index().GetShape().LeavesRoom(m_places[number].position, record.head.length);
+  return record.bytes != nullptr &&
+         record.head.MayLieAt(m_places[number].position, file.Index().GetShape());
 }
 
 bool TileWalk::TakeRecord(const Ready& ready) {
