@@ -50,6 +50,7 @@ struct Layout {
   const char* name;
   bool isNaming;
   bool isForeign;  // in the other byte order
+  bool isOlder;    // naming files: of the older version
   Mode mode;
   unsigned int tile;    // the one that operations work on
   std::size_t size;     // of most payloads
@@ -67,12 +68,12 @@ struct Layout {
 // Of what spans two pages, one byte is in the first: the position of the second version in a table,
 // that of a slot, or the number of names; four of a cell's entry and of a record's length.
 const Layout kLayouts[] = {
-    {"Grid", false, false, kLocked, 1, 300, 100, 0},
-    {"GridOnEdges", false, false, kCreate, kStraddling, 300, kPage - 37, 0},
-    {"ForeignGridOfLargeTiles", false, true, kMapped, kStraddling, 5000, kPage - 4, 0},
-    {"Names", true, false, kLocked, 1, 300, 100, 0},
-    {"NamesOnEdges", true, false, kCreate, 2, 300, kPage - 63, kPage - 101},
-    {"LargeTilesByName", true, false, kCreate, 2, 5000, 100, kPage - 9},
+    {"Grid", false, false, false, kLocked, 1, 300, 100, 0},
+    {"GridOnEdges", false, false, false, kCreate, kStraddling, 300, kPage - 37, 0},
+    {"ForeignGridOfLargeTiles", false, true, false, kMapped, kStraddling, 5000, kPage - 4, 0},
+    {"Names", true, false, false, kLocked, 1, 300, 100, 0},
+    {"NamesOnEdges", true, false, false, kCreate, 2, 300, kPage - 63, kPage - 101},
+    {"LargeTilesByOlderName", true, true, true, kMapped, 2, 5000, 100, kPage - 9},
 };
 
 enum Size { kHalf, kSmaller, kSame, kGrown, kLarger };
@@ -113,10 +114,12 @@ struct Bench {
   std::vector<unsigned int> results;
   ZrByteArray read;
   PelmArray<Name> list;
+  std::vector<ZrVersion> versions;
   ZrCompactFileWriter writer;
   ZrCompactFileReader reader;
   ZrCompactFileStub stub;
   Name stubPath;  // given away by each call
+  const Name source = u"/etc/passwd";
 };
 
 void NoTile(Bench&) {}
@@ -223,6 +226,9 @@ Run WriteLightly(Size size) {
     return opened != 0 ? opened : b.writer.SetAt(0, b.tile, b.data[size], 0, 0, 4);
   };
 }
+unsigned int PutSource(Bench& b) {
+  return b.at([&](auto&&... at) { return b.file.SetAt(at..., b.source, 4); });
+}
 unsigned int Open(Bench& b) { return b.file.Open(b.path, u"", b.layout.mode); }
 unsigned int StoreBatch(Bench& b) {
   return b.layout.isNaming ? b.file.SetBatch(b.names, b.results)
@@ -254,6 +260,10 @@ unsigned int CountAll(Bench& b) {
   const unsigned int result = b.file.GetStatistics(statistics, {});
   return result != 0 ? result : statistics.damaged == 0 && statistics.versions > 3 ? 0 : 9;
 }
+unsigned int ListVersions(Bench& b) {
+  const auto result = b.at([&](auto&&... at) { return b.file.GetVersions(at..., b.versions); });
+  return result != 0 || b.versions.size() == 3 ? result : 99;
+}
 unsigned int List(Bench& b) { return b.file.GetValidNamingList(b.list) ? 0 : 9; }
 unsigned int SetPassword(Bench& b) { return b.file.SetPassword(u"secret") ? 0 : 10; }
 unsigned int Compact(Bench& b) { return b.file.Compact(); }
@@ -275,6 +285,7 @@ const Operation kCompact = {"compact", ThreeVersions, Compact, 0, {1, 2, 9, 10}}
 const Operation kOperations[] = {
     {"new", NoTile, Put(kSame, 4)},
     {"new, a piece", NoTile, PutPiece(kHalf, 4)},
+    {"new, from a file", NoTile, PutSource},
     {"newest", ThreeVersions, Put(kSame, 9)},
     {"newest, a piece", ThreeVersions, PutPiece(kHalf, 9, false)},
     {"older", ThreeVersions, Put(kSame, 3)},
@@ -314,6 +325,7 @@ const Operation kOperations[] = {
     {"count", ThreeVersions, CountAll, kReads, {1, 9}},
     {"status", OneVersion, GetStatus, kReads, {4}},
     {"list", OneVersion, List, kNamingOnly | kReads, {9}},
+    {"list versions", ThreeVersions, ListVersions, kReads, {9}},
     {"writer: create", NoTile, CreateLightly, kLight | kMissing, {1, 2}},
     {"writer: new", NoTile, WriteLightly(kSame), kLightly, kWriting},
     {"writer: elsewhere", OneVersion, WriteLightly(kLarger), kLightly | kMayBeDone, kWriting},
@@ -372,7 +384,7 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
   }
   void MakeFile(const Operation& operation) {
     if (layout.isNaming)
-      ASSERT_EQ(object.Create(path, layout.index == 0 ? 8ULL : 3ULL, u"", kCreate), 0U);
+      MakeNaming(layout.index == 0 ? 8 : 3, layout.isForeign, layout.isOlder ? 20111111 : 20120214);
     else
       MakeGrid(1, kColumns, layout.isForeign);
     object.Close();
