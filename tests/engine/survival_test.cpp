@@ -76,13 +76,13 @@ const Layout kLayouts[] = {
     {"LargeTilesByOlderName", true, true, true, kMapped, 2, 5000, 100, kPage - 9},
 };
 
-enum Size { kHalf, kSmaller, kSame, kGrown, kLarger };
+enum Size { kHalf, kSmaller, kSame, kGrown, kLarger, kTenth };
 
 // One file open, with all that operations need: they ask for no memory but the library's.
 struct Bench {
   Bench(const Layout& itsLayout, const Name& itsPath) : layout(itsLayout), path(itsPath) {
     const std::size_t all = layout.size;
-    for (const std::size_t size : {all / 2, all * 2 / 3, all, all + 16, all * 2})
+    for (const std::size_t size : {all / 2, all * 2 / 3, all, all + 16, all * 2, all / 10})
       data.push_back(Data(std::string(size, 'n')));
     for (const unsigned int stored : {tile, tile + 1, 5U, 6U}) {
       cells.push_back({0, stored, &data[stored % 4], 0, 0, 4});
@@ -195,10 +195,10 @@ struct Operation {
 Run Put(Size size, unsigned long long version) {
   return [=](Bench& b) { return StoreTile(b.file, b.at, b.data[size], version); };
 }
-// One that ends where a tile of the usual size does, or where its first half does.
-Run PutPiece(Size size, unsigned long long version, bool ends = true) {
+// One that ends where a tile of the usual size does, or where such a part of it does.
+Run PutPiece(Size size, unsigned long long version, unsigned int part = 1) {
   return [=](Bench& b) {
-    const unsigned long long all = b.layout.size, end = ends ? all : all / 2;
+    const unsigned long long all = b.layout.size, end = all / part;
     return StoreTile(b.file, b.at, b.data[size], version, all, end - b.data[size].GetSize());
   };
 }
@@ -264,6 +264,10 @@ unsigned int ListVersions(Bench& b) {
   const auto result = b.at([&](auto&&... at) { return b.file.GetVersions(at..., b.versions); });
   return result != 0 || b.versions.size() == 3 ? result : 99;
 }
+unsigned int Verify(Bench& b) {
+  ZrCompactFile::ZrVerifySummary summary;
+  return b.file.Verify(summary);
+}
 unsigned int List(Bench& b) { return b.file.GetValidNamingList(b.list) ? 0 : 9; }
 unsigned int SetPassword(Bench& b) { return b.file.SetPassword(u"secret") ? 0 : 10; }
 unsigned int Compact(Bench& b) { return b.file.Compact(); }
@@ -287,7 +291,7 @@ const Operation kOperations[] = {
     {"new, a piece", NoTile, PutPiece(kHalf, 4)},
     {"new, from a file", NoTile, PutSource},
     {"newest", ThreeVersions, Put(kSame, 9)},
-    {"newest, a piece", ThreeVersions, PutPiece(kHalf, 9, false)},
+    {"newest, a piece", ThreeVersions, PutPiece(kHalf, 9, 2)},
     {"older", ThreeVersions, Put(kSame, 3)},
     {"newest again", ThreeVersions, Put(kSame, 8)},
     {"newest again, smaller", ThreeVersions, Put(kSmaller, 8)},
@@ -297,10 +301,11 @@ const Operation kOperations[] = {
     {"older again, smaller", ThreeVersions, Put(kSmaller, 4)},
     {"older again, larger", ThreeVersions, Put(kLarger, 4)},
     {"piece in order", FirstHalf, PutPiece(kHalf, 4), kPiece},
-    {"piece out of order", SecondHalf, PutPiece(kHalf, 4, false), kPiece},
+    {"piece out of order", SecondHalf, PutPiece(kHalf, 4, 2), kPiece},
     {"piece over another", FirstHalf, PutPiece(kSmaller, 4)},
-    {"piece in a gap", SecondHalf, PutPiece(kHalf, 4, false), kPiece | kGoesOn},
-    {"piece in a filled gap", BothHalves, PutPiece(kHalf, 4, false), kGoesOn},
+    {"piece in a gap", SecondHalf, PutPiece(kHalf, 4, 2), kPiece | kGoesOn},
+    {"piece amid a gap", SecondHalf, PutPiece(kTenth, 4, 3), kPiece | kGoesOn},
+    {"piece in a filled gap", BothHalves, PutPiece(kHalf, 4, 2), kGoesOn},
     {"piece in a gap and beyond", SecondHalf, PutPiece(kSmaller, 4), kGoesOn},
     {"remove newest", ThreeVersions, Remove(8)},
     {"remove older", ThreeVersions, Remove(4)},
@@ -323,6 +328,7 @@ const Operation kOperations[] = {
     {"look up an older version", ThreeVersions, LookUp(2), kReads, {9}},
     {"walk", ThreeVersions, Walk, kReads, {9}},
     {"count", ThreeVersions, CountAll, kReads, {1, 9}},
+    {"verify", ThreeVersions, Verify, kReads, {1, 9}},
     {"status", OneVersion, GetStatus, kReads, {4}},
     {"list", OneVersion, List, kNamingOnly | kReads, {9}},
     {"list versions", ThreeVersions, ListVersions, kReads, {9}},
