@@ -90,7 +90,7 @@ bool TileWalk::FindCells(OpenFile& file, View& view, std::uint64_t& next) {
   const Format::IndexShape& index = m_shape.index;
   m_found.clear();
   std::uint64_t block = m_block;
-  for (int i = 0; i < kBlocksAtOnce && next < m_total && m_found.empty(); ++i) {
+  for (int i = 0; i < kBlocksAtOnce && next < m_total; ++i) {
     const std::uint64_t count = std::min(block, m_total - next);
     m_entries.resize(count * Format::kGridEntrySize);
     if (!view.ReadIndex(index.EntryAt(next), m_entries.data(), m_entries.size())) return false;

@@ -191,8 +191,7 @@ bool Engine::FindForRemoval(const Address& tile, TileStore& tiles, TileEntry& en
   if (const CellIndex* const cells = File().Cells()) return cells->Read(tile.row, tile.col, entry);
   NameSlot slot;
   const NameKey key(tile.name, File().GetShape());
-  const bool isFound =
-      File().Names() != nullptr && File().Names()->GetNamingIdxValue(key, tiles, slot);
+  const bool isFound = File().Names()->GetNamingIdxValue(key, tiles, slot);
   if (isFound && !slot.isNew) entry = slot.entry;
   return isFound || slot.isNew;
 }

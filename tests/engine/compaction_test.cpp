@@ -82,6 +82,8 @@ TEST_P(CompactionInBothOrders, GoneVersionsGo) {
     Support::Poke(path, status + offset, {value});
   Support::Poke(path, 72, Number(0, 4));  // the flags: no versions
   Reopen();
+  unsigned long long removed = 0;
+  EXPECT_EQ(object.RemoveOlderThan(4, removed) + object.RemoveAll(0, 0) + removed, 0U);
   ASSERT_EQ(Read(0, 0, 3).payload, "version 3");
   ASSERT_EQ(object.Compact(), 0U);
   EXPECT_TRUE(object.IsVersionEnabled());

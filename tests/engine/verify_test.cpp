@@ -331,6 +331,16 @@ TEST_P(Verify, EndsWhenItIsTold) {
   };
   EXPECT_EQ(object.Verify(summary, end), 9U);
   EXPECT_EQ(summary.findings, 1U);
+  const auto cut = [&](auto, auto) {
+    std::filesystem::resize_file(path.ToUtf8(), 76 + 2000 * 8);
+    return true;
+  };
+  const auto last = [](const Finding& finding) {
+    EXPECT_TRUE(finding.kind != Finding::kUnreadable || finding.number == 2000);
+    return true;
+  };
+  EXPECT_EQ(object.Verify(summary, last, cut), 9U);
+  EXPECT_EQ(summary.findings, 3U);
   object.Close();
   EXPECT_EQ(object.Verify(summary), 6U);
 }
