@@ -10,14 +10,19 @@ std::shared_ptr<OpenFile> Engine::GetFile() const {
   return m_state.file;
 }
 
-std::shared_ptr<ZrCacheFile> Engine::GetCacheFile() const {
-  if (!m_bHasCacheFile) return nullptr;
-  const Guard state(m_stateMutex);
-  return m_pCacheFile;
+// For an object that has one.
+unsigned int Engine::AskCacheFile(const std::function<unsigned int(ZrCacheFile&)>& ask) const {
+  std::shared_ptr<ZrCacheFile> cache;  // another thread may let go of it
+  {
+    const Guard state(m_stateMutex);
+    cache = m_pCacheFile;
+  }
+  return cache != nullptr ? ask(*cache) : Io::Fail(ZrCause::kNotOpen, +ZrResult::kNotOpen);
 }
 
 bool Engine::IsOpen() const {
-  if (const auto cache = GetCacheFile()) return cache->IsOpen();
+  if (m_bHasCacheFile)
+    return AskCacheFile([](ZrCacheFile& cache) { return cache.IsOpen() ? 1 : 0; }) == 1;
   return GetFile() != nullptr;
 }
 
@@ -36,7 +41,11 @@ bool Engine::Flush() {
 }
 
 PelmUnicodeString Engine::GetFullPath() const {
-  if (const auto cache = GetCacheFile()) return cache->GetFullPath();
+  if (m_bHasCacheFile) {
+    PelmUnicodeString path;
+    AskCacheFile([&](ZrCacheFile& cache) { return path = cache.GetFullPath(), 0; });
+    return path;
+  }
   const Guard state(m_stateMutex);
   return m_strPath;
 }
@@ -47,10 +56,10 @@ bool Engine::IsVersionEnabled() const {
 }
 
 unsigned int Engine::GetIndexInfo(unsigned int& first, unsigned int& second) const {
-  if (const auto cache = GetCacheFile()) {
+  if (m_bHasCacheFile) {
     constexpr unsigned int kCacheFileKind = 3;
     ZrCacheFileStatus status;
-    cache->GetStatus(status, 0);
+    AskCacheFile([&](ZrCacheFile& cache) { return cache.GetStatus(status, 0); });
     first = status.first;
     second = status.second;
     return kCacheFileKind;

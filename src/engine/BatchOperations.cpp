@@ -216,7 +216,7 @@ unsigned int Engine::StoreAll(const std::vector<Store>& stores,
 // waits until they are in place. False if the file cannot be stored into at all.
 template <typename Store>
 bool Engine::StoreTogether(const std::vector<Store>& stores, std::vector<unsigned int>& results) {
-  if (GetCacheFile() != nullptr) return false;
+  if (m_bHasCacheFile) return false;
   const WriteOperation operation(m_locks, m_state);
   if (!operation.IsUsable() || IsReadOnly() || GetSwapData() == nullptr || !File().HasIndex())
     return false;

@@ -9,7 +9,7 @@ namespace Zarn::Engine {
 unsigned int Engine::Verify(ZrVerifySummary& summary, const ZrCompactFile::VerifyReport& report,
                             const ZrCompactFile::VerifyProgress& progress) {
   summary = {};
-  if (GetCacheFile() != nullptr) return Io::Fail(ZrCause::kWrongKind, ZrResult::kNotUsable);
+  if (m_bHasCacheFile) return Io::Fail(ZrCause::kWrongKind, ZrResult::kNotUsable);
   ReadOperation operation(m_locks, m_state);
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
   if (!operation.IsUsable()) return ZrResult::kReadFailure;

@@ -64,7 +64,8 @@ class ProgressReport {
 }  // namespace
 
 unsigned int Engine::Compact(const ZrCompactFile::CompactProgress& progress) {
-  if (const auto cache = GetCacheFile()) return cache->Reconstruction();
+  if (m_bHasCacheFile)
+    return AskCacheFile([](ZrCacheFile& cache) { return cache.Reconstruction(); });
   WriteOperation operation(m_locks, m_state, Operation::kCompaction);
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
   if (!IsKnownKind(File().GetKind())) return ZrResult::kUnknownKind;
@@ -190,8 +191,9 @@ bool Engine::DecodeOlderName(const Format::StoredName& stored, std::u16string& n
 ZrTextCodec* Engine::GetTextCodec(PELMCharset::Charset from, PELMCharset::Charset to) {
   std::unique_ptr<ZrTextCodec>& codec = m_mapTextCodec[std::uint64_t{from} << 32 | to];
   if (codec == nullptr) {
-    codec = std::make_unique<ZrTextCodec>();
-    codec->Open(from, to);
+    auto opened = std::make_unique<ZrTextCodec>();
+    opened->Open(from, to);
+    codec = std::move(opened);  // not if memory was short
   }
   return codec.get();
 }

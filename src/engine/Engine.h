@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 
@@ -115,7 +116,7 @@ class Engine {
   OpenFile& File() const HX_REQUIRES_SHARED(m_locks) { return *m_state.file; }
   ZrByteArray* GetSwapData() HX_REQUIRES_SHARED(m_locks);
   std::shared_ptr<OpenFile> GetFile() const;
-  std::shared_ptr<ZrCacheFile> GetCacheFile() const;
+  unsigned int AskCacheFile(const std::function<unsigned int(ZrCacheFile&)>& ask) const;
   bool IsReadOnly() const HX_REQUIRES_SHARED(m_locks);
 
   // Lifecycle.cpp
@@ -177,6 +178,7 @@ class Engine {
   // VersionOperations.cpp
   unsigned int ListVersions(unsigned int row, unsigned int col, VersionList& list);
   unsigned int ListVersions(const PelmUnicodeString& name, VersionList& list);
+  ZrByteArray* FindName(const PelmUnicodeString& name, TileEntry& entry) HX_REQUIRES(m_locks);
   unsigned int RemoveTile(TileEntry& entry) HX_REQUIRES(m_locks);
 
   // Walking.cpp
@@ -184,12 +186,13 @@ class Engine {
     PelmUnicodeString name;
     std::uint32_t row = 0, col = 0;
   };
-  unsigned int WhyUnusable() const {
-    return IsOpen() ? ZrResult::kReadFailure : ZrResult::kNotOpen;
-  }
-  unsigned int ReadEntryAlone(TileWalk& walk);
-  unsigned int ListHash(TileWalk& walk);
-  unsigned int ReadNameAlone(TileWalk& walk);
+  unsigned int WhyUnusable() const;
+  bool TakeTurn(TileWalk::Turn turn, TileWalk& walk, unsigned int& result);
+  template <typename Attempt, typename Take>
+  bool LookUpFor(TileWalk& walk, unsigned int& result, Attempt attempt, Take take);
+  bool ReadEntryAlone(TileWalk& walk, unsigned int& result);
+  bool ListHash(TileWalk& walk, unsigned int& result);
+  bool ReadNameAlone(TileWalk& walk, unsigned int& result);
   unsigned int RemoveOlderThan(std::uint64_t stamp, const std::vector<Address>& tiles,
                                unsigned long long& removed);
   bool FindForRemoval(const Address& tile, TileStore& tiles, TileEntry& entry) HX_REQUIRES(m_locks);

@@ -335,7 +335,8 @@ void Engine::Publish(std::shared_ptr<OpenFile> file) {
 unsigned int Engine::SetPassword(const PelmUnicodeString& password) {
   constexpr unsigned int kDone = 1;
   constexpr unsigned int kFailed = 0;
-  if (const auto cache = GetCacheFile()) return cache->SetPassword(password);
+  if (m_bHasCacheFile)
+    return AskCacheFile([&](ZrCacheFile& cache) { return cache.SetPassword(password); });
   const WriteOperation operation(m_locks, m_state);
   if (!MayStore(operation)) return kFailed;
   m_locks.AssertMutexHeld();

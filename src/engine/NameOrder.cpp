@@ -12,7 +12,7 @@ void NameOrder::Begin(std::uint64_t slots) {
   constexpr std::uint64_t kMostPieces = 16;
   m_most = std::max(kUsual, slots / kMostPieces);
   for (std::size_t i = 0; i < m_at; ++i)
-    m_given.push_back(m_items[i].hash);
+    m_given.push_back(Mix(m_items[i].hash));
   std::sort(m_given.begin(), m_given.end());
   m_items.clear();
   m_shared.clear();
@@ -52,7 +52,7 @@ void NameOrder::Narrow() {
 void NameOrder::Finish(bool hasUniqueCodes) {
   if (!hasUniqueCodes) DropDoubles();
   const auto isGiven = [&](const Item& item) {
-    return std::binary_search(m_given.begin(), m_given.end(), item.hash);
+    return std::binary_search(m_given.begin(), m_given.end(), Mix(item.hash));
   };
   if (!m_given.empty()) std::erase_if(m_items, isGiven);
   const auto liesBefore = [](const Item& a, const Item& b) { return a.position < b.position; };
@@ -70,7 +70,7 @@ bool NameOrder::Advance() {
   m_first = m_last + 1;
   m_items.clear();
   m_at = 0;
-  std::erase_if(m_given, [&](std::uint64_t hash) { return Mix(hash) < m_first; });
+  m_given.erase(m_given.begin(), std::lower_bound(m_given.begin(), m_given.end(), m_first));
   return true;
 }
 

@@ -51,7 +51,7 @@ class NameOrder {
   std::size_t m_most = 0;  // items, and twice as many while they are collected
   std::vector<Item> m_items;
   std::size_t m_at = 0;
-  std::vector<std::uint64_t> m_given;   // hashes of the piece that are no more among the items
+  std::vector<std::uint64_t> m_given;  // mixed hashes of the piece that are no more among the items
   std::vector<std::uint64_t> m_shared;  // hashes that have more than one slot
 };
 

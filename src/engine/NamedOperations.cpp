@@ -16,28 +16,24 @@ bool LoadDiskFile(const PelmUnicodeString& path, ZrByteArray& data) try {
 }
 
 // A class of the host's takes nothing but arrays.
-unsigned int AddToCacheFile(ZrCacheFile& cache, const NamedStore& store) try {
+unsigned int AddToCacheFile(ZrCacheFile& cache, const NamedStore& store) {
   if (store.array != nullptr) return cache.AddFile(*store.array, store.name);
   return cache.AddFile(ZrByteArray(store.data.data(), store.data.size()), store.name);
-} catch (const std::bad_alloc&) {
-  return Io::Fail(ZrCause::kNoMemory, ZrResult::kWriteFailure);
 }
 
 }  // namespace
 
-unsigned int Engine::SetAt(const NamedStore& store) {
-  if (const auto cache = GetCacheFile()) return AddToCacheFile(*cache, store);
+unsigned int Engine::SetAt(const NamedStore& store) try {
+  if (m_bHasCacheFile)
+    return AskCacheFile([&](ZrCacheFile& cache) { return AddToCacheFile(cache, store); });
   const std::uint64_t size = store.data.size();
   if (!Format::ResolveStore(store.capacity, store.offset, size)) return RefuseStore(size);
   if (!NameKey::IsUsable(store.name)) return RefuseName(store.name);
   const WriteOperation operation(m_locks, m_state);
   if (!operation.IsOpen()) return ZrResult::kNotOpen;
-  if (!MayStore(operation)) return ZrResult::kWriteFailure;
-  try {
-    return StoreOne(store);
-  } catch (const std::bad_alloc&) {
-    return Io::Fail(ZrCause::kNoMemory, ZrResult::kWriteFailure);
-  }
+  return MayStore(operation) ? StoreOne(store) : unsigned{ZrResult::kWriteFailure};
+} catch (const std::bad_alloc&) {
+  return Io::Fail(ZrCause::kNoMemory, ZrResult::kWriteFailure);
 }
 
 // The result of a store under a name that is not usable.
@@ -48,7 +44,8 @@ unsigned int Engine::RefuseName(const PelmUnicodeString& name) {
 
 unsigned int Engine::SetAt(const PelmUnicodeString& name, const PelmUnicodeString& filePath,
                            std::uint64_t version) {
-  if (const auto cache = GetCacheFile()) return cache->AddFile(filePath, name);
+  if (m_bHasCacheFile)
+    return AskCacheFile([&](ZrCacheFile& cache) { return cache.AddFile(filePath, name); });
   ZrByteArray data;
   if (!LoadDiskFile(filePath, data)) return ZrResult::kWriteFailure;
   return SetAt(NamedStore(name, data, 0, 0, version));
@@ -124,7 +121,8 @@ bool Engine::GrowIndex() {
 unsigned int Engine::Lookup(const PelmUnicodeString& name, ZrByteArray& data, ZrVersion& given,
                             std::uint64_t version) {
   given = {};
-  if (const auto cache = GetCacheFile()) return cache->ReadFile(name, data);
+  if (m_bHasCacheFile)
+    return AskCacheFile([&](ZrCacheFile& cache) { return cache.ReadFile(name, data); });
   if (name.IsEmpty()) return Io::Fail(ZrCause::kEmptyArgument, ZrResult::kReadFailure);
   unsigned int result = ZrResult::kReadFailure;
   TileEntry entry;
@@ -189,22 +187,31 @@ unsigned int Engine::ReadTile(OpenFile& file, View& view, const NameKey& key, st
 }
 
 unsigned int Engine::Remove(const PelmUnicodeString& name, std::uint64_t version) {
-  if (const auto cache = GetCacheFile()) return cache->RemoveFile(name, 0, 0);
+  if (m_bHasCacheFile)
+    return AskCacheFile([&](ZrCacheFile& cache) { return cache.RemoveFile(name, 0, 0); });
   const WriteOperation operation(m_locks, m_state);
-  ZrByteArray* const buffer = operation.IsUsable() ? GetSwapData() : nullptr;
-  NameIndex* const names = buffer != nullptr ? File().Names() : nullptr;
-  if (buffer != nullptr && names == nullptr) Io::Fail(ZrCause::kWrongKind);
-  if (names == nullptr) return ZrResult::kWriteFailure;
-  try {
-    NameSlot slot;
-    TileStore tiles = File().MakeStore(*buffer);
-    const bool isFound = names->GetNamingIdxValue(NameKey(name, File().GetShape()), tiles, slot);
-    if (slot.isNew) return Io::Fail(ZrCause::kNoTile, ZrResult::kWriteFailure);
-    if (!isFound) return ZrResult::kWriteFailure;
-    return RemoveVersion(slot.entry, *buffer, version);
-  } catch (const std::bad_alloc&) {
-    return Io::Fail(ZrCause::kNoMemory, ZrResult::kWriteFailure);
-  }
+  TileEntry entry;
+  ZrByteArray* const buffer = operation.IsUsable() ? FindName(name, entry) : nullptr;
+  return buffer != nullptr ? RemoveVersion(entry, *buffer, version)
+                           : unsigned{ZrResult::kWriteFailure};
+}
+
+// The entry of a name that has a slot, and the thread's record buffer, which holds the head of its
+// record; null if there is none, or if it cannot be told.
+ZrByteArray* Engine::FindName(const PelmUnicodeString& name, TileEntry& entry) try {
+  ZrByteArray* const buffer = GetSwapData();
+  const NameIndex* const names = File().Names();
+  if (names == nullptr) Io::Fail(ZrCause::kWrongKind);
+  if (names == nullptr || buffer == nullptr) return nullptr;
+  NameSlot slot;
+  TileStore tiles = File().MakeStore(*buffer);
+  const bool isFound = names->GetNamingIdxValue(NameKey(name, File().GetShape()), tiles, slot);
+  if (slot.isNew) Io::Fail(ZrCause::kNoTile);
+  entry = slot.entry;
+  return isFound && !slot.isNew ? buffer : nullptr;
+} catch (const std::bad_alloc&) {
+  Io::Fail(ZrCause::kNoMemory);
+  return nullptr;
 }
 
 ZrCompactFile::ZrStatus Engine::GetStatus(const PelmUnicodeString& name) {
@@ -225,7 +232,8 @@ ZrCompactFile::ZrStatus Engine::GetStatus(const PelmUnicodeString& name) {
 
 // The writer's lock, deliberately, although nothing is written.
 bool Engine::GetValidNamingList(PelmArray<PelmUnicodeString>& names) {
-  if (const auto cache = GetCacheFile()) return cache->ListFiles(names) == 0;
+  if (m_bHasCacheFile)
+    return AskCacheFile([&](ZrCacheFile& cache) { return cache.ListFiles(names); }) == 0;
   const WriteOperation operation(m_locks, m_state);
   if (!operation.IsUsable()) return false;
   if (File().Names() == nullptr) return Io::Fail(ZrCause::kWrongKind);

@@ -79,7 +79,7 @@ bool OpenFile::ReadIndex(MaxSizes& maxSizes) {
 
 // Where the data end is looked for again, but from what was there before in the same file.
 void OpenFile::TakeTail(const Source& source, const OpenFile& previous) {
-  if (m_cells == nullptr && m_names == nullptr) return;
+  if (!HasIndex()) return;
   const auto use = source.isShared ? Io::Tail::kShared
                    : source.mapped ? Io::Tail::kOwnMapped
                                    : Io::Tail::kOwn;

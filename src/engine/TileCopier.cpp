@@ -94,8 +94,7 @@ bool TileCopier::AddExtent(std::uint64_t position) {
   const Format::RecordHead& head = m_reader.Head();
   m_read += head.size;
   m_extents.push_back(head.ExtentAt(position));
-  return head.versionCount != 0 && m_index.LeavesRoom(position, head.length) &&
-         m_read <= m_sourceLength;
+  return head.MayLieAt(position, m_index) && m_read <= m_sourceLength;
 }
 
 // As far as the record is filled. It has one version.
@@ -245,8 +244,8 @@ bool TileCopier::FindCode(const Name& name, std::uint64_t& code) {
 bool TileCopier::ReadRecord(std::uint64_t position, std::uint64_t hint) {
   constexpr std::uint64_t kHead = Format::kGridRecordHead;
   const std::uint64_t payload = hint > kHead ? hint - kHead : kUsualPayload;
-  if (!m_reader.Read(position, {kHead, payload}, m_payload) || m_reader.Head().versionCount == 0 ||
-      !m_index.LeavesRoom(position, m_reader.Head().length))
+  if (!m_reader.Read(position, {kHead, payload}, m_payload) ||
+      !m_reader.Head().MayLieAt(position, m_index))
     return CannotRead();
   m_read += m_reader.Head().length;
   m_isTooLong = m_read > 2 * m_sourceLength;

@@ -266,8 +266,7 @@ bool TileStore::RemoveNewest(TileEntry& entry) {
 bool TileStore::ReadHead(std::uint64_t position, std::uint64_t seenLength, Record& record) const {
   Io::RecordReader reader(m_place.file, m_place.shape, m_place.map);
   return (reader.ReadHead(position, seenLength, record.Bytes()) && record.Parse() &&
-          record.Head().versionCount > 0 &&
-          m_place.index.LeavesRoom(position, record.Head().length)) ||
+          record.Head().MayLieAt(position, m_place.index)) ||
          Io::FailUnlessBySystem(ZrCause::kDamagedRecord);
 }
 
@@ -421,17 +420,15 @@ unsigned int TileStore::LookUp_Inner(const Place& place, TileEntry& entry, const
                                      Io::RecordReader& record) {
   const std::uint64_t headSize =
       Format::RecordHeadSize(place.shape, key != nullptr ? key->GetStoredLength() : 0);
-  const auto isSound = [&](std::uint64_t position) {
-    return record.Head().versionCount > 0 && place.index.LeavesRoom(position, record.Head().length);
-  };
   const auto read = [&](std::uint64_t position, std::uint64_t length) {
     const std::uint64_t payload = length > headSize ? length - headSize : 0;
-    return record.Read(position, {headSize, payload}, buffer) && isSound(position);
+    return record.Read(position, {headSize, payload}, buffer) &&
+           record.Head().MayLieAt(position, place.index);
   };
   const bool mayBeOlder = version < place.olderEnd.load(std::memory_order_relaxed);
-  if (mayBeOlder
-          ? !record.ReadHead(entry.position, entry.recordLength, buffer) || !isSound(entry.position)
-          : !read(entry.position, entry.recordLength))
+  if (mayBeOlder ? !record.ReadHead(entry.position, entry.recordLength, buffer) ||
+                       !record.Head().MayLieAt(entry.position, place.index)
+                 : !read(entry.position, entry.recordLength))
     return Io::FailUnlessBySystem(ZrCause::kDamagedRecord, ZrResult::kReadFailure);
   const Format::RecordHead& head = record.Head();
   entry.recordLength = head.length;

@@ -90,7 +90,7 @@ bool TileWalk::FindCells(OpenFile& file, View& view, std::uint64_t& next) {
   const Format::IndexShape& index = m_shape.index;
   m_found.clear();
   std::uint64_t block = m_block;
-  for (int i = 0; i < kBlocksAtOnce && next < m_total && m_found.empty(); ++i) {
+  for (int i = 0; i < kBlocksAtOnce && next < m_total; ++i) {
     const std::uint64_t count = std::min(block, m_total - next);
     m_entries.resize(count * Format::kGridEntrySize);
     if (!view.ReadIndex(index.EntryAt(next), m_entries.data(), m_entries.size())) return false;
@@ -225,8 +225,8 @@ TileWalk::Seen TileWalk::ReadFound(OpenFile& file, View& view, std::size_t& coun
 
 bool TileWalk::IsSound(const OpenFile& file, std::size_t number) const {
   const Io::RecordWindow::Record& record = m_window.At(number);
-  return record.bytes != nullptr && record.head.versionCount > 0 &&
-         file.Index().GetShape().LeavesRoom(m_places[number].position, record.head.length);
+  return record.bytes != nullptr &&
+         record.head.MayLieAt(m_places[number].position, file.Index().GetShape());
 }
 
 bool TileWalk::TakeRecord(const Ready& ready) {

@@ -15,8 +15,7 @@ unsigned int VersionList::Read(OpenFile& file, const TileEntry& entry) {
   Io::RecordReader reader(place.file, place.shape, place.map);
   ZrByteArray bytes;
   const auto readHead = [&](Io::RecordReader& by, std::uint64_t position, std::uint64_t hint) {
-    return by.ReadHead(position, hint, bytes) && by.Head().versionCount > 0 &&
-           place.index.LeavesRoom(position, by.Head().length);
+    return by.ReadHead(position, hint, bytes) && by.Head().MayLieAt(position, place.index);
   };
   if (!entry.HoldsRecord()) return Io::Fail(ZrCause::kDamagedEntry, ZrResult::kReadFailure);
   if (!readHead(reader, entry.position, entry.recordLength))
@@ -77,7 +76,7 @@ unsigned int Engine::GetVersions(unsigned int row, unsigned int col,
 
 unsigned int Engine::GetVersions(const PelmUnicodeString& name,
                                  std::vector<ZrVersion>& versions) try {
-  if (GetCacheFile() != nullptr) return ZrResult::kNotUsable;
+  if (m_bHasCacheFile) return ZrResult::kNotUsable;
   if (name.IsEmpty()) return Io::Fail(ZrCause::kEmptyArgument, ZrResult::kReadFailure);
   VersionList list;
   const unsigned int result = ListVersions(name, list);
@@ -96,22 +95,12 @@ unsigned int Engine::RemoveAll(unsigned int row, unsigned int col) {
 }
 
 unsigned int Engine::RemoveAll(const PelmUnicodeString& name) {
-  if (const auto cache = GetCacheFile()) return cache->RemoveFile(name, 0, 0);
+  if (m_bHasCacheFile)
+    return AskCacheFile([&](ZrCacheFile& cache) { return cache.RemoveFile(name, 0, 0); });
   const WriteOperation operation(m_locks, m_state);
-  ZrByteArray* const buffer = operation.IsUsable() ? GetSwapData() : nullptr;
-  const NameIndex* const names = buffer != nullptr ? File().Names() : nullptr;
-  if (buffer != nullptr && names == nullptr) Io::Fail(ZrCause::kWrongKind);
-  if (names == nullptr) return ZrResult::kWriteFailure;
-  try {
-    NameSlot slot;
-    TileStore tiles = File().MakeStore(*buffer);
-    const bool isFound = names->GetNamingIdxValue(NameKey(name, File().GetShape()), tiles, slot);
-    if (isFound && slot.isNew) Io::Fail(ZrCause::kNoTile);
-    if (!isFound || slot.isNew) return ZrResult::kWriteFailure;
-    return RemoveTile(slot.entry);
-  } catch (const std::bad_alloc&) {
-    return ZrResult::kWriteFailure;
-  }
+  TileEntry entry;
+  if (!operation.IsUsable() || FindName(name, entry) == nullptr) return ZrResult::kWriteFailure;
+  return RemoveTile(entry);
 }
 
 // The entry goes on naming the record, as after the removal of the only version.

@@ -26,109 +26,111 @@ unsigned int TakeAlone(TileWalk& walk, unsigned int result,
 // Goes on to the next tile: kOk; kNotFound at the end; else what keeps the walk from going on. The
 // next step tries again.
 unsigned int Engine::Step(TileWalk& walk) try {
-  if (GetCacheFile() != nullptr) return ZrResult::kNotUsable;
+  if (m_bHasCacheFile) return ZrResult::kNotUsable;
   for (;;) {
+    const TileWalk::Turn turn = walk.Take();
+    if (turn == TileWalk::Turn::kTile) return ZrResult::kOk;
     unsigned int result = ZrResult::kOk;
-    switch (walk.Take()) {
-      case TileWalk::Turn::kTile:
-        return ZrResult::kOk;
-      case TileWalk::Turn::kEntry:
-        result = ReadEntryAlone(walk);
-        break;
-      case TileWalk::Turn::kHash:
-        result = ListHash(walk);
-        break;
-      case TileWalk::Turn::kName:
-        result = ReadNameAlone(walk);
-        break;
-      case TileWalk::Turn::kRead: {
-        const auto read = [&](OpenFile& file, View& view) {
-          return walk.ReadAhead(file, view, result);
-        };
-        if (!Survey(read)) return WhyUnusable();
-        if (result == ZrResult::kNotFound) return result;
-        if (result == ZrResult::kOk) continue;
-        break;
-      }
-    }
-    if (result == ZrResult::kNotFound) continue;  // gone, or passed over
-    return result;
+    if (!TakeTurn(turn, walk, result)) return WhyUnusable();
+    // What was read ahead has its turn now; one that is gone or passed over has had it.
+    const bool isReadAhead = turn == TileWalk::Turn::kRead;
+    if (result != unsigned{isReadAhead ? ZrResult::kOk : ZrResult::kNotFound}) return result;
   }
 } catch (const std::bad_alloc&) {
   return Io::Fail(ZrCause::kNoMemory, ZrResult::kReadFailure);
 }
 
-// As a lookup, by the entry. kOk; kNotFound if there is no tile to give.
-unsigned int Engine::ReadEntryAlone(TileWalk& walk) {
-  unsigned int result = ZrResult::kReadFailure;
+// False if the file cannot be used.
+bool Engine::TakeTurn(TileWalk::Turn turn, TileWalk& walk, unsigned int& result) {
+  switch (turn) {
+    case TileWalk::Turn::kEntry:
+      return ReadEntryAlone(walk, result);
+    case TileWalk::Turn::kHash:
+      return ListHash(walk, result);
+    case TileWalk::Turn::kName:
+      return ReadNameAlone(walk, result);
+    default:
+      return Survey([&](OpenFile& file, View& view) { return walk.ReadAhead(file, view, result); });
+  }
+}
+
+// As LookUp, in the file of the walk: `attempt(file, view, buffer)`; and `take(buffer)`, which
+// gives the result.
+template <typename Attempt, typename Take>
+bool Engine::LookUpFor(TileWalk& walk, unsigned int& result, Attempt attempt, Take take) {
   bool isSame = false;
+  const auto look = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
+    isSame = walk.IsSame(file);
+    return !isSame || attempt(file, view, *buffer);
+  };
+  const auto finish = [&](OpenFile&, ZrByteArray* buffer) {
+    result = isSame ? take(*buffer) : unsigned{ZrResult::kNotUsable};
+  };
+  return LookUp(look, finish);
+}
+
+// As a lookup, by the entry: kOk; kNotFound if there is no tile to give.
+bool Engine::ReadEntryAlone(TileWalk& walk, unsigned int& result) {
+  unsigned int found = ZrResult::kReadFailure;
   TileEntry entry;
   std::optional<Io::RecordReader> record;
-  const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
-    result = ZrResult::kReadFailure;
-    isSame = walk.IsSame(file);
-    if (!isSame || !walk.FindEntry(file, view, entry)) return true;
-    if (entry.status == Format::kStatusEmpty) result = ZrResult::kNotFound;
+  const auto read = [&](OpenFile& file, View& view, ZrByteArray& buffer) {
+    found = ZrResult::kReadFailure;
+    if (!walk.FindEntry(file, view, entry)) return true;
+    if (entry.status == Format::kStatusEmpty) found = ZrResult::kNotFound;
     if (!entry.HoldsRecord()) return true;
     const TileStore::Place place = file.GetPlace();
     record.emplace(place.file, place.shape, place.map);
     if (walk.GetContent() == TileWalk::Content::kWhole)
-      result = TileStore::LookUp_Inner(place, entry, nullptr, kNewest, *buffer, *record);
-    else if (record->ReadHead(entry.position, entry.recordLength, *buffer) &&
-             record->Head().versionCount > 0 &&
-             place.index.LeavesRoom(entry.position, record->Head().length))
-      result = ZrResult::kOk;
+      found = TileStore::LookUp_Inner(place, entry, nullptr, kNewest, buffer, *record);
+    else if (record->ReadHead(entry.position, entry.recordLength, buffer) &&
+             record->Head().MayLieAt(entry.position, place.index))
+      found = ZrResult::kOk;
     return true;
   };
-  const auto take = [&](OpenFile&, ZrByteArray* buffer) {
-    result =
-        isSame ? TakeAlone(walk, result, record, entry, *buffer) : unsigned{ZrResult::kNotUsable};
-  };
-  return LookUp(read, take) ? result : WhyUnusable();
+  return LookUpFor(walk, result, read, [&](ZrByteArray& buffer) {
+    return TakeAlone(walk, found, record, entry, buffer);
+  });
 }
 
 // Of several names that have one hash.
-unsigned int Engine::ListHash(TileWalk& walk) {
-  bool isSame = false;
+bool Engine::ListHash(TileWalk& walk, unsigned int& result) {
   TileWalk::Group group;
-  const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
-    isSame = walk.IsSame(file);
-    if (isSame) group = walk.ListHash(file, view, *buffer);
+  const auto read = [&](OpenFile& file, View& view, ZrByteArray& buffer) {
+    group = walk.ListHash(file, view, buffer);
     return true;
   };
-  const auto take = [&](OpenFile&, ZrByteArray*) {
-    if (isSame) walk.TakeNames(std::move(group));
-  };
-  if (!LookUp(read, take)) return WhyUnusable();
-  return isSame ? ZrResult::kNotFound : ZrResult::kNotUsable;
+  return LookUpFor(walk, result, read, [&](ZrByteArray&) -> unsigned int {
+    walk.TakeNames(std::move(group));
+    return ZrResult::kNotFound;
+  });
 }
 
-unsigned int Engine::ReadNameAlone(TileWalk& walk) {
-  unsigned int result = ZrResult::kReadFailure;
-  bool isSame = false;
+bool Engine::ReadNameAlone(TileWalk& walk, unsigned int& result) {
+  unsigned int found = ZrResult::kReadFailure;
   const PelmUnicodeString name = walk.GetListed();
   TileEntry entry;
   std::optional<Io::RecordReader> record;
-  const auto read = [&](OpenFile& file, View& view, ZrByteArray* buffer) {
-    isSame = walk.IsSame(file);
-    if (!isSame) return true;
+  const auto read = [&](OpenFile& file, View& view, ZrByteArray& buffer) {
     record.emplace(*file.GetStream(), file.GetShape(), file.Map());
-    result = ReadTile(file, view, NameKey(name, file.GetShape()), kNewest, *buffer, entry, *record);
+    found = ReadTile(file, view, NameKey(name, file.GetShape()), kNewest, buffer, entry, *record);
     view.UsesMore();
-    return result == ZrResult::kOk || file.Names()->IsComplete(view);
+    return found == ZrResult::kOk || file.Names()->IsComplete(view);
   };
-  const auto take = [&](OpenFile&, ZrByteArray* buffer) {
-    result =
-        isSame ? TakeAlone(walk, result, record, entry, *buffer) : unsigned{ZrResult::kNotUsable};
-  };
-  return LookUp(read, take) ? result : WhyUnusable();
+  return LookUpFor(walk, result, read, [&](ZrByteArray& buffer) {
+    return TakeAlone(walk, found, record, entry, buffer);
+  });
+}
+
+unsigned int Engine::WhyUnusable() const {
+  return IsOpen() ? ZrResult::kReadFailure : ZrResult::kNotOpen;
 }
 
 // The heads are read ahead without a lock; under it some are read again and changed.
 unsigned int Engine::RemoveOlderThan(std::uint64_t stamp, unsigned long long& removed) try {
   constexpr std::size_t kUnderOneLock = 32;
   removed = 0;
-  if (GetCacheFile() != nullptr) return ZrResult::kNotUsable;
+  if (m_bHasCacheFile) return ZrResult::kNotUsable;
   {
     const WriteOperation operation(m_locks, m_state);
     if (!operation.IsOpen()) return ZrResult::kNotOpen;
@@ -189,8 +191,7 @@ bool Engine::FindForRemoval(const Address& tile, TileStore& tiles, TileEntry& en
   if (const CellIndex* const cells = File().Cells()) return cells->Read(tile.row, tile.col, entry);
   NameSlot slot;
   const NameKey key(tile.name, File().GetShape());
-  const bool isFound =
-      File().Names() != nullptr && File().Names()->GetNamingIdxValue(key, tiles, slot);
+  const bool isFound = File().Names()->GetNamingIdxValue(key, tiles, slot);
   if (isFound && !slot.isNew) entry = slot.entry;
   return isFound || slot.isNew;
 }
@@ -198,7 +199,7 @@ bool Engine::FindForRemoval(const Address& tile, TileStore& tiles, TileEntry& en
 // By the index alone.
 unsigned int Engine::GetStatistics(ZrStatistics& statistics) try {
   statistics = {};
-  if (GetCacheFile() != nullptr) return ZrResult::kNotUsable;
+  if (m_bHasCacheFile) return ZrResult::kNotUsable;
   std::uint64_t next = 0;
   std::uint64_t fileId = 0;
   std::uint64_t generation = 0;

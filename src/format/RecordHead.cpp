@@ -13,6 +13,10 @@ HeadParse NeedsMore(std::uint64_t needed) { return {HeadParse::kNeedsMore, neede
 
 }  // namespace
 
+bool RecordHead::MayLieAt(std::uint64_t position, const IndexShape& index) const {
+  return versionCount > 0 && index.LeavesRoom(position, length);
+}
+
 HeadParse ParseRecordHead(const unsigned char* bytes, std::uint64_t available,
                           const RecordShape& shape, RecordHead& head) {
   const bool named = shape.IsNaming();

@@ -41,6 +41,9 @@ struct RecordHead {
   RecordExtent ExtentAt(std::uint64_t position) const {
     return {position, position + (HasReserve() ? size + filledLength : length), position + length};
   }
+  /// Whether an entry or a locator may lead to it there: it has a version, and lies outside the
+  /// index.
+  bool MayLieAt(std::uint64_t position, const IndexShape& index) const;
   VersionTable Table(const unsigned char* record, bool swap) const {
     return VersionTable(record + tableOffset, versionCount, swap);
   }

@@ -47,7 +47,7 @@ void ReMakeStream(unsigned char* buffer, int length, const unsigned char* xorStr
 
 XorString MakeXorString(const char16_t* password) {
   XorString out{};
-  if (password == nullptr || *password == 0) return out;
+  if (*password == 0) return out;
   unsigned char state[256];
   GenerateStream(state, GenerateKey(password));
   GenerateXorString(out.data(), state);

@@ -277,7 +277,6 @@ bool Board::SetEnd(std::uint64_t end) {
 }
 
 bool Board::ForgetEnd() {
-  if (!HasEnd()) return true;
   m_end = 0;
   return Tell(BoardChange::kMany) && Set(kEnd, [](Word) { return 0; });
 }

@@ -45,8 +45,9 @@ bool FileMap::View::IsRead(std::uint64_t piece) const {
 bool FileMap::View::WasRead(std::uint64_t piece) const {
   std::atomic<std::uint64_t>& bits = pieces[piece / kBits];
   const std::uint64_t bit = std::uint64_t{1} << piece % kBits;
-  return (bits.load(std::memory_order_relaxed) & bit) != 0 ||
-         (bits.fetch_or(bit, std::memory_order_relaxed) & bit) != 0;
+  const bool wasRead = (bits.load(std::memory_order_relaxed) & bit) != 0;
+  if (!wasRead) bits.fetch_or(bit, std::memory_order_relaxed);
+  return wasRead;
 }
 
 // Asks for the length of the file, and maps twice as much if the file has outgrown the view, so
@@ -58,7 +59,6 @@ bool FileMap::Extend() {
   if (!m_file->GetLength(length)) return false;
   const View* view = m_view.load(std::memory_order_relaxed);
   if (view == nullptr || view->size < length) {
-    if (length > INT64_MAX / 4) return false;
     const std::uint64_t size = std::max(2 * length, kSmallest);
     const unsigned char* bytes = m_file->Map(size);
     if (bytes == nullptr) {

@@ -24,8 +24,6 @@ void SafeRewrite::PutBack() {
 }
 
 // Whatever part of these bytes could be replaced can be written again.
-void SafeRewrite::PutOldBack() {
-  if (m_oldSize != 0) m_file.WriteAt(m_oldPosition, m_old, m_oldSize);
-}
+void SafeRewrite::PutOldBack() { m_file.WriteAt(m_oldPosition, m_old, m_oldSize); }
 
 }  // namespace Zarn::Io

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -9,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -80,6 +82,8 @@ TEST_P(CompactionInBothOrders, GoneVersionsGo) {
     Support::Poke(path, status + offset, {value});
   Support::Poke(path, 72, Number(0, 4));  // the flags: no versions
   Reopen();
+  unsigned long long removed = 0;
+  EXPECT_EQ(object.RemoveOlderThan(4, removed) + object.RemoveAll(0, 0) + removed, 0U);
   ASSERT_EQ(Read(0, 0, 3).payload, "version 3");
   ASSERT_EQ(object.Compact(), 0U);
   EXPECT_TRUE(object.IsVersionEnabled());
@@ -386,8 +390,10 @@ TEST_F(Compaction, IsFinishedByOneWhoHasTheFileOfBefore) {
     Support::WriteFile(path, marked);
     Support::WriteFile(TemporaryPath(), image);
   };
+  const std::string tile(200'000, 't');  // several chunks of the checksum
   MakeGrid(1, 2);
-  ASSERT_EQ(Store(0, 0, "tile", 1) + object.Compact(keep), 0U);
+  ASSERT_EQ(Store(0, 0, tile, 1) + object.Compact(keep), 0U);
+  const Support::Bytes whole = ReadFile(path);
   leaveAsKilled();
   EXPECT_EQ(object.Compact(), 2U);
   EXPECT_EQ(ReadFile(TemporaryPath()), image);
@@ -396,6 +402,23 @@ TEST_F(Compaction, IsFinishedByOneWhoHasTheFileOfBefore) {
     leaveAsKilled();
     --image[at];
     EXPECT_EQ(ZrCompactFile().Open(path, u"", kMode), 3U);
+  }
+  // Another process has the claim for a while, and finishes or not.
+  static std::function<bool()> s_isClaimed;
+  for (const bool finishes : {false, true}) {
+    leaveAsKilled();
+    s_isClaimed = [&, calls = 0]() mutable {
+      if (++calls == 2 && finishes) Support::WriteFile(path, whole);
+      return calls < 4;
+    };
+    const SyscallFaults faults;
+    GetFileSyscalls().lock = [](int fd, int command, struct flock* lock) {
+      const bool fails = lock->l_type == F_WRLCK && s_isClaimed();
+      return fails ? (errno = EAGAIN, -1) : ::fcntl(fd, command, lock);
+    };
+    ZrCompactFile late;
+    EXPECT_EQ(late.Open(path, u"", kMode), 0U);
+    EXPECT_EQ(ReadTile(late, {0, 0}, 1).payload, tile);
   }
   leaveAsKilled();
   Reopen(kLocked);
@@ -408,7 +431,7 @@ TEST_F(Compaction, IsFinishedByOneWhoHasTheFileOfBefore) {
   }
   EXPECT_FALSE(ZrFile::IsExist(TemporaryPath()));
   EXPECT_EQ(Read(0, 1, 1).result, 5U) << "locked by now";
-  EXPECT_EQ(Read(0, 0, 1).payload, "tile");
+  EXPECT_EQ(Read(0, 0, 1).payload, tile);
 }
 
 }  // namespace

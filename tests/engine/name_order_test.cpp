@@ -51,22 +51,27 @@ TEST(NameOrder, GivesEachHashOnceWhateverSlotsAndPlaces) {
     ASSERT_TRUE(given[name] == 1 || (name >= kNames && given[name] == 0)) << name;
 }
 
-// As a damaged index may have it: of one code the last slot counts; what is empty is left out.
+// As a damaged index may have it: of one code the last slot counts, even of so many that they are
+// sorted out meanwhile; what is empty is left out.
 TEST(NameOrder, OfOneCodeTheLastSlotCounts) {
   constexpr std::uint64_t kValue = Format::PackIndexValue(Format::kStatusPartial, 7);
-  const std::uint64_t second = Format::GetNextHashCode(5);
-  NameOrder order;
-  order.Begin(6);
-  order.Add(5, kValue, 0);
-  order.Add(9, Format::PackIndexValue(Format::kStatusEmpty, 7), 1);
-  order.Add(5, kValue, 2);
-  order.Add(second, kValue, 3);
-  order.Finish(false);
-  ASSERT_EQ(order.GetRest().size(), 1U);
-  EXPECT_EQ(order.GetRest()[0].slot, 2U);
-  EXPECT_TRUE(order.IsShared(5) && !order.IsShared(9));
-  order.Give(1);
-  EXPECT_FALSE(order.Advance());
+  for (const std::uint32_t codes : {1U, 100U, 500'000U}) {
+    const std::uint32_t slots = codes * 5 / 2;
+    const std::uint64_t second = Format::GetNextHashCode(1);
+    NameOrder order;
+    order.Begin(slots + 2);
+    for (std::uint32_t slot = 0; slot < slots; ++slot)
+      order.Add(1 + slot % codes, kValue, slot);
+    order.Add(codes + 1, Format::PackIndexValue(Format::kStatusEmpty, 7), slots);
+    order.Add(second, kValue, slots + 1);
+    order.Finish(false);
+    ASSERT_EQ(order.GetRest().size(), codes);
+    for (const NameOrder::Item& item : order.GetRest())
+      ASSERT_EQ(item.slot, (item.hash - 1) + (slots - item.hash) / codes * codes);
+    EXPECT_TRUE(order.IsShared(1) && !order.IsShared(2));
+    order.Give(codes);
+    EXPECT_FALSE(order.Advance());
+  }
 }
 
 }  // namespace

@@ -6,7 +6,10 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
+#include "ZrTileCursor.h"
 #include "engine/EngineFixture.h"
 #include "support/RawFile.h"
 
@@ -113,6 +116,52 @@ TEST_P(Names, AreFoundByTheirWholeCode) {
   Support::Poke(path, kCode + 2 * kSlot, codeAt(1));
   Reopen();
   EXPECT_EQ(Read(u"b").result, 5U);
+}
+
+// As only a damaged file has them: all codes of one hash, which lead to the record of one name. And
+// an index that can grow no more.
+TEST_P(Names, OfOneHashAreNoMoreThanOrdinals) {
+  constexpr std::uint64_t kOrdinals = 256, kSlots = 1 << 27, kCode = 0x000077B24DCCC90D;
+  const Name first(u"1yeg98dgy"), second(u"sm38f3s71");
+  MakeNaming(kOrdinals + 1, GetParam());
+  ASSERT_EQ(Store(first, "first"), 0U);
+  for (std::uint64_t i = 1; i < kOrdinals; ++i)
+    Support::Poke(path, 100 + i * 16, Number(1ULL << 56 | 4212) + Number(kCode | i << 56));
+  Support::Poke(path, 72, Number(kOrdinals));
+  Reopen();
+  std::vector<ZrVersion> versions;
+  EXPECT_EQ((std::vector{Read(first).result, Read(second).result, Store(second, "x"),
+                         object.Remove(second, 1), object.RemoveAll(second),
+                         object.GetVersions(second, versions), StatusOf(object, second)}),
+            (std::vector{0U, 5U, 10U, 10U, 10U, 5U, 0U}));
+  ZrTileCursor cursor(object);
+  EXPECT_TRUE(cursor.Next() == 0 && cursor.GetName() == first && cursor.Next() == 5);
+  EXPECT_EQ(object.Compact(), 9U) << "so many tiles share one record";
+
+  MakeNaming(1, GetParam());
+  std::filesystem::resize_file(path.ToUtf8(), 100 + kSlots * 16);
+  Support::Poke(path, 64, Number(kSlots) + Number(kSlots));
+  Reopen();
+  EXPECT_EQ(Store(second, "x"), 10U);
+}
+
+// The header of the index, as another process has left it, is believed as far as when it is opened.
+TEST_P(Names, FollowTheHeaderOfTheIndex) {
+  constexpr auto kLocked = ZrCompactFile::kProcessLock;
+  for (const auto& [offset, number] : {std::pair(64U, 5U), {64, 1}, {72, 0}, {72, 1}, {72, 9}}) {
+    SCOPED_TRACE(std::to_string(offset) + " " + std::to_string(number));
+    MakeNaming(4, GetParam());
+    Reopen(kLocked);
+    ZrCompactFile other, fresh;
+    ASSERT_EQ(other.Open(path, u"", kLocked) + Store(u"a", "A"), 0U);
+    ASSERT_EQ(StoreTile(other, u"b", Data("B"), 1), 0U);
+    ASSERT_EQ(Read(u"b").payload, "B");
+    ASSERT_EQ(StoreTile(other, u"c", Data("C"), 1), 0U);
+    Support::Poke(path, offset, Number(number));
+    const bool isOpen = fresh.Open(path, u"", kMode) == 0;
+    for (const char16_t* name : {u"c", u"b", u"a"})
+      EXPECT_EQ(Read(name), isOpen ? ReadTile(fresh, name, ~0ULL) : (Tile{9, "before", 0}));
+  }
 }
 
 // With lookups of another thread, and of an object that hears of them one by one, or of many.

@@ -50,6 +50,7 @@ struct Layout {
   const char* name;
   bool isNaming;
   bool isForeign;  // in the other byte order
+  bool isOlder;    // naming files: of the older version
   Mode mode;
   unsigned int tile;    // the one that operations work on
   std::size_t size;     // of most payloads
@@ -67,21 +68,21 @@ struct Layout {
 // Of what spans two pages, one byte is in the first: the position of the second version in a table,
 // that of a slot, or the number of names; four of a cell's entry and of a record's length.
 const Layout kLayouts[] = {
-    {"Grid", false, false, kLocked, 1, 300, 100, 0},
-    {"GridOnEdges", false, false, kCreate, kStraddling, 300, kPage - 37, 0},
-    {"ForeignGridOfLargeTiles", false, true, kMapped, kStraddling, 5000, kPage - 4, 0},
-    {"Names", true, false, kLocked, 1, 300, 100, 0},
-    {"NamesOnEdges", true, false, kCreate, 2, 300, kPage - 63, kPage - 101},
-    {"LargeTilesByName", true, false, kCreate, 2, 5000, 100, kPage - 9},
+    {"Grid", false, false, false, kLocked, 1, 300, 100, 0},
+    {"GridOnEdges", false, false, false, kCreate, kStraddling, 300, kPage - 37, 0},
+    {"ForeignGridOfLargeTiles", false, true, false, kMapped, kStraddling, 5000, kPage - 4, 0},
+    {"Names", true, false, false, kLocked, 1, 300, 100, 0},
+    {"NamesOnEdges", true, false, false, kCreate, 2, 300, kPage - 63, kPage - 101},
+    {"LargeTilesByOlderName", true, true, true, kMapped, 2, 5000, 100, kPage - 9},
 };
 
-enum Size { kHalf, kSmaller, kSame, kGrown, kLarger };
+enum Size { kHalf, kSmaller, kSame, kGrown, kLarger, kTenth };
 
 // One file open, with all that operations need: they ask for no memory but the library's.
 struct Bench {
   Bench(const Layout& itsLayout, const Name& itsPath) : layout(itsLayout), path(itsPath) {
     const std::size_t all = layout.size;
-    for (const std::size_t size : {all / 2, all * 2 / 3, all, all + 16, all * 2})
+    for (const std::size_t size : {all / 2, all * 2 / 3, all, all + 16, all * 2, all / 10})
       data.push_back(Data(std::string(size, 'n')));
     for (const unsigned int stored : {tile, tile + 1, 5U, 6U}) {
       cells.push_back({0, stored, &data[stored % 4], 0, 0, 4});
@@ -113,10 +114,12 @@ struct Bench {
   std::vector<unsigned int> results;
   ZrByteArray read;
   PelmArray<Name> list;
+  std::vector<ZrVersion> versions;
   ZrCompactFileWriter writer;
   ZrCompactFileReader reader;
   ZrCompactFileStub stub;
   Name stubPath;  // given away by each call
+  const Name source = u"/etc/passwd";
 };
 
 void NoTile(Bench&) {}
@@ -150,6 +153,30 @@ void FullIndex(Bench& bench) {
     bench.file.GetIndexInfo(capacity, count);
   }
 }
+// The table of names in memory is to become a larger one.
+void TenNames(Bench& bench) {
+  unsigned int capacity, count = 0;
+  for (unsigned int tile = 10; count < 10; ++tile) {
+    bench.Prepare(tile, 1, 10);
+    bench.file.GetIndexInfo(capacity, count);
+  }
+}
+// And where light writers write: others, each in the room that the one before has reserved.
+void VersionsAndCrowd(Bench& bench) {
+  ThreeVersions(bench);
+  if (bench.layout.isNaming || bench.layout.isForeign) return;
+  const std::string native = bench.path.ToUtf8();
+  bench.file.Close();
+  ASSERT_EQ(bench.writer.Open(bench.path, u"", kCreate), 0U);
+  for (const unsigned int tile : {5U, 6U, bench.tile + 1}) {
+    ZrCompactFile::ZrStatus status;
+    const auto at = bench.writer.WriteDataToFile(status, bench.data[kHalf], 9000, 0, 4,
+                                                 std::filesystem::file_size(native));
+    ASSERT_TRUE(bench.writer.WriteIndexValue(0, tile, 1ULL << 56 | at));
+  }
+  bench.writer.Close();
+  std::filesystem::resize_file(native, std::filesystem::file_size(native) + 9000);
+}
 // The next name carries into the second byte of the count, which lies in the next page.
 void Names255(Bench& bench) {
   ASSERT_EQ(bench.file.Create(bench.path, 200ULL, u"", ZrCompactFile::kReplace), 0U);
@@ -171,6 +198,7 @@ enum Trait : unsigned int {
   kMayBeDone = 128,  // also where the answer is a failure
   kGoesOn = 256,     // by the object that has prepared the file
   kInHeader = 512,   // writes into the header, where no limit cuts a file short
+  kReserved = 1024,  // beside tiles whose rooms are not filled, and may hold others
 };
 
 using Run = std::function<unsigned int(Bench&)>;
@@ -192,10 +220,10 @@ struct Operation {
 Run Put(Size size, unsigned long long version) {
   return [=](Bench& b) { return StoreTile(b.file, b.at, b.data[size], version); };
 }
-// One that ends where a tile of the usual size does, or where its first half does.
-Run PutPiece(Size size, unsigned long long version, bool ends = true) {
+// One that ends where a tile of the usual size does, or where such a part of it does.
+Run PutPiece(Size size, unsigned long long version, unsigned int part = 1) {
   return [=](Bench& b) {
-    const unsigned long long all = b.layout.size, end = ends ? all : all / 2;
+    const unsigned long long all = b.layout.size, end = all / part;
     return StoreTile(b.file, b.at, b.data[size], version, all, end - b.data[size].GetSize());
   };
 }
@@ -222,6 +250,9 @@ Run WriteLightly(Size size) {
     const unsigned int opened = b.writer.Open(b.path, u"", kCreate);
     return opened != 0 ? opened : b.writer.SetAt(0, b.tile, b.data[size], 0, 0, 4);
   };
+}
+unsigned int PutSource(Bench& b) {
+  return b.at([&](auto&&... at) { return b.file.SetAt(at..., b.source, 4); });
 }
 unsigned int Open(Bench& b) { return b.file.Open(b.path, u"", b.layout.mode); }
 unsigned int StoreBatch(Bench& b) {
@@ -254,6 +285,14 @@ unsigned int CountAll(Bench& b) {
   const unsigned int result = b.file.GetStatistics(statistics, {});
   return result != 0 ? result : statistics.damaged == 0 && statistics.versions > 3 ? 0 : 9;
 }
+unsigned int ListVersions(Bench& b) {
+  const auto result = b.at([&](auto&&... at) { return b.file.GetVersions(at..., b.versions); });
+  return result != 0 || b.versions.size() == 3 ? result : 99;
+}
+unsigned int Verify(Bench& b) {
+  ZrCompactFile::ZrVerifySummary summary;
+  return b.file.Verify(summary);
+}
 unsigned int List(Bench& b) { return b.file.GetValidNamingList(b.list) ? 0 : 9; }
 unsigned int SetPassword(Bench& b) { return b.file.SetPassword(u"secret") ? 0 : 10; }
 unsigned int Compact(Bench& b) { return b.file.Compact(); }
@@ -271,12 +310,13 @@ unsigned int WriteByStub(Bench& b) {
 constexpr unsigned int kPiece = kStoresPiece | kMayBeDone, kMissing = kOpens | kMakes,
                        kLightly = kLight | kOpens;
 const Codes kOpening = {1, 2, 3, 5, 6}, kWriting = {5, 6, 9, 10};
-const Operation kCompact = {"compact", ThreeVersions, Compact, 0, {1, 2, 9, 10}};
+const Operation kCompact = {"compact", VersionsAndCrowd, Compact, kReserved, {1, 2, 9, 10}};
 const Operation kOperations[] = {
     {"new", NoTile, Put(kSame, 4)},
     {"new, a piece", NoTile, PutPiece(kHalf, 4)},
+    {"new, from a file", NoTile, PutSource},
     {"newest", ThreeVersions, Put(kSame, 9)},
-    {"newest, a piece", ThreeVersions, PutPiece(kHalf, 9, false)},
+    {"newest, a piece", ThreeVersions, PutPiece(kHalf, 9, 2)},
     {"older", ThreeVersions, Put(kSame, 3)},
     {"newest again", ThreeVersions, Put(kSame, 8)},
     {"newest again, smaller", ThreeVersions, Put(kSmaller, 8)},
@@ -286,10 +326,11 @@ const Operation kOperations[] = {
     {"older again, smaller", ThreeVersions, Put(kSmaller, 4)},
     {"older again, larger", ThreeVersions, Put(kLarger, 4)},
     {"piece in order", FirstHalf, PutPiece(kHalf, 4), kPiece},
-    {"piece out of order", SecondHalf, PutPiece(kHalf, 4, false), kPiece},
+    {"piece out of order", SecondHalf, PutPiece(kHalf, 4, 2), kPiece},
     {"piece over another", FirstHalf, PutPiece(kSmaller, 4)},
-    {"piece in a gap", SecondHalf, PutPiece(kHalf, 4, false), kPiece | kGoesOn},
-    {"piece in a filled gap", BothHalves, PutPiece(kHalf, 4, false), kGoesOn},
+    {"piece in a gap", SecondHalf, PutPiece(kHalf, 4, 2), kPiece | kGoesOn},
+    {"piece amid a gap", SecondHalf, PutPiece(kTenth, 4, 3), kPiece | kGoesOn},
+    {"piece in a filled gap", BothHalves, PutPiece(kHalf, 4, 2), kGoesOn},
     {"piece in a gap and beyond", SecondHalf, PutPiece(kSmaller, 4), kGoesOn},
     {"remove newest", ThreeVersions, Remove(8)},
     {"remove older", ThreeVersions, Remove(4)},
@@ -299,6 +340,7 @@ const Operation kOperations[] = {
     {"remove older than", OldAndNewVersions, RemoveOlder, kMayBeDone, {9, 10}},
     {"grow the index", FullIndex, Put(kSame, 4), kNamingOnly},
     {"256th name", Names255, Put(kSame, 4), kNamingOnly},
+    {"larger table", TenNames, Put(kSame, 4), kNamingOnly | kGoesOn},
     {"batch", OneVersion, StoreBatch, kManyTiles},
     {"password", OneVersion, SetPassword, kInHeader},
     kCompact,
@@ -312,8 +354,10 @@ const Operation kOperations[] = {
     {"look up an older version", ThreeVersions, LookUp(2), kReads, {9}},
     {"walk", ThreeVersions, Walk, kReads, {9}},
     {"count", ThreeVersions, CountAll, kReads, {1, 9}},
+    {"verify", ThreeVersions, Verify, kReads, {1, 9}},
     {"status", OneVersion, GetStatus, kReads, {4}},
     {"list", OneVersion, List, kNamingOnly | kReads, {9}},
+    {"list versions", ThreeVersions, ListVersions, kReads, {9}},
     {"writer: create", NoTile, CreateLightly, kLight | kMissing, {1, 2}},
     {"writer: new", NoTile, WriteLightly(kSame), kLightly, kWriting},
     {"writer: elsewhere", OneVersion, WriteLightly(kLarger), kLightly | kMayBeDone, kWriting},
@@ -372,7 +416,7 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
   }
   void MakeFile(const Operation& operation) {
     if (layout.isNaming)
-      ASSERT_EQ(object.Create(path, layout.index == 0 ? 8ULL : 3ULL, u"", kCreate), 0U);
+      MakeNaming(layout.index == 0 ? 8 : 3, layout.isForeign, layout.isOlder ? 20111111 : 20120214);
     else
       MakeGrid(1, kColumns, layout.isForeign);
     object.Close();
@@ -406,11 +450,13 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
     if (operation.Is(kGoesOn)) operation.prepare(bench);
   }
 
-  // A payload as runs of equal bytes. Before a piece is stored, its bytes are anything.
-  static std::string Describe(Tile tile, bool beforePiece) {
+  // A payload as runs of equal bytes. Before a piece is stored, its bytes are anything; and so are
+  // those that were reserved.
+  static std::string Describe(Tile tile, const Operation& operation, bool isBefore) {
     std::string text = ", " + std::to_string(tile.result) + "/" + std::to_string(tile.filled);
     std::string& bytes = tile.payload;
-    if (beforePiece) std::replace(bytes.begin(), bytes.end(), 'n', '\0');
+    if (operation.Is(kStoresPiece) && isBefore) std::replace(bytes.begin(), bytes.end(), 'n', '\0');
+    if (operation.Is(kReserved)) bytes.resize(std::min<std::size_t>(bytes.size(), tile.filled));
     for (std::size_t i = 0, end; i < bytes.size(); i = end) {
       end = std::min(bytes.find_first_not_of(bytes[i], i), bytes.size());
       text += " " + std::to_string(end - i) + (bytes[i] == 0 ? '0' : bytes[i]);
@@ -425,8 +471,7 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
       state.push_back(operation.Is(kStoresPiece) ? "" : std::to_string(StatusOf(file, at)));
       for (const unsigned long long version : {4ULL, 2ULL, 3ULL, 8ULL, 9ULL})
         if (tile == layout.tile || version == 4)
-          state.back() +=
-              Describe(ReadTile(file, at, version), operation.Is(kStoresPiece) && isBefore);
+          state.back() += Describe(ReadTile(file, at, version), operation, isBefore);
     }
     unsigned int first = 0, count = 0;
     const unsigned int kind = file.GetIndexInfo(first, count);
@@ -451,7 +496,8 @@ class Survival : public EngineTest, public ::testing::WithParamInterface<Layout>
   // stores, that those were done which have succeeded. An object that has the file open knows.
   void ExpectState(const Operation& operation, const std::vector<unsigned int>& results,
                    bool mayBeOld, bool mayBeNew, ZrCompactFile& file) {
-    State now = ReadState(operation, false);
+    const bool isSame = operation.Is(kReads) && Support::ReadFile(path) == m_before;
+    State now = isSame ? m_new : ReadState(operation, false);
     if (file.IsOpen() && now.size() > kTiles) {
       const State seen = ReadState(operation, file, false);
       EXPECT_EQ(seen, State(now.begin(), now.end() - 1));

@@ -104,6 +104,8 @@ TEST_P(Verify, KnowsWhatLightWritersHaveReserved) {
     Reopen();
     ExpectSound({3, 3, 100, endsInFile ? 444U : 150U, 0, endsInFile ? 0U : 294U});
   }
+  Support::Poke(path, 92, Number(0));
+  EXPECT_EQ(Find(object), "3@150 9") << "what lies in its reserve is no record";
 }
 
 // What is there: two versions of a tile, or two names of one hash, or the first of these alone.
@@ -117,8 +119,9 @@ struct Poke {
 };
 constexpr std::size_t kCut = 0;
 
-// What operations answer on the damaged file, and what Verify finds in it; of cells, also what the
-// light classes answer, and whether the store appends (+), rewrites (~) or writes nothing (=).
+// What operations answer on the damaged file, and what Verify finds in it, also if it was open
+// before; of cells, also what the light classes answer, and whether the store appends (+), rewrites
+// (~) or writes nothing (=).
 struct Damage {
   Kind kind;
   const char* answers;
@@ -128,13 +131,14 @@ struct Damage {
 const Damage kDamages[] = {
     {kCells, "1 0 0 0 0 0 0 | 0", {{370, 0, kCut}}},
     // The header and that of the index.
-    {kCells, "opened 3", {{63, 0, kCut}, {0, 'X', 1}}, "opened 9"},
-    {kCells, "opened 1", {{75, 0, kCut}, {19, 63}, {19, 370}, {19, UINT64_MAX - 5}}, "opened 9"},
+    {kCells, "opened 3 | 0@0 9", {{63, 0, kCut}, {0, 'X', 1}}, "opened 9"},
+    {kCells, "opened 1 | 0@19 9", {{19, 63}, {19, 370}, {19, UINT64_MAX - 5}}, "opened 9"},
+    {kCells, "opened 1 | 1@64 9", {{75, 0, kCut}}, "opened 9"},
     {kCells, "1 0 0 0 0 0 0 | 0@3 9", {{3, 7, 4}}},
     {kCells, "4 9 9 10 10 10 8 | 0@7 9", {{7, 7, 4}}, "opened 9"},
     {kCells, "1 0 0 0 0 0 0 | 0@11 9", {{11, 0x7FF8000000000000}}},
     {kCells, "1 0 0 0 0 0 0 | 0@27 9", {{27, 1, 1}, {56, 1, 1}}},
-    {kCells, "4 9 9 10 10 10 0 | 1@64 9", {{64, 0, 4}}, "9 10="},
+    {kCells, "4 9 9 10 10 10 0 | 1@64 9", {{64, 0, 4}, {68, 0, 4}}, "9 10="},
     {kCells, "1 0 0 0 0 0 0 | 1@72 9", {{72, 3, 4}}},
     {kCells, "0 5 5 0 0 0 0 | 1@76 9", {{76, 0, kCut}}, "9 10="},
     // The entry: of no known status, in the index, in the header, at the end of the file; of
@@ -164,7 +168,11 @@ const Damage kDamages[] = {
     {kCells, "1 0 9 0 10 10 9 | 4@108 9", {{108, 1}}},
     // The index of names: its header, a part of it, and a slot that was never used.
     {kNames, "1 0 0 0 0 0 0 | 0", {{437, 0, kCut}}},
-    {kNames, "opened 1", {{313, 0, kCut}, {278, 0x8000001}, {286, 5}, {286, UINT64_MAX}}},
+    {kNames, "0 5 5 10 10 10 10 | 0@3 9", {{3, 7, 4}}},
+    {kNames, "opened 1 | 0@19 9", {{19, 63}}},
+    {kNames, "opened 1 | 1@278 9", {{313, 0, kCut}, {278, 0x8000001}}},
+    {kNames, "opened 1 | 1@286 9", {{286, 5}, {286, UINT64_MAX}}},
+    {kNames, "opened 1 | 1@437 9", {{19, 437}}},
     {kNames, "1 0 5 0 0 10 0 | 1@340 9", {{340, 0, kCut}}},
     {kNames, "1 0 0 0 0 0 0 | 1@310 9", {{310, 5, 4}}},
     {kNames, "1 0 0 0 0 0 0 | 2@362 9", {{286, 4}}},
@@ -172,9 +180,10 @@ const Damage kDamages[] = {
     {kNames, "3 9 0 0 0 0 9 | 2@314 9", {{314, 3 * kStatus1 | 132}}},
     {kNames, "1 9 0 10 0 0 9 | 2@314 9", {{314, kStatus1 | 300}}},
     {kNames, "0 5 5 0 0 10 0 | 3@132 2@330 9", {{322, 0}}},
-    // Its record: too long, too short for the name, and names over the end and over the table, of
-    // half a unit; no version; another charset and another name; and the second one's.
-    {kNames, "1 9 0 10 0 0 9 | 3@132 9", {{132, 10000}, {132, 35}, {166, 0, 4}}},
+    // Its record: too long, into the index, too short for the name, and names over the end and over
+    // the table, of half a unit; no version; another charset and another name; and the second
+    // one's.
+    {kNames, "1 9 0 10 0 0 9 | 3@132 9", {{132, 10000}, {132, 147}, {132, 35}, {166, 0, 4}}},
     {kNames, "1 9 0 10 0 0 9 | 3@132 9", {{144, UINT32_MAX, 4}, {144, 248, 4}}},
     {kNames, "1 9 0 10 0 0 9 | 3@132 9", {{144, 20, 4}, {144, 17, 4}}},
     {kNames, "1 0 0 0 0 0 0 | 3@132 9", {{140, 250, 4}}},
@@ -212,12 +221,13 @@ TEST_P(Verify, DamageIsReportedAndChangesNothing) {
         return object.Compact();
     }
   };
+  std::string findings;
   const auto answersOf = [&](Kind kind, const Support::Bytes& bytes, auto mode) {
     std::string answers;
     for (int operation = 0; operation < 7; ++operation) {
       Support::WriteFile(path, bytes);
       const unsigned int opened = object.Open(path, u"", mode);
-      if (opened != 0) return "opened " + std::to_string(opened);
+      if (opened != 0) return "opened " + std::to_string(opened) + " | " + findings;
       const unsigned int result = run(kind, operation);
       object.Close();
       // A cell of an unknown status is left alone.
@@ -259,9 +269,11 @@ TEST_P(Verify, DamageIsReportedAndChangesNothing) {
       if (kind == kAlone) {
         ASSERT_EQ(Store(kFirst, "one"), 0U);
       }
-      object.Close();
       if (poke.width == kCut) std::filesystem::resize_file(path.ToUtf8(), poke.offset);
       Support::Poke(path, poke.offset, Number(poke.number, poke.width));
+      findings = Find(object);
+      EXPECT_EQ(findings, std::string(answers).substr(std::string(answers).find('|') + 2));
+      object.Close();
       const Support::Bytes bytes = ReadBytes();
       if (kind == kCells) {
         EXPECT_EQ(lightAnswersOf(bytes), light) << poke.number;
@@ -319,6 +331,16 @@ TEST_P(Verify, EndsWhenItIsTold) {
   };
   EXPECT_EQ(object.Verify(summary, end), 9U);
   EXPECT_EQ(summary.findings, 1U);
+  const auto cut = [&](auto, auto) {
+    std::filesystem::resize_file(path.ToUtf8(), 76 + 2000 * 8);
+    return true;
+  };
+  const auto last = [](const Finding& finding) {
+    EXPECT_TRUE(finding.kind != Finding::kUnreadable || finding.number == 2000);
+    return true;
+  };
+  EXPECT_EQ(object.Verify(summary, last, cut), 9U);
+  EXPECT_EQ(summary.findings, 3U);
   object.Close();
   EXPECT_EQ(object.Verify(summary), 6U);
 }

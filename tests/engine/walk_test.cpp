@@ -208,7 +208,34 @@ TEST_P(Walk, Answers) {
   }
   EXPECT_EQ(result, 1U);
   object.Close();
-  EXPECT_EQ(ZrTileCursor(object).Next(), 6U);
+  unsigned long long removed = 0;
+  ZrStatistics statistics;
+  EXPECT_EQ((std::vector{ZrTileCursor(object).Next(), object.RemoveOlderThan(1, removed),
+                         object.GetStatistics(statistics)}),
+            std::vector(3, 6U));
+}
+
+// The file goes, or another kind of file comes, when a tile is next that has to be read alone: a
+// damaged one, names of one hash, the second of these; or when none was read ahead.
+TEST_P(Walk, EndsAtAnyTurn) {
+  for (const unsigned int given : {1U, 2U, 3U})
+    for (const bool isClosed : {false, true}) {
+      SCOPED_TRACE(given);
+      isNaming ? MakeNaming(4) : MakeGrid(1, kCols);
+      Reopen(GetMode());
+      for (const unsigned int tile : {6U, 1U, 0U, 7U})
+        ASSERT_EQ(Put(object, tile, "tile"), 0U);
+      if (!isNaming) Support::Poke(path, 588 + 48, Number(1));  // the record of tile 1
+      ZrTileCursor cursor(object);
+      for (unsigned int i = 0; i < given; ++i)
+        EXPECT_EQ(cursor.Next(), 0U);
+      object.Close();
+      if (!isClosed) isNaming ? MakeGrid(1, 1) : MakeNaming(1);
+      unsigned int result = 0;
+      while ((result = cursor.Next()) == 0) {  // what was read ahead
+      }
+      EXPECT_EQ(result, isClosed ? 6U : 1U);
+    }
 }
 
 // Tiles are replaced in their places while a large read has read the first half of them.

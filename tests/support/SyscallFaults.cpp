@@ -280,14 +280,22 @@ extern "C" {
 
 // Where a sanitizer is linked, memory must come from its functions.
 [[gnu::weak]] void* __interceptor_malloc(std::size_t size);
+[[gnu::weak]] void* __interceptor_calloc(std::size_t count, std::size_t size);
 [[gnu::weak]] void* __interceptor_realloc(void* old, std::size_t size);
 [[gnu::weak]] void* __interceptor_mmap(void*, std::size_t, int, int, int, off_t);
 void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* old, std::size_t size);
 
 LIBC void* malloc(std::size_t size) noexcept {
   if (FailsRequest()) return nullptr;
   return __interceptor_malloc != nullptr ? __interceptor_malloc(size) : __libc_malloc(size);
+}
+
+LIBC void* calloc(std::size_t count, std::size_t size) noexcept {
+  if (FailsRequest()) return nullptr;
+  return __interceptor_calloc != nullptr ? __interceptor_calloc(count, size)
+                                         : __libc_calloc(count, size);
 }
 
 LIBC void* realloc(void* old, std::size_t size) noexcept {

@@ -8,7 +8,7 @@
 
 /// Stands between the library and the kernel: counts the system calls of the file classes, and
 /// makes chosen ones fail or be the last of the process; and requests for memory fail: operator
-/// new, malloc, realloc and mmap.
+/// new, malloc, calloc, realloc and mmap.
 ///
 /// One object at a time, made, set up and destroyed while no other thread uses a file. While it
 /// lives, a test may also put functions of its own into the table; the destructor restores all

@@ -3,8 +3,8 @@
 namespace Zarn {
 
 bool ZrTextCodec::Open(PELMCharset::Charset from, PELMCharset::Charset to) {
-  m_source = std::make_unique<PelmCharsetCodec>(from);
   m_target = std::make_unique<PelmCharsetCodec>(to);
+  m_source = std::make_unique<PelmCharsetCodec>(from);  // only now the codec is open
   return m_source->IsUsable() && m_target->IsUsable();
 }
 
