@@ -28,9 +28,9 @@ function(hx_target_settings target)
   # Nobody replaces functions of these libraries, so calls within one need no detour.
   target_compile_options(${target} PRIVATE -fno-semantic-interposition)
   # Of tests and programs the lines will do: that takes a quarter less time to build. package_abi
-  # looks into the shared libraries.
+  # looks into the libraries.
   get_target_property(type ${target} TYPE)
-  if(NOT type STREQUAL "SHARED_LIBRARY" AND CMAKE_CXX_FLAGS MATCHES "(^| )-g( |$)")
+  if(type STREQUAL "EXECUTABLE" AND CMAKE_CXX_FLAGS MATCHES "(^| )-g( |$)")
     target_compile_options(${target} PRIVATE -g1)
   endif()
   if(HX_WARNINGS_AS_ERRORS)
