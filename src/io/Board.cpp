@@ -278,7 +278,7 @@ bool Board::SetEnd(std::uint64_t end) {
 
 bool Board::ForgetEnd() {
   m_end = 0;
-  return Tell(BoardChange::kMany) && Set(kEnd, [](Word) { return 0; });
+  return Tell(BoardChange::kMany) && Set(kEnd, [](Word) { return Word{0}; });
 }
 
 bool Board::RenounceEnd() {

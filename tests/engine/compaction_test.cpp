@@ -268,7 +268,13 @@ TEST_F(Compaction, Answers) {
   EXPECT_EQ(object.Compact(), 2U) << "mounted by itself: others look for the image elsewhere";
   GetFileSyscalls().statx = [](auto...) { return errno = ENOSYS, -1; };
   EXPECT_EQ(object.Compact(), 0U);
-  ASSERT_TRUE(ZrFile::Rename(path, folder.GetPath("moved.cf")));
+  GetFileSyscalls().rename = [](auto...) { return errno = EACCES, -1; };
+  GetFileSyscalls().pwrite = [](int fd, const void* bytes, std::size_t size, off_t at) {
+    return at == 0 && size < 64 ? (errno = EIO, -1) : ::pwrite(fd, bytes, size, at);
+  };
+  EXPECT_EQ(object.Compact(), 10U) << "not even the mark is written";
+  EXPECT_EQ(folder.CountFiles(), 1U);
+  ASSERT_EQ(::rename(path.ToUtf8().c_str(), folder.GetPath("moved.cf").ToUtf8().c_str()), 0);
   EXPECT_EQ(object.Compact(), 2U) << "no longer at its path";
 }
 
