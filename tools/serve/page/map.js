@@ -1,0 +1,272 @@
+// The tiles of a pyramid as a map: pictures as they are, vector tiles with a colour for each layer.
+
+import * as api from "./api.js";
+import { h, token } from "./dom.js";
+import * as library from "./maplibre-gl.mjs";
+import { layersOf } from "./mvt.js";
+import * as address from "./state.js";
+
+const pictures = ["png", "jpg", "jpeg", "webp", "avif", "gif"];
+const vectors = ["pbf", "mvt"];
+const colours = 8;
+const extraZoom = 4;  // how much closer than the last zoom one can look
+
+export class MapView {
+  #file;
+  #signal;
+  #tell;
+  #stage;
+  #map = null;
+  #tiles = null;  // TileJSON
+  #isVector = false;
+  #layers = [];   // names, in the order of their colours
+  #state = {};
+  #noted = "";
+  #tools = h("div", { class: "tools" });
+  #switches = h("fieldset", { class: "layers" }, h("legend", {}, "Layers"));
+  #place = h("div", { class: "map" });
+
+  constructor(stage, file, info, { tell, signal }) {
+    this.#file = file;
+    this.#signal = signal;
+    this.#tell = tell;
+    this.#stage = stage;
+    signal.addEventListener("abort", () => this.#map?.remove());
+  }
+
+  update(state) {
+    this.#state = state;
+    if (this.#tiles) return this.#apply();
+    this.#tiles = {};
+    this.#open().catch((error) => {
+      if (error.name === "AbortError") return;
+      this.#tiles = null;
+      this.#tell(error.message, () => this.update(this.#state));
+    });
+  }
+
+  recolour() {
+    this.#map?.setStyle(this.#style());
+    this.#list();
+  }
+
+  async #open() {
+    if (!library.Map) return this.#leaveOut("The map is left out: this program was built without npm.");
+    const tiles = await api.tileJson(this.#file, this.#signal);
+    const format = (tiles.format || this.#file.format || "").toLowerCase();
+    this.#isVector = vectors.includes(format);
+    if (!this.#isVector && !pictures.includes(format)) {
+      return this.#leaveOut(`There is no map of these tiles: their format is ${format || "not known"}.`);
+    }
+    await styleSheet();
+    if (this.#signal.aborted) return;
+    this.#tiles = tiles;
+    this.#layers = (tiles.vector_layers ?? []).map(({ id }) => id);
+    this.#stage.replaceChildren(this.#tools, this.#place);
+    try {
+      this.#show();
+    } catch (error) {
+      return this.#leaveOut(`This browser cannot show the map: ${error.message}`);
+    }
+    this.#list();
+  }
+
+  #leaveOut(sentence) {
+    this.#stage.replaceChildren(h("p", { class: "note" }, sentence));
+  }
+
+  #show() {
+    const { bounds, center, maxzoom = 14 } = this.#tiles;
+    const at = place(this.#state.at);
+    this.#place.setAttribute("aria-busy", "true");
+    this.#map = new library.Map({
+      container: this.#place,
+      style: this.#style(),
+      ...(at ?? (bounds ? { bounds, fitBoundsOptions: { padding: 24, maxZoom: maxzoom } }
+        : { center: center?.slice(0, 2), zoom: center?.[2] })),
+      maxZoom: Math.min(24, maxzoom + extraZoom),
+      renderWorldCopies: false,
+      attributionControl: { compact: false },
+      dragRotate: false,
+      pitchWithRotate: false,
+      touchPitch: false,
+      fadeDuration: 0,
+      // What the file holds now is shown, not what it held when a tile was last seen.
+      transformRequest: (url) => ({ url, cache: "no-cache" }),
+    });
+    this.#map.touchZoomRotate.disableRotation();
+    this.#map.keyboard.disableRotation();
+    this.#map.addControl(new library.NavigationControl({ showCompass: false }), "top-right");
+    this.#map.addControl(new library.ScaleControl(), "bottom-left");
+    this.#listen();
+  }
+
+  #listen() {
+    const map = this.#map;
+    map.on("load", () => this.#apply());
+    map.on("idle", () => this.#place.setAttribute("aria-busy", "false"));
+    map.on("dataloading", () => this.#place.setAttribute("aria-busy", "true"));
+    map.on("moveend", () => {
+      const { lat, lng } = map.getCenter();
+      this.#noted = [map.getZoom().toFixed(2), lat.toFixed(5), lng.toFixed(5)].join("/");
+      if (!this.#signal.aborted) address.note({ at: this.#noted });
+    });
+    map.on("click", ({ lngLat }) => this.#choose(lngLat));
+    map.getCanvas().addEventListener("keydown", ({ key }) => {
+      if (key === "Enter") this.#choose(map.getCenter());
+    });
+    map.on("error", async ({ error, tile }) => {
+      const { z, x, y } = tile?.tileID?.canonical ?? {};
+      this.#tell(await api.tileTrouble(error, tile ? `Tile ${z}/${x}/${y}` : "The map"));
+    });
+    if (this.#isVector && !this.#layers.length) map.on("data", (event) => this.#discover(event));
+  }
+
+  // -- what the address says
+
+  #apply() {
+    const { at, tile, borders } = this.#state;
+    const map = this.#map;
+    if (!map?.isStyleLoaded()) return;
+    if (at && at !== this.#noted) map.jumpTo(place(at) ?? {});
+    this.#noted = at ?? this.#noted;
+    map.showTileBoundaries = borders === "1";
+    const off = new Set(this.#off());
+    for (const layer of map.getStyle().layers) {
+      const name = layer["source-layer"];
+      if (name) map.setLayoutProperty(layer.id, "visibility", off.has(name) ? "none" : "visible");
+    }
+    const bounds = boundsOf(tile);
+    map.getSource("chosen").setData(outline(bounds));
+    if (bounds && !meet(bounds, map.getBounds().toArray())) {
+      map.fitBounds(bounds, { padding: 80, maxZoom: this.#tiles.maxzoom, animate: false });
+    }
+    for (const box of this.#tools.querySelectorAll("input")) {
+      box.checked = box.value ? !off.has(box.value) : borders === "1";
+    }
+  }
+
+  #off() {
+    return (this.#state.off ?? "").split(",").filter(Boolean).map(decodeURIComponent);
+  }
+
+  /** The tile below a place, at the zoom that the map shows there. */
+  #choose({ lng, lat }) {
+    const { minzoom = 0, maxzoom = 22 } = this.#tiles;
+    const shown = this.#isVector ? Math.floor(this.#map.getZoom()) : Math.round(this.#map.getZoom() + 1);
+    const zoom = Math.max(minzoom, Math.min(maxzoom, shown));
+    const { x, y } = library.MercatorCoordinate.fromLngLat({ lng, lat });
+    const index = (part) => Math.max(0, Math.min(2 ** zoom - 1, Math.floor(part * 2 ** zoom)));
+    address.go({ tile: `${zoom}/${index(x)}/${index(y)}` });
+  }
+
+  // -- the switches
+
+  #list() {
+    const box = (value, text, onchange) =>
+      h("label", {}, h("input", { type: "checkbox", value, onchange }), text);
+    this.#tools.replaceChildren(box("", "Tile borders", (event) =>
+      address.go({ borders: event.target.checked ? "1" : "" })));
+    if (this.#isVector && this.#layers.length) {
+      this.#switches.replaceChildren(this.#switches.firstChild, ...this.#layers.map((name, i) => {
+        const swatch = h("span", { class: "swatch", "data-layer": name });
+        swatch.style.background = colourOf(i);
+        return box(name, h("span", {}, swatch, " ", name), (event) => this.#turn(name, event));
+      }));
+      this.#tools.append(this.#switches);
+    }
+    this.#apply();
+  }
+
+  #turn(name, { target }) {
+    const off = this.#off().filter((other) => other !== name).concat(target.checked ? [] : [name]);
+    address.go({ off: off.map(encodeURIComponent).join(",") });
+  }
+
+  // -- the style
+
+  #style() {
+    const { minzoom = 0, maxzoom = 22, bounds, attribution } = this.#tiles;
+    const source = { type: this.#isVector ? "vector" : "raster", tiles: [api.template(this.#file)],
+      minzoom, maxzoom, ...(bounds && { bounds }), ...(attribution && { attribution }) };
+    if (!this.#isVector) source.tileSize = 256;
+    return {
+      version: 8,
+      sources: { tiles: source, chosen: { type: "geojson", data: outline(null) } },
+      layers: [
+        { id: "ground", type: "background", paint: { "background-color": token("--map") } },
+        ...(this.#isVector ? vectorLayers(this.#layers) : [{ id: "picture", type: "raster",
+          source: "tiles", paint: { "raster-fade-duration": 0 } }]),
+        { id: "chosen", type: "line", source: "chosen",
+          paint: { "line-color": token("--accent"), "line-width": 3 } },
+      ],
+    };
+  }
+
+  /** Layers of which the metadata do not tell, from the tiles as they come. */
+  async #discover({ tile, coord, sourceId }) {
+    if (sourceId !== "tiles" || tile?.state !== "loaded") return;
+    const { z, x, y } = coord.canonical;
+    const found = layersOf(await api.payload(api.tileUrl(this.#file, `${z}/${x}/${y}`), this.#signal)
+      .catch(() => new Uint8Array()));
+    const more = found.map(({ name }) => name).filter((name) => !this.#layers.includes(name));
+    if (!more.length || this.#signal.aborted) return;
+    this.#layers.push(...more);
+    this.#map.setStyle(this.#style());
+    this.#list();
+  }
+}
+
+const colourOf = (i) => token(`--layer-${i % colours}`);
+
+/** Areas below lines below points. A set without known layers has one that draws nothing: it loads tiles. */
+function vectorLayers(names) {
+  const make = (type, shape, paint) => names.map((name, i) => ({ id: `${type} ${name}`, type,
+    source: "tiles", "source-layer": name, filter: ["==", "$type", shape], paint: paint(colourOf(i)) }));
+  const line = (width) => (colour) => ({ "line-color": colour, "line-width": width });
+  if (!names.length) {
+    return [{ id: "none", type: "line", source: "tiles", "source-layer": "\u0000" }];
+  }
+  return [
+    ...make("fill", "Polygon", (colour) => ({ "fill-color": colour, "fill-opacity": 0.35 })),
+    ...make("line", "LineString", line(1.5)),
+    ...make("line", "Polygon", line(0.75)).map((layer) => ({ ...layer, id: `edge ${layer.id}` })),
+    ...make("circle", "Point", (colour) => ({ "circle-color": colour, "circle-radius": 3.5,
+      "circle-stroke-width": 1, "circle-stroke-color": token("--map") })),
+  ];
+}
+
+/** The library's style sheet, once. */
+function styleSheet() {
+  const href = new URL("./maplibre-gl.css", import.meta.url).href;
+  if (document.querySelector(`link[href="${href}"]`)) return undefined;
+  return new Promise((done) => {
+    document.head.prepend(h("link", { rel: "stylesheet", href, onload: done, onerror: done }));
+  });
+}
+
+/** "zoom/latitude/longitude" as options of a map, or null. */
+function place(at) {
+  const [zoom, lat, lng] = (at ?? "").split("/").map(Number);
+  return at && [zoom, lat, lng].every(Number.isFinite) && Math.abs(lat) <= 90
+    ? { zoom, center: [lng, lat] } : null;
+}
+
+/** [[west, south], [east, north]] of "zoom/column/row", or null. */
+function boundsOf(tile) {
+  const [zoom, column, row] = (tile ?? "").split("/").map(Number);
+  if (!(column < 2 ** zoom && row < 2 ** zoom)) return null;
+  const corner = (x, y) => new library.MercatorCoordinate(x / 2 ** zoom, y / 2 ** zoom).toLngLat()
+    .toArray();
+  return [corner(column, row + 1), corner(column + 1, row)];
+}
+
+const meet = ([[west, south], [east, north]], [[left, bottom], [right, top]]) =>
+  west < right && east > left && south < top && north > bottom;
+
+function outline(bounds) {
+  const [[west, south], [east, north]] = bounds ?? [[], []];
+  const ring = [[west, south], [east, south], [east, north], [west, north], [west, south]];
+  return { type: "FeatureCollection", features: bounds
+    ? [{ type: "Feature", properties: {}, geometry: { type: "LineString", coordinates: ring } }] : [] };
+}
