@@ -22,6 +22,8 @@ export class MapView {
   #layers = [];   // names, in the order of their colours
   #state = {};
   #noted = "";
+  #isReady = false;
+  #tile = "";
   #tools = h("div", { class: "tools" });
   #switches = h("fieldset", { class: "layers" }, h("legend", {}, "Layers"));
   #place = h("div", { class: "map" });
@@ -46,8 +48,7 @@ export class MapView {
   }
 
   recolour() {
-    this.#map?.setStyle(this.#style());
-    this.#list();
+    if (this.#map) this.#list();
   }
 
   async #open() {
@@ -86,6 +87,11 @@ export class MapView {
         : { center: center?.slice(0, 2), zoom: center?.[2] })),
       maxZoom: Math.min(24, maxzoom + extraZoom),
       renderWorldCopies: false,
+      // The whole of the world may be smaller than the map.
+      transformConstrain: ({ lng, lat }, zoom) => ({
+        center: { lng: within(lng, 180), lat: within(lat, 85) },
+        zoom: Math.max(-2, zoom),
+      }),
       attributionControl: { compact: false },
       dragRotate: false,
       pitchWithRotate: false,
@@ -103,7 +109,10 @@ export class MapView {
 
   #listen() {
     const map = this.#map;
-    map.on("load", () => this.#apply());
+    map.once("style.load", () => {
+      this.#isReady = true;
+      this.#apply();
+    });
     map.on("idle", () => this.#place.setAttribute("aria-busy", "false"));
     map.on("dataloading", () => this.#place.setAttribute("aria-busy", "true"));
     map.on("moveend", () => {
@@ -127,23 +136,19 @@ export class MapView {
   #apply() {
     const { at, tile, borders } = this.#state;
     const map = this.#map;
-    if (!map?.isStyleLoaded()) return;
+    for (const box of this.#tools.querySelectorAll("input")) {
+      box.checked = box.value ? !this.#off().includes(box.value) : borders === "1";
+    }
+    if (!this.#isReady) return;
+    map.setStyle(this.#style());  // changes what differs
+    map.showTileBoundaries = borders === "1";
     if (at && at !== this.#noted) map.jumpTo(place(at) ?? {});
     this.#noted = at ?? this.#noted;
-    map.showTileBoundaries = borders === "1";
-    const off = new Set(this.#off());
-    for (const layer of map.getStyle().layers) {
-      const name = layer["source-layer"];
-      if (name) map.setLayoutProperty(layer.id, "visibility", off.has(name) ? "none" : "visible");
-    }
     const bounds = boundsOf(tile);
-    map.getSource("chosen").setData(outline(bounds));
-    if (bounds && !meet(bounds, map.getBounds().toArray())) {
+    if (tile !== this.#tile && bounds && !meet(bounds, map.getBounds().toArray())) {
       map.fitBounds(bounds, { padding: 80, maxZoom: this.#tiles.maxzoom, animate: false });
     }
-    for (const box of this.#tools.querySelectorAll("input")) {
-      box.checked = box.value ? !off.has(box.value) : borders === "1";
-    }
+    this.#tile = tile;
   }
 
   #off() {
@@ -192,11 +197,14 @@ export class MapView {
     if (!this.#isVector) source.tileSize = 256;
     return {
       version: 8,
-      sources: { tiles: source, chosen: { type: "geojson", data: outline(null) } },
+      sources: { tiles: source,
+        chosen: { type: "geojson", data: outline(boundsOf(this.#state.tile)) } },
       layers: [
         { id: "ground", type: "background", paint: { "background-color": token("--map") } },
-        ...(this.#isVector ? vectorLayers(this.#layers) : [{ id: "picture", type: "raster",
+        ...(this.#isVector ? vectorLayers(this.#layers, this.#off()) : [{ id: "picture", type: "raster",
           source: "tiles", paint: { "raster-fade-duration": 0 } }]),
+        { id: "around chosen", type: "line", source: "chosen",
+          paint: { "line-color": token("--paper"), "line-width": 6 } },
         { id: "chosen", type: "line", source: "chosen",
           paint: { "line-color": token("--accent"), "line-width": 3 } },
       ],
@@ -212,7 +220,6 @@ export class MapView {
     const more = found.map(({ name }) => name).filter((name) => !this.#layers.includes(name));
     if (!more.length || this.#signal.aborted) return;
     this.#layers.push(...more);
-    this.#map.setStyle(this.#style());
     this.#list();
   }
 }
@@ -220,9 +227,10 @@ export class MapView {
 const colourOf = (i) => token(`--layer-${i % colours}`);
 
 /** Areas below lines below points. A set without known layers has one that draws nothing: it loads tiles. */
-function vectorLayers(names) {
-  const make = (type, shape, paint) => names.map((name, i) => ({ id: `${type} ${name}`, type,
-    source: "tiles", "source-layer": name, filter: ["==", "$type", shape], paint: paint(colourOf(i)) }));
+function vectorLayers(names, off) {
+  const make = (type, shape, paint) => names.map((name, i) => ({ id: `${type} ${shape} ${name}`, type,
+    source: "tiles", "source-layer": name, filter: ["==", "$type", shape], paint: paint(colourOf(i)),
+    layout: { visibility: off.includes(name) ? "none" : "visible" } }));
   const line = (width) => (colour) => ({ "line-color": colour, "line-width": width });
   if (!names.length) {
     return [{ id: "none", type: "line", source: "tiles", "source-layer": "\u0000" }];
@@ -230,7 +238,7 @@ function vectorLayers(names) {
   return [
     ...make("fill", "Polygon", (colour) => ({ "fill-color": colour, "fill-opacity": 0.35 })),
     ...make("line", "LineString", line(1.5)),
-    ...make("line", "Polygon", line(0.75)).map((layer) => ({ ...layer, id: `edge ${layer.id}` })),
+    ...make("line", "Polygon", line(0.75)),
     ...make("circle", "Point", (colour) => ({ "circle-color": colour, "circle-radius": 3.5,
       "circle-stroke-width": 1, "circle-stroke-color": token("--map") })),
   ];
@@ -260,6 +268,8 @@ function boundsOf(tile) {
     .toArray();
   return [corner(column, row + 1), corner(column + 1, row)];
 }
+
+const within = (value, most) => Math.max(-most, Math.min(most, value));
 
 const meet = ([[west, south], [east, north]], [[left, bottom], [right, top]]) =>
   west < right && east > left && south < top && north > bottom;

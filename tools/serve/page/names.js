@@ -24,7 +24,7 @@ export class NamesView {
     this.#tell = tell;
     let later = 0;
     this.#input = h("input", { id: "prefix", type: "search", autocomplete: "off", spellcheck: "false",
-      autocapitalize: "off", placeholder: "the beginning of a name",
+      autocapitalize: "off", placeholder: "any",
       oninput: () => {
         clearTimeout(later);
         later = setTimeout(() => this.#search(), 200);
@@ -33,7 +33,7 @@ export class NamesView {
       event.preventDefault();
       clearTimeout(later);
       this.#search();
-    } }, h("label", { for: "prefix" }, "Names with"), this.#input);
+    } }, h("label", { for: "prefix" }, "Names beginning with"), this.#input);
     signal.addEventListener("abort", () => clearTimeout(later));
     stage.replaceChildren(search, this.#count, this.#list, this.#more);
   }

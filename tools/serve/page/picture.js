@@ -24,6 +24,9 @@ const scales = {
 };
 const shades = 5;
 const largestField = 40;  // pixels
+const isNarrow = matchMedia("(max-width: 700px)");
+const hint = matchMedia("(pointer: coarse)").matches ? "Touch a field to open it."
+  : "Point at a field, or walk with the arrow keys; Enter opens it.";
 
 export class PictureView {
   #file;
@@ -61,7 +64,7 @@ export class PictureView {
       h("div", { class: "tools" },
         this.#zooms.length ? [h("label", { for: "zoom" }, "Zoom"), this.#zoom] : null,
         h("label", { for: "by" }, "Colour"), this.#by, this.#out, this.#legend),
-      h("figure", { class: "picture" }, this.#frame, this.#field, this.#caption));
+      h("figure", { class: "picture" }, this.#field, this.#caption, this.#frame));
     this.#listen();
   }
 
@@ -107,8 +110,9 @@ export class PictureView {
     const { fieldRows, fieldColumns } = this.#heat ?? {};
     this.#canvas.hidden = !fieldRows;
     if (!fieldRows) return;
-    const { clientWidth, clientHeight } = this.#frame;
-    const fits = Math.min(clientWidth / fieldColumns, clientHeight / fieldRows, largestField);
+    // In one column the frame is as high as the picture, elsewhere the picture fits the frame.
+    const room = isNarrow.matches ? innerHeight * 0.6 : this.#frame.clientHeight;
+    const fits = Math.min(this.#frame.clientWidth / fieldColumns, room / fieldRows, largestField);
     this.#cell = fits >= 1 ? Math.floor(fits) : fits;
     const [width, height] = [fieldColumns * this.#cell, fieldRows * this.#cell];
     const dense = devicePixelRatio;
@@ -117,10 +121,8 @@ export class PictureView {
     const context = this.#canvas.getContext("2d");
     context.scale(dense, dense);
     this.#paint(context);
-    this.#outline(context, this.#fieldOfTile(), token("--accent"), 3);
-    if (document.activeElement === this.#canvas || this.#canvas.matches(":hover")) {
-      this.#outline(context, this.#cursor, token("--ink"), 2);
-    }
+    this.#outline(context, this.#fieldOfTile(), token("--ink"));
+    this.#outline(context, this.#cursor, token("--dead"));
   }
 
   #paint(context) {
@@ -154,14 +156,16 @@ export class PictureView {
     this.#legend.replaceChildren(...shown);
   }
 
-  #outline(context, field, colour, width) {
+  /** A frame within a field, with a margin that sets it off from any colour. */
+  #outline(context, field, colour) {
     if (!field) return;
-    const [row, column] = field;
-    context.strokeStyle = colour;
-    context.lineWidth = width;
-    const inset = Math.min(width / 2, this.#cell / 4);
-    context.strokeRect(column * this.#cell + inset, row * this.#cell + inset,
-      Math.max(2, this.#cell - 2 * inset), Math.max(2, this.#cell - 2 * inset));
+    const [top, left] = field.map((number) => number * this.#cell);
+    for (const [style, width] of [[token("--paper"), 4], [colour, 2]]) {
+      context.strokeStyle = style;
+      context.lineWidth = width;
+      const size = Math.max(2, this.#cell - 2);
+      context.strokeRect(left + 0.5, top + 0.5, size, size);
+    }
   }
 
   // -- fields and cells
@@ -205,7 +209,7 @@ export class PictureView {
     if (!this.#heat.fieldRows) {
       this.#field.textContent = "Nothing is stored here.";
     } else if (!this.#cursor) {
-      this.#field.textContent = "Point at a field, or walk with the arrow keys; Enter opens it.";
+      this.#field.textContent = hint;
     } else {
       const [row0, column0, row1, column1] = this.#cells(this.#cursor);
       const range = (from, to) => (from === to ? count(from) : `${count(from)}–${count(to)}`);
