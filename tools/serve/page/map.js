@@ -92,7 +92,8 @@ export class MapView {
         center: { lng: within(lng, 180), lat: within(lat, 85) },
         zoom: Math.max(-2, zoom),
       }),
-      attributionControl: { compact: false },
+      attributionControl: { compact: false,
+        customAttribution: '<a href="_/maplibre-gl-LICENSE.txt">MapLibre</a>' },
       dragRotate: false,
       pitchWithRotate: false,
       touchPitch: false,
@@ -119,6 +120,7 @@ export class MapView {
       const { lat, lng } = map.getCenter();
       this.#noted = [map.getZoom().toFixed(2), lat.toFixed(5), lng.toFixed(5)].join("/");
       if (!this.#signal.aborted) address.note({ at: this.#noted });
+      map.getSource("borders")?.setData(this.#borders());
     });
     map.on("click", ({ lngLat }) => this.#choose(lngLat));
     map.getCanvas().addEventListener("keydown", ({ key }) => {
@@ -141,7 +143,6 @@ export class MapView {
     }
     if (!this.#isReady) return;
     map.setStyle(this.#style());  // changes what differs
-    map.showTileBoundaries = borders === "1";
     if (at && at !== this.#noted) map.jumpTo(place(at) ?? {});
     this.#noted = at ?? this.#noted;
     const bounds = boundsOf(tile);
@@ -155,14 +156,36 @@ export class MapView {
     return (this.#state.off ?? "").split(",").filter(Boolean).map(decodeURIComponent);
   }
 
-  /** The tile below a place, at the zoom that the map shows there. */
-  #choose({ lng, lat }) {
+  /** The zoom of the tiles that the map shows. */
+  #zoom() {
     const { minzoom = 0, maxzoom = 22 } = this.#tiles;
-    const shown = this.#isVector ? Math.floor(this.#map.getZoom()) : Math.round(this.#map.getZoom() + 1);
-    const zoom = Math.max(minzoom, Math.min(maxzoom, shown));
-    const { x, y } = library.MercatorCoordinate.fromLngLat({ lng, lat });
-    const index = (part) => Math.max(0, Math.min(2 ** zoom - 1, Math.floor(part * 2 ** zoom)));
-    address.go({ tile: `${zoom}/${index(x)}/${index(y)}` });
+    const zoom = this.#map?.getZoom() ?? 0;
+    const shown = this.#isVector ? Math.floor(zoom) : Math.round(zoom + 1);
+    return Math.max(minzoom, Math.min(maxzoom, shown));
+  }
+
+  #choose(lngLat) {
+    const { zoom, column, row } = tileAt(lngLat, this.#zoom());
+    address.go({ tile: `${zoom}/${column}/${row}` });
+  }
+
+  /** The borders of the tiles in view, with their names. */
+  #borders() {
+    const features = [];
+    if (this.#state.borders === "1" && this.#map) {
+      const view = this.#map.getBounds();
+      const zoom = this.#zoom();
+      const [first, last] = [view.getNorthWest(), view.getSouthEast()].map((at) => tileAt(at, zoom));
+      for (let row = first.row; row <= last.row; ++row) {
+        for (let column = first.column; column <= last.column; ++column) {
+          const name = `${zoom}/${column}/${row}`;
+          const bounds = boundsOf(name);
+          features.push(...outline(bounds).features, { type: "Feature", properties: { name },
+            geometry: { type: "Point", coordinates: [bounds[0][0], bounds[1][1]] } });
+        }
+      }
+    }
+    return { type: "FeatureCollection", features };
   }
 
   // -- the switches
@@ -198,11 +221,19 @@ export class MapView {
     return {
       version: 8,
       sources: { tiles: source,
+        borders: { type: "geojson", data: this.#borders() },
         chosen: { type: "geojson", data: outline(boundsOf(this.#state.tile)) } },
       layers: [
         { id: "ground", type: "background", paint: { "background-color": token("--map") } },
         ...(this.#isVector ? vectorLayers(this.#layers, this.#off()) : [{ id: "picture", type: "raster",
           source: "tiles", paint: { "raster-fade-duration": 0 } }]),
+        { id: "borders", type: "line", source: "borders",
+          paint: { "line-color": token("--ink"), "line-width": 1 } },
+        { id: "names", type: "symbol", source: "borders", filter: ["==", "$type", "Point"],
+          layout: { "text-field": ["get", "name"], "text-size": 12, "text-anchor": "top-left",
+            "text-offset": [0.4, 0.3], "text-allow-overlap": true },
+          paint: { "text-color": token("--ink"), "text-halo-color": token("--paper"),
+            "text-halo-width": 2 } },
         { id: "around chosen", type: "line", source: "chosen",
           paint: { "line-color": token("--paper"), "line-width": 6 } },
         { id: "chosen", type: "line", source: "chosen",
@@ -258,6 +289,13 @@ function place(at) {
   const [zoom, lat, lng] = (at ?? "").split("/").map(Number);
   return at && [zoom, lat, lng].every(Number.isFinite) && Math.abs(lat) <= 90
     ? { zoom, center: [lng, lat] } : null;
+}
+
+/** The tile of a zoom that a place lies in. */
+function tileAt({ lng, lat }, zoom) {
+  const { x, y } = library.MercatorCoordinate.fromLngLat({ lng, lat: within(lat, 85.0511) });
+  const index = (part) => Math.max(0, Math.min(2 ** zoom - 1, Math.floor(part * 2 ** zoom)));
+  return { zoom, column: index(x), row: index(y) };
 }
 
 /** [[west, south], [east, north]] of "zoom/column/row", or null. */
