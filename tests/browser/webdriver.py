@@ -9,8 +9,8 @@ import urllib.request
 
 # The identifier of an element in the protocol's answers.
 ELEMENT = "element-6066-11e4-a52e-4f735466cecf"
-KEYS = {"Tab": "\ue004", "Enter": "\ue007", "Shift": "\ue008", "Space": " ", "Escape": "\ue00c",
-        "Left": "\ue012", "Up": "\ue013", "Right": "\ue014", "Down": "\ue015"}
+KEYS = {"Tab": "\ue004", "Enter": "\ue007", "Escape": "\ue00c",
+        "PageDown": "\ue00f", "End": "\ue010", "Right": "\ue014", "Down": "\ue015"}
 
 
 class Browser:

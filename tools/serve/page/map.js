@@ -216,7 +216,7 @@ export class MapView {
   #style() {
     const { minzoom = 0, maxzoom = 22, bounds, attribution } = this.#tiles;
     const source = { type: this.#isVector ? "vector" : "raster", tiles: [api.template(this.#file)],
-      minzoom, maxzoom, ...(bounds && { bounds }), ...(attribution && { attribution }) };
+      minzoom, maxzoom, ...(bounds && { bounds }), ...(attribution && { attribution: harmless(attribution) }) };
     if (!this.#isVector) source.tileSize = 256;
     return {
       version: 8,
@@ -253,6 +253,17 @@ export class MapView {
     this.#layers.push(...more);
     this.#list();
   }
+}
+
+/** Of an attribution only the text and the links: whoever made the file has written it. */
+function harmless(html) {
+  const { body } = new DOMParser().parseFromString(html, "text/html");
+  for (const element of [...body.querySelectorAll("*")]) {
+    const isLink = element.localName === "a" && /^https?:/.test(element.getAttribute("href") ?? "");
+    element.replaceWith(...(isLink ? [h("a", { href: element.href, rel: "noopener" }, ...element.childNodes)]
+      : element.childNodes));
+  }
+  return body.innerHTML;
 }
 
 const colourOf = (i) => token(`--layer-${i % colours}`);
