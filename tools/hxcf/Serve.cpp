@@ -22,9 +22,9 @@ int Run(const Serve::Options& options, const Console& console) {
   for (const std::string& name : server.Names())
     names += (names.empty() ? "" : ", ") + name;
   if (console.isJson)
-    console.PrintJson({{"address", server.Address()}, {"files", server.Names()}});
+    console.PrintJson({{"address", server.Location()}, {"files", server.Names()}});
   else
-    std::printf("serving %s at %s\n", names.c_str(), server.Address().c_str());
+    std::printf("serving %s at %s\n", names.c_str(), server.Location().c_str());
   std::fflush(stdout);
   int signal = 0;
   sigwait(&signals, &signal);

@@ -31,7 +31,9 @@ struct HttpAnswer {
   bool hasPayload = false;
 
   std::string_view Body() const {
-    return hasPayload ? payload.text() : !constant.empty() ? constant : std::string_view(text);
+    return hasPayload          ? payload.text().substr(0, payload.filled())
+           : !constant.empty() ? constant
+                               : std::string_view(text);
   }
   void Set(const char* name, std::string value) { fields.emplace_back(name, std::move(value)); }
   /// As new, but for memory that another answer can use.

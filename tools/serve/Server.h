@@ -31,7 +31,7 @@ class Server {
   ~Server();
 
   /// "http://127.0.0.1:8080/"
-  const std::string& Address() const;
+  const std::string& Location() const;
   int Port() const;
   /// Under which names the files are found.
   std::vector<std::string> Names() const;
