@@ -268,7 +268,7 @@ class Pictures(Page):
         self.assertEqual({at for at, found in fields.items() if found != empty}, set(filled))
         self.assertEqual({at: colour("--heat-4" if versions == 3 else "--heat-0")
                           for at, versions in filled.items()}, {at: fields[at] for at in filled})
-        self.assertIn("Rows 1–6 of 8 · columns 2–9 of 12", text("figcaption"))
+        self.assertIn("Rows 1–6 · columns 2–9 · a field is one cell", text("figcaption"))
 
     def test_the_keyboard_goes_into_a_field_of_many_cells_and_to_a_tile(self):
         self.open("large/picture", ".heat")
@@ -378,13 +378,9 @@ class Trouble(Page):
         self.assertEqual(text("#trouble"), "")
 
 
-def missing_programs():
-    return [name for name in ("chromium", "chromedriver", "convert", "compare")
-            if not shutil.which(name)]
-
-
 if __name__ == "__main__":
-    if missing := missing_programs():
+    if missing := [name for name in ("chromium", "chromedriver", "convert", "compare")
+                   if not shutil.which(name)]:
         print(f"left out: no program {', '.join(missing)}; scripts/browser.sh installs them")
         sys.exit(77)
     result = unittest.main(exit=False).result

@@ -52,10 +52,6 @@ export const names = (file, prefix, after, limit, signal) =>
 export const versions = (file, key, signal) =>
   json(`${of(file)}/versions.json${query({ [part(file)]: key })}`, signal);
 
-/** Where the records lie in the file, or null if the server cannot tell. */
-export const space = (file, size, signal) =>
-  json(`${of(file)}/space.json${query({ size })}`, signal).catch(() => null);
-
 const part = (file) => ({ pyramid: "tile", grid: "cell", names: "name" })[file.kind];
 
 /** The address of a tile, by the key that the inspector takes. */

@@ -45,7 +45,8 @@ function listFiles(current) {
         "aria-current": file.name === current ? "page" : null,
         title: file.path,
       }, h("span", { class: "name" }, file.name),
-      h("span", { class: "soft" }, `${file.kind} · ${count(file.tiles)}`))))));
+      h("span", { class: "soft" }, file.kind
+        ? `${file.kind} · ${count(file.tiles)}` : "cannot be read"))))));
 }
 
 function listViews(file, current) {
@@ -82,7 +83,7 @@ async function openFile(file) {
   place.panel.replaceChildren(inspector.element);
   listFiles(file.name);
   const info = await opened.info;
-  if (!ended.signal.aborted) place.panel.append(statistics(file, info, ended.signal));
+  if (!ended.signal.aborted) place.panel.append(statistics(file, info));
 }
 
 async function openView(name) {
@@ -119,6 +120,10 @@ async function update() {
     return;
   }
   const known = viewsOf(file);
+  if (!known.length) {
+    greet();
+    throw new Error(`${file.name} cannot be shown: ${file.error}`);
+  }
   if (!known.includes(state.view)) return address.redirect({ ...state, view: known[0] });
   const work = [];
   if (opened?.file !== file) work.push(openFile(file));

@@ -17,6 +17,7 @@ export class MapView {
   #tell;
   #stage;
   #map = null;
+  #info;
   #tiles = null;  // TileJSON
   #isVector = false;
   #layers = [];   // names, in the order of their colours
@@ -30,6 +31,7 @@ export class MapView {
 
   constructor(stage, file, info, { tell, signal }) {
     this.#file = file;
+    this.#info = info;
     this.#signal = signal;
     this.#tell = tell;
     this.#stage = stage;
@@ -77,14 +79,14 @@ export class MapView {
   }
 
   #show() {
-    const { bounds, center, maxzoom = 14 } = this.#tiles;
+    const { maxzoom = 14 } = this.#tiles;
     const at = place(this.#state.at);
+    const bounds = this.#tiles.bounds ?? extent(this.#info.zooms.at(-1));
     this.#place.setAttribute("aria-busy", "true");
     this.#map = new library.Map({
       container: this.#place,
       style: this.#style(),
-      ...(at ?? (bounds ? { bounds, fitBoundsOptions: { padding: 24, maxZoom: maxzoom } }
-        : { center: center?.slice(0, 2), zoom: center?.[2] })),
+      ...(at ?? { bounds, fitBoundsOptions: { padding: 24, maxZoom: maxzoom } }),
       maxZoom: Math.min(24, maxzoom + extraZoom),
       renderWorldCopies: false,
       // The whole of the world may be smaller than the map.
@@ -316,6 +318,15 @@ function boundsOf(tile) {
   const corner = (x, y) => new library.MercatorCoordinate(x / 2 ** zoom, y / 2 ** zoom).toLngLat()
     .toArray();
   return [corner(column, row + 1), corner(column + 1, row)];
+}
+
+/** The bounds of the tiles of a zoom, by its statistics. */
+function extent(level) {
+  if (!level?.tiles) return undefined;
+  const { zoom, rows, columns } = level;
+  const [[west], [, north]] = boundsOf(`${zoom}/${columns[0]}/${rows[0]}`);
+  const [[, south], [east]] = boundsOf(`${zoom}/${columns[1]}/${rows[1]}`);
+  return [[west, south], [east, north]];
 }
 
 const within = (value, most) => Math.max(-most, Math.min(most, value));

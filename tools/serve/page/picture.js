@@ -192,13 +192,12 @@ export class PictureView {
   }
 
   #describe() {
-    const { rows, columns, step, box, fieldRows, zoom } = this.#heat;
-    const range = (name, from, to, all) =>
-      `${name} ${count(from)}–${count(to)} of ${count(all)}`;
+    const { step, box, fieldRows, zoom } = this.#heat;
+    const range = (name, from, to) => `${name} ${count(from)}–${count(to)}`;
     this.#canvas.setAttribute("aria-label", zoom === null ? "Picture of the grid" :
       `Picture of zoom ${zoom}`);
     this.#caption.textContent = fieldRows ? [
-      range("Rows", box[0], box[2], rows), range("columns", box[1], box[3], columns),
+      range("Rows", box[0], box[2]), range("columns", box[1], box[3]),
       step > 1 ? `a field is ${step} × ${step} cells, a click goes in` : "a field is one cell",
     ].join(" · ") : "";
     this.#out.hidden = !this.#state.box;
@@ -272,19 +271,16 @@ export class PictureView {
 
   /** A cell goes to the inspector; a field of many shows what is around it more closely. */
   #choose(field) {
-    const { step, size, rows, columns, zoom } = this.#heat;
+    const { step, size, zoom } = this.#heat;
     const [row0, column0] = this.#cells(field);
     if (step === 1) {
       address.go({ tile: zoom === null ? `${row0}/${column0}` : `${zoom}/${column0}/${row0}` });
       return;
     }
     const span = Math.max(size, Math.floor((step * size) / 8));
-    const around = (middle, all) => {
-      const first = Math.max(0, Math.min(all - span, middle - Math.floor(span / 2)));
-      return [first, Math.min(all, first + span) - 1];
-    };
-    const [top, bottom] = around(row0, rows);
-    const [left, right] = around(column0, columns);
+    const around = (middle) => Math.max(0, middle - Math.floor(span / 2));
+    const [top, left] = [around(row0), around(column0)];
+    const [bottom, right] = [top + span - 1, left + span - 1];
     address.go({ box: [top, left, bottom, right].join(","), ...(zoom !== null && { zoom }) });
   }
 }

@@ -1,11 +1,10 @@
 // The panel's statistics: what the file is, where its bytes are, what each zoom holds.
 
-import * as api from "./api.js";
-import { bytes, count, h, plural, token } from "./dom.js";
+import { bytes, count, h } from "./dom.js";
 
 const kinds = { pyramid: "pyramid of map tiles", grid: "grid of cells", names: "tiles by name" };
 
-export function statistics(file, info, signal) {
+export function statistics(file, info) {
   return h("section", { class: "statistics", "aria-labelledby": "statistics-title" },
     h("h2", { id: "statistics-title" }, "File"),
     facts([
@@ -13,12 +12,12 @@ export function statistics(file, info, signal) {
       ["Path", h("span", { class: "path" }, info.path)],
       ["Tiles", count(info.tiles)],
       ["Versions", count(info.versions)],
+      ["Damaged", info.damaged ? h("span", { class: "wrong" }, count(info.damaged)) : null],
       ["File size", bytes(info.fileSize)],
-      ["Byte order", info.byteOrder],
       ["Password", info.hasPassword ? "yes" : null],
     ]),
-    use(file, info, signal),
-    info.zooms?.some(({ zoom }) => zoom !== null) ? zoomTable(info.zooms) : gridSize(info),
+    use(info),
+    info.zooms.some(({ zoom }) => zoom !== null) ? zoomTable(info.zooms) : extent(info.zooms),
     metadata(info.metadata));
 }
 
@@ -27,7 +26,7 @@ const facts = (rows) => h("dl", {}, rows
   .map(([name, value]) => h("div", {}, h("dt", {}, name), h("dd", {}, value))));
 
 /** Live payload, dead space, and the rest, which is index and heads: as a bar, and in figures. */
-function use(file, info, signal) {
+function use(info) {
   const parts = [
     ["live", "Tiles", info.bytes],
     ["rest", "Index and heads", Math.max(0, info.fileSize - info.bytes - info.dead)],
@@ -41,35 +40,10 @@ function use(file, info, signal) {
     piece.style.width = `${share(size)}%`;
     bar.append(piece);
   }
-  const strips = h("div", {});
-  drawStrips(strips, file, signal);
   return h("div", { class: "use" }, bar,
     h("ul", { class: "legend" }, parts.map(([kind, name, size]) => h("li", {},
       h("span", { class: `swatch ${kind}` }), `${name} `,
-      h("b", {}, bytes(size)), h("span", { class: "soft" }, ` ${share(size).toFixed(1)} %`)))),
-    strips);
-}
-
-/** The file from its first to its last byte: the fuller of tiles, the darker. */
-async function drawStrips(place, file, signal) {
-  const space = await api.space(file, 256, signal);
-  if (!space?.strips?.length || signal.aborted) return;
-  const size = space.fileSize / space.strips.length;
-  const canvas = h("canvas", { width: space.strips.length, height: 1, class: "strips", role: "img",
-    "aria-label": "Where the tiles lie in the file, from its first byte to its last" });
-  const context = canvas.getContext("2d");
-  const paint = () => {
-    context.clearRect(0, 0, canvas.width, 1);
-    context.fillStyle = token("--accent");
-    space.strips.forEach((live, i) => {
-      context.globalAlpha = Math.min(1, live / size);
-      context.fillRect(i, 0, 1, 1);
-    });
-  };
-  paint();
-  matchMedia("(prefers-color-scheme: dark)").addEventListener("change", paint, { signal });
-  place.append(canvas, h("p", { class: "ends soft" }, h("span", {}, "first byte"),
-    h("span", {}, "last byte")));
+      h("b", {}, bytes(size)), h("span", { class: "soft" }, ` ${share(size).toFixed(1)} %`)))));
 }
 
 function zoomTable(zooms) {
@@ -86,11 +60,12 @@ function zoomTable(zooms) {
     h("tbody", {}, zooms.map(row)));
 }
 
-function gridSize(info) {
-  const grid = info.zooms?.[0];
-  if (!grid?.rows) return null;
-  return h("p", { class: "soft" }, `${plural(grid.rows, "row")}, ${plural(grid.columns, "column")}, ` +
-    `${((100 * info.tiles) / (grid.rows * grid.columns)).toFixed(1)} % filled`);
+/** Which part of a grid is filled. */
+function extent([grid]) {
+  if (!grid?.tiles) return null;
+  const range = ([first, last]) => `${count(first)}–${count(last)}`;
+  return h("p", { class: "soft" },
+    `The tiles are in rows ${range(grid.rows)} and columns ${range(grid.columns)}.`);
 }
 
 function metadata(values) {
