@@ -1,6 +1,8 @@
 #include "Facts.h"
 
 #include <algorithm>
+#include <array>
+#include <optional>
 
 #include "Encoding.h"
 #include "HttpDate.h"
@@ -37,6 +39,50 @@ std::uint32_t NumberOf(const Url& url, const char* key, std::uint32_t usual, std
     throw Refusal(400, std::string(key) + " is a number from " + std::to_string(least) + " to " +
                            std::to_string(most));
   return *number;
+}
+
+// The first and the last row and column of a part of a grid.
+struct Box {
+  std::uint32_t firstRow, firstCol, lastRow, lastCol;
+};
+
+// "row0,col0,row1,col1", cut to what is filled.
+Box ParseBox(std::string_view text, const Level& level) {
+  std::array<std::uint32_t, 4> numbers;
+  for (std::size_t i = 0; i < numbers.size(); ++i) {
+    const std::size_t end = i + 1 < numbers.size() ? text.find(',') : text.size();
+    const auto number = ParseNumber<std::uint32_t>(text.substr(0, end));
+    if (end == text.npos || !number)
+      throw Refusal(400, "a box is four numbers: row,column,last row,last column");
+    numbers[i] = *number;
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return {std::max(numbers[0], level.firstRow), std::max(numbers[1], level.firstCol),
+          std::min(numbers[2], level.lastRow), std::min(numbers[3], level.lastCol)};
+}
+
+// The cells of a box, looked up one by one: of a large grid a survey knows larger fields only.
+HeatMap LookInto(const ServedFile& file, const Box& box, std::optional<std::uint32_t> zoom,
+                 const std::atomic<bool>& isStopping) {
+  HeatMap heat;
+  if (box.firstRow > box.lastRow || box.firstCol > box.lastCol) return heat;
+  const std::uint64_t rows = std::uint64_t{box.lastRow} - box.firstRow + 1,
+                      cols = std::uint64_t{box.lastCol} - box.firstCol + 1;
+  if (rows * cols > HeatMap::kMostFields)
+    throw Refusal(400, "a box has " + std::to_string(HeatMap::kMostFields) + " cells at most");
+  for (std::uint32_t i = 0; i < rows * cols && !isStopping; ++i) {
+    const auto row = static_cast<std::uint32_t>(box.firstRow + i / cols),
+               col = static_cast<std::uint32_t>(box.firstCol + i % cols);
+    try {
+      const auto versions = file.Versions(zoom ? Address(hx::Tile{*zoom, col, row})  //
+                                               : Address(hx::Cell{row, col}));
+      if (!versions.empty())
+        heat.Add(row, col, {1, versions.size(), versions.front().filledLength});
+    } catch (const hx::Error&) {
+      heat.Add(row, col, {1, 0, 0});  // damaged: it is there, and nothing else is known
+    }
+  }
+  return heat;
 }
 
 // A value of the metadata that may be JSON; null if it is none. To write and to destroy it takes
@@ -156,7 +202,12 @@ Json HeatOf(const ServedFile& file, const Url& url, const std::atomic<bool>& isS
   if (!survey->grid && found == survey->zooms.end())
     throw Refusal(404, "there are no tiles of this zoom");
   const Level& level = survey->grid ? *survey->grid : found->second;
-  const HeatMap::Picture picture = level.heat.Draw(size);
+  const std::string_view box = url.Get("box");
+  const HeatMap::Picture picture =
+      box.empty() ? level.heat.Draw(size)
+                  : LookInto(file, ParseBox(box, level),
+                             survey->grid ? std::nullopt : std::optional(zoom), isStopping)
+                        .Draw(size);
   Json tiles = Json::array(), versions = Json::array(), bytes = Json::array();
   for (const Field& field : picture.fields) {
     tiles.push_back(field.tiles);

@@ -34,7 +34,8 @@ Json ListOf(const std::vector<std::unique_ptr<ServedFile>>& files);
 Json TileJsonOf(const ServedFile& file, const std::string& base,
                 const std::atomic<bool>& isStopping);
 Json InfoOf(const ServedFile& file, const std::atomic<bool>& isStopping);
-/// Of the zoom that the query names: the grid, made of at most `size` times `size` fields.
+/// Of the zoom that the query names: the grid, or a `box` of it, made of at most `size` times
+/// `size` fields.
 Json HeatOf(const ServedFile& file, const Url& url, const std::atomic<bool>& isStopping);
 Json NamesOf(const ServedFile& file, const Url& url, const std::atomic<bool>& isStopping);
 Json VersionsOf(const ServedFile& file, const Url& url);

@@ -22,6 +22,8 @@ struct Field {
 /// of tiles: when there are too many fields, four of them become one.
 class HeatMap {
  public:
+  static constexpr std::size_t kMostFields = 1 << 16;
+
   void Add(std::uint32_t row, std::uint32_t col, const Field& tile);
 
   /// The filled part of the grid, in square fields of `step` cells, at most so many in either
@@ -35,8 +37,6 @@ class HeatMap {
   Picture Draw(std::uint32_t size) const;
 
  private:
-  static constexpr std::size_t kMostFields = 1 << 16;
-
   static std::uint64_t KeyOf(std::uint32_t row, std::uint32_t col) {
     return std::uint64_t{row} << 32 | col;
   }

@@ -20,12 +20,13 @@ export class MapView {
   #info;
   #tiles = null;  // TileJSON
   #isVector = false;
-  #layers = [];   // names, in the order of their colours
+  #layers = [];  // names, in the order of their colours
   #state = {};
   #noted = "";
   #isReady = false;
   #tile = "";
   #tools = h("div", { class: "tools" });
+  #reading = h("output", { class: "reading" });
   #switches = h("fieldset", { class: "layers" }, h("legend", {}, "Layers"));
   #place = h("div", { class: "map" });
 
@@ -60,6 +61,12 @@ export class MapView {
     this.#isVector = vectors.includes(format);
     if (!this.#isVector && !pictures.includes(format)) {
       return this.#leaveOut(`There is no map of these tiles: their format is ${format || "not known"}.`);
+    }
+    const odd = this.#info.zooms.find(({ zoom, rows, columns }) =>
+      Math.max(...rows, ...columns) >= 2 ** zoom);
+    if (odd) {
+      return this.#leaveOut(`There is no map of these tiles: zoom ${odd.zoom} has columns or rows beyond ` +
+        `${2 ** odd.zoom - 1}, so they are not of the web's square world.`);
     }
     await styleSheet();
     if (this.#signal.aborted) return;
@@ -103,6 +110,8 @@ export class MapView {
       // What the file holds now is shown, not what it held when a tile was last seen.
       transformRequest: (url) => ({ url, cache: "no-cache" }),
     });
+    // Bounds may fit at a zoom where no tiles are yet.
+    if (!at && this.#map.getZoom() < this.#first()) this.#map.jumpTo({ zoom: this.#first() });
     this.#map.touchZoomRotate.disableRotation();
     this.#map.keyboard.disableRotation();
     this.#map.addControl(new library.NavigationControl({ showCompass: false }), "top-right");
@@ -124,6 +133,7 @@ export class MapView {
       if (!this.#signal.aborted) address.note({ at: this.#noted });
       map.getSource("borders")?.setData(this.#borders());
     });
+    map.on("zoom", () => this.#read());
     map.on("click", ({ lngLat }) => this.#choose(lngLat));
     map.getCanvas().addEventListener("keydown", ({ key }) => {
       if (key === "Enter") this.#choose(map.getCenter());
@@ -156,6 +166,19 @@ export class MapView {
 
   #off() {
     return (this.#state.off ?? "").split(",").filter(Boolean).map(decodeURIComponent);
+  }
+
+  /** From which zoom of the map on there are tiles. */
+  #first() {
+    const { minzoom = 0 } = this.#tiles;
+    return this.#isVector ? minzoom : minzoom - 1;
+  }
+
+  #read() {
+    const zoom = this.#map.getZoom();
+    this.#reading.textContent = zoom + 0.5 < this.#first()
+      ? `too far away: the tiles begin at zoom ${this.#tiles.minzoom}`
+      : `zoom ${this.#zoom()}`;
   }
 
   /** The zoom of the tiles that the map shows. */
@@ -205,6 +228,8 @@ export class MapView {
       }));
       this.#tools.append(this.#switches);
     }
+    this.#tools.append(this.#reading);
+    this.#read();
     this.#apply();
   }
 
@@ -252,7 +277,8 @@ export class MapView {
       .catch(() => new Uint8Array()));
     const more = found.map(({ name }) => name).filter((name) => !this.#layers.includes(name));
     if (!more.length || this.#signal.aborted) return;
-    this.#layers.push(...more);
+    // In the order of their names: colours do not depend on which tile came first.
+    this.#layers = [...this.#layers, ...more].sort();
     this.#list();
   }
 }
@@ -280,7 +306,7 @@ function vectorLayers(names, off) {
     return [{ id: "none", type: "line", source: "tiles", "source-layer": "\u0000" }];
   }
   return [
-    ...make("fill", "Polygon", (colour) => ({ "fill-color": colour, "fill-opacity": 0.35 })),
+    ...make("fill", "Polygon", (colour) => ({ "fill-color": colour, "fill-opacity": 0.2 })),
     ...make("line", "LineString", line(1.5)),
     ...make("line", "Polygon", line(0.75)),
     ...make("circle", "Point", (colour) => ({ "circle-color": colour, "circle-radius": 3.5,

@@ -1,7 +1,7 @@
 // A picture of the file itself: which cells of a grid, or of one zoom, are filled, and how.
 
 import * as api from "./api.js";
-import { bytes, count, h, plural, token } from "./dom.js";
+import { bytes, h, plural, token } from "./dom.js";
 import * as address from "./state.js";
 
 /** What a field's colour can tell: its value, of the sums over the field's cells, and that in words. */
@@ -24,6 +24,7 @@ const scales = {
 };
 const shades = 5;
 const largestField = 40;  // pixels
+const widestBox = 256;    // cells, of which the server looks up each
 const isNarrow = matchMedia("(max-width: 700px)");
 const hint = matchMedia("(pointer: coarse)").matches ? "Touch a field to open it."
   : "Point at a field, or walk with the arrow keys; Enter opens it.";
@@ -193,7 +194,7 @@ export class PictureView {
 
   #describe() {
     const { step, box, fieldRows, zoom } = this.#heat;
-    const range = (name, from, to) => `${name} ${count(from)}–${count(to)}`;
+    const range = (name, from, to) => `${name} ${from}–${to}`;
     this.#canvas.setAttribute("aria-label", zoom === null ? "Picture of the grid" :
       `Picture of zoom ${zoom}`);
     this.#caption.textContent = fieldRows ? [
@@ -211,7 +212,7 @@ export class PictureView {
       this.#field.textContent = hint;
     } else {
       const [row0, column0, row1, column1] = this.#cells(this.#cursor);
-      const range = (from, to) => (from === to ? count(from) : `${count(from)}–${count(to)}`);
+      const range = (from, to) => (from === to ? from : `${from}–${to}`);
       const sums = this.#sums(this.#cursor[0] * this.#heat.fieldColumns + this.#cursor[1]);
       const kept = sums.tiles === 0 ? "nothing stored" : [plural(sums.tiles, "tile"),
         plural(sums.versions, "version"), bytes(sums.bytes)].join(", ");
@@ -277,8 +278,8 @@ export class PictureView {
       address.go({ tile: zoom === null ? `${row0}/${column0}` : `${zoom}/${column0}/${row0}` });
       return;
     }
-    const span = Math.max(size, Math.floor((step * size) / 8));
-    const around = (middle) => Math.max(0, middle - Math.floor(span / 2));
+    const span = Math.max(size, Math.min(step, widestBox));
+    const around = (first) => Math.max(0, first + Math.floor((step - span) / 2));
     const [top, left] = [around(row0), around(column0)];
     const [bottom, right] = [top + span - 1, left + span - 1];
     address.go({ box: [top, left, bottom, right].join(","), ...(zoom !== null && { zoom }) });

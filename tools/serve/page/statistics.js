@@ -5,13 +5,16 @@ import { bytes, count, h } from "./dom.js";
 const kinds = { pyramid: "pyramid of map tiles", grid: "grid of cells", names: "tiles by name" };
 
 export function statistics(file, info) {
+  // A pyramid's metadata is a tile to the file, but not to the reader.
+  const sum = (what) => (file.kind === "names" ? info[what]
+    : info.zooms.reduce((all, zoom) => all + zoom[what], 0));
   return h("section", { class: "statistics", "aria-labelledby": "statistics-title" },
     h("h2", { id: "statistics-title" }, "File"),
     facts([
       ["Kind", kinds[file.kind] + (info.format ? `, ${info.format}` : "")],
       ["Path", h("span", { class: "path" }, info.path)],
-      ["Tiles", count(info.tiles)],
-      ["Versions", count(info.versions)],
+      ["Tiles", count(sum("tiles"))],
+      ["Versions", count(sum("versions"))],
       ["Damaged", info.damaged ? h("span", { class: "wrong" }, count(info.damaged)) : null],
       ["File size", bytes(info.fileSize)],
       ["Password", info.hasPassword ? "yes" : null],
@@ -63,7 +66,7 @@ function zoomTable(zooms) {
 /** Which part of a grid is filled. */
 function extent([grid]) {
   if (!grid?.tiles) return null;
-  const range = ([first, last]) => `${count(first)}–${count(last)}`;
+  const range = ([first, last]) => `${first}–${last}`;
   return h("p", { class: "soft" },
     `The tiles are in rows ${range(grid.rows)} and columns ${range(grid.columns)}.`);
 }
