@@ -85,13 +85,15 @@ class Server:
 
 
 def setUpModule():
-    global work, served, server, browser
+    global work, served, server, browser, hasMap
     temporary = tempfile.TemporaryDirectory()
     unittest.addModuleCleanup(temporary.cleanup)
     work = pathlib.Path(temporary.name)
     served = make_files(work)
     server = Server(served)
     unittest.addModuleCleanup(lambda: server.stop())
+    with urllib.request.urlopen(server.address + "_/maplibre-gl.mjs") as answer:
+        hasMap = len(answer.read()) > 1000
     browser = Browser(shutil.which("chromium"), shutil.which("chromedriver"), work / "profile")
     unittest.addModuleCleanup(browser.close)
 
@@ -146,6 +148,8 @@ class Page(unittest.TestCase):
             (server.address, f"blob:{server.address}", "data:", "about:", "chrome"))], [])
 
     def open(self, place, ready=".statistics"):
+        if "/map" in place and not hasMap:
+            self.skipTest("the program was built without npm")
         browser.open("about:blank")
         browser.open(f"{server.address}#/{place}")
         browser.element(ready)
@@ -156,8 +160,6 @@ class Page(unittest.TestCase):
         self.settle_map()
 
     def settle_map(self):
-        if not map_is_there():
-            self.skipTest("the program was built without npm")
         browser.element(".map canvas")
         browser.run("""
             const style = document.createElement("style");
@@ -177,11 +179,6 @@ class Page(unittest.TestCase):
 
     def expect_near(self, found, wanted, reach=3):
         self.assertTrue(all(abs(f - w) <= reach for f, w in zip(found, wanted)), f"{found}, not {wanted}")
-
-
-def map_is_there():
-    with urllib.request.urlopen(server.address + "_/maplibre-gl.mjs") as answer:
-        return len(answer.read()) > 1000
 
 
 def window(width, height):
@@ -392,6 +389,6 @@ if __name__ == "__main__":
         print(f"left out: no program {', '.join(missing)}; scripts/browser.sh installs them")
         sys.exit(77)
     result = unittest.main(exit=False).result
-    for _, reason in result.skipped:
-        print(f"left out: {reason}; scripts/browser.sh installs it")
+    for reason in {reason for _, reason in result.skipped}:
+        print(f"left out, {len(result.skipped)}: {reason}; scripts/browser.sh installs it")
     sys.exit(1 if not result.wasSuccessful() else 77 if result.skipped else 0)

@@ -88,7 +88,7 @@ export class Inspector {
         (encoding ? ` · ${encoding}` : "")),
       h("p", { class: "do" },
         isShown(version)
-          ? h("button", { onclick: () => this.#preview(look, key, version) }, "Look") : null,
+          ? h("button", { onclick: () => this.#preview(look, key, version) }, "Preview") : null,
         h("a", { href: api.tileUrl(this.#file, key, { stamp, download: 1 }), download: "" },
           "Download")));
   }
