@@ -52,7 +52,9 @@ export class Inspector {
 
   #submit(event) {
     event.preventDefault();
-    const key = this.#input.value.trim();
+    const typed = this.#input.value.trim();
+    // The command writes a cell as "row,column".
+    const key = this.#file.kind === "grid" ? typed.replace(/\s*,\s*/, "/") : typed;
     if (key && !this.#form.pattern.test(key)) {
       this.#key = null;
       this.#found.replaceChildren(h("p", { class: "wrong" },
