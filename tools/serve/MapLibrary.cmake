@@ -1,7 +1,10 @@
-# hx_map_library(VARIABLE): sets it to the files of the map library, MapLibre GL, that the page takes from
-# npm, by page/package-lock.json. They are fetched once, when the build is configured, and again when
-# that file changes. Without npm or a network, the page has a stand-in and says that its map is left out.
-set(HX_PAGE_MAP AUTO CACHE STRING "Put the map library into the page of hxcf serve: ON, OFF, or AUTO if it can be had")
+# hx_map_library(VARIABLE): sets it to the files of the map library, MapLibre GL, that the page takes
+# from npm, by page/package-lock.json; their licences are in the file that the global property
+# HX_MAP_LICENCE names. They are fetched once, when the build is configured, and again when
+# package-lock.json changes. Without npm or a network, the page has a stand-in and says that its map is
+# left out.
+set(HX_PAGE_MAP AUTO CACHE STRING
+  "Put the map library into the page of hxcf serve: ON, OFF, or AUTO if it can be had")
 set_property(CACHE HX_PAGE_MAP PROPERTY STRINGS AUTO ON OFF)
 
 function(hx_map_library variable)
@@ -26,6 +29,7 @@ function(hx_map_library variable)
     endif()
   endif()
   set(${variable} ${files} PARENT_SCOPE)
+  set_property(GLOBAL PROPERTY HX_MAP_LICENCE ${folder}/maplibre-gl-LICENSE.txt)
 endfunction()
 
 # Puts the library's files into the folder; sets `trouble` to why it could not.
