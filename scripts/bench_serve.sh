@@ -7,7 +7,7 @@
 
 pairs=${1:-5} seconds=${2:-5}
 [[ $pairs =~ ^[1-9][0-9]*$ && $seconds =~ ^[1-9][0-9]*$ ]] || fail "how many pairs, of how many seconds?"
-need_compiler sqlite3=sqlite3 python3=python3 wrk=wrk nginx=nginx-light
+need_compiler sqlite3=sqlite3 python3=python3 wrk=wrk /usr/sbin/nginx=nginx-light
 build release
 hxcf=$PWD/build/release/tools/hxcf/hxcf
 mkdir -p "${3:-build/bench_serve}"
@@ -54,7 +54,7 @@ http {
   server { listen 127.0.0.1:$port; root $work; }
 }
 END
-nginx -c "$work/nginx.conf" -e "$work/nginx.log" &
+/usr/sbin/nginx -c "$work/nginx.conf" -e "$work/nginx.log" &
 running+=($!)
 "$hxcf" serve tiles.cf --port 0 >address &
 running+=($!)

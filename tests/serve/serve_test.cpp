@@ -85,14 +85,9 @@ class ServeTest : public ::testing::Test {
       statuses += answers.substr(at + 9, 3) + " ";
     return statuses;
   }
-  static std::size_t CountDescriptors() {
-    const std::filesystem::directory_iterator open("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(open), end(open)));
-  }
-
   const TemporaryFolder m_folder;
-  const std::filesystem::path m_path = m_folder.Path("a.cf");
-  const std::string m_large = std::string(30 << 20, 'x');
+  const std::filesystem::path m_path = m_folder.GetFolder() / "a.cf";
+  const std::string m_large = std::string(16 << 20, 'x');
   std::optional<Serve::Server> m_server;
 };
 
@@ -106,7 +101,9 @@ TEST_F(ServeTest, SeparatesRequests) {
       {"HEAD /a/0/0/0" + end + "\r\n" + good, "200 200 "},
       {"GET /a/5/5/5" + end + "\r\n" + good, "204 200 "},
       {"POST /a/0/0/0" + end + "Content-Length: 5\r\n\r\nGET /" + good, "405 200 "},
-      {"GET /a/0/0/0" + end + "Content-Length: 38\r\n\r\n" + good + good, "200 200 "},
+      {"GET /a/0/0/0" + end + "Content-Length: " + std::to_string(good.size()) + "\r\n\r\n" + good +
+           good,
+       "200 200 "},
       {"GET /a/0/0/0" + end + "Connection: close\r\n\r\n" + good, "200 "},
       {"GET http://x/a/0/0/0" + end + "\r\n", "200 "},
       {"GET /a/0/0/0 HTTP/1.0\r\n\r\n" + good, "200 "},
@@ -138,7 +135,7 @@ TEST_F(ServeTest, SeparatesRequests) {
 // More of them than there are threads, and none of them reads.
 TEST_F(ServeTest, WaitsForNobodyWhoReadsNothing) {
   std::vector<std::unique_ptr<Client>> clients;
-  for (int i = 0; i < 40; ++i) {
+  for (int i = 0; i < 20; ++i) {
     clients.push_back(std::make_unique<Client>(m_server->Port()));
     clients.back()->Send("GET /a/1/0/0 HTTP/1.1\r\n\r\n");
     clients.back()->Send(kGood);
@@ -172,7 +169,7 @@ TEST_F(ServeTest, SurvivesGarbage) {
     return std::uniform_int_distribution<std::size_t>(0, end - 1)(random);
   };
   EXPECT_EQ(StatusesOf(Ask(kGood)), "200 ");
-  const std::size_t descriptors = CountDescriptors();
+  const std::size_t descriptors = CountOpenDescriptors();
   for (int i = 0; i < 10'000; ++i) {
     std::string text = seeds[below(seeds.size())];
     if (i % 10 == 0) text.resize(below(300) + 1, '\r');
@@ -194,10 +191,10 @@ TEST_F(ServeTest, SurvivesGarbage) {
     }
     const std::string answer = Ask(text);
     ASSERT_TRUE(answer.empty() || answer.starts_with("HTTP/1.1 ")) << text << "\n" << answer;
-    ASSERT_EQ(StatusesOf(answer).find('5'), std::string::npos) << text << "\n" << answer;
+    ASSERT_EQ((" " + StatusesOf(answer)).find(" 5"), std::string::npos) << text << "\n" << answer;
   }
   // The last connection is closed by the client at first.
-  while (CountDescriptors() > descriptors)
+  while (CountOpenDescriptors() > descriptors)
     std::this_thread::yield();
   EXPECT_TRUE(Ask(kGood).ends_with("\r\n\r\ntile"));
 }
@@ -237,7 +234,7 @@ TEST(ServeParts, KnowTimes) {
   for (const hx::Stamp unit : {1ULL, 1'000ULL, 1'000'000ULL, 1'000'000'000ULL})
     EXPECT_EQ(Serve::TimeOf(kTime * unit + unit / 2), static_cast<std::time_t>(kTime));
   for (const hx::Stamp stamp :
-       {0ULL, 7ULL, 20231114ULL, 946'684'799ULL, 99'999'999'999ULL, UINT64_MAX})
+       std::vector<hx::Stamp>{0, 7, 20231114, 946'684'799, 99'999'999'999, UINT64_MAX})
     EXPECT_FALSE(Serve::TimeOf(stamp)) << stamp;
 }
 
