@@ -159,7 +159,9 @@ export class MapView {
     this.#noted = at ?? this.#noted;
     const bounds = boundsOf(tile);
     if (tile !== this.#tile && bounds && !meet(bounds, map.getBounds().toArray())) {
-      map.fitBounds(bounds, { padding: 80, maxZoom: this.#tiles.maxzoom, animate: false });
+      const { clientWidth, clientHeight } = this.#place;
+      const padding = Math.min(clientWidth, clientHeight) / 4;  // its neighbours are seen, too
+      map.fitBounds(bounds, { padding, maxZoom: this.#tiles.maxzoom, animate: false });
     }
     this.#tile = tile;
   }

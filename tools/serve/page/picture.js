@@ -122,8 +122,8 @@ export class PictureView {
     const context = this.#canvas.getContext("2d");
     context.scale(dense, dense);
     this.#paint(context);
-    this.#outline(context, this.#fieldOfTile(), token("--ink"));
-    this.#outline(context, this.#cursor, token("--dead"));
+    this.#outline(context, this.#fieldOfTile(), token("--dead"));
+    this.#outline(context, this.#cursor, token("--ink"));
   }
 
   #paint(context) {
