@@ -10,7 +10,7 @@ import urllib.request
 # The identifier of an element in the protocol's answers.
 ELEMENT = "element-6066-11e4-a52e-4f735466cecf"
 KEYS = {"Tab": "\ue004", "Enter": "\ue007", "Escape": "\ue00c",
-        "PageDown": "\ue00f", "End": "\ue010", "Right": "\ue014", "Down": "\ue015"}
+        "PageDown": "\ue00f", "End": "\ue010"}
 
 
 class Browser:

@@ -72,7 +72,10 @@ for name in world grids; do
     [(0, 1, [0, 0]), (1, 1, [1, 1]), (2, 1, [3, 3])]'
 done
 gets 200 /health-file/info.json && says '(j["tiles"], j["versions"], j["zooms"][0]["zoom"]) == (1, 2, None)'
-gets 200 /health-file/heat.json && says 'j["box"] == [7, 8, 7, 8] and j["versions"] == [2]'
+for box in '' '?box=0,8,99,99'; do
+  gets 200 "/health-file/heat.json$box" && says 'j["box"] == [7, 8, 7, 8] and j["versions"] == [2]'
+done
+gets 200 '/health-file/heat.json?box=0,9,99,99' && says 'j["fieldRows"] == 0 and j["tiles"] == []'
 gets 200 '/words/names.json?limit=1' && says 'j == {"names": ["../x"], "next": "../x"}'
 gets 200 '/words/names.json?after=../x' && says 'j == {"names": ["a b/c.txt"], "next": None}'
 gets 200 '/health-file/versions.json?cell=7/8'
@@ -88,7 +91,8 @@ for path in /none /none/0/0/0 /world/0/0 /health-file.json /words/cell/0/0 /worl
 done
 for path in /world/0/0/x /world/-1/0/0 /world/0/0/99999999999 /world/0/0/0?stamp=x /words/name/%00 /%zz \
   /words/name/../x /world/%2e%2e/health.cf /../world.cf /%2e%2E/%2e%2e/etc/passwd /world/0/0/0%00.png \
-  '/health-file/cell/7/8;' '/world/heat.json?size=513' '/world/versions.json?tile=1'; do
+  '/health-file/cell/7/8;' '/world/heat.json?size=513' \
+  '/health-file/heat.json?box=1,2,3' '/world/versions.json?tile=1'; do
   gets 400 "$path"
 done
 gets 404 //etc/passwd
