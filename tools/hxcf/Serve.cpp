@@ -56,6 +56,10 @@ void AddServingCommands(Program& program) {
       ->check(CLI::IsMember({204, 404}));
   command->add_option("--max-age", options->maxAge,
                       "Seconds for which a cache need not ask again; 0 by default");
+  command
+      ->add_option("--threads", options->threads,
+                   "How many connections are answered at a time; 128 by default")
+      ->check(CLI::Range(2, 4096));
   command->add_option("--password", options->password, "The password that the files were given");
 }
 

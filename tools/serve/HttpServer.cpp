@@ -1,52 +1,41 @@
 #include "HttpServer.h"
 
 #include <httplib.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <charconv>
 #include <ctime>
 #include <exception>
 #include <stdexcept>
+#include <system_error>
+#include <thread>
 
-#include "Connections.h"
+#include "ClientStream.h"
 #include "HttpDate.h"
 
 namespace Serve {
 namespace {
 
-/// A request that was received, and the head of the answer to it.
-class HeadStream : public httplib::Stream {
- public:
-  HeadStream(std::string_view request, std::string& answer)
-      : m_request(request), m_answer(answer) {}
-
-  bool is_readable() const override { return !m_request.empty(); }
-  bool is_writable() const override { return true; }
-  ssize_t read(char* target, std::size_t size) override {
-    const std::size_t count = m_request.copy(target, size);
-    m_request.remove_prefix(count);
-    return static_cast<ssize_t>(count);
-  }
-  ssize_t write(const char* bytes, std::size_t size) override {
-    m_answer.append(bytes, size);
-    return static_cast<ssize_t>(size);
-  }
-  void get_remote_ip_and_port(std::string&, int&) const override {}
-  void get_local_ip_and_port(std::string&, int&) const override {}
-  socket_t socket() const override { return INVALID_SOCKET; }
-
- private:
-  std::string_view m_request;
-  std::string& m_answer;
-};
-
 // The request that a thread is about.
 struct Exchange {
+  const ClientStream* stream = nullptr;
   HttpRequest request;
   HttpAnswer answer;
   bool isAnswered = false;  // else the request could not be read
   bool isLast = false;
   std::size_t bodyLength = 0;  // of the request
+
+  void Reset(const ClientStream& newStream) {
+    stream = &newStream;
+    request.method.clear();
+    answer.Reset();
+    isAnswered = isLast = false;
+    bodyLength = 0;
+  }
 };
 thread_local Exchange t_exchange;
 
@@ -81,34 +70,35 @@ void HttpAnswer::Reset() {
   hasPayload = false;
 }
 
-// Of the library it uses what binds an address, reads a request and writes the head of an answer.
-// It has threads of its own, but one for each connection, and no limit to what it reads into
-// memory.
+// The library listens, has a thread for each connection, reads requests and writes the heads of
+// answers. Its own streams would read a line of any length into memory, and keep a server that ends
+// waiting for clients that say nothing.
 class HttpServer::Engine : private httplib::Server {
  public:
   Engine(HttpServer::Handler handler, Observer observer);
+  ~Engine() override;
 
   int Start(const std::string& host, int port, unsigned int threads);
-  void Stop() { m_connections.Stop(); }
+  void Stop();
 
  private:
-  void Answer(std::string_view head, Connections::Reply& reply);
+  bool process_and_close_socket(socket_t socket) override;
+  bool Answer(ClientStream& stream);
   void Handle(const httplib::Request& request, httplib::Response& response);
   static void LookAtBody(const httplib::Request& request);
-  static void Refuse(const httplib::Request& request, const httplib::Response& response);
-  static void RefuseLong(std::string_view head, std::string& answer);
+  static void Refuse(const httplib::Request& request, httplib::Response& response);
   static void Complete(httplib::Response& response);
 
   const HttpServer::Handler m_handler;
   const Observer m_observer;
-  Connections m_connections;
+  std::atomic<bool> m_isEnding = false;
+  const int m_end = ::eventfd(0, EFD_CLOEXEC);
+  std::thread m_listening;
 };
 
 HttpServer::Engine::Engine(HttpServer::Handler handler, Observer observer)
-    : m_handler(std::move(handler)),
-      m_observer(std::move(observer)),
-      m_connections(
-          [this](std::string_view head, Connections::Reply& reply) { Answer(head, reply); }) {
+    : m_handler(std::move(handler)), m_observer(std::move(observer)) {
+  if (m_end < 0) throw std::system_error(errno, std::generic_category(), "cannot listen");
   set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
     Handle(request, response);
     return HandlerResponse::Handled;
@@ -123,6 +113,7 @@ HttpServer::Engine::Engine(HttpServer::Handler handler, Observer observer)
     response.status = 417;
     return 0;
   });
+  set_tcp_nodelay(true);
   // Without this, two servers would share a port.
   set_socket_options([](socket_t socket) {
     const int on = 1;
@@ -130,37 +121,63 @@ HttpServer::Engine::Engine(HttpServer::Handler handler, Observer observer)
   });
 }
 
+HttpServer::Engine::~Engine() {
+  Stop();
+  ::close(m_end);
+}
+
 int HttpServer::Engine::Start(const std::string& host, int port, unsigned int threads) {
   errno = 0;
   const bool isBound = port == 0 ? (port = bind_to_any_port(host)) > 0 : bind_to_port(host, port);
-  if (!isBound)
+  // The library has asked for a queue of five, which is too short when many clients come at once.
+  constexpr int kBacklog = 1024;
+  if (!isBound || ::listen(svr_sock_, kBacklog) != 0)
     throw std::runtime_error("cannot listen at " + host + ":" + std::to_string(port) +
                              (errno != 0 ? ": " + std::generic_category().message(errno) : ""));
-  m_connections.Start(svr_sock_.exchange(INVALID_SOCKET), threads);
+  new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+  m_listening = std::thread([this, host, port] {
+    // It also returns when the system has failed to accept a connection.
+    while (!listen_after_bind() && !m_isEnding)
+      bind_to_port(host, port);
+  });
+  while (!is_running())
+    std::this_thread::yield();
   return port;
 }
 
-void HttpServer::Engine::Answer(std::string_view head, Connections::Reply& reply) {
+void HttpServer::Engine::Stop() {
+  if (!m_listening.joinable()) return;
+  m_isEnding = true;
+  ::eventfd_write(m_end, 1);
+  stop();
+  m_listening.join();
+}
+
+bool HttpServer::Engine::process_and_close_socket(socket_t socket) {
+  ClientStream stream(socket, m_end);
+  while (!m_isEnding && stream.Await())
+    if (!Answer(stream)) return false;
+  return true;
+}
+
+// False if the connection has come to its end.
+bool HttpServer::Engine::Answer(ClientStream& stream) {
   const auto begin = std::chrono::steady_clock::now();
   Exchange& exchange = t_exchange;
-  exchange.answer.Reset();
-  exchange.isAnswered = false;
-  exchange.isLast = false;
-  exchange.bodyLength = 0;
-
-  HeadStream stream(head, reply.head);
+  exchange.Reset(stream);
   bool isClosed = false;
-  if (head.ends_with("\n\r\n"))
-    process_request(stream, false, isClosed, [](httplib::Request& request) {
-      request.ranges.clear();  // nothing is given in parts
-      LookAtBody(request);
-    });
-  else
-    RefuseLong(head, reply.head);
-  reply.isLast = isClosed || exchange.isLast;
-  reply.skip = exchange.bodyLength;
-  if (exchange.request.method != "HEAD") reply.body = exchange.answer.Body();
-  m_observer({exchange.answer.status, reply.body.size(), std::chrono::steady_clock::now() - begin});
+  if (!process_request(stream, false, isClosed, [](httplib::Request& request) {
+        request.ranges.clear();  // nothing is given in parts
+        LookAtBody(request);
+      }))
+    return false;
+  const bool isLast = isClosed || exchange.isLast;
+  const std::string_view body =
+      exchange.request.method == "HEAD" ? std::string_view() : exchange.answer.Body();
+  m_observer({exchange.answer.status, body.size(), std::chrono::steady_clock::now() - begin});
+  if (!stream.Send(body)) return false;
+  if (isLast) stream.Finish();
+  return !isLast && stream.Skip(exchange.bodyLength);
 }
 
 // How many bytes follow the head. Of those that nobody counts there may be any number.
@@ -192,28 +209,15 @@ void HttpServer::Engine::Handle(const httplib::Request& request, httplib::Respon
 }
 
 // What cannot be understood ends the connection: nobody knows where the next request begins.
-void HttpServer::Engine::Refuse(const httplib::Request& request,
-                                const httplib::Response& response) {
+void HttpServer::Engine::Refuse(const httplib::Request& request, httplib::Response& response) {
   Exchange& exchange = t_exchange;
+  if (response.status == 400 && exchange.stream->IsTooLong()) response.status = 431;
   exchange.isLast = true;
   exchange.request.method = request.method;
   exchange.answer.status = response.status;
   exchange.answer.text = SentenceOf(response.status);
   exchange.answer.Set("Content-Type", "text/plain; charset=utf-8");
   exchange.answer.Set("Cache-Control", "no-store");
-}
-
-// The library would read it for what it has of it.
-void HttpServer::Engine::RefuseLong(std::string_view head, std::string& answer) {
-  HttpAnswer& refusal = t_exchange.answer;
-  t_exchange.isLast = true;
-  t_exchange.request.method.clear();
-  refusal.status = head.find('\n') == head.npos ? 414 : 431;
-  refusal.text = SentenceOf(refusal.status);
-  answer = "HTTP/1.1 " + std::to_string(refusal.status) + " " +
-           (refusal.status == 414 ? "URI Too Long" : "Request Header Fields Too Large") +
-           "\r\nConnection: close\r\nContent-Type: text/plain; charset=utf-8\r\nContent-Length: " +
-           std::to_string(refusal.text.size()) + "\r\n\r\n";
 }
 
 // The head has what the library says of a body of its own; this one is sent without a copy.

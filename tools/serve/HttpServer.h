@@ -63,7 +63,7 @@ class HttpServer {
   /// Begins to listen and to answer, and returns the port; 0 chooses a free one. Throws
   /// std::runtime_error if the address cannot be used.
   int Start(const std::string& host, int port, unsigned int threads);
-  /// Answers what was asked up to now, for two seconds at most, and ends.
+  /// Ends, when the requests that have come are answered; a client that is slow gets two seconds.
   void Stop();
 
  private:

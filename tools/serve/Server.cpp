@@ -155,7 +155,7 @@ bool IsHost(std::string_view text) {
 Server::Site::Site(const Options& options)
     : m_options(options),
       m_rules{options.missingStatus, CacheControlOf(options.maxAge)},
-      m_mostLongTasks(std::max(1U, options.threads * 3 / 4)),
+      m_mostLongTasks(std::max(1U, options.threads / 2)),
       m_http([this](const HttpRequest& request, HttpAnswer& answer) { Answer(request, answer); },
              [this](const HttpRecord& record) {
                m_metrics.Count(record.status, record.bytes, record.time);

@@ -13,12 +13,12 @@ struct Options {
   std::vector<std::filesystem::path> paths;  ///< files, sets of grids, and folders of both
   std::string password;                      ///< of all of them
   std::string host = "127.0.0.1";
-  int port = 8080;           ///< 0: any free one
-  std::string cors;          ///< the origin whose pages may use the answers, or *; empty: none
-  std::string publicUrl;     ///< where clients find the server; empty: where they have asked
-  int missingStatus = 204;   ///< of a tile that is not there
-  std::uint32_t maxAge = 0;  ///< seconds for which caches need not ask again
-  unsigned int threads = 16;
+  int port = 8080;             ///< 0: any free one
+  std::string cors;            ///< the origin whose pages may use the answers, or *; empty: none
+  std::string publicUrl;       ///< where clients find the server; empty: where they have asked
+  int missingStatus = 204;     ///< of a tile that is not there
+  std::uint32_t maxAge = 0;    ///< seconds for which caches need not ask again
+  unsigned int threads = 128;  ///< each has one connection at a time
 };
 
 /// Serves files over HTTP until it is destroyed. Others may write into them meanwhile.
