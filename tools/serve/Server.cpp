@@ -25,7 +25,7 @@ namespace {
 constexpr const char* kMethods = "GET, HEAD, OPTIONS";
 // A page that is shown may not load or send anything elsewhere.
 constexpr const char* kPolicy =
-    "default-src 'self'; worker-src 'self' blob:; img-src 'self' data: blob:; "
+    "default-src 'self'; img-src 'self' data: blob:; "
     "style-src 'self' 'unsafe-inline'";
 
 // Files, sets of grids, and what a folder has of both.

@@ -245,7 +245,8 @@ export class MapView {
   #style() {
     const { minzoom = 0, maxzoom = 22, bounds, attribution } = this.#tiles;
     const source = { type: this.#isVector ? "vector" : "raster", tiles: [api.template(this.#file)],
-      minzoom, maxzoom, ...(bounds && { bounds }), ...(attribution && { attribution: harmless(attribution) }) };
+      minzoom, maxzoom, ...(bounds && { bounds }),
+      ...(attribution && { attribution: harmless(attribution) }) };
     if (!this.#isVector) source.tileSize = 256;
     return {
       version: 8,
