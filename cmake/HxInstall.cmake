@@ -26,6 +26,11 @@ if(TARGET hxcf)
     DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT Tools)
   install(FILES ${PROJECT_BINARY_DIR}/tools/hxcf/completion RENAME hxcf
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT Tools)
+  get_property(hx_map_licence GLOBAL PROPERTY HX_MAP_LICENCE)
+  if(hx_map_licence)
+    install(FILES ${hx_map_licence} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/hxcf-tools
+      COMPONENT Tools)
+  endif()
 endif()
 install(DIRECTORY include/ tiles/include/ platform/base/include/ platform/stream/include/ platform/toolkit/include/
   DESTINATION ${hx_include_dir} COMPONENT Development

@@ -27,6 +27,7 @@ void AddLookingCommands(Program& program);   // info, ls, verify, diff
 void AddTileCommands(Program& program);      // get, put, rm
 void AddFileCommands(Program& program);      // create, compact, meta, password
 void AddTransferCommands(Program& program);  // import, export, copy
+void AddServingCommands(Program& program);   // serve
 
 /// FILE and how it is opened: options that most commands have.
 struct FileOptions {

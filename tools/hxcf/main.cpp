@@ -81,6 +81,7 @@ int Run(int argc, char** argv) {
   AddTileCommands(program);
   AddFileCommands(program);
   AddTransferCommands(program);
+  AddServingCommands(program);
   try {
     program.app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

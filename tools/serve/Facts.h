@@ -1,0 +1,48 @@
+#pragma once
+
+#include <atomic>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ServedFile.h"
+#include "Url.h"
+
+namespace Serve {
+
+using Json = nlohmann::ordered_json;
+
+/// A request that cannot be answered; what() is the sentence.
+class Refusal : public std::runtime_error {
+ public:
+  Refusal(int status, const std::string& sentence)
+      : std::runtime_error(sentence), m_status(status) {}
+
+  int Status() const { return m_status; }
+
+ private:
+  int m_status;
+};
+
+// What is told of files as JSON. All throw Refusal and hx::Error; those with `isStopping` walk over
+// the whole file, unless somebody has just done so.
+
+Json ListOf(const std::vector<std::unique_ptr<ServedFile>>& files);
+/// TileJSON 3.0.0; `base` is the URL of the server, with a slash at its end.
+Json TileJsonOf(const ServedFile& file, const std::string& base,
+                const std::atomic<bool>& isStopping);
+Json InfoOf(const ServedFile& file, const std::atomic<bool>& isStopping);
+/// Of the zoom that the query names: the grid, or a `box` of it, made of at most `size` times
+/// `size` fields.
+Json HeatOf(const ServedFile& file, const Url& url, const std::atomic<bool>& isStopping);
+Json NamesOf(const ServedFile& file, const Url& url, const std::atomic<bool>& isStopping);
+Json VersionsOf(const ServedFile& file, const Url& url);
+
+/// "z/x/y"; throws Refusal.
+hx::Tile ParseTile(std::string_view z, std::string_view x, std::string_view y);
+/// Throws Refusal.
+hx::Cell ParseCell(std::string_view row, std::string_view col);
+
+}  // namespace Serve

@@ -1,0 +1,251 @@
+#include "HttpServer.h"
+
+#include <httplib.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <ctime>
+#include <exception>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+#include "ClientStream.h"
+#include "HttpDate.h"
+
+namespace Serve {
+namespace {
+
+// The request that a thread is about.
+struct Exchange {
+  const ClientStream* stream = nullptr;
+  HttpRequest request;
+  HttpAnswer answer;
+  bool isAnswered = false;  // else the request could not be read
+  bool isLast = false;
+  std::size_t bodyLength = 0;  // of the request
+
+  void Reset(const ClientStream& newStream) {
+    stream = &newStream;
+    request.method.clear();
+    answer.Reset();
+    isAnswered = isLast = false;
+    bodyLength = 0;
+  }
+};
+thread_local Exchange t_exchange;
+
+std::string Field(const httplib::Request& request, const char* name) {
+  const auto found = request.headers.find(name);
+  return found != request.headers.end() ? found->second : std::string();
+}
+
+// Why a request was not given to the handler.
+const char* SentenceOf(int status) {
+  switch (status) {
+    case 414:
+      return "the URL is too long\n";
+    case 416:
+      return "there is no such range\n";
+    case 417:
+      return "requests have no body here\n";
+    case 431:
+      return "the header of the request is too long\n";
+    default:
+      return "the request cannot be understood\n";
+  }
+}
+
+}  // namespace
+
+void HttpAnswer::Reset() {
+  status = 200;
+  fields.clear();
+  text.clear();
+  constant = {};
+  hasPayload = false;
+}
+
+// The library listens, has a thread for each connection, reads requests and writes the heads of
+// answers. Its own streams would read a line of any length into memory, and keep a server that ends
+// waiting for clients that say nothing.
+class HttpServer::Engine : private httplib::Server {
+ public:
+  Engine(HttpServer::Handler handler, Observer observer);
+  ~Engine() override;
+
+  int Start(const std::string& host, int port, unsigned int threads);
+  void Stop();
+
+ private:
+  bool process_and_close_socket(socket_t socket) override;
+  bool Answer(ClientStream& stream);
+  void Handle(const httplib::Request& request, httplib::Response& response);
+  static void LookAtBody(const httplib::Request& request);
+  static void Refuse(const httplib::Request& request, httplib::Response& response);
+  static void Complete(httplib::Response& response);
+
+  const HttpServer::Handler m_handler;
+  const Observer m_observer;
+  std::atomic<bool> m_isEnding = false;
+  const int m_end = ::eventfd(0, EFD_CLOEXEC);
+  std::thread m_listening;
+};
+
+HttpServer::Engine::Engine(HttpServer::Handler handler, Observer observer)
+    : m_handler(std::move(handler)), m_observer(std::move(observer)) {
+  if (m_end < 0) throw std::system_error(errno, std::generic_category(), "cannot listen");
+  set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+    Handle(request, response);
+    return HandlerResponse::Handled;
+  });
+  set_error_handler([](const httplib::Request& request, httplib::Response& response) {
+    if (!t_exchange.isAnswered) Refuse(request, response);
+  });
+  set_post_routing_handler(
+      [](const httplib::Request&, httplib::Response& response) { Complete(response); });
+  // Nobody wants a body, and 0 keeps the library from saying anything else.
+  set_expect_100_continue_handler([](const httplib::Request&, httplib::Response& response) {
+    response.status = 417;
+    return 0;
+  });
+  set_tcp_nodelay(true);
+  // Without this, two servers would share a port.
+  set_socket_options([](socket_t socket) {
+    const int on = 1;
+    ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  });
+}
+
+HttpServer::Engine::~Engine() {
+  Stop();
+  ::close(m_end);
+}
+
+int HttpServer::Engine::Start(const std::string& host, int port, unsigned int threads) {
+  errno = 0;
+  const bool isBound = port == 0 ? (port = bind_to_any_port(host)) > 0 : bind_to_port(host, port);
+  // The library has asked for a queue of five, which is too short when many clients come at once.
+  constexpr int kBacklog = 1024;
+  if (!isBound || ::listen(svr_sock_, kBacklog) != 0)
+    throw std::runtime_error("cannot listen at " + host + ":" + std::to_string(port) +
+                             (errno != 0 ? ": " + std::generic_category().message(errno) : ""));
+  new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+  m_listening = std::thread([this, host, port] {
+    // It also returns when the system has failed to accept a connection.
+    while (!listen_after_bind() && !m_isEnding)
+      bind_to_port(host, port);
+  });
+  while (!is_running())
+    std::this_thread::yield();
+  return port;
+}
+
+void HttpServer::Engine::Stop() {
+  if (!m_listening.joinable()) return;
+  m_isEnding = true;
+  ::eventfd_write(m_end, 1);
+  stop();
+  m_listening.join();
+}
+
+bool HttpServer::Engine::process_and_close_socket(socket_t socket) {
+  ClientStream stream(socket, m_end);
+  while (!m_isEnding && stream.Await())
+    if (!Answer(stream)) return false;
+  return true;
+}
+
+// False if the connection has come to its end.
+bool HttpServer::Engine::Answer(ClientStream& stream) {
+  const auto begin = std::chrono::steady_clock::now();
+  Exchange& exchange = t_exchange;
+  exchange.Reset(stream);
+  bool isClosed = false;
+  if (!process_request(stream, false, isClosed, [](httplib::Request& request) {
+        request.ranges.clear();  // nothing is given in parts
+        LookAtBody(request);
+      }))
+    return false;
+  const bool isLast = isClosed || exchange.isLast;
+  const std::string_view body =
+      exchange.request.method == "HEAD" ? std::string_view() : exchange.answer.Body();
+  m_observer({exchange.answer.status, body.size(), std::chrono::steady_clock::now() - begin});
+  if (!stream.Send(body)) return false;
+  if (isLast) stream.Finish();
+  return !isLast && stream.Skip(exchange.bodyLength);
+}
+
+// How many bytes follow the head. Of those that nobody counts there may be any number.
+void HttpServer::Engine::LookAtBody(const httplib::Request& request) {
+  Exchange& exchange = t_exchange;
+  const std::string length = Field(request, "Content-Length");
+  const char* const end = length.data() + length.size();
+  const auto read = std::from_chars(length.data(), end, exchange.bodyLength);
+  const bool isCounted = length.empty() || (read.ec == std::errc() && read.ptr == end &&
+                                            exchange.bodyLength <= kLongestBody &&
+                                            request.headers.count("Content-Length") == 1);
+  if (isCounted && !request.has_header("Transfer-Encoding")) return;
+  exchange.bodyLength = 0;
+  exchange.isLast = true;
+}
+
+void HttpServer::Engine::Handle(const httplib::Request& request, httplib::Response& response) {
+  Exchange& exchange = t_exchange;
+  exchange.isAnswered = true;
+  HttpRequest& asked = exchange.request;
+  asked.method = request.method;
+  asked.target = request.target;
+  asked.host = Field(request, "Host");
+  asked.acceptEncoding = Field(request, "Accept-Encoding");
+  asked.ifNoneMatch = Field(request, "If-None-Match");
+  asked.ifModifiedSince = Field(request, "If-Modified-Since");
+  m_handler(asked, exchange.answer);
+  response.status = exchange.answer.status;
+}
+
+// What cannot be understood ends the connection: nobody knows where the next request begins.
+void HttpServer::Engine::Refuse(const httplib::Request& request, httplib::Response& response) {
+  Exchange& exchange = t_exchange;
+  if (response.status == 400 && exchange.stream->IsTooLong()) response.status = 431;
+  exchange.isLast = true;
+  exchange.request.method = request.method;
+  exchange.answer.status = response.status;
+  exchange.answer.text = SentenceOf(response.status);
+  exchange.answer.Set("Content-Type", "text/plain; charset=utf-8");
+  exchange.answer.Set("Cache-Control", "no-store");
+}
+
+// The head has what the library says of a body of its own; this one is sent without a copy.
+void HttpServer::Engine::Complete(httplib::Response& response) {
+  Exchange& exchange = t_exchange;
+  for (const char* const name : {"Keep-Alive", "Accept-Ranges", "Content-Length"})
+    response.headers.erase(name);
+  if (exchange.isLast) {
+    response.headers.erase("Connection");
+    response.headers.emplace("Connection", "close");
+  }
+  response.headers.emplace("Date", NowAsHttpDate());
+  for (auto& [name, value] : exchange.answer.fields)
+    response.headers.emplace(name, std::move(value));
+  const int status = exchange.answer.status;
+  if (status != 204 && status != 304)
+    response.headers.emplace("Content-Length", std::to_string(exchange.answer.Body().size()));
+}
+
+HttpServer::HttpServer(Handler handler, Observer observer)
+    : m_engine(std::make_unique<Engine>(std::move(handler), std::move(observer))) {}
+
+HttpServer::~HttpServer() = default;
+
+int HttpServer::Start(const std::string& host, int port, unsigned int threads) {
+  return m_engine->Start(host, port, threads);
+}
+
+void HttpServer::Stop() { m_engine->Stop(); }
+
+}  // namespace Serve

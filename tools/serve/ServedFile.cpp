@@ -1,0 +1,247 @@
+#include "ServedFile.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "TileFormat.h"
+
+namespace Serve {
+namespace {
+
+using namespace std::chrono_literals;
+using hx::Cause;
+
+constexpr int kLooks = 100;  // names that tell what a file holds
+
+// Failures after which a new object may do better.
+bool IsOfObject(Cause cause) {
+  switch (cause) {
+    case Cause::kNotOpen:
+    case Cause::kNoFile:
+    case Cause::kMoved:
+    case Cause::kWrongFormat:
+    case Cause::kWrongKind:
+    case Cause::kUnfinished:
+    case Cause::kDamagedHeader:
+      return true;
+    default:
+      return false;
+  }
+}
+
+[[noreturn]] void Cancel(const std::filesystem::path& path) {
+  Zarn::ZrError error;
+  error.result = Zarn::ZrResult::kReadFailure;
+  error.cause = Cause::kCancelled;
+  error.path = path.string();
+  error.action = "walk over";
+  throw hx::Error(error);
+}
+
+[[noreturn]] void FailForKind(const std::filesystem::path& path) {
+  Zarn::ZrError error;
+  error.result = Zarn::ZrResult::kWrongFile;
+  error.cause = Cause::kWrongKind;
+  error.path = path.string();
+  error.action = "look up in";
+  throw hx::Error(error);
+}
+
+}  // namespace
+
+// The open object: a grid, or a set in a container of names or in grids.
+struct ServedFile::Handle {
+  hx::Container grid;
+  hx::Tileset set;
+
+  static std::shared_ptr<const Handle> Open(const std::filesystem::path& path,
+                                            const hx::Options& options);
+  const hx::Container* File() const { return grid.is_open() ? &grid : set.names(); }
+  hx::Status Find(const Address& address, hx::Payload& payload, hx::Stamp stamp) const;
+};
+
+std::shared_ptr<const ServedFile::Handle> ServedFile::Handle::Open(
+    const std::filesystem::path& path, const hx::Options& options) {
+  auto handle = std::make_shared<Handle>();
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored)) {
+    handle->set = hx::Tileset::open(path, options);
+    return handle;
+  }
+  hx::Container file = hx::Container::open(path, options);
+  if (file.layout().is_grid())
+    handle->grid = std::move(file);
+  else
+    handle->set = hx::Tileset(std::move(file));
+  return handle;
+}
+
+hx::Status ServedFile::Handle::Find(const Address& address, hx::Payload& payload,
+                                    hx::Stamp stamp) const {
+  if (const auto* const tile = std::get_if<hx::Tile>(&address); tile != nullptr && set.is_open())
+    return set.try_get(*tile, payload, stamp);
+  if (const auto* const cell = std::get_if<hx::Cell>(&address); cell != nullptr && grid.is_open())
+    return grid.try_get(*cell, payload, stamp);
+  if (const auto* const name = std::get_if<std::string>(&address);
+      name != nullptr && set.is_open() && set.names() != nullptr)
+    return set.names()->try_get(*name, payload, stamp);
+  return {Zarn::ZrResult::kWrongFile, Cause::kWrongKind};
+}
+
+ServedFile::ServedFile(std::string name, std::filesystem::path path, hx::Options options)
+    : m_name(std::move(name)),
+      m_path(std::move(path)),
+      m_options(std::move(options)),
+      m_handle(Handle::Open(m_path, m_options)),
+      m_facts(5s),
+      m_survey(5s) {}
+
+hx::Status ServedFile::Find(const Address& address, hx::Payload& payload, hx::Stamp stamp) const {
+  const hx::Status status = Use()->Find(address, payload, stamp);
+  if (!IsOfObject(status.cause()) || !Reopen()) return status;
+  return Use()->Find(address, payload, stamp);
+}
+
+// At most once in a second.
+bool ServedFile::Reopen() const {
+  std::unique_lock lock(m_opening, std::try_to_lock);
+  const auto now = std::chrono::steady_clock::now();
+  if (!lock || now < m_nextOpening) return false;
+  m_nextOpening = now + 1s;
+  try {
+    m_handle = Handle::Open(m_path, m_options);
+    return true;
+  } catch (const std::exception&) {
+    return false;  // the failure of the lookup tells more
+  }
+}
+
+std::vector<hx::Version> ServedFile::Versions(const Address& address) const {
+  const auto handle = Use();
+  const auto* const tile = std::get_if<hx::Tile>(&address);
+  if (tile != nullptr && handle->set.is_open()) return handle->set.versions(*tile);
+  const hx::Container* const file = handle->File();
+  if (const auto* const cell = std::get_if<hx::Cell>(&address); cell != nullptr && file != nullptr)
+    return file->versions(*cell);
+  if (const auto* const name = std::get_if<std::string>(&address);
+      name != nullptr && file != nullptr)
+    return file->versions(*name);
+  FailForKind(m_path);
+}
+
+hx::Cause ServedFile::Check() const {
+  thread_local hx::Payload payload;
+  const bool isGrid = Use()->grid.is_open();
+  return Find(isGrid ? Address(hx::Cell{}) : Address(hx::Tile{}), payload, hx::kNewest).cause();
+}
+
+std::shared_ptr<const ServedFile::Facts> ServedFile::GetFacts() const {
+  return m_facts.Get([this] { return LookAround(); });
+}
+
+std::shared_ptr<const Survey> ServedFile::GetSurvey(const std::atomic<bool>& isStopping) const {
+  return m_survey.Get([&] { return WalkAll(isStopping); });
+}
+
+ServedFile::Facts ServedFile::LookAround() const {
+  const auto handle = Use();
+  Facts facts;
+  Address first;
+  bool hasFirst = false, hasOther = false;
+  const auto look = [&](Address address) {
+    if (!std::exchange(hasFirst, true)) first = std::move(address);
+  };
+  hx::CursorOptions options;
+  options.payloads = false;
+  if (const hx::Container* const file = handle->File()) {
+    facts.tiles = file->size();
+    int looks = 0;
+    for (const hx::Entry& entry : file->tiles(options)) {
+      if (handle->grid.is_open()) {
+        look(entry.cell());
+        break;
+      }
+      const std::string name = entry.name();
+      if (const auto tile = hx::Tile::parse(name))
+        look(*tile);
+      else if (name != hx::Tileset::kMetadataName)
+        hasOther = true;
+      if (hasFirst || ++looks == kLooks) break;
+    }
+  } else {
+    facts.tiles = handle->set.size();
+    for (const hx::ZoomRange& range : handle->set.ranges()) {
+      if (hasFirst) break;
+      handle->set.for_each(
+          [&](const hx::Tile& tile, const hx::Entry&) {
+            look(tile);
+            return false;
+          },
+          range.zoom, options);
+    }
+  }
+  if (handle->set.is_open()) facts.metadata = handle->set.metadata();
+  if (handle->set.is_open() && handle->set.names() != nullptr && facts.tiles != 0)
+    facts.tiles -= handle->set.names()->contains(hx::Tileset::kMetadataName);
+  const bool isPyramid = handle->set.is_open() && (handle->set.names() == nullptr || hasFirst ||
+                                                   (!facts.metadata.empty() && !hasOther));
+  facts.kind = handle->grid.is_open() ? Kind::kGrid : isPyramid ? Kind::kPyramid : Kind::kNames;
+  const auto named = Formats::FormatOfName(facts.metadata.get("format"));
+  facts.format = named != Formats::TileFormat::kUnknown ? Formats::NameOf(named)
+                                                        : facts.metadata.get("format");
+  hx::Payload payload;
+  if (facts.format.empty() && hasFirst && handle->Find(first, payload, hx::kNewest).ok())
+    facts.format = Formats::NameOf(Formats::DetectFormat(payload));
+  return facts;
+}
+
+Survey ServedFile::WalkAll(const std::atomic<bool>& isStopping) const {
+  const auto handle = Use();
+  Survey survey;
+  hx::CursorOptions options;
+  options.payloads = false;
+  const auto fieldOf = [](const hx::Entry& entry) {
+    return Field{1, entry.stamps().size(), entry.size()};
+  };
+  if (handle->grid.is_open()) {
+    Level& level = survey.grid.emplace();
+    for (const hx::Entry& entry : handle->grid.tiles(options)) {
+      level.Add(entry.cell().row, entry.cell().col, fieldOf(entry));
+      if (isStopping) Cancel(m_path);
+    }
+  } else {
+    handle->set.for_each(
+        [&](const hx::Tile& tile, const hx::Entry& entry) {
+          survey.zooms[tile.z].Add(tile.y, tile.x, fieldOf(entry));
+          return !isStopping;
+        },
+        {}, options);
+    if (isStopping) Cancel(m_path);
+  }
+  const hx::Container* const file = handle->File();
+  survey.statistics = file == nullptr ? handle->set.statistics()
+                                      : file->statistics([&](auto, auto) { return !isStopping; });
+  return survey;
+}
+
+std::vector<std::string> ServedFile::Names(std::string_view prefix, std::string_view after,
+                                           std::size_t most,
+                                           const std::atomic<bool>& isStopping) const {
+  const auto handle = Use();
+  if (!handle->set.is_open() || handle->set.names() == nullptr) FailForKind(m_path);
+  std::set<std::string> names;
+  hx::CursorOptions options;
+  options.payloads = false;
+  options.prefix = prefix;
+  for (const hx::Entry& entry : handle->set.names()->tiles(options)) {
+    if (isStopping) Cancel(m_path);
+    std::string name = entry.name();
+    if (name <= after || (names.size() == most && name > *names.rbegin())) continue;
+    names.insert(std::move(name));
+    if (names.size() > most) names.erase(std::prev(names.end()));
+  }
+  return {names.begin(), names.end()};
+}
+
+}  // namespace Serve

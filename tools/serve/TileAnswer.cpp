@@ -1,0 +1,115 @@
+#include "TileAnswer.h"
+
+#include <array>
+#include <cstdio>
+#include <functional>
+
+#include "Encoding.h"
+#include "Facts.h"
+#include "HttpDate.h"
+
+namespace Serve {
+namespace {
+
+constexpr std::size_t kMostContents = 64 << 20;  // of a payload that is decompressed
+
+// Of a version: stamp and length, and a hash, for a store under the same stamp may change neither.
+std::string TagOf(const hx::Payload& payload, std::string_view bytes, bool isDecompressed) {
+  std::array<char, 64> text;
+  const int length =
+      std::snprintf(text.data(), text.size(), "\"%llx-%zx-%zx%s\"", payload.stamp(), bytes.size(),
+                    std::hash<std::string_view>()(bytes), isDecompressed ? "-d" : "");
+  return {text.data(), static_cast<std::size_t>(length)};
+}
+
+// Whether a tag is one of a list, be it a weak one.
+bool Holds(std::string_view list, std::string_view tag) {
+  for (std::size_t at = 0; (at = list.find(tag, at)) != list.npos; at += tag.size()) {
+    const std::size_t end = at + tag.size();
+    if ((at == 0 || std::string_view(" ,/").find(list[at - 1]) != std::string_view::npos) &&
+        (end == list.size() || list[end] == ',' || list[end] == ' '))
+      return true;
+  }
+  return list == "*";
+}
+
+bool IsUnchanged(const HttpRequest& request, std::string_view tag,
+                 std::optional<std::time_t> time) {
+  if (!request.ifNoneMatch.empty()) return Holds(request.ifNoneMatch, tag);
+  if (!time || request.ifModifiedSince.empty()) return false;
+  const auto since = FromHttpDate(request.ifModifiedSince);
+  return since && *time <= *since;
+}
+
+// Throws Refusal for anything but a tile that is not there.
+void ThrowUnlessMissing(const ServedFile& file, hx::Status status) {
+  switch (status.cause()) {
+    case hx::Cause::kNoTile:
+    case hx::Cause::kOutOfRange:  // of the grid
+    case hx::Cause::kTooLong:     // for a name
+    case hx::Cause::kBadName:
+    case hx::Cause::kEmptyArgument:
+      return;
+    case hx::Cause::kWrongKind:
+      throw Refusal(404, file.Name() + " has no tiles that are asked for so");
+    case hx::Cause::kDamagedEntry:
+    case hx::Cause::kDamagedRecord:
+    case hx::Cause::kDamagedHeader:
+    case hx::Cause::kInputOutput:
+      throw Refusal(500, file.Name() + " cannot be read: " + status.text());
+    default:
+      throw Refusal(503, file.Name() + " cannot be read: " + status.text());
+  }
+}
+
+}  // namespace
+
+std::string CacheControlOf(std::uint32_t maxAge) {
+  return maxAge == 0 ? "no-cache" : "public, max-age=" + std::to_string(maxAge);
+}
+
+bool AnswerTile(const ServedFile& file, const Address& address, const TileQuery& query,
+                const TileRules& rules, const HttpRequest& request, HttpAnswer& answer) {
+  answer.Set("Cache-Control", rules.cacheControl);
+  const hx::Status status = file.Find(address, answer.payload, query.stamp.value_or(hx::kNewest));
+  // For a stamp that is not there, a lookup gives the newest version.
+  if (!status || (query.stamp && answer.payload.stamp() != *query.stamp)) {
+    if (!status) ThrowUnlessMissing(file, status);
+    answer.status = rules.missingStatus;
+    if (answer.status != 204) answer.text = "there is no such tile\n";
+    return false;
+  }
+
+  const std::string_view bytes = answer.payload.text().substr(0, answer.payload.filled());
+  const Media media = LookAtPayload(bytes, file, address);
+  const bool isEncoded = media.encoding != Encoding::kNone;
+  // Nothing here decompresses zstd.
+  const bool isDecompressed = isEncoded && media.encoding != Encoding::kZstd &&
+                              !Accepts(request.acceptEncoding, media.encoding);
+  std::string tag = TagOf(answer.payload, bytes, isDecompressed);
+  const auto time = TimeOf(answer.payload.stamp());
+  const bool isUnchanged = IsUnchanged(request, tag, time);
+  answer.Set("ETag", std::move(tag));
+  if (time) answer.Set("Last-Modified", ToHttpDate(*time));
+  if (isEncoded) answer.Set("Vary", "Accept-Encoding");
+  if (isUnchanged) {
+    answer.status = 304;
+    return true;
+  }
+  if (isDecompressed) {
+    auto contents = Decompress(bytes, media.encoding, kMostContents);
+    if (!contents) throw Refusal(500, "the tile cannot be decompressed");
+    answer.text = std::move(*contents);
+  } else {
+    if (isEncoded) answer.Set("Content-Encoding", NameOf(media.encoding));
+    answer.hasPayload = true;
+  }
+  answer.Set("Content-Type", media.type);
+  if (!query.fileName.empty())
+    answer.Set("Content-Disposition", "attachment; filename=\"" + query.fileName +
+                                          (media.extension.empty() ? "" : "." + media.extension) +
+                                          "\"");
+  return true;
+}
+
+}  // namespace Serve
