@@ -235,6 +235,13 @@ Container* Tileset::names() const noexcept {
   return m_set != nullptr && !m_set->IsGrids() ? &m_set->layers[0].container : nullptr;
 }
 
+Container* Tileset::grid(std::uint32_t zoom) const noexcept {
+  if (m_set == nullptr || !m_set->IsGrids()) return nullptr;
+  for (auto& [range, container] : m_set->layers)
+    if (range.zoom == zoom) return &container;
+  return nullptr;
+}
+
 std::vector<ZoomRange> Tileset::ranges() const {
   std::vector<ZoomRange> ranges;
   if (Use().IsGrids())
