@@ -57,7 +57,7 @@ class Error(Exception):
         super().__init__(message)
         self.code, self.cause, self.errno, self.path = code, cause, errno, path
         if isinstance(self, OSError):
-            self.filename = path
+            setattr(self, "filename", path)  # of OSError
 
     def __str__(self) -> str:
         return str(self.args[0])

@@ -72,6 +72,37 @@ py::list Versions(const Tiles& tiles, const py::object& key) {
   return list;
 }
 
+// As of a dict: with a default behind the key, that instead of KeyError.
+py::object Pop(const Tiles& tiles, const py::object& key, const py::args& others) {
+  if (others.size() > 1) throw py::type_error("pop() takes a key and a default");
+  PyObject* const bytes = LookUpBytes(*tiles.store, key.ptr(), std::nullopt);
+  if (bytes == nullptr && others.empty()) ThrowMissing(key);
+  if (bytes == nullptr) return others[0];
+  const py::object own = py::reinterpret_steal<py::object>(bytes);
+  Discard(tiles, key, py::none());
+  return own;
+}
+
+py::object SetDefault(const Tiles& tiles, const py::object& key, const py::object& data) {
+  PyObject* const bytes = LookUpBytes(*tiles.store, key.ptr(), std::nullopt);
+  if (bytes != nullptr) return py::reinterpret_steal<py::object>(bytes);
+  Put(tiles, key, data, py::int_(0), 0, 0);
+  return data;
+}
+
+py::tuple PopItem(const py::object& self) {
+  PyObject* const next = PyIter_Next(py::iter(self).ptr());
+  if (next == nullptr && PyErr_Occurred() == nullptr) throw py::key_error("there is no tile");
+  const py::object key = Own(next);
+  return py::make_tuple(key, self.attr("pop")(key));
+}
+
+void Clear(const py::object& self) {
+  const Tiles& tiles = py::cast<const Tiles&>(self);
+  for (const py::handle key : py::iter(self))
+    Discard(tiles, py::reinterpret_borrow<py::object>(key), py::none());
+}
+
 std::uint64_t DiscardOlder(const Tiles& tiles, const py::object& version) {
   const Store::Use use(*tiles.store);
   const hx::Stamp stamp = ToStamp(version.ptr());
@@ -117,6 +148,15 @@ void DefineSingle(TilesClass& tiles) {
            "Removes a tile, or one version of it. Returns whether it was there.")
       .def("versions", Versions, key, py::pos_only(),
            "The versions of a tile, the newest first; none if there is no tile.")
+      .def("pop", Pop, key, "Removes a tile and returns its bytes.")
+      .def("popitem", PopItem, "Removes a tile and returns its key and its bytes.")
+      .def("setdefault", SetDefault, key, py::arg("data"), py::pos_only(),
+           "The bytes of a tile; of none, stores these and returns them.")
+      .def("clear", Clear, "Removes all tiles.")
+      .def_static(
+          "cell",
+          [](std::uint32_t row, std::uint32_t col) { return ToPython(hx::Cell{row, col}); },
+          py::arg("row"), py::arg("col"), "The key of a cell of a grid.")
       .def("discard_older", DiscardOlder, py::arg("version"), py::pos_only(),
            "Removes the versions of all tiles with smaller stamps, and returns how many.");
 }

@@ -155,6 +155,10 @@ void SetPassword(const Tiles& tiles, const std::string& password) {
   });
 }
 
+py::object PathOf(const Tiles& tiles) {
+  return Own(PyUnicode_DecodeFSDefault(tiles.store->GetPath().c_str()));
+}
+
 py::object LayoutOf(const Tiles& tiles) {
   const Store::Use use(*tiles.store);
   if (use->kind == Archive::Kind::kGrids) {
@@ -197,6 +201,16 @@ void SetMetadata(const Tiles& tiles, const std::map<std::string, std::string>& v
   WithoutLock([&] { set.set_metadata(metadata); });
 }
 
+py::object MetadataOf(const py::object& self) {
+  return py::module_::import("hxcf._meta").attr("Metadata")(self);
+}
+
+std::string Describe(const Tiles& tiles) {
+  const Store& store = *tiles.store;
+  return "<hxcf.Tiles " + std::string(py::repr(py::str(PathOf(tiles)))) + ", mode '" + tiles.mode +
+         (store.IsClosed() ? "', closed>" : "'>");
+}
+
 }  // namespace
 
 void DefineWhole(TilesClass& tiles) {
@@ -214,12 +228,15 @@ void DefineWhole(TilesClass& tiles) {
            "Keeps the file from being opened without this password; empty: by none.")
       .def("close", [](const Tiles& self) { self.store->Close(); },
            "Closes the file, after the calls of other threads that are under way.")
-      .def_property_readonly("closed", [](const Tiles& self) { return self.store->IsClosed(); })
-      .def_property_readonly("path", [](const Tiles& self) {
-        return Own(PyUnicode_DecodeFSDefault(self.store->GetPath().c_str()));
-      })
-      .def_property_readonly("mode", [](const Tiles& self) { return self.mode; })
-      .def_property_readonly("layout", LayoutOf)
+      .def_property_readonly("closed", [](const Tiles& self) { return self.store->IsClosed(); },
+                             "Whether it was closed.")
+      .def("__enter__", [](const py::object& self) { return self; })
+      .def("__exit__", [](const Tiles& self, const py::args&) { self.store->Close(); })
+      .def("__repr__", Describe)
+      .def_property_readonly("path", PathOf, "The file or the folder, as it was opened.")
+      .def_readonly("mode", &Tiles::mode, "As it was opened.")
+      .def_property_readonly("layout", LayoutOf, "Names, Grid, or a list of ZoomRange.")
+      .def_property_readonly("meta", MetadataOf, "The metadata, a mapping of texts.")
       .def("_get_metadata", GetMetadata)
       .def("_set_metadata", SetMetadata);
 }
