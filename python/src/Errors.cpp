@@ -35,6 +35,12 @@ void ThrowForked(const std::string& path) {
   ThrowSet();
 }
 
+void ThrowMissing(PyObject* key) {
+  const py::object error = Own(PyObject_CallFunctionObjArgs(PyExc_KeyError, key, nullptr));
+  PyErr_SetObject(PyExc_KeyError, error.ptr());
+  ThrowSet();
+}
+
 void Translate(std::exception_ptr exception) {
   try {
     std::rethrow_exception(exception);

@@ -16,6 +16,9 @@ namespace hxpy {
 /// Throws that the object is a parent process's.
 [[noreturn]] void ThrowForked(const std::string& path);
 
+/// Throws KeyError. A key may be a tuple, which Python would take for the error's arguments.
+[[noreturn]] void ThrowMissing(PyObject* key);
+
 /// Makes the exception of Python that fits the one of C++, for pybind11 and for Guarded.
 void Translate(std::exception_ptr exception);
 
@@ -26,6 +29,8 @@ Answer Guarded(Answer failure, Call call) noexcept {
     return call();
   } catch (py::error_already_set& error) {
     error.restore();
+  } catch (const py::builtin_exception& error) {
+    error.set_error();
   } catch (const std::bad_alloc&) {
     PyErr_NoMemory();
   } catch (...) {

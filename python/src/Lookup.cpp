@@ -5,9 +5,9 @@
 
 namespace hxpy {
 
-bool IsMissing(const hx::Status& status) {
+bool IsMissing(hx::Cause cause) {
   using hx::Cause;
-  switch (status.cause()) {
+  switch (cause) {
     case Cause::kNoTile:
     case Cause::kOutOfRange:
     case Cause::kEmptyArgument:
@@ -28,7 +28,7 @@ bool LookUp(Store& store, PyObject* key, const MaybeStamp& stamp, hx::Payload& p
     return place->container->try_get(place->key, payload, stamp.value_or(hx::kNewest));
   });
   if (status) return !stamp || payload.stamp() == *stamp;
-  if (!IsMissing(status)) Throw(status);
+  if (!IsMissing(status.cause())) Throw(status);
   return false;
 }
 

@@ -8,11 +8,6 @@
 namespace hxpy {
 namespace {
 
-[[noreturn]] void ThrowMissing(const py::object& key) {
-  PyErr_SetObject(PyExc_KeyError, key.ptr());
-  ThrowSet();
-}
-
 MaybeStamp ToMaybeStamp(const py::object& version) {
   return version.is_none() ? MaybeStamp() : ToStamp(version.ptr());
 }
@@ -20,7 +15,7 @@ MaybeStamp ToMaybeStamp(const py::object& version) {
 std::unique_ptr<hx::Payload> View(const Tiles& tiles, const py::object& key,
                                   const py::object& version) {
   auto payload = std::make_unique<hx::Payload>();
-  if (!LookUp(*tiles.store, key.ptr(), ToMaybeStamp(version), *payload)) ThrowMissing(key);
+  if (!LookUp(*tiles.store, key.ptr(), ToMaybeStamp(version), *payload)) ThrowMissing(key.ptr());
   return payload;
 }
 
@@ -29,11 +24,12 @@ std::size_t ReadInto(const Tiles& tiles, const py::object& key, const py::object
   const Address address(key.ptr());
   const auto place = use.Find(address);
   const Buffer buffer(target.ptr(), PyBUF_WRITABLE);
-  const auto size = place ? WithoutLock([&] {
-    return place->container->read(place->key, buffer.Data(), buffer.Size());
-  })
-                          : std::nullopt;
-  if (!size) ThrowMissing(key);
+  std::optional<std::size_t> size;
+  if (place)
+    size = IfPossible([&] {
+      return place->container->read(place->key, buffer.Data(), buffer.Size());
+    });
+  if (!size) ThrowMissing(key.ptr());
   return *size;
 }
 
@@ -54,7 +50,7 @@ bool Discard(const Tiles& tiles, const py::object& key, const py::object& versio
   const Address address(key.ptr());
   const auto place = use.Find(address);
   const MaybeStamp stamp = ToMaybeStamp(version);
-  return place && WithoutLock([&] {
+  return place && IfPossible([&] {
     return stamp ? place->container->erase(place->key, *stamp)
                  : place->container->erase(place->key);
   });
@@ -67,7 +63,7 @@ py::list Versions(const Tiles& tiles, const py::object& key) {
   py::list list;
   if (!place) return list;
   for (const hx::Version& version :
-       WithoutLock([&] { return place->container->versions(place->key); }))
+       IfPossible([&] { return place->container->versions(place->key); }))
     list.append(ToPython(version));
   return list;
 }
@@ -76,7 +72,7 @@ py::list Versions(const Tiles& tiles, const py::object& key) {
 py::object Pop(const Tiles& tiles, const py::object& key, const py::args& others) {
   if (others.size() > 1) throw py::type_error("pop() takes a key and a default");
   PyObject* const bytes = LookUpBytes(*tiles.store, key.ptr(), std::nullopt);
-  if (bytes == nullptr && others.empty()) ThrowMissing(key);
+  if (bytes == nullptr && others.empty()) ThrowMissing(key.ptr());
   if (bytes == nullptr) return others[0];
   const py::object own = py::reinterpret_steal<py::object>(bytes);
   Discard(tiles, key, py::none());

@@ -14,7 +14,7 @@ Store& StoreOf(PyObject* self) { return *Self<Tiles>(self).store; }
 PyObject* Subscript(PyObject* self, PyObject* key) {
   return Guarded<PyObject*>(nullptr, [&]() -> PyObject* {
     PyObject* const bytes = LookUpBytes(StoreOf(self), key, std::nullopt);
-    if (bytes == nullptr) PyErr_SetObject(PyExc_KeyError, key);
+    if (bytes == nullptr) ThrowMissing(key);
     return bytes;
   });
 }
@@ -34,9 +34,8 @@ void Erase(Store& store, PyObject* key) {
   const Store::Use use(store);
   const Address address(key);
   const auto place = use.Find(address);
-  if (place && WithoutLock([&] { return place->container->erase(place->key); })) return;
-  PyErr_SetObject(PyExc_KeyError, key);
-  ThrowSet();
+  if (!place || !IfPossible([&] { return place->container->erase(place->key); }))
+    ThrowMissing(key);
 }
 
 // Without data, it is `del`.
@@ -52,7 +51,7 @@ int Contains(PyObject* self, PyObject* key) {
     const Store::Use use(StoreOf(self));
     const Address address(key);
     const auto place = use.Find(address);
-    return place && WithoutLock([&] { return place->container->contains(place->key); }) ? 1 : 0;
+    return place && IfPossible([&] { return place->container->contains(place->key); }) ? 1 : 0;
   });
 }
 

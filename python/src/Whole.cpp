@@ -1,7 +1,5 @@
 // What is about the whole file.
 
-#include <map>
-
 #include "Errors.h"
 #include "Tiles.h"
 #include "Types.h"
@@ -194,10 +192,15 @@ py::dict GetMetadata(const Tiles& tiles) {
   return values;
 }
 
-void SetMetadata(const Tiles& tiles, const std::map<std::string, std::string>& values) {
+void SetMetadata(const Tiles& tiles, const py::dict& values) {
   const Store::Use use(*tiles.store);
   hx::Tileset& set = SetOf(use, tiles.store->GetPath());
-  const hx::Metadata metadata(hx::Metadata::Values(values.begin(), values.end()));
+  hx::Metadata metadata;
+  for (const auto& [key, value] : values) {
+    if (!py::isinstance<py::str>(key) || !py::isinstance<py::str>(value))
+      throw py::type_error("keys and values of metadata are texts");
+    metadata.set(py::cast<std::string>(key), py::cast<std::string>(value));
+  }
   WithoutLock([&] { set.set_metadata(metadata); });
 }
 
