@@ -10,7 +10,7 @@ if [[ ${1--} != -* ]]; then
   shift
 fi
 need_compiler /usr/include/gmock/gmock.h=libgmock-dev python3=python3 pkg-config=pkg-config \
-  dpkg-shlibdeps=dpkg-dev file=file doxygen=doxygen abidiff=abigail-tools
+  /usr/lib/python3/dist-packages/pytest=python3-pytest stubtest=mypy dpkg-shlibdeps=dpkg-dev file=file doxygen=doxygen abidiff=abigail-tools
 if [ "$preset" = s390x ]; then
   need s390x-linux-gnu-g++=g++-s390x-linux-gnu qemu-s390x-static=qemu-user-static \
     /usr/src/googletest/CMakeLists.txt=googletest

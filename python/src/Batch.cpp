@@ -4,7 +4,7 @@
 #include <map>
 
 #include "Errors.h"
-#include "Tiles.h"
+#include "TilesClass.h"
 #include "Types.h"
 
 namespace hxpy {

@@ -27,10 +27,9 @@ void Throw(unsigned int code, hx::Cause cause, const std::string& path, const ch
 }
 
 void ThrowForked(const std::string& path) {
-  const py::object error =
-      Get().forkError("this object is the parent process's; open the file in the child",
-                      unsigned{Zarn::ZrResult::kNotOpen},
-                      static_cast<std::uint32_t>(hx::Cause::kNotOpen), 0, path);
+  const py::object error = Get().forkError(
+      "this object is the parent process's; open the file in the child",
+      unsigned{Zarn::ZrResult::kNotOpen}, static_cast<std::uint32_t>(hx::Cause::kNotOpen), 0, path);
   PyErr_SetObject(error.get_type().ptr(), error.ptr());
   ThrowSet();
 }

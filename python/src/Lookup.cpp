@@ -24,16 +24,15 @@ bool LookUp(Store& store, PyObject* key, const MaybeStamp& stamp, hx::Payload& p
   const Address address(key);
   const auto place = use.Find(address);
   if (!place) return false;
-  const hx::Status status = WithoutLock([&] {
-    return place->container->try_get(place->key, payload, stamp.value_or(hx::kNewest));
-  });
+  const hx::Status status = WithoutLock(
+      [&] { return place->container->try_get(place->key, payload, stamp.value_or(hx::kNewest)); });
   if (status) return !stamp || payload.stamp() == *stamp;
   if (!IsMissing(status.cause())) Throw(status);
   return false;
 }
 
-// The bytes are read into memory that each thread keeps, and are still in the processor's cache when
-// they are copied from there: that costs less than memory of their own for each read.
+// The bytes are read into memory that each thread keeps, and are still in the processor's cache
+// when they are copied from there: that costs less than memory of their own for each read.
 PyObject* LookUpBytes(Store& store, PyObject* key, const MaybeStamp& stamp) {
   constexpr std::size_t kMostKept = 4 << 20;
   thread_local hx::Payload t_payload;

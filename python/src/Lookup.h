@@ -21,7 +21,8 @@ PyObject* LookUpBytes(Store& store, PyObject* key, const MaybeStamp& stamp);
 /// Whether a failure says that there is no tile of such a key, or can be none.
 bool IsMissing(hx::Cause cause);
 
-/// `call()` while other threads of Python run; nothing if it fails because no tile can have the key.
+/// `call()` while other threads of Python run; nothing if it fails because no tile can have the
+/// key.
 template <typename Call>
 auto IfPossible(Call call) -> decltype(call()) {
   try {

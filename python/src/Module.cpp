@@ -1,5 +1,5 @@
 #include "Errors.h"
-#include "Tiles.h"
+#include "TilesClass.h"
 #include "Types.h"
 
 PYBIND11_MODULE(_hxcf, module) {

@@ -3,7 +3,7 @@
 #include <map>
 
 #include "Errors.h"
-#include "Tiles.h"
+#include "TilesClass.h"
 #include "Types.h"
 
 namespace hxpy {
@@ -99,9 +99,8 @@ Tiles Open(const py::object& path, const std::string& mode, const py::object& la
     if (how == Mode::kReplace) throw py::value_error("a folder of grids cannot be replaced");
     archive = WithoutLock([&] { return OpenGrids(file, how, ranges, options); });
   }
-  std::string name = archive->kind == Archive::Kind::kGrids
-                         ? file.native()
-                         : archive->layers[0].container->path();
+  std::string name =
+      archive->kind == Archive::Kind::kGrids ? file.native() : archive->layers[0].container->path();
   return {std::make_shared<Store>(std::move(archive), std::move(name)), mode};
 }
 

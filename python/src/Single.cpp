@@ -2,7 +2,7 @@
 
 #include "Errors.h"
 #include "Lookup.h"
-#include "Tiles.h"
+#include "TilesClass.h"
 #include "Types.h"
 
 namespace hxpy {
@@ -26,9 +26,8 @@ std::size_t ReadInto(const Tiles& tiles, const py::object& key, const py::object
   const Buffer buffer(target.ptr(), PyBUF_WRITABLE);
   std::optional<std::size_t> size;
   if (place)
-    size = IfPossible([&] {
-      return place->container->read(place->key, buffer.Data(), buffer.Size());
-    });
+    size = IfPossible(
+        [&] { return place->container->read(place->key, buffer.Data(), buffer.Size()); });
   if (!size) ThrowMissing(key.ptr());
   return *size;
 }
@@ -40,9 +39,8 @@ void Put(const Tiles& tiles, const py::object& key, const py::object& data,
   const Store::Use::Place place = use.FindToStore(address);
   const hx::PutOptions options = {ToStamp(version.ptr()), capacity, offset};
   const Buffer buffer(data.ptr());
-  WithoutLock([&] {
-    place.container->put(place.key, hx::Bytes(buffer.Data(), buffer.Size()), options);
-  });
+  WithoutLock(
+      [&] { place.container->put(place.key, hx::Bytes(buffer.Data(), buffer.Size()), options); });
 }
 
 bool Discard(const Tiles& tiles, const py::object& key, const py::object& version) {
@@ -51,9 +49,9 @@ bool Discard(const Tiles& tiles, const py::object& key, const py::object& versio
   const auto place = use.Find(address);
   const MaybeStamp stamp = ToMaybeStamp(version);
   return place && IfPossible([&] {
-    return stamp ? place->container->erase(place->key, *stamp)
-                 : place->container->erase(place->key);
-  });
+           return stamp ? place->container->erase(place->key, *stamp)
+                        : place->container->erase(place->key);
+         });
 }
 
 py::list Versions(const Tiles& tiles, const py::object& key) {
@@ -151,7 +149,9 @@ void DefineSingle(TilesClass& tiles) {
       .def("clear", Clear, "Removes all tiles.")
       .def_static(
           "cell",
-          [](std::uint32_t row, std::uint32_t col) { return ToPython(hx::Cell{row, col}); },
+          [](std::uint32_t row, std::uint32_t col) {
+            return ToPython(hx::Cell{row, col});
+          },
           py::arg("row"), py::arg("col"), "The key of a cell of a grid.")
       .def("discard_older", DiscardOlder, py::arg("version"), py::pos_only(),
            "Removes the versions of all tiles with smaller stamps, and returns how many.");

@@ -1,9 +1,9 @@
-// What Python does with single tiles most often: t[key], key in t, t[key] = data, del t[key], len(t)
-// and t.get(key).
+// What Python does with single tiles most often: t[key], key in t, t[key] = data, del t[key],
+// len(t) and t.get(key).
 
 #include "Errors.h"
 #include "Lookup.h"
-#include "Tiles.h"
+#include "TilesClass.h"
 #include "Types.h"
 
 namespace hxpy {
@@ -24,9 +24,8 @@ void Put(Store& store, PyObject* key, PyObject* data) {
   const Address address(key);
   const Store::Use::Place place = use.FindToStore(address);
   const Buffer buffer(data);
-  const hx::Status status = WithoutLock([&] {
-    return place.container->try_put(place.key, hx::Bytes(buffer.Data(), buffer.Size()));
-  });
+  const hx::Status status = WithoutLock(
+      [&] { return place.container->try_put(place.key, hx::Bytes(buffer.Data(), buffer.Size())); });
   if (!status) Throw(status);
 }
 
@@ -34,8 +33,7 @@ void Erase(Store& store, PyObject* key) {
   const Store::Use use(store);
   const Address address(key);
   const auto place = use.Find(address);
-  if (!place || !IfPossible([&] { return place->container->erase(place->key); }))
-    ThrowMissing(key);
+  if (!place || !IfPossible([&] { return place->container->erase(place->key); })) ThrowMissing(key);
 }
 
 // Without data, it is `del`.

@@ -27,7 +27,9 @@ py::object MakeTuple(PyTypeObject* type, Items... items) {
   return tuple;
 }
 
-inline py::object ToPython(std::uint64_t number) { return Own(PyLong_FromUnsignedLongLong(number)); }
+inline py::object ToPython(std::uint64_t number) {
+  return Own(PyLong_FromUnsignedLongLong(number));
+}
 inline py::object ToPython(hx::Bytes bytes) {
   return Own(PyBytes_FromStringAndSize(bytes.text().data(), static_cast<Py_ssize_t>(bytes.size())));
 }

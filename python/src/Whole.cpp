@@ -1,7 +1,7 @@
 // What is about the whole file.
 
 #include "Errors.h"
-#include "Tiles.h"
+#include "TilesClass.h"
 #include "Types.h"
 
 namespace hxpy {
@@ -106,7 +106,8 @@ void VerifyFile(Container& file, const Container::Progress& tell, std::size_t li
   constexpr int kTries = 20;
   const std::size_t known = check.findings.size();
   const std::uint64_t found = check.found;
-  for (int i = 1;; ++i) try {
+  for (int i = 1;; ++i)
+    try {
       hx::VerifySummary summary;
       const auto report = [&](const hx::Finding& finding) {
         ++check.found;
@@ -162,11 +163,10 @@ py::object LayoutOf(const Tiles& tiles) {
   if (use->kind == Archive::Kind::kGrids) {
     py::list ranges;
     for (const auto& [range, container] : use->layers)
-      ranges.append(MakeTuple(Get().zoomRange, ToPython(std::uint64_t{range->zoom}),
-                              ToPython(std::uint64_t{range->first_col}),
-                              ToPython(std::uint64_t{range->first_row}),
-                              ToPython(std::uint64_t{range->cols}),
-                              ToPython(std::uint64_t{range->rows})));
+      ranges.append(MakeTuple(
+          Get().zoomRange, ToPython(std::uint64_t{range->zoom}),
+          ToPython(std::uint64_t{range->first_col}), ToPython(std::uint64_t{range->first_row}),
+          ToPython(std::uint64_t{range->cols}), ToPython(std::uint64_t{range->rows})));
     return ranges;
   }
   const hx::Layout layout = WithoutLock([&] { return use->layers[0].container->layout(); });
@@ -229,10 +229,12 @@ void DefineWhole(TilesClass& tiles) {
       .def("flush", Flush, "Waits until what was stored would survive a loss of power.")
       .def("set_password", SetPassword, py::arg("password"),
            "Keeps the file from being opened without this password; empty: by none.")
-      .def("close", [](const Tiles& self) { self.store->Close(); },
-           "Closes the file, after the calls of other threads that are under way.")
-      .def_property_readonly("closed", [](const Tiles& self) { return self.store->IsClosed(); },
-                             "Whether it was closed.")
+      .def(
+          "close", [](const Tiles& self) { self.store->Close(); },
+          "Closes the file, after the calls of other threads that are under way.")
+      .def_property_readonly(
+          "closed", [](const Tiles& self) { return self.store->IsClosed(); },
+          "Whether it was closed.")
       .def("__enter__", [](const py::object& self) { return self; })
       .def("__exit__", [](const Tiles& self, const py::args&) { self.store->Close(); })
       .def("__repr__", Describe)

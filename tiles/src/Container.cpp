@@ -304,7 +304,8 @@ bool Container::verify(const std::function<bool(const Finding&)>& report, Verify
     isSound = false;
     return !report || report(finding);
   };
-  const unsigned int result = Use().engine.Verify(summary != nullptr ? *summary : own, tell, progress);
+  const unsigned int result =
+      Use().engine.Verify(summary != nullptr ? *summary : own, tell, progress);
   if (isSound) Expect(result);
   return isSound;
 }

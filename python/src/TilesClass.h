@@ -28,9 +28,9 @@ Class& Self(PyObject* object) {
 /// type's own: the calls of pybind11 take as long as a lookup.
 void SetSlots(PyHeapTypeObject* type);
 void SetIterator(PyHeapTypeObject* type);  ///< the slot by which it walks over its keys
-void DefineSingle(TilesClass& tiles);  ///< what else is about one tile
-void DefineBatch(TilesClass& tiles);   ///< put_many
-void DefineWhole(TilesClass& tiles);   ///< what is about the whole file
+void DefineSingle(TilesClass& tiles);      ///< what else is about one tile
+void DefineBatch(TilesClass& tiles);       ///< put_many
+void DefineWhole(TilesClass& tiles);       ///< what is about the whole file
 void DefineWalks(py::module_& module, TilesClass& tiles);
 void DefinePayload(py::module_& module);
 void DefineOpen(py::module_& module);
