@@ -184,6 +184,7 @@ class Measures:
                 self.rows.setdefault(row, {}).setdefault(name, []).append(seconds)
 
     def show(self, count):
+        """As a table in Markdown."""
         names = list(dict.fromkeys(name for row in self.rows.values() for name in row))
         print("| speed (1.00: as fast as hxcf) | hxcf, time of one | " + " | ".join(names[1:]) + " |")
         print("|---" * (len(names) + 1) + "|")

@@ -97,7 +97,7 @@ python() {
   dpkg-deb -e "$packages"/python3-hxcf_*.deb "$work/control"
   [ -x "$work/control/postinst" ] && [ -x "$work/control/prerm" ]
   ldd "$root"/usr/lib/python3/dist-packages/hxcf/_hxcf.*.so | grep "libHxTiles.*$root/"
-  "$PROJECT/tests/python/run.sh" "$PYTHON" "$root/usr/lib/python3/dist-packages"
+  PATH=$root/usr/bin:$PATH "$PROJECT/tests/python/run.sh" "$PYTHON" "$root/usr/lib/python3/dist-packages"
 }
 
 installed() { find "$prefix" "$work" -name "lib$1.so"; }
