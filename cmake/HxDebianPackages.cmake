@@ -7,6 +7,9 @@ set(CPACK_COMPONENTS_ALL Runtime Development)
 if(TARGET hxcf)
   list(APPEND CPACK_COMPONENTS_ALL Tools)
 endif()
+if(TARGET HxPython)
+  list(APPEND CPACK_COMPONENTS_ALL Python)
+endif()
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 
@@ -42,6 +45,19 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION
     "${hx_description}\n.\nThis package holds the command hxcf, which looks into files, imports and\nexports them.")
 # What Debian wants in every package.
 set(hx_debian ${PROJECT_SOURCE_DIR}/cmake/debian)
+if(TARGET HxPython)
+  # An extension is for one version of Python. Debian's compiles modules as they are installed.
+  set(hx_minor ${Python3_VERSION_MINOR})
+  math(EXPR hx_next_minor "${hx_minor} + 1")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-hxcf)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), \
+python3 (>= 3.${hx_minor}~), python3 (<< 3.${hx_next_minor})")
+  set(CPACK_DEBIAN_PYTHON_DESCRIPTION
+      "${hx_description}\n.\nThis package holds the module hxcf for Python 3.")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${hx_debian}/python/postinst
+                                                ${hx_debian}/python/prerm)
+endif()
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${hx_debian}/triggers)
 execute_process(COMMAND gzip -9nc ${hx_debian}/changelog
   OUTPUT_FILE ${PROJECT_BINARY_DIR}/changelog.gz COMMAND_ERROR_IS_FATAL ANY)

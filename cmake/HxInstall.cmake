@@ -32,6 +32,19 @@ if(TARGET hxcf)
       COMPONENT Tools)
   endif()
 endif()
+# The Python module: where Debian's Python looks, or below the prefix where that of others does.
+if(TARGET HxPython)
+  if(EXISTS /etc/debian_version)
+    set(hx_python_dir lib/python3/dist-packages/hxcf)
+  else()
+    set(hx_python_dir lib/python${Python3_VERSION_MAJOR}.${Python3_VERSION_MINOR}/site-packages/hxcf)
+  endif()
+  file(RELATIVE_PATH hx_libraries_from_python /${hx_python_dir} /${CMAKE_INSTALL_LIBDIR})
+  set_target_properties(HxPython PROPERTIES INSTALL_RPATH "$ORIGIN/${hx_libraries_from_python}")
+  install(TARGETS HxPython LIBRARY DESTINATION ${hx_python_dir} COMPONENT Python)
+  install(DIRECTORY python/hxcf/ DESTINATION ${hx_python_dir} COMPONENT Python
+    FILES_MATCHING PATTERN "*.py" PATTERN "*.pyi" PATTERN py.typed)
+endif()
 install(DIRECTORY include/ tiles/include/ platform/base/include/ platform/stream/include/ platform/toolkit/include/
   DESTINATION ${hx_include_dir} COMPONENT Development
   PATTERN FileSyscalls.h EXCLUDE)  # for tests

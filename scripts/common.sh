@@ -55,7 +55,9 @@ need_compiler() {
   need cmake=cmake ninja=ninja-build g++=g++ \
     /usr/include/nlohmann/json.hpp=nlohmann-json3-dev /usr/include/CLI/CLI.hpp=libcli11-dev \
     /usr/include/sqlite3.h=libsqlite3-dev /usr/include/zlib.h=zlib1g-dev \
-    /usr/include/httplib.h=libcpp-httplib-dev /usr/include/brotli/decode.h=libbrotli-dev pkg-config=pkg-config "$@"
+    /usr/include/httplib.h=libcpp-httplib-dev /usr/include/brotli/decode.h=libbrotli-dev \
+    pkg-config=pkg-config /usr/bin/python3=python3 /usr/bin/python3-config=python3-dev \
+    /usr/include/pybind11/pybind11.h=pybind11-dev "$@"
 }
 
 # build PRESET [OPTION...]: configures and builds build/PRESET quietly; shows the log if it fails.

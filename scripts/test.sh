@@ -9,9 +9,9 @@ if [[ ${1--} != -* ]]; then
   preset=$1
   shift
 fi
-need_compiler /usr/include/gmock/gmock.h=libgmock-dev python3=python3 \
-  dpkg-shlibdeps=dpkg-dev file=file doxygen=doxygen abidiff=abigail-tools curl=curl \
-  /usr/sbin/nginx=nginx-light
+need_compiler /usr/include/gmock/gmock.h=libgmock-dev \
+  /usr/lib/python3/dist-packages/pytest=python3-pytest stubtest=mypy dpkg-shlibdeps=dpkg-dev \
+  file=file doxygen=doxygen abidiff=abigail-tools curl=curl /usr/sbin/nginx=nginx-light
 if [ "$preset" = s390x ]; then
   need s390x-linux-gnu-g++=g++-s390x-linux-gnu qemu-s390x-static=qemu-user-static \
     /usr/src/googletest/CMakeLists.txt=googletest

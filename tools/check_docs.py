@@ -9,7 +9,7 @@ import sys
 
 root = pathlib.Path(sys.argv[1])
 documents = [root / "README.md", root / "CONTRIBUTING.md", *sorted((root / "docs").glob("*.md"))]
-folders = ("cmake", "include", "src", "tiles", "platform", "tests", "tools", "fuzz", "benchmarks", "scripts")
+folders = ("cmake", "include", "src", "tiles", "platform", "tests", "tools", "python", "fuzz", "benchmarks", "scripts")
 sources = [path for folder in folders for path in (root / folder).rglob("*") if path.is_file()]
 words = set()
 for path in sources:

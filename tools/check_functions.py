@@ -30,7 +30,7 @@ def functions(lines):
 def main():
     project = pathlib.Path(sys.argv[1]).resolve()
     count = long = 0
-    for folder in ("src", "tiles", "platform", "include"):
+    for folder in ("src", "tiles", "platform", "include", "python"):
         for path in sorted((project / folder).rglob("*")):
             if path.suffix not in (".h", ".cpp"):
                 continue

@@ -24,6 +24,7 @@ LAYERS = {
     "engine": (["src/engine"], ["io", "format", "include", "base", "stream", "toolkit"]),
     "access": (["src/access"], ["io", "format", "include", "base", "stream", "toolkit"]),
     "tiles": (["tiles"], ["include", "base", "stream", "toolkit"]),
+    "python": (["python"], ["tiles", "include", "base", "stream", "toolkit"]),
     "tools": (["tools", "examples", "benchmarks"],
               ["tiles", "include", "base", "stream", "toolkit"]),
 }

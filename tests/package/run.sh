@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Uses the library as somebody else's project does: run.sh PART, where each PART is a function below.
 # All but install look for the library in the prefix that install has made.
-# From the environment: PROJECT, BUILD (its build folder), CXX, and EXAMPLES (their names).
+# From the environment: PROJECT, BUILD (its build folder), CXX, PYTHON, and EXAMPLES (their names).
 set -euo pipefail
 work=$BUILD/package/$1
 prefix=$BUILD/package/prefix
@@ -88,6 +88,16 @@ debian() {
     fail "the runtime package holds more than libraries"
   dpkg-deb -f "$work"/libhxcompactfile1_*.deb Depends | grep 'libc6 (>= .*libstdc++6 (>= '
   dpkg-deb -f "$work"/libhxcompactfile-dev_*.deb Depends | grep '^libhxcompactfile1 (= '
+}
+
+# The module for Python, from its package; it finds the libraries of the other one.
+python() {
+  local root=$BUILD/package/debian/root packages=$BUILD/package/debian
+  dpkg-deb -f "$packages"/python3-hxcf_*.deb Depends | grep 'libhxcompactfile1 (= .*python3 (<< '
+  dpkg-deb -e "$packages"/python3-hxcf_*.deb "$work/control"
+  [ -x "$work/control/postinst" ] && [ -x "$work/control/prerm" ]
+  ldd "$root"/usr/lib/python3/dist-packages/hxcf/_hxcf.*.so | grep "libHxTiles.*$root/"
+  PATH=$root/usr/bin:$PATH "$PROJECT/tests/python/run.sh" "$PYTHON" "$root/usr/lib/python3/dist-packages"
 }
 
 installed() { find "$prefix" "$work" -name "lib$1.so"; }

@@ -144,6 +144,12 @@ TEST_P(Containers, GiveBackWhatWasStored) {
   EXPECT_EQ(payload.filled(), 0U);
   EXPECT_EQ(moved.size(), 3U);
   EXPECT_TRUE(moved.verify());
+  std::uint64_t done = 0;
+  EXPECT_TRUE(
+      moved.verify({}, nullptr, [&](auto now, auto total) { return done = now, done <= total; }));
+  EXPECT_GT(done, 0U);
+  const auto cancel = [](auto, auto) { return false; };
+  EXPECT_EQ(CauseOf([&] { moved.verify({}, nullptr, cancel); }), Cause::kCancelled);
 }
 
 TEST_P(Containers, KeepVersionsUntilTheyAreErased) {
@@ -287,6 +293,8 @@ TEST_P(Tilesets, HoldTilesAndMetadata) {
   EXPECT_EQ(set.metadata().values(), metadata.values());
   EXPECT_EQ(set.ranges().size(), IsGrids() ? 2U : 0U);
   EXPECT_EQ(set.names() != nullptr, !IsGrids());
+  EXPECT_EQ(set.grid(4) != nullptr && set.grid(4)->get(Cell{15, 31}).text() == "c", IsGrids());
+  EXPECT_EQ(set.grid(5), nullptr);
   EXPECT_EQ(set.get(all[0]).text(), "a");
   EXPECT_EQ(set.find(all[1])->text(), "b");
   EXPECT_THAT(StampsOf(set.versions(all[2])), ElementsAre(7));
@@ -313,6 +321,8 @@ TEST_P(Tilesets, HoldTilesAndMetadata) {
   EXPECT_THAT(found, UnorderedElementsAre("4/31/15c"));
 
   metadata.set("name", "Another");
+  EXPECT_EQ(CauseOf([&] { Tileset::open(SetPath(), {true}).set_metadata(metadata); }),
+            Cause::kReadOnly);
   set.set_metadata(metadata);
   EXPECT_EQ(set.erase_older_than(UINT64_MAX), 3U);
   set.compact();

@@ -293,13 +293,19 @@ void Container::compact(const Progress& progress) { Expect(Use().engine.Compact(
 
 bool Container::verify(const std::function<bool(const Finding&)>& report,
                        VerifySummary* summary) const {
+  return verify(report, summary, {});
+}
+
+bool Container::verify(const std::function<bool(const Finding&)>& report, VerifySummary* summary,
+                       const Progress& progress) const {
   VerifySummary own;
   bool isSound = true;
   const auto tell = [&](const Finding& finding) {
     isSound = false;
     return !report || report(finding);
   };
-  const unsigned int result = Use().engine.Verify(summary != nullptr ? *summary : own, tell);
+  const unsigned int result =
+      Use().engine.Verify(summary != nullptr ? *summary : own, tell, progress);
   if (isSound) Expect(result);
   return isSound;
 }

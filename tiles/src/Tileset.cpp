@@ -148,7 +148,8 @@ struct Tileset::Set {
       call(layer.container);
   }
 
-  fs::path folder;  // of grids
+  fs::path folder;          // of grids
+  bool isReadOnly = false;  // of those; a container knows it
   std::vector<Layer> layers;
 };
 
@@ -194,6 +195,7 @@ Tileset Tileset::open(const fs::path& path, const Options& options) {
   Tileset tileset;
   tileset.m_set = std::make_unique<Set>();
   tileset.m_set->folder = path;
+  tileset.m_set->isReadOnly = options.read_only;
   for (const ZoomRange& range : ReadManifest(path).ranges)
     tileset.m_set->layers.push_back({range, Container::open(GridPath(path, range.zoom), options)});
   return tileset;
@@ -235,6 +237,13 @@ Container* Tileset::names() const noexcept {
   return m_set != nullptr && !m_set->IsGrids() ? &m_set->layers[0].container : nullptr;
 }
 
+Container* Tileset::grid(std::uint32_t zoom) const noexcept {
+  if (m_set == nullptr || !m_set->IsGrids()) return nullptr;
+  for (auto& [range, container] : m_set->layers)
+    if (range.zoom == zoom) return &container;
+  return nullptr;
+}
+
 std::vector<ZoomRange> Tileset::ranges() const {
   std::vector<ZoomRange> ranges;
   if (Use().IsGrids())
@@ -253,6 +262,8 @@ Metadata Tileset::metadata() const {
 
 void Tileset::set_metadata(const Metadata& metadata) {
   Set& set = Use();
+  if (set.isReadOnly)
+    Fail(ZrResult::kWriteFailure, Cause::kReadOnly, set.folder, "change the metadata of");
   if (set.IsGrids())
     WriteManifest(set.folder, {ranges(), metadata}, false);
   else

@@ -208,6 +208,10 @@ class HX_TILES_API Container {
   /// returns false to end the check, and must not use the file.
   bool verify(const std::function<bool(const Finding&)>& report = {},
               VerifySummary* summary = nullptr) const;
+  /// The same, with progress; it may use the file. Throws (Cause::kCancelled) if that ends the
+  /// check before there was a finding. `summary` may be null.
+  bool verify(const std::function<bool(const Finding&)>& report, VerifySummary* summary,
+              const Progress& progress) const;
   /// @}
 
  private:

@@ -72,6 +72,9 @@ class HX_TILES_API Tileset {
   void close() noexcept;
   /// The container of names; null for a set of grids.
   Container* names() const noexcept;
+  /// The grid of a zoom; null if there is none, and for a container of names. Its first row and
+  /// column are those of the range.
+  Container* grid(std::uint32_t zoom) const noexcept;
   /// Of a set of grids.
   std::vector<ZoomRange> ranges() const;
 
