@@ -50,6 +50,31 @@ bool IsOfObject(Cause cause) {
 
 }  // namespace
 
+bool IsMissing(Cause cause) {
+  switch (cause) {
+    case Cause::kNoTile:
+    case Cause::kOutOfRange:  // of the grid
+    case Cause::kTooLong:     // for a name
+    case Cause::kBadName:
+    case Cause::kEmptyArgument:
+      return true;
+    default:
+      return false;
+  }
+}
+
+int StatusOf(Cause cause) {
+  switch (cause) {
+    case Cause::kDamagedHeader:
+    case Cause::kDamagedEntry:
+    case Cause::kDamagedRecord:
+    case Cause::kInputOutput:
+      return 500;
+    default:
+      return IsMissing(cause) || cause == Cause::kWrongKind ? 404 : 503;
+  }
+}
+
 // The open object: a grid, or a set in a container of names or in grids.
 struct ServedFile::Handle {
   hx::Container grid;

@@ -20,6 +20,11 @@ namespace Serve {
 /// By what a tile is asked for.
 using Address = std::variant<hx::Tile, hx::Cell, std::string>;
 
+/// Whether a lookup has failed because there is no such tile.
+bool IsMissing(hx::Cause cause);
+/// As a status of HTTP: 404 for what is not there, 500 for what is damaged, else 503.
+int StatusOf(hx::Cause cause);
+
 /// A file that is served, or a set of grids. All threads share one open object; nothing that is
 /// stored meanwhile is missed, for no tile is kept.
 class ServedFile {
