@@ -6,6 +6,8 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -66,6 +68,7 @@ class ServedFile {
 
   std::shared_ptr<const Handle> Use() const { return m_handle.load(); }
   bool Reopen() const;
+  static std::optional<Address> FindFirst(const Handle& handle, bool& hasOtherNames);
   Facts LookAround() const;
   Survey WalkAll(const std::atomic<bool>& isStopping) const;
 
