@@ -90,6 +90,7 @@ importer() {
   local part=0 next=$EPOCHREALTIME
   while :; do
     "$hxcf" -q import --replace part$part tiles.cf
+    echo 100 >>stored
     part=$(((part + 1) % 5))
     next=$(awk -v n="$next" 'BEGIN {printf "%.6f", n + 0.2}')
     sleep "$(awk -v n="$next" -v t="$EPOCHREALTIME" 'BEGIN {print (n > t ? n - t : 0)}')"
@@ -131,3 +132,4 @@ for ((i = 0; i < pairs; ++i)); do
   unset 'running[2]'
   echo "$beside $alone"
 done | table "while 500 tiles in a second are stored, beside itself alone"
+awk -v s=$((pairs * seconds)) '{n += $1} END {printf "The importer has stored %.0f tiles in a second.\n", n / s}' stored

@@ -14,6 +14,7 @@ fail() {
 start() {
   local name=$1
   shift
+  : >"$name.out"
   "$hxcf" serve --port 0 "$@" >"$name.out" &
   running+=($!)
   printf -v "${name}_id" %s $!

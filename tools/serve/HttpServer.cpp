@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <charconv>
 #include <ctime>
-#include <exception>
+#include <new>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -28,6 +28,7 @@ struct Exchange {
   bool isAnswered = false;  // else the request could not be read
   bool isLast = false;
   std::size_t bodyLength = 0;  // of the request
+  std::chrono::steady_clock::time_point begin;
 
   void Reset(const ClientStream& newStream) {
     stream = &newStream;
@@ -35,6 +36,7 @@ struct Exchange {
     answer.Reset();
     isAnswered = isLast = false;
     bodyLength = 0;
+    begin = std::chrono::steady_clock::now();
   }
 };
 thread_local Exchange t_exchange;
@@ -137,8 +139,12 @@ int HttpServer::Engine::Start(const std::string& host, int port, unsigned int th
   new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
   m_listening = std::thread([this, host, port] {
     // It also returns when the system has failed to accept a connection.
-    while (!listen_after_bind() && !m_isEnding)
+    while (!m_isEnding) {
+      listen_after_bind();
+      if (m_isEnding) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
       bind_to_port(host, port);
+    }
   });
   while (!is_running())
     std::this_thread::yield();
@@ -154,27 +160,32 @@ void HttpServer::Engine::Stop() {
 }
 
 bool HttpServer::Engine::process_and_close_socket(socket_t socket) {
-  ClientStream stream(socket, m_end);
-  while (!m_isEnding && stream.Await())
-    if (!Answer(stream)) return false;
+  try {
+    ClientStream stream(socket, m_end);
+    while (!m_isEnding && stream.Await() && Answer(stream)) {
+    }
+  } catch (const std::bad_alloc&) {
+    return false;  // this client gets no answer; others may
+  }
   return true;
 }
 
 // False if the connection has come to its end.
 bool HttpServer::Engine::Answer(ClientStream& stream) {
-  const auto begin = std::chrono::steady_clock::now();
   Exchange& exchange = t_exchange;
   exchange.Reset(stream);
   bool isClosed = false;
   if (!process_request(stream, false, isClosed, [](httplib::Request& request) {
         request.ranges.clear();  // nothing is given in parts
         LookAtBody(request);
+        t_exchange.begin = std::chrono::steady_clock::now();
       }))
     return false;
   const bool isLast = isClosed || exchange.isLast;
   const std::string_view body =
       exchange.request.method == "HEAD" ? std::string_view() : exchange.answer.Body();
-  m_observer({exchange.answer.status, body.size(), std::chrono::steady_clock::now() - begin});
+  m_observer(
+      {exchange.answer.status, body.size(), std::chrono::steady_clock::now() - exchange.begin});
   if (!stream.Send(body)) return false;
   if (isLast) stream.Finish();
   return !isLast && stream.Skip(exchange.bodyLength);

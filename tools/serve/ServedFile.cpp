@@ -1,6 +1,7 @@
 #include "ServedFile.h"
 
 #include <algorithm>
+#include <optional>
 #include <set>
 #include <utility>
 
@@ -11,8 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using hx::Cause;
-
-constexpr int kLooks = 100;  // names that tell what a file holds
 
 // Failures after which a new object may do better.
 bool IsOfObject(Cause cause) {
@@ -30,25 +29,42 @@ bool IsOfObject(Cause cause) {
   }
 }
 
-[[noreturn]] void Cancel(const std::filesystem::path& path) {
+[[noreturn]] void Fail(const std::filesystem::path& path, Cause cause, const char* action) {
   Zarn::ZrError error;
-  error.result = Zarn::ZrResult::kReadFailure;
-  error.cause = Cause::kCancelled;
+  error.result =
+      cause == Cause::kWrongKind ? Zarn::ZrResult::kWrongFile : Zarn::ZrResult::kReadFailure;
+  error.cause = cause;
   error.path = path.string();
-  error.action = "walk over";
-  throw hx::Error(error);
-}
-
-[[noreturn]] void FailForKind(const std::filesystem::path& path) {
-  Zarn::ZrError error;
-  error.result = Zarn::ZrResult::kWrongFile;
-  error.cause = Cause::kWrongKind;
-  error.path = path.string();
-  error.action = "look up in";
+  error.action = action;
   throw hx::Error(error);
 }
 
 }  // namespace
+
+bool IsMissing(Cause cause) {
+  switch (cause) {
+    case Cause::kNoTile:
+    case Cause::kOutOfRange:  // of the grid
+    case Cause::kTooLong:     // for a name
+    case Cause::kBadName:
+    case Cause::kEmptyArgument:
+      return true;
+    default:
+      return false;
+  }
+}
+
+int StatusOf(Cause cause) {
+  switch (cause) {
+    case Cause::kDamagedHeader:
+    case Cause::kDamagedEntry:
+    case Cause::kDamagedRecord:
+    case Cause::kInputOutput:
+      return 500;
+    default:
+      return IsMissing(cause) || cause == Cause::kWrongKind ? 404 : 503;
+  }
+}
 
 // The open object: a grid, or a set in a container of names or in grids.
 struct ServedFile::Handle {
@@ -127,7 +143,7 @@ std::vector<hx::Version> ServedFile::Versions(const Address& address) const {
   if (const auto* const name = std::get_if<std::string>(&address);
       name != nullptr && file != nullptr)
     return file->versions(*name);
-  FailForKind(m_path);
+  Fail(m_path, Cause::kWrongKind, "look up in");
 }
 
 hx::Cause ServedFile::Check() const {
@@ -144,54 +160,57 @@ std::shared_ptr<const Survey> ServedFile::GetSurvey(const std::atomic<bool>& isS
   return m_survey.Get([&] { return WalkAll(isStopping); });
 }
 
-ServedFile::Facts ServedFile::LookAround() const {
-  const auto handle = Use();
-  Facts facts;
-  Address first;
-  bool hasFirst = false, hasOther = false;
-  const auto look = [&](Address address) {
-    if (!std::exchange(hasFirst, true)) first = std::move(address);
-  };
+// The first tile, if the first names have one.
+std::optional<Address> ServedFile::FindFirst(const Handle& handle, bool& hasOtherNames) {
+  constexpr int kLooks = 100;
   hx::CursorOptions options;
   options.payloads = false;
-  if (const hx::Container* const file = handle->File()) {
-    facts.tiles = file->size();
+  std::optional<Address> first;
+  if (handle.grid.is_open()) {
+    for (const hx::Entry& entry : handle.grid.tiles(options))
+      return entry.cell();
+  } else if (const hx::Container* const names = handle.set.names()) {
     int looks = 0;
-    for (const hx::Entry& entry : file->tiles(options)) {
-      if (handle->grid.is_open()) {
-        look(entry.cell());
-        break;
-      }
+    for (const hx::Entry& entry : names->tiles(options)) {
       const std::string name = entry.name();
-      if (const auto tile = hx::Tile::parse(name))
-        look(*tile);
-      else if (name != hx::Tileset::kMetadataName)
-        hasOther = true;
-      if (hasFirst || ++looks == kLooks) break;
+      if (const auto tile = hx::Tile::parse(name)) return *tile;
+      hasOtherNames |= name != hx::Tileset::kMetadataName;
+      if (++looks == kLooks) break;
     }
   } else {
-    facts.tiles = handle->set.size();
-    for (const hx::ZoomRange& range : handle->set.ranges()) {
-      if (hasFirst) break;
-      handle->set.for_each(
-          [&](const hx::Tile& tile, const hx::Entry&) {
-            look(tile);
-            return false;
-          },
-          range.zoom, options);
+    for (const hx::ZoomRange& range : handle.set.ranges()) {
+      const auto take = [&](const hx::Tile& tile, const hx::Entry&) {
+        first = tile;
+        return false;
+      };
+      handle.set.for_each(take, range.zoom, options);
+      if (first) break;
     }
   }
-  if (handle->set.is_open()) facts.metadata = handle->set.metadata();
-  if (handle->set.is_open() && handle->set.names() != nullptr && facts.tiles != 0)
-    facts.tiles -= handle->set.names()->contains(hx::Tileset::kMetadataName);
-  const bool isPyramid = handle->set.is_open() && (handle->set.names() == nullptr || hasFirst ||
-                                                   (!facts.metadata.empty() && !hasOther));
-  facts.kind = handle->grid.is_open() ? Kind::kGrid : isPyramid ? Kind::kPyramid : Kind::kNames;
+  return first;
+}
+
+ServedFile::Facts ServedFile::LookAround() const {
+  const auto handle = Use();
+  const hx::Container* const names = handle->set.is_open() ? handle->set.names() : nullptr;
+  bool hasOtherNames = false;
+  const std::optional<Address> first = FindFirst(*handle, hasOtherNames);
+  Facts facts;
+  if (handle->grid.is_open()) {
+    facts.kind = Kind::kGrid;
+    facts.tiles = handle->grid.size();
+  } else {
+    facts.metadata = handle->set.metadata();
+    const bool isPyramid = names == nullptr || first || (!facts.metadata.empty() && !hasOtherNames);
+    facts.kind = isPyramid ? Kind::kPyramid : Kind::kNames;
+    facts.tiles = names == nullptr ? handle->set.size()
+                                   : names->size() - names->contains(hx::Tileset::kMetadataName);
+  }
   const auto named = Formats::FormatOfName(facts.metadata.get("format"));
   facts.format = named != Formats::TileFormat::kUnknown ? Formats::NameOf(named)
                                                         : facts.metadata.get("format");
   hx::Payload payload;
-  if (facts.format.empty() && hasFirst && handle->Find(first, payload, hx::kNewest).ok())
+  if (facts.format.empty() && first && handle->Find(*first, payload, hx::kNewest).ok())
     facts.format = Formats::NameOf(Formats::DetectFormat(payload));
   return facts;
 }
@@ -208,7 +227,7 @@ Survey ServedFile::WalkAll(const std::atomic<bool>& isStopping) const {
     Level& level = survey.grid.emplace();
     for (const hx::Entry& entry : handle->grid.tiles(options)) {
       level.Add(entry.cell().row, entry.cell().col, fieldOf(entry));
-      if (isStopping) Cancel(m_path);
+      if (isStopping) Fail(m_path, Cause::kCancelled, "walk over");
     }
   } else {
     handle->set.for_each(
@@ -217,7 +236,7 @@ Survey ServedFile::WalkAll(const std::atomic<bool>& isStopping) const {
           return !isStopping;
         },
         {}, options);
-    if (isStopping) Cancel(m_path);
+    if (isStopping) Fail(m_path, Cause::kCancelled, "walk over");
   }
   const hx::Container* const file = handle->File();
   survey.statistics = file == nullptr ? handle->set.statistics()
@@ -229,13 +248,14 @@ std::vector<std::string> ServedFile::Names(std::string_view prefix, std::string_
                                            std::size_t most,
                                            const std::atomic<bool>& isStopping) const {
   const auto handle = Use();
-  if (!handle->set.is_open() || handle->set.names() == nullptr) FailForKind(m_path);
+  if (!handle->set.is_open() || handle->set.names() == nullptr)
+    Fail(m_path, Cause::kWrongKind, "look up in");
   std::set<std::string> names;
   hx::CursorOptions options;
   options.payloads = false;
   options.prefix = prefix;
   for (const hx::Entry& entry : handle->set.names()->tiles(options)) {
-    if (isStopping) Cancel(m_path);
+    if (isStopping) Fail(m_path, Cause::kCancelled, "walk over");
     std::string name = entry.name();
     if (name <= after || (names.size() == most && name > *names.rbegin())) continue;
     names.insert(std::move(name));

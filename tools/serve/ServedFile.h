@@ -6,6 +6,8 @@
 #include <chrono>
 #include <filesystem>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -19,6 +21,11 @@ namespace Serve {
 
 /// By what a tile is asked for.
 using Address = std::variant<hx::Tile, hx::Cell, std::string>;
+
+/// Whether a lookup has failed because there is no such tile.
+bool IsMissing(hx::Cause cause);
+/// As a status of HTTP: 404 for what is not there, 500 for what is damaged, else 503.
+int StatusOf(hx::Cause cause);
 
 /// A file that is served, or a set of grids. All threads share one open object; nothing that is
 /// stored meanwhile is missed, for no tile is kept.
@@ -61,6 +68,7 @@ class ServedFile {
 
   std::shared_ptr<const Handle> Use() const { return m_handle.load(); }
   bool Reopen() const;
+  static std::optional<Address> FindFirst(const Handle& handle, bool& hasOtherNames);
   Facts LookAround() const;
   Survey WalkAll(const std::atomic<bool>& isStopping) const;
 

@@ -216,7 +216,7 @@ void Server::Site::Answer(const HttpRequest& request, HttpAnswer& answer) {
   } catch (const Refusal& refusal) {
     fail(refusal.Status(), refusal.what());
   } catch (const hx::Error& error) {
-    fail(error.cause() == hx::Cause::kWrongKind ? 404 : 503, error.what());
+    fail(StatusOf(error.cause()), error.what());
   } catch (const std::bad_alloc&) {
     fail(503, "memory is short");
   } catch (const std::exception& error) {
@@ -305,7 +305,7 @@ void Server::Site::AnswerAddressed(const ServedFile& file, const Address& addres
 void Server::Site::AnswerHealth(HttpAnswer& answer) const {
   for (const auto& file : m_files) {
     const hx::Cause cause = file->Check();
-    if (cause != hx::Cause::kNone && cause != hx::Cause::kNoTile)
+    if (cause != hx::Cause::kNone && !IsMissing(cause))
       throw Refusal(503, file->Name() + " cannot be read: " + Zarn::ZrCauseText(cause));
   }
   AnswerText(answer, 200, "ok\n");

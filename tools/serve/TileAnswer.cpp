@@ -41,27 +41,6 @@ bool IsUnchanged(const HttpRequest& request, std::string_view tag,
   return since && *time <= *since;
 }
 
-// Throws Refusal for anything but a tile that is not there.
-void ThrowUnlessMissing(const ServedFile& file, hx::Status status) {
-  switch (status.cause()) {
-    case hx::Cause::kNoTile:
-    case hx::Cause::kOutOfRange:  // of the grid
-    case hx::Cause::kTooLong:     // for a name
-    case hx::Cause::kBadName:
-    case hx::Cause::kEmptyArgument:
-      return;
-    case hx::Cause::kWrongKind:
-      throw Refusal(404, file.Name() + " has no tiles that are asked for so");
-    case hx::Cause::kDamagedEntry:
-    case hx::Cause::kDamagedRecord:
-    case hx::Cause::kDamagedHeader:
-    case hx::Cause::kInputOutput:
-      throw Refusal(500, file.Name() + " cannot be read: " + status.text());
-    default:
-      throw Refusal(503, file.Name() + " cannot be read: " + status.text());
-  }
-}
-
 }  // namespace
 
 std::string CacheControlOf(std::uint32_t maxAge) {
@@ -74,7 +53,8 @@ bool AnswerTile(const ServedFile& file, const Address& address, const TileQuery&
   const hx::Status status = file.Find(address, answer.payload, query.stamp.value_or(hx::kNewest));
   // For a stamp that is not there, a lookup gives the newest version.
   if (!status || (query.stamp && answer.payload.stamp() != *query.stamp)) {
-    if (!status) ThrowUnlessMissing(file, status);
+    if (!status && !IsMissing(status.cause()))
+      throw Refusal(StatusOf(status.cause()), file.Name() + " cannot be read: " + status.text());
     answer.status = rules.missingStatus;
     if (answer.status != 204) answer.text = "there is no such tile\n";
     return false;
