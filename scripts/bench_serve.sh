@@ -7,7 +7,8 @@
 
 pairs=${1:-5} seconds=${2:-5}
 [[ $pairs =~ ^[1-9][0-9]*$ && $seconds =~ ^[1-9][0-9]*$ ]] || fail "how many pairs, of how many seconds?"
-need_compiler sqlite3=sqlite3 python3=python3 wrk=wrk /usr/sbin/nginx=nginx-light
+need_compiler sqlite3=sqlite3 python3=python3 wrk=wrk
+need_nginx
 build release
 hxcf=$PWD/build/release/tools/hxcf/hxcf
 mkdir -p "${3:-build/bench_serve}"
@@ -54,14 +55,14 @@ http {
   server { listen 127.0.0.1:$port; root $work; }
 }
 END
-/usr/sbin/nginx -c "$work/nginx.conf" -e "$work/nginx.log" &
+"$nginx" -c "$work/nginx.conf" -e "$work/nginx.log" &
 running+=($!)
 "$hxcf" serve tiles.cf --port 0 >address &
 running+=($!)
 until grep -q http address; do kill -0 "${running[1]}"; done
-nginx=http://127.0.0.1:$port
+peer=http://127.0.0.1:$port
 ours=$(sed 's|.* at \(http.*\)/|\1|' address)
-until curl -sf "$nginx/tiles/8/0/0.png" >/dev/null; do kill -0 "${running[0]}"; done
+until curl -sf "$peer/tiles/8/0/0.png" >/dev/null; do kill -0 "${running[0]}"; done
 
 cat >random.lua <<'END'
 local count = 0
@@ -115,12 +116,12 @@ table() {
     }'
 }
 
-load "$nginx" >/dev/null && load "$ours" >/dev/null
+load "$peer" >/dev/null && load "$ours" >/dev/null
 echo "$(du -m tiles.cf | cut -f1) MB of tiles; average load $(cut -d' ' -f1 /proc/loadavg)"
 echo "| hxcf serve | requests | p99 | the other's requests | its p99 | ratio |"
 echo "|---|---|---|---|---|---|"
 for ((i = 0; i < pairs; ++i)); do
-  echo "$(load "$ours") $(load "$nginx")"
+  echo "$(load "$ours") $(load "$peer")"
 done | table "beside nginx and a folder of files"
 for ((i = 0; i < pairs; ++i)); do
   alone=$(load "$ours")

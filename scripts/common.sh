@@ -30,6 +30,33 @@ need() {
   rm -f "$log"
 }
 
+# Sets nginx to the program: what is installed, or Debian's in build/nginx. It is not installed, for then
+# the system would run a server.
+need_nginx() {
+  find_nginx && return
+  echo "fetching nginx ..." >&2
+  local folder log state
+  log=$(mktemp)
+  state=$(mktemp -d)
+  mkdir -p "$state/lists/partial" "$state/archives/partial"
+  folder=$PWD/build/nginx
+  local apt=(apt-get -o Dir::State="$state" -o Dir::State::status=/dev/null -o Dir::Cache="$state"
+    -o APT::Sandbox::User=root)
+  if ! (cd "$state" && "${apt[@]}" update && "${apt[@]}" download nginx && dpkg -x nginx_*.deb root &&
+    mkdir -p "$(dirname "$folder")" && mv root "$folder") >"$log" 2>&1; then
+    fail "cannot fetch nginx through apt (see $log)"
+  fi
+  rm -r "$state" "$log"
+  find_nginx
+}
+
+find_nginx() {
+  for nginx in /usr/sbin/nginx "$PWD/build/nginx/usr/sbin/nginx"; do
+    [ ! -x "$nginx" ] || return 0
+  done
+  return 1
+}
+
 # need_charsets MACHINE: the character sets of Debian's C library for that machine, as files in
 # build/MACHINE-libc. Its cross packages lack them. Nothing is installed, and apt's lists stay as they
 # are.

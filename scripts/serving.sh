@@ -8,14 +8,16 @@
 . "$(dirname "$0")/common.sh"
 
 if [ $# -eq 0 ]; then
-  need_compiler /usr/sbin/nginx=nginx-light curl=curl python3=python3
+  need_compiler curl=curl python3=python3
+  need_nginx
   build release
   hxcf=$PWD/build/release/tools/hxcf/hxcf
 else
   hxcf=$(realpath "$1")
-  for program in /usr/sbin/nginx curl python3; do
+  for program in curl python3; do
     command -v $program >/dev/null || { echo "left out: no $program" && exit 77; }
   done
+  find_nginx || { echo "left out: no nginx" && exit 77; }
 fi
 recipe=$PWD/docs/serving.md
 work=$(mktemp -d)
@@ -58,7 +60,7 @@ http {
   include $work/recipe.conf;
 }
 END
-/usr/sbin/nginx -c "$work/nginx.conf" -e "$work/nginx.log" &
+"$nginx" -c "$work/nginx.conf" -e "$work/nginx.log" &
 running+=($!)
 map=http://127.0.0.1:$free
 until curl -sf "$map/health" >/dev/null; do kill -0 "${running[2]}" || fail "$(cat nginx.log)"; done

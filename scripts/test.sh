@@ -11,7 +11,8 @@ if [[ ${1--} != -* ]]; then
 fi
 need_compiler /usr/include/gmock/gmock.h=libgmock-dev \
   /usr/lib/python3/dist-packages/pytest=python3-pytest stubtest=mypy dpkg-shlibdeps=dpkg-dev \
-  file=file doxygen=doxygen abidiff=abigail-tools curl=curl /usr/sbin/nginx=nginx-light
+  file=file doxygen=doxygen abidiff=abigail-tools curl=curl
+need_nginx
 if [ "$preset" = s390x ]; then
   need s390x-linux-gnu-g++=g++-s390x-linux-gnu qemu-s390x-static=qemu-user-static \
     /usr/src/googletest/CMakeLists.txt=googletest
