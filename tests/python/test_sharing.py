@@ -106,17 +106,18 @@ def test_a_child_cannot_use_its_parents_file(names):
     child = os.fork()
     if child == 0:
         refused = 0
-        for call in (lambda: names["a"], lambda: names.put("a", b"child"), lambda: next(walk), names.compact):
-            try:
-                call()
-            except hxcf.ForkError as error:
-                refused += error.path == names.path and isinstance(error, RuntimeError)
-        own = hxcf.open(names.path, "r+")
-        own["child"] = names.path.encode()
-        names.close()
-        del walk
-        own.close()
-        os._exit(0 if refused == 4 else 1)
+        try:
+            for call in (lambda: names["a"], lambda: names.put("a", b"child"), lambda: next(walk), names.compact):
+                try:
+                    call()
+                except hxcf.ForkError as error:
+                    refused += error.path == names.path and isinstance(error, RuntimeError)
+            with hxcf.open(names.path, "r+") as own:
+                own["child"] = names.path.encode()
+            names.close()
+            del walk
+        finally:
+            os._exit(0 if refused == 4 else 1)
     assert os.waitpid(child, 0)[1] == 0
     names["b"] = b"more"
     assert list(walk)[0] == ("a", b"data") and names["child"] == names.path.encode()
