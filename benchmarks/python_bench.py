@@ -1,4 +1,4 @@
-"""How fast Python's hxcf gives and takes 65,536 web tiles, beside lmdb and sqlite3.
+"""How fast Python's hxcf gives 65,536 web tiles, and takes a quarter of them, beside lmdb and sqlite3.
 
 The contenders take turns, in another order each time, and each ratio is that of two measurements made
 moments apart; the medians are shown. Processor time counts, for all work is that of one thread. What
@@ -6,6 +6,7 @@ is stored survives the death of the process, not the loss of power: LMDB does no
 write-ahead log and synchronous=OFF. Usage: python_bench.py FOLDER [PASSES]
 """
 
+import functools
 import gc
 import math
 import os
@@ -22,6 +23,8 @@ import lmdb
 
 SIDE = 256
 BATCH = 1024
+STORED = 16 * BATCH  # one by one, and in batches
+NAMES = ("hxcf", "hxcf, alone", "hxcf, mapped", "lmdb", "lmdb, renewed", "sqlite3")
 ZOOM = 8
 
 
@@ -158,69 +161,72 @@ class Sqlite:
         return sum(len(data) for (data,) in self.base.execute("SELECT data FROM tiles"))
 
 
-def settle(folder):
-    """Waits until what was written is on the disk."""
-    for path in folder.glob("*/*"):
-        with path.open("rb") as file:
-            os.fsync(file)
-
-
 class Measures:
     """Seconds by what was measured and by contender, one after the other."""
 
-    def __init__(self, folder, passes):
-        self.folder, self.passes, self.rows = folder, passes, {}
+    def __init__(self, passes):
+        self.passes, self.rows = passes, {}
 
-    def take(self, row, contenders, work):
-        """Has `work(name, contender)` done by all in turns."""
+    def take(self, row, count, contenders, work, prepare=lambda name: None):
+        """Has `work(name, contender)` done by all in turns, each time after `prepare(name)`. It is
+        about so many tiles."""
         order = random.Random(3)
         for _ in range(self.passes):
             for name in order.sample(list(contenders), len(contenders)):
+                prepare(name)
                 gc.collect()
-                settle(self.folder)
                 begin = time.process_time()
                 work(name, contenders[name])
-                seconds = time.process_time() - begin
+                seconds = (time.process_time() - begin) / count
                 self.rows.setdefault(row, {}).setdefault(name, []).append(seconds)
+        self.show(row)
 
-    def show(self, count):
-        """As a table in Markdown."""
-        names = list(dict.fromkeys(name for row in self.rows.values() for name in row))
-        print("| speed (1.00: as fast as hxcf) | hxcf, time of one | " + " | ".join(names[1:]) + " |")
-        print("|---" * (len(names) + 1) + "|")
-        for row, times in self.rows.items():
-            own = times[names[0]]
-            cells = [f"{statistics.median(own) / count * 1e6:.2f} µs"]
-            for name in names[1:]:
-                ratios = [a / b for a, b in zip(own, times.get(name, []))]
-                cells.append(f"{statistics.median(ratios):.2f}" if ratios else "")
-            print(f"| {row} | " + " | ".join(cells) + " |")
+    def show(self, row):
+        """As a row of a table in Markdown."""
+        own = self.rows[row]["hxcf"]
+        cells = [f"{statistics.median(own) * 1e6:.2f} µs"]
+        for name in NAMES[1:]:
+            ratios = [a / b for a, b in zip(own, self.rows[row].get(name, []))]
+            cells.append(f"{statistics.median(ratios):.2f}" if ratios else "")
+        print(f"| {row} | " + " | ".join(cells) + " |", flush=True)
 
 
 def main():
     folder = pathlib.Path(sys.argv[1])
-    measures = Measures(folder, int(sys.argv[2]) if len(sys.argv) > 2 else 5)
+    measures = Measures(int(sys.argv[2]) if len(sys.argv) > 2 else 5)
+    print("| speed (1.00: as fast as hxcf) | hxcf, time of one | " + " | ".join(NAMES[1:]) + " |")
+    print("|---" * (len(NAMES) + 1) + "|")
     tiles = list(web_tiles())
     expected = sum(len(data) for _, data in tiles)
 
     def make(name):
+        # What is removed so soon was never written to the disk, and keeps nobody waiting.
         shutil.rmtree(folder / name, ignore_errors=True)
         (folder / name).mkdir(parents=True)
-        kinds = {"hxcf": Hxcf, "lmdb": Lmdb, "sqlite3": Sqlite}
         return kinds[name](folder / name)
 
+    alone = functools.partial(Hxcf, process_lock=False)
+    kinds = {"hxcf": Hxcf, "hxcf, alone": alone, "lmdb": Lmdb, "sqlite3": Sqlite}
+    keyed = {"lmdb": [(Lmdb.key(key), data) for key, data in tiles]}
+    pairs = {name: keyed.get(name, tiles) for name in kinds}
+    made = {}
     for row, how in (("put each", "put"), ("put, 1,024 at once", "put_many")):
-        pairs = {n: [(make(n).key(k), d) for k, d in tiles] for n in ("hxcf", "lmdb", "sqlite3")}
+
+        def prepare(name):
+            if name in made:
+                made[name].close()
+            made[name] = make(name)
+            made[name].open("w")
 
         def store(name, _):
-            contender = make(name)
-            contender.open("w")
-            put = getattr(contender, how)
-            for first in range(0, len(tiles), BATCH):
+            put = getattr(made[name], how)
+            for first in range(0, STORED, BATCH):
                 put(pairs[name][first : first + BATCH])
-            contender.close()
 
-        measures.take(row, dict.fromkeys(pairs), store)
+        measures.take(row, STORED, dict.fromkeys(pairs), store, prepare)
+    for name, contender in made.items():
+        contender.put_many(pairs[name][STORED:])  # to be read
+        contender.close()
 
     readers = {
         "hxcf": Hxcf(folder / "hxcf"),
@@ -240,12 +246,11 @@ def main():
     def walk(_, reader):
         assert reader.walk() == expected
 
+    measures.passes *= 2
     for row, work in (("get", get), ("walk", walk)):
-        measures.passes *= 2
-        measures.take(row, readers, work)
+        measures.take(row, len(tiles), readers, work)
     for reader in readers.values():
         reader.close()
-    measures.show(len(tiles))
 
 
 if __name__ == "__main__":

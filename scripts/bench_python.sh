@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# How fast the Python module takes and gives 65,536 web tiles, beside lmdb and sqlite3, in some three
-# minutes.
+# How fast the Python module gives 65,536 web tiles and takes a quarter of them, beside lmdb and sqlite3,
+# in some two minutes.
 #   scripts/bench_python.sh [--record] [PASSES [FOLDER]]   (5, in build/bench_python; needs some 2 GB)
 # --record puts the table into docs/python.md as well.
 . "$(dirname "$0")/common.sh"

@@ -17,7 +17,7 @@ bool IsA(const py::handle& object, PyTypeObject* type) {
 }
 
 std::uint32_t NumberAt(const py::handle& tuple, Py_ssize_t at) {
-  return py::cast<std::uint32_t>(PyTuple_GET_ITEM(tuple.ptr(), at));
+  return ToNumber(PyTuple_GET_ITEM(tuple.ptr(), at));
 }
 
 Ranges ToRanges(const py::handle& layout) {

@@ -44,6 +44,15 @@ const char* KindOf(const hx::Finding& finding) {
   return "other";
 }
 
+std::uint64_t ToUnsigned(PyObject* number, std::uint64_t most, const char* message) {
+  const py::object index = Own(PyNumber_Index(number));
+  const unsigned long long value = PyLong_AsUnsignedLongLong(index.ptr());
+  const bool isFailed = PyErr_Occurred() != nullptr;
+  PyErr_Clear();
+  if (isFailed || value > most) throw py::value_error(message);
+  return value;
+}
+
 }  // namespace
 
 const Types& Get() {
@@ -92,14 +101,12 @@ py::object ToPython(const std::vector<hx::Stamp>& stamps) {
 }
 
 hx::Stamp ToStamp(PyObject* number) {
-  const py::object index = Own(PyNumber_Index(number));
-  const hx::Stamp stamp = PyLong_AsUnsignedLongLong(index.ptr());
-  if (stamp == static_cast<hx::Stamp>(-1) && PyErr_Occurred() != nullptr) {
-    PyErr_Clear();
-    PyErr_SetString(PyExc_ValueError, "a stamp is a number from 0 to 2**64 - 1");
-    ThrowSet();
-  }
-  return stamp;
+  return ToUnsigned(number, UINT64_MAX, "a stamp is a number from 0 to 2**64 - 1");
+}
+
+std::uint32_t ToNumber(PyObject* number) {
+  constexpr const char* kMessage = "zooms, rows and columns are numbers from 0 to 2**32 - 1";
+  return static_cast<std::uint32_t>(ToUnsigned(number, UINT32_MAX, kMessage));
 }
 
 }  // namespace hxpy

@@ -42,7 +42,9 @@ py::object ToPython(const hx::Statistics& statistics);
 py::object ToPython(const hx::Finding& finding, const std::string& path);
 py::object ToPython(const std::vector<hx::Stamp>& stamps);
 
-/// Of a number that Python has given as a stamp.
+/// Of a number that Python has given as a stamp. Throws ValueError if none can be so.
 hx::Stamp ToStamp(PyObject* number);
+/// The same of a zoom, or a number of rows or columns.
+std::uint32_t ToNumber(PyObject* number);
 
 }  // namespace hxpy

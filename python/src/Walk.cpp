@@ -158,10 +158,10 @@ void SetWalkSlots(PyHeapTypeObject* type) {
 Filter MakeFilter(const py::object& zoom, const std::string& prefix) {
   Filter filter{prefix, {}};
   if (PyIndex_Check(zoom.ptr()) != 0)
-    filter.zooms = {py::cast<std::uint32_t>(zoom)};
+    filter.zooms = {ToNumber(zoom.ptr())};
   else if (!zoom.is_none())
     for (const py::handle one : filter.zooms.emplace(), zoom)
-      filter.zooms->push_back(py::cast<std::uint32_t>(one));
+      filter.zooms->push_back(ToNumber(one.ptr()));
   return filter;
 }
 

@@ -104,6 +104,7 @@ struct Check {
 // twice as large.
 void VerifyFile(Container& file, const Container::Progress& tell, std::size_t limit, Check& check) {
   constexpr int kTries = 20;
+  const std::string path = file.path();
   const std::size_t known = check.findings.size();
   const std::uint64_t found = check.found;
   for (int i = 1;; ++i)
@@ -111,7 +112,7 @@ void VerifyFile(Container& file, const Container::Progress& tell, std::size_t li
       hx::VerifySummary summary;
       const auto report = [&](const hx::Finding& finding) {
         ++check.found;
-        if (check.findings.size() < limit) check.findings.push_back({finding, file.path()});
+        if (check.findings.size() < limit) check.findings.push_back({finding, path});
         return true;
       };
       file.verify(report, &summary, tell);

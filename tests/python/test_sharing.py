@@ -3,7 +3,9 @@
 import multiprocessing
 import os
 import random
+import sys
 import threading
+import time
 
 import hxcf
 import pytest
@@ -104,17 +106,18 @@ def test_a_child_cannot_use_its_parents_file(names):
     child = os.fork()
     if child == 0:
         refused = 0
-        for call in (lambda: names["a"], lambda: names.put("a", b"child"), lambda: next(walk), names.compact):
-            try:
-                call()
-            except hxcf.ForkError as error:
-                refused += error.path == names.path and isinstance(error, RuntimeError)
-        own = hxcf.open(names.path, "r+")
-        own["child"] = names.path.encode()
-        names.close()
-        del walk
-        own.close()
-        os._exit(0 if refused == 4 else 1)
+        try:
+            for call in (lambda: names["a"], lambda: names.put("a", b"child"), lambda: next(walk), names.compact):
+                try:
+                    call()
+                except hxcf.ForkError as error:
+                    refused += error.path == names.path and isinstance(error, RuntimeError)
+            with hxcf.open(names.path, "r+") as own:
+                own["child"] = names.path.encode()
+            names.close()
+            del walk
+        finally:
+            os._exit(0 if refused == 4 else 1)
     assert os.waitpid(child, 0)[1] == 0
     names["b"] = b"more"
     assert list(walk)[0] == ("a", b"data") and names["child"] == names.path.encode()
@@ -144,6 +147,52 @@ def test_closing_waits_for_calls_of_other_threads(names):
     for thread in threads:
         thread.join()
     assert ends == [hxcf.ClosedError] * 8
+
+
+def test_other_threads_run_during_each_call(names):
+    """Python takes its lock from no thread here, so another one runs only where a call gives it up."""
+    names.put_many((str(i), b"data" * 1000) for i in range(500))
+    calls = {
+        "t[key]": lambda: names["1"],
+        "t[key] = data": lambda: names.__setitem__("1", b"data"),
+        "del": lambda: names.__delitem__(next(names.keys())),
+        "in": lambda: "1" in names,
+        "len": lambda: len(names),
+        "get": lambda: names.get("none"),
+        "view": lambda: names.view("1"),
+        "readinto": lambda: names.readinto("1", bytearray(9)),
+        "put": lambda: names.put("1", b"data", version=1),
+        "put_many": lambda: names.put_many([("1", b"data")]),
+        "versions": lambda: names.versions("1"),
+        "discard": lambda: names.discard("none"),
+        "next": lambda walk=names.items(): next(walk),
+        "stats": names.stats,
+        "verify": names.verify,
+        "compact": names.compact,
+        "flush": names.flush,
+        "discard_older": lambda: names.discard_older(0),
+        "meta": lambda: names.meta.update(name="x"),
+        "open": lambda: hxcf.open(names.path),
+    }
+    turns, ends = [0], threading.Event()
+
+    def count():
+        while not ends.is_set():
+            turns[0] += 1
+            time.sleep(0)
+
+    interval = sys.getswitchinterval()
+    thread = threading.Thread(target=count)
+    thread.start()
+    sys.setswitchinterval(10**6)
+    try:
+        for name, call in calls.items():
+            before = turns[0]
+            assert any(call() is turns or turns[0] != before for _ in range(300)), name
+    finally:
+        sys.setswitchinterval(interval)
+        ends.set()
+        thread.join()
 
 
 def test_an_iterator_is_one_threads_at_a_time(names):
