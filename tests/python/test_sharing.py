@@ -151,7 +151,7 @@ def test_closing_waits_for_calls_of_other_threads(names):
 
 def test_other_threads_run_during_each_call(names):
     """Python takes its lock from no thread here, so another one runs only where a call gives it up."""
-    names.put_many((str(i), b"data" * 1000) for i in range(500))
+    names.put_many((str(i), b"data") for i in range(20000))  # more than are asked for
     calls = {
         "t[key]": lambda: names["1"],
         "t[key] = data": lambda: names.__setitem__("1", b"data"),
@@ -165,7 +165,7 @@ def test_other_threads_run_during_each_call(names):
         "put_many": lambda: names.put_many([("1", b"data")]),
         "versions": lambda: names.versions("1"),
         "discard": lambda: names.discard("none"),
-        "next": lambda walk=names.items(): next(walk),
+        "next": lambda walk=names.items(): next(walk, None),
         "stats": names.stats,
         "verify": names.verify,
         "compact": names.compact,
@@ -188,7 +188,7 @@ def test_other_threads_run_during_each_call(names):
     try:
         for name, call in calls.items():
             before = turns[0]
-            assert any(call() is turns or turns[0] != before for _ in range(300)), name
+            assert any(call() is turns or turns[0] != before for _ in range(10**6)), name
     finally:
         sys.setswitchinterval(interval)
         ends.set()
