@@ -65,7 +65,7 @@ double ReadIndexBare(const Place& place) {
   const std::unique_ptr<char[]> block(new char[kBlock]);
   const int file = ::open((place.folder / "tiles.cf").c_str(), O_RDONLY | O_CLOEXEC);
   const off_t end = 76 + static_cast<off_t>(place.total) * 8;
-  const double seconds = Seconds([&] {
+  const double seconds = CpuSeconds([&] {
     for (off_t at = 76; at < end; at += kBlock) {
       at = std::max(at, ::lseek(file, at, SEEK_DATA));
       Check(::pread(file, block.get(), kBlock, at) > 0);

@@ -30,7 +30,7 @@ function(hx_target_settings target)
   # Of tests and programs the lines will do: that takes a quarter less time to build. package_abi
   # looks into the libraries.
   get_target_property(type ${target} TYPE)
-  if(type STREQUAL "EXECUTABLE" AND CMAKE_CXX_FLAGS MATCHES "(^| )-g( |$)")
+  if(type MATCHES "EXECUTABLE|MODULE" AND CMAKE_CXX_FLAGS MATCHES "(^| )-g( |$)")
     target_compile_options(${target} PRIVATE -g1)
   endif()
   if(HX_WARNINGS_AS_ERRORS)
