@@ -51,6 +51,12 @@ function(hx_target_settings target)
   endif()
 endfunction()
 
+# Compiles several files of the target at once: to read the headers of libraries, and to make code of
+# their templates for each file anew, takes most of the time.
+function(hx_build_together target)
+  set_target_properties(${target} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 6)
+endfunction()
+
 # A shared library with an include folder that its users need as well. Its headers stay usable
 # from C++17.
 function(hx_shared_library target include_dir)
