@@ -65,12 +65,22 @@ class Store {
     /// The same, to store. Throws ArgumentError.
     Place FindToStore(const Address& address) const;
 
+    /// Lets Python run the handlers of signals, and of nothing else, within a long call. Throws
+    /// what they raise, and ForkError in a child that one of them has made.
+    void CheckSignals() const;
+    /// Throws ForkError in a child process that was made since.
+    void CheckFork() const;
+
    private:
+    static thread_local int s_depth;  // how many this thread has, of all archives
+    friend class Store;
+
     Store& m_store;
   };
 
   bool IsClosed() const { return m_archive == nullptr || m_isClosing; }
-  /// Waits for the calls of other threads that are under way; later ones find it closed.
+  /// Waits for the calls of other threads that are under way; later ones find it closed. Throws
+  /// RuntimeError where that could wait for ever: within a call of this thread.
   void Close();
   /// As it was opened.
   const std::string& GetPath() const { return m_path; }
@@ -88,17 +98,5 @@ class Store {
 
 /// From now on forks are counted.
 void WatchForks();
-/// Says that this thread runs a function that an operation was given: to close would wait for ever.
-class Callback {
- public:
-  Callback() { ++s_depth; }
-  ~Callback() { --s_depth; }
-  Callback(const Callback&) = delete;
-  Callback& operator=(const Callback&) = delete;
-  static bool IsRunning() { return s_depth > 0; }
-
- private:
-  static thread_local int s_depth;
-};
 
 }  // namespace hxpy
