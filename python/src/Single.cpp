@@ -49,10 +49,7 @@ bool Discard(const Tiles& tiles, const py::object& key, const py::object& versio
   const MaybeStamp stamp = ToMaybeStamp(version);
   const Store::Use use(*tiles.store);
   const auto place = use.Find(address);
-  return place && IfPossible([&] {
-           return stamp ? place->container->erase(place->key, *stamp)
-                        : place->container->erase(place->key);
-         });
+  return place && IfPossible([&] { return use.Erase(*place, stamp); });
 }
 
 py::list Versions(const Tiles& tiles, const py::object& key) {

@@ -33,7 +33,7 @@ void Erase(Store& store, PyObject* key) {
   const Address address(key);
   const Store::Use use(store);
   const auto place = use.Find(address);
-  if (!place || !IfPossible([&] { return place->container->erase(place->key); })) ThrowMissing(key);
+  if (!place || !IfPossible([&] { return use.Erase(*place, std::nullopt); })) ThrowMissing(key);
 }
 
 // Without data, it is `del`.

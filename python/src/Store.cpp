@@ -75,6 +75,12 @@ Store::Use::~Use() {
   m_store.m_change.notify_all();
 }
 
+// The container looks whether a tile is there before it removes it.
+bool Store::Use::Erase(const Place& place, const std::optional<hx::Stamp>& stamp) const {
+  const std::lock_guard one(m_store.m_removal);
+  return stamp ? place.container->erase(place.key, *stamp) : place.container->erase(place.key);
+}
+
 void Store::Use::CheckFork() const {
   if (m_store.m_process != g_forks) ThrowForked(m_store.m_path);
 }

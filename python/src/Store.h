@@ -65,8 +65,12 @@ class Store {
     /// The same, to store. Throws ArgumentError.
     Place FindToStore(const Address& address) const;
 
-    /// Lets Python run the handlers of signals, and of nothing else, within a long call. Throws
-    /// what they raise, and ForkError in a child that one of them has made.
+    /// Removes a tile, or one version of it. False if it was not there: of several threads that
+    /// remove the same, one is told true. Without Python's lock.
+    bool Erase(const Place& place, const std::optional<hx::Stamp>& stamp) const;
+
+    /// Lets Python run the handlers of signals. Throws what they raise, and ForkError in a child
+    /// that one of them has made.
     void CheckSignals() const;
     /// Throws ForkError in a child process that was made since.
     void CheckFork() const;
@@ -94,6 +98,7 @@ class Store {
 
   std::mutex m_mutex;  // taken after Python's lock is given up, or for a moment
   std::condition_variable m_change;
+  std::mutex m_removal;  // held by one that removes a tile; taken without Python's lock
 };
 
 /// From now on forks are counted.
