@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 
 #include "HxPlatformExport.h"
@@ -14,8 +12,7 @@ namespace Zarn {
 /// Begin opens a stream on a private temporary file in the directory of the path; the owner writes
 /// through the stream; Publish or Replace gives the file its name, in one step; Commit makes that
 /// final. Without Commit the destructor closes the stream and undoes everything: the file is gone,
-/// and what it has replaced is back; but in a child that was forked meanwhile it leaves the file to
-/// its maker. A process that is killed meanwhile leaves a file named
+/// and what it has replaced is back. A process that is killed meanwhile leaves a file named
 /// ".hxcf-" and 16 hexadecimal digits, which may be deleted.
 class HX_PLATFORM_API ZrNewFile {
  public:
@@ -56,7 +53,6 @@ class HX_PLATFORM_API ZrNewFile {
   std::string m_nativePath;
   std::string m_temporary;  // names the new file, or while exchanged what it has replaced
   State m_state = State::kNone;
-  pid_t m_process = 0;  // which has begun
 };
 
 }  // namespace Zarn

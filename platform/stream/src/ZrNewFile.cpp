@@ -1,7 +1,6 @@
 #include "ZrNewFile.h"
 
 #include <sys/random.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cinttypes>
@@ -48,7 +47,6 @@ bool ZrNewFile::Make(const std::string& temporary, unsigned int permissions) {
       m_temporary.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, permissions);
   if (fd < 0) return false;
   m_state = State::kBegun;
-  m_process = ::getpid();
   if (m_stream.Attach(fd, false)) return true;
   Undo();
   errno = EIO;
@@ -114,10 +112,6 @@ void ZrNewFile::Commit() {
 void ZrNewFile::Undo() {
   const State state = std::exchange(m_state, State::kNone);
   if (state == State::kNone) return;
-  if (m_process != ::getpid()) {
-    m_stream.Close();
-    return;
-  }
   const FileSyscalls& calls = GetFileSyscalls();
   struct stat there;
   struct stat ours;
