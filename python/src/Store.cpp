@@ -75,9 +75,11 @@ Store::Use::~Use() {
   m_store.m_change.notify_all();
 }
 
-// The container looks whether a tile is there before it removes it.
+// The container looks whether a tile is there before it removes it. Within a compaction's progress
+// this does not wait: whoever removes one may wait for the compaction.
 bool Store::Use::Erase(const Place& place, const std::optional<hx::Stamp>& stamp) const {
-  const std::lock_guard one(m_store.m_removal);
+  std::unique_lock one(m_store.m_removal, std::defer_lock);
+  if (s_depth == 1) one.lock();
   return stamp ? place.container->erase(place.key, *stamp) : place.container->erase(place.key);
 }
 
