@@ -20,7 +20,7 @@ from ._errors import (
     NoFileError,
     StorageError,
 )
-from ._hxcf import Payload, Tiles, Walk, open
+from ._hxcf import Payload, Tiles, Walk, __version__ as __version__, open
 from ._types import (
     Cell,
     Check,

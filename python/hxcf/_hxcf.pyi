@@ -39,9 +39,11 @@ _T = TypeVar("_T")
 _Found = TypeVar("_Found")
 _AnyKey = TypeVar("_AnyKey", bound=Key)
 _Data = Union[ReadableBuffer, Payload]
-_Items = Union[Iterable[Tuple[_AnyKey, _Data]], Mapping[_AnyKey, _Data]]
+_Items = Union[Iterable[Tuple[Key, _Data]], Mapping[_AnyKey, _Data]]
 _Progress = Optional[Callable[[int, int], object]]
 _Zoom = Union[None, int, Iterable[int]]
+
+__version__: str
 
 def open(
     path: Union[str, bytes, os.PathLike[str], os.PathLike[bytes]],
@@ -62,6 +64,7 @@ class Payload:
     def complete(self) -> bool: ...
     def __len__(self) -> int: ...
     def __bytes__(self) -> bytes: ...
+    def __buffer__(self, flags: int, /) -> memoryview: ...  # of the type in C, too, up to Python 3.11
 
 @final
 class Walk(Iterator[_Found]):

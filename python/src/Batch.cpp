@@ -70,8 +70,9 @@ std::uint64_t PutMany(const Tiles& tiles, const py::object& items, const py::obj
   const bool isMapping = py::hasattr(items, "keys");
   const py::object iterator =
       Own(PyObject_GetIter((isMapping ? items.attr("items")() : items).ptr()));
-  while (PyObject* const next = PyIter_Next(iterator.ptr())) {
-    batch.Add(py::reinterpret_steal<py::object>(next));
+  const auto next = [&] { return StayAtExit([&] { return PyIter_Next(iterator.ptr()); }); };
+  while (PyObject* const pair = next()) {
+    batch.Add(py::reinterpret_steal<py::object>(pair));
     if (!batch.IsFull()) continue;
     count += batch.StoreAll();
     if (PyErr_CheckSignals() != 0) ThrowSet();
@@ -87,8 +88,8 @@ void DefineBatch(TilesClass& tiles) {
       .def("put_many", PutMany, py::arg("items"), py::pos_only(), py::kw_only(),
            py::arg("version") = 0,
            "Stores pairs (key, data), or a mapping, some hundred at a time, which is faster than "
-           "one by one. Returns how many. Of those that are stored together, one that fails keeps "
-           "no other from being stored.")
+           "one by one. Returns how many. If it raises, those of before may be stored and those "
+           "behind may be not: see the documents.")
       .def(
           "update",
           [](const Tiles& self, const py::object& items) { PutMany(self, items, py::int_(0)); },

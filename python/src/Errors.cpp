@@ -6,8 +6,9 @@ namespace hxpy {
 namespace {
 
 py::object ToPython(const hx::Error& error) {
-  return Get().makeError(error.what(), error.code(), static_cast<std::uint32_t>(error.cause()),
-                         error.system_error(), py::bytes(error.path()));
+  return Get().makeError(DecodePath(error.what()), error.code(),
+                         static_cast<std::uint32_t>(error.cause()), error.system_error(),
+                         py::bytes(error.path()));
 }
 
 }  // namespace
@@ -27,9 +28,10 @@ void Throw(unsigned int code, hx::Cause cause, const std::string& path, const ch
 }
 
 void ThrowForked(const std::string& path) {
-  const py::object error = Get().forkError(
-      "this object is the parent process's; open the file in the child",
-      unsigned{Zarn::ZrResult::kNotOpen}, static_cast<std::uint32_t>(hx::Cause::kNotOpen), 0, path);
+  const py::object error =
+      Get().forkError("this object is the parent process's; open the file in the child",
+                      unsigned{Zarn::ZrResult::kNotOpen},
+                      static_cast<std::uint32_t>(hx::Cause::kNotOpen), 0, DecodePath(path.c_str()));
   PyErr_SetObject(error.get_type().ptr(), error.ptr());
   ThrowSet();
 }

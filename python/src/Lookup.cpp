@@ -20,8 +20,8 @@ bool IsMissing(hx::Cause cause) {
 
 // A lookup of a stamp that is not there gives the newest version.
 bool LookUp(Store& store, PyObject* key, const MaybeStamp& stamp, hx::Payload& payload) {
-  const Store::Use use(store);
   const Address address(key);
+  const Store::Use use(store);
   const auto place = use.Find(address);
   if (!place) return false;
   const hx::Status status = WithoutLock(

@@ -5,10 +5,12 @@
 PYBIND11_MODULE(_hxcf, module) {
   using namespace hxpy;
   module.doc() = "The part of hxcf that is made of C++.";
+  module.attr("__version__") = HX_VERSION;
   static_cast<void>(Get());
   WatchForks();
   py::register_exception_translator(Translate);
   const auto setUp = [](PyHeapTypeObject* type) {
+    SetNoConstructor(type);
     SetSlots(type);
     SetIterator(type);
   };

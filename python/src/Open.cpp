@@ -76,19 +76,31 @@ std::unique_ptr<Archive> OpenFile(const fs::path& path, Mode mode, const hx::Lay
   return Archive::Open(path, options);
 }
 
-Tiles Open(const py::object& path, const std::string& mode, const py::object& layout,
-           bool processLock, bool mapped, const std::string& password) {
+// The library takes paths as texts, and would find another file by bytes that are none.
+fs::path ToPath(const py::object& path, bool opensOnly) {
   PyObject* converted = nullptr;
   if (PyUnicode_FSConverter(path.ptr(), &converted) == 0) ThrowSet();
-  const py::bytes bytes = py::reinterpret_steal<py::bytes>(converted);
-  const fs::path file{std::string(bytes)};
+  const std::string bytes = py::reinterpret_steal<py::bytes>(converted);
+  const auto text = py::reinterpret_steal<py::object>(
+      PyUnicode_DecodeUTF8(bytes.data(), static_cast<Py_ssize_t>(bytes.size()), "strict"));
+  if (!text) {
+    PyErr_Clear();
+    Throw(opensOnly ? Zarn::ZrResult::kNotFound : Zarn::ZrResult::kNotCreated, hx::Cause::kBadPath,
+          bytes, "use a path that is no UTF-8:");
+  }
+  return bytes;
+}
+
+Tiles Open(const py::object& path, const std::string& mode, const py::object& layout,
+           bool processLock, bool mapped, const std::string& password) {
   const Mode how = ToMode(mode);
+  const bool opensOnly = how == Mode::kRead || how == Mode::kChange;
+  const fs::path file = ToPath(path, opensOnly);
   hx::Options options;
   options.read_only = how == Mode::kRead;
   options.shared = processLock;
   options.mapped = mapped;
   options.password = password;
-  const bool opensOnly = how == Mode::kRead || how == Mode::kChange;
   if (opensOnly && !layout.is_none()) throw py::value_error("only a new file takes a layout");
   std::unique_ptr<Archive> archive;
   if (opensOnly || layout.is_none() || IsA(layout, Get().names) || IsA(layout, Get().grid)) {

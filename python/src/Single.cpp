@@ -20,10 +20,10 @@ std::unique_ptr<hx::Payload> View(const Tiles& tiles, const py::object& key,
 }
 
 std::size_t ReadInto(const Tiles& tiles, const py::object& key, const py::object& target) {
-  const Store::Use use(*tiles.store);
   const Address address(key.ptr());
-  const auto place = use.Find(address);
   const Buffer buffer(target.ptr(), PyBUF_WRITABLE);
+  const Store::Use use(*tiles.store);
+  const auto place = use.Find(address);
   std::optional<std::size_t> size;
   if (place)
     size = IfPossible(
@@ -33,30 +33,28 @@ std::size_t ReadInto(const Tiles& tiles, const py::object& key, const py::object
 }
 
 void Put(const Tiles& tiles, const py::object& key, const py::object& data,
-         const py::object& version, std::uint64_t capacity, std::uint64_t offset) {
-  const Store::Use use(*tiles.store);
+         const py::object& version, const py::object& capacity, const py::object& offset) {
   const Address address(key.ptr());
-  const Store::Use::Place place = use.FindToStore(address);
-  const hx::PutOptions options = {ToStamp(version.ptr()), capacity, offset};
+  const hx::PutOptions options = {ToStamp(version.ptr()), ToSize(capacity.ptr()),
+                                  ToSize(offset.ptr())};
   const Buffer buffer(data.ptr());
+  const Store::Use use(*tiles.store);
+  const Store::Use::Place place = use.FindToStore(address);
   WithoutLock(
       [&] { place.container->put(place.key, hx::Bytes(buffer.Data(), buffer.Size()), options); });
 }
 
 bool Discard(const Tiles& tiles, const py::object& key, const py::object& version) {
-  const Store::Use use(*tiles.store);
   const Address address(key.ptr());
-  const auto place = use.Find(address);
   const MaybeStamp stamp = ToMaybeStamp(version);
-  return place && IfPossible([&] {
-           return stamp ? place->container->erase(place->key, *stamp)
-                        : place->container->erase(place->key);
-         });
+  const Store::Use use(*tiles.store);
+  const auto place = use.Find(address);
+  return place && IfPossible([&] { return use.Erase(*place, stamp); });
 }
 
 py::list Versions(const Tiles& tiles, const py::object& key) {
-  const Store::Use use(*tiles.store);
   const Address address(key.ptr());
+  const Store::Use use(*tiles.store);
   const auto place = use.Find(address);
   py::list list;
   if (!place) return list;
@@ -66,44 +64,52 @@ py::list Versions(const Tiles& tiles, const py::object& key) {
   return list;
 }
 
+// The bytes of a tile that this call has removed, and no other one.
+py::object TryPop(const Tiles& tiles, const py::object& key) {
+  PyObject* const bytes = LookUpBytes(*tiles.store, key.ptr(), std::nullopt);
+  const auto own = py::reinterpret_steal<py::object>(bytes);
+  return own && Discard(tiles, key, py::none()) ? own : py::object();
+}
+
 // As of a dict: with a default behind the key, that instead of KeyError.
 py::object Pop(const Tiles& tiles, const py::object& key, const py::args& others) {
   if (others.size() > 1) throw py::type_error("pop() takes a key and a default");
-  PyObject* const bytes = LookUpBytes(*tiles.store, key.ptr(), std::nullopt);
-  if (bytes == nullptr && others.empty()) ThrowMissing(key.ptr());
-  if (bytes == nullptr) return others[0];
-  const py::object own = py::reinterpret_steal<py::object>(bytes);
-  Discard(tiles, key, py::none());
-  return own;
+  const py::object bytes = TryPop(tiles, key);
+  if (!bytes && others.empty()) ThrowMissing(key.ptr());
+  return bytes ? bytes : others[0];
 }
 
 py::object SetDefault(const Tiles& tiles, const py::object& key, const py::object& data) {
   PyObject* const bytes = LookUpBytes(*tiles.store, key.ptr(), std::nullopt);
   if (bytes != nullptr) return py::reinterpret_steal<py::object>(bytes);
-  Put(tiles, key, data, py::int_(0), 0, 0);
+  Put(tiles, key, data, py::int_(0), py::int_(0), py::int_(0));
   return data;
 }
 
 py::tuple PopItem(const py::object& self) {
-  PyObject* const next = PyIter_Next(py::iter(self).ptr());
-  if (next == nullptr && PyErr_Occurred() == nullptr) throw py::key_error("there is no tile");
-  const py::object key = Own(next);
-  return py::make_tuple(key, self.attr("pop")(key));
+  const Tiles& tiles = py::cast<const Tiles&>(self);
+  for (const py::handle next : py::iter(self)) {
+    const auto key = py::reinterpret_borrow<py::object>(next);
+    if (const py::object bytes = TryPop(tiles, key)) return py::make_tuple(key, bytes);
+  }
+  throw py::key_error("there is no tile");
 }
 
 void Clear(const py::object& self) {
   const Tiles& tiles = py::cast<const Tiles&>(self);
-  for (const py::handle key : py::iter(self))
+  for (const py::handle key : py::iter(self)) {
     Discard(tiles, py::reinterpret_borrow<py::object>(key), py::none());
+    if (PyErr_CheckSignals() != 0) ThrowSet();
+  }
 }
 
 std::uint64_t DiscardOlder(const Tiles& tiles, const py::object& version) {
-  const Store::Use use(*tiles.store);
   const hx::Stamp stamp = ToStamp(version.ptr());
+  const Store::Use use(*tiles.store);
   std::uint64_t removed = 0;
   for (const Archive::Layer& layer : use->layers) {
     removed += WithoutLock([&] { return layer.container->erase_older_than(stamp); });
-    if (PyErr_CheckSignals() != 0) ThrowSet();
+    use.CheckSignals();
   }
   return removed;
 }
@@ -112,13 +118,15 @@ std::uint64_t DiscardOlder(const Tiles& tiles, const py::object& version) {
 
 void DefinePayload(py::module_& module) {
   using hx::Payload;
-  py::class_<Payload>(module, "Payload", py::buffer_protocol(), py::is_final(),
+  py::class_<Payload>(module, "Payload", py::buffer_protocol(),
+                      py::custom_type_setup(SetNoConstructor), py::is_final(),
                       "The bytes of a tile as they were read, without a copy; has a buffer.")
       .def_buffer([](Payload& payload) {
         const auto size = static_cast<py::ssize_t>(payload.size());
         return py::buffer_info(const_cast<std::byte*>(payload.data()), 1, "B", 1, {size},
                                {py::ssize_t{1}}, true);
       })
+      .def("__reduce_ex__", RefuseToPickle)
       .def("__len__", &Payload::size)
       .def("__bytes__", [](const Payload& payload) { return ToPython(hx::Bytes(payload)); })
       .def_property_readonly("filled", &Payload::filled, "How far the bytes are filled.")
@@ -149,8 +157,8 @@ void DefineSingle(TilesClass& tiles) {
       .def("clear", Clear, "Removes all tiles.")
       .def_static(
           "cell",
-          [](std::uint32_t row, std::uint32_t col) {
-            return ToPython(hx::Cell{row, col});
+          [](const py::object& row, const py::object& col) {
+            return ToPython(hx::Cell{ToNumber(row.ptr()), ToNumber(col.ptr())});
           },
           py::arg("row"), py::arg("col"), "The key of a cell of a grid.")
       .def("discard_older", DiscardOlder, py::arg("version"), py::pos_only(),

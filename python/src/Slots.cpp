@@ -20,20 +20,20 @@ PyObject* Subscript(PyObject* self, PyObject* key) {
 }
 
 void Put(Store& store, PyObject* key, PyObject* data) {
-  const Store::Use use(store);
   const Address address(key);
-  const Store::Use::Place place = use.FindToStore(address);
   const Buffer buffer(data);
+  const Store::Use use(store);
+  const Store::Use::Place place = use.FindToStore(address);
   const hx::Status status = WithoutLock(
       [&] { return place.container->try_put(place.key, hx::Bytes(buffer.Data(), buffer.Size())); });
   if (!status) Throw(status);
 }
 
 void Erase(Store& store, PyObject* key) {
-  const Store::Use use(store);
   const Address address(key);
+  const Store::Use use(store);
   const auto place = use.Find(address);
-  if (!place || !IfPossible([&] { return place->container->erase(place->key); })) ThrowMissing(key);
+  if (!place || !IfPossible([&] { return use.Erase(*place, std::nullopt); })) ThrowMissing(key);
 }
 
 // Without data, it is `del`.
@@ -46,8 +46,8 @@ int Assign(PyObject* self, PyObject* key, PyObject* data) {
 
 int Contains(PyObject* self, PyObject* key) {
   return Guarded<int>(-1, [&] {
-    const Store::Use use(StoreOf(self));
     const Address address(key);
+    const Store::Use use(StoreOf(self));
     const auto place = use.Find(address);
     return place && IfPossible([&] { return place->container->contains(place->key); }) ? 1 : 0;
   });

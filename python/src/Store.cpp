@@ -17,7 +17,7 @@ unsigned int g_forks = 0;  // from the first process to this one
 
 }  // namespace
 
-thread_local int Callback::s_depth = 0;
+thread_local int Store::Use::s_depth = 0;
 
 void WatchForks() {
   static const int result = ::pthread_atfork(nullptr, nullptr, [] { ++g_forks; });
@@ -61,16 +61,35 @@ Store::~Store() {
 }
 
 Store::Use::Use(Store& store) : m_store(store) {
-  if (store.m_process != g_forks) ThrowForked(store.m_path);
+  CheckFork();
   if (store.IsClosed())
     Throw(ZrResult::kNotOpen, hx::Cause::kNotOpen, store.m_path, "use the closed object of");
   ++store.m_users;
+  ++s_depth;
 }
 
 Store::Use::~Use() {
+  --s_depth;
   if (--m_store.m_users > 0 || !m_store.m_isClosing) return;
   const std::lock_guard lock(m_store.m_mutex);
   m_store.m_change.notify_all();
+}
+
+// The container looks whether a tile is there before it removes it. Within a compaction's progress
+// this does not wait: whoever removes one may wait for the compaction.
+bool Store::Use::Erase(const Place& place, const std::optional<hx::Stamp>& stamp) const {
+  std::unique_lock one(m_store.m_removal, std::defer_lock);
+  if (s_depth == 1) one.lock();
+  return stamp ? place.container->erase(place.key, *stamp) : place.container->erase(place.key);
+}
+
+void Store::Use::CheckFork() const {
+  if (m_store.m_process != g_forks) ThrowForked(m_store.m_path);
+}
+
+void Store::Use::CheckSignals() const {
+  if (PyErr_CheckSignals() != 0) ThrowSet();
+  CheckFork();
 }
 
 // The waiting ends from time to time, to see whether someone has pressed a key.
@@ -80,8 +99,10 @@ void Store::Close() {
     m_isClosing = true;
     return;
   }
-  if (Callback::IsRunning() && m_users > 0)
-    throw std::runtime_error("a file cannot be closed by a function that one of its calls runs");
+  if (Use::s_depth > 0 && m_users > 0)
+    throw std::runtime_error(
+        "a file in use cannot be closed by what runs within a call: a function "
+        "that it was given, or the handler of a signal");
   m_isClosing = true;
   while (m_users > 0) {
     WithoutLock([this] {

@@ -65,12 +65,26 @@ class Store {
     /// The same, to store. Throws ArgumentError.
     Place FindToStore(const Address& address) const;
 
+    /// Removes a tile, or one version of it. False if it was not there: of several threads that
+    /// remove the same, one is told true. Without Python's lock.
+    bool Erase(const Place& place, const std::optional<hx::Stamp>& stamp) const;
+
+    /// Lets Python run the handlers of signals. Throws what they raise, and ForkError in a child
+    /// that one of them has made.
+    void CheckSignals() const;
+    /// Throws ForkError in a child process that was made since.
+    void CheckFork() const;
+
    private:
+    static thread_local int s_depth;  // how many this thread has, of all archives
+    friend class Store;
+
     Store& m_store;
   };
 
   bool IsClosed() const { return m_archive == nullptr || m_isClosing; }
-  /// Waits for the calls of other threads that are under way; later ones find it closed.
+  /// Waits for the calls of other threads that are under way; later ones find it closed. Throws
+  /// RuntimeError where that could wait for ever: within a call of this thread.
   void Close();
   /// As it was opened.
   const std::string& GetPath() const { return m_path; }
@@ -84,21 +98,10 @@ class Store {
 
   std::mutex m_mutex;  // taken after Python's lock is given up, or for a moment
   std::condition_variable m_change;
+  std::mutex m_removal;  // held by one that removes a tile; taken without Python's lock
 };
 
 /// From now on forks are counted.
 void WatchForks();
-/// Says that this thread runs a function that an operation was given: to close would wait for ever.
-class Callback {
- public:
-  Callback() { ++s_depth; }
-  ~Callback() { --s_depth; }
-  Callback(const Callback&) = delete;
-  Callback& operator=(const Callback&) = delete;
-  static bool IsRunning() { return s_depth > 0; }
-
- private:
-  static thread_local int s_depth;
-};
 
 }  // namespace hxpy

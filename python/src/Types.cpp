@@ -87,10 +87,9 @@ py::object ToPython(const hx::Statistics& all) {
 
 py::object ToPython(const hx::Finding& finding, const std::string& path) {
   return MakeTuple(Get().finding, ToPython(std::string_view(KindOf(finding))),
-                   Own(PyUnicode_DecodeFSDefault(path.c_str())), ToPython(finding.position),
-                   ToPython(finding.number), ToPython(std::uint64_t{finding.row}),
-                   ToPython(std::uint64_t{finding.col}), ToPython(finding.version),
-                   ToPython(std::string_view(finding.message)));
+                   DecodePath(path.c_str()), ToPython(finding.position), ToPython(finding.number),
+                   ToPython(std::uint64_t{finding.row}), ToPython(std::uint64_t{finding.col}),
+                   ToPython(finding.version), ToPython(std::string_view(finding.message)));
 }
 
 py::object ToPython(const std::vector<hx::Stamp>& stamps) {
@@ -98,6 +97,15 @@ py::object ToPython(const std::vector<hx::Stamp>& stamps) {
   for (std::size_t i = 0; i < stamps.size(); ++i)
     tuple[i] = ToPython(stamps[i]);
   return tuple;
+}
+
+std::string ToUtf8(const py::str& text, const char* errors) {
+  return py::reinterpret_steal<py::bytes>(
+      Own(PyUnicode_AsEncodedString(text.ptr(), "utf-8", errors)).release());
+}
+
+std::uint64_t ToSize(PyObject* number) {
+  return ToUnsigned(number, UINT64_MAX, "sizes and positions are numbers from 0 to 2**64 - 1");
 }
 
 hx::Stamp ToStamp(PyObject* number) {

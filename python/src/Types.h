@@ -2,6 +2,7 @@
 
 #include <hx/tiles.h>
 
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -42,8 +43,13 @@ py::object ToPython(const hx::Statistics& statistics);
 py::object ToPython(const hx::Finding& finding, const std::string& path);
 py::object ToPython(const std::vector<hx::Stamp>& stamps);
 
+/// Throws UnicodeEncodeError for lone surrogates, unless `errors` is "surrogatepass".
+std::string ToUtf8(const py::str& text, const char* errors = "strict");
+
 /// Of a number that Python has given as a stamp. Throws ValueError if none can be so.
 hx::Stamp ToStamp(PyObject* number);
+/// The same of a size, or a position.
+std::uint64_t ToSize(PyObject* number);
 /// The same of a zoom, or a number of rows or columns.
 std::uint32_t ToNumber(PyObject* number);
 

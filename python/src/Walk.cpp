@@ -40,10 +40,12 @@ class Walk {
 
   /// The next one; null at the end.
   PyObject* Next() {
+    // Python itself asks only between its own instructions, and a list is made by one.
+    constexpr unsigned int kTilesPerCheck = 256;
+    if (++m_calls % kTilesPerCheck == 0 && PyErr_CheckSignals() != 0) ThrowSet();
     if (m_isBusy) throw py::value_error("another thread uses this iterator");
     const Store::Use use(*m_store);
-    m_isBusy = true;
-    const Busy busy{m_isBusy};
+    const Busy busy(*this);
     for (;;) {
       switch (WithoutLock([&] { return GoOn(*use); })) {
         case Step::kTile:
@@ -51,16 +53,21 @@ class Walk {
         case Step::kEnd:
           return nullptr;
         case Step::kPause:
-          if (PyErr_CheckSignals() != 0) ThrowSet();
+          use.CheckSignals();
       }
     }
   }
-  std::uint64_t GetDamaged() const { return m_damaged + (m_cursor ? m_cursor->damaged() : 0); }
+  std::uint64_t GetDamaged() const { return m_damagedToTell; }
 
  private:
+  // The calls of one thread. Others see only what it has left.
   struct Busy {
-    ~Busy() { flag = false; }
-    bool& flag;
+    explicit Busy(Walk& theWalk) : walk(theWalk) { walk.m_isBusy = true; }
+    ~Busy() {
+      walk.m_isBusy = false;
+      walk.m_damagedToTell = walk.m_damaged + (walk.m_cursor ? walk.m_cursor->damaged() : 0);
+    }
+    Walk& walk;
   };
   enum class Step { kTile, kEnd, kPause };
 
@@ -136,9 +143,11 @@ class Walk {
   const Filter m_filter;
   bool m_isGrid = false;
   bool m_isBusy = false;
+  unsigned int m_calls = 0;
   std::size_t m_layer = 0;
   std::optional<hx::Cursor> m_cursor;
-  std::uint64_t m_damaged = 0;
+  std::uint64_t m_damaged = 0;        // in the files before
+  std::uint64_t m_damagedToTell = 0;  // in all; needs Python's lock
   // The key of the tile that was reached.
   hx::Cell m_cell;
   std::optional<hx::Tile> m_tile;
@@ -150,13 +159,14 @@ PyObject* Next(PyObject* self) {
 }
 
 void SetWalkSlots(PyHeapTypeObject* type) {
+  SetNoConstructor(type);
   type->ht_type.tp_iter = PyObject_SelfIter;
   type->ht_type.tp_iternext = Next;
 }
 
 // None, a number, or numbers.
-Filter MakeFilter(const py::object& zoom, const std::string& prefix) {
-  Filter filter{prefix, {}};
+Filter MakeFilter(const py::object& zoom, const py::str& prefix) {
+  Filter filter{ToUtf8(prefix, "surrogatepass"), {}};
   if (PyIndex_Check(zoom.ptr()) != 0)
     filter.zooms = {ToNumber(zoom.ptr())};
   else if (!zoom.is_none())
@@ -180,12 +190,13 @@ void DefineWalks(py::module_& module, TilesClass& tiles) {
   py::class_<Walk>(module, "Walk", py::custom_type_setup(SetWalkSlots), py::is_final(),
                    "An iterator over tiles. Others may change the file meanwhile: each tile that "
                    "is there all the time is given once.")
+      .def("__reduce_ex__", RefuseToPickle)
       .def_property_readonly("damaged", &Walk::GetDamaged,
                              "How many damaged tiles were passed over up to now.");
   const auto define = [&](const char* name, Wanted wanted, const char* text) {
     tiles.def(
         name,
-        [wanted](const Tiles& self, const py::object& zoom, const std::string& prefix) {
+        [wanted](const Tiles& self, const py::object& zoom, const py::str& prefix) {
           return std::make_unique<Walk>(self.store, wanted, MakeFilter(zoom, prefix));
         },
         py::kw_only(), py::arg("zoom") = py::none(), py::arg("prefix") = "", text);

@@ -38,14 +38,19 @@ class LongCall {
  private:
   // An exception of Python stays set until the call has ended.
   bool GoesOn(std::uint64_t done, std::uint64_t total) {
-    m_hasFailed = m_hasFailed || PyErr_CheckSignals() != 0;
-    if (m_hasFailed || m_function.is_none()) return !m_hasFailed;
-    const Callback callback;
-    PyObject* const answer = PyObject_CallFunction(m_function.ptr(), "KK", done, total);
-    m_hasFailed = answer == nullptr;
-    const bool goesOn = answer != Py_False;
-    Py_XDECREF(answer);
-    return goesOn && !m_hasFailed;
+    if (m_hasFailed) return false;
+    try {
+      m_use.CheckSignals();
+      if (m_function.is_none()) return true;
+      const py::object answer = Own(
+          StayAtExit([&] { return PyObject_CallFunction(m_function.ptr(), "KK", done, total); }));
+      m_use.CheckFork();
+      return answer.ptr() != Py_False;
+    } catch (py::error_already_set& error) {
+      error.restore();
+    }
+    m_hasFailed = true;
+    return false;
   }
 
   const Store::Use m_use;
@@ -124,7 +129,8 @@ void VerifyFile(Container& file, const Container::Progress& tell, std::size_t li
     }
 }
 
-py::object Verify(const Tiles& tiles, const py::object& progress, std::size_t limit) {
+py::object Verify(const Tiles& tiles, const py::object& progress, const py::object& most) {
+  const std::uint64_t limit = ToSize(most.ptr());
   Check check;
   LongCall(tiles, progress).ForEach([&](Container& file, const Container::Progress& tell) {
     VerifyFile(file, tell, limit, check);
@@ -155,9 +161,7 @@ void SetPassword(const Tiles& tiles, const std::string& password) {
   });
 }
 
-py::object PathOf(const Tiles& tiles) {
-  return Own(PyUnicode_DecodeFSDefault(tiles.store->GetPath().c_str()));
-}
+py::object PathOf(const Tiles& tiles) { return DecodePath(tiles.store->GetPath().c_str()); }
 
 py::object LayoutOf(const Tiles& tiles) {
   const Store::Use use(*tiles.store);
@@ -200,7 +204,8 @@ void SetMetadata(const Tiles& tiles, const py::dict& values) {
   for (const auto& [key, value] : values) {
     if (!py::isinstance<py::str>(key) || !py::isinstance<py::str>(value))
       throw py::type_error("keys and values of metadata are texts");
-    metadata.set(py::cast<std::string>(key), py::cast<std::string>(value));
+    metadata.set(ToUtf8(py::reinterpret_borrow<py::str>(key)),
+                 ToUtf8(py::reinterpret_borrow<py::str>(value)));
   }
   WithoutLock([&] { set.set_metadata(metadata); });
 }
@@ -238,6 +243,7 @@ void DefineWhole(TilesClass& tiles) {
           "Whether it was closed.")
       .def("__enter__", [](const py::object& self) { return self; })
       .def("__exit__", [](const Tiles& self, const py::args&) { self.store->Close(); })
+      .def("__reduce_ex__", RefuseToPickle)
       .def("__repr__", Describe)
       .def_property_readonly("path", PathOf, "The file or the folder, as it was opened.")
       .def_readonly("mode", &Tiles::mode, "As it was opened.")

@@ -150,6 +150,10 @@ bool IsImageOf(const Format::RedoId& id, const ZrFileStream& image, ZrByteArray&
 
 }  // namespace
 
+RedoFile::~RedoFile() {
+  if (m_process != ::getpid()) m_file.Commit();
+}
+
 bool RedoFile::Make(const PelmUnicodeString& path, ZrFile64& container) {
   m_containerPath = ZrFile::FollowLink(path);
   m_path = Format::TemporaryPath(m_containerPath);

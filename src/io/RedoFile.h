@@ -1,5 +1,7 @@
 #pragma once
 
+#include <unistd.h>
+
 #include <functional>
 
 #include "PelmUnicodeString.h"
@@ -12,7 +14,8 @@ namespace Zarn::Io {
 /// The redo image: a file beside a container, which is built there and then put in the place of the
 /// container, byte by byte, so that a crash at any moment costs nothing.
 ///
-///   Make       creates the file, empty. Up to Replace, the destructor deletes it.
+///   Make       creates the file, empty. Up to Replace, the destructor deletes it, but not
+///              in a child that was forked meanwhile: it is the parent's.
 ///   GetStream  takes the new contents of the container, from position 0 on.
 ///   Seal       writes a trailer behind the contents, which are complete now, and syncs.
 ///   Reserve    takes the room that the container needs, while it is still whole.
@@ -33,6 +36,11 @@ class RedoFile {
     kByName,   ///< it could not be written: the redo image has its path now, as another file
     kNot,      ///< neither; both files stay, the container as far as it was written
   };
+
+  RedoFile() = default;
+  ~RedoFile();
+  RedoFile(const RedoFile&) = delete;
+  RedoFile& operator=(const RedoFile&) = delete;
 
   /// Creates the file for the container at `path`, open in `container`, over what a killed run has
   /// left. False if another process is at work, if the file cannot be made, or if the container is
@@ -56,6 +64,7 @@ class RedoFile {
  private:
   bool ClaimContainer(const ZrFile64& container);
 
+  const pid_t m_process = ::getpid();
   PelmUnicodeString m_path;           // of the redo image
   PelmUnicodeString m_containerPath;  // no symbolic link
   ZrFile64 m_container;               // has the claim; closed last

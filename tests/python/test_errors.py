@@ -2,13 +2,20 @@
 
 import _thread
 import gc
+import itertools
 import os
 import pickle
 import resource
+import signal
+import subprocess
+import sys
 import threading
 
 import hxcf
 import pytest
+
+
+OWN = (hxcf.Tiles, hxcf.Walk, hxcf.Payload)
 
 
 def grid(folder):
@@ -27,6 +34,7 @@ def grid(folder):
         (lambda t, f: t.put((1, -2, 3), b"x"), hxcf.ArgumentError, ValueError, "OUT_OF_RANGE"),
         (lambda t, f: t.put_many([("a", b"")]), hxcf.ArgumentError, ValueError, "EMPTY_ARGUMENT"),
         (lambda t, f: grid(f).put((4, 0), b"x"), hxcf.ArgumentError, ValueError, "OUT_OF_RANGE"),
+        (lambda t, f: hxcf.open(os.fsencode(f) + b"/\xe9.cf", "a"), hxcf.ArgumentError, ValueError, "BAD_PATH"),
         (lambda t, f: t[1, 2], hxcf.KindError, TypeError, "WRONG_KIND"),
         (lambda t, f: grid(f)["name"], hxcf.KindError, TypeError, "WRONG_KIND"),
         (lambda t, f: t.compact(lambda *_: False), hxcf.Error, Exception, "CANCELLED"),
@@ -59,6 +67,10 @@ def test_errors(names, tmp_path, call, kind, builtin, cause):
         (lambda t: t.put("a", b"x", version=-1), ValueError),
         (lambda t: t.put("a", b"x", version=2**64), ValueError),
         (lambda t: t.put("a", b"x", version="1"), TypeError),
+        (lambda t: t.put("a", b"x", capacity=-1), ValueError),
+        (lambda t: t.verify(limit=-1), ValueError),
+        (lambda t: t.cell(-1, 0), ValueError),
+        (lambda t: t.meta.update(name="\udce9"), UnicodeEncodeError),
         (lambda t: t.get(), TypeError),
         (lambda t: t.get("a", stamp=1), TypeError),
         (lambda t: t.pop("a", 1, 2), TypeError),
@@ -75,10 +87,11 @@ def test_errors(names, tmp_path, call, kind, builtin, cause):
         (lambda t: hxcf.open(t.path, "w", layout=hxcf.Grid(-1, 1)), ValueError),
         (lambda t: t.keys(zoom=2**32), ValueError),
         (lambda t: t.keys(zoom=["1"]), TypeError),
-        (lambda t: hxcf.Tiles(), TypeError),
-        (lambda t: hxcf.Tiles.__getitem__(hxcf.Tiles.__new__(hxcf.Tiles), "a"), TypeError),
-        (lambda t: next(hxcf.Walk.__new__(hxcf.Walk)), TypeError),
-        (lambda t: pickle.dumps(t), TypeError),
+        *((lambda t, own=own: own(), TypeError) for own in OWN),
+        *((lambda t, own=own: own.__new__(own), TypeError) for own in OWN),
+        *((lambda t, p=p: pickle.dumps(t, p), TypeError) for p in (0, 1, 2, 5)),
+        (lambda t: pickle.dumps(t.keys(), 0), TypeError),
+        (lambda t: pickle.dumps(t.view("a"), 1), TypeError),
     ],
 )
 def test_wrong_calls(names, call, kind):
@@ -119,6 +132,54 @@ def test_closed(names):
         with pytest.raises(ValueError) as caught:
             call()
         assert type(caught.value) is hxcf.ClosedError
+
+
+def test_a_number_may_close_the_file(names):
+    class One:
+        def __index__(self):
+            names.close()
+            return 1
+
+    for call in (lambda n: names[n, 0, 0], lambda n: names.put((1, 0, 0), b"x", version=n), names.discard_older):
+        with pytest.raises(hxcf.ClosedError):
+            call(One())
+
+
+def test_handlers_of_signals_run_within_calls(names):
+    """They may end a call, and a list of all tiles, and cannot close the file that a call uses."""
+    names.put_many((str(i), b"data") for i in range(1000))
+    before = signal.signal(signal.SIGUSR1, lambda *_: names.close())
+    try:
+        for call in (names.verify, names.stats, names.compact):
+            with pytest.raises(RuntimeError):
+                call(lambda *_: signal.raise_signal(signal.SIGUSR1))
+    finally:
+        signal.signal(signal.SIGUSR1, before)
+    walk = names.keys()
+    with pytest.raises(KeyboardInterrupt):
+        list(itertools.chain(map(_thread.interrupt_main, [signal.SIGINT]), walk))
+    assert 0 < len(list(walk)) < 1000 and names.verify()
+
+
+def test_threads_that_live_at_the_end(names):
+    """Daemon threads within calls do not disturb the end of the interpreter."""
+    program = """if True:
+        import hxcf, sys, threading
+        tiles = hxcf.open(sys.argv[1], "r+")
+        tiles["a"] = b"data" * 100
+        begun = threading.Barrier(4)
+        def run(call):
+            call()
+            begun.wait()
+            while True:
+                call()
+        for call in (lambda: tiles["a"], lambda: tiles.put("a", b"x"), lambda: tiles.verify(lambda *_: None)):
+            threading.Thread(target=run, args=[call], daemon=True).start()
+        begun.wait()
+    """
+    for _ in range(3):
+        done = subprocess.run([sys.executable, "-c", program, names.path], capture_output=True)
+        assert (done.returncode, done.stderr) == (0, b"")
 
 
 def test_iterators_outlive_their_file(tmp_path):

@@ -124,6 +124,49 @@ def test_a_child_cannot_use_its_parents_file(names):
     assert len(names) == 3 and names.verify()
 
 
+def test_a_child_of_a_callback(names):
+    """It ends the call with ForkError, and takes nothing from its parent's compaction."""
+    names.put_many((str(i), bytes(2000)) for i in range(2000))
+    main, children, status = os.getpid(), [], 1
+
+    def fork(done, total):
+        if not children:
+            children.append(os.fork())
+            if children[0] != 0:
+                assert os.waitpid(children[0], 0)[1] == 0
+
+    try:
+        names.compact(fork)
+    except hxcf.ForkError:
+        status = 0
+    finally:
+        if os.getpid() != main:
+            os._exit(status)
+    assert status == 1 and names.verify() and len(names) == 2000
+
+
+@pytest.mark.parametrize("is_item", [False, True])
+def test_a_tile_is_popped_once(names, is_item):
+    keys = [str(i) for i in range(2000)]
+    names.put_many((key, b"data") for key in keys)
+    found = []
+
+    def run():
+        if is_item:
+            with pytest.raises(KeyError):
+                while True:
+                    found.append(names.popitem()[0])
+        else:
+            found.extend(key for key in keys if names.pop(key, None))
+
+    threads = [threading.Thread(target=run) for _ in range(2)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert sorted(found) == sorted(keys) and len(names) == 0
+
+
 def test_closing_waits_for_calls_of_other_threads(names):
     """Each of them has its answer, or finds the file closed."""
     names.put_many((str(i), bytes_of(str(i), i)) for i in range(TILES))
