@@ -18,6 +18,8 @@ int Run(const Serve::Options& options, const Console& console) {
   // The threads of the server inherit this, so that only the wait below takes them.
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   const Serve::Server server(options);
+  for (const std::string& sentence : server.LeftOut())
+    std::fprintf(stderr, "hxcf: %s; it is left out\n", sentence.c_str());
   std::string names;
   for (const std::string& name : server.Names())
     names += (names.empty() ? "" : ", ") + name;

@@ -24,6 +24,12 @@ const char* NameOf(ServedFile::Kind kind) {
   }
 }
 
+// Where the file lies is nobody's business.
+std::string FileNameOf(const ServedFile& file) {
+  const auto& path = file.Path();
+  return (path.has_filename() ? path : path.parent_path()).filename().string();
+}
+
 // Numbers of JavaScript hold 53 bits.
 Json ToJson(std::uint64_t number) {
   constexpr std::uint64_t kMost = std::uint64_t{1} << 53;
@@ -132,7 +138,7 @@ hx::Cell ParseCell(std::string_view row, std::string_view col) {
 Json ListOf(const std::vector<std::unique_ptr<ServedFile>>& files) {
   Json list = Json::array();
   for (const auto& file : files) {
-    Json entry = {{"name", file->Name()}, {"path", file->Path().filename().string()}};
+    Json entry = {{"name", file->Name()}, {"path", FileNameOf(*file)}};
     try {
       const auto facts = file->GetFacts();
       entry.update(
@@ -181,7 +187,7 @@ Json InfoOf(const ServedFile& file, const std::atomic<bool>& isStopping) {
   const auto facts = file.GetFacts();
   const auto survey = file.GetSurvey(isStopping);
   const hx::Statistics& count = survey->statistics;
-  Json json = {{"kind", NameOf(facts->kind)}, {"path", file.Path().string()},
+  Json json = {{"kind", NameOf(facts->kind)}, {"path", FileNameOf(file)},
                {"format", facts->format},     {"fileSize", count.fileBytes},
                {"tiles", count.tiles},        {"versions", count.versions},
                {"bytes", count.payloadBytes}, {"live", count.liveBytes},
@@ -214,14 +220,18 @@ Json HeatOf(const ServedFile& file, const Url& url, const std::atomic<bool>& isS
     versions.push_back(field.versions);
     bytes.push_back(field.bytes);
   }
-  const std::uint64_t lastRow = picture.firstRow + std::uint64_t{picture.step} * picture.rows,
-                      lastCol = picture.firstCol + std::uint64_t{picture.step} * picture.cols;
-  return {{"rows", lastRow - picture.firstRow},
-          {"columns", lastCol - picture.firstCol},
+  const std::uint64_t endRow =
+                          std::min(level.endRow, picture.firstRow + picture.step * picture.rows),
+                      endCol =
+                          std::min(level.endCol, picture.firstCol + picture.step * picture.cols);
+  return {{"rows", endRow - picture.firstRow},
+          {"columns", endCol - picture.firstCol},
           {"fieldRows", picture.rows},
           {"fieldColumns", picture.cols},
           {"step", picture.step},
-          {"box", {picture.firstRow, picture.firstCol, lastRow - 1, lastCol - 1}},
+          {"box", picture.fields.empty()
+                      ? Json::array()
+                      : Json{picture.firstRow, picture.firstCol, endRow - 1, endCol - 1}},
           {"tiles", tiles},
           {"versions", versions},
           {"bytes", bytes}};
