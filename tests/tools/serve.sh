@@ -162,8 +162,8 @@ grep -qx "hxcf_request_duration_seconds_count $(awk '/^hxcf_requests_total/ {n +
 
 # A file that goes, comes back as another one, or is damaged: a sentence, and the server stays.
 cp folder/words.cf words.cf && "$hxcf" -q put health 39,29 layer
-mkdir mixed && mv words.cf world.cf health.cf grids mixed && cd mixed && echo needle >one
-"$hxcf" -q create damaged && "$hxcf" -q put damaged 0/0/0 one && sed -i 's/needle/xxxxxx/' damaged.cf
+mkdir mixed && mv words.cf world.cf health.cf grids mixed && cd mixed && cp ../layer one
+"$hxcf" -q create damaged && "$hxcf" -q put damaged 0/0/0 one && truncate -s -3 damaged.cf
 head -c 100 /dev/urandom >none.cf
 start server . 2>err
 [[ $(wc -l <err) = 1 && $(cat err) = *none.cf* ]] || fail "of a file that is none: $(cat err)"
@@ -175,7 +175,7 @@ cp words.cf new && head -c 100 /dev/urandom >words.cf
 gets 503 /health && gets 200 /world/0/0/0
 mv new words.cf
 until curl -sf "$server/words/name/a%20b/c.txt" >body; do kill -0 "$server_id"; done
-cmp body layer && gets 200 /health
+cmp body ../layer && gets 200 /health
 # until_gets STATUS PATH: a file is opened anew at most once in a second.
 until_gets() {
   until [ "$(curl -s -o body -w '%{http_code}' "$server$2")" = "$1" ]; do kill -0 "$server_id"; done
