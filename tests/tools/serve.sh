@@ -79,7 +79,14 @@ for box in '' '?box=0,8,99,99'; do
   gets 200 "/health-file/heat.json$box" && says 'j["box"] == [7, 8, 7, 8] and j["versions"] == [2]'
 done
 gets 200 '/health-file/heat.json?box=0,9,99,99' && says 'j["fieldRows"] == 0 and j["tiles"] == []'
-gets 200 '/words/names.json?limit=1' && says 'j == {"names": ["../x"], "next": "../x"}'
+gets 200 '/words/names.json?limit=1' && says 'j == {"names": ["../x"], "next": "..%2Fx"}'
+name=$'a\xff%41' && "$hxcf" -q put folder/words "$name" layer
+gets 200 /words/name/a%ff%2541 && gets 200 '/words/names.json?limit=1&after=a+b/c.txt'
+says 'j["names"][0][0] == "a" and j["next"] == j["escaped"]["0"] and j["next"].endswith("%2541")'
+next=$(python3 -c 'import json; print(json.load(open("body"))["next"])') && gets 200 "/words/name/$next"
+gets 200 "/words/names.json?after=${next//%/%25}" && says 'j["names"] == []'
+"$hxcf" -q rm folder/words "$name" && gets 400 '/words/names.json?after=%25'
+
 gets 200 '/words/names.json?after=../x' && says 'j == {"names": ["a b/c.txt"], "next": None}'
 gets 200 '/health-file/versions.json?cell=7/8'
 says '[(v["stamp"], v["time"][:10], v["type"]) for v in j] ==
@@ -178,7 +185,9 @@ until curl -sf "$server/words/name/a%20b/c.txt" >body; do kill -0 "$server_id"; 
 cmp body ../layer && gets 200 /health
 # until_gets STATUS PATH: a file is opened anew at most once in a second.
 until_gets() {
-  until [ "$(curl -s -o body -w '%{http_code}' "$server$2")" = "$1" ]; do kill -0 "$server_id"; done
+  until [ "$(curl -s -o body -w '%{http_code}' "$server$2")" = "$1" ]; do
+    kill -0 "$server_id" || fail "the server has ended"
+  done
 }
 "$hxcf" -q import --layout grid ../more more
 mv grids old && mv more grids && until_gets 200 /grids/3/7/7 && cmp body ../png

@@ -111,6 +111,14 @@ Json LayersOf(const hx::Metadata& metadata) {
   return json.is_object() && json.contains("vector_layers") ? json["vector_layers"] : Json();
 }
 
+bool IsUtf8(const std::string& text) {
+  try {
+    return !Json(text).dump().empty();
+  } catch (const Json::type_error&) {
+    return false;
+  }
+}
+
 Json ToJson(const Level& level, const Json& zoom) {
   return {{"zoom", zoom},
           {"tiles", level.sum.tiles},
@@ -239,8 +247,14 @@ Json HeatOf(const ServedFile& file, const Url& url, const std::atomic<bool>& isS
 
 Json NamesOf(const ServedFile& file, const Url& url, const std::atomic<bool>& isStopping) {
   const std::uint32_t limit = NumberOf(url, "limit", kNames, 1, kMostNames);
-  const auto names = file.Names(url.Get("prefix"), url.Get("after"), limit, isStopping);
-  return {{"names", names}, {"next", names.size() == limit ? Json(names.back()) : Json()}};
+  const auto after = DecodeSegment(url.Get("after"));
+  if (!after) throw Refusal(400, "after is what the answer before has as next");
+  const auto names = file.Names(url.Get("prefix"), *after, limit, isStopping);
+  Json json = {{"names", names},
+               {"next", names.size() == limit ? Json(EncodeSegment(names.back())) : Json()}};
+  for (std::size_t i = 0; i < names.size(); ++i)
+    if (!IsUtf8(names[i])) json["escaped"][std::to_string(i)] = EncodeSegment(names[i]);
+  return json;
 }
 
 Json VersionsOf(const ServedFile& file, const Url& url) {

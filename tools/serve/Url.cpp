@@ -99,6 +99,8 @@ std::optional<Number> ParseNumber(std::string_view text) {
 template std::optional<std::uint32_t> ParseNumber(std::string_view);
 template std::optional<unsigned long long> ParseNumber(std::string_view);
 
+std::optional<std::string> DecodeSegment(std::string_view text) { return Decode(text, false); }
+
 std::string EncodeSegment(std::string_view text) {
   constexpr char kDigits[] = "0123456789ABCDEF";
   std::string encoded;
