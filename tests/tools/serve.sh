@@ -150,7 +150,13 @@ gets 200 /vectors/5/0/0 -H 'Accept-Encoding: br' -H "If-None-Match: $tag" && cmp
 has 'content-encoding: br'
 gets 200 /vectors/5/0/0 && [ "$(cat body)" = hello ]
 gets 404 /vectors/9/9/9 && has_no access-control
+for pair in minzoom=-3 maxzoom=99 bounds=-999,-10,20,95 center=11,48,1e9 \
+  'vector_layers=[null,7,{"id":1},{"id":"a"},{"id":"a"},{"id":"b"}]'; do
+  "$hxcf" -q meta folder/vectors set "${pair%%=*}" "${pair#*=}"
+done
 gets 200 /vectors.json && says 'j["tiles"] == ["https://maps.example/tiles/vectors/{z}/{x}/{y}.pbf"]'
+says '(j["minzoom"], j["maxzoom"], j["vector_layers"]) == (4, 5, [{"id": "a"}, {"id": "b"}])'
+says '"center" not in j and j["bounds"] == [-180, -10, 20, 90]'
 
 # What others store shows at once, by two servers on one file; under the same stamp, too.
 start other world.cf

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <optional>
+#include <set>
 
 #include "Encoding.h"
 #include "HttpDate.h"
@@ -104,11 +105,42 @@ Json ParseValue(const std::string& text) {
   return isTooDeep || json.is_discarded() ? Json() : json;
 }
 
+// Those that have a name of their own: a map can do nothing with others.
 Json LayersOf(const hx::Metadata& metadata) {
-  Json layers = ParseValue(metadata.get("vector_layers"));
-  if (layers.is_array()) return layers;
-  const Json json = ParseValue(metadata.get("json"));
-  return json.is_object() && json.contains("vector_layers") ? json["vector_layers"] : Json();
+  Json told = ParseValue(metadata.get("vector_layers"));
+  if (const Json json = ParseValue(metadata.get("json"));
+      !told.is_array() && json.is_object() && json.contains("vector_layers"))
+    told = json["vector_layers"];
+  if (!told.is_array()) return Json();
+  Json layers = Json::array();
+  std::set<std::string> names;
+  for (const Json& layer : told)
+    if (layer.is_object() && layer.contains("id") && layer["id"].is_string() &&
+        names.insert(layer["id"].get<std::string>()).second)
+      layers.push_back(layer);
+  return layers;
+}
+
+constexpr int kMostZoom = 30;  // of TileJSON
+
+std::optional<int> ZoomOf(std::optional<int> zoom) {
+  return zoom && *zoom >= 0 && *zoom <= kMostZoom ? zoom : std::nullopt;
+}
+
+// Where the tiles are, as far as it makes sense.
+void AddPlace(const hx::Metadata& metadata, Json& json) {
+  const auto isIn = [](double value, double most) { return value >= -most && value <= most; };
+  if (auto bounds = metadata.bounds()) {
+    bounds->west = std::max(bounds->west, -180.0);
+    bounds->east = std::min(bounds->east, 180.0);
+    bounds->south = std::max(bounds->south, -90.0);
+    bounds->north = std::min(bounds->north, 90.0);
+    if (bounds->west < bounds->east && bounds->south < bounds->north)
+      json["bounds"] = {bounds->west, bounds->south, bounds->east, bounds->north};
+  }
+  if (const auto center = metadata.center();
+      center && isIn(center->longitude, 180) && isIn(center->latitude, 90) && ZoomOf(center->zoom))
+    json["center"] = {center->longitude, center->latitude, center->zoom};
 }
 
 bool IsUtf8(const std::string& text) {
@@ -173,7 +205,8 @@ Json TileJsonOf(const ServedFile& file, const std::string& base,
     if (const std::string value = metadata.get(key); !value.empty()) json[key] = value;
   json["scheme"] = "xyz";
   if (!facts->format.empty()) json["format"] = facts->format;
-  auto least = metadata.min_zoom(), most = metadata.max_zoom();
+  auto least = ZoomOf(metadata.min_zoom()), most = ZoomOf(metadata.max_zoom());
+  if (least && most && *least > *most) least = most = std::nullopt;
   if (!least || !most) {
     const auto survey = file.GetSurvey(isStopping);
     if (!survey->zooms.empty()) {
@@ -181,12 +214,10 @@ Json TileJsonOf(const ServedFile& file, const std::string& base,
       most = most.value_or(static_cast<int>(survey->zooms.rbegin()->first));
     }
   }
+  least = ZoomOf(least), most = ZoomOf(most);
   if (least) json["minzoom"] = *least;
   if (most) json["maxzoom"] = *most;
-  if (const auto bounds = metadata.bounds())
-    json["bounds"] = {bounds->west, bounds->south, bounds->east, bounds->north};
-  if (const auto center = metadata.center())
-    json["center"] = {center->longitude, center->latitude, center->zoom};
+  AddPlace(metadata, json);
   if (const Json layers = LayersOf(metadata); layers.is_array()) json["vector_layers"] = layers;
   return json;
 }
