@@ -77,7 +77,8 @@ HeatMap LookInto(const ServedFile& file, const Box& box, std::optional<std::uint
                       cols = std::uint64_t{box.lastCol} - box.firstCol + 1;
   if (rows * cols > HeatMap::kMostFields)
     throw Refusal(400, "a box has " + std::to_string(HeatMap::kMostFields) + " cells at most");
-  for (std::uint32_t i = 0; i < rows * cols && !isStopping; ++i) {
+  for (std::uint32_t i = 0; i < rows * cols; ++i) {
+    if (isStopping) throw Refusal(503, "the server ends");
     const auto row = static_cast<std::uint32_t>(box.firstRow + i / cols),
                col = static_cast<std::uint32_t>(box.firstCol + i % cols);
     try {
