@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The recipe of docs/serving.md, as it stands there: nginx with a cache in front of two servers on one
-# file. Under load one server is killed, and no request fails; a tile that is stored meanwhile
-# shows after max-age.
+# file. Under load, while an import stores all tiles again and again, one server is killed, and no
+# request fails. The cache gives an old tile until max-age is over, and then the new one.
 #   scripts/serving.sh [HXCF]
 # Without a command it builds one and installs what it needs; with one it uses what is there, and ends
 # with 77 if a program is missing.
@@ -98,6 +98,10 @@ for thread in threads: thread.join()
 print(len(failed), "of the requests have failed", failed[:3], flush=True)
 sys.exit(bool(failed))
 END
+touch importing
+while [ -e importing ]; do "$hxcf" -q import --replace set world; done &
+import=$!
+running+=($import)
 coproc LOAD { python3 load.py "127.0.0.1:$free"; }
 load=$LOAD_PID
 read -r line <&"${LOAD[0]}" && [ "$line" = "under load" ]
@@ -106,12 +110,16 @@ echo >&"${LOAD[1]}"
 read -r line <&"${LOAD[0]}"
 echo "one of two servers was killed: $line"
 wait "$load" || fail "requests have failed"
+kill -0 "$import" || fail "the import has failed"
+rm importing && wait "$import"
 
-# What is stored shows when the cache asks again.
+# What is stored shows when the cache asks again: what is old comes from the cache alone.
 printf '\x89PNG\r\n\x1a\n new' >new
 "$hxcf" -q put world 4/1/2 new
 begin=$SECONDS
-until curl -sf "$map/world/4/1/2.png" | cmp -s - new; do
-  kill -0 "${running[2]}"
+until curl -sf -D head -o body "$map/world/4/1/2.png" && cmp -s body new; do
+  kill -0 "${running[2]}" || fail "$(cat nginx.log)"
+  cmp body set/4/1/2.png && grep -qi '^X-Cache-Status: HIT' head || fail "neither old nor new: $(cat head)"
 done
+grep -qiE '^X-Cache-Status: (EXPIRED|MISS)' head || fail "a new tile from an old cache: $(cat head)"
 echo "a new tile has shown after $((SECONDS - begin)) seconds, with a max-age of $max_age"

@@ -50,7 +50,7 @@ def make_files(work):
                     write(work / f"shapes/{tile}.pbf", gzip.compress(make_tiles.shapes()))
     write(work / "world/metadata.json", json.dumps(
         {"name": "World", "format": "png",
-         "attribution": '<a href="about:blank">Nobody</a><img src="http://127.0.0.2/">'}).encode())
+         "attribution": '<a href="about:blank">Nobody</a><img src="http://127.0.0.2/" onerror="alert(1)">'}).encode())
     for name in ("world", "shapes"):
         hxcf("import", "--stamp", 5, work / name, served / f"{name}.cf")
     hxcf("put", "--stamp", 9, served / "world.cf", REPLACED, data=make_tiles.png(1, 1, 1))

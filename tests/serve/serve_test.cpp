@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "Encoding.h"
+#include "Gzip.h"
 #include "Kept.h"
 #include "Survey.h"
 #include "Url.h"
@@ -30,14 +31,13 @@ namespace {
 /// A client that says what it likes.
 class Client {
  public:
-  explicit Client(int port) : m_socket(::socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::connect(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  }
+  explicit Client(int port) { EXPECT_EQ(Connect(port), 0); }
   ~Client() { ::close(m_socket); }
+  /// Whether a server listens.
+  static bool IsHeard(int port) {
+    Client client;
+    return client.Connect(port) == 0;
+  }
 
   /// The server may have answered and gone before all is sent.
   void Send(std::string_view text) {
@@ -46,6 +46,10 @@ class Client {
       if (sent <= 0) return;
       text.remove_prefix(static_cast<std::size_t>(sent));
     }
+  }
+  void AwaitAnswer() {
+    char first;
+    EXPECT_EQ(::recv(m_socket, &first, 1, MSG_PEEK), 1);
   }
   /// All that comes until the server closes.
   std::string ReadAll() {
@@ -58,7 +62,16 @@ class Client {
   }
 
  private:
-  const int m_socket;
+  Client() = default;
+  int Connect(int port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return ::connect(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  }
+
+  const int m_socket = ::socket(AF_INET, SOCK_STREAM, 0);
 };
 
 class ServeTest : public ::testing::Test {
@@ -67,10 +80,9 @@ class ServeTest : public ::testing::Test {
     auto tiles = hx::Tileset::create(m_path);
     tiles.put({0, 0, 0}, "tile");
     tiles.put({1, 0, 0}, m_large);
-    Serve::Options options;
-    options.paths = {m_path};
-    options.port = 0;
-    m_server.emplace(options);
+    m_options.paths = {m_path};
+    m_options.port = 0;
+    m_server.emplace(m_options);
   }
 
   std::string Ask(std::string_view text) const {
@@ -88,6 +100,7 @@ class ServeTest : public ::testing::Test {
   const TemporaryFolder m_folder;
   const std::filesystem::path m_path = m_folder.GetFolder() / "a.cf";
   const std::string m_large = std::string(16 << 20, 'x');
+  Serve::Options m_options;
   std::optional<Serve::Server> m_server;
 };
 
@@ -105,6 +118,9 @@ TEST_F(ServeTest, SeparatesRequests) {
        "200 200 "},
       {"GET /a/0/0/0" + end + "Connection: close\r\n\r\n" + good, "200 "},
       {"GET http://x/a/0/0/0" + end + "\r\n", "200 "},
+      {"GET HTTPS://x/a/0/0/0" + end + "\r\n", "200 "},
+      {"GET /a/0/0/0" + end + "Range: bytes=0-1\r\n\r\n" + good, "200 200 "},
+      {"GET /a/0/0/0" + end + "Range: nonsense\r\nContent-Length: 2\r\n\r\nxx" + good, "200 200 "},
       {"GET /a/0/0/0 HTTP/1.0\r\n\r\n" + good, "200 "},
       // Nobody knows where the next one begins.
       {"POST /" + end + "Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n" + good, "405 "},
@@ -131,19 +147,58 @@ TEST_F(ServeTest, SeparatesRequests) {
   EXPECT_EQ(StatusesOf(slow.ReadAll()), "200 ");
 }
 
-// More of them than there are threads, and none of them reads.
+// Clients that do not read what they have asked for, at first fewer than there are threads.
 TEST_F(ServeTest, WaitsForNobodyWhoReadsNothing) {
+  m_options.threads = 4;
+  m_server.emplace(m_options);
   std::vector<std::unique_ptr<Client>> clients;
-  for (int i = 0; i < 20; ++i) {
-    clients.push_back(std::make_unique<Client>(m_server->Port()));
-    clients.back()->Send("GET /a/1/0/0 HTTP/1.1\r\n\r\n");
-    clients.back()->Send(kGood);
-  }
+  const auto add = [&](std::size_t end) {
+    while (clients.size() < end) {
+      clients.push_back(std::make_unique<Client>(m_server->Port()));
+      clients.back()->Send("GET /a/1/0/0 HTTP/1.1\r\n\r\n");
+      clients.back()->Send(kGood);
+    }
+  };
+  add(3);
   EXPECT_EQ(StatusesOf(Ask(kGood)), "200 ");
-  const std::string answers = clients.front()->ReadAll();
-  EXPECT_EQ(StatusesOf(answers), "200 200 ");
-  EXPECT_NE(answers.find("\r\n\r\n" + m_large + "HTTP/1.1 200"), answers.npos);
+  add(12);
+  for (std::size_t i = 0; i < 8; ++i) {
+    const std::string answers = clients[i]->ReadAll();
+    EXPECT_EQ(StatusesOf(answers), "200 200 ");
+    EXPECT_NE(answers.find("\r\n\r\n" + m_large + "HTTP/1.1 200"), answers.npos);
+  }
   m_server.reset();  // the others are still there
+}
+
+// A thread is about the first of two requests when the server is told to end.
+TEST_F(ServeTest, AnswersWhatHasComeBeforeItsEnd) {
+  const int port = m_server->Port();
+  Client client(port);
+  client.Send("GET /a/1/0/0 HTTP/1.1\r\n\r\n"s + kGood);
+  client.AwaitAnswer();
+  std::thread ending([&] { m_server.reset(); });
+  while (Client::IsHeard(port))
+    std::this_thread::yield();
+  EXPECT_EQ(StatusesOf(client.ReadAll()), "200 200 ");
+  ending.join();
+}
+
+// Of the answers that take much memory, some are given at a time, and the memory is given back.
+TEST_F(ServeTest, DecompressesFewLargeTilesAtATime) {
+  hx::Tileset::open(m_path).put({2, 0, 0}, Formats::Compress(m_large));
+  constexpr char kAsk[] = "GET /a/2/0/0 HTTP/1.1\r\n\r\n";
+  std::vector<std::unique_ptr<Client>> clients;
+  for (int i = 0; i < 8; ++i) {
+    clients.push_back(std::make_unique<Client>(m_server->Port()));
+    clients.back()->Send(kAsk);
+    clients.back()->AwaitAnswer();
+  }
+  const std::string refusal = Ask(kAsk);
+  EXPECT_EQ(StatusesOf(refusal), "503 ");
+  EXPECT_NE(refusal.find("Retry-After: "), refusal.npos);
+  for (const auto& client : clients)
+    EXPECT_TRUE(client->ReadAll().ends_with("\r\n\r\n" + m_large));
+  EXPECT_EQ(StatusesOf(Ask(kAsk)), "200 ");
 }
 
 TEST_F(ServeTest, SurvivesGarbage) {
@@ -253,6 +308,18 @@ TEST(ServeParts, DrawAnyNumberOfTiles) {
       sum.Add(field);
     EXPECT_EQ(std::tie(sum.tiles, sum.versions, sum.bytes),
               std::make_tuple(kSide * kSide, 2 * kSide * kSide, 3 * kSide * kSide));
+  }
+}
+
+TEST(ServeParts, DrawTheLargestGrid) {
+  Serve::HeatMap heat;
+  for (const std::uint32_t corner : {0U, UINT32_MAX})
+    heat.Add(corner, corner, {1, 2, 3});
+  for (const std::uint32_t size : {1U, 2U}) {
+    const auto picture = heat.Draw(size);
+    EXPECT_EQ(picture.step, (std::uint64_t{1} << 32) / size);
+    EXPECT_EQ(picture.fields.size(), std::size_t{size} * size);
+    EXPECT_EQ(picture.fields.back().tiles, 2 / size);
   }
 }
 

@@ -43,6 +43,7 @@ for tile in 0/0/0 1/1/0 2/3/1; do
 done
 echo '{"name": "The World", "attribution": "nobody", "minzoom": "0", "maxzoom": "2"}' >set/metadata.json
 "$hxcf" -q import set world && "$hxcf" -q import --layout grid set grids
+mkdir -p more/3/7 && cp png more/3/7/7.png
 "$hxcf" -q create vectors && "$hxcf" -q put vectors 4/5/6 vector
 "$hxcf" -q create --layout grid --rows 40 --cols 30 health
 "$hxcf" -q put --stamp 1700000000 health 7,8 png && "$hxcf" -q put --stamp 1700000100 health 7,8 layer
@@ -72,12 +73,20 @@ for name in world grids; do
   gets 200 /$name/info.json && says '[(z["zoom"], z["tiles"], z["columns"]) for z in j["zooms"]] ==
     [(0, 1, [0, 0]), (1, 1, [1, 1]), (2, 1, [3, 3])]'
 done
-gets 200 /health-file/info.json && says '(j["tiles"], j["versions"], j["zooms"][0]["zoom"]) == (1, 2, None)'
+gets 200 /health-file/info.json && says '(j["tiles"], j["versions"], j["zooms"][0]["zoom"], j["path"]) ==
+  (1, 2, None, "health.cf")'
 for box in '' '?box=0,8,99,99'; do
   gets 200 "/health-file/heat.json$box" && says 'j["box"] == [7, 8, 7, 8] and j["versions"] == [2]'
 done
 gets 200 '/health-file/heat.json?box=0,9,99,99' && says 'j["fieldRows"] == 0 and j["tiles"] == []'
-gets 200 '/words/names.json?limit=1' && says 'j == {"names": ["../x"], "next": "../x"}'
+gets 200 '/words/names.json?limit=1' && says 'j == {"names": ["../x"], "next": "..%2Fx"}'
+name=$'a\xff%41' && "$hxcf" -q put folder/words "$name" layer
+gets 200 /words/name/a%ff%2541 && gets 200 '/words/names.json?limit=1&after=a+b/c.txt'
+says 'j["names"][0][0] == "a" and j["next"] == j["escaped"]["0"] and j["next"].endswith("%2541")'
+next=$(python3 -c 'import json; print(json.load(open("body"))["next"])') && gets 200 "/words/name/$next"
+gets 200 "/words/names.json?after=${next//%/%25}" && says 'j["names"] == []'
+"$hxcf" -q rm folder/words "$name" && gets 400 '/words/names.json?after=%25'
+
 gets 200 '/words/names.json?after=../x' && says 'j == {"names": ["a b/c.txt"], "next": None}'
 gets 200 '/health-file/versions.json?cell=7/8'
 says '[(v["stamp"], v["time"][:10], v["type"]) for v in j] ==
@@ -108,9 +117,14 @@ gets 414 "/$(printf '%020000d' 1)" && gets 431 / -H "X: $(printf '%020000d' 1)"
 gets 200 /world/0/0/0 --head && cmp body head && has "content-length: $(stat -c %s png)" && has 'etag: "0-.*"'
 tag=$(tr -d '\r' <head | sed -n 's/^ETag: //Ip')
 gets 304 /world/0/0/0 -H "If-None-Match: \"other\", W/$tag" && no && has "etag: $tag"
+gets 304 /world/0/0/0 -H 'If-None-Match: "other"' -H $'If-None-Match: "more",\t'"$tag"
 gets 200 /world/0/0/0 -H 'If-None-Match: "other"'
 gets 304 /health-file/cell/7/8 -H 'If-Modified-Since: Tue, 14 Nov 2023 22:15:00 GMT' && no
-gets 200 /health-file/cell/7/8 -H 'If-Modified-Since: Tue, 14 Nov 2023 22:14:59 GMT'
+for second in 14:59 15:01; do  # only the very time: the stamp of a newer tile may be older
+  gets 200 /health-file/cell/7/8 -H "If-Modified-Since: Tue, 14 Nov 2023 22:$second GMT"
+done
+"$hxcf" -q put --stamp $(($(date +%s) + 7200)) health 1,1 layer
+gets 200 /health-file/cell/1/1 && has_no last-modified
 gets 204 /world/0/0/0 -X OPTIONS && has 'access-control-allow-origin: \*' && has 'access-control-allow-methods: GET.*'
 
 # Compressed tiles go out as they are, or inflated for a client that cannot do that.
@@ -127,12 +141,22 @@ python3 - >brotli <<'END'
 import base64, sys
 sys.stdout.buffer.write(base64.b64decode("CwKAaGVsbG8D"))  # "hello"
 END
-"$hxcf" -q put folder/vectors 5/0/0 brotli && "$hxcf" -q meta folder/vectors set compression br
+"$hxcf" -q put folder/vectors 5/0/0 brotli
 start server folder/vectors.cf --missing 404 --public-url https://maps.example/tiles
+gets 200 /vectors/5/0/0 -H 'Accept-Encoding: br' && cmp body brotli && has_no content-encoding
+tag=$(tr -d '\r' <head | sed -n 's/^ETag: //Ip')
+"$hxcf" -q meta folder/vectors set compression br  # the same bytes are something else now, at once
+gets 200 /vectors/5/0/0 -H 'Accept-Encoding: br' -H "If-None-Match: $tag" && cmp body brotli
+has 'content-encoding: br'
 gets 200 /vectors/5/0/0 && [ "$(cat body)" = hello ]
-gets 200 /vectors/5/0/0 -H 'Accept-Encoding: br' && cmp body brotli && has 'content-encoding: br'
 gets 404 /vectors/9/9/9 && has_no access-control
+for pair in minzoom=-3 maxzoom=99 bounds=-999,-10,20,95 center=11,48,1e9 \
+  'vector_layers=[null,7,{"id":1},{"id":"a"},{"id":"a"},{"id":"b"}]'; do
+  "$hxcf" -q meta folder/vectors set "${pair%%=*}" "${pair#*=}"
+done
 gets 200 /vectors.json && says 'j["tiles"] == ["https://maps.example/tiles/vectors/{z}/{x}/{y}.pbf"]'
+says '(j["minzoom"], j["maxzoom"], j["vector_layers"]) == (4, 5, [{"id": "a"}, {"id": "b"}])'
+says '"center" not in j and j["bounds"] == [-180, -10, 20, 90]'
 
 # What others store shows at once, by two servers on one file; under the same stamp, too.
 start other world.cf
@@ -150,14 +174,32 @@ gets 200 /metrics && grep -qx 'hxcf_requests_total{status="204"} 2' body && grep
 grep -qx "hxcf_request_duration_seconds_count $(awk '/^hxcf_requests_total/ {n += $2} END {print n}' body)" body
 
 # A file that goes, comes back as another one, or is damaged: a sentence, and the server stays.
-cp folder/words.cf words.cf && start server words.cf world.cf
+cp folder/words.cf words.cf && "$hxcf" -q put health 39,29 layer
+mkdir mixed && mv words.cf world.cf health.cf grids mixed && cd mixed && cp ../layer one
+"$hxcf" -q create damaged && "$hxcf" -q put damaged 0/0/0 one && truncate -s -3 damaged.cf
+head -c 100 /dev/urandom >none.cf
+start server . 2>err
+[[ $(wc -l <err) = 1 && $(cat err) = *none.cf* ]] || fail "of a file that is none: $(cat err)"
+gets 500 /damaged/0/0/0 && gets 200 /health
+gets 200 '/health-file/heat.json?size=1' && says '(j["box"], j["rows"], j["columns"]) == ([0, 0, 39, 29], 40, 30)'
 cp words.cf new && head -c 100 /dev/urandom >words.cf
 [[ $(curl -s -o body -w '%{http_code}' "$server/words/name/a%20b/c.txt") = 50[03] && $(wc -l <body) = 1 ]] ||
   fail "of a file that is damaged: $(cat body)"
 gets 503 /health && gets 200 /world/0/0/0
 mv new words.cf
 until curl -sf "$server/words/name/a%20b/c.txt" >body; do kill -0 "$server_id"; done
-cmp body layer && gets 200 /health
+cmp body ../layer && gets 200 /health
+# until_gets STATUS PATH: a file is opened anew at most once in a second.
+until_gets() {
+  until [ "$(curl -s -o body -w '%{http_code}' "$server$2")" = "$1" ]; do
+    kill -0 "$server_id" || fail "the server has ended"
+  done
+}
+"$hxcf" -q import --layout grid ../more more
+mv grids old && mv more grids && until_gets 200 /grids/3/7/7 && cmp body ../png
+mv health.cf was.cf && cp words.cf new && mv words.cf health.cf && mv was.cf words.cf
+until_gets 200 '/health-file/names.json?limit=1' && until_gets 200 '/words/versions.json?cell=7/8'
+says 'len(j) == 2'
 
 # It ends when it is told to, also with an open connection, and its file can be opened for writing.
 exec 3<>"/dev/tcp/127.0.0.1/${server##*:}"

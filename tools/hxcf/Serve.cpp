@@ -1,5 +1,7 @@
 // Serves files over HTTP: serve.
 
+#include <malloc.h>
+
 #include <csignal>
 #include <cstdio>
 
@@ -11,6 +13,9 @@ namespace {
 
 // Ends with 0 when it is told to: by SIGTERM, or SIGINT from the keyboard.
 int Run(const Serve::Options& options, const Console& console) {
+  // What large tiles take goes back to the system. Without a limit that is said, the allocator
+  // raises its own until it keeps them: 528 MB after some of 60 MB, instead of 16.
+  ::mallopt(M_MMAP_THRESHOLD, 1 << 20);
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
@@ -18,6 +23,8 @@ int Run(const Serve::Options& options, const Console& console) {
   // The threads of the server inherit this, so that only the wait below takes them.
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   const Serve::Server server(options);
+  for (const std::string& sentence : server.LeftOut())
+    std::fprintf(stderr, "hxcf: %s; it is left out\n", sentence.c_str());
   std::string names;
   for (const std::string& name : server.Names())
     names += (names.empty() ? "" : ", ") + name;

@@ -75,13 +75,12 @@ void LookAtName(std::string_view name, Media& media) {
 }
 
 // What the metadata say of all tiles.
-void LookAtMetadata(const ServedFile& file, bool isGzip, Media& media) {
-  const auto facts = file.GetFacts();
-  if (facts->kind != ServedFile::Kind::kPyramid) return;
-  const std::string compression = facts->metadata.get("compression");
-  if (!isGzip && compression == "br") media.encoding = Encoding::kBrotli;
-  if (!isGzip && compression == "zstd") media.encoding = Encoding::kZstd;
-  if (const TileFormat format = Formats::FormatOfName(facts->metadata.get("format"));
+void LookAtMetadata(const hx::Metadata& metadata, Media& media) {
+  const std::string compression = metadata.get("compression");
+  const bool isTold = media.encoding != Encoding::kNone;
+  if (!isTold && compression == "br") media.encoding = Encoding::kBrotli;
+  if (!isTold && compression == "zstd") media.encoding = Encoding::kZstd;
+  if (const TileFormat format = Formats::FormatOfName(metadata.get("format"));
       format != TileFormat::kUnknown) {
     media.type = Formats::MimeTypeOf(format);
     media.extension = Formats::NameOf(format);
@@ -140,7 +139,13 @@ Media LookAtPayload(hx::Bytes payload, const ServedFile& file, const Address& ad
   Media media{Formats::MimeTypeOf(format), Formats::NameOf(format), Encoding::kNone};
   if (format != TileFormat::kUnknown && !isGzip) return media;  // they have told all
   if (isGzip) media.encoding = Encoding::kGzip;
-  if (std::holds_alternative<hx::Tile>(address)) LookAtMetadata(file, isGzip, media);
+  if (std::holds_alternative<hx::Tile>(address)) {
+    // A wrong encoding would stay in caches, so what the bytes do not tell is looked up anew.
+    if (isGzip)
+      LookAtMetadata(file.GetFacts()->metadata, media);
+    else
+      LookAtMetadata(*file.GetMetadata(), media);
+  }
   if (const auto* const name = std::get_if<std::string>(&address)) LookAtName(*name, media);
   return media;
 }

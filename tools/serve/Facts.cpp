@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <optional>
+#include <set>
 
 #include "Encoding.h"
 #include "HttpDate.h"
@@ -22,6 +23,12 @@ const char* NameOf(ServedFile::Kind kind) {
     default:
       return "names";
   }
+}
+
+// Where the file lies is nobody's business.
+std::string FileNameOf(const ServedFile& file) {
+  const auto& path = file.Path();
+  return (path.has_filename() ? path : path.parent_path()).filename().string();
 }
 
 // Numbers of JavaScript hold 53 bits.
@@ -70,7 +77,8 @@ HeatMap LookInto(const ServedFile& file, const Box& box, std::optional<std::uint
                       cols = std::uint64_t{box.lastCol} - box.firstCol + 1;
   if (rows * cols > HeatMap::kMostFields)
     throw Refusal(400, "a box has " + std::to_string(HeatMap::kMostFields) + " cells at most");
-  for (std::uint32_t i = 0; i < rows * cols && !isStopping; ++i) {
+  for (std::uint32_t i = 0; i < rows * cols; ++i) {
+    if (isStopping) throw Refusal(503, "the server ends");
     const auto row = static_cast<std::uint32_t>(box.firstRow + i / cols),
                col = static_cast<std::uint32_t>(box.firstCol + i % cols);
     try {
@@ -98,11 +106,50 @@ Json ParseValue(const std::string& text) {
   return isTooDeep || json.is_discarded() ? Json() : json;
 }
 
+// Those that have a name of their own: a map can do nothing with others.
 Json LayersOf(const hx::Metadata& metadata) {
-  Json layers = ParseValue(metadata.get("vector_layers"));
-  if (layers.is_array()) return layers;
-  const Json json = ParseValue(metadata.get("json"));
-  return json.is_object() && json.contains("vector_layers") ? json["vector_layers"] : Json();
+  Json told = ParseValue(metadata.get("vector_layers"));
+  if (const Json json = ParseValue(metadata.get("json"));
+      !told.is_array() && json.is_object() && json.contains("vector_layers"))
+    told = json["vector_layers"];
+  if (!told.is_array()) return Json();
+  Json layers = Json::array();
+  std::set<std::string> names;
+  for (const Json& layer : told)
+    if (layer.is_object() && layer.contains("id") && layer["id"].is_string() &&
+        names.insert(layer["id"].get<std::string>()).second)
+      layers.push_back(layer);
+  return layers;
+}
+
+constexpr int kMostZoom = 30;  // of TileJSON
+
+std::optional<int> ZoomOf(std::optional<int> zoom) {
+  return zoom && *zoom >= 0 && *zoom <= kMostZoom ? zoom : std::nullopt;
+}
+
+// Where the tiles are, as far as it makes sense.
+void AddPlace(const hx::Metadata& metadata, Json& json) {
+  const auto isIn = [](double value, double most) { return value >= -most && value <= most; };
+  if (auto bounds = metadata.bounds()) {
+    bounds->west = std::max(bounds->west, -180.0);
+    bounds->east = std::min(bounds->east, 180.0);
+    bounds->south = std::max(bounds->south, -90.0);
+    bounds->north = std::min(bounds->north, 90.0);
+    if (bounds->west < bounds->east && bounds->south < bounds->north)
+      json["bounds"] = {bounds->west, bounds->south, bounds->east, bounds->north};
+  }
+  if (const auto center = metadata.center();
+      center && isIn(center->longitude, 180) && isIn(center->latitude, 90) && ZoomOf(center->zoom))
+    json["center"] = {center->longitude, center->latitude, center->zoom};
+}
+
+bool IsUtf8(const std::string& text) {
+  try {
+    return !Json(text).dump().empty();
+  } catch (const Json::type_error&) {
+    return false;
+  }
 }
 
 Json ToJson(const Level& level, const Json& zoom) {
@@ -132,7 +179,7 @@ hx::Cell ParseCell(std::string_view row, std::string_view col) {
 Json ListOf(const std::vector<std::unique_ptr<ServedFile>>& files) {
   Json list = Json::array();
   for (const auto& file : files) {
-    Json entry = {{"name", file->Name()}, {"path", file->Path().filename().string()}};
+    Json entry = {{"name", file->Name()}, {"path", FileNameOf(*file)}};
     try {
       const auto facts = file->GetFacts();
       entry.update(
@@ -159,7 +206,8 @@ Json TileJsonOf(const ServedFile& file, const std::string& base,
     if (const std::string value = metadata.get(key); !value.empty()) json[key] = value;
   json["scheme"] = "xyz";
   if (!facts->format.empty()) json["format"] = facts->format;
-  auto least = metadata.min_zoom(), most = metadata.max_zoom();
+  auto least = ZoomOf(metadata.min_zoom()), most = ZoomOf(metadata.max_zoom());
+  if (least && most && *least > *most) least = most = std::nullopt;
   if (!least || !most) {
     const auto survey = file.GetSurvey(isStopping);
     if (!survey->zooms.empty()) {
@@ -167,12 +215,10 @@ Json TileJsonOf(const ServedFile& file, const std::string& base,
       most = most.value_or(static_cast<int>(survey->zooms.rbegin()->first));
     }
   }
+  least = ZoomOf(least), most = ZoomOf(most);
   if (least) json["minzoom"] = *least;
   if (most) json["maxzoom"] = *most;
-  if (const auto bounds = metadata.bounds())
-    json["bounds"] = {bounds->west, bounds->south, bounds->east, bounds->north};
-  if (const auto center = metadata.center())
-    json["center"] = {center->longitude, center->latitude, center->zoom};
+  AddPlace(metadata, json);
   if (const Json layers = LayersOf(metadata); layers.is_array()) json["vector_layers"] = layers;
   return json;
 }
@@ -181,7 +227,7 @@ Json InfoOf(const ServedFile& file, const std::atomic<bool>& isStopping) {
   const auto facts = file.GetFacts();
   const auto survey = file.GetSurvey(isStopping);
   const hx::Statistics& count = survey->statistics;
-  Json json = {{"kind", NameOf(facts->kind)}, {"path", file.Path().string()},
+  Json json = {{"kind", NameOf(facts->kind)}, {"path", FileNameOf(file)},
                {"format", facts->format},     {"fileSize", count.fileBytes},
                {"tiles", count.tiles},        {"versions", count.versions},
                {"bytes", count.payloadBytes}, {"live", count.liveBytes},
@@ -214,14 +260,18 @@ Json HeatOf(const ServedFile& file, const Url& url, const std::atomic<bool>& isS
     versions.push_back(field.versions);
     bytes.push_back(field.bytes);
   }
-  const std::uint64_t lastRow = picture.firstRow + std::uint64_t{picture.step} * picture.rows,
-                      lastCol = picture.firstCol + std::uint64_t{picture.step} * picture.cols;
-  return {{"rows", lastRow - picture.firstRow},
-          {"columns", lastCol - picture.firstCol},
+  const std::uint64_t endRow =
+                          std::min(level.endRow, picture.firstRow + picture.step * picture.rows),
+                      endCol =
+                          std::min(level.endCol, picture.firstCol + picture.step * picture.cols);
+  return {{"rows", endRow - picture.firstRow},
+          {"columns", endCol - picture.firstCol},
           {"fieldRows", picture.rows},
           {"fieldColumns", picture.cols},
           {"step", picture.step},
-          {"box", {picture.firstRow, picture.firstCol, lastRow - 1, lastCol - 1}},
+          {"box", picture.fields.empty()
+                      ? Json::array()
+                      : Json{picture.firstRow, picture.firstCol, endRow - 1, endCol - 1}},
           {"tiles", tiles},
           {"versions", versions},
           {"bytes", bytes}};
@@ -229,8 +279,14 @@ Json HeatOf(const ServedFile& file, const Url& url, const std::atomic<bool>& isS
 
 Json NamesOf(const ServedFile& file, const Url& url, const std::atomic<bool>& isStopping) {
   const std::uint32_t limit = NumberOf(url, "limit", kNames, 1, kMostNames);
-  const auto names = file.Names(url.Get("prefix"), url.Get("after"), limit, isStopping);
-  return {{"names", names}, {"next", names.size() == limit ? Json(names.back()) : Json()}};
+  const auto after = DecodeSegment(url.Get("after"));
+  if (!after) throw Refusal(400, "after is what the answer before has as next");
+  const auto names = file.Names(url.Get("prefix"), *after, limit, isStopping);
+  Json json = {{"names", names},
+               {"next", names.size() == limit ? Json(EncodeSegment(names.back())) : Json()}};
+  for (std::size_t i = 0; i < names.size(); ++i)
+    if (!IsUtf8(names[i])) json["escaped"][std::to_string(i)] = EncodeSegment(names[i]);
+  return json;
 }
 
 Json VersionsOf(const ServedFile& file, const Url& url) {

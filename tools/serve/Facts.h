@@ -2,29 +2,17 @@
 
 #include <atomic>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Refusal.h"
 #include "ServedFile.h"
 #include "Url.h"
 
 namespace Serve {
 
 using Json = nlohmann::ordered_json;
-
-/// A request that cannot be answered; what() is the sentence.
-class Refusal : public std::runtime_error {
- public:
-  Refusal(int status, const std::string& sentence)
-      : std::runtime_error(sentence), m_status(status) {}
-
-  int Status() const { return m_status; }
-
- private:
-  int m_status;
-};
 
 // What is told of files as JSON. All throw Refusal and hx::Error; those with `isStopping` walk over
 // the whole file, unless somebody has just done so.

@@ -19,13 +19,6 @@ std::string Format(const char* format, std::time_t time) {
 
 std::string ToHttpDate(std::time_t time) { return Format(kHttpDate, time); }
 
-std::optional<std::time_t> FromHttpDate(const std::string& text) {
-  std::tm parts = {};
-  const char* const end = ::strptime(text.c_str(), kHttpDate, &parts);
-  if (end == nullptr || *end != '\0') return std::nullopt;
-  return ::timegm(&parts);
-}
-
 const std::string& NowAsHttpDate() {
   thread_local std::time_t made = 0;
   thread_local std::string text;

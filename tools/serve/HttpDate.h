@@ -1,16 +1,12 @@
 #pragma once
 
 #include <ctime>
-#include <optional>
 #include <string>
-#include <string_view>
 
 namespace Serve {
 
 /// "Sun, 06 Nov 1994 08:49:37 GMT"
 std::string ToHttpDate(std::time_t time);
-/// Nothing for any other text.
-std::optional<std::time_t> FromHttpDate(const std::string& text);
 /// The time now; made once in a second.
 const std::string& NowAsHttpDate();
 /// "1994-11-06T08:49:37Z"

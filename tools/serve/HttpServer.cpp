@@ -41,9 +41,13 @@ struct Exchange {
 };
 thread_local Exchange t_exchange;
 
+// A field that has come several times is a list.
 std::string Field(const httplib::Request& request, const char* name) {
-  const auto found = request.headers.find(name);
-  return found != request.headers.end() ? found->second : std::string();
+  const auto [first, last] = request.headers.equal_range(name);
+  std::string list;
+  for (auto field = first; field != last; ++field)
+    list += (field == first ? "" : ", ") + field->second;
+  return list;
 }
 
 // Why a request was not given to the handler.
@@ -51,8 +55,6 @@ const char* SentenceOf(int status) {
   switch (status) {
     case 414:
       return "the URL is too long\n";
-    case 416:
-      return "there is no such range\n";
     case 417:
       return "requests have no body here\n";
     case 431:
@@ -65,9 +67,13 @@ const char* SentenceOf(int status) {
 }  // namespace
 
 void HttpAnswer::Reset() {
+  constexpr std::size_t kMostKept = 1 << 20;
   status = 200;
   fields.clear();
   text.clear();
+  if (text.capacity() > kMostKept) text.shrink_to_fit();
+  if (payload.text().size() > kMostKept) payload = {};
+  held.reset();
   constant = {};
   hasPayload = false;
 }
@@ -85,6 +91,7 @@ class HttpServer::Engine : private httplib::Server {
 
  private:
   bool process_and_close_socket(socket_t socket) override;
+  bool IsOver() const { return m_isEnding && std::chrono::steady_clock::now() > m_endTime; }
   bool Answer(ClientStream& stream);
   void Handle(const httplib::Request& request, httplib::Response& response);
   static void LookAtBody(const httplib::Request& request);
@@ -94,6 +101,7 @@ class HttpServer::Engine : private httplib::Server {
   const HttpServer::Handler m_handler;
   const Observer m_observer;
   std::atomic<bool> m_isEnding = false;
+  std::chrono::steady_clock::time_point m_endTime;  // if it is ending
   const int m_end = ::eventfd(0, EFD_CLOEXEC);
   std::thread m_listening;
 };
@@ -105,8 +113,11 @@ HttpServer::Engine::Engine(HttpServer::Handler handler, Observer observer)
     Handle(request, response);
     return HandlerResponse::Handled;
   });
-  set_error_handler([](const httplib::Request& request, httplib::Response& response) {
-    if (!t_exchange.isAnswered) Refuse(request, response);
+  set_error_handler([this](const httplib::Request& request, httplib::Response& response) {
+    if (t_exchange.isAnswered) return;
+    if (response.status != 416) return Refuse(request, response);
+    LookAtBody(request);  // a range that makes no sense is ignored as others are
+    Handle(request, response);
   });
   set_post_routing_handler(
       [](const httplib::Request&, httplib::Response& response) { Complete(response); });
@@ -130,11 +141,12 @@ HttpServer::Engine::~Engine() {
 
 int HttpServer::Engine::Start(const std::string& host, int port, unsigned int threads) {
   errno = 0;
+  const std::string wanted = host + ":" + std::to_string(port);
   const bool isBound = port == 0 ? (port = bind_to_any_port(host)) > 0 : bind_to_port(host, port);
   // The library has asked for a queue of five, which is too short when many clients come at once.
   constexpr int kBacklog = 1024;
   if (!isBound || ::listen(svr_sock_, kBacklog) != 0)
-    throw std::runtime_error("cannot listen at " + host + ":" + std::to_string(port) +
+    throw std::runtime_error("cannot listen at " + wanted +
                              (errno != 0 ? ": " + std::generic_category().message(errno) : ""));
   new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
   m_listening = std::thread([this, host, port] {
@@ -153,6 +165,7 @@ int HttpServer::Engine::Start(const std::string& host, int port, unsigned int th
 
 void HttpServer::Engine::Stop() {
   if (!m_listening.joinable()) return;
+  m_endTime = std::chrono::steady_clock::now() + ClientStream::kEndTime;
   m_isEnding = true;
   ::eventfd_write(m_end, 1);
   stop();
@@ -162,7 +175,8 @@ void HttpServer::Engine::Stop() {
 bool HttpServer::Engine::process_and_close_socket(socket_t socket) {
   try {
     ClientStream stream(socket, m_end);
-    while (!m_isEnding && stream.Await() && Answer(stream)) {
+    // What has come before the end is answered.
+    while (!IsOver() && stream.Await() && Answer(stream)) {
     }
   } catch (const std::bad_alloc&) {
     return false;  // this client gets no answer; others may
@@ -186,7 +200,9 @@ bool HttpServer::Engine::Answer(ClientStream& stream) {
       exchange.request.method == "HEAD" ? std::string_view() : exchange.answer.Body();
   m_observer(
       {exchange.answer.status, body.size(), std::chrono::steady_clock::now() - exchange.begin});
-  if (!stream.Send(body)) return false;
+  const bool isSent = stream.Send(body);
+  exchange.answer.Reset();
+  if (!isSent) return false;
   if (isLast) stream.Finish();
   return !isLast && stream.Skip(exchange.bodyLength);
 }
@@ -198,8 +214,7 @@ void HttpServer::Engine::LookAtBody(const httplib::Request& request) {
   const char* const end = length.data() + length.size();
   const auto read = std::from_chars(length.data(), end, exchange.bodyLength);
   const bool isCounted = length.empty() || (read.ec == std::errc() && read.ptr == end &&
-                                            exchange.bodyLength <= kLongestBody &&
-                                            request.headers.count("Content-Length") == 1);
+                                            exchange.bodyLength <= kLongestBody);
   if (isCounted && !request.has_header("Transfer-Encoding")) return;
   exchange.bodyLength = 0;
   exchange.isLast = true;

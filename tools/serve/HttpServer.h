@@ -29,6 +29,7 @@ struct HttpAnswer {
   hx::Payload payload;
   std::string_view constant;  ///< lives as long as the program
   bool hasPayload = false;
+  std::shared_ptr<const void> held;  ///< given back when the answer is sent
 
   std::string_view Body() const {
     return hasPayload          ? payload.text().substr(0, payload.filled())
@@ -36,7 +37,7 @@ struct HttpAnswer {
                                : std::string_view(text);
   }
   void Set(const char* name, std::string value) { fields.emplace_back(name, std::move(value)); }
-  /// As new, but for memory that another answer can use.
+  /// As new, but for memory that another answer can use, if it is not very much.
   void Reset();
 };
 

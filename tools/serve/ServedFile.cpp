@@ -1,6 +1,9 @@
 #include "ServedFile.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <array>
 #include <optional>
 #include <set>
 #include <utility>
@@ -66,15 +69,27 @@ int StatusOf(Cause cause) {
   }
 }
 
+// Of the manifest of a set of grids: which file it is.
+using Identity = std::array<std::uint64_t, 4>;
+
+Identity IdentityOf(const std::filesystem::path& folder) {
+  struct stat status;
+  if (::stat((folder / "tileset.json").c_str(), &status) != 0) return {};
+  return {status.st_dev, status.st_ino, static_cast<std::uint64_t>(status.st_mtim.tv_sec),
+          static_cast<std::uint64_t>(status.st_mtim.tv_nsec)};
+}
+
 // The open object: a grid, or a set in a container of names or in grids.
 struct ServedFile::Handle {
   hx::Container grid;
   hx::Tileset set;
+  Identity manifest = {};
 
   static std::shared_ptr<const Handle> Open(const std::filesystem::path& path,
                                             const hx::Options& options);
   const hx::Container* File() const { return grid.is_open() ? &grid : set.names(); }
   hx::Status Find(const Address& address, hx::Payload& payload, hx::Stamp stamp) const;
+  void SetEnds(Survey& survey) const;
 };
 
 std::shared_ptr<const ServedFile::Handle> ServedFile::Handle::Open(
@@ -82,6 +97,7 @@ std::shared_ptr<const ServedFile::Handle> ServedFile::Handle::Open(
   auto handle = std::make_shared<Handle>();
   std::error_code ignored;
   if (std::filesystem::is_directory(path, ignored)) {
+    handle->manifest = IdentityOf(path);
     handle->set = hx::Tileset::open(path, options);
     return handle;
   }
@@ -105,6 +121,24 @@ hx::Status ServedFile::Handle::Find(const Address& address, hx::Payload& payload
   return {Zarn::ZrResult::kWrongFile, Cause::kWrongKind};
 }
 
+// A zoom of names may have any rows and columns, although few have others than those of the web.
+void ServedFile::Handle::SetEnds(Survey& survey) const {
+  if (survey.grid) {
+    survey.grid->endRow = grid.layout().rows();
+    survey.grid->endCol = grid.layout().cols();
+  }
+  for (auto& [zoom, level] : survey.zooms) {
+    const std::uint64_t end = std::uint64_t{1} << std::min(zoom, 32U);
+    level.endRow = std::max(end, std::uint64_t{level.lastRow} + 1);
+    level.endCol = std::max(end, std::uint64_t{level.lastCol} + 1);
+  }
+  for (const hx::ZoomRange& range : set.ranges())
+    if (const auto found = survey.zooms.find(range.zoom); found != survey.zooms.end()) {
+      found->second.endRow = std::uint64_t{range.first_row} + range.rows;
+      found->second.endCol = std::uint64_t{range.first_col} + range.cols;
+    }
+}
+
 ServedFile::ServedFile(std::string name, std::filesystem::path path, hx::Options options)
     : m_name(std::move(name)),
       m_path(std::move(path)),
@@ -117,6 +151,24 @@ hx::Status ServedFile::Find(const Address& address, hx::Payload& payload, hx::St
   const hx::Status status = Use()->Find(address, payload, stamp);
   if (!IsOfObject(status.cause()) || !Reopen()) return status;
   return Use()->Find(address, payload, stamp);
+}
+
+// A set of grids that was replaced, or has got a zoom, has a new manifest.
+std::shared_ptr<const ServedFile::Handle> ServedFile::Use() const {
+  auto handle = m_handle.load();
+  const bool isGrids = handle->set.is_open() && handle->set.names() == nullptr;
+  if (isGrids && handle->manifest != IdentityOf(m_path) && Reopen()) return m_handle.load();
+  return handle;
+}
+
+template <typename Read>
+auto ServedFile::With(Read read) const {
+  try {
+    return read(*Use());
+  } catch (const hx::Error& error) {
+    if (!IsOfObject(error.cause()) || !Reopen()) throw;
+  }
+  return read(*Use());
 }
 
 // At most once in a second.
@@ -134,16 +186,16 @@ bool ServedFile::Reopen() const {
 }
 
 std::vector<hx::Version> ServedFile::Versions(const Address& address) const {
-  const auto handle = Use();
-  const auto* const tile = std::get_if<hx::Tile>(&address);
-  if (tile != nullptr && handle->set.is_open()) return handle->set.versions(*tile);
-  const hx::Container* const file = handle->File();
-  if (const auto* const cell = std::get_if<hx::Cell>(&address); cell != nullptr && file != nullptr)
-    return file->versions(*cell);
-  if (const auto* const name = std::get_if<std::string>(&address);
-      name != nullptr && file != nullptr)
-    return file->versions(*name);
-  Fail(m_path, Cause::kWrongKind, "look up in");
+  return With([&](const Handle& handle) {
+    const auto* const tile = std::get_if<hx::Tile>(&address);
+    if (tile != nullptr && handle.set.is_open()) return handle.set.versions(*tile);
+    const auto* const cell = std::get_if<hx::Cell>(&address);
+    if (cell != nullptr && handle.grid.is_open()) return handle.grid.versions(*cell);
+    const auto* const name = std::get_if<std::string>(&address);
+    const hx::Container* const names = handle.set.is_open() ? handle.set.names() : nullptr;
+    if (name != nullptr && names != nullptr) return names->versions(*name);
+    Fail(m_path, Cause::kWrongKind, "look up in");
+  });
 }
 
 hx::Cause ServedFile::Check() const {
@@ -152,12 +204,31 @@ hx::Cause ServedFile::Check() const {
   return Find(isGrid ? Address(hx::Cell{}) : Address(hx::Tile{}), payload, hx::kNewest).cause();
 }
 
+// To understand them takes longer than to look them up, and they seldom change.
+std::shared_ptr<const hx::Metadata> ServedFile::GetMetadata() const {
+  const auto handle = Use();
+  if (!handle->set.is_open()) return std::make_shared<const hx::Metadata>();
+  if (handle->set.names() == nullptr)
+    return std::make_shared<const hx::Metadata>(handle->set.metadata());
+  const auto payload = handle->set.names()->find(hx::Tileset::kMetadataName);
+  const std::string_view text = payload ? payload->text() : std::string_view();
+  auto description = m_description.load();
+  if (description == nullptr || description->text != text) {
+    auto metadata = hx::Metadata::from_json(text).value_or(hx::Metadata());
+    description =
+        std::make_shared<const Description>(Description{std::string(text), std::move(metadata)});
+    m_description.store(description);
+  }
+  return {description, &description->metadata};
+}
+
 std::shared_ptr<const ServedFile::Facts> ServedFile::GetFacts() const {
-  return m_facts.Get([this] { return LookAround(); });
+  return m_facts.Get([this] { return With(LookAround); });
 }
 
 std::shared_ptr<const Survey> ServedFile::GetSurvey(const std::atomic<bool>& isStopping) const {
-  return m_survey.Get([&] { return WalkAll(isStopping); });
+  return m_survey.Get(
+      [&] { return With([&](const Handle& handle) { return WalkAll(handle, isStopping); }); });
 }
 
 // The first tile, if the first names have one.
@@ -190,47 +261,45 @@ std::optional<Address> ServedFile::FindFirst(const Handle& handle, bool& hasOthe
   return first;
 }
 
-ServedFile::Facts ServedFile::LookAround() const {
-  const auto handle = Use();
-  const hx::Container* const names = handle->set.is_open() ? handle->set.names() : nullptr;
+ServedFile::Facts ServedFile::LookAround(const Handle& handle) {
+  const hx::Container* const names = handle.set.is_open() ? handle.set.names() : nullptr;
   bool hasOtherNames = false;
-  const std::optional<Address> first = FindFirst(*handle, hasOtherNames);
+  const std::optional<Address> first = FindFirst(handle, hasOtherNames);
   Facts facts;
-  if (handle->grid.is_open()) {
+  if (handle.grid.is_open()) {
     facts.kind = Kind::kGrid;
-    facts.tiles = handle->grid.size();
+    facts.tiles = handle.grid.size();
   } else {
-    facts.metadata = handle->set.metadata();
+    facts.metadata = handle.set.metadata();
     const bool isPyramid = names == nullptr || first || (!facts.metadata.empty() && !hasOtherNames);
     facts.kind = isPyramid ? Kind::kPyramid : Kind::kNames;
-    facts.tiles = names == nullptr ? handle->set.size()
+    facts.tiles = names == nullptr ? handle.set.size()
                                    : names->size() - names->contains(hx::Tileset::kMetadataName);
   }
   const auto named = Formats::FormatOfName(facts.metadata.get("format"));
   facts.format = named != Formats::TileFormat::kUnknown ? Formats::NameOf(named)
                                                         : facts.metadata.get("format");
   hx::Payload payload;
-  if (facts.format.empty() && first && handle->Find(*first, payload, hx::kNewest).ok())
+  if (facts.format.empty() && first && handle.Find(*first, payload, hx::kNewest).ok())
     facts.format = Formats::NameOf(Formats::DetectFormat(payload));
   return facts;
 }
 
-Survey ServedFile::WalkAll(const std::atomic<bool>& isStopping) const {
-  const auto handle = Use();
+Survey ServedFile::WalkAll(const Handle& handle, const std::atomic<bool>& isStopping) const {
   Survey survey;
   hx::CursorOptions options;
   options.payloads = false;
   const auto fieldOf = [](const hx::Entry& entry) {
     return Field{1, entry.stamps().size(), entry.size()};
   };
-  if (handle->grid.is_open()) {
+  if (handle.grid.is_open()) {
     Level& level = survey.grid.emplace();
-    for (const hx::Entry& entry : handle->grid.tiles(options)) {
+    for (const hx::Entry& entry : handle.grid.tiles(options)) {
       level.Add(entry.cell().row, entry.cell().col, fieldOf(entry));
       if (isStopping) Fail(m_path, Cause::kCancelled, "walk over");
     }
   } else {
-    handle->set.for_each(
+    handle.set.for_each(
         [&](const hx::Tile& tile, const hx::Entry& entry) {
           survey.zooms[tile.z].Add(tile.y, tile.x, fieldOf(entry));
           return !isStopping;
@@ -238,8 +307,9 @@ Survey ServedFile::WalkAll(const std::atomic<bool>& isStopping) const {
         {}, options);
     if (isStopping) Fail(m_path, Cause::kCancelled, "walk over");
   }
-  const hx::Container* const file = handle->File();
-  survey.statistics = file == nullptr ? handle->set.statistics()
+  handle.SetEnds(survey);
+  const hx::Container* const file = handle.File();
+  survey.statistics = file == nullptr ? handle.set.statistics()
                                       : file->statistics([&](auto, auto) { return !isStopping; });
   return survey;
 }
@@ -247,21 +317,22 @@ Survey ServedFile::WalkAll(const std::atomic<bool>& isStopping) const {
 std::vector<std::string> ServedFile::Names(std::string_view prefix, std::string_view after,
                                            std::size_t most,
                                            const std::atomic<bool>& isStopping) const {
-  const auto handle = Use();
-  if (!handle->set.is_open() || handle->set.names() == nullptr)
-    Fail(m_path, Cause::kWrongKind, "look up in");
-  std::set<std::string> names;
-  hx::CursorOptions options;
-  options.payloads = false;
-  options.prefix = prefix;
-  for (const hx::Entry& entry : handle->set.names()->tiles(options)) {
-    if (isStopping) Fail(m_path, Cause::kCancelled, "walk over");
-    std::string name = entry.name();
-    if (name <= after || (names.size() == most && name > *names.rbegin())) continue;
-    names.insert(std::move(name));
-    if (names.size() > most) names.erase(std::prev(names.end()));
-  }
-  return {names.begin(), names.end()};
+  return With([&](const Handle& handle) {
+    if (!handle.set.is_open() || handle.set.names() == nullptr)
+      Fail(m_path, Cause::kWrongKind, "look up in");
+    std::set<std::string> names;
+    hx::CursorOptions options;
+    options.payloads = false;
+    options.prefix = prefix;
+    for (const hx::Entry& entry : handle.set.names()->tiles(options)) {
+      if (isStopping) Fail(m_path, Cause::kCancelled, "walk over");
+      std::string name = entry.name();
+      if (name <= after || (names.size() == most && name > *names.rbegin())) continue;
+      names.insert(std::move(name));
+      if (names.size() > most) names.erase(std::prev(names.end()));
+    }
+    return std::vector<std::string>(names.begin(), names.end());
+  });
 }
 
 }  // namespace Serve

@@ -48,13 +48,16 @@ class ServedFile {
   bool HasPassword() const { return !m_options.password.empty(); }
 
   /// Finds a tile. If the file was replaced by one that only a new object can read, it is opened
-  /// anew. What does not fit to the kind of the file fails (Cause::kWrongKind).
+  /// anew, here and in all that follows. What does not fit to the kind of the file fails
+  /// (Cause::kWrongKind).
   hx::Status Find(const Address& address, hx::Payload& payload, hx::Stamp stamp) const;
   /// The newest first. Throws hx::Error.
   std::vector<hx::Version> Versions(const Address& address) const;
   /// Whether it can be read at all: anything but kNone and kNoTile is a fault.
   hx::Cause Check() const;
 
+  /// As they are now; empty if there are none. Throws hx::Error.
+  std::shared_ptr<const hx::Metadata> GetMetadata() const;
   /// These are kept for some seconds, and throw hx::Error. The facts may need the index, the survey
   /// needs a walk, which ends with Cause::kCancelled if `isStopping` becomes true.
   std::shared_ptr<const Facts> GetFacts() const;
@@ -65,12 +68,18 @@ class ServedFile {
 
  private:
   struct Handle;
+  struct Description {
+    std::string text;
+    hx::Metadata metadata;  // which the text says
+  };
 
-  std::shared_ptr<const Handle> Use() const { return m_handle.load(); }
+  std::shared_ptr<const Handle> Use() const;
+  template <typename Read>
+  auto With(Read read) const;
   bool Reopen() const;
   static std::optional<Address> FindFirst(const Handle& handle, bool& hasOtherNames);
-  Facts LookAround() const;
-  Survey WalkAll(const std::atomic<bool>& isStopping) const;
+  static Facts LookAround(const Handle& handle);
+  Survey WalkAll(const Handle& handle, const std::atomic<bool>& isStopping) const;
 
   const std::string m_name;
   const std::filesystem::path m_path;
@@ -78,6 +87,7 @@ class ServedFile {
   mutable std::atomic<std::shared_ptr<const Handle>> m_handle;
   mutable std::mutex m_opening;
   mutable std::chrono::steady_clock::time_point m_nextOpening;
+  mutable std::atomic<std::shared_ptr<const Description>> m_description;  // the last one
   mutable Kept<Facts> m_facts;
   mutable Kept<Survey> m_survey;
 };

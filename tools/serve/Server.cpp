@@ -8,6 +8,7 @@
 #include <mutex>
 #include <new>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -15,6 +16,7 @@
 #include "Encoding.h"
 #include "Facts.h"
 #include "HttpServer.h"
+#include "Limit.h"
 #include "Metrics.h"
 #include "TileAnswer.h"
 #include "Url.h"
@@ -29,43 +31,33 @@ constexpr const char* kPolicy =
     "style-src 'self' 'unsafe-inline'";
 
 // Files, sets of grids, and what a folder has of both.
-std::vector<std::filesystem::path> FindFiles(const std::vector<std::filesystem::path>& paths) {
-  const auto isSet = [](const std::filesystem::path& path) {
-    return std::filesystem::exists(path / "tileset.json");
+struct Found {
+  std::filesystem::path path;
+  bool isNamed;  // itself, not its folder
+};
+std::vector<Found> FindFiles(const std::vector<std::filesystem::path>& paths) {
+  std::error_code ignored;
+  const auto isSet = [&](const std::filesystem::path& path) {
+    return std::filesystem::exists(path / "tileset.json", ignored);
   };
-  std::vector<std::filesystem::path> files;
+  std::vector<Found> files;
   for (const auto& path : paths) {
-    if (!std::filesystem::is_directory(path) || isSet(path)) {
-      files.push_back(path);
+    if (!std::filesystem::is_directory(path, ignored) || isSet(path)) {
+      files.push_back({path, true});
       continue;
     }
-    const auto first = static_cast<std::ptrdiff_t>(files.size());
+    std::set<std::filesystem::path> inFolder;
     for (const auto& entry : std::filesystem::directory_iterator(path))
-      if (entry.is_directory() ? isSet(entry.path())
-                               : entry.is_regular_file() && entry.path().extension() == ".cf" &&
-                                     !entry.path().filename().string().starts_with('.'))
-        files.push_back(entry.path());
-    std::sort(files.begin() + first, files.end());
+      if (entry.is_directory(ignored)
+              ? isSet(entry.path())
+              : entry.is_regular_file(ignored) && entry.path().extension() == ".cf" &&
+                    !entry.path().filename().string().starts_with('.'))
+        inFolder.insert(entry.path());
+    for (const auto& file : inFolder)
+      files.push_back({file, false});
   }
-  if (files.empty()) throw std::runtime_error("there are no files to serve");
   return files;
 }
-
-// A thread that does what may take long. Some threads are kept for what does not.
-class LongTask {
- public:
-  LongTask(std::atomic<unsigned int>& running, unsigned int most) : m_running(running) {
-    if (m_running.fetch_add(1) < most) return;
-    --m_running;
-    throw Refusal(503, "the server is busy with other walks over files");
-  }
-  ~LongTask() { --m_running; }
-  LongTask(const LongTask&) = delete;
-  LongTask& operator=(const LongTask&) = delete;
-
- private:
-  std::atomic<unsigned int>& m_running;
-};
 
 // As a part of a file name that every system takes.
 std::string Tidy(std::string text) {
@@ -86,6 +78,7 @@ class Server::Site {
 
   const Options m_options;
   std::vector<std::unique_ptr<ServedFile>> m_files;
+  std::vector<std::string> m_leftOut;
   int m_port = 0;
   std::string m_address;
 
@@ -105,10 +98,10 @@ class Server::Site {
   std::string NameFor(const std::filesystem::path& path) const;
   std::string BaseFor(const HttpRequest& request) const;
 
+  Limit m_walks;  // some threads are kept for what does not take long
+  Limit m_large{8};
   const TileRules m_rules;
   std::atomic<bool> m_isStopping = false;
-  const unsigned int m_mostLongTasks;
-  std::atomic<unsigned int> m_longTasks = 0;
   Metrics m_metrics;
   HttpServer m_http;  // the last one: it calls for the others
 };
@@ -154,8 +147,8 @@ bool IsHost(std::string_view text) {
 
 Server::Site::Site(const Options& options)
     : m_options(options),
-      m_rules{options.missingStatus, CacheControlOf(options.maxAge)},
-      m_mostLongTasks(std::max(1U, options.threads / 2)),
+      m_walks(std::max(1U, options.threads / 2)),
+      m_rules{options.missingStatus, CacheControlOf(options.maxAge), &m_large},
       m_http([this](const HttpRequest& request, HttpAnswer& answer) { Answer(request, answer); },
              [this](const HttpRecord& record) {
                m_metrics.Count(record.status, record.bytes, record.time);
@@ -163,8 +156,16 @@ Server::Site::Site(const Options& options)
   hx::Options how;
   how.read_only = true;
   how.password = options.password;
-  for (const auto& path : FindFiles(options.paths))
-    m_files.push_back(std::make_unique<ServedFile>(NameFor(path), path, how));
+  for (const auto& [path, isNamed] : FindFiles(options.paths)) {
+    try {
+      m_files.push_back(std::make_unique<ServedFile>(NameFor(path), path, how));
+    } catch (const hx::Error& error) {
+      if (isNamed) throw;
+      m_leftOut.push_back(error.what());
+    }
+  }
+  if (m_files.empty())
+    throw std::runtime_error(m_leftOut.empty() ? "there are no files to serve" : m_leftOut[0]);
   m_port = m_http.Start(options.host, options.port, options.threads);
   const bool isIpv6 = options.host.find(':') != std::string::npos;
   m_address = "http://" + (isIpv6 ? "[" + options.host + "]" : options.host) + ":" +
@@ -253,7 +254,7 @@ void Server::Site::Route(const HttpRequest& request, HttpAnswer& answer) {
   const ServedFile* const file =
       path[0].ends_with(kJson) ? Find(path[0].substr(0, path[0].size() - kJson.size())) : nullptr;
   if (file == nullptr) throw Refusal(404, "no file of this name is served");
-  const LongTask task(m_longTasks, m_mostLongTasks);
+  const auto task = m_walks.Take("the server is busy with other walks over files");
   AnswerJson(answer, TileJsonOf(*file, BaseFor(request), m_isStopping));
 }
 
@@ -285,7 +286,7 @@ void Server::Site::RouteInFile(const ServedFile& file, const Url& url, const Htt
 
 void Server::Site::AnswerWalk(const ServedFile& file, const Url& url, Walk walk,
                               HttpAnswer& answer) {
-  const LongTask task(m_longTasks, m_mostLongTasks);
+  const auto task = m_walks.Take("the server is busy with other walks over files");
   AnswerJson(answer, walk(file, url, m_isStopping));
 }
 
@@ -301,12 +302,14 @@ void Server::Site::AnswerAddressed(const ServedFile& file, const Address& addres
   if (!AnswerTile(file, address, query, m_rules, request, answer)) m_metrics.CountMiss();
 }
 
-// Whether requests should be sent here: whether all files can be read.
+// Whether requests should be sent here: whether all files can be used, be it that a tile is
+// damaged.
 void Server::Site::AnswerHealth(HttpAnswer& answer) const {
   for (const auto& file : m_files) {
     const hx::Cause cause = file->Check();
-    if (cause != hx::Cause::kNone && !IsMissing(cause))
-      throw Refusal(503, file->Name() + " cannot be read: " + Zarn::ZrCauseText(cause));
+    if (cause != hx::Cause::kNone && cause != hx::Cause::kDamagedRecord &&
+        cause != hx::Cause::kDamagedEntry && !IsMissing(cause))
+      throw Refusal(503, file->Name() + " cannot be used: " + Zarn::ZrCauseText(cause));
   }
   AnswerText(answer, 200, "ok\n");
 }
@@ -315,6 +318,8 @@ Server::Server(const Options& options) : m_site(std::make_unique<Site>(options))
 Server::~Server() = default;
 const std::string& Server::Location() const { return m_site->m_address; }
 int Server::Port() const { return m_site->m_port; }
+
+const std::vector<std::string>& Server::LeftOut() const { return m_site->m_leftOut; }
 
 std::vector<std::string> Server::Names() const {
   std::vector<std::string> names;

@@ -24,8 +24,8 @@ struct Options {
 /// Serves files over HTTP until it is destroyed. Others may write into them meanwhile.
 class Server {
  public:
-  /// Opens the files and begins to answer. Throws hx::Error if a file cannot be opened, and
-  /// std::runtime_error if the address or the options cannot be used.
+  /// Opens the files and begins to answer. Throws hx::Error if a file that was named cannot be
+  /// opened, and std::runtime_error if the address or the options cannot be used.
   explicit Server(const Options& options);
   /// Answers what was asked up to now, and ends.
   ~Server();
@@ -35,6 +35,8 @@ class Server {
   int Port() const;
   /// Under which names the files are found.
   std::vector<std::string> Names() const;
+  /// Why files of folders cannot be opened, in a sentence each. They are not served.
+  const std::vector<std::string>& LeftOut() const;
 
  private:
   class Site;

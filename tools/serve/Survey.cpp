@@ -24,9 +24,10 @@ void HeatMap::Add(std::uint32_t row, std::uint32_t col, const Field& tile) {
 HeatMap::Picture HeatMap::Draw(std::uint32_t size) const {
   Picture picture;
   if (m_fields.empty()) return picture;
-  std::uint32_t firstRow = UINT32_MAX, lastRow = 0, firstCol = UINT32_MAX, lastCol = 0;
+  // A field of 2^32 cells is as large as any grid, and is shifted by 32.
+  std::uint64_t firstRow = UINT32_MAX, lastRow = 0, firstCol = UINT32_MAX, lastCol = 0;
   for (const auto& [key, field] : m_fields) {
-    const auto row = static_cast<std::uint32_t>(key >> 32), col = static_cast<std::uint32_t>(key);
+    const std::uint64_t row = key >> 32, col = key & UINT32_MAX;
     firstRow = std::min(firstRow, row);
     lastRow = std::max(lastRow, row);
     firstCol = std::min(firstCol, col);
@@ -38,16 +39,16 @@ HeatMap::Picture HeatMap::Draw(std::uint32_t size) const {
     ++shift;
   firstRow >>= shift;
   firstCol >>= shift;
-  picture.step = std::uint32_t{1} << (shift + m_shift);
-  picture.rows = (lastRow >> shift) - firstRow + 1;
-  picture.cols = (lastCol >> shift) - firstCol + 1;
-  picture.firstRow = firstRow << (shift + m_shift);
-  picture.firstCol = firstCol << (shift + m_shift);
+  picture.step = std::uint64_t{1} << (shift + m_shift);
+  picture.rows = static_cast<std::uint32_t>((lastRow >> shift) - firstRow + 1);
+  picture.cols = static_cast<std::uint32_t>((lastCol >> shift) - firstCol + 1);
+  picture.firstRow = static_cast<std::uint32_t>(firstRow << (shift + m_shift));
+  picture.firstCol = static_cast<std::uint32_t>(firstCol << (shift + m_shift));
   picture.fields.resize(std::size_t{picture.rows} * picture.cols);
   for (const auto& [key, field] : m_fields) {
-    const std::uint32_t row = (static_cast<std::uint32_t>(key >> 32) >> shift) - firstRow;
-    const std::uint32_t col = (static_cast<std::uint32_t>(key) >> shift) - firstCol;
-    picture.fields[std::size_t{row} * picture.cols + col].Add(field);
+    const std::uint64_t row = (key >> 32 >> shift) - firstRow;
+    const std::uint64_t col = ((key & UINT32_MAX) >> shift) - firstCol;
+    picture.fields[row * picture.cols + col].Add(field);
   }
   return picture;
 }

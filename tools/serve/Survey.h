@@ -29,7 +29,7 @@ class HeatMap {
   /// The filled part of the grid, in square fields of `step` cells, at most so many in either
   /// direction.
   struct Picture {
-    std::uint32_t step = 1;
+    std::uint64_t step = 1;
     std::uint32_t rows = 0, cols = 0;          ///< in fields
     std::uint32_t firstRow = 0, firstCol = 0;  ///< the cell at which the first one begins
     std::vector<Field> fields;                 ///< row by row
@@ -49,6 +49,7 @@ class HeatMap {
 struct Level {
   Field sum;
   std::uint32_t firstRow = UINT32_MAX, lastRow = 0, firstCol = UINT32_MAX, lastCol = 0;
+  std::uint64_t endRow = 0, endCol = 0;  ///< behind the last cells that there can be
   HeatMap heat;
 
   void Add(std::uint32_t row, std::uint32_t col, const Field& tile);

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <ctime>
 #include <functional>
 
 #include "Encoding.h"
@@ -12,13 +13,17 @@ namespace Serve {
 namespace {
 
 constexpr std::size_t kMostContents = 64 << 20;  // of a payload that is decompressed
+constexpr std::size_t kLargeContents = 1 << 20;  // few of those at a time
 
 // Of a version: stamp and length, and a hash, for a store under the same stamp may change neither.
-std::string TagOf(const hx::Payload& payload, std::string_view bytes, bool isDecompressed) {
-  std::array<char, 64> text;
-  const int length =
-      std::snprintf(text.data(), text.size(), "\"%llx-%zx-%zx%s\"", payload.stamp(), bytes.size(),
-                    std::hash<std::string_view>()(bytes), isDecompressed ? "-d" : "");
+// What is sent under another encoding is something else.
+std::string TagOf(const hx::Payload& payload, std::string_view bytes, Encoding encoding,
+                  bool isDecompressed) {
+  std::array<char, 80> text;
+  const int length = std::snprintf(
+      text.data(), text.size(), "\"%llx-%zx-%zx%s%s%s\"", payload.stamp(), bytes.size(),
+      std::hash<std::string_view>()(bytes), encoding != Encoding::kNone ? "-" : "",
+      NameOf(encoding), isDecompressed ? "-d" : "");
   return {text.data(), static_cast<std::size_t>(length)};
 }
 
@@ -26,8 +31,8 @@ std::string TagOf(const hx::Payload& payload, std::string_view bytes, bool isDec
 bool Holds(std::string_view list, std::string_view tag) {
   for (std::size_t at = 0; (at = list.find(tag, at)) != list.npos; at += tag.size()) {
     const std::size_t end = at + tag.size();
-    if ((at == 0 || std::string_view(" ,/").find(list[at - 1]) != std::string_view::npos) &&
-        (end == list.size() || list[end] == ',' || list[end] == ' '))
+    if ((at == 0 || std::string_view(" \t,/").find(list[at - 1]) != std::string_view::npos) &&
+        (end == list.size() || std::string_view(" \t,").find(list[end]) != std::string_view::npos))
       return true;
   }
   return list == "*";
@@ -36,9 +41,8 @@ bool Holds(std::string_view list, std::string_view tag) {
 bool IsUnchanged(const HttpRequest& request, std::string_view tag,
                  std::optional<std::time_t> time) {
   if (!request.ifNoneMatch.empty()) return Holds(request.ifNoneMatch, tag);
-  if (!time || request.ifModifiedSince.empty()) return false;
-  const auto since = FromHttpDate(request.ifModifiedSince);
-  return since && *time <= *since;
+  // An older time may be that of a newer tile: stamps need not rise.
+  return time && request.ifModifiedSince == ToHttpDate(*time);
 }
 
 }  // namespace
@@ -66,8 +70,9 @@ bool AnswerTile(const ServedFile& file, const Address& address, const TileQuery&
   // Nothing here decompresses zstd.
   const bool isDecompressed = isEncoded && media.encoding != Encoding::kZstd &&
                               !Accepts(request.acceptEncoding, media.encoding);
-  std::string tag = TagOf(answer.payload, bytes, isDecompressed);
-  const auto time = TimeOf(answer.payload.stamp());
+  std::string tag = TagOf(answer.payload, bytes, media.encoding, isDecompressed);
+  auto time = TimeOf(answer.payload.stamp());
+  if (time && *time > std::time(nullptr)) time.reset();  // what was modified is not of the future
   const bool isUnchanged = IsUnchanged(request, tag, time);
   answer.Set("ETag", std::move(tag));
   if (time) answer.Set("Last-Modified", ToHttpDate(*time));
@@ -77,7 +82,11 @@ bool AnswerTile(const ServedFile& file, const Address& address, const TileQuery&
     return true;
   }
   if (isDecompressed) {
-    auto contents = Decompress(bytes, media.encoding, kMostContents);
+    auto contents = Decompress(bytes, media.encoding, kLargeContents);
+    if (!contents) {
+      answer.held = rules.large->Take("the server is busy with other large tiles");
+      contents = Decompress(bytes, media.encoding, kMostContents);
+    }
     if (!contents) throw Refusal(500, "the tile cannot be decompressed");
     answer.text = std::move(*contents);
   } else {

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "HttpServer.h"
+#include "Limit.h"
 #include "ServedFile.h"
 
 namespace Serve {
@@ -20,6 +21,7 @@ struct TileQuery {
 struct TileRules {
   int missingStatus = 204;
   std::string cacheControl;
+  Limit* large = nullptr;  ///< of answers that are decompressed and large
 };
 
 /// Answers with a tile: 200, or 304 if the client has it. False if it is not there, and then that

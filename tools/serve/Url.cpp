@@ -26,6 +26,12 @@ std::optional<std::string> Decode(std::string_view text, bool plusIsSpace) {
   return decoded;
 }
 
+// Of letters in any case; `lower` has small ones.
+bool IsSame(std::string_view text, std::string_view lower) {
+  return std::equal(text.begin(), text.end(), lower.begin(), lower.end(),
+                    [](unsigned char a, char b) { return std::tolower(a) == b; });
+}
+
 // Calls `take` for each part; false ends it.
 template <typename Take>
 bool Split(std::string_view text, char separator, Take take) {
@@ -41,8 +47,11 @@ bool Split(std::string_view text, char separator, Take take) {
 
 std::optional<Url> Url::Parse(std::string_view target) {
   // Proxies may name the server as well.
-  if (constexpr std::string_view kScheme = "http://"; target.starts_with(kScheme))
-    target.remove_prefix(std::min(target.find('/', kScheme.size()), target.size()));
+  for (const std::string_view scheme : {"http://", "https://"})
+    if (IsSame(target.substr(0, scheme.size()), scheme)) {
+      target.remove_prefix(std::min(target.find('/', scheme.size()), target.size()));
+      break;
+    }
   if (!target.starts_with('/')) return std::nullopt;
   const std::size_t mark = std::min(target.find('?'), target.size());
   Url url;
@@ -89,6 +98,8 @@ std::optional<Number> ParseNumber(std::string_view text) {
 
 template std::optional<std::uint32_t> ParseNumber(std::string_view);
 template std::optional<unsigned long long> ParseNumber(std::string_view);
+
+std::optional<std::string> DecodeSegment(std::string_view text) { return Decode(text, false); }
 
 std::string EncodeSegment(std::string_view text) {
   constexpr char kDigits[] = "0123456789ABCDEF";

@@ -27,5 +27,7 @@ template <typename Number>
 std::optional<Number> ParseNumber(std::string_view text);
 /// As a segment of a path.
 std::string EncodeSegment(std::string_view text);
+/// Back again; nothing if it is malformed, or has a NUL.
+std::optional<std::string> DecodeSegment(std::string_view text);
 
 }  // namespace Serve

@@ -288,13 +288,16 @@ export class MapView {
 
 /** Of an attribution only the text and the links: whoever made the file has written it. */
 function harmless(html) {
-  const { body } = new DOMParser().parseFromString(html, "text/html");
-  for (const element of [...body.querySelectorAll("*")]) {
+  const template = h("template");  // what is in it does nothing
+  // Handlers would not run, but a browser complains of each.
+  template.innerHTML = html.replace(/<[^>]*>/g, (tag) =>
+    tag.replace(/(?<=[\s/"'])on\w+(?=\s*=)/gi, "data-off"));
+  for (const element of [...template.content.querySelectorAll("*")]) {
     const isLink = element.localName === "a" && /^https?:/.test(element.getAttribute("href") ?? "");
     element.replaceWith(...(isLink ? [h("a", { href: element.href, rel: "noopener" }, ...element.childNodes)]
       : element.childNodes));
   }
-  return body.innerHTML;
+  return template.innerHTML;
 }
 
 const colourOf = (i) => token(`--layer-${i % colours}`);

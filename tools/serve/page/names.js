@@ -57,13 +57,15 @@ export class NamesView {
   async #load(after) {
     const turn = ++this.#turn;
     try {
-      const { names, next } = await api.names(this.#file, this.#prefix, after, page, this.#signal);
+      const { names, next, escaped = {} } = await api.names(this.#file, this.#prefix, after, page, this.#signal);
       if (turn !== this.#turn) return;
       const { prefix } = address.read();
-      this.#list.append(...names.map((name) => h("li", {}, h("a", {
-        href: address.link({ name: this.#file.name, view: "names", prefix, tile: name }),
-        "data-name": name,
-      }, name))));
+      // A name that is no text cannot be asked for here.
+      this.#list.append(...names.map((name, i) => h("li", {}, escaped[i] ? h("span", {}, escaped[i])
+        : h("a", {
+          href: address.link({ name: this.#file.name, view: "names", prefix, tile: name }),
+          "data-name": name,
+        }, name))));
       const size = this.#list.children.length;
       this.#count.textContent = size === 0 ? "No name begins so."
         : `${plural(size, "name")}${next ? " so far" : ""}`;

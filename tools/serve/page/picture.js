@@ -76,7 +76,7 @@ export class PictureView {
       ? [state.zoom, zoomOfTile].map(Number).find((wanted, i) =>
         [state.zoom, zoomOfTile][i] && this.#zooms.includes(wanted)) ?? this.#zooms.at(-1)
       : null;
-    this.#by.value = state.by in scales ? state.by : "tiles";
+    this.#by.value = Object.hasOwn(scales, state.by ?? "") ? state.by : "tiles";
     if (zoom !== null) this.#zoom.value = zoom;
     const asked = JSON.stringify([zoom, state.box]);
     if (asked === this.#asked) return this.#draw();
@@ -127,9 +127,9 @@ export class PictureView {
   }
 
   #paint(context) {
-    const { fieldColumns, tiles, step } = this.#heat;
+    const { fieldColumns, tiles } = this.#heat;
     const scale = scales[this.#by.value];
-    const values = tiles.map((filled, i) => (filled ? scale.value(this.#sums(i), step * step) : null));
+    const values = tiles.map((filled, i) => (filled ? scale.value(this.#sums(i), this.#room(i)) : null));
     const [least, most] = values.reduce(([low, high], value) => (value === null ? [low, high]
       : [Math.min(low, value), Math.max(high, value)]), [Infinity, -Infinity]);
     const ramp = Array.from({ length: shades }, (_, i) => token(`--heat-${i}`));
@@ -181,6 +181,14 @@ export class PictureView {
     const { step, box } = this.#heat;
     const [row0, column0] = [box[0] + row * step, box[1] + column * step];
     return [row0, column0, Math.min(row0 + step - 1, box[2]), Math.min(column0 + step - 1, box[3])];
+  }
+
+  /** How many cells a field has: at the edges of the grid fewer. */
+  #room(i) {
+    const { fieldColumns } = this.#heat;
+    const [row0, column0, row1, column1] =
+      this.#cells([Math.floor(i / fieldColumns), i % fieldColumns]);
+    return (row1 - row0 + 1) * (column1 - column0 + 1);
   }
 
   #fieldOfTile() {

@@ -12,7 +12,7 @@ export function statistics(file, info) {
     h("h2", { id: "statistics-title" }, "File"),
     facts([
       ["Kind", kinds[file.kind] + (info.format ? `, ${info.format}` : "")],
-      ["Path", h("span", { class: "path" }, info.path)],
+      ["File", h("span", { class: "path" }, info.path)],
       ["Tiles", count(sum("tiles"))],
       ["Versions", count(sum("versions"))],
       ["Damaged", info.damaged ? h("span", { class: "wrong" }, count(info.damaged)) : null],
