@@ -42,7 +42,7 @@ struct Exchange {
 thread_local Exchange t_exchange;
 
 // A field that has come several times is a list.
-std::string Field(const httplib::Request& request, const char* name) {
+std::string HeaderField(const httplib::Request& request, const char* name) {
   const auto [first, last] = request.headers.equal_range(name);
   std::string list;
   for (auto field = first; field != last; ++field)
@@ -210,7 +210,7 @@ bool HttpServer::Engine::Answer(ClientStream& stream) {
 // How many bytes follow the head. Of those that nobody counts there may be any number.
 void HttpServer::Engine::LookAtBody(const httplib::Request& request) {
   Exchange& exchange = t_exchange;
-  const std::string length = Field(request, "Content-Length");
+  const std::string length = HeaderField(request, "Content-Length");
   const char* const end = length.data() + length.size();
   const auto read = std::from_chars(length.data(), end, exchange.bodyLength);
   const bool isCounted = length.empty() || (read.ec == std::errc() && read.ptr == end &&
@@ -226,10 +226,10 @@ void HttpServer::Engine::Handle(const httplib::Request& request, httplib::Respon
   HttpRequest& asked = exchange.request;
   asked.method = request.method;
   asked.target = request.target;
-  asked.host = Field(request, "Host");
-  asked.acceptEncoding = Field(request, "Accept-Encoding");
-  asked.ifNoneMatch = Field(request, "If-None-Match");
-  asked.ifModifiedSince = Field(request, "If-Modified-Since");
+  asked.host = HeaderField(request, "Host");
+  asked.acceptEncoding = HeaderField(request, "Accept-Encoding");
+  asked.ifNoneMatch = HeaderField(request, "If-None-Match");
+  asked.ifModifiedSince = HeaderField(request, "If-Modified-Since");
   m_handler(asked, exchange.answer);
   response.status = exchange.answer.status;
 }
