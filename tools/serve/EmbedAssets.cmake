@@ -54,6 +54,9 @@ asm(".pushsection .rodata, \"a\"\n"
 const std::vector<Serve::Asset> Serve::kAssets = {
 @rows@};
 ]])
-  set_source_files_properties(${source} PROPERTIES OBJECT_DEPENDS "${compressed}")
+  # By itself, for files that are built together depend on no other ones.
+  set_source_files_properties(${source} PROPERTIES
+    OBJECT_DEPENDS "${compressed}"
+    SKIP_UNITY_BUILD_INCLUSION ON)
   target_sources(${target} PRIVATE ${source})
 endfunction()
