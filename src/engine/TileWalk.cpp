@@ -143,6 +143,7 @@ TileWalk::Seen TileWalk::ReadNames(OpenFile& file, View& view, unsigned int& res
 TileWalk::Seen TileWalk::Collect(OpenFile& file, View& view, unsigned int& result) {
   const NameIndex& names = *file.Names();
   if (m_slot == 0) {
+    if (!view.LookNow()) return Seen::kAgain;
     if (!file.Names()->IsComplete(view)) return Seen::kLocked;
     m_total = names.GetCount();
     m_order.Begin(m_total);

@@ -226,7 +226,10 @@ TileWalk::Seen Engine::CountEntries(OpenFile& file, View& view, std::uint64_t& n
                                     ZrStatistics& statistics) {
   constexpr int kBlocksAtOnce = 16;
   const Format::IndexShape index = file.Index().GetShape();
-  if (file.Names() != nullptr && !file.Names()->IsComplete(view)) return TileWalk::Seen::kLocked;
+  if (file.Names() != nullptr) {
+    if (!view.LookNow()) return TileWalk::Seen::kAgain;
+    if (!file.Names()->IsComplete(view)) return TileWalk::Seen::kLocked;
+  }
   const std::uint64_t entries = index.IsGrid() ? index.count : file.Names()->GetCount();
   std::uint64_t length = 0;
   file.GetStream()->GetLength(length);

@@ -35,6 +35,13 @@ bool Snapshot::Begin() {
   return m_board.IsOurs(m_words) && (m_attempts == 1 || m_board.IsSettled(m_words));
 }
 
+bool Snapshot::LookNow() {
+  if (m_board.GetPlace() == Board::kNowhere) return true;
+  if (!m_board.Look(m_words)) return false;
+  m_board.Note(m_words);
+  return m_board.IsOurs(m_words);
+}
+
 bool Snapshot::ReadIndex(std::uint64_t position, void* target, std::uint64_t size) const {
   return (m_map != nullptr && m_map->ReadUpTo(position, target, size) == size) ||
          ReadEntries(m_file, position, static_cast<unsigned char*>(target), size);

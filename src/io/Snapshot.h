@@ -27,6 +27,9 @@ class Snapshot {
   /// Begins, or begins anew. False after a number of attempts, if a change goes on for long, or if
   /// the file must be loaded again: then only the lock helps.
   bool Begin();
+  /// Takes the words as they are now, before anything is read: for one who must see all that was
+  /// stored before, and believes more than IsValid tells of. False: begin anew.
+  bool LookNow();
   /// Whether what has this tag (Board::Tag) is right, and may be used.
   bool IsCurrent(std::uint64_t tag) const { return m_board.IsCurrent(tag, m_words.entries); }
   /// The value of `entries` for what is read now.

@@ -215,6 +215,26 @@ TEST_P(Walk, Answers) {
             std::vector(3, 6U));
 }
 
+// Also if the walking object has not looked at the file since.
+TEST_P(Walk, BeginsWithAllThatOthersHaveStored) {
+  Make();
+  ZrCompactFile other;
+  ASSERT_EQ(other.Open(path, u"", GetMode()), 0U);
+  for (unsigned int tile = kTiles; tile < kTiles + 3; ++tile) {
+    ASSERT_EQ(Put(other, tile, "new"), 0U);
+    ZrTileCursor cursor(object);
+    unsigned int count = 0;
+    while (cursor.Next() == 0)
+      ++count;
+    EXPECT_EQ(count, tile + 1);
+    ASSERT_EQ(Put(other, tile + 3, "new"), 0U);
+    ZrStatistics statistics;
+    EXPECT_EQ(object.GetStatistics(statistics), 0U);
+    EXPECT_EQ(statistics.tiles, tile + 2);
+    ASSERT_EQ(Drop(other, tile + 3), 0U);
+  }
+}
+
 // The file goes, or another kind of file comes, when a tile is next that has to be read alone: a
 // damaged one, names of one hash, the second of these; or when none was read ahead.
 TEST_P(Walk, EndsAtAnyTurn) {
