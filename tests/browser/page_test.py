@@ -48,11 +48,13 @@ def make_files(work):
                     write(work / f"world/{tile}.png", make_tiles.png(zoom, column, row))
                 if zoom < 2:
                     write(work / f"shapes/{tile}.pbf", gzip.compress(make_tiles.shapes()))
+                    write(work / f"plain/{tile}.pbf", make_tiles.shapes())
     write(work / "world/metadata.json", json.dumps(
         {"name": "World", "format": "png",
          "attribution": '<a href="about:blank">Nobody</a><img src="http://127.0.0.2/" onerror="alert(1)">'}).encode())
     for name in ("world", "shapes"):
         hxcf("import", "--stamp", 5, work / name, served / f"{name}.cf")
+    hxcf("import", "--layout", "grid", work / "plain", served / "plain")
     hxcf("put", "--stamp", 9, served / "world.cf", REPLACED, data=make_tiles.png(1, 1, 1))
     hxcf("put", "--stamp", 9, served / "world.cf", BROKEN, data=make_tiles.png(0, 0, 0)[:100])
 
@@ -231,6 +233,16 @@ class Maps(Page):
         browser.until("return location.hash.includes('off=land')")
         self.settle_map()
         self.expect_near(self.shoot_map()(170, 200), ground)
+
+    def test_vector_tiles_of_another_source_look_the_same(self):
+        for name in ("shapes", "plain"):
+            self.open_map(f"{name}/map?at=0/0/0")
+            browser.until("return document.querySelectorAll('.layers input').length === 3")
+            self.settle_map()
+            browser.shoot(work / f"{name}.png", ".map")
+        result = subprocess.run(["compare", "-metric", "AE", work / "shapes.png", work / "plain.png",
+                                 "null:"], stderr=subprocess.PIPE, text=True)
+        self.assertEqual(result.stderr.split()[0], "0")
 
     def test_a_click_inspects_the_tile_and_a_reload_shows_the_same_place(self):
         self.open_map("world/map?at=1/0/0&borders=1")
