@@ -14,6 +14,20 @@ struct ZrStatistics {
   unsigned long long liveBytes = 0;     ///< of the records of all versions
   unsigned long long deadBytes = 0;     ///< the rest, which a compaction would give back
   unsigned long long damaged = 0;       ///< tiles that cannot be read; `tiles` does not count them
+
+  /// Of several files together.
+  ZrStatistics& operator+=(const ZrStatistics& other) {
+    tiles += other.tiles;
+    entries += other.entries;
+    indexBytes += other.indexBytes;
+    fileBytes += other.fileBytes;
+    versions += other.versions;
+    payloadBytes += other.payloadBytes;
+    liveBytes += other.liveBytes;
+    deadBytes += other.deadBytes;
+    damaged += other.damaged;
+    return *this;
+  }
 };
 
 }  // namespace Zarn

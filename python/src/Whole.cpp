@@ -65,22 +65,10 @@ void Compact(const Tiles& tiles, const py::object& progress) {
   });
 }
 
-void Add(hx::Statistics& sum, const hx::Statistics& some) {
-  sum.tiles += some.tiles;
-  sum.entries += some.entries;
-  sum.indexBytes += some.indexBytes;
-  sum.fileBytes += some.fileBytes;
-  sum.versions += some.versions;
-  sum.payloadBytes += some.payloadBytes;
-  sum.liveBytes += some.liveBytes;
-  sum.deadBytes += some.deadBytes;
-  sum.damaged += some.damaged;
-}
-
 py::object CountAll(const Tiles& tiles, const py::object& progress) {
   hx::Statistics sum;
   LongCall(tiles, progress).ForEach([&](Container& file, const Container::Progress& tell) {
-    Add(sum, file.statistics(tell));
+    sum += file.statistics(tell);
     return true;
   });
   return ToPython(sum);

@@ -374,20 +374,9 @@ std::uint64_t Tileset::size() const {
   return count;
 }
 
-Statistics Tileset::statistics() const {
+Statistics Tileset::statistics(const Container::Progress& progress) const {
   Statistics sum;
-  Use().ForEach([&](Container& container) {
-    const Statistics some = container.statistics();
-    sum.tiles += some.tiles;
-    sum.entries += some.entries;
-    sum.indexBytes += some.indexBytes;
-    sum.fileBytes += some.fileBytes;
-    sum.versions += some.versions;
-    sum.payloadBytes += some.payloadBytes;
-    sum.liveBytes += some.liveBytes;
-    sum.deadBytes += some.deadBytes;
-    sum.damaged += some.damaged;
-  });
+  Use().ForEach([&](Container& container) { sum += container.statistics(progress); });
   return sum;
 }
 

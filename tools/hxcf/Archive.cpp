@@ -118,7 +118,7 @@ std::uint64_t Archive::Count() {
 }
 
 hx::Statistics Archive::Count(const hx::Container::Progress& progress) {
-  return GetFile() != nullptr ? GetFile()->statistics(progress) : GetSet()->statistics();
+  return GetFile() != nullptr ? GetFile()->statistics(progress) : GetSet()->statistics(progress);
 }
 
 }  // namespace Hxcf

@@ -309,8 +309,8 @@ Survey ServedFile::WalkAll(const Handle& handle, const std::atomic<bool>& isStop
   }
   handle.SetEnds(survey);
   const hx::Container* const file = handle.File();
-  survey.statistics = file == nullptr ? handle.set.statistics()
-                                      : file->statistics([&](auto, auto) { return !isStopping; });
+  const auto goesOn = [&](std::uint64_t, std::uint64_t) { return !isStopping; };
+  survey.statistics = file == nullptr ? handle.set.statistics(goesOn) : file->statistics(goesOn);
   return survey;
 }
 

@@ -116,8 +116,8 @@ class HX_TILES_API Tileset {
                 std::optional<std::uint32_t> zoom = {}, const CursorOptions& options = {}) const;
   /// How many tiles there are: of grids by their indexes, of names by a walk.
   std::uint64_t size() const;
-  /// Of all files together.
-  Statistics statistics() const;
+  /// Of all files together; `done` and `total` are those of each.
+  Statistics statistics(const Container::Progress& progress = {}) const;
   void flush();
   /// Of each file; `done` and `total` are those of the file.
   void compact(const Container::Progress& progress = {});
